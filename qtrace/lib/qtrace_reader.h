@@ -1,0 +1,95 @@
+/* Reader of trace files, and the errors of the writer: what the reference trace library offers beside the four
+ * writer operations. Usable from C11 and C++20. A reader belongs to one thread at a time. */
+#ifndef QTRACE_READER_H
+#define QTRACE_READER_H
+
+#include "qtrace_t.h"
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* An open trace file. */
+typedef struct QTRACE_Reader QTRACE_Reader;
+
+/* What one call of qtrace_next delivers. */
+typedef enum QTRACE_ITEM {
+    QTRACE_ITEM_END = 0,    /* the file ended cleanly after its last block */
+    QTRACE_ITEM_HEADER = 1, /* a file header */
+    QTRACE_ITEM_RECORD = 2, /* a record */
+    QTRACE_ITEM_DAMAGE = 3, /* something could not be read; qtrace_error and qtrace_damage say what. The next
+                               call goes on with the next whole block, or with QTRACE_ITEM_END */
+    QTRACE_ITEM_ERROR = 4   /* the file cannot be read any further (an I/O error, out of memory) */
+} QTRACE_ITEM;
+
+/* One item. Owned by the reader and valid until its next call on the same reader. */
+typedef struct QTRACE_Item {
+    QTRACE_ITEM kind;
+    QTRACE_FILE_HDR header; /* of a header; comment points into the reader's memory, terminated */
+    QTRACE_RECORD record;   /* of a record */
+    /* Address of the instruction of a record, reconstructed from headers and next-instruction addresses.
+     * address_known is 0 until a header has named one. */
+    uint64_t address;
+    int address_known;
+    uint64_t header_number; /* headers before this item */
+    uint64_t record_number; /* records before this item; with damage before it: at least so many */
+    uint64_t block_offset;  /* byte offset in the file of the block that holds the item */
+} QTRACE_Item;
+
+/* What was lost at a damaged place. */
+typedef struct QTRACE_Damage {
+    uint64_t offset;        /* first damaged byte */
+    uint64_t bytes;         /* bytes skipped */
+    uint64_t records;       /* records lost there, where the blocks around it tell */
+    int records_known;
+    int truncated;          /* the file ends inside a block: it was cut, or its writer died */
+} QTRACE_Damage;
+
+/* What qtrace_info tells without decoding records. */
+typedef struct QTRACE_Info {
+    uint32_t format_version;
+    uint32_t compression;    /* 0 none, 1 zstd */
+    uint64_t size;           /* bytes of the file */
+    uint64_t blocks;         /* whole blocks */
+    uint64_t records;
+    uint64_t headers;
+    uint64_t damaged_places;
+    int clean_end;           /* the last block is whole and nothing follows it */
+} QTRACE_Info;
+
+/* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text
+ * that the caller frees with free(): "NAME: byte OFFSET: REASON". */
+QTRACE_Reader *qtrace_open(const char *name, char **error);
+
+/* The next item, in file order. */
+QTRACE_ITEM qtrace_next(QTRACE_Reader *reader, const QTRACE_Item **item);
+
+/* Goes to record number `record` (from 0; to the headers in front of it, if any) by way of the blocks, without
+ * decoding those before it. Returns 0, or -1 when the file has no such record (then at the end). */
+int qtrace_seek(QTRACE_Reader *reader, uint64_t record);
+
+/* Summary of the whole file, from the block headers alone. The position of the reader is kept. Returns 0 or -1. */
+int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info);
+
+/* The last damage or error as text, "NAME: byte OFFSET: REASON"; the reader's, valid until its next call. */
+const char *qtrace_error(const QTRACE_Reader *reader);
+
+/* The last damage; null when there was none. */
+const QTRACE_Damage *qtrace_damage(const QTRACE_Reader *reader);
+
+void qtrace_close(QTRACE_Reader *reader);
+
+/* ---- The writer's errors ----------------------------------------------------------------------------- */
+
+/* Path and reason of the last failed writer operation in this process ("trace0: write: No space left on
+ * device"), or an empty text. Valid until the next writer operation. */
+const char *qtrace_writer_error(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

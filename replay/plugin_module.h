@@ -1,0 +1,50 @@
+// A plugin as the host sees it: a shared object with entry points and event handlers found by name.
+#pragma once
+
+#include "host.h"
+
+#include <string>
+#include <vector>
+
+namespace replay {
+
+class Plugin_Module {
+public:
+    Plugin_Module() = default;
+    ~Plugin_Module(); // unloads
+    Plugin_Module(const Plugin_Module &) = delete;
+    Plugin_Module &operator=(const Plugin_Module &) = delete;
+
+    // Loads the shared object `file`, calls plugin_init and looks up the handlers of the returned table, and
+    // Event_RTPTE_Access by its own name. Returns an empty text, or what went wrong (nothing is loaded then).
+    std::string load(const std::string &file);
+
+    // plugin_quit, then the shared object is closed.
+    void unload();
+    bool loaded() const { return library_ != nullptr; }
+    const std::string &file() const { return file_; }
+
+    // plugin_signal with `words` behind the plugin's file name.
+    void signal(const std::vector<std::string> &words);
+
+    // Deliver one event; nothing happens when the plugin has no handler for it.
+    void commit(const Instruction &instruction);      // raw time is the caller's to move
+    void pre_execution(const Instruction &instruction);
+    void pte_access(const Instruction &instruction, PTE_Event_Info info);
+    void rtpte_access(const Instruction &instruction, RTPTE_Event_Info info);
+
+    // Address of an exported name, or null.
+    void *symbol(const char *name) const;
+
+private:
+    std::string file_;
+    void *library_ = nullptr;
+    void (*signal_)(int, char **) = nullptr;
+    void (*quit_)() = nullptr;
+    void (*on_commit_)(void *) = nullptr;
+    void (*on_pre_execution_)(void *) = nullptr;
+    void (*on_pte_)(void *, PTE_Event_Info *) = nullptr;
+    void (*on_rtpte_)(void *, RTPTE_Event_Info *) = nullptr;
+};
+
+} // namespace replay
