@@ -95,6 +95,9 @@ struct Machine_Shape {
     std::vector<unsigned> options; // indices of the processor options that are on
 };
 
+// More hardware threads than any machine has; keeps a mistyped count from taking all memory.
+constexpr uint64_t MAX_HARDWARE_THREADS = 65536;
+
 enum class Channel { print, warning, error };
 
 // One call of SIM_PRINT, sim_do_warning or sim_do_error.
@@ -106,17 +109,22 @@ struct Console_Message {
     std::string text;   // as formatted by the plugin, line ends included
 };
 
+// The message as a line for people: "warning (2): TEXT", "error (SOURCE:LINE): TEXT", each with one line end; a
+// print is its text as it is.
+std::string description_of(const Console_Message &message);
+
 class Host {
 public:
     // Becomes a machine of that shape with all threads in their initial state, raw time 0, nothing delivered.
-    // The plugin must not be loaded (its tables have the old size).
+    // The plugin must not be loaded (its tables have the old size). Throws std::invalid_argument when there are
+    // more than MAX_HARDWARE_THREADS or an option is out of range.
     void reset(const Machine_Shape &shape);
 
     const Machine_Shape &shape() const { return shape_; }
     int thread_count() const { return static_cast<int>(contexts_.size()); }
 
     // State of a hardware thread from now on. The first call for a thread also says what its LPID and PID were
-    // before: until then a thread counts as having had 0 for both.
+    // before, unless the plugin has asked about their change already: a thread without a state has 0 for both.
     void set_context(int tid, const Thread_Context &context);
     const Thread_Context &context(int tid) const { return contexts_[static_cast<size_t>(tid)].now; }
 
@@ -131,7 +139,7 @@ public:
     using Session_Listener = std::function<void(std::string_view)>;
     void set_session_listener(Session_Listener listener) { session_listener_ = std::move(listener); }
 
-    // In the observing build of this library: receives the name of every query, in order. Queries that take a
+    // Takes effect in the observing build of this library only: receives the name of every query, in order. Queries that take a
     // walk or level number are named with it: "Get_Inst_PC_HOST_RTPTE_n_RA(2)"; Get_String_Length with its
     // commit flag.
     using Query_Observer = std::function<void(std::string_view)>;
@@ -145,6 +153,8 @@ public:
         Thread_Context now;
         uint64_t lpid_last_told = 0; // what the change queries compare with
         uint32_t pid_last_told = 0;
+        bool lpid_told = false; // the change query has been answered at least once
+        bool pid_told = false;
         bool has_context = false;
     };
     Thread &thread(int tid) { return contexts_[static_cast<size_t>(tid)]; }

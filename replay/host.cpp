@@ -1,0 +1,440 @@
+#include "host.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <strings.h>
+
+// Opaque to the plugin: all there is to know is in the one host of the process.
+struct DeviceMgr {};
+struct MCM {};
+
+namespace replay {
+
+namespace {
+
+Host the_host;
+DeviceMgr device_manager;
+MCM configuration_manager;
+Host::Query_Observer query_observer;
+
+constexpr uint32_t PROCESSOR_CLASS = 1;
+constexpr uint32_t NO_CLASS = PROCESSOR_MAJOR_UNKNOWN;
+
+std::string format_text(const char *format, va_list arguments)
+{
+    va_list again;
+    va_copy(again, arguments);
+    std::string text(256, '\0');
+    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
+    if (length >= static_cast<int>(text.size())) {
+        text.resize(static_cast<size_t>(length) + 1);
+        std::vsnprintf(text.data(), text.size(), format, again);
+    }
+    va_end(again);
+    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return text;
+}
+
+void print_to_terminal(const Console_Message &message)
+{
+    if (message.channel == Channel::print) {
+        std::fputs(message.text.c_str(), stdout);
+        return;
+    }
+    std::fflush(stdout); // keeps the two channels in order where both end in one place
+    std::fputs(description_of(message).c_str(), stderr);
+}
+
+} // namespace
+
+Host &host()
+{
+    return the_host;
+}
+
+void *handle_of(const Instruction &instruction)
+{
+    return const_cast<Instruction *>(&instruction);
+}
+
+std::string description_of(const Console_Message &message)
+{
+    std::string text;
+    if (message.channel == Channel::warning)
+        text = "warning (" + std::to_string(message.level) + "): ";
+    if (message.channel == Channel::error)
+        text = "error (" + message.source + ":" + std::to_string(message.line) + "): ";
+    text += message.text;
+    if (message.channel != Channel::print && !text.ends_with('\n'))
+        text += '\n';
+    return text;
+}
+
+void Host::reset(const Machine_Shape &shape)
+{
+    const uint64_t threads = uint64_t{shape.processors} * shape.threads;
+    if (threads > MAX_HARDWARE_THREADS)
+        throw std::invalid_argument("too many hardware threads");
+    processor_ = {};
+    for (unsigned option : shape.options) {
+        if (option >= PROCESSOR_OPTION_COUNT)
+            throw std::invalid_argument("no such processor option");
+        processor_.options.processor_options[option] = 1;
+    }
+    shape_ = shape;
+    machine_ = {&device_manager, PROCESSOR_MAJOR_UNKNOWN, shape.threads};
+    contexts_.assign(static_cast<size_t>(threads), {});
+    raw_time_ = 0;
+}
+
+void Host::set_context(int tid, const Thread_Context &context)
+{
+    Thread &of = thread(tid);
+    of.now = context;
+    if (of.has_context)
+        return;
+    of.has_context = true;
+    if (!of.lpid_told)
+        of.lpid_last_told = context.lpid;
+    if (!of.pid_told)
+        of.pid_last_told = context.pid;
+}
+
+void Host::set_query_observer(Query_Observer observer)
+{
+    query_observer = std::move(observer);
+}
+
+void Host::say(Console_Message message)
+{
+    if (console_)
+        console_(message);
+    else
+        print_to_terminal(message);
+}
+
+void Host::tell_session(std::string_view what)
+{
+    if (session_listener_)
+        session_listener_(what);
+}
+
+namespace {
+
+const Instruction &instruction_of(void *iop)
+{
+    return *static_cast<const Instruction *>(iop);
+}
+
+Host::Thread &thread_of(void *iop)
+{
+    return the_host.thread(instruction_of(iop).tid);
+}
+
+// What a query does besides answering: nothing, or in the observing build telling its name.
+#ifdef REPLAY_OBSERVE_QUERIES
+void observe(const char *name)
+{
+    if (query_observer)
+        query_observer(name);
+}
+void observe(const char *name, int n)
+{
+    if (query_observer)
+        query_observer(std::string(name) + "(" + std::to_string(n) + ")");
+}
+#else
+inline void observe(const char *) {}
+inline void observe(const char *, int) {}
+#endif
+
+template <class Value> bool changed_since_told(Value now, Value &last_told, bool &told)
+{
+    const bool changed = now != last_told;
+    last_told = now;
+    told = true;
+    return changed;
+}
+
+// Walks and levels that do not exist answer 0.
+template <class Array> typename Array::value_type entry_or_zero(const Array &entries, int n)
+{
+    if (n < 0 || static_cast<size_t>(n) >= entries.size())
+        return {};
+    return entries[static_cast<size_t>(n)];
+}
+
+// Counts are handed out as they are, also one that does not fit; never more entries than there is room for.
+template <class Index, class Value>
+void copy_class(int32_t count, Index &to_index, const Index &from_index, Value &to_value, const Value &from_value)
+{
+    const auto entries = static_cast<size_t>(std::clamp(count, 0, static_cast<int32_t>(std::size(from_index))));
+    std::copy_n(from_index, entries, to_index);
+    std::copy_n(from_value, entries, to_value);
+}
+
+void copy_registers(const Plugin_Inst_Registers &from, Plugin_Inst_Registers &to)
+{
+#define COPY_CLASS(c)                                                                                               \
+    to.c##_num = from.c##_num;                                                                                      \
+    copy_class(from.c##_num, to.c##_index, from.c##_index, to.c##_value, from.c##_value)
+    COPY_CLASS(gpr);
+    COPY_CLASS(fpr);
+    COPY_CLASS(spr);
+    COPY_CLASS(vsx);
+    COPY_CLASS(vmx);
+#undef COPY_CLASS
+}
+
+} // namespace
+} // namespace replay
+
+using namespace replay;
+
+// Everything below stands in one object file, so that a program that uses the host has all of it.
+extern "C" {
+
+// ---- machine discovery ----------------------------------------------------------------------------------
+
+Machine *currentMachine = the_host.machine();
+
+MCM *select_mcm(void *)
+{
+    return &configuration_manager;
+}
+
+Machine *select_machine(void *client_data)
+{
+    return static_cast<Host *>(client_data)->machine();
+}
+
+ProcessorState *select_processor(void *client_data)
+{
+    return static_cast<Host *>(client_data)->processor();
+}
+
+uint32_t DeviceMgr__GetDeviceMajorNum(DeviceMgr *, const char *name)
+{
+    return std::strcmp(name, "Processor") == 0 ? PROCESSOR_CLASS : NO_CLASS;
+}
+
+uint32_t DeviceMgr__GetDeviceCount(DeviceMgr *, uint32_t major)
+{
+    return major == PROCESSOR_CLASS ? the_host.shape().processors : 0;
+}
+
+// ---- console, strings, time, session --------------------------------------------------------------------
+
+void SIM_PRINT(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    the_host.say({Channel::print, 0, {}, 0, format_text(format, arguments)});
+    va_end(arguments);
+}
+
+void sim_do_warning(int level, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    the_host.say({Channel::warning, level, {}, 0, format_text(format, arguments)});
+    va_end(arguments);
+}
+
+void sim_do_error(const char *source, int line, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    the_host.say({Channel::error, 0, source, line, format_text(format, arguments)});
+    va_end(arguments);
+}
+
+boolean StrCaseEqual(const char *a, const char *b)
+{
+    return strcasecmp(a, b) == 0;
+}
+
+boolean StrNCaseEqual(const char *a, const char *b, int length)
+{
+    return strncasecmp(a, b, static_cast<size_t>(std::max(length, 0))) == 0;
+}
+
+Cycle GetRawTime(Machine *)
+{
+    return the_host.raw_time();
+}
+
+void Kelvo_QTrace_Plugin_Start(void)
+{
+    the_host.tell_session("start");
+}
+
+void Kelvo_QTrace_Plugin_Stop(void)
+{
+    the_host.tell_session("stop");
+}
+
+void warm_dump(const char *file, Machine *)
+{
+    the_host.tell_session(std::string("warm ") + file);
+}
+
+// ---- queries --------------------------------------------------------------------------------------------
+
+// One row a query: type, name, where the answer stands in the instruction or in its thread's context.
+#define INSTRUCTION_QUERY(type, name, member)                                                                       \
+    type name(void *iop)                                                                                            \
+    {                                                                                                               \
+        observe(#name);                                                                                             \
+        return instruction_of(iop).member;                                                                          \
+    }
+#define THREAD_QUERY(type, name, member)                                                                            \
+    type name(void *iop)                                                                                            \
+    {                                                                                                               \
+        observe(#name);                                                                                             \
+        return thread_of(iop).now.member;                                                                           \
+    }
+// The fetch's query and its twin about the data access.
+#define ADDRESS_QUERY(type, fetch_name, data_name, member)                                                          \
+    INSTRUCTION_QUERY(type, fetch_name, fetch.member)                                                               \
+    INSTRUCTION_QUERY(type, data_name, data.member)
+#define ONE_LEVEL_QUERY(name, array, member)                                                                        \
+    PA name(void *iop, int n)                                                                                       \
+    {                                                                                                               \
+        observe(#name, n);                                                                                          \
+        return entry_or_zero(instruction_of(iop).array, n) member;                                                  \
+    }
+#define LEVEL_QUERY(fetch_name, data_name, array, member)                                                           \
+    ONE_LEVEL_QUERY(fetch_name, fetch.array, member)                                                                \
+    ONE_LEVEL_QUERY(data_name, data.array, member)
+
+// clang-format off
+THREAD_QUERY(uint64_t, Get_Reg_PTCR,   ptcr)
+THREAD_QUERY(uint64_t, Get_Reg_LPIDR,  lpid)
+THREAD_QUERY(uint32_t, Get_Reg_PIDR,   pid)
+THREAD_QUERY(uint64_t, Get_Inst_SDR1,  sdr1)
+THREAD_QUERY(boolean,  Is_Mode_64bit,  bit64)
+THREAD_QUERY(boolean,  Is_LE_Mode,     little_endian)
+THREAD_QUERY(boolean,  Is_Mode_Kernel, kernel)
+THREAD_QUERY(boolean,  In_Cycle_Mode,  cycle_mode)
+
+INSTRUCTION_QUERY(int,      Get_Inst_ThreadId,            tid)
+INSTRUCTION_QUERY(uint64_t, Get_Inst_SeqNumber,           seq)
+INSTRUCTION_QUERY(uint64_t, Get_Inst_PC,                  pc)
+INSTRUCTION_QUERY(uint64_t, Get_Inst_NPC,                 npc)
+INSTRUCTION_QUERY(uint32_t, Get_Inst_Instbody,            op)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Branch,               branch)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Unconditional_Branch, unconditional)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Branch_Taken,         taken)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Load,                 load)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Store,                store)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Cache,                cache)
+INSTRUCTION_QUERY(boolean,  Is_Inst_String,               string)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Exception,            exception)
+INSTRUCTION_QUERY(boolean,  Is_Inst_VMX,                  vmx)
+INSTRUCTION_QUERY(boolean,  Is_Inst_VSX,                  vsx)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Filtered,             filtered)
+INSTRUCTION_QUERY(boolean,  Is_Inst_SimSupport,           sim_support)
+INSTRUCTION_QUERY(boolean,  Is_Inst_Data_EA_Valid,        ea_valid)
+INSTRUCTION_QUERY(uint64_t, Get_Inst_Data_EA,             ea)
+
+ADDRESS_QUERY(MMUStatus,      Get_PC_MMU_Status,             Get_Data_MMU_Status,             status)
+ADDRESS_QUERY(RDX_XLATE_MODE, Get_PC_Xlate_Type,             Get_Data_Xlate_Type,             mode)
+ADDRESS_QUERY(RDX_MODE,       Get_PC_Radix_Guest_Mode,       Get_Data_Radix_Guest_Mode,       guest_mode)
+ADDRESS_QUERY(RDX_MODE,       Get_PC_Radix_Host_Mode,        Get_Data_Radix_Host_Mode,        host_mode)
+ADDRESS_QUERY(uint8_t,        Get_PC_Host_AXD_Two_Level,     Get_Data_Host_AXD_Two_Level,     host_two_level)
+ADDRESS_QUERY(uint8_t,        Get_PC_Guest_AXD_Two_Level,    Get_Data_Guest_AXD_Two_Level,    guest_two_level)
+ADDRESS_QUERY(uint8_t,        Get_PC_Radix_Host_Walk_Depth,  Get_Data_Radix_Host_Walk_Depth,  host_depth)
+ADDRESS_QUERY(uint8_t,        Get_PC_Radix_Guest_Walk_Depth, Get_Data_Radix_Guest_Walk_Depth, guest_depth)
+ADDRESS_QUERY(boolean,        Is_Inst_Relocated,             Is_Data_Relocated,               relocated)
+ADDRESS_QUERY(uint64_t,       Get_Inst_PC_RA,                Get_Inst_Data_RA,                ra)
+ADDRESS_QUERY(uint64_t,       Get_Inst_PC_VSID,              Get_Inst_Data_VSID,              vsid)
+ADDRESS_QUERY(uint32_t,       Get_Inst_PC_RPN,               Get_Inst_Data_RPN,               rpn)
+ADDRESS_QUERY(uint32_t,       Get_Inst_Host_PC_RPN,          Get_Inst_Data_Host_RPN,          host_rpn)
+ADDRESS_QUERY(uint32_t,       Get_Inst_Guest_PC_RPN,         Get_Inst_Data_Guest_RPN,         guest_rpn)
+ADDRESS_QUERY(uint8_t,        Get_Inst_PC_PageSize,          Get_Inst_Data_PageSize,          page_size)
+ADDRESS_QUERY(uint8_t,        Get_Inst_PC_Host_PageSize,     Get_Inst_Data_Host_PageSize,     host_page_size)
+ADDRESS_QUERY(uint8_t,        Get_Inst_PC_Guest_PageSize,    Get_Inst_Data_Guest_PageSize,    guest_page_size)
+ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPDE_L1_RA, Get_Inst_Data_GUEST_RTPDE_L1_RA, guest_walk.RTPDE_GUEST_ra_l1)
+ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPDE_L2_RA, Get_Inst_Data_GUEST_RTPDE_L2_RA, guest_walk.RTPDE_GUEST_ra_l2)
+ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPDE_L3_RA, Get_Inst_Data_GUEST_RTPDE_L3_RA, guest_walk.RTPDE_GUEST_ra_l3)
+ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPTE_RA,    Get_Inst_Data_GUEST_RTPTE_RA,    guest_walk.RTPTE_GUEST_ra)
+ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RA,          Get_Inst_Data_GUEST_RA,          guest_walk.GUEST_ra)
+
+LEVEL_QUERY(Get_Inst_PC_HOST_RTPDE_L1_n_RA, Get_Inst_Data_HOST_RTPDE_L1_n_RA, host_walk, .RTPDE_ra_l1)
+LEVEL_QUERY(Get_Inst_PC_HOST_RTPDE_L2_n_RA, Get_Inst_Data_HOST_RTPDE_L2_n_RA, host_walk, .RTPDE_ra_l2)
+LEVEL_QUERY(Get_Inst_PC_HOST_RTPDE_L3_n_RA, Get_Inst_Data_HOST_RTPDE_L3_n_RA, host_walk, .RTPDE_ra_l3)
+LEVEL_QUERY(Get_Inst_PC_HOST_RTPTE_n_RA,    Get_Inst_Data_HOST_RTPTE_n_RA,    host_walk, .RTPTE_ra)
+LEVEL_QUERY(Get_Inst_PC_RonR_HOST_RA_Ln,    Get_Inst_Data_RonR_HOST_RA_Ln,    host_ra, )
+// clang-format on
+
+uint32_t Get_Version_Kelvo(void)
+{
+    observe("Get_Version_Kelvo");
+    return the_host.shape().version;
+}
+
+uint64_t Get_Memory_Total_Size(void *)
+{
+    observe("Get_Memory_Total_Size");
+    return the_host.shape().memory;
+}
+
+boolean Get_Check_IF_LPID_Change(void *iop)
+{
+    observe("Get_Check_IF_LPID_Change");
+    Host::Thread &of = thread_of(iop);
+    return changed_since_told(of.now.lpid, of.lpid_last_told, of.lpid_told);
+}
+
+boolean Get_Check_IF_PID_Change(void *iop)
+{
+    observe("Get_Check_IF_PID_Change");
+    Host::Thread &of = thread_of(iop);
+    return changed_since_told(of.now.pid, of.pid_last_told, of.pid_told);
+}
+
+void Get_Pages_Used(void *iop, PAGE_SIZES_USED *pages)
+{
+    observe("Get_Pages_Used");
+    *pages = thread_of(iop).now.pages;
+}
+
+void Get_gPages_Used(void *iop, PAGE_SIZES_USED *pages)
+{
+    observe("Get_gPages_Used");
+    *pages = thread_of(iop).now.guest_pages;
+}
+
+void Get_Inst_Input_Registers(void *iop, Plugin_Inst_Registers *registers)
+{
+    observe("Get_Inst_Input_Registers");
+    copy_registers(instruction_of(iop).in, *registers);
+}
+
+void Get_Inst_Output_Registers(void *iop, Plugin_Inst_Registers *registers)
+{
+    observe("Get_Inst_Output_Registers");
+    copy_registers(instruction_of(iop).out, *registers);
+}
+
+uint16_t Get_String_Length(void *iop, boolean commit)
+{
+    observe("Get_String_Length", static_cast<int>(commit));
+    return instruction_of(iop).string_length;
+}
+
+void Get_Inst_Name_And_Operand(void *iop, char *buffer, int size)
+{
+    observe("Get_Inst_Name_And_Operand");
+    if (size <= 0)
+        return;
+    const std::string &text = instruction_of(iop).text;
+    const size_t length = std::min(text.size(), static_cast<size_t>(size) - 1);
+    std::memcpy(buffer, text.data(), length);
+    buffer[length] = '\0';
+}
+}
