@@ -27,20 +27,17 @@ typedef enum XLATE_TYPE {
     UNDEFINED_MODE = 3 /* also: this partition level is not involved */
 } XLATE_TYPE;
 
-typedef enum PARTITION_TYPE {
-    HOST = 0,
-    GUEST = 1
-} PARTITION_TYPE;
+typedef enum PARTITION_TYPE { HOST = 0, GUEST = 1 } PARTITION_TYPE;
 
-#define SIM_SUPPORT_NOP 0x7EB5AB78u /* instruction word that stands for a simulator pseudo-instruction */
-#define DEFAULT_STACK_SIZE 1048576  /* entries */
-#define DEFAULT_LIST_SIZE 1048576   /* entries */
-#define INST_NAME_SIZE 64           /* bytes of mnemonic text, terminator included */
+#define SIM_SUPPORT_NOP       0x7EB5AB78u /* instruction word that stands for a simulator pseudo-instruction */
+#define DEFAULT_STACK_SIZE    1048576     /* entries */
+#define DEFAULT_LIST_SIZE     1048576     /* entries */
+#define INST_NAME_SIZE        64          /* bytes of mnemonic text, terminator included */
 #define UNKNOWN_STRING_LENGTH 0xFFFF
-#define SAMPLE_RATE (1024 * 256)    /* instructions between two throughput lines */
-#define MAX_FILE_NAME 256           /* bytes of an output file's name, terminator included */
-#define HOST_WALKS 5                /* host walks behind one guest translation */
-#define GUEST_LEVELS 4              /* guest table entries that a host walk translates */
+#define SAMPLE_RATE           (1024 * 256) /* instructions between two throughput lines */
+#define MAX_FILE_NAME         256          /* bytes of an output file's name, terminator included */
+#define HOST_WALKS            5            /* host walks behind one guest translation */
+#define GUEST_LEVELS          4            /* guest table entries that a host walk translates */
 
 /* ---- Records ----------------------------------------------------------------------------------------- */
 
@@ -79,10 +76,10 @@ typedef struct Node {
 
     /* the instruction's address and its translation */
     uint64_t PC;
-    boolean PC_relocation; /* the address was translated */
-    uint32_t PC_RPN;       /* real page number */
-    uint64_t PC_VSID;      /* virtual segment id */
-    uint64_t PC_RA;        /* real address, low 32 bits */
+    boolean PC_relocation;             /* the address was translated */
+    uint32_t PC_RPN;                   /* real page number */
+    uint64_t PC_VSID;                  /* virtual segment id */
+    uint64_t PC_RA;                    /* real address, low 32 bits */
     HostRadixTree PC_hRTW[HOST_WALKS]; /* host walks: of guest level n; a host-only translation uses element 0 */
     HostRadixTree_RAs PC_hRTW_host_RA[GUEST_LEVELS]; /* host real address that guest level n resolved to */
     GuestRadixTree PC_gRTW;
@@ -288,7 +285,7 @@ QT_EXPORT void set_NIT_bit(Node *first);
 
 /* Ends the process with the standard assertion report when `condition` does not hold, in every build type.
  * `text` is what the report quotes. */
-#define QT_ASSERT(condition, text)                                                                             \
+#define QT_ASSERT(condition, text)                                                                                 \
     (__builtin_expect(!(condition), 0) ? qt_assert_fail(text, __FILE__, __LINE__, __func__) : static_cast<void>(0))
 [[noreturn]] void qt_assert_fail(const char *text, const char *file, unsigned line, const char *function);
 

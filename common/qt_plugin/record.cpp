@@ -1,0 +1,357 @@
+#include "record.h"
+
+#include "auto_comment.h"
+#include "qtrace.h"
+#include "xlate_modes.h"
+
+#include <algorithm>
+#include <stdlib.h>
+#include <string.h>
+
+// ---- Addresses with their translation --------------------------------------------------------------------------
+
+// Where one address and its translation go, in a file header or in a record.
+struct Record_Address {
+    QTRACE_EA &ea;
+    QTRACE_VSID &vsid;
+    QTRACE_UINT8 &depth, &num_level;
+    QTRACE_RTW (&hRTW)[RDX_MAX_2LEVEL_DEPTH];
+    QTRACE_RTW_HOST_RA (&hRTW_host_RA)[RDX_MAX_GUEST_LEVELS];
+    QTRACE_RTW_GUEST &gRTW;
+    QTRACE_RPN &rpn;
+    QTRACE_UINT8 &page_size, &gpage_size;
+};
+
+static Record_Address iar_address(QTRACE_FILE_HDR &header)
+{
+    return {header.iar,           header.iar_vsid,         header.iar_hRTW_depth, header.iar_hRTW_num_level,
+            header.iar_hRTW,      header.iar_hRTW_host_RA, header.iar_gRTW,       header.iar_rpn,
+            header.iar_page_size, header.iar_gpage_size};
+}
+
+static Record_Address next_instruction_address(QTRACE_RECORD &record)
+{
+    return {record.next_instruction_ea,         record.next_instruction_vsid,
+            record.next_instruction_hRTW_depth, record.next_instruction_hRTW_num_level,
+            record.next_instruction_hRTW,       record.next_instruction_hRTW_host_RA,
+            record.next_instruction_gRTW,       record.next_instruction_rpn,
+            record.next_instruction_page_size,  record.next_instruction_gpage_size};
+}
+
+static Record_Address data_address(QTRACE_RECORD &record)
+{
+    return {record.data_ea,        record.data_vsid,         record.data_hRTW_depth, record.data_hRTW_num_level,
+            record.data_hRTW,      record.data_hRTW_host_RA, record.data_gRTW,       record.data_rpn,
+            record.data_page_size, record.data_gpage_size};
+}
+
+// A value as it lies in memory, at the start of a byte array of its size.
+template <class Value, size_t N> static void put_value(uint8_t (&to)[N], const Value &value)
+{
+    static_assert(sizeof value == N);
+    memcpy(to, &value, N);
+}
+
+// Readers expect a VSID without its first byte in memory.
+static void put_vsid(QTRACE_VSID &to, const uint64_t &vsid)
+{
+    memcpy(to, reinterpret_cast<const uint8_t *>(&vsid) + 1, QTRACE_VSID_LENGTH);
+}
+
+static void put_host_walk(QTRACE_RTW &to, const HostRadixTree &from)
+{
+    static_assert(sizeof to == sizeof from);
+    memcpy(&to, &from, sizeof to);
+}
+
+// The first `levels` directory entries; a count other than 1 to 3 has none. The page-table entry always.
+static void put_host_walk_levels(QTRACE_RTW &to, const HostRadixTree &from, uint8_t levels)
+{
+    if (levels >= 1 && levels <= 3)
+        memcpy(&to, &from, levels * sizeof(PA));
+    put_value(to.RTPTE_ra, from.RTPTE_ra);
+}
+
+// Each access of the guest's walk with the host walk behind it. Accesses beyond the arrays are left out.
+static void put_nested_walk(const Record_Address &to, const Xlate_Fields &from)
+{
+    const auto levels = static_cast<uint8_t>(from.host_walkdepth - 1);
+    const auto last = static_cast<uint8_t>(from.guest_walkdepth - 1); // number of the final host walk
+    for (int k = 0; k < std::min<int>(last, GUEST_LEVELS); ++k) {
+        put_host_walk_levels(to.hRTW[k], from.hRTW[k], levels);
+        put_value(to.hRTW_host_RA[k].ra, from.hRTW_host_RA[k].ra);
+    }
+    static_assert(offsetof(QTRACE_RTW_GUEST, RTPDE_GUEST_ra_l1) == 0);
+    memcpy(&to.gRTW, &from.gRTW.RTPDE_GUEST_ra_l1, std::min<size_t>(last, 3) * sizeof(PA));
+    put_value(to.gRTW.RTPTE_GUEST_ra, from.gRTW.RTPTE_GUEST_ra);
+    put_value(to.gRTW.GUEST_ra, from.gRTW.GUEST_ra);
+    if (last < HOST_WALKS)
+        put_host_walk_levels(to.hRTW[last], from.hRTW[last], levels);
+}
+
+static void put_walk(XLATE_WALK walk, const Record_Address &to, const Xlate_Fields &from)
+{
+    switch (walk) {
+    case WALK_NONE:
+        break;
+    case WALK_GUEST_REAL:
+        to.depth = static_cast<QTRACE_UINT8>(from.guest_walkdepth + 1);
+        put_value(to.gRTW.GUEST_ra, from.gRTW.GUEST_ra);
+        [[fallthrough]];
+    case WALK_SINGLE:
+        put_host_walk(to.hRTW[0], from.hRTW[0]);
+        break;
+    case WALK_NESTED:
+        put_nested_walk(to, from);
+        break;
+    }
+}
+
+// Puts the address and its translation into a cleared place; returns what it put, for the flags. The host's walk
+// depth goes into num_level and the guest's into depth: readers expect the crossing.
+static Xlate_Case_Info put_address(const Record_Address &to, uint64_t address, const Xlate_Fields &from)
+{
+    put_value(to.ea, address);
+    to.num_level = from.host_walkdepth;
+    to.depth = from.guest_walkdepth;
+    const Xlate_Case_Info &carried = XLATE_CASES[dispatched_case(from.radix_type, from.relocation)];
+    if (carried.vsid)
+        put_vsid(to.vsid, from.VSID);
+    if (carried.rpn)
+        put_value(to.rpn, from.RPN);
+    if (carried.page)
+        to.page_size = from.pagesize;
+    if (carried.gpage)
+        to.gpage_size = from.gpagesize;
+    put_walk(carried.walk, to, from);
+    return carried;
+}
+
+static void put_instruction_modes(control_word &control, RDX_XLATE_MODE mode)
+{
+    const Xlate_Mode_Info &info = mode_info(mode);
+    control.fld.secondary_extender_present = 1;
+    control.fld.guest_xlate_mode_instruction = info.guest & 3;
+    control.fld.host_xlate_mode_instruction = info.host & 3;
+}
+
+// ---- File headers ----------------------------------------------------------------------------------------------
+
+// The library may go on pointing to the comment, so this copy is never freed. Null when memory runs out.
+static char *new_comment(const char *text, size_t length)
+{
+    auto *comment = static_cast<char *>(malloc(length + 1));
+    if (comment)
+        memcpy(comment, text, length + 1);
+    return comment;
+}
+
+static void put_comment(QTRACE_FILE_HDR &header, const Node *p)
+{
+    char text[AUTO_COMMENT_SIZE];
+    const size_t length = auto_comment(p, text);
+    header.comment = new_comment(text, length);
+    if (!header.comment)
+        return;
+    header.control.comment_present = 1;
+    header.comment_length = static_cast<QTRACE_UINT16>(length);
+}
+
+static void put_partition(QTRACE_FILE_HDR &header, const Node *p)
+{
+    auto &present = header.sec_ext_controlword.control.fld;
+    present.lpid_is_present = 1;
+    present.pid_is_present = 1;
+    put_value(header.lpid, p->lpid);
+    put_value(header.pid, p->pid);
+}
+
+static void put_first_instruction(QTRACE_FILE_HDR &header, Node *p)
+{
+    const Xlate_Case_Info carried = put_address(iar_address(header), p->PC, pc_fields(p));
+    header.control.iar_is_present = 1;
+    header.control.iar_vsid_is_present = carried.vsid;
+    header.control.iar_rpn_is_present = carried.rpn;
+    header.control.iar_page_size_is_present = carried.page;
+    header.control.iar_gpage_size_is_present = carried.gpage;
+    if (carried.walk == WALK_GUEST_REAL)
+        header.iar_gpage_size = p->PC_gpagesize; // only here, and without its flag
+    put_instruction_modes(header.sec_ext_controlword.control, p->pc_radix_type);
+}
+
+// The header in front of a stretch of tracing. Returns 1 when it was written.
+static boolean write_file_header(Node *p)
+{
+    QTRACE_FILE_HDR header;
+    memset(&header, 0, sizeof header);
+    put_first_instruction(header, p);
+    put_partition(header, p);
+    header.sec_ext_controlword.control.fld.ptcr_is_present = 1;
+    put_value(header.ptcr, p->ptcr);
+    header.control.sdr1_is_present = p->sdr1 != 0;
+    put_value(header.sdr1, p->sdr1);
+    header.control.version_number_present = 1; // with a version of 0: the library's own counts
+    put_comment(header, p);
+    if (QTRACE_FwriteFileHeader(qfile_in_bin[p->proc_index], &header) == 0)
+        return 1;
+    sim_do_warning(2, "Cannot write qtrace file hdr");
+    return 0;
+}
+
+static boolean write_partition_header(const Node *p)
+{
+    QTRACE_FILE_HDR header;
+    memset(&header, 0, sizeof header);
+    put_partition(header, p);
+    if (QTRACE_FwriteFileHeader(qfile_in_bin[p->proc_index], &header) == 0)
+        return 1;
+    sim_do_warning(2, "Attempted to write qtrace file hdr to update lpid and pid.");
+    return 0;
+}
+
+// ---- The record's parts ----------------------------------------------------------------------------------------
+
+static void put_node_and_termination(QTRACE_RECORD &record, const Node *p)
+{
+    auto &present = record.header.control.fld;
+    if (p->I) {
+        QT_ASSERT(p->N, "p->N");
+        present.iar_change_present = 1;
+    }
+    if (p->N) {
+        present.node_present = 1;
+        record.node = p->nn;
+    }
+    if (p->T) {
+        present.termination_present = 1;
+        record.termination_node = p->nn;
+        record.termination_code =
+            p->info.branch == 'U' ? QTRACE_UnconditionalBranchNode : QTRACE_ExceededMaximumInstructionDepth;
+    }
+}
+
+static void put_next_instruction(QTRACE_RECORD &record, Node *p)
+{
+    put_instruction_modes(record.header.control, p->nextPC_radix_type);
+    if (!p->I && (!p->N || p->T))
+        return;
+    const Xlate_Case_Info carried = put_address(next_instruction_address(record), p->nextPC, next_pc_fields(p));
+    auto &present = record.header.control.fld;
+    present.next_instruction_EA_present = 1;
+    present.next_instruction_VSID_present = carried.vsid;
+    present.next_instruction_RPN_present = carried.rpn;
+    present.next_instruction_page_size_present = carried.page;
+    present.instruction_gpage_size_present = carried.gpage;
+}
+
+static void put_register_value(QTRACE_UINT64 &to, const uint64_t &value)
+{
+    to = value;
+}
+
+static void put_register_value(QTRACE_UINT64 (&to)[2], const QuadWord &value)
+{
+    memcpy(to, &value, sizeof to);
+}
+
+// One class of registers. A record holds fewer of some classes than the host reports: those beyond are left out.
+template <class Entry, class Value, size_t N, size_t HOST_N>
+static void put_class(QTRACE_UINT8 &count, Entry (&to)[N], int32_t num, const int32_t (&index)[HOST_N],
+                      const Value (&value)[HOST_N])
+{
+    count = static_cast<QTRACE_UINT8>(std::clamp<int32_t>(num, 0, N));
+    for (size_t i = 0; i < count; ++i) {
+        to[i].index = static_cast<QTRACE_UINT16>(index[i]);
+        put_register_value(to[i].value, value[i]);
+    }
+}
+
+static int64_t register_count(const Plugin_Inst_Registers &r)
+{
+    return int64_t{r.gpr_num} + r.fpr_num + r.spr_num + r.vmx_num + r.vsx_num;
+}
+
+static void put_registers(QTRACE_RECORD &record, const Node *p)
+{
+    const Plugin_Inst_Registers &in = p->reg_in;
+    const Plugin_Inst_Registers &out = p->reg_out;
+    QTRACE_REGISTERS &regs = record.regs;
+    const int64_t in_count = register_count(in);
+    const int64_t out_count = register_count(out);
+    record.header.control.fld.register_trace_present = in_count + out_count > 0;
+    if (in_count > 0) {
+        put_class(regs.num_gprs_in, regs.gpr_in, in.gpr_num, in.gpr_index, in.gpr_value);
+        put_class(regs.num_fprs_in, regs.fpr_in, in.fpr_num, in.fpr_index, in.fpr_value);
+        put_class(regs.num_sprs_in, regs.spr_in, in.spr_num, in.spr_index, in.spr_value);
+        put_class(regs.num_vmxrs_in, regs.vmxr_in, in.vmx_num, in.vmx_index, in.vmx_value);
+        put_class(regs.num_vsxrs_in, regs.vsxr_in, in.vsx_num, in.vsx_index, in.vsx_value);
+    }
+    if (out_count > 0) {
+        put_class(regs.num_gprs_out, regs.gpr_out, out.gpr_num, out.gpr_index, out.gpr_value);
+        put_class(regs.num_fprs_out, regs.fpr_out, out.fpr_num, out.fpr_index, out.fpr_value);
+        put_class(regs.num_sprs_out, regs.spr_out, out.spr_num, out.spr_index, out.spr_value);
+        put_class(regs.num_vmxrs_out, regs.vmxr_out, out.vmx_num, out.vmx_index, out.vmx_value);
+        put_class(regs.num_vsxrs_out, regs.vsxr_out, out.vsx_num, out.vsx_index, out.vsx_value);
+    }
+}
+
+static void put_data_modes(control_word &control, RDX_XLATE_MODE mode)
+{
+    const Xlate_Mode_Info &info = mode_info(mode);
+    control.fld.guest_xlate_mode_data = info.guest & 3;
+    control.fld.host_xlate_mode_data = info.host & 3;
+}
+
+static void put_data(QTRACE_RECORD &record, Node *p)
+{
+    put_data_modes(record.header.control, p->data_radix_type);
+    const First_OP_Info &info = p->info;
+    if (!(info.load || info.store || info.cache) || !info.data_addr_valid)
+        return;
+    const Xlate_Case_Info carried = put_address(data_address(record), info.data_addr, data_fields(p));
+    auto &present = record.header.control.fld;
+    present.data_address_present = 1;
+    present.data_VSID_present = carried.vsid;
+    present.data_RPN_present = carried.rpn;
+    present.data_page_size_present = carried.page;
+    present.data_gpage_size_present = carried.gpage;
+    if (p->data_mmu_status != MMU_SUCCESS) {
+        present.trace_error_code_present = 1;
+        record.error_code = QTRACE_DataAddressIsSuspect;
+    }
+}
+
+static void put_string_length(QTRACE_RECORD &record, const First_OP_Info &info)
+{
+    if (!info.string || info.str_len == UNKNOWN_STRING_LENGTH)
+        return;
+    record.header.control.fld.length_present = 1;
+    record.length = info.str_len;
+}
+
+// ---- The record ------------------------------------------------------------------------------------------------
+
+boolean dump_node(Node *p)
+{
+    QTRACE_RECORD record;
+    memset(&record, 0, sizeof record);
+    if (!hdr_write[p->proc_index]) {
+        if (!write_file_header(p))
+            return 0;
+        hdr_write[p->proc_index] = 1;
+        record.header.control.fld.processor_present = 1;
+        record.processor = static_cast<QTRACE_PROCESSOR>(p->proc_index);
+    }
+    record.header.instruction = p->info.instbody;
+    put_node_and_termination(record, p);
+    if (p->partition_change && !write_partition_header(p))
+        return 0;
+    put_next_instruction(record, p);
+    put_registers(record, p);
+    put_data(record, p);
+    put_string_length(record, p->info);
+    if (QTRACE_FwriteRecord(qfile_in_bin[p->proc_index], &record) == 0)
+        return 1;
+    sim_do_warning(2, "QTRACE_WriteRecord fail");
+    return 0;
+}
