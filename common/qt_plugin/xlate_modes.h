@@ -36,7 +36,8 @@ inline constexpr Xlate_Mode_Info XLATE_MODES[] = { // one row per RDX_XLATE_MODE
     /*  6 */ {"UPRTeq1_TI", RADIX_MODE, 3, 3, CASE_NONE},
     /*  7 */ {"UPRTeq1_TA_PLS", RADIX_MODE, 3, 3, CASE_NONE},
     /*  8 */ {"UPRTeq1_TA_SLS", RADIX_MODE, 3, 3, CASE_NONE},
-    /*  9 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},                                           // no name of its own, like 10, 28 and 33
+    // no name of its own, like 10, 28 and 33:
+    /*  9 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},
     /* 10 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},
     /* 11 */ {"HypervisorRealModeHRMOR", REAL_MODE, 3, 2, CASE_HOST_REAL},
     /* 12 */ {"HypervisorRealModeNoHRMOR", REAL_MODE, 3, 2, CASE_NONE},
@@ -44,28 +45,35 @@ inline constexpr Xlate_Mode_Info XLATE_MODES[] = { // one row per RDX_XLATE_MODE
     /* 14 */ {"Z7_GuestHptOnHostHpt", HPT_MODE, 1, 1, CASE_GUEST_HPT},
     /* 15 */ {"Z7_GuestRadixOnHostHpt", HPT_MODE, 0, 1, CASE_NONE},
     /* 16 */ {"Z7_GuestRealOnHostHpt", HPT_MODE, 2, 1, CASE_GUEST_REAL_HPT},
-    /* 17 */ {"Z7_GuestRadixOnHostHpt_HVeq1_LPIDneq0", HPT_MODE, 1, 0, CASE_NONE},               // the reverse of what the name says, and 18; readers expect it
+    // the reverse of what the name says, and 18; readers expect it:
+    /* 17 */ {"Z7_GuestRadixOnHostHpt_HVeq1_LPIDneq0", HPT_MODE, 1, 0, CASE_NONE},
     /* 18 */ {"Z7_GuestRadixOnHostHpt_HVeq1_LPIDeq0", HPT_MODE, 1, 0, CASE_NONE},
     /* 19 */ {"Z7_HostHptSTEGroup", HPT_MODE, 3, 1, CASE_HOST_HPT},
-    /* 20 */ {"Z7_HostHptShortVA", HPT_MODE, 3, 1, CASE_NONE},                                   // kind and pair of a hashed page table, but nothing is captured
+    // kind and pair of a hashed page table, but nothing is captured:
+    /* 20 */ {"Z7_HostHptShortVA", HPT_MODE, 3, 1, CASE_NONE},
     /* 21 */ {"Z7_ProcessTableEntryHostHpt_Primary_LLP", RADIX_MODE, 3, 1, CASE_NONE},
     /* 22 */ {"Z7_ProcessTableEntryHostHpt_Secondary_LLP", RADIX_MODE, 3, 1, CASE_NONE},
     /* 23 */ {"Z7_GuestRadixOnHostRadix", RADIX_MODE, 0, 0, CASE_GUEST_RADIX},
-    /* 24 */ {"Z7_GuestRealOnHostRadix", RADIX_MODE, 3, 0, CASE_GUEST_REAL_RADIX},               // guest level 3, not 2; readers expect it
+    // guest level 3, not 2; readers expect it:
+    /* 24 */ {"Z7_GuestRealOnHostRadix", RADIX_MODE, 3, 0, CASE_GUEST_REAL_RADIX},
     /* 25 */ {"Z7_HostRadixSingleLevel", RADIX_MODE, 3, 0, CASE_HOST_RADIX},
     /* 26 */ {"Z7_HostRadixProcessScoped", RADIX_MODE, 3, 0, CASE_HOST_RADIX},
     /* 27 */ {"Z7_HypervisorRadixSingleLevel", RADIX_MODE, 3, 0, CASE_HOST_RADIX},
-    /* 28 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},                                           // treated as unknown everywhere
+    // treated as unknown everywhere:
+    /* 28 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},
     /* 29 */ {"Z7_HypervisorRadixProcessScoped", RADIX_MODE, 3, 0, CASE_HOST_RADIX},
     /* 30 */ {"Z7_HostRadixSingleLevel_PR_0", RADIX_MODE, 3, 0, CASE_HOST_RADIX},
     /* 31 */ {"Z7_HostRadixSingleLevel_MSR_PR", RADIX_MODE, 3, 0, CASE_HOST_RADIX},
-    /* 32 */ {"Z7_ProcessTableEntryRadix", RADIX_MODE, 3, 0, CASE_NONE},                         // a radix pair, but nothing is captured
+    // a radix pair, but nothing is captured:
+    /* 32 */ {"Z7_ProcessTableEntryRadix", RADIX_MODE, 3, 0, CASE_NONE},
     /* 33 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},
     /* 34 */ {"POSSIBLE_GUEST_Radix", RADIX_MODE, 3, 3, CASE_NONE},
     /* 35 */ {"POSSIBLE_HOST_Radix", RADIX_MODE, 3, 3, CASE_NONE},
     /* 36 */ {"POSSIBLE_HYPERVISOR_Radix", RADIX_MODE, 3, 3, CASE_NONE},
-    /* 37 */ {"RDX_XLATE_MODE_LAST", RADIX_MODE, 0, 0, CASE_NONE},                               // 0/0: the pair of a cleared record
-    /* 38 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},                                           // everything above
+    // 0/0: the pair of a cleared record:
+    /* 37 */ {"RDX_XLATE_MODE_LAST", RADIX_MODE, 0, 0, CASE_NONE},
+    // everything above:
+    /* 38 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},
 };
 // clang-format on
 static_assert(std::size(XLATE_MODES) == RDX_XLATE_MODE_LAST + 2);
