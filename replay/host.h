@@ -65,11 +65,11 @@ struct Instruction {
     bool ea_valid = false;
     uint16_t string_length = 0;
     uint64_t ea = 0;
-    Address_Answers fetch;
-    Address_Answers data;
+    Address_Answers fetch{};
+    Address_Answers data{};
     Plugin_Inst_Registers in{};  // only counts and that many entries are handed out
     Plugin_Inst_Registers out{};
-    std::string text; // mnemonic and operands
+    std::string text{}; // mnemonic and operands
 };
 
 // State of one hardware thread, which holds until it is set again.
@@ -92,7 +92,7 @@ struct Machine_Shape {
     uint32_t threads = 1; // per processor
     uint32_t version = 0;
     uint64_t memory = 0; // bytes
-    std::vector<unsigned> options; // indices of the processor options that are on
+    std::vector<unsigned> options{}; // indices of the processor options that are on
 };
 
 // More hardware threads than any machine has; keeps a mistyped count from taking all memory.

@@ -2,6 +2,8 @@
 // is given, and everything the plugin says is kept too.
 #pragma once
 
+#include <ostream> // before the plugin's global `flush`, which std::endl would find instead of std::flush
+
 #include "plugin_qtbin.h"
 #include "host.h"
 #include "recording_writer.h"
