@@ -1,0 +1,2 @@
+# Lets a test make single allocations of the plugin fail.
+target_link_options(containers_plugin_test PRIVATE "LINKER:--wrap=malloc,--wrap=calloc")
