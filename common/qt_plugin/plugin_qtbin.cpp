@@ -149,20 +149,17 @@ static bool drops_thread_number()
 // configured, without its last character. Returns false, with a report, when the name has no place.
 static bool build_file_name(char (&name)[MAX_FILE_NAME], const char *base, int tid)
 {
-    char number[16] = "";
-    size_t length = strlen(base);
-    if (!drops_thread_number())
-        snprintf(number, sizeof number, "%d", tid);
-    else if (length > 0)
-        --length;
-    if (length + strlen(number) >= sizeof name) {
+    const bool numbered = !drops_thread_number();
+    const size_t base_length = strlen(base);
+    const auto kept = static_cast<int>(numbered || base_length == 0 ? base_length : base_length - 1);
+    const int length = numbered ? snprintf(name, sizeof name, "%.*s%d", kept, base, tid)
+                                : snprintf(name, sizeof name, "%.*s", kept, base);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof name) {
         sim_do_error(SOURCE, __LINE__,
                      "QTRACE: File name '%s' is too long: at most %d characters with the thread number\n", base,
                      MAX_FILE_NAME - 1);
         return false;
     }
-    memcpy(name, base, length);
-    strcpy(name + length, number);
     return true;
 }
 
@@ -391,7 +388,7 @@ char *copycat(char *first, char *second)
     const size_t first_length = strlen(first);
     const size_t second_size = strlen(second) + 1;
     auto *both = static_cast<char *>(malloc(first_length + second_size));
-    memcpy(both, first, first_length);
+    memcpy(both, first, first_length); // NOLINT(bugprone-not-null-terminated-result): the second part ends it
     memcpy(both + first_length, second, second_size);
     return both;
 }

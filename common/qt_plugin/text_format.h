@@ -74,7 +74,7 @@ inline char *put(char *out, First first, Rest... rest)
     out += at - from;
     if constexpr (format.has("%s", at)) {
         const size_t length = strlen(first);
-        memcpy(out, first, length);
+        memcpy(out, first, length); // NOLINT(bugprone-not-null-terminated-result): no terminator is wanted
         return put<format, at + 2>(out + length, rest...);
     } else if constexpr (format.has("%d", at)) {
         static_assert(sizeof(First) == sizeof(int32_t) && First(-1) < First(0));
