@@ -16,7 +16,8 @@ public:
     Plugin_Module &operator=(const Plugin_Module &) = delete;
 
     // Loads the shared object `file`, calls plugin_init and looks up the handlers of the returned table, and
-    // Event_RTPTE_Access by its own name. Returns an empty text, or what went wrong (nothing is loaded then).
+    // Event_RTPTE_Access by its own name. `file` is a path, never searched for. Names in the table that stand for
+    // no event of this host must be exported too, and are never called. Returns an empty text, or what went wrong (nothing is loaded then).
     std::string load(const std::string &file);
 
     // plugin_quit, then the shared object is closed.
@@ -24,8 +25,9 @@ public:
     bool loaded() const { return library_ != nullptr; }
     const std::string &file() const { return file_; }
 
-    // plugin_signal with `words` behind the plugin's file name.
-    void signal(const std::vector<std::string> &words);
+    // plugin_signal with `words` behind the plugin's file name, or behind what the user typed for it.
+    void signal(const std::vector<std::string> &words) { signal(file_, words); }
+    void signal(const std::string &typed, const std::vector<std::string> &words);
 
     // Deliver one event; nothing happens when the plugin has no handler for it.
     void commit(const Instruction &instruction);      // raw time is the caller's to move
@@ -37,6 +39,10 @@ public:
     void *symbol(const char *name) const;
 
 private:
+    std::string subscribe();
+    std::string find_handlers(const char *const *names);
+    void close_library();
+
     std::string file_;
     void *library_ = nullptr;
     void (*signal_)(int, char **) = nullptr;

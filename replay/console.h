@@ -1,0 +1,68 @@
+// The console of the stand-in host (docs/console.md): commands from a script or from a person.
+#pragma once
+
+#include "player.h"
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace replay {
+
+class Console {
+public:
+    // Takes over what the plugin says: prints go to `out`, warnings and errors to `err`, and so does what the
+    // console itself says. All must outlive the console.
+    Console(Player &player, std::ostream &out, std::ostream &err);
+    ~Console();
+
+    // Obeys one line. False when it failed: a mistake in the line, something that could not be done, or a warning
+    // or error of the plugin while it was done. `where` ("script:12") goes in front of the console's complaints.
+    bool obey(std::string_view line, const std::string &where = {});
+
+    // Obeys lines until the end, `quit`, or an interrupted run. A failing line does not end the script unless
+    // `stop_at_failure`. True when nothing failed.
+    bool obey_script(std::istream &in, const std::string &name, bool stop_at_failure = false);
+
+    bool quitting() const { return quitting_; }       // `quit` was given
+    bool interrupted() const { return interrupted_; } // the last run was stopped from outside
+
+    // The ways to go on with the last word of a line that is being typed, whole words. Empty where a file name
+    // belongs; `wants_file` says so.
+    std::vector<std::string> completions(std::string_view line, bool &wants_file) const;
+
+    // Called before and after a run, for a progress display.
+    void set_run_display(std::function<void()> begin, std::function<void()> finish);
+
+private:
+    struct Command;
+    static const std::vector<Command> &commands();
+    using Words = std::vector<std::string>;
+
+    bool execute(const Words &words);
+    const Command *find_command(const Words &words);
+    bool fail(const std::string &text);
+    bool is_loaded_plugin(const std::string &typed) const;
+
+    bool plugin_load(const Words &words);
+    bool plugin_signal(const Words &words);
+    bool plugin_unload(const Words &words);
+    bool run(const Words &words);
+    bool status(const Words &words);
+    bool help(const Words &words);
+    bool quit(const Words &words);
+
+    Player &player_;
+    std::ostream &out_;
+    std::ostream &err_;
+    std::string where_;
+    uint64_t complaints_ = 0; // warnings and errors of the plugin so far
+    bool quitting_ = false;
+    bool interrupted_ = false;
+    std::function<void()> run_begins_;
+    std::function<void()> run_ends_;
+};
+
+} // namespace replay

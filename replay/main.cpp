@@ -1,0 +1,128 @@
+// replay STREAM [SCRIPT]: stands where the simulator stands and plays a recorded commit stream into the plugin.
+
+#include "console.h"
+#include "terminal.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <unistd.h>
+
+#ifdef REPLAY_WITH_WRITER
+#include "qtrace_reader.h"
+#endif
+
+namespace {
+
+constexpr int EXIT_INTERRUPTED = 130; // 128 and the number of SIGINT, as shells have it
+
+replay::Player *running_player = nullptr;
+
+void stop_running(int)
+{
+    running_player->stop();
+}
+
+// The traces are closed in order also when somebody stops the run or the reader of our output goes away.
+void catch_signals(replay::Player &player)
+{
+    running_player = &player;
+    struct sigaction action {};
+    action.sa_handler = stop_running;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+struct Options {
+    std::string stream;
+    std::string script;
+    bool stop_at_failure = false;
+};
+
+void describe(CLI::App &app, Options &options)
+{
+    app.add_option("STREAM", options.stream, "Commit stream: .jsonl or .jsonl.zst; - is standard input")->required();
+    app.add_option("SCRIPT", options.script, "Console commands; - or none is standard input");
+    app.add_flag("-e,--stop-at-failure", options.stop_at_failure, "End the script at the first failing command");
+    app.footer("Exit status: 0 when every command succeeded, 1 when one failed or the stream was refused,\n"
+               "130 when interrupted, 2 for a wrong command line.\n"
+               "\n"
+               "Examples:\n"
+               "  replay sample.jsonl                      a console on your terminal\n"
+               "  replay boot-user.jsonl.zst trace.console commands from a file\n"
+               "  simulator | replay - trace.console       the stream from a pipe\n"
+               "  printf '%s\\n' 'plugin load plugin_qtbin.so' 'plugin signal plugin_qtbin.so start trace' \\\n"
+               "      run 'plugin signal plugin_qtbin.so stop' | replay sample.jsonl\n"
+               "\n"
+               "Console: \"help\" lists the commands.");
+}
+
+bool complain(const std::string &text)
+{
+    std::cerr << "replay: " << text << std::endl;
+    return false;
+}
+
+bool obey_commands(replay::Console &console, replay::Player &player, const Options &options)
+{
+    const bool from_stdin = options.script.empty() || options.script == "-";
+    if (isatty(STDOUT_FILENO) && isatty(STDERR_FILENO))
+        replay::show_progress(console, player);
+    if (from_stdin && isatty(STDIN_FILENO))
+        return replay::obey_terminal(console);
+    if (from_stdin)
+        return console.obey_script(std::cin, "standard input", options.stop_at_failure);
+    std::ifstream script(options.script);
+    if (!script)
+        return complain(options.script + ": cannot be read");
+    return console.obey_script(script, options.script, options.stop_at_failure);
+}
+
+// The writer has no way to tell that closing a trace failed but this.
+bool writer_is_content()
+{
+#ifdef REPLAY_WITH_WRITER
+    if (const std::string problem = qtrace_writer_error(); !problem.empty())
+        return complain(problem);
+#endif
+    return true;
+}
+
+int replay_stream(const Options &options)
+{
+    replay::Player player(options.stream);
+    if (player.error()) {
+        complain(options.stream + ": " + player.error()->text());
+        return 1;
+    }
+    catch_signals(player);
+    replay::Console console(player, std::cout, std::cerr);
+    const bool obeyed = obey_commands(console, player, options);
+    player.plugin().unload();
+    const bool written = writer_is_content();
+    if (console.interrupted())
+        return EXIT_INTERRUPTED;
+    return obeyed && written ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options options;
+    CLI::App app("Plays a recorded commit stream into a trace plugin, in place of the simulator.", "replay");
+    describe(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    if (options.stream == "-" && (options.script.empty() || options.script == "-")) {
+        complain("standard input cannot be both the stream and the commands; name a SCRIPT");
+        return 2;
+    }
+    return replay_stream(options);
+}

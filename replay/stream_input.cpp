@@ -1,0 +1,154 @@
+#include "stream_input.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zstd.h>
+
+namespace replay {
+
+namespace {
+
+constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
+constexpr size_t REFILL = 1 << 18;
+
+} // namespace
+
+struct Byte_Source::Decompressor {
+    ZSTD_DCtx *context = ZSTD_createDCtx();
+    std::vector<char> stored = std::vector<char>(ZSTD_DStreamInSize());
+    ZSTD_inBuffer in{stored.data(), 0, 0};
+    size_t expected = 0; // 0: between frames
+    bool at_end = false;
+
+    Decompressor() = default;
+    Decompressor(const Decompressor &) = delete;
+    Decompressor &operator=(const Decompressor &) = delete;
+    ~Decompressor() { ZSTD_freeDCtx(context); }
+
+    // Decompresses from what is at hand; 0 bytes when there is not enough of it.
+    size_t produce(char *to, size_t room)
+    {
+        ZSTD_outBuffer out{to, room, 0};
+        expected = ZSTD_decompressStream(context, &out, &in);
+        if (ZSTD_isError(expected))
+            throw Input_Error(std::string("expected intact zstd data: ") + ZSTD_getErrorName(expected));
+        return out.pos;
+    }
+};
+
+Byte_Source::Byte_Source(const std::string &file)
+    : descriptor_{file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC)}
+{
+    if (descriptor_.number < 0)
+        throw Input_Error(std::strerror(errno));
+    struct stat info;
+    if (fstat(descriptor_.number, &info) == 0 && S_ISREG(info.st_mode))
+        size_ = static_cast<uint64_t>(info.st_size);
+    look_at_magic();
+}
+
+Byte_Source::~Byte_Source() = default;
+
+Byte_Source::Descriptor::~Descriptor()
+{
+    if (number > STDIN_FILENO)
+        close(number);
+}
+
+void Byte_Source::look_at_magic()
+{
+    magic_.resize(ZSTD_MAGIC.size());
+    size_t length = 0;
+    while (length < magic_.size()) {
+        const size_t bytes = read_stored(magic_.data() + length, magic_.size() - length);
+        if (bytes == 0)
+            break;
+        length += bytes;
+    }
+    magic_.resize(length);
+    if (magic_ == ZSTD_MAGIC)
+        decompressor_ = std::make_unique<Decompressor>();
+}
+
+size_t Byte_Source::read_stored(char *to, size_t room)
+{
+    ssize_t bytes;
+    do
+        bytes = ::read(descriptor_.number, to, room);
+    while (bytes < 0 && errno == EINTR);
+    if (bytes < 0)
+        throw Input_Error(std::string("expected readable input: ") + std::strerror(errno));
+    taken_ += static_cast<uint64_t>(bytes);
+    return static_cast<size_t>(bytes);
+}
+
+size_t Byte_Source::read_plain(char *to, size_t room)
+{
+    if (magic_.empty())
+        return read_stored(to, room);
+    const size_t bytes = std::min(room, magic_.size());
+    std::memcpy(to, magic_.data(), bytes);
+    magic_.erase(0, bytes);
+    return bytes;
+}
+
+size_t Byte_Source::read(char *to, size_t room)
+{
+    if (!decompressor_)
+        return read_plain(to, room);
+    Decompressor &from = *decompressor_;
+    for (;;) {
+        // Asked even without new input: what is left in the decompressor comes out first.
+        if (from.expected != 0 || from.in.pos < from.in.size)
+            if (const size_t bytes = from.produce(to, room))
+                return bytes;
+        if (from.in.pos < from.in.size)
+            continue;
+        from.in = {from.stored.data(), read_plain(from.stored.data(), from.stored.size()), 0};
+        if (from.in.size == 0 && from.expected == 0)
+            return 0;
+        if (from.in.size == 0)
+            throw Input_Error("expected more zstd data: the compressed input is truncated");
+    }
+}
+
+Line_Source::Line_Source(const std::string &file) : source_(file), buffer_(MAX_LINE + REFILL + PADDING) {}
+
+bool Line_Source::next(std::string_view &line)
+{
+    ++number_;
+    for (;;) {
+        const void *found = std::memchr(buffer_.data() + scanned_, '\n', end_ - scanned_);
+        const size_t stop = found ? static_cast<size_t>(static_cast<const char *>(found) - buffer_.data()) : end_;
+        if (stop - begin_ > MAX_LINE)
+            throw Input_Error("expected a line of at most " + std::to_string(MAX_LINE) + " bytes");
+        if (found || (at_end_ && stop > begin_)) {
+            buffer_[stop] = '\0'; // what stands behind a line is no business of its parser
+            line = {buffer_.data() + begin_, stop - begin_};
+            begin_ = scanned_ = found ? stop + 1 : stop;
+            return true;
+        }
+        scanned_ = end_;
+        if (at_end_ || !refill())
+            if (begin_ == end_)
+                return false;
+    }
+}
+
+bool Line_Source::refill()
+{
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    scanned_ -= begin_;
+    begin_ = 0;
+    const size_t bytes = source_.read(buffer_.data() + end_, REFILL);
+    end_ += bytes;
+    at_end_ = bytes == 0;
+    return bytes != 0;
+}
+
+} // namespace replay

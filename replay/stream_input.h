@@ -1,0 +1,78 @@
+// The lines of a commit stream, from a file or standard input, plain or compressed. Memory is bounded: one buffer,
+// however long the stream is.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace replay {
+
+// The input cannot be read any further; what() says why.
+struct Input_Error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Bytes of a file ("-": standard input), decompressed where the file begins like zstd. Throws Input_Error.
+class Byte_Source {
+public:
+    explicit Byte_Source(const std::string &file);
+    ~Byte_Source();
+    Byte_Source(const Byte_Source &) = delete;
+    Byte_Source &operator=(const Byte_Source &) = delete;
+
+    // Waits for at least one byte; 0: the end.
+    size_t read(char *to, size_t room);
+
+    uint64_t bytes_taken() const { return taken_; }        // from the file, as it is stored
+    std::optional<uint64_t> size() const { return size_; } // of the file; unknown for a pipe
+
+private:
+    struct Descriptor {
+        int number;
+        ~Descriptor();
+    };
+    struct Decompressor;
+    size_t read_stored(char *to, size_t room);
+    size_t read_plain(char *to, size_t room);
+    void look_at_magic();
+
+    Descriptor descriptor_;
+    uint64_t taken_ = 0;
+    std::optional<uint64_t> size_;
+    std::string magic_; // first bytes, read to tell the format and not yet handed out
+    std::unique_ptr<Decompressor> decompressor_;
+};
+
+class Line_Source {
+public:
+    static constexpr size_t MAX_LINE = 1 << 20; // bytes, without the line end
+    static constexpr size_t PADDING = 64;       // readable bytes behind every line
+
+    explicit Line_Source(const std::string &file);
+
+    // The next line without its line end, valid until the next call; false at the end. Throws Input_Error; the
+    // number of the line that could not be read is then line_number().
+    bool next(std::string_view &line);
+
+    uint64_t line_number() const { return number_; } // of the last line asked for, from 1
+    const Byte_Source &bytes() const { return source_; }
+
+private:
+    bool refill();
+
+    Byte_Source source_;
+    std::vector<char> buffer_;
+    size_t begin_ = 0;   // first byte not handed out
+    size_t scanned_ = 0; // no line end in [begin_, scanned_)
+    size_t end_ = 0;     // end of what was read
+    bool at_end_ = false;
+    uint64_t number_ = 0;
+};
+
+} // namespace replay

@@ -1,0 +1,781 @@
+#include "stream_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <fmt/format.h>
+#include <limits>
+#include <simdjson.h>
+#include <span>
+#include <type_traits>
+
+namespace replay {
+
+namespace {
+
+namespace json = simdjson::ondemand;
+
+// Thrown while a line is read; the reader adds line and key.
+struct Refusal {
+    std::string expected;
+    std::string found;
+};
+
+// ---- values ---------------------------------------------------------------------------------------------
+
+// The value as it stands in the line, for an error: shortened, printable.
+std::string shown(std::string_view token)
+{
+    constexpr size_t LONGEST = 40;
+    while (!token.empty() && std::string_view(" \t\r\n").find(token.back()) != token.npos)
+        token.remove_suffix(1);
+    if (token.starts_with('{'))
+        return "an object";
+    if (token.starts_with('['))
+        return "a list";
+    std::string text(token.substr(0, LONGEST));
+    for (char &c : text)
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
+            c = '?';
+    return token.size() > LONGEST ? text + "..." : text;
+}
+
+[[noreturn]] void refuse(std::string expected, std::string_view token)
+{
+    throw Refusal{std::move(expected), shown(token)};
+}
+
+constexpr auto DIGIT_VALUES = [] {
+    std::array<uint8_t, 256> values;
+    values.fill(0xFF);
+    for (uint8_t digit = 0; digit < 16; ++digit) {
+        values["0123456789abcdef"[digit]] = digit;
+        values["0123456789ABCDEF"[digit]] = digit;
+    }
+    return values;
+}();
+
+struct Number {
+    uint64_t magnitude = 0;
+    bool negative = false;
+};
+
+// "0x" and 1 to 16 hexadecimal digits, between quotes.
+bool read_hexadecimal(const char *at, Number &number)
+{
+    if (std::memcmp(at, "\"0x", 3) != 0)
+        return false;
+    const char *digit = at + 3;
+    for (uint8_t value; (value = DIGIT_VALUES[static_cast<uint8_t>(*digit)]) != 0xFF; ++digit)
+        number.magnitude = number.magnitude << 4 | value;
+    const auto digits = digit - (at + 3);
+    return *digit == '"' && digits >= 1 && digits <= 16;
+}
+
+// A JSON number without fraction and exponent.
+bool read_decimal(std::string_view token, Number &number)
+{
+    size_t at = 0;
+    if (token.starts_with('-')) {
+        number.negative = true;
+        at = 1;
+    }
+    const size_t first = at;
+    for (; at < token.size() && token[at] >= '0' && token[at] <= '9'; ++at)
+        if (__builtin_mul_overflow(number.magnitude, uint64_t{10}, &number.magnitude) ||
+            __builtin_add_overflow(number.magnitude, static_cast<uint64_t>(token[at] - '0'), &number.magnitude))
+            return false;
+    const bool leading_zero = at - first > 1 && token[first] == '0';
+    const bool whole = at == token.size() || std::string_view(" \t\r").find(token[at]) != token.npos;
+    return at > first && whole && !leading_zero;
+}
+
+// A number that fits Integer, given as one or as "0x...".
+template <class Integer> Integer number_of(json::value &given)
+{
+    constexpr auto LEAST = std::numeric_limits<Integer>::min();
+    constexpr auto MOST = std::numeric_limits<Integer>::max();
+    const std::string_view token = given.raw_json_token();
+    Number number;
+    const bool is_number = token.front() == '"' ? read_hexadecimal(token.data(), number) : read_decimal(token, number);
+    const uint64_t limit = number.negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
+    if (!is_number || number.magnitude > limit)
+        refuse(fmt::format("{} to {}, as a number or \"0x...\"", LEAST, MOST), token);
+    return static_cast<Integer>(number.negative ? -number.magnitude : number.magnitude);
+}
+
+bool truth_of(json::value &given)
+{
+    const std::string_view token = given.raw_json_token();
+    const std::string_view word = token.substr(0, token.find_last_not_of(" \t\r") + 1);
+    if (word == "true" || word == "1")
+        return true;
+    if (word != "false" && word != "0")
+        refuse("true, false, 0 or 1", token);
+    return false;
+}
+
+// What `given` is, when it is a Wanted; refused when it is of another type.
+template <class Wanted> Wanted checked(simdjson::simdjson_result<Wanted> result, json::value &given, const char *what)
+{
+    Wanted wanted;
+    const simdjson::error_code error = std::move(result).get(wanted);
+    if (error == simdjson::INCORRECT_TYPE)
+        refuse(what, given.raw_json_token());
+    if (error)
+        throw simdjson::simdjson_error(error);
+    return wanted;
+}
+
+std::string_view text_of(json::value &given)
+{
+    return checked(given.get_string(), given, "a string");
+}
+
+json::array list_of(json::value &given, const char *what)
+{
+    return checked(given.get_array(), given, what);
+}
+
+json::object object_of(json::value &given)
+{
+    return checked(given.get_object(), given, "an object");
+}
+
+// Gives a member of any type its value.
+template <class Member> void assign(Member &member, json::value &given)
+{
+    if constexpr (std::is_same_v<Member, bool>)
+        member = truth_of(given);
+    else if constexpr (std::is_enum_v<Member>) // codes are handed through, also those that have no name
+        member = std::bit_cast<Member>(number_of<uint32_t>(given));
+    else if constexpr (std::is_same_v<Member, std::string>)
+        member = text_of(given);
+    else
+        member = number_of<Member>(given);
+}
+
+// ---- lists ----------------------------------------------------------------------------------------------
+
+// Calls read(entry, n) for every entry; refuses more than `most`. Returns how many there are.
+template <class Read> size_t read_list(json::value &given, size_t most, const char *what, Read read)
+{
+    size_t count = 0;
+    for (json::value entry : list_of(given, "a list")) {
+        if (count == most)
+            throw Refusal{fmt::format("at most {} {}", most, what), "more"};
+        read(entry, count++);
+    }
+    return count;
+}
+
+// The same for a list of exactly `count` entries; `what` says which.
+template <class Read> void read_exactly(json::value &given, size_t count, const char *what, Read read)
+{
+    size_t found = 0;
+    for (json::value entry : list_of(given, what)) {
+        if (found == count)
+            throw Refusal{what, "a longer list"};
+        read(entry, found++);
+    }
+    if (found < count)
+        throw Refusal{what, fmt::format("a list of {}", found)};
+}
+
+// ---- keys -----------------------------------------------------------------------------------------------
+
+// Where in the line we are, for errors: the key, and the one whose object it is in.
+struct Place {
+    std::string_view key;
+    std::string_view outer;
+    std::string unknown_key; // owns `key` when that is none of ours
+};
+
+// A key's spelling, compared with the line by its first eight characters, closing quote included.
+struct Spelling {
+    std::string_view text;
+    uint64_t head = 0;
+    uint64_t mask = 0;
+
+    constexpr Spelling(const char *spelt) : text(spelt)
+    {
+        std::array<uint8_t, 8> bytes{}, bits{};
+        for (size_t i = 0; i < bytes.size() && i <= text.size(); ++i) {
+            bytes[i] = i < text.size() ? static_cast<uint8_t>(text[i]) : '"';
+            bits[i] = 0xFF;
+        }
+        head = std::bit_cast<uint64_t>(bytes);
+        mask = std::bit_cast<uint64_t>(bits);
+    }
+
+    // `at`: behind the opening quote; at least eight bytes can be read.
+    bool stands_at(const char *at) const
+    {
+        uint64_t there;
+        std::memcpy(&there, at, sizeof there);
+        if ((there & mask) != head)
+            return false;
+        const size_t length = text.size();
+        return length < 8 || (std::memcmp(at + 8, text.data() + 8, length - 8) == 0 && at[length] == '"');
+    }
+};
+
+template <class Target> struct Key {
+    Spelling name;
+    void (*set)(Place &place, Target &target, json::value &given);
+};
+
+template <class Target> using Keys = std::span<const Key<Target>>;
+
+template <class Target> [[noreturn]] void refuse_key(Keys<Target> keys, Place &place, std::string_view name)
+{
+    place.unknown_key = name;
+    place.key = place.unknown_key;
+    std::string known;
+    for (const Key<Target> &key : keys)
+        known += fmt::format("{}\"{}\"", known.empty() ? "" : " ", key.name.text);
+    throw Refusal{"a key out of " + known, ""};
+}
+
+// Index of the field's key. Streams mostly keep one order of keys: the search begins behind the last one found.
+template <class Target> size_t index_of(Keys<Target> keys, size_t cursor, json::field &field, Place &place)
+{
+    const char *at = field.key().raw();
+    for (size_t tried = 0; tried < keys.size(); ++tried, ++cursor) {
+        if (cursor >= keys.size())
+            cursor = 0;
+        if (keys[cursor].name.stands_at(at))
+            return cursor;
+    }
+    const std::string_view name = field.unescaped_key(); // an escape may hide a key that we know
+    for (size_t index = 0; index < keys.size(); ++index)
+        if (keys[index].name.text == name)
+            return index;
+    refuse_key(keys, place, name);
+}
+
+// Sets `target` from all fields of the object.
+template <class Target> void read_fields(json::object object, Keys<Target> keys, Place &place, Target &target)
+{
+    uint64_t seen = 0;
+    size_t cursor = 0;
+    for (json::field field : object) {
+        const size_t index = index_of(keys, cursor, field, place);
+        place.key = keys[index].name.text;
+        if (seen >> index & 1)
+            throw Refusal{"the key once", "it twice"};
+        seen |= uint64_t{1} << index;
+        keys[index].set(place, target, field.value());
+        cursor = index + 1;
+    }
+}
+
+// The object that a key has as its value.
+template <class Target> void read_inner(json::value &given, Keys<Target> keys, Place &place, Target &target)
+{
+    place.outer = place.key;
+    read_fields(object_of(given), keys, place, target);
+    place.outer = {};
+}
+
+// ---- registers ------------------------------------------------------------------------------------------
+
+void assign_word(uint64_t &value, size_t, json::value &given)
+{
+    assign(value, given);
+}
+
+void assign_word(QuadWord &value, size_t n, json::value &given)
+{
+    assign(value.word[n], given);
+}
+
+template <size_t N, class Value>
+void read_registers(json::value &given, int32_t &count, int32_t (&numbers)[N], Value (&values)[N])
+{
+    constexpr size_t WORDS = sizeof(Value) / sizeof(uint64_t);
+    constexpr const char *WHAT = WORDS == 1 ? "[number, \"0xvalue\"]" : "[number, \"0xword0\", \"0xword1\"]";
+    count = static_cast<int32_t>(read_list(given, N, "registers", [&](json::value &entry, size_t n) {
+        read_exactly(entry, 1 + WORDS, WHAT, [&](json::value &part, size_t at) {
+            if (at == 0)
+                assign(numbers[n], part);
+            else
+                assign_word(values[n], at - 1, part);
+        });
+    }));
+}
+
+#define CLASS(name)                                                                                                 \
+    {                                                                                                               \
+        #name, [](Place &, Plugin_Inst_Registers &to, json::value &given) {                                         \
+            read_registers(given, to.name##_num, to.name##_index, to.name##_value);                                 \
+        }                                                                                                           \
+    }
+constexpr Key<Plugin_Inst_Registers> REGISTER_KEYS[] = {CLASS(gpr), CLASS(fpr), CLASS(spr), CLASS(vmx), CLASS(vsx)};
+#undef CLASS
+
+// ---- translations ---------------------------------------------------------------------------------------
+
+void read_host_walks(json::value &given, std::array<HostRadixTree, 5> &walks)
+{
+    read_list(given, walks.size(), "host walks", [&](json::value &entry, size_t n) {
+        PA *const parts[] = {&walks[n].RTPDE_ra_l1, &walks[n].RTPDE_ra_l2, &walks[n].RTPDE_ra_l3, &walks[n].RTPTE_ra};
+        read_exactly(entry, std::size(parts), R"(["l1", "l2", "l3", "pte"])",
+                     [&](json::value &part, size_t at) { assign(*parts[at], part); });
+    });
+}
+
+void read_host_addresses(json::value &given, std::array<PA, 4> &addresses)
+{
+    read_list(given, addresses.size(), "host real addresses",
+              [&](json::value &entry, size_t n) { assign(addresses[n], entry); });
+}
+
+void read_guest_walk(json::value &given, GuestRadixTree &walk)
+{
+    PA *const parts[] = {&walk.RTPDE_GUEST_ra_l1, &walk.RTPDE_GUEST_ra_l2, &walk.RTPDE_GUEST_ra_l3,
+                         &walk.RTPTE_GUEST_ra, &walk.GUEST_ra};
+    read_exactly(given, std::size(parts), R"(["l1", "l2", "l3", "pte", "ra"])",
+                 [&](json::value &part, size_t at) { assign(*parts[at], part); });
+}
+
+void read_effective_address(Place &, Instruction &instruction, json::value &given)
+{
+    assign(instruction.ea, given);
+    instruction.ea_valid = true;
+}
+
+using Address_Side = Address_Answers Instruction::*;
+
+#define TO(member) [](Place &, Instruction &to, json::value &given) { assign((to.*SIDE).member, given); }
+#define BY(read, member) [](Place &, Instruction &to, json::value &given) { read(given, (to.*SIDE).member); }
+// Keys of `fetch` and `data`; the first is of `data` alone.
+// clang-format off
+template <Address_Side SIDE>
+constexpr Key<Instruction> ADDRESS_KEYS[] = {
+    {"ea",              read_effective_address},
+    {"status",          TO(status)},
+    {"mode",            TO(mode)},
+    {"guest_mode",      TO(guest_mode)},
+    {"host_mode",       TO(host_mode)},
+    {"guest_two_level", TO(guest_two_level)},
+    {"host_two_level",  TO(host_two_level)},
+    {"guest_depth",     TO(guest_depth)},
+    {"host_depth",      TO(host_depth)},
+    {"relocated",       TO(relocated)},
+    {"ra",              TO(ra)},
+    {"vsid",            TO(vsid)},
+    {"rpn",             TO(rpn)},
+    {"page_size",       TO(page_size)},
+    {"host_rpn",        TO(host_rpn)},
+    {"guest_rpn",       TO(guest_rpn)},
+    {"host_page_size",  TO(host_page_size)},
+    {"guest_page_size", TO(guest_page_size)},
+    {"host_walk",       BY(read_host_walks, host_walk)},
+    {"host_ra",         BY(read_host_addresses, host_ra)},
+    {"guest_walk",      BY(read_guest_walk, guest_walk)},
+};
+// clang-format on
+#undef TO
+#undef BY
+
+void read_fetch(Place &place, Stream_Event &event, json::value &given)
+{
+    read_inner(given, Keys<Instruction>(ADDRESS_KEYS<&Instruction::fetch>).subspan(1), place, event.instruction);
+}
+
+void read_data(Place &place, Stream_Event &event, json::value &given)
+{
+    read_inner(given, Keys<Instruction>(ADDRESS_KEYS<&Instruction::data>), place, event.instruction);
+}
+
+// ---- lists of words -------------------------------------------------------------------------------------
+
+struct Flag {
+    std::string_view word;
+    bool Instruction::*member;
+};
+
+constexpr Flag FLAGS[] = {
+    {"branch", &Instruction::branch},       {"unconditional", &Instruction::unconditional},
+    {"taken", &Instruction::taken},         {"load", &Instruction::load},
+    {"store", &Instruction::store},         {"cache", &Instruction::cache},
+    {"string", &Instruction::string},       {"exception", &Instruction::exception},
+    {"vmx", &Instruction::vmx},             {"vsx", &Instruction::vsx},
+    {"filtered", &Instruction::filtered},   {"sim_support", &Instruction::sim_support},
+};
+
+struct Page_Size {
+    std::string_view word;
+    boolean PAGE_SIZES_USED::*member;
+};
+
+constexpr Page_Size PAGE_SIZES[] = {
+    {"4K", &PAGE_SIZES_USED::PAGE_4K},     {"16K", &PAGE_SIZES_USED::PAGE_16K},
+    {"64K", &PAGE_SIZES_USED::PAGE_64K},   {"128K", &PAGE_SIZES_USED::PAGE_128K},
+    {"256K", &PAGE_SIZES_USED::PAGE_256K}, {"1M", &PAGE_SIZES_USED::PAGE_1M},
+    {"2M", &PAGE_SIZES_USED::PAGE_2M},     {"16M", &PAGE_SIZES_USED::PAGE_16M},
+    {"256M", &PAGE_SIZES_USED::PAGE_256M}, {"1G", &PAGE_SIZES_USED::PAGE_1G},
+    {"16G", &PAGE_SIZES_USED::PAGE_16G},   {"undefined", &PAGE_SIZES_USED::PAGE_undefined},
+};
+
+// Sets the members that the words of a list stand for.
+template <class Row, size_t N, class Target> void read_words(json::value &given, const Row (&rows)[N], Target &target)
+{
+    for (json::value entry : list_of(given, "a list")) {
+        const std::string_view token = entry.raw_json_token();
+        const std::string_view word = text_of(entry);
+        const auto row = std::find_if(std::begin(rows), std::end(rows), [&](const Row &r) { return r.word == word; });
+        if (row == std::end(rows)) {
+            std::string known;
+            for (const Row &one : rows)
+                known += fmt::format("{}\"{}\"", known.empty() ? "" : " ", one.word);
+            refuse("words out of " + known, token);
+        }
+        target.*(row->member) = true;
+    }
+}
+
+void read_pages(json::value &given, PAGE_SIZES_USED &pages)
+{
+    pages = {};
+    read_words(given, PAGE_SIZES, pages);
+}
+
+void read_options(json::value &given, std::vector<unsigned> &options)
+{
+    read_list(given, PROCESSOR_OPTION_COUNT, "processor options", [&](json::value &entry, size_t) {
+        const unsigned option = number_of<unsigned>(entry);
+        if (option >= PROCESSOR_OPTION_COUNT)
+            refuse(fmt::format("0 to {}", PROCESSOR_OPTION_COUNT - 1), entry.raw_json_token());
+        options.push_back(option);
+    });
+}
+
+// ---- the kinds of line ----------------------------------------------------------------------------------
+
+#define TO(member) [](Place &, Stream_Event &to, json::value &given) { assign(to.member, given); }
+#define BY(read, member) [](Place &, Stream_Event &to, json::value &given) { read(given, to.member); }
+#define INNER(keys, member)                                                                                         \
+    [](Place &place, Stream_Event &to, json::value &given) {                                                        \
+        read_inner(given, Keys<Plugin_Inst_Registers>(keys), place, to.member);                                     \
+    }
+#define KIND {"t", [](Place &, Stream_Event &, json::value &) {}} // read before all others
+#define TID {"tid", TO(instruction.tid)}
+
+// clang-format off
+constexpr Key<Stream_Event> MACHINE_KEYS[] = {
+    KIND,
+    {"processors", TO(machine.processors)},
+    {"threads",    TO(machine.threads)},
+    {"version",    TO(machine.version)},
+    {"memory",     TO(machine.memory)},
+    {"options",    BY(read_options, machine.options)},
+    {"source",     TO(source)},
+};
+
+constexpr Key<Stream_Event> CONTEXT_KEYS[] = {
+    KIND,
+    TID,
+    {"ptcr",          TO(context.ptcr)},
+    {"lpid",          TO(context.lpid)},
+    {"pid",           TO(context.pid)},
+    {"sdr1",          TO(context.sdr1)},
+    {"bit64",         TO(context.bit64)},
+    {"little_endian", TO(context.little_endian)},
+    {"kernel",        TO(context.kernel)},
+    {"cycle_mode",    TO(context.cycle_mode)},
+    {"pages",         BY(read_pages, context.pages)},
+    {"guest_pages",   BY(read_pages, context.guest_pages)},
+};
+
+constexpr Key<Stream_Event> COMMIT_KEYS[] = {
+    KIND,
+    TID,
+    {"seq",           TO(instruction.seq)},
+    {"pc",            TO(instruction.pc)},
+    {"npc",           TO(instruction.npc)},
+    {"op",            TO(instruction.op)},
+    {"text",          TO(instruction.text)},
+    {"is",            [](Place &, Stream_Event &to, json::value &given) { read_words(given, FLAGS, to.instruction); }},
+    {"string_length", TO(instruction.string_length)},
+    {"fetch",         read_fetch},
+    {"data",          read_data},
+    {"in",            INNER(REGISTER_KEYS, instruction.in)},
+    {"out",           INNER(REGISTER_KEYS, instruction.out)},
+    {"time",          [](Place &, Stream_Event &to, json::value &given) { assign(to.time.emplace(), given); }},
+};
+
+constexpr Key<Stream_Event> PRE_KEYS[] = {KIND, TID};
+
+constexpr Key<Stream_Event> PTE_KEYS[] = {
+    KIND,
+    TID,
+    {"pa",    TO(pte.pa)},
+    {"upper", TO(pte.pte.upper)},
+    {"lower", TO(pte.pte.lower)},
+};
+
+constexpr Key<Stream_Event> RTPTE_KEYS[] = {
+    KIND,
+    TID,
+    {"l1",  TO(rtpte.RTPDE_ra_l1)},
+    {"l2",  TO(rtpte.RTPDE_ra_l2)},
+    {"l3",  TO(rtpte.RTPDE_ra_l3)},
+    {"pte", TO(rtpte.RTPTE_ra)},
+    {"pa",  TO(rtpte.pa)},
+};
+
+struct Kind_Of_Line {
+    std::string_view name;
+    Keys<Stream_Event> keys;
+};
+
+constexpr Kind_Of_Line KINDS[EVENT_KINDS] = { // in the order of Event_Kind
+    {"machine", MACHINE_KEYS},
+    {"context", CONTEXT_KEYS},
+    {"commit",  COMMIT_KEYS},
+    {"pre",     PRE_KEYS},
+    {"pte",     PTE_KEYS},
+    {"rtpte",   RTPTE_KEYS},
+};
+// clang-format on
+#undef TO
+#undef BY
+#undef INNER
+#undef KIND
+#undef TID
+
+Event_Kind kind_called(std::string_view token)
+{
+    for (size_t kind = 0; kind < EVENT_KINDS; ++kind) {
+        const std::string_view name = KINDS[kind].name;
+        if (token.size() >= name.size() + 2 && token[0] == '"' && token.substr(1, name.size()) == name &&
+            token[name.size() + 1] == '"')
+            return static_cast<Event_Kind>(kind);
+    }
+    refuse("\"machine\", \"context\", \"commit\", \"pre\", \"pte\" or \"rtpte\"", token);
+}
+
+// What simdjson objects to.
+Refusal refusal_of(simdjson::error_code error)
+{
+    switch (error) {
+    case simdjson::UTF8_ERROR:
+        return {"valid UTF-8", ""};
+    case simdjson::INCORRECT_TYPE:
+        return {"an object", ""};
+    case simdjson::UNCLOSED_STRING:
+        return {"well-formed JSON", "a string without end"};
+    case simdjson::UNESCAPED_CHARS:
+        return {"well-formed JSON", "a control character in a string"};
+    case simdjson::STRING_ERROR:
+        return {"well-formed JSON", "a wrong escape in a string"};
+    case simdjson::INCOMPLETE_ARRAY_OR_OBJECT:
+        return {"well-formed JSON", "an object or list without end"};
+    default:
+        return {"well-formed JSON", ""};
+    }
+}
+
+bool is_blank(std::string_view line)
+{
+    return line.find_first_not_of(" \t\r") == line.npos;
+}
+
+} // namespace
+
+std::string_view name_of(Event_Kind kind)
+{
+    return KINDS[static_cast<size_t>(kind)].name;
+}
+
+std::string page_words(const PAGE_SIZES_USED &pages)
+{
+    std::string words;
+    for (const Page_Size &size : PAGE_SIZES)
+        if (pages.*size.member)
+            words += fmt::format("{}\"{}\"", words.empty() ? "" : ",", size.word);
+    return words;
+}
+
+std::string Stream_Error::text() const
+{
+    std::string text = line ? fmt::format("line {}: ", line) : "";
+    if (!key.empty())
+        text += fmt::format("key \"{}\": ", key);
+    text += expected;
+    if (!found.empty())
+        text += ", found " + found;
+    return text;
+}
+
+// ---- the reader -----------------------------------------------------------------------------------------
+
+struct Stream_Reader::Parser {
+    json::parser parser{Line_Source::MAX_LINE};
+    Stream_Event event{};
+    Place place;
+    bool machine_known = false;
+    std::vector<Thread_Context> contexts; // as of the last line, by thread
+
+    void read(std::string_view line);
+
+private:
+    void check_order(Event_Kind kind) const;
+    int checked_tid() const;
+    void begin_event(json::object &object);
+    void finish_event();
+
+    const Stream_Event blank_{};
+};
+
+void Stream_Reader::Parser::check_order(Event_Kind kind) const
+{
+    if (!machine_known && kind != Event_Kind::machine)
+        throw Refusal{"\"machine\" in the first line", fmt::format("\"{}\"", name_of(kind))};
+    if (machine_known && kind == Event_Kind::machine)
+        throw Refusal{"\"machine\" in the first line only", "a second one"};
+}
+
+int Stream_Reader::Parser::checked_tid() const
+{
+    const int tid = event.instruction.tid;
+    if (contexts.empty())
+        throw Refusal{"no event: the machine has no hardware threads", std::to_string(tid)};
+    if (tid < 0 || static_cast<size_t>(tid) >= contexts.size())
+        throw Refusal{fmt::format("a hardware thread from 0 to {}", contexts.size() - 1), std::to_string(tid)};
+    return tid;
+}
+
+// Everything that the line may leave out is as it is without it. A context begins with what its thread has, so its
+// thread is looked for first.
+void Stream_Reader::Parser::begin_event(json::object &object)
+{
+    event.instruction = blank_.instruction;
+    event.time.reset();
+    if (event.kind == Event_Kind::machine) {
+        event.machine = {0, 0, 0, 0, {}};
+        event.source.clear();
+    } else if (event.kind == Event_Kind::context) {
+        place.key = "tid";
+        json::value tid;
+        const simdjson::error_code missing = object.find_field_unordered("tid").get(tid);
+        if (!missing)
+            assign(event.instruction.tid, tid);
+        else if (missing != simdjson::NO_SUCH_FIELD)
+            throw simdjson::simdjson_error(missing);
+        event.context = contexts[static_cast<size_t>(checked_tid())];
+        object.reset();
+    } else if (event.kind != Event_Kind::commit) {
+        event.pte = {};
+        event.rtpte = {};
+    }
+}
+
+void Stream_Reader::Parser::finish_event()
+{
+    if (event.kind == Event_Kind::machine) {
+        const uint64_t threads = uint64_t{event.machine.processors} * event.machine.threads;
+        place.key = "threads";
+        if (threads > MAX_HARDWARE_THREADS)
+            throw Refusal{fmt::format("at most {} hardware threads", MAX_HARDWARE_THREADS), std::to_string(threads)};
+        contexts.resize(static_cast<size_t>(threads));
+        machine_known = true;
+        return;
+    }
+    place.key = "tid";
+    const int tid = checked_tid();
+    if (event.kind == Event_Kind::context)
+        contexts[static_cast<size_t>(tid)] = event.context;
+}
+
+void Stream_Reader::Parser::read(std::string_view line)
+{
+    place = {};
+    json::document document = parser.iterate(line.data(), line.size(), line.size() + Line_Source::PADDING);
+    json::object object = document.get_object();
+    place.key = "t";
+    json::value kind;
+    if (const auto error = object.find_field_unordered("t").get(kind); error == simdjson::NO_SUCH_FIELD)
+        throw Refusal{"the kind of line", "no such key"};
+    else if (error)
+        throw simdjson::simdjson_error(error);
+    event.kind = kind_called(kind.raw_json_token());
+    check_order(event.kind);
+    object.reset();
+    begin_event(object);
+    place.key = {};
+    read_fields(object, KINDS[static_cast<size_t>(event.kind)].keys, place, event);
+    place.key = {};
+    if (document.current_location().error() != simdjson::OUT_OF_BOUNDS)
+        throw Refusal{"nothing behind the object", ""};
+    finish_event();
+}
+
+Stream_Reader::Stream_Reader(const std::string &file) : parser_(std::make_unique<Parser>())
+{
+    try {
+        lines_ = std::make_unique<Line_Source>(file);
+    } catch (const Input_Error &problem) {
+        error_ = {0, "", problem.what(), ""};
+    }
+}
+
+Stream_Reader::~Stream_Reader() = default;
+
+const Stream_Event *Stream_Reader::next()
+{
+    if (error_)
+        return nullptr;
+    try {
+        std::string_view line;
+        do
+            if (!lines_->next(line))
+                return end();
+        while (is_blank(line));
+        parser_->read(line);
+        return &parser_->event;
+    } catch (const Input_Error &problem) {
+        error_ = {line_number(), "", problem.what(), ""};
+    } catch (const Refusal &refusal) {
+        refuse_line(refusal.expected, refusal.found);
+    } catch (const simdjson::simdjson_error &error) {
+        const Refusal refusal = refusal_of(error.error());
+        refuse_line(refusal.expected, refusal.found);
+    }
+    return nullptr;
+}
+
+// A stream must have its first line.
+const Stream_Event *Stream_Reader::end()
+{
+    if (!parser_->machine_known)
+        error_ = {line_number(), "", "expected \"machine\" in the first line", "the end of the stream"};
+    return nullptr;
+}
+
+void Stream_Reader::refuse_line(const std::string &expected, const std::string &found)
+{
+    const Place &place = parser_->place;
+    const std::string key = (place.outer.empty() ? "" : std::string(place.outer) + ".") + std::string(place.key);
+    error_ = {line_number(), key, "expected " + expected, found};
+}
+
+uint64_t Stream_Reader::line_number() const
+{
+    return lines_ ? lines_->line_number() : 0;
+}
+
+uint64_t Stream_Reader::bytes_taken() const
+{
+    return lines_ ? lines_->bytes().bytes_taken() : 0;
+}
+
+std::optional<uint64_t> Stream_Reader::input_size() const
+{
+    return lines_ ? lines_->bytes().size() : std::nullopt;
+}
+
+} // namespace replay
