@@ -177,6 +177,15 @@ std::vector<std::string> Traced_Machine::errors() const
     return texts;
 }
 
+std::vector<int> Traced_Machine::warning_levels() const
+{
+    std::vector<int> levels;
+    for (const auto &message : messages_)
+        if (message.channel == replay::Channel::warning)
+            levels.push_back(message.level);
+    return levels;
+}
+
 void Traced_Machine::forget_output()
 {
     messages_.clear();

@@ -44,6 +44,7 @@ public:
     std::string printed() const;
     std::vector<std::string> warnings() const;
     std::vector<std::string> errors() const;
+    std::vector<int> warning_levels() const;
     const std::vector<replay::Console_Message> &messages() const { return messages_; }
     const std::vector<std::string> &session_calls() const { return session_calls_; } // "start", "stop", "warm F"
     void forget_output();
