@@ -266,33 +266,44 @@ static void put_class(QTRACE_UINT8 &count, Entry (&to)[N], int32_t num, const in
     }
 }
 
-static int64_t register_count(const Plugin_Inst_Registers &r)
+// The registers of one direction in a record.
+struct Record_Registers {
+    QTRACE_UINT8 &num_gprs, &num_fprs, &num_sprs, &num_vmxrs, &num_vsxrs;
+    QTRACE_REGISTER_INFO (&gpr)[QTRACE_MAX_GPRS_IN], (&fpr)[QTRACE_MAX_FPRS_IN], (&spr)[QTRACE_MAX_SPRS_IN];
+    QTRACE_VMX_REGISTER_INFO (&vmxr)[QTRACE_MAX_VMXRS_IN];
+    QTRACE_VSX_REGISTER_INFO (&vsxr)[QTRACE_MAX_VSXRS_IN];
+};
+
+static Record_Registers in_registers(QTRACE_REGISTERS &r)
 {
-    return int64_t{r.gpr_num} + r.fpr_num + r.spr_num + r.vmx_num + r.vsx_num;
+    return {r.num_gprs_in, r.num_fprs_in, r.num_sprs_in, r.num_vmxrs_in, r.num_vsxrs_in,
+            r.gpr_in,      r.fpr_in,      r.spr_in,      r.vmxr_in,      r.vsxr_in};
 }
 
-static void put_registers(QTRACE_RECORD &record, const Node *p)
+static Record_Registers out_registers(QTRACE_REGISTERS &r)
 {
-    const Plugin_Inst_Registers &in = p->reg_in;
-    const Plugin_Inst_Registers &out = p->reg_out;
-    QTRACE_REGISTERS &regs = record.regs;
-    const int64_t in_count = register_count(in);
-    const int64_t out_count = register_count(out);
-    record.header.control.fld.register_trace_present = in_count + out_count > 0;
-    if (in_count > 0) {
-        put_class(regs.num_gprs_in, regs.gpr_in, in.gpr_num, in.gpr_index, in.gpr_value);
-        put_class(regs.num_fprs_in, regs.fpr_in, in.fpr_num, in.fpr_index, in.fpr_value);
-        put_class(regs.num_sprs_in, regs.spr_in, in.spr_num, in.spr_index, in.spr_value);
-        put_class(regs.num_vmxrs_in, regs.vmxr_in, in.vmx_num, in.vmx_index, in.vmx_value);
-        put_class(regs.num_vsxrs_in, regs.vsxr_in, in.vsx_num, in.vsx_index, in.vsx_value);
-    }
-    if (out_count > 0) {
-        put_class(regs.num_gprs_out, regs.gpr_out, out.gpr_num, out.gpr_index, out.gpr_value);
-        put_class(regs.num_fprs_out, regs.fpr_out, out.fpr_num, out.fpr_index, out.fpr_value);
-        put_class(regs.num_sprs_out, regs.spr_out, out.spr_num, out.spr_index, out.spr_value);
-        put_class(regs.num_vmxrs_out, regs.vmxr_out, out.vmx_num, out.vmx_index, out.vmx_value);
-        put_class(regs.num_vsxrs_out, regs.vsxr_out, out.vsx_num, out.vsx_index, out.vsx_value);
-    }
+    return {r.num_gprs_out, r.num_fprs_out, r.num_sprs_out, r.num_vmxrs_out, r.num_vsxrs_out,
+            r.gpr_out,      r.fpr_out,      r.spr_out,      r.vmxr_out,      r.vsxr_out};
+}
+
+// Returns whether there are any.
+static bool put_registers(const Record_Registers &to, const Plugin_Inst_Registers &from)
+{
+    if (int64_t{from.gpr_num} + from.fpr_num + from.spr_num + from.vmx_num + from.vsx_num <= 0)
+        return false;
+    put_class(to.num_gprs, to.gpr, from.gpr_num, from.gpr_index, from.gpr_value);
+    put_class(to.num_fprs, to.fpr, from.fpr_num, from.fpr_index, from.fpr_value);
+    put_class(to.num_sprs, to.spr, from.spr_num, from.spr_index, from.spr_value);
+    put_class(to.num_vmxrs, to.vmxr, from.vmx_num, from.vmx_index, from.vmx_value);
+    put_class(to.num_vsxrs, to.vsxr, from.vsx_num, from.vsx_index, from.vsx_value);
+    return true;
+}
+
+static void put_register_trace(QTRACE_RECORD &record, const Node *p)
+{
+    const bool any_in = put_registers(in_registers(record.regs), p->reg_in);
+    const bool any_out = put_registers(out_registers(record.regs), p->reg_out);
+    record.header.control.fld.register_trace_present = any_in || any_out;
 }
 
 static void put_data_modes(control_word &control, RDX_XLATE_MODE mode)
@@ -347,7 +358,7 @@ boolean dump_node(Node *p)
     if (p->partition_change && !write_partition_header(p))
         return 0;
     put_next_instruction(record, p);
-    put_registers(record, p);
+    put_register_trace(record, p);
     put_data(record, p);
     put_string_length(record, p->info);
     if (QTRACE_FwriteRecord(qfile_in_bin[p->proc_index], &record) == 0)
