@@ -211,7 +211,7 @@ bool Console::status(const Words &)
         out_ << fmt::format(": {}", player_.source());
     out_ << fmt::format("\nposition  line {}", reader.line_number());
     if (const auto size = reader.input_size(); size && *size > 0)
-        out_ << fmt::format(", {:.0f} % of the input read", 100.0 * static_cast<double>(reader.bytes_taken()) /
+        out_ << fmt::format(", {:.0f} % of the input read", 100.0 * static_cast<double>(reader.bytes_used()) /
                                                               static_cast<double>(*size));
     out_ << fmt::format("\nevents    {} delivered: {} commits, {} pre, {} pte, {} rtpte\n", player_.events(),
                         player_.lines_of(Event_Kind::commit), player_.lines_of(Event_Kind::pre),

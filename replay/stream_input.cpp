@@ -14,12 +14,13 @@ namespace {
 
 constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
 constexpr size_t REFILL = 1 << 18;
+constexpr size_t STORED_AT_ONCE = 1 << 14;
 
 } // namespace
 
 struct Byte_Source::Decompressor {
     ZSTD_DCtx *context = ZSTD_createDCtx();
-    std::vector<char> stored = std::vector<char>(ZSTD_DStreamInSize());
+    std::vector<char> stored = std::vector<char>(STORED_AT_ONCE);
     ZSTD_inBuffer in{stored.data(), 0, 0};
     size_t expected = 0; // 0: between frames
     bool at_end = false;
@@ -72,6 +73,12 @@ void Byte_Source::look_at_magic()
     magic_.resize(length);
     if (magic_ == ZSTD_MAGIC)
         decompressor_ = std::make_unique<Decompressor>();
+}
+
+uint64_t Byte_Source::bytes_used() const
+{
+    const size_t waiting = decompressor_ ? decompressor_->in.size - decompressor_->in.pos : 0;
+    return taken_ - magic_.size() - waiting;
 }
 
 size_t Byte_Source::read_stored(char *to, size_t room)
@@ -134,9 +141,16 @@ bool Line_Source::next(std::string_view &line)
         }
         scanned_ = end_;
         if (at_end_ || !refill())
-            if (begin_ == end_)
+            if (begin_ == end_) {
+                --number_; // there is no such line
                 return false;
+            }
     }
+}
+
+uint64_t Line_Source::bytes_used() const
+{
+    return source_.bytes_used() - (source_.compressed() ? 0 : end_ - begin_);
 }
 
 bool Line_Source::refill()

@@ -29,7 +29,9 @@ public:
     // Waits for at least one byte; 0: the end.
     size_t read(char *to, size_t room);
 
-    uint64_t bytes_taken() const { return taken_; }        // from the file, as it is stored
+    // Stored bytes whose contents have been handed out.
+    uint64_t bytes_used() const;
+    bool compressed() const { return decompressor_ != nullptr; }
     std::optional<uint64_t> size() const { return size_; } // of the file; unknown for a pipe
 
 private:
@@ -60,8 +62,9 @@ public:
     // number of the line that could not be read is then line_number().
     bool next(std::string_view &line);
 
-    uint64_t line_number() const { return number_; } // of the last line asked for, from 1
-    const Byte_Source &bytes() const { return source_; }
+    uint64_t line_number() const { return number_; } // of the last line, from 1
+    uint64_t bytes_used() const; // stored bytes up to about the current line
+    std::optional<uint64_t> input_size() const { return source_.size(); }
 
 private:
     bool refill();

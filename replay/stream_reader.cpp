@@ -274,9 +274,12 @@ template <class Target> void read_fields(json::object object, Keys<Target> keys,
 // The object that a key has as its value.
 template <class Target> void read_inner(json::value &given, Keys<Target> keys, Place &place, Target &target)
 {
-    place.outer = place.key;
-    read_fields(object_of(given), keys, place, target);
+    const json::object object = object_of(given);
+    const std::string_view key = place.key;
+    place.outer = key;
+    read_fields(object, keys, place, target);
     place.outer = {};
+    place.key = key;
 }
 
 // ---- registers ------------------------------------------------------------------------------------------
@@ -752,7 +755,7 @@ const Stream_Event *Stream_Reader::next()
 const Stream_Event *Stream_Reader::end()
 {
     if (!parser_->machine_known)
-        error_ = {line_number(), "", "expected \"machine\" in the first line", "the end of the stream"};
+        error_ = {line_number() + 1, "", "expected \"machine\" in the first line", "the end of the stream"};
     return nullptr;
 }
 
@@ -768,14 +771,14 @@ uint64_t Stream_Reader::line_number() const
     return lines_ ? lines_->line_number() : 0;
 }
 
-uint64_t Stream_Reader::bytes_taken() const
+uint64_t Stream_Reader::bytes_used() const
 {
-    return lines_ ? lines_->bytes().bytes_taken() : 0;
+    return lines_ ? lines_->bytes_used() : 0;
 }
 
 std::optional<uint64_t> Stream_Reader::input_size() const
 {
-    return lines_ ? lines_->bytes().size() : std::nullopt;
+    return lines_ ? lines_->input_size() : std::nullopt;
 }
 
 } // namespace replay

@@ -56,7 +56,7 @@ public:
 
     const std::optional<Stream_Error> &error() const { return error_; }
     uint64_t line_number() const;                 // of the last line looked at
-    uint64_t bytes_taken() const;                 // of the input as it is stored
+    uint64_t bytes_used() const;                 // of the input as it is stored, up to about that line
     std::optional<uint64_t> input_size() const;   // unknown for a pipe
 
 private:

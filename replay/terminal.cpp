@@ -69,7 +69,7 @@ private:
         std::string text = fmt::format("{} events", events);
         if (const auto size = player_.reader().input_size(); size && *size > 0)
             text += fmt::format(", {:.0f} % of the input",
-                                100.0 * static_cast<double>(player_.reader().bytes_taken()) / static_cast<double>(*size));
+                                100.0 * static_cast<double>(player_.reader().bytes_used()) / static_cast<double>(*size));
         if (seconds > 0)
             text += fmt::format(", {:.0f} thousand/s", static_cast<double>(events) / seconds / 1000);
         return text;

@@ -1,0 +1,231 @@
+// Console commands: grammar, failures, scripts, completion. No plugin is involved here.
+
+#include "console.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <unistd.h>
+
+using namespace replay;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+class Scratch_File {
+public:
+    explicit Scratch_File(const std::string &text)
+        : name_(std::filesystem::temp_directory_path() / ("console_test_" + std::to_string(getpid()) + ".jsonl"))
+    {
+        std::ofstream(name_) << text;
+    }
+    ~Scratch_File() { std::filesystem::remove(name_); }
+    const std::string &name() const { return name_; }
+
+private:
+    std::string name_;
+};
+
+constexpr const char *STREAM = R"({"t":"machine","processors":2,"threads":1,"source":"by hand"}
+{"t":"commit","tid":0,"seq":1}
+{"t":"commit","tid":1,"seq":1}
+{"t":"commit","tid":0,"seq":2}
+)";
+
+struct Commands : testing::Test {
+    explicit Commands(const std::string &stream = STREAM) : file(stream), player(file.name()), console(player, out, err)
+    {
+    }
+
+    bool script(const std::string &lines, bool stop_at_failure = false)
+    {
+        std::istringstream in(lines);
+        return console.obey_script(in, "script", stop_at_failure);
+    }
+
+    std::vector<std::string> complete(std::string_view line)
+    {
+        return console.completions(line, wants_file);
+    }
+
+    Scratch_File file;
+    Player player;
+    std::ostringstream out, err;
+    Console console;
+    bool wants_file = false;
+};
+
+struct Refused_Stream : Commands {
+    Refused_Stream() : Commands(std::string(STREAM) + "{\"t\":\"commit\",\"tid\":2}\n") {}
+};
+
+} // namespace
+
+TEST_F(Commands, blank_lines_and_comments_do_nothing)
+{
+    EXPECT_TRUE(script("\n   \n# run\n"));
+    EXPECT_EQ(out.str() + err.str(), "");
+    EXPECT_EQ(player.events(), 0u);
+}
+
+TEST_F(Commands, run_delivers_that_many_events_or_all)
+{
+    EXPECT_TRUE(console.obey("run 2"));
+    EXPECT_EQ(player.events(), 2u);
+    EXPECT_TRUE(console.obey("run"));
+    EXPECT_EQ(player.events(), 3u);
+    EXPECT_TRUE(console.obey("run"));
+    EXPECT_EQ(out.str() + err.str(), "");
+}
+
+TEST_F(Commands, run_of_what_is_no_number_fails)
+{
+    for (const char *word : {"all", "-1", "2x", "1.5", "''", "99999999999999999999"})
+        EXPECT_FALSE(console.obey(std::string("run ") + word)) << word;
+    EXPECT_THAT(err.str(), HasSubstr("\"2x\" is not a number of events\n"));
+    EXPECT_EQ(player.events(), 0u);
+}
+
+TEST_F(Commands, status_shows_stream_position_and_machine)
+{
+    console.obey("run 2");
+    EXPECT_TRUE(console.obey("status"));
+    EXPECT_THAT(out.str(), HasSubstr(file.name() + ": by hand\n"));
+    EXPECT_THAT(out.str(), HasSubstr("position  line 3, 80 % of the input read\n"));
+    EXPECT_THAT(out.str(), HasSubstr("events    2 delivered: 2 commits, 0 pre, 0 pte, 0 rtpte\n"));
+    EXPECT_THAT(out.str(), HasSubstr("machine   2 processors of 1 threads, raw time 2\n"));
+    EXPECT_THAT(out.str(), HasSubstr("plugin    none\n"));
+}
+
+TEST_F(Commands, help_lists_every_command_and_explains_one)
+{
+    EXPECT_TRUE(console.obey("help"));
+    for (const char *name : {"plugin load FILE", "plugin signal FILE WORD...", "plugin unload", "run [N]", "status",
+                             "help [COMMAND]", "quit"})
+        EXPECT_THAT("\n" + out.str(), HasSubstr(std::string("\n") + name)) << name;
+    out.str("");
+    EXPECT_TRUE(console.obey("help plugin signal"));
+    EXPECT_THAT(out.str(), testing::StartsWith("plugin signal FILE WORD...\n    pass words"));
+    EXPECT_THAT(out.str(), testing::Not(HasSubstr("plugin load")));
+    out.str("");
+    EXPECT_TRUE(console.obey("help plugin"));
+    EXPECT_THAT(out.str(), HasSubstr("plugin unload"));
+    EXPECT_FALSE(console.obey("help statsu"));
+    EXPECT_THAT(err.str(), HasSubstr("did you mean \"status\"?"));
+}
+
+TEST_F(Commands, mistyped_command_gets_a_suggestion)
+{
+    EXPECT_FALSE(console.obey("rnu 5"));
+    EXPECT_FALSE(console.obey("plugin laod x.so"));
+    EXPECT_FALSE(console.obey("plugni unload"));
+    EXPECT_FALSE(console.obey("frobnicate"));
+    EXPECT_EQ(err.str(), "unknown command \"rnu\"; did you mean \"run\"?\n"
+                         "unknown command \"plugin laod\"; did you mean \"plugin load\"?\n"
+                         "unknown command \"plugni unload\"; did you mean \"plugin unload\"?\n"
+                         "unknown command \"frobnicate\"; \"help\" lists the commands\n");
+}
+
+TEST_F(Commands, lone_plugin_is_not_suggested_to_itself)
+{
+    EXPECT_FALSE(console.obey("plugin"));
+    EXPECT_EQ(err.str(), "unknown command \"plugin\"; \"help\" lists the commands\n");
+}
+
+TEST_F(Commands, wrong_number_of_operands_shows_the_usage)
+{
+    EXPECT_FALSE(console.obey("plugin load"));
+    EXPECT_FALSE(console.obey("plugin signal"));
+    EXPECT_FALSE(console.obey("run 1 2"));
+    EXPECT_EQ(err.str(), "usage: plugin load FILE\nusage: plugin signal FILE WORD...\nusage: run [N]\n");
+}
+
+TEST_F(Commands, plugin_commands_without_a_plugin_fail)
+{
+    EXPECT_FALSE(console.obey("plugin load /nowhere/p.so"));
+    EXPECT_FALSE(console.obey("plugin signal p.so stop"));
+    EXPECT_FALSE(console.obey("plugin unload"));
+    EXPECT_THAT(err.str(), HasSubstr("cannot load the plugin: /nowhere/p.so: cannot open"));
+    EXPECT_THAT(err.str(), EndsWith("no plugin is loaded\nno plugin is loaded\n"));
+}
+
+TEST_F(Commands, script_goes_on_after_a_failure_and_remembers_it)
+{
+    EXPECT_FALSE(script("run x\n\nrun 1\nrun \"2\n"));
+    EXPECT_EQ(player.events(), 1u);
+    EXPECT_EQ(err.str(), "script:1: \"x\" is not a number of events\nscript:4: the double quote is not closed\n");
+}
+
+TEST_F(Commands, script_can_end_at_its_first_failure)
+{
+    EXPECT_FALSE(script("run x\nrun 1\n", true));
+    EXPECT_EQ(player.events(), 0u);
+}
+
+TEST_F(Commands, quit_ends_a_script)
+{
+    EXPECT_TRUE(script("run 1\nquit\nrun\n"));
+    EXPECT_EQ(player.events(), 1u);
+    EXPECT_TRUE(console.quitting());
+}
+
+TEST_F(Commands, last_line_needs_no_line_end)
+{
+    EXPECT_TRUE(script("run 1"));
+    EXPECT_EQ(player.events(), 1u);
+}
+
+TEST_F(Commands, interrupted_run_ends_a_script)
+{
+    player.stop();
+    EXPECT_FALSE(script("run\nstatus\n"));
+    EXPECT_TRUE(console.interrupted());
+    EXPECT_EQ(err.str(), "script:1: interrupted after event 0\n");
+    EXPECT_EQ(out.str(), "");
+}
+
+TEST_F(Commands, run_display_is_called_around_a_run)
+{
+    std::string calls;
+    console.set_run_display([&] { calls += "begin " + std::to_string(player.events()) + " "; },
+                            [&] { calls += "end " + std::to_string(player.events()); });
+    console.obey("run 2");
+    EXPECT_EQ(calls, "begin 0 end 2");
+}
+
+TEST_F(Commands, host_output_goes_to_its_stream_and_complaints_fail_the_command)
+{
+    console.set_run_display([] { SIM_PRINT("to out\n"); }, [] { sim_do_warning(2, "to err"); });
+    EXPECT_FALSE(console.obey("run 1", "script:7"));
+    EXPECT_EQ(out.str(), "to out\n");
+    EXPECT_EQ(err.str(), "warning (2): to err\nscript:7: the plugin complained\n");
+}
+
+TEST_F(Refused_Stream, run_fails_with_stream_line_and_reason_again_and_again)
+{
+    const std::string complaint = file.name() + ": line 5: key \"tid\": expected a hardware thread from 0 to 1, found 2\n";
+    EXPECT_TRUE(console.obey("run 3"));
+    EXPECT_FALSE(console.obey("run"));
+    EXPECT_FALSE(console.obey("run"));
+    EXPECT_EQ(err.str(), complaint + complaint);
+    EXPECT_EQ(player.events(), 3u);
+}
+
+TEST_F(Commands, completion_offers_commands_and_says_where_a_file_belongs)
+{
+    EXPECT_THAT(complete(""), ElementsAre("plugin", "run", "status", "help", "quit"));
+    EXPECT_THAT(complete("pl"), ElementsAre("plugin"));
+    EXPECT_THAT(complete("plugin "), ElementsAre("load", "signal", "unload"));
+    EXPECT_THAT(complete("plugin s"), ElementsAre("signal"));
+    EXPECT_THAT(complete("help plugin u"), ElementsAre("unload"));
+    EXPECT_FALSE(wants_file);
+    EXPECT_THAT(complete("plugin load ./x"), IsEmpty());
+    EXPECT_TRUE(wants_file);
+    EXPECT_THAT(complete("run "), IsEmpty());
+    EXPECT_FALSE(wants_file);
+}
