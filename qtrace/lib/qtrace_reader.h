@@ -43,9 +43,10 @@ typedef struct QTRACE_Item {
 typedef struct QTRACE_Damage {
     uint64_t offset;        /* first damaged byte */
     uint64_t bytes;         /* bytes skipped */
-    uint64_t records;       /* records lost there, where the blocks around it tell */
-    int records_known;
-    int truncated;          /* the file ends inside a block: it was cut, or its writer died */
+    uint64_t records;       /* records lost there, where the blocks around it tell. At the end of a cut file:
+                               those of the block that is cut, if its header can be read; more may be missing */
+    int records_known;      /* `records` is exact */
+    int truncated;          /* the file ends without its last block: it was cut, or its writer died */
 } QTRACE_Damage;
 
 /* What qtrace_info tells without decoding records. */
@@ -57,7 +58,7 @@ typedef struct QTRACE_Info {
     uint64_t records;
     uint64_t headers;
     uint64_t damaged_places;
-    int clean_end;           /* the last block is whole and nothing follows it */
+    int clean_end;           /* the writer's last block is there, whole, and nothing follows it */
 } QTRACE_Info;
 
 /* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text
@@ -67,12 +68,21 @@ QTRACE_Reader *qtrace_open(const char *name, char **error);
 /* The next item, in file order. */
 QTRACE_ITEM qtrace_next(QTRACE_Reader *reader, const QTRACE_Item **item);
 
+/* The header that is open where the last delivered item stands: the last one that names an address, with the
+ * partition and process of later headers put in; its comment is null. A reader that begins in the middle of a file
+ * learns it from the block. Null before any header. The reader's, valid until its next call. */
+const QTRACE_FILE_HDR *qtrace_open_header(QTRACE_Reader *reader);
+
 /* Goes to record number `record` (from 0; to the headers in front of it, if any) by way of the blocks, without
- * decoding those before it. Returns 0, or -1 when the file has no such record (then at the end). */
+ * decoding those before it. Returns 0, or -1 when the file has no such record (then at the end). Where the record
+ * was lost the next item is the damage. */
 int qtrace_seek(QTRACE_Reader *reader, uint64_t record);
 
 /* Summary of the whole file, from the block headers alone. The position of the reader is kept. Returns 0 or -1. */
 int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info);
+
+/* The same, but every block's payload is read and its checksum tested too; a block that fails is a damaged place. */
+int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info);
 
 /* The last damage or error as text, "NAME: byte OFFSET: REASON"; the reader's, valid until its next call. */
 const char *qtrace_error(const QTRACE_Reader *reader);
@@ -87,6 +97,9 @@ void qtrace_close(QTRACE_Reader *reader);
 /* Path and reason of the last failed writer operation in this process ("trace0: write: No space left on
  * device"), or an empty text. Valid until the next writer operation. */
 const char *qtrace_writer_error(void);
+
+/* Writer operations of this process that failed so far; tells whether QTRACE_Fclose did. */
+uint64_t qtrace_writer_failures(void);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,830 @@
+#include "trace_codec.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace trace {
+
+// ---- Sparse images: a structure as runs of bytes that are not zero ------------------------------------------
+
+namespace {
+
+// Runs shorter than this apart are joined: a run costs about as much to begin.
+constexpr size_t MIN_GAP = 4;
+
+struct Byte_Range {
+    size_t offset, size;
+};
+
+bool any_byte_set(const uint8_t *from, size_t size)
+{
+    uint64_t seen = 0;
+    size_t i = 0;
+    for (; i + 8 <= size; i += 8)
+        seen |= load<uint64_t>(from + i);
+    for (; i < size; ++i)
+        seen |= from[i];
+    return seen != 0;
+}
+
+// The next run at or after `from`: begins with a byte that is set, ends behind one.
+Byte_Range next_run(const uint8_t *image, size_t from, size_t size)
+{
+    while (from < size && image[from] == 0)
+        ++from;
+    size_t end = from;
+    for (size_t i = from; i < size && i < end + MIN_GAP; ++i)
+        if (image[i] != 0)
+            end = i + 1;
+    return {from, end - from};
+}
+
+// Per run: zero bytes in front of it, its size, its bytes; a size of 0 ends the image.
+void encode_image(Byte_Sink &to, const void *structure, size_t size)
+{
+    const auto *image = static_cast<const uint8_t *>(structure);
+    size_t done = 0;
+    for (;;) {
+        const Byte_Range run = next_run(image, done, size);
+        to.varint(run.size == 0 ? 0 : run.offset - done);
+        to.varint(run.size);
+        if (run.size == 0)
+            return;
+        to.bytes(image + run.offset, run.size);
+        done = run.offset + run.size;
+    }
+}
+
+// Overwrites the runs in `structure`; false when one does not fit.
+bool decode_image(Byte_Source &from, void *structure, size_t size)
+{
+    auto *image = static_cast<uint8_t *>(structure);
+    size_t done = 0;
+    for (;;) {
+        const uint64_t gap = from.varint(), length = from.varint();
+        if (from.bad || length == 0)
+            return !from.bad && gap == 0;
+        if (gap > size - done || length > size - done - gap)
+            return false;
+        const uint8_t *bytes = from.bytes(length);
+        if (bytes == nullptr)
+            return false;
+        std::memcpy(image + done + gap, bytes, length);
+        done += gap + length;
+    }
+}
+
+// ---- Members of a record that its common sections leave out --------------------------------------------------
+
+constexpr size_t SECOND_ADDRESS_SIZE = offsetof(QTRACE_RECORD, secondary_data_rpn) + QTRACE_RPN_LENGTH -
+                                       offsetof(QTRACE_RECORD, secondary_data_hRTW_depth);
+constexpr size_t SEQUENTIAL_SIZE =
+    offsetof(QTRACE_RECORD, error_code) - offsetof(QTRACE_RECORD, sequential_instruction_hRTW_depth);
+
+// Up to and with the byte that holds iar_segment_size_is_valid.
+constexpr Byte_Range NEVER_COMMON[] = {
+    {offsetof(QTRACE_RECORD, iar), offsetof(QTRACE_RECORD, node) - offsetof(QTRACE_RECORD, iar)},
+    {offsetof(QTRACE_RECORD, secondary_data_hRTW_depth), SECOND_ADDRESS_SIZE},
+    {offsetof(QTRACE_RECORD, sequential_instruction_hRTW_depth), SEQUENTIAL_SIZE},
+    {offsetof(QTRACE_RECORD, trace_alteration_code), 1},
+    {offsetof(QTRACE_RECORD, next_instruction_segment_size), 6},
+};
+
+// Calls visit(range) for every range that the common sections of this record do not carry; stops when it says so.
+template <class Visitor> bool visit_uncommon(const QTRACE_RECORD &record, Visitor visit)
+{
+    for (const Byte_Range &range : NEVER_COMMON)
+        if (visit(range))
+            return true;
+    for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS}) {
+        const Address_Info &info = ADDRESS[side];
+        if (!has_address(control_in(record), side) &&
+            (visit({info.address, QTRACE_EA_LENGTH + TRANSLATION_BYTES}) || visit({info.page_size, 2})))
+            return true;
+    }
+    const auto *counts = reinterpret_cast<const uint8_t *>(&record.regs);
+    for (size_t list = 0; list < REGISTER_LISTS; ++list) {
+        const Register_List_Info &info = REGISTER_LIST[list];
+        const size_t used = std::min(counts[list], info.capacity);
+        const size_t offset = offsetof(QTRACE_RECORD, regs) + info.offset + used * info.entry_size();
+        if (visit({offset, (info.capacity - used) * info.entry_size()}))
+            return true;
+    }
+    return false;
+}
+static_assert(ADDRESS[DATA_ADDRESS].guest_page_size == ADDRESS[DATA_ADDRESS].page_size + 1 &&
+              ADDRESS[NEXT_ADDRESS].guest_page_size == ADDRESS[NEXT_ADDRESS].page_size + 1);
+
+bool has_uncommon(const QTRACE_RECORD &record)
+{
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    return visit_uncommon(record, [bytes](Byte_Range range) { return any_byte_set(bytes + range.offset, range.size); });
+}
+
+// Pointers and the library's bookkeeping do not travel.
+void drop_pointers(QTRACE_RECORD &record)
+{
+    record.data = nullptr;
+    record.file_header = nullptr;
+    record.persistent_data = nullptr;
+    record.offset = record.record_count = record.instr_count = record.exec_instr_count = 0;
+}
+
+// ---- Small things that both halves need ------------------------------------------------------------------------
+
+Small_Members members_of(const QTRACE_RECORD &record)
+{
+    return {record.node,       record.termination_node, record.termination_code, record.processor,
+            record.error_code, 0,                       record.length};
+}
+
+Bases bases_of(const Register_Places &places, const Shape_Slot &shape, uint64_t near)
+{
+    Bases bases{0, 0, near, shape.out_distance, shape.out_value};
+    for (size_t i = 0; i < places.inputs && places.place[i].list == GENERAL_INPUT_LIST; ++i) {
+        bases.previous_input = bases.last_input;
+        bases.last_input = *places.place[i].value;
+    }
+    return bases;
+}
+
+uint64_t data_base(const Bases &bases, uint8_t which)
+{
+    if (which == BASE_LAST_INPUT)
+        return bases.last_input;
+    return which == BASE_SUM_OF_INPUTS ? bases.previous_input + bases.last_input : 0;
+}
+
+// What later accesses at `near` are expected to give: the first output, or what the instruction may have stored.
+void remember_memory(Model &model, const Register_Places &places, uint64_t near)
+{
+    if (places.total == 0)
+        return;
+    size_t at = places.inputs;
+    if (places.total == places.inputs) {
+        --at;
+        while (at > 0 && places.place[at - 1].list == places.place[at].list)
+            --at;
+    }
+    const Register_Place &place = places.place[at];
+    for (unsigned word = 0; word < REGISTER_LIST[place.list].words; ++word)
+        model.memory_at(near + 8 * word) = place.value[word];
+}
+
+// What later records of the same word or address are expected to be; called when the record is complete.
+void remember_record(Model &model, const QTRACE_RECORD &record, const Register_Places &places, const Bases &bases,
+                     Shape_Slot &shape)
+{
+    shape.control = control_in(record);
+    shape.members = members_of(record);
+    if (places.total > places.inputs) {
+        shape.out_value = *places.place[places.inputs].value;
+        shape.out_distance = shape.out_value - bases.last_input;
+    }
+    remember_memory(model, places, bases.near);
+    Code_Slot &code = model.code_at(model.address);
+    code.word = record.header.instruction;
+    if (has_address(shape.control, NEXT_ADDRESS))
+        code.next = address_in(record, NEXT_ADDRESS);
+    model.address = has_address(shape.control, NEXT_ADDRESS) ? code.next : model.address + 4;
+    model.address_known = model.address_known || has_address(shape.control, NEXT_ADDRESS);
+}
+
+void remember_list(const Register_Places &places, const uint8_t *counts, Register_List &list)
+{
+    list = Register_List{};
+    if (places.total > REMEMBERED_REGISTERS)
+        return;
+    std::memcpy(list.counts, counts, sizeof list.counts);
+    for (size_t i = 0; i < places.total; ++i)
+        list.index[i] = *places.place[i].index;
+}
+
+bool is_list(const Register_Places &places, const uint8_t *counts, const Register_List &list)
+{
+    if (places.total > REMEMBERED_REGISTERS || std::memcmp(list.counts, counts, sizeof list.counts) != 0)
+        return false;
+    for (size_t i = 0; i < places.total; ++i)
+        if (list.index[i] != *places.place[i].index)
+            return false;
+    return true;
+}
+
+// Values that need no bytes, in the order of their kinds; `memory` is what was last at the value's place.
+uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory, const Bases &bases)
+{
+    switch (kind) {
+    case VALUE_REGISTER: return last;
+    case VALUE_DISTANCE: return bases.last_input + bases.out_distance;
+    case VALUE_MEMORY: return memory;
+    case VALUE_SHAPE: return bases.out_value;
+    case VALUE_SUM: return bases.previous_input + bases.last_input;
+    case VALUE_DIFFERENCE: return bases.last_input - bases.previous_input;
+    case VALUE_AND: return bases.previous_input & bases.last_input;
+    case VALUE_OR: return bases.previous_input | bases.last_input;
+    default: return bases.previous_input ^ bases.last_input;
+    }
+}
+
+unsigned unsigned_size(uint64_t value)
+{
+    return (static_cast<unsigned>(std::bit_width(value)) + 7) / 8;
+}
+
+unsigned signed_size(uint64_t difference)
+{
+    return std::max(1u, unsigned_size(zigzag(difference)));
+}
+
+uint64_t sign_extended(uint64_t value, unsigned bytes)
+{
+    const unsigned shift = 64 - 8 * bytes;
+    return static_cast<uint64_t>(static_cast<int64_t>(value << shift) >> shift);
+}
+
+constexpr size_t COLUMN_ROOM = MAX_PAYLOAD + 64;
+constexpr size_t MAX_COMMON = 2048;   // encoded bytes of a record's common sections
+constexpr size_t MAX_ESCAPE = 3072;   // and of the rest of it
+constexpr size_t MAX_HEADER_ITEM = 512; // of a file header without its comment
+
+bool comment_stays_outside(const QTRACE_FILE_HDR &header)
+{
+    return header.comment != nullptr && header.comment_length > MAX_COMMENT_IN_BLOCK;
+}
+
+} // namespace
+
+QTRACE_FILE_HDR without_pointers(const QTRACE_FILE_HDR &header)
+{
+    QTRACE_FILE_HDR copy = header;
+    copy.comment = nullptr;
+    copy.app_spec_data = nullptr;
+    return copy;
+}
+
+void Open_Header::follow(const QTRACE_FILE_HDR &next)
+{
+    const auto &flags = next.sec_ext_controlword.control.fld;
+    if (next.control.iar_is_present) {
+        header = without_pointers(next);
+        present = true;
+    }
+    if (flags.lpid_is_present)
+        std::memcpy(header.lpid, next.lpid, sizeof header.lpid);
+    if (flags.pid_is_present)
+        std::memcpy(header.pid, next.pid, sizeof header.pid);
+}
+
+// ---- Blocks -----------------------------------------------------------------------------------------------------
+
+void Encoder::begin_block()
+{
+    if (!started()) {
+        memory_ = std::make_unique_for_overwrite<uint8_t[]>(COLUMNS * COLUMN_ROOM);
+        model_ = std::make_unique_for_overwrite<Model>();
+    }
+    model_->reset(address_, address_known_);
+    first_address_ = address_;
+    first_address_known_ = address_known_;
+    records_ = headers_ = 0;
+    for (size_t i = 0; i < COLUMNS; ++i)
+        columns_[i].begin = columns_[i].at = memory_.get() + i * COLUMN_ROOM;
+    if (open_.present)
+        encode_image(sink(COLUMN_OPEN), &open_.header, sizeof open_.header);
+}
+
+bool Encoder::has_room_for(const QTRACE_RECORD &record) const
+{
+    const size_t left = MAX_PAYLOAD - raw_size();
+    return left >= MAX_COMMON + MAX_ESCAPE || (left >= MAX_COMMON && !has_uncommon(record));
+}
+
+bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const
+{
+    if (comment_stays_outside(header))
+        return records_ == 0 && headers_ == 0;
+    const size_t comment = header.comment == nullptr ? 0u : header.comment_length;
+    return MAX_PAYLOAD - raw_size() >= MAX_HEADER_ITEM + comment;
+}
+
+size_t Encoder::raw_size() const
+{
+    size_t size = COLUMN_SIZES;
+    for (const Byte_Sink &column : columns_)
+        size += column.size();
+    return size;
+}
+
+void Encoder::collect(uint8_t *to) const
+{
+    Byte_Sink payload{to, to};
+    for (const Byte_Sink &column : columns_)
+        payload.number(static_cast<uint32_t>(column.size()));
+    for (const Byte_Sink &column : columns_)
+        payload.bytes(column.begin, column.size());
+}
+
+bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address, bool address_known)
+{
+    if (!model_)
+        model_ = std::make_unique_for_overwrite<Model>();
+    model_->reset(address, address_known);
+    bad_ = false;
+    Byte_Source whole{payload, payload + size};
+    uint64_t sum = COLUMN_SIZES;
+    uint32_t sizes[COLUMNS];
+    for (uint32_t &column : sizes) {
+        column = whole.number<uint32_t>();
+        sum += column;
+    }
+    if (whole.bad || sum != size)
+        return false;
+    for (size_t i = 0; i < COLUMNS; ++i) {
+        const uint8_t *begin = whole.bytes(sizes[i]);
+        columns_[i] = {begin, begin + sizes[i]};
+    }
+    Byte_Source &open = source(COLUMN_OPEN);
+    open_ = Open_Header{};
+    open_.present = open.left() != 0;
+    if (open_.present && (!decode_image(open, &open_.header, sizeof open_.header) || open.left() != 0))
+        return false;
+    open_.header = without_pointers(open_.header);
+    return true;
+}
+
+bool Decoder::any_bad() const
+{
+    return bad_ || std::any_of(std::begin(columns_), std::end(columns_), [](const auto &c) { return c.bad; });
+}
+
+bool Decoder::all_read() const
+{
+    return std::all_of(std::begin(columns_), std::end(columns_), [](const auto &c) { return c.left() == 0; });
+}
+
+// ---- Items --------------------------------------------------------------------------------------------------------
+
+void Encoder::add(const QTRACE_RECORD &record)
+{
+    Model &model = *model_;
+    op_ = more_ = 0;
+    const uint64_t control = control_in(record);
+    Code_Slot &code = model.code_at(model.address);
+    Shape_Slot &shape = model.shape_of(record.header.instruction);
+    if (code.word != record.header.instruction) {
+        op_ |= OP_WORD;
+        sink(COLUMN_WORD).number(record.header.instruction);
+    }
+    encode_static(record, shape, control);
+
+    // The places are only read through here.
+    Register_Places places;
+    find_registers(const_cast<QTRACE_REGISTERS &>(record.regs), places);
+    const auto *counts = reinterpret_cast<const uint8_t *>(&record.regs);
+    if (!is_list(places, counts, shape.list)) {
+        op_ |= OP_LIST;
+        encode_list(places, counts);
+        remember_list(places, counts, shape.list);
+    }
+    encode_inputs(places);
+
+    Bases bases = bases_of(places, shape, model.address);
+    if (has_address(control, DATA_ADDRESS))
+        bases.near = encode_data_address(address_in(record, DATA_ADDRESS), bases, shape);
+    for (size_t i = places.inputs; i < places.total; ++i)
+        for (unsigned word = 0; word < REGISTER_LIST[places.place[i].list].words; ++word)
+            encode_value(places.place[i], word, bases);
+    if (has_address(control, NEXT_ADDRESS) && address_in(record, NEXT_ADDRESS) != code.next) {
+        op_ |= OP_NEXT;
+        sink(COLUMN_NEXT).varint(zigzag(address_in(record, NEXT_ADDRESS) - model.address));
+    }
+    if (has_address(control, DATA_ADDRESS))
+        encode_translation(record, DATA_ADDRESS, MORE_DATA_TRANSLATION);
+    if (has_address(control, NEXT_ADDRESS))
+        encode_translation(record, NEXT_ADDRESS, MORE_NEXT_TRANSLATION);
+    if (has_uncommon(record))
+        encode_escape(record);
+    put_op();
+    remember_record(model, record, places, bases, shape);
+    address_ = model.address;
+    address_known_ = model.address_known;
+    ++records_;
+}
+
+void Encoder::put_op()
+{
+    if (more_ != 0)
+        op_ |= OP_MORE;
+    sink(COLUMN_OP).byte(op_);
+    if (more_ != 0)
+        sink(COLUMN_OP).byte(more_);
+}
+
+Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
+{
+    Byte_Source &ops = source(COLUMN_OP);
+    if (ops.left() == 0)
+        return all_read() && !any_bad() ? Result::end : Result::corrupt;
+    const uint8_t op = ops.byte();
+    const uint8_t more = op & OP_MORE ? ops.byte() : uint8_t{0};
+    if ((more & ~ALL_MORE) != 0 || ((more & MORE_HEADER) != 0 && (more != MORE_HEADER || op != OP_MORE)))
+        return Result::corrupt;
+    return more & MORE_HEADER ? next_header(header) : next_record(record, op, more);
+}
+
+Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t more)
+{
+    Model &model = *model_;
+    clear(record);
+    Code_Slot &code = model.code_at(model.address);
+    const uint32_t word = op & OP_WORD ? source(COLUMN_WORD).number<uint32_t>() : code.word;
+    record.header.instruction = word;
+    Shape_Slot &shape = model.shape_of(word);
+    const uint64_t control = op & OP_CONTROL ? decode_control() : shape.control;
+    store(&record.header.control, control);
+    filled_ = control;
+    put_members(record, op & OP_MEMBERS ? decode_members() : shape.members);
+    if (op & OP_LIST) {
+        decode_list(record);
+        remember_list(places_, reinterpret_cast<const uint8_t *>(&record.regs), shape.list);
+    } else {
+        recall_list(record, shape);
+    }
+    decode_inputs((op & OP_INPUTS) != 0);
+
+    Bases bases = bases_of(places_, shape, model.address);
+    if (has_address(control, DATA_ADDRESS)) {
+        bases.near = decode_data_address((op & OP_DATA) != 0, bases, shape);
+        store(record.data_ea, bases.near);
+    }
+    for (size_t i = places_.inputs; i < places_.total; ++i)
+        for (unsigned part = 0; part < REGISTER_LIST[places_.place[i].list].words; ++part)
+            decode_value(places_.place[i], part, bases);
+    if (has_address(control, NEXT_ADDRESS))
+        store(record.next_instruction_ea,
+              op & OP_NEXT ? model.address + unzigzag(source(COLUMN_NEXT).varint()) : code.next);
+    if (has_address(control, DATA_ADDRESS))
+        decode_translation(record, DATA_ADDRESS, (more & MORE_DATA_TRANSLATION) != 0);
+    if (has_address(control, NEXT_ADDRESS))
+        decode_translation(record, NEXT_ADDRESS, (more & MORE_NEXT_TRANSLATION) != 0);
+    remember_record(model, record, places_, bases, shape);
+    if (more & MORE_ESCAPE)
+        decode_escape(record);
+    return any_bad() ? Result::corrupt : Result::record;
+}
+
+// Back to all zero, at the price of what the last record filled.
+void Decoder::clear(QTRACE_RECORD &record)
+{
+    auto *bytes = reinterpret_cast<uint8_t *>(&record);
+    if (escaped_) {
+        std::memset(bytes, 0, sizeof record);
+    } else {
+        for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
+            if (has_address(filled_, side)) {
+                std::memset(bytes + ADDRESS[side].address, 0, QTRACE_EA_LENGTH + TRANSLATION_BYTES);
+                std::memset(bytes + ADDRESS[side].page_size, 0, 2);
+            }
+        for (size_t i = 0; i < places_.total; ++i) {
+            *places_.place[i].index = 0;
+            std::memset(places_.place[i].value, 0, 8u * REGISTER_LIST[places_.place[i].list].words);
+        }
+    }
+    escaped_ = false;
+    places_.total = places_.inputs = 0;
+}
+
+void Encoder::add(const QTRACE_FILE_HDR &header)
+{
+    const QTRACE_FILE_HDR image = without_pointers(header);
+    op_ = 0;
+    more_ = MORE_HEADER;
+    put_op();
+    Byte_Sink &extra = sink(COLUMN_EXTRA);
+    encode_image(extra, &image, sizeof image);
+    const bool outside = comment_stays_outside(header);
+    extra.byte(header.comment == nullptr ? NO_COMMENT : outside ? COMMENT_IN_FRONT : COMMENT_HERE);
+    if (header.comment != nullptr && !outside)
+        extra.bytes(header.comment, header.comment_length);
+    open_.follow(header);
+    if (header.control.iar_is_present) {
+        address_ = model_->address = load<uint64_t>(header.iar);
+        address_known_ = model_->address_known = true;
+    }
+    ++headers_;
+}
+
+Decoder::Result Decoder::next_header(QTRACE_FILE_HDR &header)
+{
+    Byte_Source &extra = source(COLUMN_EXTRA);
+    std::memset(static_cast<void *>(&header), 0, sizeof header);
+    if (!decode_image(extra, &header, sizeof header))
+        return Result::corrupt;
+    header = without_pointers(header);
+    const uint8_t place = extra.byte();
+    comment_ = place == COMMENT_HERE ? extra.bytes(header.comment_length) : nullptr;
+    comment_outside_ = place == COMMENT_IN_FRONT;
+    if (place > COMMENT_IN_FRONT || extra.bad)
+        return Result::corrupt;
+    open_.follow(header);
+    if (header.control.iar_is_present) {
+        model_->address = load<uint64_t>(header.iar);
+        model_->address_known = true;
+    }
+    return Result::header;
+}
+
+// ---- Flags and small members ---------------------------------------------------------------------------------------
+
+void Encoder::encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control)
+{
+    if (control != shape.control) {
+        op_ |= OP_CONTROL;
+        encode_control(control);
+    }
+    const Small_Members members = members_of(record);
+    if (!(members == shape.members)) {
+        op_ |= OP_MEMBERS;
+        encode_members(members);
+    }
+}
+
+// The number of a control word seen before in the block, or the next free number and the word. Number 255 stands
+// for one that is not kept any more.
+void Encoder::encode_control(uint64_t control)
+{
+    Byte_Sink &shape = sink(COLUMN_SHAPE);
+    const uint64_t *end = model_->controls + model_->control_count;
+    const uint64_t *found = std::find(static_cast<const uint64_t *>(model_->controls), end, control);
+    shape.byte(static_cast<uint8_t>(found - model_->controls));
+    if (found != end)
+        return;
+    shape.number(control);
+    if (model_->control_count < MAX_CONTROLS)
+        model_->controls[model_->control_count++] = control;
+}
+
+uint64_t Decoder::decode_control()
+{
+    Byte_Source &shape = source(COLUMN_SHAPE);
+    const size_t number = shape.byte();
+    if (number < model_->control_count)
+        return model_->controls[number];
+    if (number > model_->control_count)
+        bad_ = true;
+    const auto control = shape.number<uint64_t>();
+    if (model_->control_count < MAX_CONTROLS)
+        model_->controls[model_->control_count++] = control;
+    return control;
+}
+
+// A bit for each of the six that is not zero, then those.
+void Encoder::encode_members(const Small_Members &members)
+{
+    Byte_Sink &shape = sink(COLUMN_SHAPE);
+    const uint8_t values[] = {members.node, members.termination_node, members.termination_code, members.processor,
+                              members.error_code};
+    uint8_t mask = members.length != 0 ? 32 : 0;
+    for (unsigned i = 0; i < 5; ++i)
+        mask = static_cast<uint8_t>(mask | (values[i] != 0) << i);
+    shape.byte(mask);
+    for (const uint8_t value : values)
+        if (value != 0)
+            shape.byte(value);
+    if (members.length != 0)
+        shape.number(members.length);
+}
+
+Small_Members Decoder::decode_members()
+{
+    Byte_Source &shape = source(COLUMN_SHAPE);
+    const uint8_t mask = shape.byte();
+    uint8_t values[5];
+    for (unsigned i = 0; i < 5; ++i)
+        values[i] = mask >> i & 1 ? shape.byte() : uint8_t{0};
+    const uint16_t length = mask & 32 ? shape.number<uint16_t>() : uint16_t{0};
+    return {values[0], values[1], values[2], values[3], values[4], 0, length};
+}
+
+void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
+{
+    record.node = members.node;
+    record.termination_node = members.termination_node;
+    record.termination_code = members.termination_code;
+    record.processor = members.processor;
+    record.error_code = members.error_code;
+    record.length = members.length;
+}
+
+// ---- Register lists ------------------------------------------------------------------------------------------------
+
+// A bit for each of the ten counts that is not zero, those counts, then the register numbers.
+void Encoder::encode_list(const Register_Places &places, const uint8_t *counts)
+{
+    Byte_Sink &shape = sink(COLUMN_SHAPE);
+    unsigned mask = 0;
+    for (unsigned list = 0; list < REGISTER_LISTS; ++list)
+        mask |= static_cast<unsigned>(counts[list] != 0) << list;
+    shape.varint(mask);
+    for (unsigned list = 0; list < REGISTER_LISTS; ++list)
+        if (counts[list] != 0)
+            shape.byte(counts[list]);
+    for (size_t i = 0; i < places.total; ++i)
+        shape.varint(*places.place[i].index);
+}
+
+void Decoder::decode_list(QTRACE_RECORD &record)
+{
+    Byte_Source &shape = source(COLUMN_SHAPE);
+    auto *counts = reinterpret_cast<uint8_t *>(&record.regs);
+    const uint64_t mask = shape.varint();
+    for (unsigned list = 0; list < REGISTER_LISTS; ++list)
+        counts[list] = mask >> list & 1 ? shape.byte() : uint8_t{0};
+    find_registers(record.regs, places_);
+    for (size_t i = 0; i < places_.total; ++i)
+        *places_.place[i].index = static_cast<uint16_t>(shape.varint());
+}
+
+void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
+{
+    std::memcpy(&record.regs, shape.list.counts, sizeof shape.list.counts);
+    find_registers(record.regs, places_);
+    for (size_t i = 0; i < places_.total; ++i)
+        *places_.place[i].index = shape.list.index[i];
+}
+
+// ---- Values --------------------------------------------------------------------------------------------------------
+
+void Encoder::encode_inputs(const Register_Places &places)
+{
+    bool expected = true;
+    for (size_t i = 0; i < places.inputs && expected; ++i) {
+        const Register_Place &place = places.place[i];
+        const Register_List_Info &list = REGISTER_LIST[place.list];
+        for (unsigned word = 0; word < list.words; ++word)
+            expected = expected && place.value[word] == model_->register_value(list, *place.index, word);
+    }
+    if (expected)
+        return;
+    op_ |= OP_INPUTS;
+    const Bases bases{0, 0, model_->address, 0, 0};
+    for (size_t i = 0; i < places.inputs; ++i)
+        for (unsigned word = 0; word < REGISTER_LIST[places.place[i].list].words; ++word)
+            encode_value(places.place[i], word, bases);
+}
+
+void Decoder::decode_inputs(bool coded)
+{
+    const Bases bases{0, 0, model_->address, 0, 0};
+    for (size_t i = 0; i < places_.inputs; ++i) {
+        const Register_Place &place = places_.place[i];
+        const Register_List_Info &list = REGISTER_LIST[place.list];
+        for (unsigned word = 0; word < list.words; ++word)
+            if (coded)
+                decode_value(place, word, bases);
+            else
+                place.value[word] = model_->register_value(list, *place.index, word);
+    }
+}
+
+void Encoder::encode_value(const Register_Place &place, unsigned word, const Bases &bases)
+{
+    uint64_t &last = model_->register_value(REGISTER_LIST[place.list], *place.index, word);
+    const uint64_t memory = model_->memory_at(bases.near + 8 * word);
+    const uint64_t value = place.value[word];
+    const uint64_t before = last;
+    last = value;
+    for (unsigned kind = VALUE_REGISTER; kind < VALUE_LITERAL; ++kind)
+        if (value == predicted_value(kind, before, memory, bases))
+            return sink(COLUMN_KIND).byte(static_cast<uint8_t>(kind));
+    unsigned size = unsigned_size(value), kind = VALUE_LITERAL + size;
+    uint64_t bytes = value;
+    const auto consider = [&](unsigned first_kind, uint64_t base) {
+        const unsigned other = signed_size(value - base);
+        if (other < size) {
+            size = other;
+            kind = first_kind + size - 1;
+            bytes = value - base;
+        }
+    };
+    consider(VALUE_FROM_REGISTER, before);
+    consider(VALUE_FROM_INPUT, bases.last_input);
+    consider(VALUE_FROM_NEAR, bases.near);
+    sink(COLUMN_KIND).byte(static_cast<uint8_t>(kind));
+    sink(COLUMN_VALUE).low_bytes(bytes, size);
+}
+
+void Decoder::decode_value(const Register_Place &place, unsigned word, const Bases &bases)
+{
+    uint64_t &last = model_->register_value(REGISTER_LIST[place.list], *place.index, word);
+    const uint8_t kind = source(COLUMN_KIND).byte();
+    Byte_Source &values = source(COLUMN_VALUE);
+    const auto from = [&](unsigned first_kind, uint64_t base) {
+        const unsigned size = kind - first_kind + 1;
+        return base + sign_extended(values.low_bytes(size), size);
+    };
+    if (kind < VALUE_LITERAL)
+        last = predicted_value(kind, last, model_->memory_at(bases.near + 8 * word), bases);
+    else if (kind < VALUE_FROM_REGISTER)
+        last = values.low_bytes(kind - VALUE_LITERAL);
+    else if (kind < VALUE_FROM_INPUT)
+        last = from(VALUE_FROM_REGISTER, last);
+    else if (kind < VALUE_FROM_NEAR)
+        last = from(VALUE_FROM_INPUT, bases.last_input);
+    else if (kind < VALUE_KINDS)
+        last = from(VALUE_FROM_NEAR, bases.near);
+    else
+        bad_ = true;
+    place.value[word] = last;
+}
+
+// ---- Addresses and their translation -------------------------------------------------------------------------------
+
+// Which base, and how far from it: the base that gives the smallest distance.
+uint64_t Encoder::encode_data_address(uint64_t address, const Bases &bases, Shape_Slot &shape)
+{
+    if (address == data_base(bases, shape.data_base) + shape.data_distance)
+        return address;
+    op_ |= OP_DATA;
+    shape.data_base = BASE_LAST_INPUT;
+    for (const uint8_t base : {BASE_SUM_OF_INPUTS, BASE_NONE})
+        if (zigzag(address - data_base(bases, base)) < zigzag(address - data_base(bases, shape.data_base)))
+            shape.data_base = base;
+    shape.data_distance = address - data_base(bases, shape.data_base);
+    sink(COLUMN_DATA).byte(shape.data_base);
+    sink(COLUMN_DATA).varint(zigzag(shape.data_distance));
+    return address;
+}
+
+uint64_t Decoder::decode_data_address(bool coded, const Bases &bases, Shape_Slot &shape)
+{
+    if (coded) {
+        shape.data_base = source(COLUMN_DATA).byte();
+        shape.data_distance = unzigzag(source(COLUMN_DATA).varint());
+        bad_ = bad_ || shape.data_base >= DATA_BASES;
+    }
+    return data_base(bases, shape.data_base) + shape.data_distance;
+}
+
+// Expected: as last at that page. Else a bit for each word that differs from the last translation of the same
+// side, and those words' differences.
+void Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side, uint8_t bit)
+{
+    const Translation now = translation_in(record, side);
+    Translation &page = model_->page_of(address_in(record, side));
+    Translation &last = model_->last[side];
+    if (std::memcmp(&now, &page, sizeof now) != 0) {
+        more_ |= bit;
+        uint32_t mask = 0;
+        for (unsigned i = 0; i < 32; ++i)
+            mask |= static_cast<uint32_t>(now.word[i] != last.word[i]) << i;
+        sink(COLUMN_TRANSLATION).number(mask);
+        for (unsigned i = 0; i < 32; ++i)
+            if (mask >> i & 1)
+                sink(COLUMN_TRANSLATION).varint(zigzag(now.word[i] - last.word[i]));
+        page = now;
+    }
+    last = now;
+}
+
+void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded)
+{
+    Translation &page = model_->page_of(address_in(record, side));
+    Translation &last = model_->last[side];
+    if (coded) {
+        Byte_Source &from = source(COLUMN_TRANSLATION);
+        const auto mask = from.number<uint32_t>();
+        for (unsigned i = 0; i < 32; ++i)
+            if (mask >> i & 1)
+                last.word[i] += unzigzag(from.varint());
+        page = last;
+    } else {
+        last = page;
+    }
+    put_translation(record, side, last);
+}
+
+// ---- Members that records seldom carry -------------------------------------------------------------------------------
+
+void Encoder::encode_escape(const QTRACE_RECORD &record)
+{
+    more_ |= MORE_ESCAPE;
+    QTRACE_RECORD uncommon;
+    std::memset(static_cast<void *>(&uncommon), 0, sizeof uncommon);
+    const auto *from = reinterpret_cast<const uint8_t *>(&record);
+    auto *to = reinterpret_cast<uint8_t *>(&uncommon);
+    visit_uncommon(record, [from, to](Byte_Range range) {
+        std::memcpy(to + range.offset, from + range.offset, range.size);
+        return false;
+    });
+    encode_image(sink(COLUMN_EXTRA), &uncommon, sizeof uncommon);
+}
+
+void Decoder::decode_escape(QTRACE_RECORD &record)
+{
+    escaped_ = true;
+    bad_ = !decode_image(source(COLUMN_EXTRA), &record, sizeof record) || bad_;
+    drop_pointers(record);
+}
+
+} // namespace trace

@@ -1,0 +1,115 @@
+// Items (records and file headers) into the columns of one block and back. docs/trace-format.md describes the
+// columns; the two halves of each section stand side by side in trace_codec.cpp.
+#pragma once
+
+#include "trace_bytes.h"
+#include "trace_format.h"
+#include "trace_model.h"
+
+#include <memory>
+
+namespace trace {
+
+// A file header without its pointers, as a block restates it.
+QTRACE_FILE_HDR without_pointers(const QTRACE_FILE_HDR &header);
+
+// The header that describes the machine from an item on: the last one with an address, its partition and process
+// replaced by those of later headers.
+struct Open_Header {
+    QTRACE_FILE_HDR header{};
+    bool present = false;
+    void follow(const QTRACE_FILE_HDR &next);
+};
+
+// Fills the columns of one block after the other. Allocates on the first begin_block only.
+class Encoder {
+public:
+    // Starts an empty block at the place where the last one ended.
+    void begin_block();
+    // Whether the item still fits; when not, the block has to be sealed first.
+    bool has_room_for(const QTRACE_RECORD &record) const;
+    bool has_room_for(const QTRACE_FILE_HDR &header) const;
+    // Add an item that fits. A comment longer than MAX_COMMENT_IN_BLOCK stays out of the block.
+    void add(const QTRACE_RECORD &record);
+    void add(const QTRACE_FILE_HDR &header);
+
+    bool started() const { return model_ != nullptr; }
+    size_t raw_size() const;
+    // Puts the payload together: raw_size() bytes.
+    void collect(uint8_t *to) const;
+    uint32_t records() const { return records_; }
+    uint32_t headers() const { return headers_; }
+    uint64_t first_address() const { return first_address_; }
+    bool first_address_known() const { return first_address_known_; }
+
+private:
+    void put_op();
+    void encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control);
+    void encode_members(const Small_Members &members);
+    uint64_t encode_data_address(uint64_t address, const Bases &bases, Shape_Slot &shape);
+    void encode_control(uint64_t control);
+    void encode_list(const Register_Places &places, const uint8_t *counts);
+    void encode_inputs(const Register_Places &places);
+    void encode_value(const Register_Place &place, unsigned word, const Bases &bases);
+    void encode_translation(const QTRACE_RECORD &record, Address_Side side, uint8_t bit);
+    void encode_escape(const QTRACE_RECORD &record);
+    Byte_Sink &sink(Column column) { return columns_[column]; }
+
+    std::unique_ptr<uint8_t[]> memory_; // of all columns
+    std::unique_ptr<Model> model_;
+    Byte_Sink columns_[COLUMNS];
+    Open_Header open_;
+    uint8_t op_ = 0, more_ = 0; // of the item being added
+    uint32_t records_ = 0, headers_ = 0;
+    uint64_t address_ = 0, first_address_ = 0;
+    bool address_known_ = false, first_address_known_ = false;
+};
+
+// Reads the items of one block after the other. The payload must stay where it is while they are read.
+class Decoder {
+public:
+    enum class Result { end, record, header, corrupt };
+
+    // False when the payload's columns do not fit its size.
+    bool begin_block(const uint8_t *payload, size_t size, uint64_t address, bool address_known);
+    // The next item into `record` or `header`. `record` must be the same one in every call, zero at the first,
+    // and changed by nobody else: only what the last record filled is cleared. `comment` is set with a header: the
+    // text in the payload, null when there is none or when it is `comment_outside`.
+    Result next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header);
+
+    uint64_t address() const { return model_->address; } // of the next record
+    bool address_known() const { return model_->address_known; }
+    const Open_Header &open_header() const { return open_; }
+    const uint8_t *comment() const { return comment_; }
+    bool comment_outside() const { return comment_outside_; }
+
+private:
+    Result next_record(QTRACE_RECORD &record, uint8_t op, uint8_t more);
+    Result next_header(QTRACE_FILE_HDR &header);
+    void clear(QTRACE_RECORD &record);
+    uint64_t decode_control();
+    Small_Members decode_members();
+    static void put_members(QTRACE_RECORD &record, const Small_Members &members);
+    uint64_t decode_data_address(bool coded, const Bases &bases, Shape_Slot &shape);
+    void decode_list(QTRACE_RECORD &record);
+    void recall_list(QTRACE_RECORD &record, const Shape_Slot &shape);
+    void decode_inputs(bool coded);
+    void decode_value(const Register_Place &place, unsigned word, const Bases &bases);
+    void decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded);
+    void decode_escape(QTRACE_RECORD &record);
+    Byte_Source &source(Column column) { return columns_[column]; }
+    bool any_bad() const;
+    bool all_read() const;
+
+    std::unique_ptr<Model> model_;
+    Byte_Source columns_[COLUMNS];
+    Register_Places places_{}; // of the last record
+    uint64_t filled_ = 0;      // control of the last record
+    bool escaped_ = false;     // the last record had members outside its common ones
+    Open_Header open_;
+    const uint8_t *comment_ = nullptr;
+    bool comment_outside_ = false;
+    bool bad_ = false;
+};
+
+} // namespace trace

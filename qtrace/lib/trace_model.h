@@ -1,0 +1,193 @@
+// What writer and reader both expect of the next record from those before it in the same block. The writer notes
+// only where a record differs; so both must keep these tables in exactly the same way. docs/trace-format.md
+// describes them under "What a reader remembers".
+#pragma once
+
+#include "qtrace_t.h"
+#include "trace_bytes.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+namespace trace {
+
+// ---- Registers of a record as ten lists, in the order of their counts -------------------------------------
+
+struct Register_List_Info {
+    size_t offset; // of the array in QTRACE_REGISTERS
+    uint8_t capacity;
+    uint8_t words; // values of 64 bits in an entry
+    uint8_t kind;  // register file: 0 special, 1 vector-scalar, 2 vector, 3 floating-point, 4 general
+    size_t entry_size() const { return words == 1 ? sizeof(QTRACE_REGISTER_INFO) : sizeof(QTRACE_VMX_REGISTER_INFO); }
+};
+
+inline constexpr size_t REGISTER_LISTS = 10;
+inline constexpr size_t FIRST_INPUT_LIST = 5;
+inline constexpr size_t GENERAL_INPUT_LIST = 9;
+inline constexpr Register_List_Info REGISTER_LIST[REGISTER_LISTS] = {
+    {offsetof(QTRACE_REGISTERS, spr_out), QTRACE_MAX_SPRS_OUT, 1, 0},
+    {offsetof(QTRACE_REGISTERS, vsxr_out), QTRACE_MAX_VSXRS_OUT, 2, 1},
+    {offsetof(QTRACE_REGISTERS, vmxr_out), QTRACE_MAX_VMXRS_OUT, 2, 2},
+    {offsetof(QTRACE_REGISTERS, fpr_out), QTRACE_MAX_FPRS_OUT, 1, 3},
+    {offsetof(QTRACE_REGISTERS, gpr_out), QTRACE_MAX_GPRS_OUT, 1, 4},
+    {offsetof(QTRACE_REGISTERS, spr_in), QTRACE_MAX_SPRS_IN, 1, 0},
+    {offsetof(QTRACE_REGISTERS, vsxr_in), QTRACE_MAX_VSXRS_IN, 2, 1},
+    {offsetof(QTRACE_REGISTERS, vmxr_in), QTRACE_MAX_VMXRS_IN, 2, 2},
+    {offsetof(QTRACE_REGISTERS, fpr_in), QTRACE_MAX_FPRS_IN, 1, 3},
+    {offsetof(QTRACE_REGISTERS, gpr_in), QTRACE_MAX_GPRS_IN, 1, 4},
+};
+static_assert(sizeof(QTRACE_REGISTER_INFO) == 16 && offsetof(QTRACE_REGISTER_INFO, value) == 8);
+static_assert(sizeof(QTRACE_VSX_REGISTER_INFO) == 24 && offsetof(QTRACE_VMX_REGISTER_INFO, value) == 8);
+static_assert(offsetof(QTRACE_REGISTERS, num_gprs_in) == GENERAL_INPUT_LIST);
+inline constexpr size_t MAX_REGISTERS = 90; // in one record, all lists full
+inline constexpr size_t MAX_VALUES = 102;   // their values, 128-bit registers counted twice
+
+// ---- Tables -------------------------------------------------------------------------------------------------
+
+inline constexpr unsigned CODE_BITS = 12, SHAPE_BITS = 11, MEMORY_BITS = 11, PAGE_BITS = 8, REGISTER_SLOTS = 64;
+inline constexpr size_t REMEMBERED_REGISTERS = 12;
+inline constexpr size_t MAX_CONTROLS = 255;
+
+inline size_t slot_of(uint64_t key, unsigned bits)
+{
+    return static_cast<size_t>((key * 0x9E3779B97F4A7C15u) >> (64 - bits));
+}
+
+// By instruction address: what was there, and where it went.
+struct Code_Slot {
+    uint64_t next;
+    uint32_t word;
+};
+
+// Members of one to two bytes that are carried whatever the flags say.
+struct Small_Members {
+    uint8_t node, termination_node, termination_code, processor, error_code, unused;
+    uint16_t length;
+    bool operator==(const Small_Members &) const = default;
+};
+static_assert(sizeof(Small_Members) == 8);
+
+struct Register_List {
+    uint8_t counts[REGISTER_LISTS]; // as in the record, also when above the capacity
+    uint16_t index[REMEMBERED_REGISTERS];
+};
+
+// By instruction word: what a record of it looks like.
+struct Shape_Slot {
+    uint64_t control;
+    Small_Members members;
+    uint64_t data_distance; // data address minus its base
+    uint64_t out_distance;  // first output minus the last general input
+    uint64_t out_value;     // first output
+    uint8_t data_base;      // a Data_Base
+    Register_List list;
+};
+
+enum Data_Base : uint8_t { BASE_LAST_INPUT, BASE_SUM_OF_INPUTS, BASE_NONE, DATA_BASES };
+
+// How one address is translated, as 32 words: 0 VSID and guest depth, 1 page number, host depth, page sizes;
+// 2 to 21 host walks, 22 to 25 their results, 26 to 31 the guest walk.
+struct Translation {
+    uint64_t word[32];
+};
+inline constexpr size_t GUEST_ADDRESS_WORD = 31;
+
+enum Address_Side : uint8_t { DATA_ADDRESS, NEXT_ADDRESS, ADDRESS_SIDES };
+
+struct Model {
+    uint64_t address; // of the next record's instruction; counted on from 0 when unknown
+    bool address_known;
+    Code_Slot code[1 << CODE_BITS];
+    Shape_Slot shape[1 << SHAPE_BITS];
+    uint64_t memory[1 << MEMORY_BITS];
+    uint64_t registers[5][REGISTER_SLOTS][2];
+    Translation page[1 << PAGE_BITS];
+    Translation last[ADDRESS_SIDES];
+    uint64_t controls[MAX_CONTROLS];
+    size_t control_count;
+
+    // As at the beginning of every block.
+    void reset(uint64_t block_address, bool known)
+    {
+        std::memset(static_cast<void *>(this), 0, sizeof *this);
+        address = block_address;
+        address_known = known;
+    }
+    Code_Slot &code_at(uint64_t where) { return code[slot_of(where >> 2, CODE_BITS)]; }
+    Shape_Slot &shape_of(uint32_t word) { return shape[slot_of(word, SHAPE_BITS)]; }
+    uint64_t &memory_at(uint64_t where) { return memory[slot_of(where, MEMORY_BITS)]; }
+    Translation &page_of(uint64_t where) { return page[slot_of(where >> 12, PAGE_BITS)]; }
+    uint64_t &register_value(const Register_List_Info &list, uint16_t index, unsigned word)
+    {
+        return registers[list.kind][index % REGISTER_SLOTS][word];
+    }
+};
+
+// ---- Places in a record -------------------------------------------------------------------------------------
+
+// The two addresses that a record carries with their translation.
+struct Address_Info {
+    size_t address, translation; // offsets; the translation begins with the VSID
+    size_t page_size, guest_page_size;
+};
+inline constexpr Address_Info ADDRESS[ADDRESS_SIDES] = {
+    {offsetof(QTRACE_RECORD, data_ea), offsetof(QTRACE_RECORD, data_vsid), offsetof(QTRACE_RECORD, data_page_size),
+     offsetof(QTRACE_RECORD, data_gpage_size)},
+    {offsetof(QTRACE_RECORD, next_instruction_ea), offsetof(QTRACE_RECORD, next_instruction_vsid),
+     offsetof(QTRACE_RECORD, next_instruction_page_size), offsetof(QTRACE_RECORD, next_instruction_gpage_size)},
+};
+
+// Inside the bytes from the VSID to the page number.
+inline constexpr size_t VSID_AND_DEPTH = 0, HOST_DEPTH = 8, WALKS = 9, WALK_BYTES = 240, PAGE_NUMBER = 249,
+                        TRANSLATION_BYTES = 253;
+static_assert(offsetof(QTRACE_RECORD, data_rpn) - offsetof(QTRACE_RECORD, data_vsid) == PAGE_NUMBER);
+static_assert(offsetof(QTRACE_RECORD, next_instruction_rpn) - offsetof(QTRACE_RECORD, next_instruction_vsid) ==
+              PAGE_NUMBER);
+static_assert(offsetof(QTRACE_RECORD, data_vsid) - offsetof(QTRACE_RECORD, data_ea) == QTRACE_EA_LENGTH);
+
+Translation translation_in(const QTRACE_RECORD &record, Address_Side side);
+void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation);
+
+inline uint64_t address_in(const QTRACE_RECORD &record, Address_Side side)
+{
+    return load<uint64_t>(reinterpret_cast<const uint8_t *>(&record) + ADDRESS[side].address);
+}
+
+inline uint64_t control_in(const QTRACE_RECORD &record)
+{
+    return load<uint64_t>(&record.header.control);
+}
+
+inline bool has_address(uint64_t control, Address_Side side)
+{
+    return (control >> (side == DATA_ADDRESS ? 32 + 11 : 32 + 6)) & 1;
+}
+
+// ---- Registers as they are coded ----------------------------------------------------------------------------
+
+// One register of a record: general, floating-point, vector, vector-scalar, special inputs, then outputs so.
+struct Register_Place {
+    uint8_t list;
+    uint16_t *index;
+    uint64_t *value;
+};
+
+struct Register_Places {
+    Register_Place place[MAX_REGISTERS];
+    size_t inputs, total;
+};
+
+// The entries that the counts name, no more than fit.
+void find_registers(QTRACE_REGISTERS &registers, Register_Places &places);
+
+// What the prediction of a value begins from. For inputs all but `near` and `memory` are 0.
+struct Bases {
+    uint64_t last_input;     // value of the last general input
+    uint64_t previous_input; // of the last but one
+    uint64_t near;           // the data address, or without one the instruction's own
+    uint64_t out_distance;   // from the shape of the instruction word
+    uint64_t out_value;
+};
+
+} // namespace trace

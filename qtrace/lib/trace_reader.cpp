@@ -1,0 +1,596 @@
+// The reader of trace files behind qtrace_reader.h.
+#include "qtrace_reader.h"
+#include "trace_codec.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <new>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+#include <zstd.h>
+
+namespace {
+
+using namespace trace;
+
+// How far a file whose start is damaged is searched for a block before it is called no trace at all.
+constexpr uint64_t START_SEARCH = 1 << 20;
+constexpr size_t SEARCH_WINDOW = 1 << 16;
+
+// ---- A file, read at offsets ------------------------------------------------------------------------------------
+
+class Input_File {
+public:
+    ~Input_File()
+    {
+        if (descriptor_ >= 0)
+            ::close(descriptor_);
+    }
+    // 0, or an errno.
+    int open(const char *name);
+    uint64_t size() const { return size_; }
+    // Bytes read, fewer than `count` only at the end of the file; with an I/O error `error` is set.
+    size_t read(uint64_t offset, void *to, size_t count);
+    bool holds(uint64_t offset, uint64_t count) const { return offset <= size_ && count <= size_ - offset; }
+    int error = 0; // errno of a failed read
+
+private:
+    int descriptor_ = -1;
+    uint64_t size_ = 0;
+};
+
+int Input_File::open(const char *name)
+{
+    // Without O_NONBLOCK a pipe would wait for a writer before it can be refused.
+    descriptor_ = ::open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat status;
+    if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0)
+        return errno;
+    if (S_ISDIR(status.st_mode))
+        return EISDIR;
+    if (!S_ISREG(status.st_mode))
+        return ESPIPE;
+    size_ = static_cast<uint64_t>(status.st_size);
+    return 0;
+}
+
+size_t Input_File::read(uint64_t offset, void *to, size_t count)
+{
+    size_t done = 0;
+    while (done < count) {
+        const ssize_t got =
+            ::pread(descriptor_, static_cast<uint8_t *>(to) + done, count - done, static_cast<off_t>(offset + done));
+        if (got > 0) {
+            done += static_cast<size_t>(got);
+        } else if (got == 0) {
+            break;
+        } else if (errno != EINTR) {
+            error = errno;
+            break;
+        }
+    }
+    return done;
+}
+
+// ---- Blocks in it -------------------------------------------------------------------------------------------------
+
+struct Place {
+    uint64_t offset;
+    Block_Header header;
+    uint64_t end() const { return offset + header.size(); }
+};
+
+class Block_File : public Input_File {
+public:
+    // The block header at `offset`, if there is a whole one; its payload may be cut or damaged.
+    std::optional<Block_Header> header_at(uint64_t offset);
+    // Reads the payload that belongs to it; false when it is not whole or its checksum differs.
+    bool read_payload(const Place &place);
+    // The payload last read, decompressed; null when it does not decompress to its size.
+    const uint8_t *unpack(const Block_Header &header);
+    // The first whole block at or after `from`, its payload read.
+    std::optional<Place> find(uint64_t from, uint64_t up_to);
+
+private:
+    std::vector<uint8_t> stored_ = std::vector<uint8_t>(MAX_PAYLOAD), raw_ = std::vector<uint8_t>(MAX_PAYLOAD),
+                         window_;
+    std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context_{ZSTD_createDCtx(), ZSTD_freeDCtx};
+};
+
+std::optional<Block_Header> Block_File::header_at(uint64_t offset)
+{
+    uint8_t bytes[BLOCK_HEADER_SIZE];
+    if (!holds(offset, sizeof bytes) || read(offset, bytes, sizeof bytes) != sizeof bytes)
+        return std::nullopt;
+    return load_block_header(bytes);
+}
+
+bool Block_File::read_payload(const Place &place)
+{
+    const size_t size = place.header.stored_size;
+    return holds(place.offset, place.header.size()) &&
+           read(place.offset + BLOCK_HEADER_SIZE, stored_.data(), size) == size &&
+           crc32c(stored_.data(), size) == place.header.payload_crc;
+}
+
+const uint8_t *Block_File::unpack(const Block_Header &header)
+{
+    if (header.compression == STORED)
+        return stored_.data();
+    if (!context_)
+        return nullptr;
+    const size_t size =
+        ZSTD_decompressDCtx(context_.get(), raw_.data(), header.raw_size, stored_.data(), header.stored_size);
+    return size == header.raw_size ? raw_.data() : nullptr;
+}
+
+std::optional<Place> Block_File::find(uint64_t from, uint64_t up_to)
+{
+    window_.resize(SEARCH_WINDOW);
+    up_to = std::min(up_to, size());
+    while (from < up_to && up_to - from >= BLOCK_HEADER_SIZE) {
+        const size_t got = read(from, window_.data(), std::min<uint64_t>(SEARCH_WINDOW, up_to - from));
+        if (got < BLOCK_HEADER_SIZE)
+            return std::nullopt;
+        const uint8_t *begin = window_.data(), *end = begin + got - BLOCK_HEADER_SIZE + 1;
+        for (const uint8_t *at = begin; (at = std::find(at, end, BLOCK_MARKER[0])) != end; ++at) {
+            const std::optional<Block_Header> header = load_block_header(at);
+            if (!header)
+                continue;
+            const Place place{from + static_cast<uint64_t>(at - begin), *header};
+            if (read_payload(place))
+                return place;
+        }
+        from += static_cast<uint64_t>(end - begin);
+    }
+    return std::nullopt;
+}
+
+char *copy_of(const std::string &text)
+{
+    return ::strdup(text.c_str());
+}
+
+std::string located(const std::string &name, uint64_t offset, const std::string &reason)
+{
+    return name + ": byte " + std::to_string(offset) + ": " + reason;
+}
+
+} // namespace
+
+// ---- The reader ---------------------------------------------------------------------------------------------------
+
+struct QTRACE_Reader {
+public:
+    // Null text: opened.
+    std::string open(const char *name);
+    QTRACE_ITEM next(const QTRACE_Item **item);
+    int seek(uint64_t record);
+    int summarize(QTRACE_Info &info, bool payloads);
+    const QTRACE_FILE_HDR *open_header() const;
+
+    std::string text;     // of the last damage or error
+    QTRACE_Damage damage{};
+    bool damaged = false; // there was one
+
+private:
+    QTRACE_ITEM advance();
+    std::optional<QTRACE_ITEM> advance_in_block();
+    std::optional<QTRACE_ITEM> enter_block();
+    std::optional<QTRACE_ITEM> enter_block_at_end();
+    std::optional<QTRACE_ITEM> begin_items(const Place &place);
+    void fill_header();
+    QTRACE_ITEM report(uint64_t offset, uint64_t bytes, const std::string &reason);
+    QTRACE_ITEM report_until_next(const std::string &reason);
+    QTRACE_ITEM report_corrupt_block();
+    QTRACE_ITEM fail(uint64_t offset);
+    void place_at(uint64_t offset, uint64_t record, uint64_t header);
+    const std::vector<Place> &index();
+    template <class Visitor, class Damage_Visitor> void walk(bool payloads, Visitor whole, Damage_Visitor broken);
+
+    std::string name_;
+    Block_File file_;
+    Decoder decoder_;
+    QTRACE_Item item_{};
+    std::string comment_;         // of the header in item_
+    std::string outside_comment_; // of the comment block just read
+    bool has_outside_comment_ = false;
+    uint64_t begin_ = 0;    // offset of the first block, or 0 when the file's start is damaged
+    uint64_t position_ = 0; // offset of the next block
+    uint64_t records_ = 0, headers_ = 0; // before the next item
+    bool numbers_open_ = false; // after damage: the next block's numbers are taken as they are
+    bool seen_last_ = false;
+    bool end_reported_ = false;
+    bool in_block_ = false;
+    bool decoded_ = false; // a block was entered: the decoder knows the open header
+    Place block_{};         // being decoded
+    bool held_ = false;     // item_ was found by a seek and is delivered next
+    std::vector<Place> index_;
+    bool indexed_ = false;
+};
+
+std::string QTRACE_Reader::open(const char *name)
+{
+    name_ = name;
+    if (const int error = file_.open(name); error != 0)
+        return located(name_, 0, error == ESPIPE ? "not a regular file" : std::strerror(error));
+    uint8_t start[FILE_START_SIZE] = {};
+    const size_t size = file_.read(0, start, sizeof start);
+    if (file_.error != 0)
+        return located(name_, 0, std::strerror(file_.error));
+    uint32_t version;
+    const Start_State state = judge_file_start(start, size, version);
+    if (state == Start_State::good)
+        begin_ = FILE_START_SIZE;
+    else if (size == 0)
+        return located(name_, 0, "the file is empty");
+    else if (state == Start_State::cut)
+        return located(name_, size, "the file ends inside its first 16 bytes");
+    else if (state == Start_State::other_version)
+        return located(name_, 8, "format version " + std::to_string(version) + " is not known, only " +
+                                     std::to_string(FORMAT_VERSION));
+    else if (!file_.find(0, START_SEARCH))
+        return located(name_, 0, "not a trace file");
+    place_at(begin_, 0, 0);
+    return {};
+}
+
+void QTRACE_Reader::place_at(uint64_t offset, uint64_t record, uint64_t header)
+{
+    position_ = offset;
+    records_ = record;
+    headers_ = header;
+    numbers_open_ = seen_last_ = end_reported_ = in_block_ = held_ = has_outside_comment_ = false;
+}
+
+QTRACE_ITEM QTRACE_Reader::next(const QTRACE_Item **item)
+{
+    if (held_)
+        held_ = false;
+    else
+        item_.kind = advance();
+    if (item != nullptr)
+        *item = &item_;
+    return item_.kind;
+}
+
+QTRACE_ITEM QTRACE_Reader::advance()
+{
+    for (;;) {
+        const std::optional<QTRACE_ITEM> kind = in_block_ ? advance_in_block() : enter_block();
+        if (kind)
+            return *kind;
+    }
+}
+
+// ---- Items of a block -----------------------------------------------------------------------------------------------
+
+std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
+{
+    item_.address = decoder_.address();
+    item_.address_known = decoder_.address_known();
+    item_.header_number = headers_;
+    item_.record_number = records_;
+    switch (decoder_.next(item_.record, item_.header)) {
+    case Decoder::Result::record:
+        if (++records_ > block_.header.first_record + block_.header.records)
+            return report_corrupt_block();
+        return QTRACE_ITEM_RECORD;
+    case Decoder::Result::header:
+        if (++headers_ > block_.header.first_header + block_.header.headers)
+            return report_corrupt_block();
+        fill_header();
+        return QTRACE_ITEM_HEADER;
+    case Decoder::Result::end:
+        in_block_ = false;
+        if (records_ != block_.header.first_record + block_.header.records ||
+            headers_ != block_.header.first_header + block_.header.headers)
+            return report_corrupt_block();
+        return std::nullopt;
+    default:
+        return report_corrupt_block();
+    }
+}
+
+void QTRACE_Reader::fill_header()
+{
+    item_.address = decoder_.address();
+    item_.address_known = decoder_.address_known();
+    if (decoder_.comment_outside() && has_outside_comment_ &&
+        outside_comment_.size() == item_.header.comment_length) {
+        comment_ = outside_comment_;
+    } else if (decoder_.comment() != nullptr) {
+        comment_.assign(reinterpret_cast<const char *>(decoder_.comment()), item_.header.comment_length);
+    } else if (decoder_.comment_outside()) {
+        comment_.clear(); // its block was damaged, and reported
+        item_.header.comment_length = 0;
+    } else {
+        return;
+    }
+    item_.header.comment = comment_.data();
+}
+
+// ---- From block to block --------------------------------------------------------------------------------------------
+
+std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
+{
+    if (position_ >= file_.size())
+        return enter_block_at_end();
+    const std::optional<Block_Header> header = file_.header_at(position_);
+    if (!header || !file_.read_payload({position_, *header}))
+        return file_.error != 0 ? fail(position_)
+                                : report_until_next(header ? "the block's checksum does not match" : "no block here");
+    if (!numbers_open_ && seen_last_)
+        return report(position_, 0, "a block follows the last one");
+    if (!numbers_open_ && (header->first_record != records_ || header->first_header != headers_)) {
+        const uint64_t lost = header->first_record - records_;
+        const QTRACE_ITEM kind = report(position_, 0, "blocks are missing in front of this one");
+        damage.records_known = header->first_record >= records_;
+        damage.records = damage.records_known ? lost : 0;
+        return kind;
+    }
+    return begin_items({position_, *header});
+}
+
+std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block_at_end()
+{
+    if (seen_last_ || end_reported_)
+        return QTRACE_ITEM_END;
+    end_reported_ = true;
+    const QTRACE_ITEM kind = report(file_.size(), 0, "the file ends without its last block");
+    damage.truncated = 1;
+    return kind;
+}
+
+std::optional<QTRACE_ITEM> QTRACE_Reader::begin_items(const Place &place)
+{
+    const Block_Header &header = place.header;
+    block_ = place;
+    position_ = place.end();
+    records_ = header.first_record;
+    headers_ = header.first_header;
+    numbers_open_ = false;
+    seen_last_ = (header.flags & LAST_BLOCK) != 0;
+    const uint8_t *payload = file_.unpack(header);
+    if (payload == nullptr)
+        return report_corrupt_block();
+    if (header.flags & COMMENT_BLOCK) {
+        outside_comment_.assign(reinterpret_cast<const char *>(payload), header.raw_size);
+        has_outside_comment_ = true;
+        return std::nullopt;
+    }
+    has_outside_comment_ = has_outside_comment_ && (header.flags & COMMENT_BEFORE) != 0;
+    item_.block_offset = place.offset;
+    decoded_ = true;
+    in_block_ = decoder_.begin_block(payload, header.raw_size, header.first_address,
+                                     (header.flags & ADDRESS_KNOWN) != 0);
+    return in_block_ ? std::nullopt : std::optional(report_corrupt_block());
+}
+
+// ---- Damage -----------------------------------------------------------------------------------------------------------
+
+QTRACE_ITEM QTRACE_Reader::report(uint64_t offset, uint64_t bytes, const std::string &reason)
+{
+    damaged = true;
+    damage = {};
+    damage.offset = offset;
+    damage.bytes = bytes;
+    text = located(name_, offset, reason);
+    numbers_open_ = true;
+    item_.header_number = headers_;
+    item_.record_number = records_;
+    item_.block_offset = offset;
+    return QTRACE_ITEM_DAMAGE;
+}
+
+// What stands at position_ is no whole block: goes on to the next one, which tells how many records are missing.
+QTRACE_ITEM QTRACE_Reader::report_until_next(const std::string &reason)
+{
+    const uint64_t from = position_;
+    const std::optional<Block_Header> broken = file_.header_at(from);
+    const std::optional<Place> next = file_.find(from + 1, file_.size());
+    if (file_.error != 0)
+        return fail(from);
+    position_ = next ? next->offset : file_.size();
+    const bool cut = !next && !seen_last_;
+    const QTRACE_ITEM kind = report(from, position_ - from, cut ? "the file ends inside a block" : reason);
+    damage.truncated = cut;
+    end_reported_ = cut;
+    if (next && next->header.first_record >= records_) {
+        damage.records = next->header.first_record - records_;
+        damage.records_known = 1;
+    } else if (!next && broken) {
+        damage.records = broken->records;
+    }
+    return kind;
+}
+
+// A block whose checksum is right and whose contents are not: its writer was not ours.
+QTRACE_ITEM QTRACE_Reader::report_corrupt_block()
+{
+    in_block_ = false;
+    const uint64_t end = block_.header.first_record + block_.header.records;
+    const uint64_t lost = end > records_ ? end - records_ : 0;
+    const QTRACE_ITEM kind = report(block_.offset, block_.header.size(), "the block's contents make no sense");
+    damage.records = lost;
+    damage.records_known = 1;
+    return kind;
+}
+
+QTRACE_ITEM QTRACE_Reader::fail(uint64_t offset)
+{
+    text = located(name_, offset, std::strerror(file_.error));
+    return QTRACE_ITEM_ERROR;
+}
+
+// ---- Summary and seeking ------------------------------------------------------------------------------------------------
+
+// Calls whole(place) for every block, broken() for every stretch that is none.
+template <class Visitor, class Damage_Visitor>
+void QTRACE_Reader::walk(bool payloads, Visitor whole, Damage_Visitor broken)
+{
+    for (uint64_t offset = begin_; offset < file_.size();) {
+        const std::optional<Block_Header> header = file_.header_at(offset);
+        const Place place{offset, header.value_or(Block_Header{})};
+        if (header && (payloads ? file_.read_payload(place) : file_.holds(offset, place.header.size()))) {
+            whole(place);
+            offset = place.end();
+            continue;
+        }
+        broken();
+        const std::optional<Place> next = file_.find(offset + 1, file_.size());
+        offset = next ? next->offset : file_.size();
+    }
+}
+
+int QTRACE_Reader::summarize(QTRACE_Info &info, bool payloads)
+{
+    info = {};
+    info.format_version = FORMAT_VERSION;
+    info.size = file_.size();
+    uint64_t record = 0;
+    bool last = false, after_damage = false;
+    const auto whole = [&](const Place &place) {
+        const Block_Header &header = place.header;
+        // Blocks that are gone without a trace leave a gap in the numbers only.
+        if (!after_damage && (header.first_record != record || last))
+            ++info.damaged_places;
+        ++info.blocks;
+        info.records += header.records;
+        info.headers += header.headers;
+        info.compression = std::max<uint32_t>(info.compression, header.compression);
+        record = header.first_record + header.records;
+        last = (header.flags & LAST_BLOCK) != 0;
+        after_damage = false;
+    };
+    const auto broken = [&] {
+        ++info.damaged_places;
+        last = false;
+        after_damage = true;
+    };
+    walk(payloads, whole, broken);
+    info.clean_end = last;
+    if (!last && !after_damage)
+        ++info.damaged_places;
+    if (file_.error == 0)
+        return 0;
+    fail(0);
+    return -1;
+}
+
+const std::vector<Place> &QTRACE_Reader::index()
+{
+    if (!indexed_)
+        walk(false, [this](const Place &place) { index_.push_back(place); }, [] {});
+    indexed_ = true;
+    return index_;
+}
+
+int QTRACE_Reader::seek(uint64_t record)
+{
+    const std::vector<Place> &blocks = index();
+    // The first block that reaches the place in front of the record: the headers there may end a block.
+    auto block = std::find_if(blocks.begin(), blocks.end(), [record](const Place &place) {
+        return place.header.first_record + place.header.records >= record && (place.header.flags & COMMENT_BLOCK) == 0;
+    });
+    const bool exists = std::any_of(block, blocks.end(), [record](const Place &place) {
+        return place.header.first_record + place.header.records > record;
+    });
+    if (!exists) {
+        place_at(file_.size(), records_, headers_);
+        seen_last_ = true;
+        return -1;
+    }
+    // Go there from the block in front of it: it may hold the comment, or what is between them may be damaged.
+    uint64_t from = begin_, first_record = 0, first_header = 0;
+    if (block != blocks.begin()) {
+        const Place &front = *(block - 1);
+        const bool comment = (front.header.flags & COMMENT_BLOCK) != 0;
+        from = comment ? front.offset : front.end();
+        first_record = front.header.first_record + front.header.records;
+        first_header = front.header.first_header + front.header.headers;
+    }
+    place_at(from, first_record, first_header);
+    do
+        item_.kind = advance();
+    while ((item_.kind == QTRACE_ITEM_RECORD || item_.kind == QTRACE_ITEM_HEADER) && item_.record_number < record);
+    held_ = true;
+    return 0;
+}
+
+const QTRACE_FILE_HDR *QTRACE_Reader::open_header() const
+{
+    return decoded_ && decoder_.open_header().present ? &decoder_.open_header().header : nullptr;
+}
+
+// ---- C ------------------------------------------------------------------------------------------------------------------
+
+extern "C" {
+
+QTRACE_Reader *qtrace_open(const char *name, char **error)
+try {
+    auto reader = std::make_unique<QTRACE_Reader>();
+    const std::string reason = name == nullptr ? "no name given" : reader->open(name);
+    if (reason.empty())
+        return reader.release();
+    if (error != nullptr)
+        *error = copy_of(reason);
+    return nullptr;
+} catch (const std::bad_alloc &) {
+    if (error != nullptr)
+        *error = copy_of(std::string(name) + ": byte 0: out of memory");
+    return nullptr;
+}
+
+QTRACE_ITEM qtrace_next(QTRACE_Reader *reader, const QTRACE_Item **item)
+try {
+    return reader->next(item);
+} catch (const std::bad_alloc &) {
+    reader->text = "out of memory";
+    return QTRACE_ITEM_ERROR;
+}
+
+const QTRACE_FILE_HDR *qtrace_open_header(QTRACE_Reader *reader)
+{
+    return reader->open_header();
+}
+
+int qtrace_seek(QTRACE_Reader *reader, uint64_t record)
+try {
+    return reader->seek(record);
+} catch (const std::bad_alloc &) {
+    reader->text = "out of memory";
+    return -1;
+}
+
+int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info)
+{
+    return reader->summarize(*info, false);
+}
+
+int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info)
+{
+    return reader->summarize(*info, true);
+}
+
+const char *qtrace_error(const QTRACE_Reader *reader)
+{
+    return reader->text.c_str();
+}
+
+const QTRACE_Damage *qtrace_damage(const QTRACE_Reader *reader)
+{
+    return reader->damaged ? &reader->damage : nullptr;
+}
+
+void qtrace_close(QTRACE_Reader *reader)
+{
+    delete reader;
+}
+}

@@ -1,0 +1,339 @@
+// The four writer operations on trace files.
+#include "qtrace.h"
+#include "qtrace_reader.h"
+#include "trace_codec.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+#include <zstd.h>
+
+namespace {
+
+using namespace trace;
+
+// ---- Errors ---------------------------------------------------------------------------------------------------
+
+std::string &last_error()
+{
+    static std::string text;
+    return text;
+}
+
+uint64_t failures = 0;
+
+int fail(std::string_view path, std::string_view what, std::string_view reason)
+{
+    ++failures;
+    last_error().assign(path).append(": ").append(what).append(": ").append(reason);
+    return -1;
+}
+
+// ---- Compression ----------------------------------------------------------------------------------------------
+
+struct Compression_Choice {
+    Compression kind = ZSTD;
+    int level = ZSTD_CLEVEL_DEFAULT;
+};
+
+// "none", "zstd" or "zstd:LEVEL"; false for anything else.
+bool parse_compression(std::string_view text, Compression_Choice &choice)
+{
+    if (text == "none") {
+        choice.kind = STORED;
+        return true;
+    }
+    if (text == "zstd")
+        return true;
+    if (!text.starts_with("zstd:"))
+        return false;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data() + 5, end, choice.level);
+    return error == std::errc() && stop == end && choice.level >= ZSTD_minCLevel() && choice.level <= ZSTD_maxCLevel();
+}
+
+// What a thread needs to seal blocks, for all its files.
+struct Press {
+    ZSTD_CCtx *context = ZSTD_createCCtx();
+    std::vector<uint8_t> payload = std::vector<uint8_t>(MAX_PAYLOAD);
+    ~Press() { ZSTD_freeCCtx(context); }
+};
+
+Press &press()
+{
+    thread_local Press one;
+    return one;
+}
+
+// ---- One trace file -------------------------------------------------------------------------------------------
+
+// Items gather in the encoder. A full block is sealed into `sealed_` and written from there; what could not be
+// written stays there, and every later operation goes on with it first, where it stopped. So a failed write never
+// leaves a torn block in front of a whole one, and only items that were refused are missing.
+class Trace_File {
+public:
+    Trace_File(std::string path, int descriptor, Compression_Choice compression)
+        : path_(std::move(path)), descriptor_(descriptor), compression_(compression)
+    {
+    }
+    ~Trace_File()
+    {
+        if (descriptor_ >= 0)
+            ::close(descriptor_);
+    }
+    int write_start();
+    template <class Item> int write(const Item &item);
+    int close();
+
+private:
+    int make_ready();
+    int flush();
+    void seal(uint8_t flags);
+    void seal_payload(Block_Header header, const uint8_t *payload, size_t size);
+    size_t press_payload(const uint8_t *payload, size_t size, uint8_t *to, Compression &used) const;
+    void keep_outside(const QTRACE_FILE_HDR &header);
+    void keep_outside(const QTRACE_RECORD &) {}
+
+    std::string path_;
+    int descriptor_;
+    Compression_Choice compression_;
+    Encoder encoder_;
+    std::vector<uint8_t> sealed_; // whole blocks on their way to the file
+    size_t written_ = 0;          // bytes of sealed_ that are in the file
+    std::string comment_;         // of the first header of the block, when it does not go into the block
+    bool comment_outside_ = false;
+    uint64_t records_ = 0, headers_ = 0; // in blocks sealed so far
+};
+
+int Trace_File::write_start()
+{
+    const auto start = file_start();
+    sealed_.assign(start.begin(), start.end());
+    return flush();
+}
+
+// Writes out sealed_; 0 when it is empty afterwards.
+int Trace_File::flush()
+{
+    while (written_ < sealed_.size()) {
+        const ssize_t count = ::write(descriptor_, sealed_.data() + written_, sealed_.size() - written_);
+        if (count > 0)
+            written_ += static_cast<size_t>(count);
+        else if (count == 0)
+            return fail(path_, "write", "nothing was taken");
+        else if (errno != EINTR)
+            return fail(path_, "write", std::strerror(errno));
+    }
+    sealed_.clear();
+    written_ = 0;
+    return 0;
+}
+
+size_t Trace_File::press_payload(const uint8_t *payload, size_t size, uint8_t *to, Compression &used) const
+{
+    if (compression_.kind == ZSTD && press().context != nullptr) {
+        const size_t pressed =
+            ZSTD_compressCCtx(press().context, to, ZSTD_compressBound(size), payload, size, compression_.level);
+        used = ZSTD;
+        if (!ZSTD_isError(pressed) && pressed < size)
+            return pressed;
+    }
+    used = STORED;
+    if (size != 0)
+        std::memcpy(to, payload, size);
+    return size;
+}
+
+void Trace_File::seal_payload(Block_Header header, const uint8_t *payload, size_t size)
+{
+    const size_t begin = sealed_.size();
+    sealed_.resize(begin + BLOCK_HEADER_SIZE + ZSTD_compressBound(size));
+    uint8_t *stored = sealed_.data() + begin + BLOCK_HEADER_SIZE;
+    Compression used;
+    header.stored_size = static_cast<uint32_t>(press_payload(payload, size, stored, used));
+    header.compression = used;
+    header.raw_size = static_cast<uint32_t>(size);
+    header.first_record = records_;
+    header.first_header = headers_;
+    header.payload_crc = crc32c(stored, header.stored_size);
+    store_block_header(header, sealed_.data() + begin);
+    sealed_.resize(begin + header.size());
+}
+
+// Moves the encoder's block to sealed_, its outside comment in front of it.
+void Trace_File::seal(uint8_t flags)
+{
+    uint8_t *payload = press().payload.data();
+    if (!encoder_.started())
+        encoder_.begin_block();
+    sealed_.reserve(2 * (BLOCK_HEADER_SIZE + ZSTD_compressBound(MAX_PAYLOAD)));
+    Block_Header header;
+    header.first_address = encoder_.first_address();
+    header.flags = encoder_.first_address_known() ? ADDRESS_KNOWN : 0;
+    if (comment_outside_) {
+        Block_Header front = header;
+        front.flags |= COMMENT_BLOCK;
+        seal_payload(front, reinterpret_cast<const uint8_t *>(comment_.data()), comment_.size());
+        header.flags |= COMMENT_BEFORE;
+        comment_outside_ = false;
+    }
+    header.flags |= flags;
+    header.records = encoder_.records();
+    header.headers = encoder_.headers();
+    encoder_.collect(payload);
+    seal_payload(header, payload, encoder_.raw_size());
+    records_ += header.records;
+    headers_ += header.headers;
+}
+
+int Trace_File::make_ready()
+{
+    if (!sealed_.empty() && flush() != 0)
+        return -1;
+    if (!encoder_.started())
+        encoder_.begin_block();
+    return 0;
+}
+
+void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
+{
+    if (header.comment == nullptr || header.comment_length <= MAX_COMMENT_IN_BLOCK)
+        return;
+    comment_.assign(header.comment, header.comment_length);
+    comment_outside_ = true;
+}
+
+template <class Item> int Trace_File::write(const Item &item)
+{
+    if (make_ready() != 0)
+        return -1;
+    if (!encoder_.has_room_for(item)) {
+        seal(0);
+        encoder_.begin_block();
+        if (flush() != 0)
+            return -1;
+    }
+    keep_outside(item);
+    encoder_.add(item);
+    return 0;
+}
+
+int Trace_File::close()
+{
+    int result = 0;
+    if (sealed_.empty() || flush() == 0) {
+        seal(LAST_BLOCK);
+        result = flush();
+    } else {
+        result = -1;
+    }
+    if (::close(std::exchange(descriptor_, -1)) != 0 && result == 0)
+        result = fail(path_, "close", std::strerror(errno));
+    return result;
+}
+
+// ---- Descriptors ----------------------------------------------------------------------------------------------
+
+// A descriptor is an index here; the slots of closed files are used again.
+std::vector<std::unique_ptr<Trace_File>> &files()
+{
+    static std::vector<std::unique_ptr<Trace_File>> table;
+    return table;
+}
+
+Trace_File *file_of(QTRACE_FDESCR file)
+{
+    if (file < 0 || static_cast<size_t>(file) >= files().size())
+        return nullptr;
+    return files()[static_cast<size_t>(file)].get();
+}
+
+QTRACE_FDESCR keep(std::unique_ptr<Trace_File> file)
+{
+    size_t slot = 0;
+    while (slot < files().size() && files()[slot])
+        ++slot;
+    if (slot == files().size())
+        files().emplace_back();
+    files()[slot] = std::move(file);
+    return static_cast<QTRACE_FDESCR>(slot);
+}
+
+QTRACE_FDESCR open_for_writing(const char *name)
+{
+    Compression_Choice compression;
+    const char *wish = std::getenv("QTRACE_COMPRESSION");
+    if (wish != nullptr && !parse_compression(wish, compression))
+        return fail(name, "QTRACE_COMPRESSION", std::string("\"") + wish + "\" is not none, zstd or zstd:LEVEL");
+    const int descriptor = ::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (descriptor < 0)
+        return fail(name, "open", std::strerror(errno));
+    auto file = std::make_unique<Trace_File>(name, descriptor, compression);
+    return file->write_start() == 0 ? keep(std::move(file)) : -1;
+}
+
+template <class Item> int write_item(QTRACE_FDESCR file, const Item *item)
+try {
+    Trace_File *to = file_of(file);
+    if (to == nullptr)
+        return fail("descriptor " + std::to_string(file), "write", "not open");
+    return item == nullptr ? fail("descriptor " + std::to_string(file), "write", "nothing given") : to->write(*item);
+} catch (const std::bad_alloc &) {
+    return fail("descriptor", "write", "out of memory");
+}
+
+} // namespace
+
+extern "C" {
+
+QTRACE_FDESCR QTRACE_Fopen(const char *name, QTRACE_FILE_MODE mode)
+try {
+    if (name == nullptr)
+        return fail("", "open", "no name given");
+    if (mode != QTRACE_WRITE)
+        return fail(name, "open", "only writing goes through descriptors; read with qtrace_open");
+    return open_for_writing(name);
+} catch (const std::bad_alloc &) {
+    return fail(name, "open", "out of memory");
+}
+
+void QTRACE_Fclose(QTRACE_FDESCR file)
+try {
+    Trace_File *closing = file_of(file);
+    if (closing == nullptr) {
+        fail("descriptor " + std::to_string(file), "close", "not open");
+        return;
+    }
+    const std::unique_ptr<Trace_File> gone = std::move(files()[static_cast<size_t>(file)]);
+    closing->close();
+} catch (const std::bad_alloc &) {
+    fail("descriptor", "close", "out of memory");
+}
+
+int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)
+{
+    return write_item(file, header);
+}
+
+int QTRACE_FwriteRecord(QTRACE_FDESCR file, QTRACE_RECORD *record)
+{
+    return write_item(file, record);
+}
+
+const char *qtrace_writer_error(void)
+{
+    return last_error().c_str();
+}
+
+uint64_t qtrace_writer_failures(void)
+{
+    return failures;
+}
+}
