@@ -4,6 +4,7 @@
 //   commit_benchmarks [Google Benchmark options]
 //   commit_benchmarks --start-stop-memory THREADS    kilobytes that a session adds: resident and virtual
 //   commit_benchmarks --instructions STREAM COMMITS  commits only, collected when run under callgrind
+//   commit_benchmarks --text-instructions STREAM COMMITS  the same with a text trace
 #include "query_floor.h"
 #include "traced_session.h"
 
@@ -326,10 +327,10 @@ int run_benchmarks(int argc, char **argv)
     return 0;
 }
 
-int run_commits_only(const std::string &name, size_t commits)
+int run_commits_only(const std::string &name, size_t commits, const std::string &text)
 {
     Decoded_Stream stream(stream_file(name), commits);
-    const Session session(stream, stream.threads, nullptr);
+    const Session session(stream, stream.threads, nullptr, text);
     CALLGRIND_TOGGLE_COLLECT;
     deliver(the_plugin().commit, stream.instructions, stream.instructions.size());
     CALLGRIND_TOGGLE_COLLECT;
@@ -346,7 +347,9 @@ try {
     if (argc == 3 && std::strcmp(argv[1], "--start-stop-memory") == 0)
         return print_session_memory(static_cast<uint32_t>(std::stoul(argv[2])));
     if (argc == 4 && std::strcmp(argv[1], "--instructions") == 0)
-        return run_commits_only(argv[2], std::stoul(argv[3]));
+        return run_commits_only(argv[2], std::stoul(argv[3]), {});
+    if (argc == 4 && std::strcmp(argv[1], "--text-instructions") == 0)
+        return run_commits_only(argv[2], std::stoul(argv[3]), output_file("text"));
     return run_benchmarks(argc, argv);
 } catch (const std::exception &error) {
     std::fprintf(stderr, "commit_benchmarks: %s\n", error.what());
