@@ -107,12 +107,12 @@ bool Console::obey_script(std::istream &in, const std::string &name, bool stop_a
 {
     bool good = true;
     size_t number = 0;
-    for (std::string line; !quitting_ && !interrupted_ && std::getline(in, line);) {
+    for (std::string line; !quitting_ && !player_.stop_requested() && std::getline(in, line);) {
         good = obey(line, fmt::format("{}:{}", name, ++number)) && good;
         if (!good && stop_at_failure)
             break;
     }
-    return good && !interrupted_;
+    return good && !player_.stop_requested();
 }
 
 const Console::Command *Console::find_command(const Words &words)
@@ -196,10 +196,9 @@ bool Console::run(const Words &operands)
     const Player::End end = player_.run(limit);
     if (run_ends_)
         run_ends_();
-    interrupted_ = end == Player::End::stopped;
     if (end == Player::End::refused_input)
         return fail(fmt::format("{}: {}", player_.file(), player_.error()->text()));
-    return !interrupted_ || fail(fmt::format("interrupted after event {}", player_.events()));
+    return end != Player::End::stopped || fail(fmt::format("interrupted after event {}", player_.events()));
 }
 
 bool Console::status(const Words &)

@@ -22,12 +22,11 @@ public:
     // or error of the plugin while it was done. `where` ("script:12") goes in front of the console's complaints.
     bool obey(std::string_view line, const std::string &where = {});
 
-    // Obeys lines until the end, `quit`, or an interrupted run. A failing line does not end the script unless
+    // Obeys lines until the end, `quit`, or a Player::stop(). A failing line does not end the script unless
     // `stop_at_failure`. True when nothing failed.
     bool obey_script(std::istream &in, const std::string &name, bool stop_at_failure = false);
 
-    bool quitting() const { return quitting_; }       // `quit` was given
-    bool interrupted() const { return interrupted_; } // the last run was stopped from outside
+    bool quitting() const { return quitting_; } // `quit` was given
 
     // The ways to go on with the last word of a line that is being typed, whole words. Empty where a file name
     // belongs; `wants_file` says so.
@@ -60,7 +59,6 @@ private:
     std::string where_;
     uint64_t complaints_ = 0; // warnings and errors of the plugin so far
     bool quitting_ = false;
-    bool interrupted_ = false;
     std::function<void()> run_begins_;
     std::function<void()> run_ends_;
 };

@@ -71,8 +71,10 @@ bool obey_commands(replay::Console &console, replay::Player &player, const Optio
     const bool from_stdin = options.script.empty() || options.script == "-";
     if (isatty(STDOUT_FILENO) && isatty(STDERR_FILENO))
         replay::show_progress(console, player);
-    if (from_stdin && isatty(STDIN_FILENO))
-        return replay::obey_terminal(console);
+    if (from_stdin && isatty(STDIN_FILENO)) {
+        replay::obey_terminal(console, player);
+        return true; // a person has seen what failed
+    }
     if (from_stdin)
         return console.obey_script(std::cin, "standard input", options.stop_at_failure);
     std::ifstream script(options.script);
@@ -103,7 +105,7 @@ int replay_stream(const Options &options)
     const bool obeyed = obey_commands(console, player, options);
     player.plugin().unload();
     const bool written = writer_is_content();
-    if (console.interrupted())
+    if (player.stop_requested())
         return EXIT_INTERRUPTED;
     return obeyed && written ? 0 : 1;
 }

@@ -19,7 +19,7 @@ bool is_event(Event_Kind kind)
 
 } // namespace
 
-Player::Player(const std::string &file) : file_(file), reader_(file)
+Player::Player(const std::string &file) : file_(file), reader_(file, &stop_)
 {
     const Stream_Event *first = reader_.next();
     if (!first)
@@ -72,13 +72,9 @@ Player::End Player::run(uint64_t limit)
 {
     uint64_t delivered = 0;
     while (delivered < limit) {
-        if (stop_.load(std::memory_order_relaxed)) {
-            stop_ = false;
-            return End::stopped;
-        }
-        const Stream_Event *event = reader_.next();
+        const Stream_Event *event = stop_.load(std::memory_order_relaxed) ? nullptr : reader_.next();
         if (!event)
-            return reader_.error() ? End::refused_input : End::end_of_stream;
+            return reader_.error() ? End::refused_input : stop_ ? End::stopped : End::end_of_stream;
         if (!deliver(*event))
             continue;
         if (++delivered % EVENTS_PER_PROGRESS == 0 && progress_)

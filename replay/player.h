@@ -30,8 +30,11 @@ public:
     // moved before each commit. Without a plugin events go nowhere, but state and time move all the same.
     End run(uint64_t limit = ALL);
 
-    // Makes run() return before its next event; can be called from a signal handler.
+    // Makes the present or next run() return before its next event, also when it waits for input; can be called
+    // from a signal handler. A run that it stopped can be gone on with.
     void stop() { stop_ = true; }
+    bool stop_requested() const { return stop_; }
+    void forget_stop() { stop_ = false; }
 
     // Called now and then during run().
     void set_progress(std::function<void()> progress) { progress_ = std::move(progress); }
@@ -49,13 +52,13 @@ private:
     bool deliver(const Stream_Event &event);
     void on_session(std::string_view what);
 
+    std::atomic<bool> stop_ = false;
     std::string file_;
     std::string source_;
     Stream_Reader reader_;
     Plugin_Module plugin_;
     std::array<uint64_t, EVENT_KINDS> counts_{};
     std::function<void()> progress_;
-    std::atomic<bool> stop_ = false;
     bool session_open_ = false;
 };
 

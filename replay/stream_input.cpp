@@ -41,8 +41,8 @@ struct Byte_Source::Decompressor {
     }
 };
 
-Byte_Source::Byte_Source(const std::string &file)
-    : descriptor_{file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC)}
+Byte_Source::Byte_Source(const std::string &file, const std::atomic<bool> *stop)
+    : descriptor_{file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC)}, stop_(stop)
 {
     if (descriptor_.number < 0)
         throw Input_Error(std::strerror(errno));
@@ -84,9 +84,9 @@ uint64_t Byte_Source::bytes_used() const
 size_t Byte_Source::read_stored(char *to, size_t room)
 {
     ssize_t bytes;
-    do
-        bytes = ::read(descriptor_.number, to, room);
-    while (bytes < 0 && errno == EINTR);
+    while ((bytes = ::read(descriptor_.number, to, room)) < 0 && errno == EINTR)
+        if (stop_ && *stop_)
+            throw Input_Interrupted{};
     if (bytes < 0)
         throw Input_Error(std::string("expected readable input: ") + std::strerror(errno));
     taken_ += static_cast<uint64_t>(bytes);
@@ -123,11 +123,11 @@ size_t Byte_Source::read(char *to, size_t room)
     }
 }
 
-Line_Source::Line_Source(const std::string &file) : source_(file), buffer_(MAX_LINE + REFILL + PADDING) {}
+Line_Source::Line_Source(const std::string &file, const std::atomic<bool> *stop)
+    : source_(file, stop), buffer_(MAX_LINE + REFILL + PADDING) {}
 
 bool Line_Source::next(std::string_view &line)
 {
-    ++number_;
     for (;;) {
         const void *found = std::memchr(buffer_.data() + scanned_, '\n', end_ - scanned_);
         const size_t stop = found ? static_cast<size_t>(static_cast<const char *>(found) - buffer_.data()) : end_;
@@ -136,15 +136,14 @@ bool Line_Source::next(std::string_view &line)
         if (found || (at_end_ && stop > begin_)) {
             buffer_[stop] = '\0'; // what stands behind a line is no business of its parser
             line = {buffer_.data() + begin_, stop - begin_};
+            ++number_;
             begin_ = scanned_ = found ? stop + 1 : stop;
             return true;
         }
         scanned_ = end_;
         if (at_end_ || !refill())
-            if (begin_ == end_) {
-                --number_; // there is no such line
+            if (begin_ == end_)
                 return false;
-            }
     }
 }
 

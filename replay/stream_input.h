@@ -2,6 +2,7 @@
 // however long the stream is.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -18,10 +19,14 @@ struct Input_Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Bytes of a file ("-": standard input), decompressed where the file begins like zstd. Throws Input_Error.
+// Thrown instead of waiting on, when a signal came and reading is not wanted any more. Nothing is lost by it.
+struct Input_Interrupted {};
+
+// Bytes of a file ("-": standard input), decompressed where the file begins like zstd. Throws Input_Error, and
+// Input_Interrupted when a signal sets `stop` (which may be null) while it waits for input.
 class Byte_Source {
 public:
-    explicit Byte_Source(const std::string &file);
+    explicit Byte_Source(const std::string &file, const std::atomic<bool> *stop = nullptr);
     ~Byte_Source();
     Byte_Source(const Byte_Source &) = delete;
     Byte_Source &operator=(const Byte_Source &) = delete;
@@ -45,6 +50,7 @@ private:
     void look_at_magic();
 
     Descriptor descriptor_;
+    const std::atomic<bool> *stop_;
     uint64_t taken_ = 0;
     std::optional<uint64_t> size_;
     std::string magic_; // first bytes, read to tell the format and not yet handed out
@@ -56,13 +62,12 @@ public:
     static constexpr size_t MAX_LINE = 1 << 20; // bytes, without the line end
     static constexpr size_t PADDING = 64;       // readable bytes behind every line
 
-    explicit Line_Source(const std::string &file);
+    explicit Line_Source(const std::string &file, const std::atomic<bool> *stop = nullptr);
 
-    // The next line without its line end, valid until the next call; false at the end. Throws Input_Error; the
-    // number of the line that could not be read is then line_number().
+    // The next line without its line end, valid until the next call; false at the end. Throws like Byte_Source.
     bool next(std::string_view &line);
 
-    uint64_t line_number() const { return number_; } // of the last line, from 1
+    uint64_t line_number() const { return number_; } // of the last line that was returned, from 1
     uint64_t bytes_used() const; // stored bytes up to about the current line
     std::optional<uint64_t> input_size() const { return source_.size(); }
 

@@ -717,10 +717,10 @@ void Stream_Reader::Parser::read(std::string_view line)
     finish_event();
 }
 
-Stream_Reader::Stream_Reader(const std::string &file) : parser_(std::make_unique<Parser>())
+Stream_Reader::Stream_Reader(const std::string &file, const std::atomic<bool> *stop) : parser_(std::make_unique<Parser>())
 {
     try {
-        lines_ = std::make_unique<Line_Source>(file);
+        lines_ = std::make_unique<Line_Source>(file, stop);
     } catch (const Input_Error &problem) {
         error_ = {0, "", problem.what(), ""};
     }
@@ -740,8 +740,10 @@ const Stream_Event *Stream_Reader::next()
         while (is_blank(line));
         parser_->read(line);
         return &parser_->event;
+    } catch (const Input_Interrupted &) {
+        return nullptr;
     } catch (const Input_Error &problem) {
-        error_ = {line_number(), "", problem.what(), ""};
+        error_ = {line_number() + 1, "", problem.what(), ""};
     } catch (const Refusal &refusal) {
         refuse_line(refusal.expected, refusal.found);
     } catch (const simdjson::simdjson_error &error) {

@@ -5,6 +5,7 @@
 #include "host.h"
 #include "stream_input.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -46,8 +47,9 @@ struct Stream_Error {
 
 class Stream_Reader {
 public:
-    // Opens `file` ("-": standard input). A stream that cannot be opened is an error of the first next().
-    explicit Stream_Reader(const std::string &file);
+    // Opens `file` ("-": standard input). A stream that cannot be opened is an error of the first next(). While
+    // the reader waits for input, a signal that sets `stop` makes next() return without an error.
+    explicit Stream_Reader(const std::string &file, const std::atomic<bool> *stop = nullptr);
     ~Stream_Reader();
 
     // The next event, valid until the next call; null at the end or when the line was refused, then error() has

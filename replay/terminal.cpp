@@ -89,14 +89,13 @@ void show_progress(Console &console, Player &player)
     console.set_run_display([line] { line->begin(); }, [line] { line->finish(); });
 }
 
-bool obey_terminal(Console &console)
+void obey_terminal(Console &console, Player &player)
 {
     std::setlocale(LC_CTYPE, "");
     rl_readline_name = "replay";
     rl_attempted_completion_function = complete;
     completing_console = &console;
     using_history();
-    bool good = true;
     while (!console.quitting()) {
         const std::unique_ptr<char, decltype(&std::free)> line(readline(PROMPT), &std::free);
         if (!line) {
@@ -105,9 +104,10 @@ bool obey_terminal(Console &console)
         }
         if (*line)
             add_history(line.get());
-        good = console.obey(line.get()) && good;
+        player.forget_stop();
+        console.obey(line.get());
     }
-    return good;
+    player.forget_stop();
 }
 
 } // namespace replay

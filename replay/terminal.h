@@ -5,8 +5,8 @@
 
 namespace replay {
 
-// Reads and obeys commands until `quit` or the end of input. True when nothing failed.
-bool obey_terminal(Console &console);
+// Reads and obeys commands until `quit` or the end of input. A Player::stop() ends the present run only.
+void obey_terminal(Console &console, Player &player);
 
 // Makes runs show events, percent of the input and rate on standard error.
 void show_progress(Console &console, Player &player);

@@ -182,9 +182,9 @@ TEST_F(Commands, last_line_needs_no_line_end)
 
 TEST_F(Commands, interrupted_run_ends_a_script)
 {
-    player.stop();
+    console.set_run_display([&] { player.stop(); }, [] {});
     EXPECT_FALSE(script("run\nstatus\n"));
-    EXPECT_TRUE(console.interrupted());
+    EXPECT_TRUE(player.stop_requested());
     EXPECT_EQ(err.str(), "script:1: interrupted after event 0\n");
     EXPECT_EQ(out.str(), "");
 }

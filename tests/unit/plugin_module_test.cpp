@@ -173,6 +173,7 @@ TEST_F(Loading, stop_ends_a_run_before_its_next_event)
     player.stop();
     EXPECT_EQ(player.run(), Player::End::stopped);
     EXPECT_EQ(player.events(), 0u);
+    player.forget_stop();
     EXPECT_EQ(player.run(), Player::End::end_of_stream);
     EXPECT_EQ(player.events(), 1u);
 }
