@@ -2,6 +2,7 @@
 #include <gtest/gtest.h> // before the plugin, whose `flush` would hide the stream manipulator
 
 #include "captured_address.h"
+#include "lost_on_purpose.h"
 #include "ordering.h"
 #include "traced_machine.h"
 
@@ -9,10 +10,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
 
 namespace {
 
@@ -33,16 +30,6 @@ void hold_back(int tid = 0)
 {
     insert_to_list(flush_list[tid], heap_node(UINT64_MAX));
 }
-
-// What is allocated while one of these lives is not looked for by the leak detection.
-struct Lost_On_Purpose {
-#ifdef __SANITIZE_ADDRESS__
-    Lost_On_Purpose() { __lsan_disable(); }
-    ~Lost_On_Purpose() { __lsan_enable(); }
-#else
-    Lost_On_Purpose() {}
-#endif
-};
 
 struct Commit : testing::Test {
     Traced_Machine m{2, 2};
