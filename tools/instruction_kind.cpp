@@ -1,0 +1,101 @@
+#include "instruction_kind.h"
+
+#include <array>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+using enum Instruction_Kind;
+
+// Bits 26 to 31 of the word: the primary opcode.
+constexpr std::array<Instruction_Kind, 64> PRIMARY = [] {
+    std::array<Instruction_Kind, 64> kinds{};
+    for (const int opcode : {32, 33, 34, 35, 40, 41, 42, 43, 46, 48, 49, 50, 51, 56, 57, 58})
+        kinds[opcode] = load;
+    for (const int opcode : {36, 37, 38, 39, 44, 45, 47, 52, 53, 54, 55, 62})
+        kinds[opcode] = store;
+    kinds[16] = conditional_branch;
+    kinds[18] = unconditional_branch;
+    return kinds;
+}();
+
+// Opcode 31 is divided further by bits 1 to 10.
+constexpr std::array<Instruction_Info, 1024> EXTENDED_31 = [] {
+    std::array<Instruction_Info, 1024> infos{};
+    for (const int opcode :
+         {20,  21,  23,  52,  53,  55,  84,  87,  116, 119, 276, 279, 309, 311, 341, 343, 373, 375, // integer
+          532, 534, 790, 789, 821, 853, 885, 533, 597,                               // reversed, string
+          535, 567, 599, 631, 855, 887, 791, 823,                                    // floating-point
+          6,   7,   38,  39,  71,  103, 359,                                         // vector
+          12,  76,  268, 364, 332, 524, 588, 269, 301, 781, 813, 844, 876, 780, 812, // vector-scalar
+          582, 614})                                                                 // atomic
+        infos[opcode].kind = load;
+    for (const int opcode : {149, 150, 151, 181, 182, 183, 214, 215, 247, 407, 439, 660,  661, 662,  663,
+                             694, 695, 725, 726, 727, 759, 917, 918, 919, 949, 951, 981,  983, 1013, //
+                             135, 167, 199, 231, 487,                                                //
+                             140, 396, 397, 429, 652, 716, 908, 909, 940, 941, 972, 1004, 710, 742})
+        infos[opcode].kind = store;
+    for (const int opcode : {54, 86, 246, 278, 470, 982, 1014, 22, 262})
+        infos[opcode].kind = cache;
+    for (const int opcode : {533, 597, 661, 725})
+        infos[opcode].string = true;
+    return infos;
+}();
+
+Instruction_Kind branch_of_19(uint32_t extended)
+{
+    switch (extended) {
+    case 16:  // to the link register
+    case 528: // to the count register
+    case 560: // to the target register
+        return conditional_branch;
+    case 18: // returns from interrupt and from system call
+    case 82:
+    case 274:
+    case 146:
+    case 306:
+        return unconditional_branch;
+    default:
+        return other;
+    }
+}
+
+// A branch whose condition field says "always".
+bool is_always(uint32_t word)
+{
+    return (word >> 21 & 0x14) == 0x14;
+}
+
+} // namespace
+
+Instruction_Info instruction_info(uint32_t word)
+{
+    const uint32_t primary = word >> 26, extended = word >> 1 & 0x3FF;
+    Instruction_Info info{PRIMARY[primary], false};
+    if (primary == 31)
+        info = EXTENDED_31[extended];
+    else if (primary == 19)
+        info.kind = branch_of_19(extended);
+    else if (primary == 61) // bits 0 to 2: the vector-scalar loads and stores with a displacement
+        info.kind = (word & 7) == 1 || (word & 3) == 2 ? load : store;
+    if (info.kind == conditional_branch && is_always(word))
+        info.kind = unconditional_branch;
+    return info;
+}
+
+Branch_Outcome branch_outcome(const QTRACE_RECORD &record)
+{
+    const auto &flags = record.header.control.fld;
+    if (flags.termination_present && record.termination_code == QTRACE_UnconditionalBranchNode)
+        return Branch_Outcome::unconditional;
+    const Instruction_Kind kind = instruction_info(record.header.instruction).kind;
+    if (kind != conditional_branch && kind != unconditional_branch)
+        return Branch_Outcome::no_branch;
+    if (flags.iar_change_present)
+        return kind == conditional_branch ? Branch_Outcome::taken : Branch_Outcome::unconditional;
+    return flags.termination_present ? Branch_Outcome::not_taken : Branch_Outcome::undecided;
+}
+
+} // namespace qtrace_tool

@@ -1,0 +1,487 @@
+#include "record_printer.h"
+
+#include <algorithm>
+
+namespace qtrace_tool
+{
+
+// ---- Selection -----------------------------------------------------------------------------------------
+
+void Field_Selection::add_group(Field_Group group)
+{
+    for (size_t i = 0; i < RECORD_MEMBERS.size(); i++)
+        if (RECORD_MEMBERS[i].group == group)
+            members_.set(i);
+    if (group == Field_Group::registers)
+        registers_.set();
+    if (group == Field_Group::flags)
+        members_.set(FLAGS_BIT);
+}
+
+bool Field_Selection::add(std::string_view name)
+{
+    bool found = false;
+    for (size_t i = 0; i < GROUPS.size(); i++)
+        if (GROUPS[i].name == name && GROUPS[i].name != "header") {
+            add_group(static_cast<Field_Group>(i));
+            found = true;
+        }
+    for (size_t i = 0; i < RECORD_MEMBERS.size(); i++)
+        if (RECORD_MEMBERS[i].name == name ||
+            (name == "regs" && RECORD_MEMBERS[i].shape == Member_Shape::registers)) {
+            members_.set(i);
+            found = true;
+        }
+    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++)
+        if (REGISTER_CLASSES[i].name == name) {
+            registers_.set(i);
+            members_.set(static_cast<size_t>(find_record_member("regs") - RECORD_MEMBERS.data()));
+            found = true;
+        }
+    if (name == "regs")
+        registers_.set();
+    return found;
+}
+
+void Field_Selection::finish()
+{
+    for (size_t i = 0; i < RECORD_MEMBERS.size(); i++)
+        if (members_[i])
+            order_.push_back(static_cast<uint8_t>(i));
+}
+
+Field_Selection Field_Selection::usual()
+{
+    Field_Selection selection;
+    for (size_t i = 0; i < GROUPS.size(); i++) {
+        const auto group = static_cast<Field_Group>(i);
+        if (group != Field_Group::next_walk && group != Field_Group::data_walk && group != Field_Group::unused)
+            selection.add_group(group);
+    }
+    selection.finish();
+    return selection;
+}
+
+Field_Selection Field_Selection::all()
+{
+    Field_Selection selection;
+    for (size_t i = 0; i < GROUPS.size(); i++)
+        selection.add_group(static_cast<Field_Group>(i));
+    selection.finish();
+    return selection;
+}
+
+std::optional<Field_Selection> Field_Selection::parse(const std::vector<std::string> &names, std::string &unknown)
+{
+    Field_Selection selection;
+    if (std::ranges::find(names, "all") != names.end())
+        return all();
+    for (const std::string &name : names)
+        if (!selection.add(name)) {
+            unknown = name;
+            return std::nullopt;
+        }
+    selection.finish();
+    return selection;
+}
+
+std::vector<std::string> Field_Selection::names()
+{
+    std::vector<std::string> names;
+    for (const Group_Info &group : GROUPS)
+        if (group.name != "header")
+            names.emplace_back(group.name);
+    for (const Trace_Member &member : RECORD_MEMBERS)
+        if (std::ranges::find(names, member.name) == names.end())
+            names.emplace_back(member.name);
+    for (const Register_Class &kind : REGISTER_CLASSES)
+        names.emplace_back(kind.name);
+    return names;
+}
+
+// ---- Values --------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// Shapes that are tables of 64-bit addresses: `rows` of `columns`.
+struct Table_Shape {
+    unsigned rows, columns;
+};
+
+Table_Shape table_of(const Trace_Member &member)
+{
+    const unsigned words = member.size / sizeof(QTRACE_RTP_Ln);
+    return member.shape == Member_Shape::host_walks
+               ? Table_Shape{RDX_MAX_2LEVEL_DEPTH, words / RDX_MAX_2LEVEL_DEPTH}
+               : Table_Shape{1, words};
+}
+
+// Rows up to the last one that is not zero.
+unsigned used_rows(Table_Shape table, const uint8_t *bytes)
+{
+    const size_t row = table.columns * sizeof(QTRACE_RTP_Ln);
+    unsigned used = table.rows;
+    while (used > 0 && is_zero(bytes + (used - 1) * row, row))
+        used--;
+    return used;
+}
+
+uint64_t word_at(const uint8_t *bytes, unsigned i)
+{
+    uint64_t word;
+    std::memcpy(&word, bytes + i * sizeof(word), sizeof(word));
+    return word;
+}
+
+void print_table(Output &out, const Trace_Member &member, const uint8_t *bytes)
+{
+    const Table_Shape table = table_of(member);
+    const unsigned used = used_rows(table, bytes);
+    for (unsigned row = 0; row < used; row++) {
+        if (row > 0)
+            out.put('|');
+        for (unsigned column = 0; column < table.columns; column++) {
+            if (column > 0)
+                out.put(',');
+            out.put_hex(word_at(bytes, row * table.columns + column));
+        }
+    }
+    if (used == 0)
+        out.put('-');
+}
+
+void print_table_json(Output &out, const Trace_Member &member, const uint8_t *bytes)
+{
+    const Table_Shape table = table_of(member);
+    const unsigned used = used_rows(table, bytes);
+    const bool nested = member.shape == Member_Shape::host_walks;
+    out.put('[');
+    for (unsigned row = 0; row < used; row++) {
+        if (nested)
+            out.put(row > 0 ? ",[" : "[");
+        for (unsigned column = 0; column < table.columns; column++) {
+            out.put(column > 0 ? ",\"0x" : "\"0x");
+            out.put_hex(word_at(bytes, row * table.columns + column));
+            out.put('"');
+        }
+        if (nested)
+            out.put(']');
+    }
+    out.put(']');
+}
+
+void print_registers(Output &out, const QTRACE_REGISTERS &registers, const Field_Selection &fields)
+{
+    std::string_view lead[] = {" in", " out"};
+    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++) {
+        const Register_Class &kind = REGISTER_CLASSES[i];
+        const unsigned entries = fields.shows_registers(i) ? kind.entries(registers) : 0;
+        for (unsigned n = 0; n < entries; n++) {
+            const Register_Entry entry = register_entry(kind, registers, n);
+            out.put(lead[kind.output]);
+            lead[kind.output] = {};
+            out.put(' ');
+            out.put(kind.letter);
+            out.put_decimal(entry.index);
+            out.put("=0x");
+            if (kind.words == 2)
+                out.put_hex(entry.value[0], 16);
+            if (kind.words == 2)
+                out.put_hex(entry.value[1], 16);
+            else
+                out.put_hex(entry.value[0]);
+        }
+    }
+}
+
+void print_registers_json(Output &out, const QTRACE_REGISTERS &registers, const Field_Selection &fields)
+{
+    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++) {
+        const Register_Class &kind = REGISTER_CLASSES[i];
+        const unsigned entries = fields.shows_registers(i) ? kind.entries(registers) : 0;
+        if (entries == 0)
+            continue;
+        out.put(",\"");
+        out.put(kind.name);
+        out.put("\":[");
+        for (unsigned n = 0; n < entries; n++) {
+            const Register_Entry entry = register_entry(kind, registers, n);
+            out.put(n > 0 ? ",[" : "[");
+            out.put_decimal(entry.index);
+            for (unsigned word = 0; word < kind.words; word++) {
+                out.put(",\"0x");
+                out.put_hex(entry.value[word]);
+                out.put('"');
+            }
+            out.put(']');
+        }
+        out.put(']');
+        if (kind.held(registers) > kind.capacity)
+            out.print(",\"{}_count\":{}", kind.name, kind.held(registers));
+    }
+}
+
+void print_modes(Output &out, Mode_Pair modes)
+{
+    out.put(' ');
+    out.put(mode_word(modes.guest));
+    out.put('/');
+    out.put(mode_word(modes.host));
+}
+
+char end_letter(const QTRACE_RECORD &record)
+{
+    if (!record.header.control.fld.termination_present)
+        return '-';
+    return record.termination_code == QTRACE_UnconditionalBranchNode ? 'U' : 'T';
+}
+
+// A member that says nothing beyond the columns before it: node numbers of 0 and the usual ends of runs.
+bool is_implied(const Trace_Member &member, const QTRACE_RECORD &record)
+{
+    if (member.group != Field_Group::node)
+        return false;
+    const uint64_t value = member_value(member, record);
+    return value == 0 ||
+           (member.offset == offsetof(QTRACE_RECORD, termination_code) &&
+            (value == QTRACE_UnconditionalBranchNode || value == QTRACE_ExceededMaximumInstructionDepth));
+}
+
+void print_member(Output &out, const Trace_Member &member, const QTRACE_RECORD &record,
+                  const Field_Selection &fields)
+{
+    if (member.shape == Member_Shape::registers) {
+        print_registers(out, record.regs, fields);
+        return;
+    }
+    out.put(' ');
+    out.put(member.label);
+    out.put(' ');
+    print_value(out, member, record);
+    if (member.group == Field_Group::next_address)
+        print_modes(out, instruction_modes(record.header.control));
+    if (member.group == Field_Group::data_address)
+        print_modes(out, data_modes(record.header.control));
+}
+
+bool is_shown(const Trace_Member &member, const QTRACE_RECORD &record, const Flag_Words &flags)
+{
+    if (member.offset == 0)
+        return false; // the instruction word has its column
+    if (!member.gated() || !flags.any_of(member.gate))
+        return !is_zero(member.at(record), member.size);
+    return !is_implied(member, record) && !(member.size >= sizeof(QTRACE_RTW_HOST_RA) * RDX_MAX_GUEST_LEVELS &&
+                                            is_zero(member.at(record), member.size));
+}
+
+void print_flags_json(Output &out, std::span<const Trace_Flag> rows, uint64_t word)
+{
+    for (const Trace_Flag &flag : rows)
+        if (const uint64_t value = flag.value(word); value != 0) {
+            out.put(",\"");
+            out.put(flag.name);
+            out.put("\":");
+            out.put_decimal(value);
+        }
+}
+
+void print_json_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
+{
+    switch (member.shape) {
+    case Member_Shape::decimal:
+        out.put_decimal(member_value(member, bytes));
+        break;
+    case Member_Shape::host_walks:
+    case Member_Shape::host_addresses:
+    case Member_Shape::guest_walk:
+        print_table_json(out, member, bytes);
+        break;
+    default:
+        out.put("\"0x");
+        out.put_hex(member_value(member, bytes));
+        out.put('"');
+    }
+}
+
+template <class Structure>
+void print_member_json(Output &out, const Trace_Member &member, const Structure &structure)
+{
+    const uint8_t *bytes = member.at(structure);
+    if (is_zero(bytes, member.size))
+        return;
+    out.put(",\"");
+    out.put(member.name);
+    out.put("\":");
+    print_json_value(out, member, bytes);
+}
+
+void begin_json(Output &out, std::string_view file)
+{
+    out.put("{\"file\":");
+    print_json_text(out, file);
+}
+
+} // namespace
+
+void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
+{
+    switch (member.shape) {
+    case Member_Shape::decimal:
+        out.put_decimal(member_value(member, bytes));
+        break;
+    case Member_Shape::address:
+        out.put_hex(member_value(member, bytes), 16);
+        break;
+    case Member_Shape::hexadecimal:
+    case Member_Shape::vsid:
+        out.put("0x");
+        out.put_hex(member_value(member, bytes));
+        break;
+    case Member_Shape::host_walks:
+    case Member_Shape::host_addresses:
+    case Member_Shape::guest_walk:
+        print_table(out, member, bytes);
+        break;
+    case Member_Shape::text: {
+        const char *text = nullptr;
+        std::memcpy(&text, bytes, sizeof(text));
+        print_json_text(out, text != nullptr ? text : "");
+        break;
+    }
+    case Member_Shape::registers:
+        break; // printed by class
+    }
+}
+
+void print_json_text(Output &out, std::string_view text)
+{
+    out.put('"');
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out.put('\\');
+            out.put(c);
+        } else if (byte < 0x20 || byte >= 0x7F) { // comments and names may hold any byte: each as one character
+            out.put("\\u00");
+            out.put_hex(byte, 2);
+        } else {
+            out.put(c);
+        }
+    }
+    out.put('"');
+}
+
+// ---- Lines ---------------------------------------------------------------------------------------------
+
+void print_header(Output &out, const QTRACE_Item &item)
+{
+    const QTRACE_FILE_HDR &header = item.header;
+    const Flag_Words flags = flags_of(header);
+    const bool full = header.control.iar_is_present;
+    out.paint(Colour::head);
+    out.put(full ? "         - header" : "         - partition");
+    for (const Trace_Member &member : HEADER_MEMBERS) {
+        const bool walk = member.shape == Member_Shape::host_walks ||
+                          member.shape == Member_Shape::host_addresses || member.shape == Member_Shape::guest_walk;
+        const bool filled = member.gated() && flags.any_of(member.gate);
+        if (walk || member.label == "comment-length" || (!filled && is_zero(member.at(header), member.size)) ||
+            (filled && member.label == "version" && header.version == 0))
+            continue;
+        out.put(' ');
+        out.put(member.label);
+        out.put(' ');
+        print_value(out, member, header);
+        if (member.label == "address")
+            print_modes(out, instruction_modes(header.sec_ext_controlword.control));
+    }
+    out.paint(Colour::plain);
+    out.put('\n');
+    out.settle();
+}
+
+void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields)
+{
+    const QTRACE_RECORD &record = item.record;
+    const Flag_Words flags = flags_of(record);
+    out.put_padded(item.record_number, 10);
+    out.put(' ');
+    if (item.address_known)
+        out.put_hex(item.address, 16);
+    else
+        out.put("????????????????");
+    out.put(' ');
+    out.put_hex(record.header.instruction, 8);
+    if (fields.shows_flags()) {
+        out.put(' ');
+        out.put(record.header.control.fld.iar_change_present ? 'I' : '-');
+        out.put(record.header.control.fld.node_present ? 'N' : '-');
+        out.put(end_letter(record));
+    }
+    for (const uint8_t i : fields.members())
+        if (is_shown(RECORD_MEMBERS[i], record, flags))
+            print_member(out, RECORD_MEMBERS[i], record, fields);
+    out.put('\n');
+    out.settle();
+}
+
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view file)
+{
+    const Flag_Words flags = flags_of(item.header);
+    begin_json(out, file);
+    out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
+    print_flags_json(out, FILE_FLAGS, flags.file);
+    print_flags_json(out, CONTROL_FLAGS, flags.control);
+    if (item.header.sec_ext_controlword.instruction != 0)
+        out.print(",\"instruction\":\"0x{:x}\"", item.header.sec_ext_controlword.instruction);
+    for (const Trace_Member &member : HEADER_MEMBERS)
+        if (member.shape != Member_Shape::text)
+            print_member_json(out, member, item.header);
+    if (item.header.comment != nullptr) {
+        out.put(",\"comment\":");
+        print_json_text(out, {item.header.comment, item.header.comment_length});
+    }
+    out.put("}\n");
+    out.settle();
+}
+
+void print_record_json(Output &out, const QTRACE_Item &item, std::string_view file, const Field_Selection &fields)
+{
+    begin_json(out, file);
+    out.put(",\"record\":");
+    out.put_decimal(item.record_number);
+    if (item.address_known) {
+        out.put(",\"address\":\"0x");
+        out.put_hex(item.address);
+        out.put('"');
+    }
+    if (fields.shows_flags())
+        print_flags_json(out, CONTROL_FLAGS, flags_of(item.record).control);
+    for (const uint8_t i : fields.members()) {
+        if (RECORD_MEMBERS[i].shape == Member_Shape::registers)
+            print_registers_json(out, item.record.regs, fields);
+        else
+            print_member_json(out, RECORD_MEMBERS[i], item.record);
+    }
+    out.put("}\n");
+    out.settle();
+}
+
+const char *const LINE_LEGEND =
+    R"(# A line a record: its number, the instruction's address and word, then three letters:
+#   I  the next instruction is not the one behind it (the line says `next ADDRESS`)
+#   N  the record carries a node number: `node`, 0 when not shown
+#   T  a run of instructions ends here; U: at an unconditional branch. `ends-at`, `end`: node and code, if unusual
+# next, data: the next instruction's address and the data address, each followed by its translation as
+# GUEST/HOST mode (radix, hpt: hashed page table, real, none: not involved) and what that mode has:
+#   vsid      virtual segment, without its lowest 8 bits     page, guest-page  page-size codes of the simulator
+#   rpn       real page number (guest's in radix/radix)      host-depth, guest-depth  levels of the walks
+#   host-walks, guest-walk, host-addresses  real addresses of the table entries (--fields next-walk,data-walk)
+# length     bytes that a string instruction moves
+# error      8: the data address is suspect, its translation failed
+# in, out    registers read and written: r general, f floating-point, s special, v vector, x vector-scalar
+# processor  the hardware thread, in the first record after a header
+# Lines without a number are file headers: `header` opens a stretch of tracing, `partition` names a new lpid and pid.
+)";
+
+} // namespace qtrace_tool

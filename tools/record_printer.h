@@ -1,0 +1,64 @@
+// Headers and records as text lines and as JSON lines.
+#pragma once
+
+#include "qtrace_reader.h"
+#include "tool_output.h"
+#include "trace_members.h"
+
+#include <bitset>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qtrace_tool
+{
+
+// Which members a line shows: bit i for RECORD_MEMBERS[i], one more for the flags.
+class Field_Selection
+{
+public:
+    static constexpr size_t FLAGS_BIT = 127;
+
+    // What text lines show when nothing is asked for (no walks), and everything.
+    static Field_Selection usual();
+    static Field_Selection all();
+    // From names of members, of register classes and of groups. An unknown name comes back in `unknown`.
+    static std::optional<Field_Selection> parse(const std::vector<std::string> &names, std::string &unknown);
+    // Every name that parse() takes.
+    static std::vector<std::string> names();
+
+    bool shows(size_t member) const { return members_[member]; }
+    bool shows_flags() const { return members_[FLAGS_BIT]; }
+    bool shows_registers(size_t register_class) const { return registers_[register_class]; }
+    const std::vector<uint8_t> &members() const { return order_; } // the shown rows of RECORD_MEMBERS
+
+private:
+    void add_group(Field_Group group);
+    bool add(std::string_view name);
+    void finish();
+
+    std::bitset<128> members_;
+    std::bitset<16> registers_;
+    std::vector<uint8_t> order_;
+};
+
+void print_header(Output &out, const QTRACE_Item &item);
+void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields);
+// One object a line; `file` is its first member.
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view file);
+void print_record_json(Output &out, const QTRACE_Item &item, std::string_view file, const Field_Selection &fields);
+
+// One member's value as text lines show it.
+void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes);
+template <class Structure> void print_value(Output &out, const Trace_Member &member, const Structure &structure)
+{
+    print_value(out, member, member.at(structure));
+}
+
+// `text` as a JSON string, quotes included.
+void print_json_text(Output &out, std::string_view text);
+
+// What the columns and words of text lines mean.
+extern const char *const LINE_LEGEND;
+
+} // namespace qtrace_tool

@@ -1,0 +1,204 @@
+#include "tool_command.h"
+
+#include <algorithm>
+#include <cctype>
+#include <numeric>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+constexpr Command_Info COMMANDS[] = {
+    {"info",
+     "what files hold: headers, counts, gaps, size, whether they end cleanly",
+     {"qtrace info trace                 trace0, trace1, ... one after another",
+      "qtrace info --json trace0 | jq .  the same facts for a program"},
+     make_info_command},
+    {"dump",
+     "headers and records, one line each",
+     {"qtrace dump --count 20 trace0             the first 20 records",
+      "qtrace dump --pc 0x1000-0x1fff --only load trace  loads in a range of addresses, all threads"},
+     make_dump_command},
+};
+
+const char *const TOOL_EXAMPLES[2] = {
+    "qtrace info trace                 is it complete? (trace0, trace1, ...)",
+    "qtrace dump --count 20 trace0     the first 20 records",
+};
+
+const char *const TOOL_FOOTER =
+    "A file name without a file behind it is a base name: `trace` means trace0, trace1, ...\n"
+    "Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 differences, violations or losses found.";
+
+// Help that starts with two examples.
+class Examples_First : public CLI::Formatter
+{
+public:
+    std::string make_description(const CLI::App *app) const override
+    {
+        const auto info = std::ranges::find(COMMANDS, app->get_name(), &Command_Info::name);
+        const auto &examples = info == std::end(COMMANDS) ? TOOL_EXAMPLES : info->examples;
+        return fmt::format("Examples:\n  {}\n  {}\n\n{}\n", examples[0], examples[1], app->get_description());
+    }
+};
+
+// Edits (inserted, dropped, changed or swapped letters) that turn `a` into `b`.
+size_t edits_between(const std::string &a, const std::string &b)
+{
+    std::vector<std::vector<size_t>> cost(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); i++)
+        for (size_t k = 0; k <= b.size(); k++) {
+            if (i == 0 || k == 0) {
+                cost[i][k] = i + k;
+                continue;
+            }
+            cost[i][k] =
+                std::min({cost[i - 1][k] + 1, cost[i][k - 1] + 1, cost[i - 1][k - 1] + (a[i - 1] != b[k - 1])});
+            if (i > 1 && k > 1 && a[i - 1] == b[k - 2] && a[i - 2] == b[k - 1])
+                cost[i][k] = std::min(cost[i][k], cost[i - 2][k - 2] + 1);
+        }
+    return cost[a.size()][b.size()];
+}
+
+std::vector<std::string> command_names()
+{
+    std::vector<std::string> names;
+    for (const Command_Info &info : COMMANDS)
+        names.emplace_back(info.name);
+    return names;
+}
+
+std::vector<std::string> option_names(const CLI::App &app)
+{
+    std::vector<std::string> names;
+    for (const CLI::Option *option : app.get_options())
+        for (const std::string &name : option->get_lnames())
+            names.push_back("--" + name);
+    return names;
+}
+
+// The first word that no option took, with what it may have meant.
+std::string describe_extra(const CLI::App &app)
+{
+    const std::vector<std::string> extras = app.remaining();
+    const auto option = std::ranges::find_if(extras, [](const std::string &word) { return word.starts_with("-"); });
+    if (option == extras.end())
+        return extras.empty() ? "one argument too many" : "one argument too many: " + extras.front();
+    return unknown_word("option of qtrace " + app.get_name(), option->substr(0, option->find('=')),
+                        option_names(app))
+        .what();
+}
+
+// The arguments as they are, unless the first word is no subcommand.
+void refuse_unknown_command(const std::vector<std::string> &arguments)
+{
+    const auto word =
+        std::ranges::find_if(arguments, [](const std::string &argument) { return !argument.starts_with("-"); });
+    const std::vector<std::string> names = command_names();
+    if (word != arguments.end() && std::ranges::find(names, *word) == names.end())
+        throw unknown_word("subcommand", *word, names);
+}
+
+int usage_error(Tool_Run &run, std::string_view command, std::string_view text)
+{
+    run.err.print("qtrace: {}\nSee `qtrace {}{}--help`.\n", text, command, command.empty() ? "" : " ");
+    run.err.flush();
+    return EXIT_USAGE;
+}
+
+// The program's command line: subcommands with their options.
+struct Command_Line {
+    explicit Command_Line(Tool_Run &run)
+    {
+        app.formatter(std::make_shared<Examples_First>());
+        app.require_subcommand(1);
+        app.set_version_flag("--version", "qtrace 1.0.0");
+        app.footer(TOOL_FOOTER);
+        for (const Command_Info &info : COMMANDS) {
+            CLI::App *subcommand = app.add_subcommand(info.name, info.summary);
+            subcommand->add_flag("--json", run.json, "for machines: JSON, on standard output");
+            subcommand->footer(TOOL_FOOTER);
+            commands.push_back(info.make());
+            commands.back()->declare(*subcommand);
+        }
+    }
+    size_t chosen() const
+    {
+        const std::vector<std::string> names = command_names();
+        return static_cast<size_t>(std::ranges::find(names, app.get_subcommands().front()->get_name()) -
+                                   names.begin());
+    }
+
+    CLI::App app{"Looks into, checks, compares and mends instruction traces.", "qtrace"};
+    std::vector<std::unique_ptr<Command>> commands; // in the order of COMMANDS
+};
+
+std::string chosen_name(const CLI::App &app)
+{
+    const std::vector<CLI::App *> chosen = app.get_subcommands();
+    return chosen.empty() ? "" : chosen.front()->get_name();
+}
+
+int show_help(Tool_Run &run, const CLI::App &app)
+{
+    const std::vector<CLI::App *> chosen = app.get_subcommands();
+    run.out.put(chosen.empty() ? app.help() : chosen.front()->help("qtrace"));
+    return run.exit_code();
+}
+
+} // namespace
+
+std::string closest(const std::string &word, const std::vector<std::string> &candidates)
+{
+    std::string best;
+    size_t fewest = word.size() / 3 + 2; // more edits than that: another word
+    for (const std::string &candidate : candidates) {
+        const bool begins = word.size() > 1 && candidate.starts_with(word);
+        if (const size_t edits = begins ? 1 : edits_between(word, candidate); edits < fewest) {
+            fewest = edits;
+            best = candidate;
+        }
+    }
+    return best;
+}
+
+Usage_Error unknown_word(const std::string &what, const std::string &unknown, const std::vector<std::string> &known)
+{
+    const std::string near = closest(unknown, known);
+    const std::string hint = near.empty() ? "" : fmt::format("; did you mean `{}`?", near);
+    return Usage_Error(fmt::format("`{}` is no {}{}", unknown, what, hint));
+}
+
+void declare_files(CLI::App &app, std::vector<std::string> &files)
+{
+    app.add_option("FILE", files, "trace files, or base names of them")->required();
+}
+
+int run_qtrace(const std::vector<std::string> &arguments, int out, int err)
+{
+    Tool_Run run(out, err);
+    Command_Line line(run);
+    try {
+        refuse_unknown_command(arguments);
+        line.app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        line.commands[line.chosen()]->run(run);
+    } catch (const CLI::CallForHelp &) {
+        return show_help(run, line.app);
+    } catch (const CLI::CallForVersion &version) {
+        run.out.print("{}\n", version.what());
+        return run.exit_code();
+    } catch (const CLI::ExtrasError &) {
+        const std::vector<CLI::App *> chosen = line.app.get_subcommands();
+        return usage_error(run, chosen_name(line.app), describe_extra(chosen.empty() ? line.app : *chosen.front()));
+    } catch (const CLI::ParseError &error) {
+        return usage_error(run, chosen_name(line.app), error.what());
+    } catch (const Usage_Error &error) {
+        return usage_error(run, chosen_name(line.app), error.what());
+    } catch (const std::exception &error) {
+        run.fail(error.what());
+    }
+    return run.exit_code();
+}
+
+} // namespace qtrace_tool

@@ -1,0 +1,51 @@
+// The subcommands of `qtrace`. Each declares its options, and does its work with a run.
+#pragma once
+
+#include "tool_run.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qtrace_tool
+{
+
+class Command
+{
+public:
+    virtual ~Command() = default;
+    virtual void declare(CLI::App &app) = 0;
+    virtual void run(Tool_Run &run) = 0;
+};
+
+struct Command_Info {
+    const char *name;
+    const char *summary;
+    const char *examples[2]; // "COMMAND    what it does"
+    std::unique_ptr<Command> (*make)();
+};
+
+std::unique_ptr<Command> make_info_command();
+std::unique_ptr<Command> make_dump_command();
+std::unique_ptr<Command> make_check_command();
+std::unique_ptr<Command> make_stats_command();
+std::unique_ptr<Command> make_diff_command();
+std::unique_ptr<Command> make_recover_command();
+
+// The FILE... argument that most subcommands take.
+void declare_files(CLI::App &app, std::vector<std::string> &files);
+
+// The candidate that `word` was probably meant to be; empty when none is near.
+std::string closest(const std::string &word, const std::vector<std::string> &candidates);
+
+// A command line that is wrong in a way that only a subcommand sees: exit code 2.
+struct Usage_Error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+// `UNKNOWN is no WHAT`, with a suggestion where there is one.
+Usage_Error unknown_word(const std::string &what, const std::string &unknown,
+                         const std::vector<std::string> &known);
+
+} // namespace qtrace_tool

@@ -1,0 +1,59 @@
+// Where the tool's data goes: a buffer in front of a file descriptor, filled without formatting machinery where
+// speed matters.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <string_view>
+
+namespace qtrace_tool
+{
+
+enum class Colour : uint8_t { plain, head, good, bad, added, removed, faint };
+
+class Output
+{
+public:
+    // Writes to `descriptor`, which stays the caller's. With `colour`, escape sequences are put around paint()ed
+    // text.
+    explicit Output(int descriptor, bool colour = false) : descriptor_(descriptor), colour_(colour) {}
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+    ~Output() { flush(); }
+
+    void put(char c) { buffer_.push_back(c); }
+    void put(std::string_view text) { buffer_.append(text.data(), text.data() + text.size()); }
+    void put_decimal(uint64_t value);
+    void put_hex(uint64_t value);                    // without prefix or leading zeros
+    void put_hex(uint64_t value, unsigned digits);   // the lowest `digits` digits
+    void put_padded(uint64_t value, unsigned width); // decimal, right-aligned
+
+    template <class... Arguments> void print(fmt::format_string<Arguments...> format, Arguments &&...arguments)
+    {
+        fmt::format_to(std::back_inserter(buffer_), format, std::forward<Arguments>(arguments)...);
+    }
+
+    // What follows is in that colour, up to the next call.
+    void paint(Colour colour);
+
+    // To be called after each line or so: hands a full buffer on.
+    void settle()
+    {
+        if (buffer_.size() >= CAPACITY)
+            flush();
+    }
+    // Hands everything on. A failure is kept; nothing is written after it.
+    void flush();
+    int error() const { return error_; } // errno of the first failure; 0: none
+
+private:
+    static constexpr size_t CAPACITY = 256 * 1024;
+
+    int descriptor_;
+    bool colour_;
+    int error_ = 0;
+    fmt::basic_memory_buffer<char, CAPACITY / 64> buffer_;
+};
+
+} // namespace qtrace_tool

@@ -1,0 +1,83 @@
+// What every subcommand of `qtrace` gets: its streams, its common options, the outcome so far.
+#pragma once
+
+#include "tool_output.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qtrace_tool
+{
+
+// Exit codes. The worst of everything that happened counts, in the order fine, findings, failed.
+enum Exit_Code : int {
+    EXIT_FINE = 0,
+    EXIT_FAILED = 1,   // something could not be done
+    EXIT_USAGE = 2,    // the command line is wrong
+    EXIT_FINDINGS = 3, // differences, violations or losses were found
+};
+
+class Tool_Run
+{
+public:
+    // Data goes to `out`, messages to `err`; both stay the caller's.
+    Tool_Run(int out, int err);
+    Tool_Run(const Tool_Run &) = delete;
+    Tool_Run &operator=(const Tool_Run &) = delete;
+
+    Output out;
+    Output err;
+    bool json = false;
+    bool progress = false; // a progress line is wanted: messages go to a terminal
+
+    void found() { findings_ = true; }
+    // Says "qtrace: TEXT" on the message stream.
+    void fail(std::string_view text);
+    // Same, for something that was lost or is wrong in a trace.
+    void warn(std::string_view text);
+    Exit_Code exit_code();
+
+private:
+    void message(std::string_view text);
+
+    bool findings_ = false;
+    bool failed_ = false;
+};
+
+// A line on a terminal that tells how far a long command is: records, percent, rate, time left. Nothing is shown
+// before a second has passed.
+class Progress
+{
+public:
+    // `total` records are expected; 0: unknown.
+    Progress(Tool_Run &run, std::string_view what, uint64_t total);
+    ~Progress();
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    void step()
+    {
+        if ((++done_ & 0xFFFF) == 0 && run_.progress)
+            show();
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    void show();
+
+    Tool_Run &run_;
+    std::string what_;
+    uint64_t total_;
+    uint64_t done_ = 0;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point shown_ = start_;
+    bool visible_ = false;
+};
+
+// Runs `qtrace ARGUMENTS...` (without the program's name) and returns its exit code.
+int run_qtrace(const std::vector<std::string> &arguments, int out, int err);
+
+} // namespace qtrace_tool

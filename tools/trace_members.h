@@ -1,0 +1,209 @@
+// The members of trace records and file headers, described once: what printing, checking, comparing and counting
+// know about a member they know from here.
+#pragma once
+
+#include "qtrace_t.h"
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+namespace qtrace_tool
+{
+
+// ---- Flags ---------------------------------------------------------------------------------------------
+
+// The flag words of a record (`control`) or of a file header (`control` is its embedded control word, `file` its
+// own). Of a control word, unit 0 is the lower half and unit 1 the upper.
+struct Flag_Words {
+    uint64_t control = 0;
+    uint32_t file = 0;
+
+    constexpr bool any_of(const Flag_Words &mask) const
+    {
+        return (control & mask.control) != 0 || (file & mask.file) != 0;
+    }
+    constexpr bool operator==(const Flag_Words &) const = default;
+};
+
+Flag_Words flags_of(const QTRACE_RECORD &record);
+Flag_Words flags_of(const QTRACE_FILE_HDR &header);
+
+enum class Flag_Role : uint8_t {
+    gate,        // says that members are filled
+    mark,        // says something by itself
+    mode,        // two bits: a translation mode
+    header_only, // a gate in file headers, meaningless in records
+    unused,      // no producer sets it
+    reserved
+};
+
+struct Trace_Flag {
+    std::string_view name;
+    uint8_t bit; // in Flag_Words::control, or in ::file
+    uint8_t width;
+    Flag_Role role;
+
+    constexpr uint64_t mask() const { return ((uint64_t{1} << width) - 1) << bit; }
+    uint64_t value(uint64_t word) const { return (word & mask()) >> bit; }
+};
+
+// Of a control word, and of the word of file headers; in the order of their bits.
+extern const std::span<const Trace_Flag> CONTROL_FLAGS;
+extern const std::span<const Trace_Flag> FILE_FLAGS;
+
+// The translation mode of one level, in words: "radix", "hpt", "real", "none".
+std::string_view mode_word(uint64_t mode);
+
+// Guest and host mode of an address.
+struct Mode_Pair {
+    uint8_t guest;
+    uint8_t host;
+    constexpr bool operator==(const Mode_Pair &) const = default;
+    constexpr unsigned index() const { return unsigned{guest} * 4 + host; } // 0 to 15
+};
+
+Mode_Pair instruction_modes(const control_word &control);
+Mode_Pair data_modes(const control_word &control);
+
+// ---- Members -------------------------------------------------------------------------------------------
+
+// What a user picks with --fields, what `stats` sums up, what `diff` names.
+enum class Field_Group : uint8_t {
+    instruction,
+    flags,
+    node,
+    processor,
+    next_address,
+    next_translation,
+    next_walk,
+    data_address,
+    data_translation,
+    data_walk,
+    string,
+    error,
+    registers,
+    header,
+    unused
+};
+inline constexpr size_t FIELD_GROUPS = 15;
+
+// Kinds of difference between two traces, as `diff` counts them.
+enum class Difference : uint8_t {
+    instruction,
+    address,
+    next_address,
+    data_address,
+    translation,
+    registers,
+    flags,
+    header,
+    missing
+};
+inline constexpr size_t DIFFERENCES = 9;
+
+struct Group_Info {
+    std::string_view name;
+    Difference difference;
+};
+extern const std::array<Group_Info, FIELD_GROUPS> GROUPS; // indexed by Field_Group
+extern const std::array<std::string_view, DIFFERENCES> DIFFERENCE_NAMES;
+
+enum class Member_Shape : uint8_t {
+    decimal,        // 1 to 4 bytes
+    hexadecimal,    // 4 or 8 bytes
+    address,        // 8 bytes, all digits shown
+    vsid,           // 7 bytes, least significant first
+    host_walks,     // array of QTRACE_RTW
+    host_addresses, // array of QTRACE_RTW_HOST_RA
+    guest_walk,     // QTRACE_RTW_GUEST
+    registers,      // QTRACE_REGISTERS
+    text            // char *, length elsewhere
+};
+
+struct Trace_Member {
+    std::string_view name;  // the member's own
+    std::string_view label; // before its value in a text line
+    uint16_t offset;
+    uint16_t size;
+    Member_Shape shape;
+    Field_Group group;
+    Flag_Words gate; // filled when one of these is set; none: always
+
+    template <class Structure> const uint8_t *at(const Structure &structure) const
+    {
+        return reinterpret_cast<const uint8_t *>(&structure) + offset;
+    }
+    bool gated() const { return !(gate == Flag_Words{}); }
+};
+
+// In the order in which a line shows them. Bit-fields that share bytes share a row.
+extern const std::span<const Trace_Member> RECORD_MEMBERS;
+extern const std::span<const Trace_Member> HEADER_MEMBERS;
+
+const Trace_Member *find_record_member(std::string_view name);
+
+bool is_zero(const uint8_t *bytes, size_t size);
+
+// The value of a number (any shape that is one number), whatever its width.
+uint64_t member_value(const Trace_Member &member, const uint8_t *bytes);
+template <class Structure> uint64_t member_value(const Trace_Member &member, const Structure &structure)
+{
+    return member_value(member, member.at(structure));
+}
+
+inline uint64_t number(const uint8_t (&bytes)[8])
+{
+    uint64_t value;
+    std::memcpy(&value, bytes, sizeof(value));
+    return value;
+}
+inline uint32_t number(const uint8_t (&bytes)[4])
+{
+    uint32_t value;
+    std::memcpy(&value, bytes, sizeof(value));
+    return value;
+}
+
+// ---- Registers -----------------------------------------------------------------------------------------
+
+// One class of registers in one direction.
+struct Register_Class {
+    std::string_view name;   // "gpr_in"
+    std::string_view letter; // before the register number in a text line
+    bool output;
+    uint16_t count; // offset of the count in QTRACE_REGISTERS
+    uint16_t array; // offset of the entries
+    uint8_t capacity;
+    uint8_t words; // 64-bit words a value has
+
+    unsigned held(const QTRACE_REGISTERS &registers) const
+    {
+        return *(reinterpret_cast<const uint8_t *>(&registers) + count);
+    }
+    // Entries that the record has room for, whatever the count says.
+    unsigned entries(const QTRACE_REGISTERS &registers) const
+    {
+        return held(registers) < capacity ? held(registers) : capacity;
+    }
+    const uint8_t *entry(const QTRACE_REGISTERS &registers, unsigned i) const
+    {
+        return reinterpret_cast<const uint8_t *>(&registers) + array + i * entry_size();
+    }
+    unsigned entry_size() const
+    {
+        return words == 1 ? sizeof(QTRACE_REGISTER_INFO) : sizeof(QTRACE_VMX_REGISTER_INFO);
+    }
+};
+
+struct Register_Entry {
+    uint16_t index;
+    uint64_t value[2];
+};
+Register_Entry register_entry(const Register_Class &kind, const QTRACE_REGISTERS &registers, unsigned i);
+
+extern const std::array<Register_Class, 10> REGISTER_CLASSES; // inputs, then outputs
+
+} // namespace qtrace_tool
