@@ -87,8 +87,15 @@ typedef struct Plugin_Inst_Registers {
     QuadWord vmx_value[MAX_VMXRS];
 } Plugin_Inst_Registers;
 
+/* A code is whatever 32-bit number the host answers; one that has no name here is no error. */
+#ifdef __cplusplus
+#define HOST_CODE : uint32_t
+#else
+#define HOST_CODE
+#endif
+
 /* Outcome of an address translation. */
-typedef enum MMUStatus {
+typedef enum MMUStatus HOST_CODE {
     MMU_SUCCESS = 0,
     MMU_EXCEPTION = 1,
     MMU_CROSSES_PAGE = 2,
@@ -102,7 +109,7 @@ typedef enum MMUStatus {
 } MMUStatus;
 
 /* Which kind of tables one partition level translates with. */
-typedef enum RDX_MODE {
+typedef enum RDX_MODE HOST_CODE {
     RADIX_MODE_NOT_SET = 0,
     GUEST_MODE_RADIX = 1,
     HOST_MODE_RADIX = 2,
@@ -112,7 +119,7 @@ typedef enum RDX_MODE {
 } RDX_MODE;
 
 /* The host's exact translation mode of one access. */
-typedef enum RDX_XLATE_MODE {
+typedef enum RDX_XLATE_MODE HOST_CODE {
     RADIX_MODE_NOT_YET_SET = 0,
     NOT_Radix = 1,
     OffsetReal = 2,
