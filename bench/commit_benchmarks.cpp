@@ -300,7 +300,13 @@ void register_benchmarks()
         RegisterBenchmark(name("write").c_str(), run_write, stream)->Iterations(1);
     }
     RegisterBenchmark("pte", run_pte);
-    RegisterBenchmark("start+stop", run_start_stop)->Arg(1)->Arg(16)->Arg(128)->Arg(1024);
+    RegisterBenchmark("start+stop", run_start_stop)
+        ->Arg(1)
+        ->Arg(16)
+        ->Arg(128)
+        ->Arg(1024)
+        ->Iterations(2)
+        ->Repetitions(3);
     RegisterBenchmark("growth/commits", run_long_session)
         ->RangeMultiplier(10)
         ->Range(10'000, 10'000'000)

@@ -80,6 +80,13 @@ def plugin_costs(profile):
     return costs
 
 
+def shortened(place):
+    """Without template arguments, which may be whole formats."""
+    while (shorter := re.sub(r"<[^<>]*>|\{[^{}]*\}", "", place)) != place:
+        place = shorter
+    return place[:100]
+
+
 def run(program, stream, commits, text):
     with tempfile.TemporaryDirectory() as folder:
         out = pathlib.Path(folder, "callgrind.out")
@@ -99,6 +106,7 @@ def main():
     parser.add_argument("--baseline", type=pathlib.Path, default=pathlib.Path(__file__).with_name("baseline.json"))
     parser.add_argument("--accept", action="store_true", help="write the counts into the baseline")
     parser.add_argument("--profile", action="store_true", help="print the costs by function")
+    parser.add_argument("--json", type=pathlib.Path, help="write the counts here, too; nothing is a failure then")
     parser.add_argument("--text", action="store_true", help="with a text trace (not compared)")
     arguments = parser.parse_args()
 
@@ -113,8 +121,10 @@ def main():
         grown = grown or (before is not None and count > before * (1 + TOLERANCE))
         if arguments.profile:
             for place, cost in costs.most_common(30):
-                print(f"{cost / commits:10.1f}  {place}")
-    if arguments.accept:
+                print(f"{cost / commits:10.1f}  {shortened(place)}")
+    if arguments.json:
+        arguments.json.write_text(json.dumps(counts) + "\n")
+    elif arguments.accept:
         arguments.baseline.write_text(json.dumps(counts, indent=2) + "\n")
     elif grown and not arguments.text:
         sys.exit(f"the plugin executes more than {TOLERANCE:.0%} more instructions a commit; if they are worth it: "

@@ -1,0 +1,97 @@
+// How fast whole programs get through their files: a replay from the commit stream to the trace, and the reader.
+#include "player.h"
+#include "qtrace_reader.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace
+{
+
+constexpr const char *COMPRESSED_STREAM = STREAM_FOLDER "/boot-user.jsonl.zst";
+constexpr const char *PLAIN_STREAM = OUTPUT_FOLDER "/boot-user.jsonl";
+constexpr const char *TRACE = OUTPUT_FOLDER "/replayed";
+constexpr const char *FIRST_TRACE_FILE = OUTPUT_FOLDER "/replayed0";
+
+// Plays the whole stream with a binary trace; returns its number of events.
+uint64_t replay_stream(const char *stream)
+{
+    replay::Player player(stream);
+    const std::string failure = player.plugin().load(PLUGIN_FILE);
+    if (!failure.empty())
+        throw std::runtime_error(failure);
+    player.plugin().signal({"start", TRACE});
+    if (player.run() != replay::Player::End::end_of_stream)
+        throw std::runtime_error(std::string(stream) + " cannot be replayed");
+    player.plugin().signal({"stop"});
+    return player.events();
+}
+
+void run_replay(benchmark::State &state, const char *stream)
+{
+    replay::host().set_console([](const replay::Console_Message &) {});
+    uint64_t events = 0;
+    for ([[maybe_unused]] auto iteration : state)
+        events += replay_stream(stream);
+    state.SetItemsProcessed(static_cast<int64_t>(events));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(std::filesystem::file_size(stream)));
+}
+
+uint64_t count_records(const char *file)
+{
+    QTRACE_Reader *reader = qtrace_open(file, nullptr);
+    if (!reader)
+        throw std::runtime_error(std::string(file) + " is not a trace");
+    uint64_t records = 0;
+    const QTRACE_Item *item = nullptr;
+    for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
+        if (kind == QTRACE_ITEM_DAMAGE || kind == QTRACE_ITEM_ERROR)
+            throw std::runtime_error(qtrace_error(reader));
+        records += kind == QTRACE_ITEM_RECORD;
+    }
+    qtrace_close(reader);
+    return records;
+}
+
+void run_read(benchmark::State &state)
+{
+    uint64_t records = 0;
+    for ([[maybe_unused]] auto iteration : state)
+        records += count_records(FIRST_TRACE_FILE);
+    state.SetItemsProcessed(static_cast<int64_t>(records));
+    state.counters["bytes_per_record"] = static_cast<double>(std::filesystem::file_size(FIRST_TRACE_FILE)) *
+                                         static_cast<double>(state.iterations()) / static_cast<double>(records);
+}
+
+void write_plain_stream()
+{
+    std::ofstream plain(PLAIN_STREAM, std::ios::binary);
+    replay::Line_Source lines(COMPRESSED_STREAM);
+    for (std::string_view line; lines.next(line);)
+        plain << line << '\n';
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+try {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    std::filesystem::create_directories(OUTPUT_FOLDER);
+    write_plain_stream();
+    replay::host().set_console([](const replay::Console_Message &) {});
+    replay_stream(COMPRESSED_STREAM); // leaves the trace that is read
+    benchmark::RegisterBenchmark("replay:jsonl", run_replay, PLAIN_STREAM)->MeasureProcessCPUTime();
+    benchmark::RegisterBenchmark("replay:jsonl.zst", run_replay, COMPRESSED_STREAM)->MeasureProcessCPUTime();
+    benchmark::RegisterBenchmark("read", run_read)->MeasureProcessCPUTime();
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+} catch (const std::exception &error) {
+    std::fprintf(stderr, "throughput_benchmarks: %s\n", error.what());
+    return 1;
+}
