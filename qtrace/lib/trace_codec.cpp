@@ -55,7 +55,8 @@ void encode_image(Byte_Sink &to, const void *structure, size_t size)
     }
 }
 
-// Overwrites the runs in `structure`; false when one does not fit.
+// Puts the runs into `structure`, which is zero there but for members that other sections have filled between two
+// joined runs; false when one does not fit.
 bool decode_image(Byte_Source &from, void *structure, size_t size)
 {
     auto *image = static_cast<uint8_t *>(structure);
@@ -69,8 +70,9 @@ bool decode_image(Byte_Source &from, void *structure, size_t size)
         const uint8_t *bytes = from.bytes(length);
         if (bytes == nullptr)
             return false;
-        std::memcpy(image + done + gap, bytes, length);
-        done += gap + length;
+        done += gap;
+        for (size_t i = 0; i < length; ++i)
+            image[done++] |= bytes[i];
     }
 }
 

@@ -45,7 +45,7 @@ inline constexpr size_t MAX_VALUES = 102;   // their values, 128-bit registers c
 
 // ---- Tables -------------------------------------------------------------------------------------------------
 
-inline constexpr unsigned CODE_BITS = 12, SHAPE_BITS = 11, MEMORY_BITS = 11, PAGE_BITS = 8, REGISTER_SLOTS = 64;
+inline constexpr unsigned CODE_BITS = 11, SHAPE_BITS = 10, MEMORY_BITS = 10, PAGE_BITS = 7, REGISTER_SLOTS = 64;
 inline constexpr size_t REMEMBERED_REGISTERS = 12;
 inline constexpr size_t MAX_CONTROLS = 255;
 

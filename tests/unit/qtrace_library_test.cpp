@@ -1,0 +1,765 @@
+// The reference trace library: what is written comes back, and nothing else ever does.
+#include "qtrace.h"
+#include "qtrace_reader.h"
+#include "random_traces.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using testing::HasSubstr;
+
+struct Item {
+    bool is_header;
+    std::string image;                  // of the record or header, without pointers
+    std::optional<std::string> comment; // of a header
+    uint64_t address;
+    bool address_known;
+    bool operator==(const Item &) const = default;
+};
+
+// Without this a failing comparison would print thousands of bytes.
+void PrintTo(const Item &item, std::ostream *out)
+{
+    *out << (item.is_header ? "header at " : "record at ") << std::hex << item.address;
+}
+
+struct Contents {
+    std::vector<Item> items;
+    std::vector<QTRACE_Damage> damages;
+    std::vector<std::string> texts; // of the damages
+    bool opened = true;
+    std::string open_error;
+
+    uint64_t records() const
+    {
+        return static_cast<uint64_t>(std::count_if(items.begin(), items.end(), [](auto &i) { return !i.is_header; }));
+    }
+};
+
+template <class Structure> std::string image_of(const Structure &structure)
+{
+    return {reinterpret_cast<const char *>(&structure), sizeof structure};
+}
+
+Item item_of(const QTRACE_Item &from)
+{
+    if (from.kind == QTRACE_ITEM_RECORD)
+        return {false, image_of(from.record), {}, from.address, from.address_known != 0};
+    QTRACE_FILE_HDR header = from.header;
+    std::optional<std::string> comment;
+    if (header.comment != nullptr)
+        comment.emplace(header.comment, header.comment_length);
+    header.comment = nullptr;
+    return {true, image_of(header), comment, from.address, from.address_known != 0};
+}
+
+class trace_file : public testing::Test {
+protected:
+    trace_file()
+    {
+        // Thousands of small files are written; in memory that takes no time.
+        const std::filesystem::path memory = "/dev/shm";
+        const auto parent = exists(memory) ? memory : std::filesystem::temp_directory_path();
+        folder_ = parent / ("qtrace_library_" + std::to_string(getpid()));
+        std::filesystem::create_directories(folder_);
+        name_ = (folder_ / "trace").string();
+        unsetenv("QTRACE_COMPRESSION");
+    }
+    ~trace_file() override { std::filesystem::remove_all(folder_); }
+
+    QTRACE_FDESCR open() { return QTRACE_Fopen(name_.c_str(), QTRACE_WRITE); }
+
+    // Writes an item and remembers what the reader should give for it.
+    void write(QTRACE_FDESCR file, QTRACE_RECORD record)
+    {
+        written_.push_back({false, image_of(record), {}, address_, known_});
+        ASSERT_EQ(QTRACE_FwriteRecord(file, &record), 0) << qtrace_writer_error();
+        if (record.header.control.fld.next_instruction_EA_present) {
+            std::memcpy(&address_, record.next_instruction_ea, 8);
+            known_ = true;
+        } else {
+            address_ += 4;
+        }
+    }
+    void write(QTRACE_FDESCR file, QTRACE_FILE_HDR header, std::optional<std::string> comment = {})
+    {
+        if (comment)
+            header.comment_length = static_cast<QTRACE_UINT16>(comment->size());
+        if (header.control.iar_is_present) {
+            std::memcpy(&address_, header.iar, 8);
+            known_ = true;
+        }
+        written_.push_back({true, image_of(header), comment, address_, known_});
+        header.comment = comment ? comment->data() : nullptr;
+        ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0) << qtrace_writer_error();
+    }
+
+    // A header with a comment, then that many plausible records.
+    void write_plausible(size_t records, uint64_t seed = 1)
+    {
+        Random_Trace chance(seed);
+        const QTRACE_FDESCR file = open();
+        write(file, chance.plausible_header(), "KelvoVer:3");
+        for (size_t i = 0; i < records; ++i)
+            write(file, chance.plausible_record());
+        QTRACE_Fclose(file);
+    }
+
+    Contents read(const std::string &name) const
+    {
+        Contents contents;
+        char *error = nullptr;
+        QTRACE_Reader *reader = qtrace_open(name.c_str(), &error);
+        if (reader == nullptr) {
+            contents.opened = false;
+            contents.open_error = error;
+            free(error);
+            return contents;
+        }
+        const QTRACE_Item *item;
+        QTRACE_ITEM kind;
+        while ((kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR) {
+            EXPECT_EQ(kind, item->kind);
+            if (kind == QTRACE_ITEM_DAMAGE) {
+                contents.damages.push_back(*qtrace_damage(reader));
+                contents.texts.emplace_back(qtrace_error(reader));
+            } else {
+                contents.items.push_back(item_of(*item));
+            }
+        }
+        EXPECT_EQ(kind, QTRACE_ITEM_END);
+        qtrace_close(reader);
+        return contents;
+    }
+    Contents read() const { return read(name_); }
+
+    std::string bytes() const
+    {
+        std::ifstream in(name_, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    void put_bytes(const std::string &bytes) const
+    {
+        std::ofstream(name_, std::ios::binary | std::ios::trunc).write(bytes.data(), std::ssize(bytes));
+    }
+    QTRACE_Info verified() const
+    {
+        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+        QTRACE_Info info{};
+        EXPECT_EQ(qtrace_verify(reader, &info), 0);
+        qtrace_close(reader);
+        return info;
+    }
+    // Offsets of the blocks of a whole file.
+    std::vector<uint64_t> block_offsets() const
+    {
+        std::vector<uint64_t> offsets;
+        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+        const QTRACE_Item *item;
+        while (qtrace_next(reader, &item) != QTRACE_ITEM_END)
+            if (offsets.empty() || offsets.back() != item->block_offset)
+                offsets.push_back(item->block_offset);
+        qtrace_close(reader);
+        return offsets;
+    }
+    // The items read are a run of those written, at each place where nothing was lost.
+    void expect_subset(const Contents &contents) const
+    {
+        size_t at = 0;
+        for (const Item &item : contents.items) {
+            while (at < written_.size() && !(written_[at] == item))
+                ++at;
+            ASSERT_LT(at, written_.size()) << "an item that was never written";
+            ++at;
+        }
+    }
+
+    std::filesystem::path folder_;
+    std::string name_;
+    std::vector<Item> written_;
+    uint64_t address_ = 0;
+    bool known_ = false;
+};
+
+// ---- What is written comes back ---------------------------------------------------------------------------------
+
+TEST_F(trace_file, without_items_ends_cleanly)
+{
+    QTRACE_Fclose(open());
+    const Contents contents = read();
+    EXPECT_TRUE(contents.items.empty());
+    EXPECT_TRUE(contents.damages.empty());
+    EXPECT_TRUE(verified().clean_end);
+}
+
+TEST_F(trace_file, gives_back_a_hundred_thousand_records_of_a_plausible_program)
+{
+    write_plausible(100'000);
+    const Contents contents = read();
+    EXPECT_TRUE(contents.damages.empty());
+    EXPECT_TRUE(contents.items == written_);
+    const QTRACE_Info info = verified();
+    EXPECT_EQ(info.records, 100'000u);
+    EXPECT_EQ(info.headers, 1u);
+    EXPECT_EQ(info.compression, 1u);
+    EXPECT_TRUE(info.clean_end);
+    EXPECT_GT(info.blocks, 5u);
+}
+
+TEST_F(trace_file, gives_back_every_member_of_wild_records_and_headers_whatever_their_flags)
+{
+    Random_Trace chance(2);
+    const QTRACE_FDESCR file = open();
+    for (int i = 0; i < 6'000; ++i) {
+        const uint64_t kind = chance.below(20);
+        if (kind == 0)
+            write(file, chance.wild_header());
+        else if (kind == 1)
+            write(file, chance.wild_header(), chance.comment(chance.below(300)));
+        else if (kind < 10)
+            write(file, chance.wild_record());
+        else
+            write(file, chance.plausible_record());
+    }
+    QTRACE_Fclose(file);
+    const Contents contents = read();
+    EXPECT_TRUE(contents.damages.empty());
+    EXPECT_TRUE(contents.items == written_);
+}
+
+TEST_F(trace_file, gives_back_each_single_bit_of_every_member_of_a_record)
+{
+    QTRACE_RECORD all;
+    std::memset(&all, 0, sizeof all);
+    const QTRACE_FDESCR file = open();
+    const size_t data_pointer = offsetof(QTRACE_RECORD, length) + 2;
+    for (size_t byte = 0; byte < offsetof(QTRACE_RECORD, offset); ++byte) {
+        const bool pointer = (byte >= data_pointer && byte < offsetof(QTRACE_RECORD, next_instruction_ea)) ||
+                             (byte >= offsetof(QTRACE_RECORD, file_header) && byte < offsetof(QTRACE_RECORD, regs));
+        const size_t in_regs = byte - offsetof(QTRACE_RECORD, regs);
+        if (pointer || (byte >= offsetof(QTRACE_RECORD, regs) && in_regs >= 10 && in_regs < 16))
+            continue;
+        reinterpret_cast<uint8_t *>(&all)[byte] = 1;
+        write(file, all);
+        reinterpret_cast<uint8_t *>(&all)[byte] = 0;
+    }
+    QTRACE_Fclose(file);
+    EXPECT_TRUE(read().items == written_);
+}
+
+TEST_F(trace_file, keeps_header_members_whose_flags_are_clear)
+{
+    QTRACE_FILE_HDR header{};
+    header.iar_gpage_size = 5;
+    header.sdr1[3] = 9;
+    header.version = 0x01020304;
+    const QTRACE_FDESCR file = open();
+    write(file, header);
+    QTRACE_Fclose(file);
+    EXPECT_TRUE(read().items == written_);
+}
+
+TEST_F(trace_file, leaves_pointers_and_bookkeeping_behind)
+{
+    QTRACE_RECORD record{};
+    uint8_t data = 0;
+    QTRACE_FILE_HDR header{};
+    record.data = &data;
+    record.persistent_data = &data;
+    record.file_header = &header;
+    record.offset = record.record_count = 77;
+    const QTRACE_FDESCR file = open();
+    ASSERT_EQ(QTRACE_FwriteRecord(file, &record), 0);
+    QTRACE_Fclose(file);
+    const QTRACE_RECORD none{};
+    EXPECT_TRUE(read().items.at(0).image == image_of(none));
+}
+
+TEST_F(trace_file, keeps_comments_of_every_length)
+{
+    Random_Trace chance(3);
+    const QTRACE_FDESCR file = open();
+    for (const size_t size : {0, 1, 100, 16384, 16385, 40000, 65535, 65535, 12}) {
+        write(file, chance.plausible_header(), chance.comment(size));
+        write(file, chance.plausible_record());
+    }
+    QTRACE_Fclose(file);
+    const Contents contents = read();
+    EXPECT_TRUE(contents.damages.empty());
+    EXPECT_TRUE(contents.items == written_);
+}
+
+TEST_F(trace_file, copies_the_comment_during_the_call)
+{
+    std::string comment = "before";
+    QTRACE_FILE_HDR header{};
+    header.comment = comment.data();
+    header.comment_length = 6;
+    const QTRACE_FDESCR file = open();
+    ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
+    comment = "behind";
+    QTRACE_Fclose(file);
+    EXPECT_EQ(read().items.at(0).comment, "before");
+}
+
+TEST_F(trace_file, is_no_larger_than_its_payload_when_compression_is_off)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(20'000);
+    const QTRACE_Info stored = verified();
+    EXPECT_EQ(stored.compression, 0u);
+    EXPECT_TRUE(read().items == written_);
+    setenv("QTRACE_COMPRESSION", "zstd:19", 1);
+    write_plausible(20'000);
+    EXPECT_LT(verified().size, stored.size);
+    EXPECT_EQ(verified().compression, 1u);
+}
+
+TEST_F(trace_file, is_refused_with_an_unknown_compression)
+{
+    for (const char *wish : {"", "gzip", "zstd:", "zstd:x", "zstd:3x", "zstd:99"}) {
+        setenv("QTRACE_COMPRESSION", wish, 1);
+        EXPECT_EQ(open(), -1) << wish;
+        EXPECT_THAT(qtrace_writer_error(), HasSubstr("QTRACE_COMPRESSION"));
+    }
+}
+
+TEST_F(trace_file, blocks_hold_at_most_64_KiB_of_encoded_data)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    Random_Trace chance(4);
+    const QTRACE_FDESCR file = open();
+    for (int i = 0; i < 3'000; ++i)
+        write(file, chance.wild_record());
+    QTRACE_Fclose(file);
+    const std::string all = bytes();
+    for (const uint64_t offset : block_offsets()) {
+        uint32_t raw_size;
+        std::memcpy(&raw_size, &all[offset + 12], 4);
+        EXPECT_LE(raw_size, 65536u);
+    }
+    EXPECT_TRUE(read().items == written_);
+}
+
+TEST_F(trace_file, many_files_at_once_do_not_mix)
+{
+    std::vector<QTRACE_FDESCR> files;
+    for (int i = 0; i < 200; ++i)
+        files.push_back(QTRACE_Fopen((name_ + std::to_string(i)).c_str(), QTRACE_WRITE));
+    for (uint32_t word = 0; word < 50; ++word)
+        for (size_t i = 0; i < files.size(); ++i) {
+            QTRACE_RECORD record{};
+            record.header.instruction = word * 1000 + static_cast<uint32_t>(i);
+            ASSERT_EQ(QTRACE_FwriteRecord(files[i], &record), 0);
+        }
+    for (const QTRACE_FDESCR file : files)
+        QTRACE_Fclose(file);
+    for (size_t i = 0; i < files.size(); ++i) {
+        const Contents contents = read(name_ + std::to_string(i));
+        ASSERT_EQ(contents.items.size(), 50u);
+        QTRACE_RECORD record{};
+        record.header.instruction = 49 * 1000 + static_cast<uint32_t>(i);
+        EXPECT_TRUE(contents.items.back().image == image_of(record)) << i;
+    }
+}
+
+// ---- Addresses --------------------------------------------------------------------------------------------------
+
+TEST_F(trace_file, address_is_unknown_until_a_header_names_one)
+{
+    QTRACE_RECORD plain{};
+    QTRACE_FILE_HDR partition{}, full{};
+    partition.sec_ext_controlword.control.fld.lpid_is_present = 1;
+    full.control.iar_is_present = 1;
+    full.iar[1] = 0x10;
+    const QTRACE_FDESCR file = open();
+    write(file, plain);
+    write(file, full);
+    write(file, plain);
+    write(file, partition);
+    write(file, plain);
+    QTRACE_Fclose(file);
+    const auto items = read().items;
+    EXPECT_FALSE(items.at(0).address_known);
+    EXPECT_TRUE(items.at(2).address_known);
+    EXPECT_EQ(items.at(2).address, 0x1000u);
+    EXPECT_EQ(items.at(4).address, 0x1004u);
+}
+
+TEST_F(trace_file, open_header_is_the_full_one_with_later_partitions)
+{
+    QTRACE_FILE_HDR full{}, partition{};
+    full.control.iar_is_present = 1;
+    full.sdr1[0] = 4;
+    partition.sec_ext_controlword.control.fld.lpid_is_present = 1;
+    partition.lpid[0] = 6;
+    const QTRACE_FDESCR file = open();
+    write(file, full, "text");
+    write(file, partition);
+    for (int i = 0; i < 100'000; ++i)
+        write(file, Random_Trace(static_cast<uint64_t>(i)).plausible_record());
+    QTRACE_Fclose(file);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    EXPECT_EQ(qtrace_open_header(reader), nullptr);
+    ASSERT_EQ(qtrace_seek(reader, 99'999), 0);
+    const QTRACE_FILE_HDR *open_header = qtrace_open_header(reader);
+    ASSERT_NE(open_header, nullptr);
+    EXPECT_EQ(open_header->lpid[0], 6);
+    EXPECT_EQ(open_header->sdr1[0], 4);
+    EXPECT_EQ(open_header->comment, nullptr);
+    qtrace_close(reader);
+}
+
+// ---- Seeking ----------------------------------------------------------------------------------------------------
+
+TEST_F(trace_file, seeking_reaches_every_record_with_its_address)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    Random_Trace chance(5);
+    const QTRACE_FDESCR file = open();
+    for (int i = 0; i < 2'000; ++i) {
+        if (i % 97 == 0)
+            write(file, chance.plausible_header(), chance.comment(i % 5 ? 20 : 30'000));
+        write(file, i % 3 ? chance.plausible_record() : chance.wild_record());
+    }
+    QTRACE_Fclose(file);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    ASSERT_GT(verified().blocks, 10u);
+    size_t at = 0;
+    for (uint64_t record = 0; record < 2'000; ++record) {
+        ASSERT_EQ(qtrace_seek(reader, record), 0);
+        const QTRACE_Item *item;
+        do {
+            ASSERT_NE(qtrace_next(reader, &item), QTRACE_ITEM_DAMAGE) << qtrace_error(reader);
+            ASSERT_EQ(item->record_number, record);
+            ASSERT_EQ(item_of(*item), written_.at(at++));
+        } while (item->kind == QTRACE_ITEM_HEADER);
+    }
+    EXPECT_EQ(qtrace_seek(reader, 2'000), -1);
+    EXPECT_EQ(qtrace_next(reader, nullptr), QTRACE_ITEM_END);
+    EXPECT_EQ(qtrace_seek(reader, 0), 0);
+    qtrace_close(reader);
+}
+
+TEST_F(trace_file, info_keeps_the_place_of_the_reader)
+{
+    write_plausible(30'000);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    ASSERT_EQ(qtrace_seek(reader, 20'000), 0);
+    QTRACE_Info info;
+    EXPECT_EQ(qtrace_info(reader, &info), 0);
+    EXPECT_EQ(info.records, 30'000u);
+    const QTRACE_Item *item;
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
+    EXPECT_EQ(item->record_number, 20'000u);
+    qtrace_close(reader);
+}
+
+// ---- Damage -----------------------------------------------------------------------------------------------------
+
+TEST_F(trace_file, cut_at_any_byte_is_said_to_be_cut)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    Random_Trace chance(6);
+    const QTRACE_FDESCR file = open();
+    write(file, chance.plausible_header(), chance.comment(20'000)); // a block of its own in front
+    for (int i = 0; i < 20; ++i)
+        write(file, chance.wild_record());
+    QTRACE_Fclose(file);
+    const std::string whole = bytes();
+    for (size_t size = 0; size < whole.size(); size += size < 400 || whole.size() - size < 400 ? 1 : 13) {
+        put_bytes(whole.substr(0, size));
+        const Contents contents = read();
+        if (size < 16) {
+            EXPECT_FALSE(contents.opened);
+            EXPECT_THAT(contents.open_error, HasSubstr("byte " + std::to_string(size)));
+            continue;
+        }
+        ASSERT_EQ(contents.damages.size(), 1u) << size;
+        EXPECT_TRUE(contents.damages[0].truncated) << size;
+        EXPECT_FALSE(verified().clean_end) << size;
+        expect_subset(contents);
+    }
+}
+
+TEST_F(trace_file, cut_in_its_last_block_is_readable_up_to_there)
+{
+    write_plausible(30'000);
+    const std::vector<uint64_t> blocks = block_offsets();
+    const std::string whole = bytes();
+    put_bytes(whole.substr(0, whole.size() - 1));
+    const Contents contents = read();
+    EXPECT_EQ(contents.damages.at(0).offset, blocks.back());
+    EXPECT_EQ(contents.damages.at(0).bytes, whole.size() - 1 - blocks.back());
+    EXPECT_EQ(contents.records() + contents.damages.at(0).records, 30'000u);
+    EXPECT_TRUE(std::equal(contents.items.begin(), contents.items.end(), written_.begin()));
+}
+
+TEST_F(trace_file, with_any_bit_flipped_is_never_accepted_as_other_content)
+{
+    Random_Trace chance(7);
+    const QTRACE_FDESCR file = open();
+    write(file, chance.plausible_header(), "flip");
+    for (int i = 0; i < 30; ++i)
+        write(file, chance.plausible_record());
+    QTRACE_Fclose(file);
+    const std::string whole = bytes();
+    ASSERT_LT(whole.size(), 3'000u);
+    for (size_t bit = 0; bit < 8 * whole.size(); ++bit) {
+        std::string flipped = whole;
+        flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1 << bit % 8));
+        put_bytes(flipped);
+        const Contents contents = read();
+        EXPECT_TRUE(!contents.opened || !contents.damages.empty()) << "bit " << bit;
+        expect_subset(contents);
+    }
+}
+
+TEST_F(trace_file, with_a_damaged_block_loses_that_block_alone_and_counts_it)
+{
+    write_plausible(60'000);
+    const std::vector<uint64_t> blocks = block_offsets();
+    const std::string whole = bytes();
+    ASSERT_GT(blocks.size(), 4u);
+    for (const uint64_t in_block : {0, 5, 9, 30, 54, 60, 500}) {
+        std::string damaged = whole;
+        damaged[blocks[2] + in_block] ^= 0x10;
+        put_bytes(damaged);
+        const Contents contents = read();
+        ASSERT_EQ(contents.damages.size(), 1u);
+        EXPECT_EQ(contents.damages[0].offset, blocks[2]);
+        EXPECT_EQ(contents.damages[0].bytes, blocks[3] - blocks[2]);
+        EXPECT_TRUE(contents.damages[0].records_known);
+        EXPECT_FALSE(contents.damages[0].truncated);
+        EXPECT_EQ(contents.records() + contents.damages[0].records, 60'000u);
+        EXPECT_THAT(contents.texts[0], HasSubstr("byte " + std::to_string(blocks[2]) + ": "));
+        EXPECT_EQ(verified().damaged_places, 1u);
+        expect_subset(contents);
+        EXPECT_EQ(contents.items.back(), written_.back());
+    }
+}
+
+TEST_F(trace_file, with_a_block_taken_out_says_how_many_records_are_missing)
+{
+    write_plausible(60'000);
+    const std::vector<uint64_t> blocks = block_offsets();
+    const std::string whole = bytes();
+    put_bytes(whole.substr(0, blocks[1]) + whole.substr(blocks[2]));
+    const Contents contents = read();
+    ASSERT_EQ(contents.damages.size(), 1u);
+    EXPECT_EQ(contents.damages[0].bytes, 0u);
+    EXPECT_TRUE(contents.damages[0].records_known);
+    EXPECT_EQ(contents.records() + contents.damages[0].records, 60'000u);
+    EXPECT_EQ(verified().damaged_places, 1u);
+    expect_subset(contents);
+}
+
+TEST_F(trace_file, seeking_to_a_lost_record_comes_to_the_damage)
+{
+    write_plausible(60'000);
+    const std::vector<uint64_t> blocks = block_offsets();
+    std::string damaged = bytes();
+    damaged[blocks[2] + 3] ^= 1;
+    put_bytes(damaged);
+    const uint64_t lost = read().damages.at(0).records;
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    const QTRACE_Item *item;
+    uint64_t first_lost = 0;
+    while (qtrace_next(reader, &item) != QTRACE_ITEM_DAMAGE)
+        first_lost = item->record_number + 1;
+    ASSERT_EQ(qtrace_seek(reader, first_lost + lost / 2), 0);
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DAMAGE);
+    EXPECT_EQ(qtrace_damage(reader)->records, lost);
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
+    EXPECT_EQ(item->record_number, first_lost + lost);
+    qtrace_close(reader);
+}
+
+TEST_F(trace_file, with_bytes_behind_its_last_block_is_damaged)
+{
+    write_plausible(100);
+    const std::string whole = bytes();
+    put_bytes(whole + "x");
+    Contents contents = read();
+    ASSERT_EQ(contents.damages.size(), 1u);
+    EXPECT_FALSE(contents.damages[0].truncated);
+    EXPECT_EQ(contents.damages[0].offset, whole.size());
+    EXPECT_FALSE(verified().clean_end);
+    put_bytes(whole + whole);
+    contents = read();
+    EXPECT_FALSE(contents.damages.empty());
+    EXPECT_EQ(contents.records(), 200u);
+}
+
+TEST_F(trace_file, with_a_damaged_start_is_read_from_its_first_block)
+{
+    write_plausible(100);
+    std::string damaged = bytes();
+    damaged[1] = '?';
+    put_bytes(damaged);
+    const Contents contents = read();
+    ASSERT_EQ(contents.damages.size(), 1u);
+    EXPECT_EQ(contents.damages[0].offset, 0u);
+    EXPECT_EQ(contents.damages[0].bytes, 16u);
+    EXPECT_EQ(contents.records(), 100u);
+}
+
+TEST_F(trace_file, of_another_kind_or_version_is_refused_with_its_offset)
+{
+    EXPECT_THAT(read(name_).open_error, HasSubstr("No such file"));
+    EXPECT_THAT(read(folder_.string()).open_error, HasSubstr("directory"));
+    put_bytes("");
+    EXPECT_THAT(read().open_error, HasSubstr("byte 0: the file is empty"));
+    put_bytes(std::string(5'000, 'a'));
+    EXPECT_THAT(read().open_error, HasSubstr("byte 0: not a trace file"));
+    // A start of version 2, its checksum right.
+    put_bytes(std::string("\x8aQTRACE\n\x02\x00\x00\x00\xe9""\x91""\x02""\xa5", 16));
+    EXPECT_THAT(read().open_error, HasSubstr("byte 8: format version 2"));
+}
+
+// ---- The writer's failures ----------------------------------------------------------------------------------------
+
+TEST_F(trace_file, descriptors_that_are_not_open_are_errors)
+{
+    QTRACE_RECORD record{};
+    QTRACE_FILE_HDR header{};
+    const QTRACE_FDESCR file = open();
+    QTRACE_Fclose(file);
+    for (const QTRACE_FDESCR bad : {-1, -1000, file, 12345, 0x7fffffff}) {
+        const uint64_t failures = qtrace_writer_failures();
+        EXPECT_NE(QTRACE_FwriteRecord(bad, &record), 0);
+        EXPECT_NE(QTRACE_FwriteFileHeader(bad, &header), 0);
+        QTRACE_Fclose(bad);
+        EXPECT_EQ(qtrace_writer_failures(), failures + 3);
+        EXPECT_THAT(qtrace_writer_error(), HasSubstr("not open"));
+    }
+}
+
+TEST_F(trace_file, cannot_be_opened_for_reading_or_without_a_name_or_in_no_folder)
+{
+    EXPECT_EQ(QTRACE_Fopen(name_.c_str(), QTRACE_READ), -1);
+    EXPECT_THAT(qtrace_writer_error(), HasSubstr("qtrace_open"));
+    EXPECT_EQ(QTRACE_Fopen(nullptr, QTRACE_WRITE), -1);
+    EXPECT_EQ(QTRACE_Fopen((name_ + "/no/such").c_str(), QTRACE_WRITE), -1);
+    EXPECT_THAT(qtrace_writer_error(), HasSubstr(name_ + "/no/such: open: "));
+}
+
+TEST_F(trace_file, on_a_full_device_is_not_opened)
+{
+    EXPECT_EQ(QTRACE_Fopen("/dev/full", QTRACE_WRITE), -1);
+    EXPECT_THAT(qtrace_writer_error(), HasSubstr("/dev/full: write: No space left"));
+}
+
+// Files cannot grow beyond a size while it lives.
+class Small_Disk {
+public:
+    explicit Small_Disk(rlim_t bytes)
+    {
+        previous_handler_ = std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &previous_);
+        const rlimit small{bytes, previous_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~Small_Disk()
+    {
+        setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, previous_handler_);
+    }
+
+private:
+    rlimit previous_{};
+    void (*previous_handler_)(int) = nullptr;
+};
+
+TEST_F(trace_file, that_no_longer_fits_keeps_its_sealed_blocks_and_refuses_records)
+{
+    Random_Trace chance(8);
+    const QTRACE_FDESCR file = open();
+    size_t accepted = 0;
+    bool refused = false;
+    const uint64_t failures = qtrace_writer_failures();
+    {
+        const Small_Disk disk(200'000);
+        for (int i = 0; i < 100'000 && !refused; ++i) {
+            QTRACE_RECORD record = chance.wild_record();
+            refused = QTRACE_FwriteRecord(file, &record) != 0;
+            written_.push_back({false, image_of(record), {}, 0, false});
+            accepted += !refused;
+        }
+        ASSERT_TRUE(refused);
+        EXPECT_THAT(qtrace_writer_error(), HasSubstr(name_ + ": write: File too large"));
+        QTRACE_Fclose(file);
+    }
+    EXPECT_GT(qtrace_writer_failures(), failures + 1);
+    const Contents contents = read();
+    ASSERT_EQ(contents.damages.size(), 1u);
+    EXPECT_TRUE(contents.damages[0].truncated);
+    EXPECT_GT(contents.records(), 0u);
+    EXPECT_LE(contents.records(), accepted);
+    for (size_t i = 0; i < contents.items.size(); ++i)
+        ASSERT_TRUE(contents.items[i].image == written_[i].image) << i;
+}
+
+TEST_F(trace_file, misses_only_the_refused_records_when_there_is_room_again)
+{
+    Random_Trace chance(9);
+    const QTRACE_FDESCR file = open();
+    size_t refused = 0;
+    std::vector<std::string> accepted;
+    const auto try_to_write = [&] {
+        QTRACE_RECORD record = chance.wild_record();
+        if (QTRACE_FwriteRecord(file, &record) == 0)
+            accepted.push_back(image_of(record));
+        else
+            ++refused;
+    };
+    {
+        const Small_Disk disk(100'000);
+        while (refused < 3)
+            try_to_write();
+    }
+    for (int i = 0; i < 500; ++i)
+        try_to_write();
+    QTRACE_Fclose(file);
+    EXPECT_EQ(refused, 3u);
+    const Contents contents = read();
+    EXPECT_TRUE(contents.damages.empty());
+    ASSERT_EQ(contents.items.size(), accepted.size());
+    for (size_t i = 0; i < accepted.size(); ++i)
+        ASSERT_TRUE(contents.items[i].image == accepted[i]) << i;
+}
+
+TEST_F(trace_file, whose_descriptor_was_closed_behind_its_back_reports_it)
+{
+    const int next_free = dup(0);
+    ::close(next_free);
+    Random_Trace chance(10);
+    const QTRACE_FDESCR file = open();
+    ::close(next_free);
+    bool refused = false;
+    for (int i = 0; i < 100'000 && !refused; ++i) {
+        QTRACE_RECORD record = chance.wild_record();
+        refused = QTRACE_FwriteRecord(file, &record) != 0;
+    }
+    EXPECT_TRUE(refused);
+    EXPECT_THAT(qtrace_writer_error(), HasSubstr("Bad file descriptor"));
+    const uint64_t failures = qtrace_writer_failures();
+    QTRACE_Fclose(file);
+    EXPECT_GT(qtrace_writer_failures(), failures);
+}
+
+} // namespace
