@@ -159,9 +159,9 @@ enum class Capture_Rule {
 inline Capture_Rule one_level_rule(int mode)
 {
     static const std::map<int, Capture_Rule> rules{
-        {11, Capture_Rule::host_real},  {16, Capture_Rule::real_on_hpt}, {19, Capture_Rule::host_hpt},
-        {24, Capture_Rule::real_on_radix}, {25, Capture_Rule::host_radix}, {26, Capture_Rule::host_radix},
-        {27, Capture_Rule::host_radix}, {29, Capture_Rule::host_radix},  {30, Capture_Rule::host_radix},
+        {11, Capture_Rule::host_real},     {16, Capture_Rule::real_on_hpt}, {19, Capture_Rule::host_hpt},
+        {24, Capture_Rule::real_on_radix}, {25, Capture_Rule::host_radix},  {26, Capture_Rule::host_radix},
+        {27, Capture_Rule::host_radix},    {29, Capture_Rule::host_radix},  {30, Capture_Rule::host_radix},
         {31, Capture_Rule::host_radix}};
     const auto found = rules.find(mode);
     return found == rules.end() ? Capture_Rule::none : found->second;

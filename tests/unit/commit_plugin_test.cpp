@@ -1,6 +1,7 @@
 // The commit event: what a node captures, cracked instructions, the next address, and when records are written.
 #include <gtest/gtest.h> // before the plugin, whose `flush` would hide the stream manipulator
 
+#include "assertion_report.h"
 #include "captured_address.h"
 #include "lost_on_purpose.h"
 #include "ordering.h"
@@ -11,7 +12,8 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using Words = std::vector<uint32_t>;
 using Texts = std::vector<std::string>;
@@ -87,7 +89,8 @@ TEST_F(Commit, of_a_paused_thread_captures_nothing)
     EXPECT_NE(root[0], nullptr);
 }
 
-namespace {
+namespace
+{
 int action_ran_for = -1;
 }
 
@@ -119,7 +122,7 @@ TEST_F(Commit, of_a_thread_the_machine_does_not_have_stops_the_program)
     for (int tid : {4, 5, 1000}) {
         const replay::Instruction instruction{.tid = tid};
         EXPECT_DEATH(Event_Instruction_Commit(replay::handle_of(instruction)),
-                     "act_on_commit: Assertion `tid < processor_num \\* thread_num' failed");
+                     assertion_report("act_on_commit", TID_IN_RANGE));
     }
 }
 
@@ -130,7 +133,7 @@ TEST_F(Commit, without_the_table_of_deferred_actions_stops_the_program)
             commit_action = nullptr;
             m.commit({.seq = 1, .pc = 0x1000});
         },
-        "Assertion `commit_action != \\(\\(void \\*\\)0\\)' failed");
+        assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
 }
 
 TEST_F(Commit, without_the_table_of_paused_threads_stops_the_program)
@@ -140,7 +143,7 @@ TEST_F(Commit, without_the_table_of_paused_threads_stops_the_program)
             paused = nullptr;
             m.commit({.seq = 1, .pc = 0x1000});
         },
-        "Assertion `paused != \\(\\(void \\*\\)0\\)' failed");
+        assertion_report("is_thread_paused", PAUSED_EXISTS));
 }
 
 // ---- pre-execution ------------------------------------------------------------------------------------------
@@ -180,15 +183,15 @@ TEST_F(Commit, pre_execution_without_the_table_of_paused_threads_stops_the_progr
             paused = nullptr;
             Event_Instruction_PreExecution(replay::handle_of(instruction));
         },
-        "Assertion `paused != \\(\\(void \\*\\)0\\)' failed");
+        assertion_report("is_thread_paused", PAUSED_EXISTS));
 }
 
 // ---- capture ------------------------------------------------------------------------------------------------
 
 TEST_F(Commit, captures_identity_and_addresses)
 {
-    replay::Instruction instruction{.tid = 3, .seq = 0xFEDCBA9876543210, .pc = 0x8000000012345678,
-                                    .npc = 0x8000000012345FFC, .op = 0xDEADBEEF};
+    replay::Instruction instruction{
+        .tid = 3, .seq = 0xFEDCBA9876543210, .pc = 0x8000000012345678, .npc = 0x8000000012345FFC, .op = 0xDEADBEEF};
     m.commit(instruction);
     const Node &node = *last_commit[3];
     EXPECT_EQ(node.proc_index, 3);
@@ -386,9 +389,16 @@ TEST_F(Commit, leaves_nothing_of_an_earlier_instruction_in_a_later_one)
         return answers;
     };
     for (int i = 0; i < 8; ++i) {
-        replay::Instruction rich{.branch = true, .taken = true, .load = true, .string = true, .exception = true,
-                                 .ea_valid = true, .string_length = 99, .ea = 0x2000,
-                                 .fetch = full(0xF), .data = full(0xD)};
+        replay::Instruction rich{.branch = true,
+                                 .taken = true,
+                                 .load = true,
+                                 .string = true,
+                                 .exception = true,
+                                 .ea_valid = true,
+                                 .string_length = 99,
+                                 .ea = 0x2000,
+                                 .fetch = full(0xF),
+                                 .data = full(0xD)};
         rich.in.gpr_num = rich.out.gpr_num = 32;
         std::fill(std::begin(rich.in.gpr_value), std::end(rich.in.gpr_value), 7);
         std::fill(std::begin(rich.out.gpr_value), std::end(rich.out.gpr_value), 7);
@@ -547,7 +557,8 @@ TEST_F(Commit, pieces_of_a_cracked_instruction_count_one_each)
     EXPECT_EQ(total_instr_commited, 2u);
 }
 
-namespace {
+namespace
+{
 
 // A session of many instructions: nothing of them is kept.
 struct Long_Session {
@@ -606,7 +617,8 @@ TEST(long_session, of_262144_instructions_reports_once_and_not_at_stop)
 
 // ---- cracked instructions -----------------------------------------------------------------------------------
 
-namespace {
+namespace
+{
 
 struct Cracked : Commit {
     void SetUp() override
@@ -617,16 +629,16 @@ struct Cracked : Commit {
     }
     void piece(uint64_t piece_seq, Plugin_Inst_Registers out = {}, Plugin_Inst_Registers in = {})
     {
-        replay::Instruction instruction{.seq = piece_seq, .pc = 0x1000, .npc = 0x1000,
-                                        .op = static_cast<uint32_t>(piece_seq)};
+        replay::Instruction instruction{
+            .seq = piece_seq, .pc = 0x1000, .npc = 0x1000, .op = static_cast<uint32_t>(piece_seq)};
         instruction.in = in;
         instruction.out = out;
         m.commit(instruction);
     }
     const Node &last_piece(uint64_t piece_seq, Plugin_Inst_Registers out = {}, Plugin_Inst_Registers in = {})
     {
-        replay::Instruction instruction{.seq = piece_seq, .pc = 0x1000, .npc = 0x1004,
-                                        .op = static_cast<uint32_t>(piece_seq)};
+        replay::Instruction instruction{
+            .seq = piece_seq, .pc = 0x1000, .npc = 0x1004, .op = static_cast<uint32_t>(piece_seq)};
         instruction.in = in;
         instruction.out = out;
         m.commit(instruction);
@@ -718,7 +730,7 @@ TEST_F(Cracked, last_piece_may_have_the_lowest_seq_and_then_stands_for_the_instr
 
 TEST_F(Cracked, every_class_of_registers_is_merged)
 {
-    piece(2, every_class(1, 2, 100)); // 1, 2
+    piece(2, every_class(1, 2, 100));                         // 1, 2
     const Node &node = last_piece(3, every_class(2, 2, 200)); // 2, 3
     const Plugin_Inst_Registers &r = node.reg_out;
     for (const int *index : {r.gpr_index, r.fpr_index, r.spr_index, r.vmx_index, r.vsx_index})
@@ -881,7 +893,8 @@ TEST_F(Commit, outside_cycle_mode_an_instruction_that_goes_to_itself_is_an_instr
 
 // ---- instructions captured before execution -----------------------------------------------------------------
 
-namespace {
+namespace
+{
 
 Node *captured_before(uint64_t seq, uint64_t value)
 {
@@ -909,7 +922,8 @@ TEST_F(Commit, input_registers_of_the_same_seq_captured_before_execution_replace
 
 TEST_F(Commit, older_ones_captured_before_execution_are_dropped_and_younger_ones_kept)
 {
-    pre_execution[0] = insert_left(insert_left(captured_before(3, 30), captured_before(4, 40)), captured_before(9, 90));
+    pre_execution[0] =
+        insert_left(insert_left(captured_before(3, 30), captured_before(4, 40)), captured_before(9, 90));
     m.commit({.seq = 6, .pc = 0x1000});
     EXPECT_EQ(last_commit[0]->reg_in.gpr_num, 0);
     ASSERT_NE(pre_execution[0], nullptr);
@@ -964,7 +978,8 @@ TEST_F(Commit, threads_are_traced_independently)
 
 // ---- next address -------------------------------------------------------------------------------------------
 
-namespace {
+namespace
+{
 
 // P commits, then the instruction whose address fills P's next address; both stay in the tree.
 struct Next_Address : Commit {
@@ -993,7 +1008,8 @@ struct Next_Address : Commit {
 // What is copied of the current instruction, by its mode and whether its address was relocated.
 Captured_Address copied(int mode, bool relocation, const Captured_Address &from)
 {
-    Captured_Address to{.relocation = from.relocation, .host_depth = from.host_depth, .guest_depth = from.guest_depth};
+    Captured_Address to{
+        .relocation = from.relocation, .host_depth = from.host_depth, .guest_depth = from.guest_depth};
     const auto pages = [&] {
         to.RPN = from.RPN;
         to.pagesize = from.pagesize;
@@ -1048,9 +1064,9 @@ TEST_F(Next_Address, sequential_instruction_after_a_branch_not_taken_fills_nothi
 
 TEST_F(Next_Address, instruction_elsewhere_is_filled_in_after_any_kind_of_instruction)
 {
-    for (const replay::Instruction &p : {replay::Instruction{.pc = 0x1000},
-                                         replay::Instruction{.pc = 0x1000, .branch = true},
-                                         replay::Instruction{.pc = 0x1000, .branch = true, .taken = true}}) {
+    for (const replay::Instruction &p :
+         {replay::Instruction{.pc = 0x1000}, replay::Instruction{.pc = 0x1000, .branch = true},
+          replay::Instruction{.pc = 0x1000, .branch = true, .taken = true}}) {
         const Node &node = previous(p, {.pc = 0x8000});
         EXPECT_EQ(node.I, 1u);
         EXPECT_EQ(node.nextPC, 0x8000u);
@@ -1111,8 +1127,8 @@ TEST_F(Next_Address, nested_walk_is_copied_by_its_guest_and_host_depth)
 {
     for (int g = 1; g <= 5; ++g)
         for (int h : {0, 1, 2, 3, 4, 5, 255}) {
-            auto answers = distinct_answers(0xF, Z7_GuestRadixOnHostRadix, static_cast<uint8_t>(h),
-                                            static_cast<uint8_t>(g));
+            auto answers =
+                distinct_answers(0xF, Z7_GuestRadixOnHostRadix, static_cast<uint8_t>(h), static_cast<uint8_t>(g));
             answers.guest_two_level = 1;
             const Node &p = before_jump_to(answers);
             EXPECT_EQ(describe(next_of(p)), describe(captured_by(Capture_Rule::guest_radix, answers)))

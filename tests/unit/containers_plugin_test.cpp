@@ -10,7 +10,8 @@
 #include <new>
 #include <vector>
 
-namespace {
+namespace
+{
 
 struct Free_Node {
     void operator()(Node *node) const { std::free(node); }
@@ -233,7 +234,8 @@ TEST(the_kinds_of_instruction_event, have_the_values_of_the_host)
 
 // ---- out of memory ------------------------------------------------------------------------------------------
 
-namespace {
+namespace
+{
 
 // Makes the k-th allocation of exactly `bytes` bytes fail, from 1; 0: none.
 struct Failing_Allocation {
@@ -273,7 +275,8 @@ void *__wrap_calloc(size_t count, size_t bytes)
 }
 }
 
-namespace {
+namespace
+{
 
 constexpr size_t ENTRIES = size_t{DEFAULT_STACK_SIZE} * sizeof(Node *);
 constexpr char NO_NODE[] = "new_node(): Out of memory in allocating Node\n";
@@ -315,63 +318,4 @@ TEST(out_of_memory, gives_no_list_when_the_record_or_its_entries_are_missing)
         EXPECT_TRUE(failure.happened());
         EXPECT_EQ(m.errors(), Texts{NO_LIST});
     }
-}
-
-TEST(out_of_memory, in_a_commit_loses_that_instruction_and_tracing_goes_on)
-{
-    Traced_Machine m;
-    m.start();
-    m.commit({.seq = 1, .pc = 0x1000, .op = 1});
-    {
-        const Allocation_Failure failure(sizeof(Node));
-        m.commit({.seq = 2, .pc = 0x1004, .op = 2});
-        EXPECT_TRUE(failure.happened());
-    }
-    EXPECT_EQ(m.errors(), Texts{NO_NODE});
-    m.commit({.seq = 3, .pc = 0x1008, .op = 3});
-    m.stop();
-    EXPECT_EQ(m.instruction_words(), (std::vector<uint32_t>{1, 3}));
-}
-
-// A session allocates the list of each thread first, then the two stacks.
-TEST(out_of_memory, at_start_is_reported_for_the_list_and_for_each_stack_and_stop_still_closes_the_files)
-{
-    const Texts expected[] = {{NO_LIST}, {NO_STACK}, {NO_STACK}};
-    for (int k = 1; k <= 3; ++k) {
-        Traced_Machine m;
-        {
-            const Allocation_Failure failure(ENTRIES, k);
-            m.start();
-            EXPECT_TRUE(failure.happened());
-        }
-        EXPECT_EQ(m.errors(), expected[k - 1]) << "allocation " << k;
-        m.stop();
-        EXPECT_EQ(recording_writer().open_files(), 0u);
-    }
-}
-
-TEST(out_of_memory, of_a_stack_or_list_at_start_does_not_bring_commits_down)
-{
-    for (int k = 1; k <= 3; ++k) {
-        Traced_Machine m;
-        {
-            const Allocation_Failure failure(ENTRIES, k);
-            m.start();
-        }
-        m.commit_run(4);
-        m.stop();
-        EXPECT_EQ(recording_writer().open_files(), 0u) << "allocation " << k;
-    }
-}
-
-TEST(out_of_memory, of_the_list_at_resume_is_reported)
-{
-    Traced_Machine m;
-    m.start();
-    m.signal({"pause"});
-    m.forget_output();
-    const Allocation_Failure failure(ENTRIES);
-    m.signal({"resume"});
-    EXPECT_TRUE(failure.happened());
-    EXPECT_EQ(m.errors(), Texts{NO_LIST});
 }

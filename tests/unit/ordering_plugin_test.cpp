@@ -11,7 +11,8 @@
 #include <tuple>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using Words = std::vector<uint32_t>;
 using Seqs = std::vector<uint64_t>;
@@ -265,9 +266,9 @@ TEST_F(Ordering, insert_right_prefers_the_successor_to_the_side_chain)
     Node *tree = keep(chain_of({committed(1), committed(9)}));
     Node *three = flushed(3, 1), *six = flushed(6, 3), *four = flushed(4, 3);
     insert_right(tree, three);
-    insert_right(tree, six);                            // 3 -> 6
-    EXPECT_EQ(insert_right(tree, four), tree);          // 3 has 4 at its side
-    Node *five = flushed(5, 4);                         // 6 is beyond 4: the side chain is searched
+    insert_right(tree, six);                   // 3 -> 6
+    EXPECT_EQ(insert_right(tree, four), tree); // 3 has 4 at its side
+    Node *five = flushed(5, 4);                // 6 is beyond 4: the side chain is searched
     EXPECT_EQ(insert_right(tree, five), tree);
     EXPECT_EQ(four->left, five);
     EXPECT_EQ(insert_right(tree, keep(flushed(8, 7))), nullptr); // 6 is not: only that way is searched
@@ -596,7 +597,8 @@ TEST(flush_of_all_threads, goes_through_them_in_ascending_order)
 
 // ---- flushed instructions on their way through commits ------------------------------------------------------
 
-namespace {
+namespace
+{
 
 // A session with commits at seq 10, 20, 30 ...
 struct Flushes : testing::Test {

@@ -3,13 +3,15 @@
 #include <gtest/gtest.h> // before the plugin, whose `flush` would hide the stream manipulator
 
 #include "captured_address.h"
+#include "lost_on_purpose.h"
 #include "traced_machine.h"
 
 #include <sstream>
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using Names = std::vector<std::string>;
 
@@ -78,7 +80,10 @@ std::string long_name(const std::string &short_name, bool data)
     if (short_name == "gr")
         return data ? "Get_Inst_Data_Guest_RPN" : "Get_Inst_Guest_PC_RPN";
     if (short_name == "ps" || short_name == "hp" || short_name == "gp")
-        return "Get_Inst_" + side + (short_name == "ps" ? "_PageSize" : short_name == "hp" ? "_Host_PageSize" : "_Guest_PageSize");
+        return "Get_Inst_" + side +
+               (short_name == "ps"   ? "_PageSize"
+                : short_name == "hp" ? "_Host_PageSize"
+                                     : "_Guest_PageSize");
     if (short_name == "GE")
         return "Get_Inst_" + side + "_GUEST_RTPTE_RA";
     if (short_name == "GR")
@@ -285,7 +290,8 @@ TEST_F(Query_Order, writing_the_previous_instructions_asks_nothing_more)
     m.start();
     asked_by({});
     asked_by({});
-    EXPECT_EQ(asked_by({.branch = true, .taken = true}), whole_commit({.change = both_changes, .branches = branch}));
+    EXPECT_EQ(asked_by({.branch = true, .taken = true}),
+              whole_commit({.change = both_changes, .branches = branch}));
 }
 
 TEST_F(Query_Order, second_instruction_asks_for_both_changes)
@@ -324,6 +330,7 @@ TEST_F(Query_Order, first_instruction_after_a_throughput_line_does_not_ask_for_c
 
 TEST_F(Query_Order, filtered_instruction_stops_at_the_filter)
 {
+    const Lost_On_Purpose node;
     EXPECT_EQ(asked_by_first({.filtered = true}),
               thread_and_registers + machine + fetch_descriptors + word + filter);
 }
@@ -332,6 +339,7 @@ TEST_F(Query_Order, filtered_instruction_has_asked_for_the_changes)
 {
     m.start();
     asked_by({});
+    const Lost_On_Purpose node;
     EXPECT_EQ(asked_by({.filtered = true}),
               thread_and_registers + both_changes + machine + fetch_descriptors + word + filter);
 }
@@ -389,7 +397,10 @@ TEST_F(Query_Order, fetch_of_two_levels_under_each_mode_privilege_and_relocation
             for (bool relocated : {false, true}) {
                 kernel(privileged);
                 const bool captured = relocated || !privileged;
-                const std::string words = !captured ? "" : mode == 14 ? guest_hpt : mode == 23 ? nested_walk(5, 4) : "";
+                const std::string words = !captured    ? ""
+                                          : mode == 14 ? guest_hpt
+                                          : mode == 23 ? nested_walk(5, 4)
+                                                       : "";
                 EXPECT_EQ(asked_by_first({.fetch = translated(mode, true, relocated)}),
                           whole_commit({.fetch = privilege + long_names(words, false)}))
                     << "mode " << mode << " kernel " << privileged << " relocated " << relocated;
@@ -444,11 +455,16 @@ TEST_F(Query_Order, nested_walk_of_guest_depth_3_and_host_depth_4_name_by_name)
 
 TEST_F(Query_Order, guest_real_on_host_radix_name_by_name)
 {
-    const Names walk{"Get_Data_Radix_Host_Walk_Depth",     "Get_Data_Radix_Guest_Walk_Depth",
-                     "Get_Inst_Data_HOST_RTPDE_L1_n_RA(0)", "Get_Inst_Data_HOST_RTPDE_L2_n_RA(0)",
-                     "Get_Inst_Data_HOST_RTPDE_L3_n_RA(0)", "Get_Inst_Data_HOST_RTPTE_n_RA(0)",
-                     "Get_Inst_Data_RonR_HOST_RA_Ln(0)",    "Get_Inst_Data_GUEST_RA",
-                     "Get_Inst_Data_Host_RPN",              "Get_Inst_Data_Host_PageSize"};
+    const Names walk{"Get_Data_Radix_Host_Walk_Depth",
+                     "Get_Data_Radix_Guest_Walk_Depth",
+                     "Get_Inst_Data_HOST_RTPDE_L1_n_RA(0)",
+                     "Get_Inst_Data_HOST_RTPDE_L2_n_RA(0)",
+                     "Get_Inst_Data_HOST_RTPDE_L3_n_RA(0)",
+                     "Get_Inst_Data_HOST_RTPTE_n_RA(0)",
+                     "Get_Inst_Data_RonR_HOST_RA_Ln(0)",
+                     "Get_Inst_Data_GUEST_RA",
+                     "Get_Inst_Data_Host_RPN",
+                     "Get_Inst_Data_Host_PageSize"};
     EXPECT_EQ(asked_by_first(load_of(translated(24))), whole_commit({.data = walk}));
 }
 
@@ -468,7 +484,10 @@ TEST_F(Query_Order, load_of_two_levels_under_each_mode_of_the_fetch_privilege_an
             for (bool relocated : {false, true}) {
                 kernel(privileged);
                 const bool captured = relocated || !privileged;
-                const std::string words = !captured ? "" : mode == 14 ? guest_hpt : mode == 23 ? nested_walk(5, 4) : "";
+                const std::string words = !captured    ? ""
+                                          : mode == 14 ? guest_hpt
+                                          : mode == 23 ? nested_walk(5, 4)
+                                                       : "";
                 // the fetch itself is of one level: only its mode counts
                 EXPECT_EQ(asked_by_first(load_of(translated(25, true, relocated), translated(mode))),
                           whole_commit({.fetch = long_names(one_level_words(mode), false),
@@ -490,8 +509,10 @@ TEST_F(Query_Order, nested_walk_of_a_load_by_guest_and_host_depth)
 TEST_F(Query_Order, stores_and_cache_instructions_ask_like_loads)
 {
     const Names walk = long_names(host_radix, true);
-    EXPECT_EQ(asked_by_first({.store = true, .ea_valid = true, .data = translated(25)}), whole_commit({.data = walk}));
-    EXPECT_EQ(asked_by_first({.cache = true, .ea_valid = true, .data = translated(25)}), whole_commit({.data = walk}));
+    EXPECT_EQ(asked_by_first({.store = true, .ea_valid = true, .data = translated(25)}),
+              whole_commit({.data = walk}));
+    EXPECT_EQ(asked_by_first({.cache = true, .ea_valid = true, .data = translated(25)}),
+              whole_commit({.data = walk}));
 }
 
 TEST_F(Query_Order, access_without_an_address_or_address_without_an_access_asks_for_no_translation)
