@@ -258,7 +258,9 @@ std::vector<std::string> Console::completions(std::string_view line, bool &wants
 {
     wants_file = false;
     Words words = split_words(line).words;
-    if (line.empty() || line.back() == ' ')
+    if (words.empty() && line.find('#') != line.npos)
+        return {};
+    if (words.empty() || line.back() == ' ')
         words.emplace_back();
     if (words.front() == "help" && words.size() > 1)
         words.erase(words.begin());

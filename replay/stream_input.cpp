@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 #include <zstd.h>
 
 namespace replay {
@@ -124,18 +125,18 @@ size_t Byte_Source::read(char *to, size_t room)
 }
 
 Line_Source::Line_Source(const std::string &file, const std::atomic<bool> *stop)
-    : source_(file, stop), buffer_(MAX_LINE + REFILL + PADDING) {}
+    : source_(file, stop), buffer_(std::make_unique_for_overwrite<char[]>(MAX_LINE + REFILL + PADDING)) {}
 
 bool Line_Source::next(std::string_view &line)
 {
     for (;;) {
-        const void *found = std::memchr(buffer_.data() + scanned_, '\n', end_ - scanned_);
-        const size_t stop = found ? static_cast<size_t>(static_cast<const char *>(found) - buffer_.data()) : end_;
+        const void *found = std::memchr(buffer_.get() + scanned_, '\n', end_ - scanned_);
+        const size_t stop = found ? static_cast<size_t>(static_cast<const char *>(found) - buffer_.get()) : end_;
         if (stop - begin_ > MAX_LINE)
             throw Input_Error("expected a line of at most " + std::to_string(MAX_LINE) + " bytes");
         if (found || (at_end_ && stop > begin_)) {
             buffer_[stop] = '\0'; // what stands behind a line is no business of its parser
-            line = {buffer_.data() + begin_, stop - begin_};
+            line = {buffer_.get() + begin_, stop - begin_};
             ++number_;
             begin_ = scanned_ = found ? stop + 1 : stop;
             return true;
@@ -154,11 +155,11 @@ uint64_t Line_Source::bytes_used() const
 
 bool Line_Source::refill()
 {
-    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
     end_ -= begin_;
     scanned_ -= begin_;
     begin_ = 0;
-    const size_t bytes = source_.read(buffer_.data() + end_, REFILL);
+    const size_t bytes = source_.read(buffer_.get() + end_, REFILL);
     end_ += bytes;
     at_end_ = bytes == 0;
     return bytes != 0;

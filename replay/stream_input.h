@@ -10,7 +10,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace replay {
 
@@ -75,7 +74,7 @@ private:
     bool refill();
 
     Byte_Source source_;
-    std::vector<char> buffer_;
+    std::unique_ptr<char[]> buffer_;
     size_t begin_ = 0;   // first byte not handed out
     size_t scanned_ = 0; // no line end in [begin_, scanned_)
     size_t end_ = 0;     // end of what was read

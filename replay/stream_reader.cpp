@@ -148,9 +148,11 @@ template <class Member> void assign(Member &member, json::value &given)
 {
     if constexpr (std::is_same_v<Member, bool>)
         member = truth_of(given);
-    else if constexpr (std::is_enum_v<Member>) // codes are handed through, also those that have no name
-        member = std::bit_cast<Member>(number_of<uint32_t>(given));
-    else if constexpr (std::is_same_v<Member, std::string>)
+    else if constexpr (std::is_enum_v<Member>) { // codes are handed through, also those that have no name
+        const auto code = number_of<uint32_t>(given);
+        static_assert(sizeof code == sizeof member);
+        std::memcpy(&member, &code, sizeof code);
+    } else if constexpr (std::is_same_v<Member, std::string>)
         member = text_of(given);
     else
         member = number_of<Member>(given);

@@ -227,5 +227,7 @@ TEST_F(Commands, completion_offers_commands_and_says_where_a_file_belongs)
     EXPECT_THAT(complete("plugin load ./x"), IsEmpty());
     EXPECT_TRUE(wants_file);
     EXPECT_THAT(complete("run "), IsEmpty());
+    EXPECT_THAT(complete("help help"), ElementsAre("help"));
+    EXPECT_THAT(complete("# ru"), IsEmpty());
     EXPECT_FALSE(wants_file);
 }

@@ -1,0 +1,55 @@
+// Whatever is typed, the console answers; a failed line has a complaint.
+
+#include "command_words.h"
+#include "console.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+using namespace replay;
+
+namespace {
+
+constexpr const char *STREAM = "{\"t\":\"machine\",\"processors\":1,\"threads\":1}\n"
+                               "{\"t\":\"commit\",\"seq\":1}\n"
+                               "{\"t\":\"commit\",\"seq\":2}\n"
+                               "{\"t\":\"commit\",\"tid\":7}\n";
+
+const std::string &stream_file()
+{
+    static const std::string name = [] {
+        std::string file = "/tmp/fuzz_console_" + std::to_string(getpid());
+        std::ofstream(file) << STREAM;
+        return file;
+    }();
+    return name;
+}
+
+// Loading whatever file is named would run its code.
+bool loads_something(const std::string &line)
+{
+    const auto words = split_words(line).words;
+    return words.size() > 1 && words[0] == "plugin" && words[1] == "load";
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    Player player(stream_file());
+    std::ostringstream out, err;
+    Console console(player, out, err);
+    std::istringstream lines(std::string(reinterpret_cast<const char *>(data), size));
+    for (std::string line; !console.quitting() && std::getline(lines, line);) {
+        bool wants_file;
+        console.completions(line, wants_file);
+        if (loads_something(line))
+            continue;
+        err.str("");
+        if (console.obey(line) != err.str().empty())
+            std::abort();
+    }
+    return 0;
+}
