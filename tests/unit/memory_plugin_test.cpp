@@ -148,6 +148,7 @@ struct Shortage {
     size_t bytes;
     const char *text;
     const char *name;
+    friend std::ostream &operator<<(std::ostream &out, const Shortage &shortage) { return out << shortage.name; }
 };
 
 class Start_Short_Of : public Memory, public testing::WithParamInterface<Shortage>

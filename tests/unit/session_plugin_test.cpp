@@ -209,6 +209,10 @@ struct Failed_Open {
     size_t nth; // the call of QTRACE_Fopen that fails
     std::vector<QTRACE_FDESCR> closed;
     size_t left_open;
+    friend std::ostream &operator<<(std::ostream &out, const Failed_Open &failure)
+    {
+        return out << "file " << failure.nth;
+    }
 };
 
 class Binary_File : public testing::TestWithParam<Failed_Open>

@@ -1,0 +1,18 @@
+# Each of the five headers stands alone in C11 and in C++20, with every warning an error.
+set(own_headers plugin_basic.h plugin_api.h qtrace_t.h qtrace.h plugin_qtbin.h)
+set(header_sources)
+foreach(header ${own_headers})
+    foreach(language c cpp)
+        set(source ${CMAKE_CURRENT_BINARY_DIR}/only_${header}.${language})
+        file(CONFIGURE OUTPUT ${source} CONTENT "#include \"@header@\"\n" @ONLY)
+        list(APPEND header_sources ${source})
+    endforeach()
+endforeach()
+add_library(headers_alone OBJECT ${header_sources})
+target_include_directories(headers_alone PRIVATE ${CMAKE_SOURCE_DIR}/common/qt_plugin)
+target_link_libraries(headers_alone PRIVATE host_interface trace_records qt_options)
+target_compile_options(headers_alone PRIVATE -pedantic-errors)
+
+qt_test(headers_test SOURCES headers_test.cpp header_sizes_in_c.c LIBRARIES host_interface trace_records)
+target_include_directories(headers_test PRIVATE ${CMAKE_SOURCE_DIR}/common/qt_plugin)
+add_dependencies(headers_test headers_alone)
