@@ -69,6 +69,7 @@ QTRACE_RECORD Random_Trace::plausible_record()
         put(record.next_instruction_ea, address_);
         put(record.next_instruction_hRTW[0].RTPDE_ra_l1, 0x2740000);
     }
+    clear_padding(record); // assigned register entries bring their own
     return record;
 }
 
