@@ -87,6 +87,21 @@ TEST(new_node, has_no_links_and_is_neither_done_nor_committed)
     EXPECT_EQ(node->terminated_seq, 0u);
 }
 
+TEST(freeing_a_node, allows_null)
+{
+    free_node(nullptr);
+}
+
+#ifdef __SANITIZE_ADDRESS__
+// Kept nodes would hide reads of freed ones.
+TEST(freeing_a_node, shows_every_later_read_to_the_sanitizer)
+{
+    Node *node = new_node();
+    free_node(node);
+    EXPECT_DEATH(std::printf("%lu", static_cast<unsigned long>(node->seq)), "AddressSanitizer");
+}
+#endif
+
 TEST_F(Containers, new_stack_is_empty_and_has_room_for_1048576_nodes)
 {
     EXPECT_EQ(stack->stack_index, 0);
@@ -126,6 +141,38 @@ TEST_F(Containers, stack_takes_as_many_nodes_as_it_says)
         push(stack.get(), &a);
     EXPECT_EQ(stack->stack_index, DEFAULT_STACK_SIZE);
     EXPECT_EQ(pop(stack.get()), &a);
+}
+
+TEST_F(Containers, full_stack_reports_one_node_more_and_stays_as_it_is)
+{
+    Traced_Machine m; // for its console
+    Node a{}, one_more{};
+    for (int i = 0; i < DEFAULT_STACK_SIZE; ++i)
+        push(stack.get(), &a);
+    push(stack.get(), &one_more);
+    EXPECT_EQ(m.errors().size(), 1u);
+    EXPECT_EQ(stack->stack_index, DEFAULT_STACK_SIZE);
+    EXPECT_EQ(pop(stack.get()), &a);
+}
+
+TEST_F(Containers, full_list_reports_one_node_more_and_leaves_it_with_the_caller)
+{
+    Traced_Machine m;
+    Node a{}, one_more{};
+    a.terminated_seq = 5;
+    one_more.terminated_seq = 1;
+    for (int i = 0; i < DEFAULT_LIST_SIZE; ++i)
+        ASSERT_TRUE(insert_to_list(list.get(), &a));
+    EXPECT_FALSE(insert_to_list(list.get(), &one_more));
+    EXPECT_EQ(m.errors().size(), 1u);
+    EXPECT_EQ(list->list_index, DEFAULT_LIST_SIZE);
+    EXPECT_EQ(remove_from_list(list.get()), &a);
+}
+
+TEST_F(Containers, no_list_takes_a_node)
+{
+    Node a{};
+    EXPECT_FALSE(insert_to_list(nullptr, &a));
 }
 
 TEST_F(Containers, reset_empties_a_stack_without_freeing_its_nodes)

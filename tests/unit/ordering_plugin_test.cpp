@@ -755,14 +755,17 @@ TEST_F(Flushes, failed_placement_keeps_the_place_where_the_next_search_starts)
     EXPECT_EQ(written(), (Words{10, 20, 24}));
 }
 
-TEST_F(Flushes, flushed_instruction_under_the_newest_commit_is_not_written_with_the_batch)
+// The walk ends in the side chain, so the newest commit is not the last and goes out with two batches.
+TEST_F(Flushes, flushed_instruction_under_the_newest_commit_has_that_one_written_with_this_batch_and_the_next)
 {
     commit(2);
     waiting(29, 30);
     commit();
-    // The walk ends at 29: the newest commit 30 is written with the batch, and once more as the next batch's first.
     EXPECT_EQ(written(), (Words{10, 20, 30}));
     EXPECT_EQ(chain_seqs(root[0]), Seqs{30});
+    commit();
+    EXPECT_EQ(written(), (Words{10, 20, 30, 30, 29}));
+    EXPECT_EQ(chain_seqs(root[0]), Seqs{40});
 }
 
 TEST_F(Flushes, flushed_instructions_are_numbered_in_the_records)

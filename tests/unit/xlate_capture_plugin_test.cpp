@@ -80,7 +80,7 @@ TEST(get_xlate_mode, classifies_every_mode)
 
 TEST(get_xlate_mode, takes_values_that_are_no_mode_for_radix)
 {
-    for (int mode : {38, 39, 50, 63})
+    for (int mode : {38, 39, 63, 64, 1000, 0x7FFFFFFF})
         EXPECT_EQ(get_xlate_mode(static_cast<RDX_XLATE_MODE>(mode)), RADIX_MODE) << "mode " << mode;
 }
 

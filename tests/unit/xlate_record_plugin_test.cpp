@@ -27,27 +27,28 @@ struct Mode_Row {
 };
 
 const Mode_Row mode_rows[] = {
-    {0, 3, 3, NONE, NONE},         {1, 3, 3, NONE, NONE},
-    {2, 3, 3, NONE, NONE},         {3, 3, 3, NONE, NONE},
-    {4, 3, 3, NONE, NONE},         {5, 3, 3, NONE, NONE},
-    {6, 3, 3, NONE, NONE},         {7, 3, 3, NONE, NONE},
-    {8, 3, 3, NONE, NONE},         {9, 3, 3, NONE, NONE},
-    {10, 3, 3, NONE, NONE},        {11, 3, 2, HOST_REAL, NONE},
-    {12, 3, 2, NONE, NONE},        {13, 2, 2, NONE, NONE},
-    {14, 1, 1, GUEST_HPT, NONE},   {15, 0, 1, NONE, NONE},
-    {16, 2, 1, NONE, REAL_ON_HPT}, {17, 1, 0, NONE, NONE}, // the reverse of its name
-    {18, 1, 0, NONE, NONE},                                // likewise
-    {19, 3, 1, HOST_HPT, NONE},    {20, 3, 1, NONE, NONE},
-    {21, 3, 1, NONE, NONE},        {22, 3, 1, NONE, NONE},
-    {23, 0, 0, GUEST_RADIX, NONE}, {24, 3, 0, NONE, REAL_ON_RADIX}, // the guest is not called real
-    {25, 3, 0, HOST_RADIX, NONE},  {26, 3, 0, HOST_RADIX, NONE},
-    {27, 3, 0, HOST_RADIX, NONE},  {28, 3, 3, NONE, NONE}, // unlike its neighbours
-    {29, 3, 0, HOST_RADIX, NONE},  {30, 3, 0, HOST_RADIX, NONE},
-    {31, 3, 0, HOST_RADIX, NONE},  {32, 3, 0, NONE, NONE},
-    {33, 3, 3, NONE, NONE},        {34, 3, 3, NONE, NONE},
-    {35, 3, 3, NONE, NONE},        {36, 3, 3, NONE, NONE},
+    {0, 3, 3, NONE, NONE},          {1, 3, 3, NONE, NONE},
+    {2, 3, 3, NONE, NONE},          {3, 3, 3, NONE, NONE},
+    {4, 3, 3, NONE, NONE},          {5, 3, 3, NONE, NONE},
+    {6, 3, 3, NONE, NONE},          {7, 3, 3, NONE, NONE},
+    {8, 3, 3, NONE, NONE},          {9, 3, 3, NONE, NONE},
+    {10, 3, 3, NONE, NONE},         {11, 3, 2, HOST_REAL, NONE},
+    {12, 3, 2, NONE, NONE},         {13, 2, 2, NONE, NONE},
+    {14, 1, 1, GUEST_HPT, NONE},    {15, 0, 1, NONE, NONE},
+    {16, 2, 1, NONE, REAL_ON_HPT},  {17, 1, 0, NONE, NONE}, // the reverse of its name
+    {18, 1, 0, NONE, NONE},                                 // likewise
+    {19, 3, 1, HOST_HPT, NONE},     {20, 3, 1, NONE, NONE},
+    {21, 3, 1, NONE, NONE},         {22, 3, 1, NONE, NONE},
+    {23, 0, 0, GUEST_RADIX, NONE},  {24, 3, 0, NONE, REAL_ON_RADIX}, // the guest is not called real
+    {25, 3, 0, HOST_RADIX, NONE},   {26, 3, 0, HOST_RADIX, NONE},
+    {27, 3, 0, HOST_RADIX, NONE},   {28, 3, 3, NONE, NONE}, // unlike its neighbours
+    {29, 3, 0, HOST_RADIX, NONE},   {30, 3, 0, HOST_RADIX, NONE},
+    {31, 3, 0, HOST_RADIX, NONE},   {32, 3, 0, NONE, NONE},
+    {33, 3, 3, NONE, NONE},         {34, 3, 3, NONE, NONE},
+    {35, 3, 3, NONE, NONE},         {36, 3, 3, NONE, NONE},
     {37, 0, 0, NONE, NONE}, // left as it was cleared
-    {38, 3, 3, NONE, NONE},        {63, 3, 3, NONE, NONE},
+    {38, 3, 3, NONE, NONE},         {1000, 3, 3, NONE, NONE},
+    {0x7FFFFFFF, 3, 3, NONE, NONE},
 };
 
 enum class Side { header, next, data };
