@@ -122,19 +122,3 @@ int QTRACE_FwriteRecord(QTRACE_FDESCR file, QTRACE_RECORD *record)
     return recording_writer().write_record(file, *record);
 }
 }
-
-#ifdef __SANITIZE_ADDRESS__
-// Losses on purpose, by function. A header's comment belongs to the writer for ever and is never freed.
-extern "C" {
-const char *__lsan_default_suppressions();
-const char *__lsan_default_suppressions()
-{
-    return "leak:new_comment\n";
-}
-const char *__lsan_default_options();
-const char *__lsan_default_options()
-{
-    return "print_suppressions=0";
-}
-}
-#endif
