@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 
 namespace
@@ -46,6 +47,31 @@ std::string flushed_text(const Traced_Machine &m)
 {
     std::fflush(qfile_in_text[0]);
     return m.file("text0");
+}
+
+// All of the thread's tables but its list are as a session makes them.
+void expect_nothing_captured(int tid)
+{
+    EXPECT_EQ(hdr_write[tid], 0u);
+    EXPECT_EQ(root[tid], nullptr);
+    EXPECT_EQ(last_commit[tid], nullptr);
+    EXPECT_EQ(flush_seq[tid], 0u);
+    EXPECT_EQ(flush[tid], nullptr);
+    EXPECT_EQ(pre_execution[tid], nullptr);
+    EXPECT_EQ(crack_inst[tid], nullptr);
+}
+
+// For death tests: runs the operation as if the plugin had lost one of the tables that live until unload.
+void without_paused_table(const std::function<void()> &operation)
+{
+    paused = nullptr;
+    operation();
+}
+
+void without_action_table(const std::function<void()> &operation)
+{
+    commit_action = nullptr;
+    operation();
 }
 
 // ---- at once ----------------------------------------------------------------------------------------------
@@ -90,13 +116,7 @@ TEST(pause, drops_the_threads_capture_state)
     m.commit_run(2, 0);
     m.commit_run(2, 1);
     m.signal({"pause", "cpu", "0", "thread", "0"});
-    EXPECT_EQ(hdr_write[0], 0u);
-    EXPECT_EQ(root[0], nullptr);
-    EXPECT_EQ(last_commit[0], nullptr);
-    EXPECT_EQ(flush_seq[0], 0u);
-    EXPECT_EQ(flush[0], nullptr);
-    EXPECT_EQ(pre_execution[0], nullptr);
-    EXPECT_EQ(crack_inst[0], nullptr);
+    expect_nothing_captured(0);
     EXPECT_EQ(flush_list[0], nullptr);
     // the other thread is not touched
     EXPECT_EQ(hdr_write[1], 1u);
@@ -201,13 +221,7 @@ TEST(resume, gives_the_thread_fresh_capture_state)
     m.commit_run(2);
     m.signal({"pause"});
     m.signal({"resume"});
-    EXPECT_EQ(hdr_write[0], 0u);
-    EXPECT_EQ(root[0], nullptr);
-    EXPECT_EQ(last_commit[0], nullptr);
-    EXPECT_EQ(flush_seq[0], 0u);
-    EXPECT_EQ(flush[0], nullptr);
-    EXPECT_EQ(pre_execution[0], nullptr);
-    EXPECT_EQ(crack_inst[0], nullptr);
+    expect_nothing_captured(0);
     ASSERT_NE(flush_list[0], nullptr);
     EXPECT_EQ(flush_list[0]->list_index, 0);
     EXPECT_EQ(flush_list[0]->list_size, DEFAULT_LIST_SIZE);
@@ -462,13 +476,12 @@ TEST(pause, machine_with_no_threads_counts_as_all_paused_and_none_paused)
 TEST(pause, missing_table_of_paused_threads_is_a_broken_invariant)
 {
     Traced_Machine m;
-    const auto without_table = [](auto operation) {
-        paused = nullptr;
-        operation();
-    };
-    EXPECT_DEATH(without_table([] { is_thread_paused(0); }), assertion_report("is_thread_paused", PAUSED_EXISTS));
-    EXPECT_DEATH(without_table(are_all_paused), assertion_report("are_all_paused|is_thread_paused", PAUSED_EXISTS));
-    EXPECT_DEATH(without_table(are_any_paused), assertion_report("are_any_paused|is_thread_paused", PAUSED_EXISTS));
+    EXPECT_DEATH(without_paused_table([] { is_thread_paused(0); }),
+                 assertion_report("is_thread_paused", PAUSED_EXISTS));
+    EXPECT_DEATH(without_paused_table(are_all_paused),
+                 assertion_report("are_all_paused|is_thread_paused", PAUSED_EXISTS));
+    EXPECT_DEATH(without_paused_table(are_any_paused),
+                 assertion_report("are_any_paused|is_thread_paused", PAUSED_EXISTS));
 }
 
 TEST(pause, commands_and_events_assert_the_table_of_paused_threads)
@@ -476,18 +489,15 @@ TEST(pause, commands_and_events_assert_the_table_of_paused_threads)
     Traced_Machine m;
     m.start();
     const std::string report = assertion_report("[a-z_]+", PAUSED_EXISTS);
-    const auto without_table = [](auto operation) {
-        paused = nullptr;
-        operation();
-    };
     for (const std::string word : {"pause", "resume"}) {
-        EXPECT_DEATH(without_table([&] { m.signal({word}); }), report);
-        EXPECT_DEATH(without_table([&] { m.signal({word, "cpu", "0"}); }), report);
-        EXPECT_DEATH(without_table([&] { m.signal({word, "cpu", "0", "thread", "0"}); }), report);
+        EXPECT_DEATH(without_paused_table([&] { m.signal({word}); }), report);
+        EXPECT_DEATH(without_paused_table([&] { m.signal({word, "cpu", "0"}); }), report);
+        EXPECT_DEATH(without_paused_table([&] { m.signal({word, "cpu", "0", "thread", "0"}); }), report);
     }
-    EXPECT_DEATH(without_table([&] { m.commit_run(1); }), assertion_report("is_thread_paused", PAUSED_EXISTS));
+    EXPECT_DEATH(without_paused_table([&] { m.commit_run(1); }),
+                 assertion_report("is_thread_paused", PAUSED_EXISTS));
     replay::Instruction instruction;
-    EXPECT_DEATH(without_table([&] { Event_Instruction_PreExecution(replay::handle_of(instruction)); }),
+    EXPECT_DEATH(without_paused_table([&] { Event_Instruction_PreExecution(replay::handle_of(instruction)); }),
                  assertion_report("is_thread_paused", PAUSED_EXISTS));
 }
 
@@ -495,15 +505,13 @@ TEST(pause, missing_table_of_deferred_actions_is_a_broken_invariant)
 {
     Traced_Machine m;
     m.start();
-    const auto without_table = [](auto operation) {
-        commit_action = nullptr;
-        operation();
-    };
-    EXPECT_DEATH(without_table([] { wait_for_commit(0, mark_paused); }),
+    EXPECT_DEATH(without_action_table([] { wait_for_commit(0, mark_paused); }),
                  assertion_report("wait_for_commit", COMMIT_ACTION_EXISTS));
-    EXPECT_DEATH(without_table([] { act_on_commit(0); }), assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
-    EXPECT_DEATH(without_table([&] { m.commit_run(1); }), assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
-    EXPECT_DEATH(without_table([&] { m.signal({"pause"}); }),
+    EXPECT_DEATH(without_action_table([] { act_on_commit(0); }),
+                 assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
+    EXPECT_DEATH(without_action_table([&] { m.commit_run(1); }),
+                 assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
+    EXPECT_DEATH(without_action_table([&] { m.signal({"pause"}); }),
                  assertion_report("wait_for_commit", COMMIT_ACTION_EXISTS));
 }
 
@@ -534,12 +542,9 @@ TEST(pause, commit_event_of_a_thread_outside_the_machine_is_a_broken_invariant)
 TEST(pause, missing_table_is_reported_before_the_thread_index)
 {
     Traced_Machine m;
-    const auto without_table = [](auto operation) {
-        commit_action = nullptr;
-        operation();
-    };
-    EXPECT_DEATH(without_table([] { act_on_commit(1); }), assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
-    EXPECT_DEATH(without_table([] { wait_for_commit(1, mark_paused); }),
+    EXPECT_DEATH(without_action_table([] { act_on_commit(1); }),
+                 assertion_report("act_on_commit", COMMIT_ACTION_EXISTS));
+    EXPECT_DEATH(without_action_table([] { wait_for_commit(1, mark_paused); }),
                  assertion_report("wait_for_commit", COMMIT_ACTION_EXISTS));
 }
 
