@@ -3,6 +3,7 @@
 
 #include "player.h"
 
+#include <atomic>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -27,6 +28,9 @@ public:
     bool obey_script(std::istream &in, const std::string &name, bool stop_at_failure = false);
 
     bool quitting() const { return quitting_; } // `quit` was given
+
+    // As `quit`, from a signal handler.
+    void leave() { quitting_ = true; }
 
     // The ways to go on with the last word of a line that is being typed, whole words. Empty where a file name
     // belongs; `wants_file` says so.
@@ -58,7 +62,7 @@ private:
     std::ostream &err_;
     std::string where_;
     uint64_t complaints_ = 0; // warnings and errors of the plugin so far
-    bool quitting_ = false;
+    std::atomic<bool> quitting_ = false;
     std::function<void()> run_begins_;
     std::function<void()> run_ends_;
 };

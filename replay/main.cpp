@@ -19,16 +19,20 @@ namespace {
 constexpr int EXIT_INTERRUPTED = 130; // 128 and the number of SIGINT, as shells have it
 
 replay::Player *running_player = nullptr;
+replay::Console *running_console = nullptr;
 
-void stop_running(int)
+void stop_running(int signal)
 {
     running_player->stop();
+    if (signal == SIGTERM)
+        running_console->leave();
 }
 
 // The traces are closed in order also when somebody stops the run or the reader of our output goes away.
-void catch_signals(replay::Player &player)
+void catch_signals(replay::Player &player, replay::Console &console)
 {
     running_player = &player;
+    running_console = &console;
     struct sigaction action {};
     action.sa_handler = stop_running;
     sigaction(SIGINT, &action, nullptr);
@@ -100,8 +104,8 @@ int replay_stream(const Options &options)
         complain(options.stream + ": " + player.error()->text());
         return 1;
     }
-    catch_signals(player);
     replay::Console console(player, std::cout, std::cerr);
+    catch_signals(player, console);
     const bool obeyed = obey_commands(console, player, options);
     player.plugin().unload();
     const bool written = writer_is_content();

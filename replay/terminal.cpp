@@ -98,6 +98,11 @@ void obey_terminal(Console &console, Player &player)
     using_history();
     while (!console.quitting()) {
         const std::unique_ptr<char, decltype(&std::free)> line(readline(PROMPT), &std::free);
+        if (!line && player.stop_requested()) { // Ctrl-C at the prompt gives up the line
+            std::fputc('\n', stdout);
+            player.forget_stop();
+            continue;
+        }
         if (!line) {
             std::fputc('\n', stdout);
             break;
