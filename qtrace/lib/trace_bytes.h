@@ -6,7 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
-namespace trace {
+namespace trace
+{
 
 // Byte-array members and structure images are taken as they lie in memory, and the file is little-endian.
 static_assert(std::endian::native == std::endian::little, "a big-endian machine needs the images swapped");

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <bit>
 
-namespace trace {
+namespace trace
+{
 
 // ---- Sparse images: a structure as runs of bytes that are not zero ------------------------------------------
 
-namespace {
+namespace
+{
 
 // Runs shorter than this apart are joined: a run costs about as much to begin.
 constexpr size_t MIN_GAP = 4;
@@ -16,19 +18,24 @@ struct Byte_Range {
     size_t offset, size;
 };
 
-// Every record is searched through with this, over two thousand bytes: hence words, four at a time.
+// Every record is searched through with this, over two thousand bytes: hence vectors, four at a time.
 bool any_byte_set(const uint8_t *from, size_t size)
 {
-    if (size < 8)
+    using Vector = uint64_t __attribute__((vector_size(16)));
+    if (size < sizeof(Vector))
         return std::any_of(from, from + size, [](uint8_t byte) { return byte != 0; });
-    uint64_t seen[4] = {load<uint64_t>(from + size - 8), 0, 0, 0}; // the last one may overlap
+    Vector a = load<Vector>(from + size - sizeof(Vector)), b{}, c{}, d{}; // the last one may overlap
     size_t i = 0;
-    for (; i + 32 <= size; i += 32)
-        for (size_t word = 0; word < 4; ++word)
-            seen[word] |= load<uint64_t>(from + i + 8 * word);
-    for (; i + 8 <= size; i += 8)
-        seen[0] |= load<uint64_t>(from + i);
-    return (seen[0] | seen[1] | seen[2] | seen[3]) != 0;
+    for (; i + 4 * sizeof(Vector) <= size; i += 4 * sizeof(Vector)) {
+        a |= load<Vector>(from + i);
+        b |= load<Vector>(from + i + sizeof(Vector));
+        c |= load<Vector>(from + i + 2 * sizeof(Vector));
+        d |= load<Vector>(from + i + 3 * sizeof(Vector));
+    }
+    for (; i + sizeof(Vector) <= size; i += sizeof(Vector))
+        a |= load<Vector>(from + i);
+    a |= b | c | d;
+    return (a[0] | a[1]) != 0;
 }
 
 // The next run at or after `from`: begins with a byte that is set, ends behind one.
@@ -124,7 +131,8 @@ static_assert(ADDRESS[DATA_ADDRESS].guest_page_size == ADDRESS[DATA_ADDRESS].pag
 bool has_uncommon(const QTRACE_RECORD &record)
 {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    return visit_uncommon(record, [bytes](Byte_Range range) { return any_byte_set(bytes + range.offset, range.size); });
+    return visit_uncommon(record,
+                          [bytes](Byte_Range range) { return any_byte_set(bytes + range.offset, range.size); });
 }
 
 // Pointers and the library's bookkeeping do not travel.
@@ -140,8 +148,8 @@ void drop_pointers(QTRACE_RECORD &record)
 
 Small_Members members_of(const QTRACE_RECORD &record)
 {
-    return {record.node,       record.termination_node, record.termination_code, record.processor,
-            record.error_code, 0,                       record.length};
+    return {record.node,  record.termination_node, record.termination_code, record.processor, record.error_code, 0,
+            record.length};
 }
 
 Bases bases_of(const Register_Places &places, const Shape_Slot &shape, uint64_t near)
@@ -220,15 +228,24 @@ bool is_list(const Register_Places &places, const uint8_t *counts, const Registe
 uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory, const Bases &bases)
 {
     switch (kind) {
-    case VALUE_REGISTER: return last;
-    case VALUE_DISTANCE: return bases.last_input + bases.out_distance;
-    case VALUE_MEMORY: return memory;
-    case VALUE_SHAPE: return bases.out_value;
-    case VALUE_SUM: return bases.previous_input + bases.last_input;
-    case VALUE_DIFFERENCE: return bases.last_input - bases.previous_input;
-    case VALUE_AND: return bases.previous_input & bases.last_input;
-    case VALUE_OR: return bases.previous_input | bases.last_input;
-    default: return bases.previous_input ^ bases.last_input;
+    case VALUE_REGISTER:
+        return last;
+    case VALUE_DISTANCE:
+        return bases.last_input + bases.out_distance;
+    case VALUE_MEMORY:
+        return memory;
+    case VALUE_SHAPE:
+        return bases.out_value;
+    case VALUE_SUM:
+        return bases.previous_input + bases.last_input;
+    case VALUE_DIFFERENCE:
+        return bases.last_input - bases.previous_input;
+    case VALUE_AND:
+        return bases.previous_input & bases.last_input;
+    case VALUE_OR:
+        return bases.previous_input | bases.last_input;
+    default:
+        return bases.previous_input ^ bases.last_input;
     }
 }
 
@@ -249,8 +266,8 @@ uint64_t sign_extended(uint64_t value, unsigned bytes)
 }
 
 constexpr size_t COLUMN_ROOM = MAX_PAYLOAD + 64;
-constexpr size_t MAX_COMMON = 2048;   // encoded bytes of a record's common sections
-constexpr size_t MAX_ESCAPE = 3072;   // and of the rest of it
+constexpr size_t MAX_COMMON = 2048;     // encoded bytes of a record's common sections
+constexpr size_t MAX_ESCAPE = 3072;     // and of the rest of it
 constexpr size_t MAX_HEADER_ITEM = 512; // of a file header without its comment
 
 bool comment_stays_outside(const QTRACE_FILE_HDR &header)
@@ -368,7 +385,8 @@ bool Decoder::all_read() const
     return std::all_of(std::begin(columns_), std::end(columns_), [](const auto &c) { return c.left() == 0; });
 }
 
-// ---- Items --------------------------------------------------------------------------------------------------------
+// ---- Items
+// --------------------------------------------------------------------------------------------------------
 
 void Encoder::add(const QTRACE_RECORD &record)
 {
@@ -540,7 +558,8 @@ Decoder::Result Decoder::next_header(QTRACE_FILE_HDR &header)
     return Result::header;
 }
 
-// ---- Flags and small members ---------------------------------------------------------------------------------------
+// ---- Flags and small members
+// ---------------------------------------------------------------------------------------
 
 void Encoder::encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control)
 {
@@ -622,7 +641,8 @@ void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
     record.length = members.length;
 }
 
-// ---- Register lists ------------------------------------------------------------------------------------------------
+// ---- Register lists
+// ------------------------------------------------------------------------------------------------
 
 // A bit for each of the ten counts that is not zero, those counts, then the register numbers.
 void Encoder::encode_list(const Register_Places &places, const uint8_t *counts)
@@ -659,7 +679,8 @@ void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
         *places_.place[i].index = shape.list.index[i];
 }
 
-// ---- Values --------------------------------------------------------------------------------------------------------
+// ---- Values
+// --------------------------------------------------------------------------------------------------------
 
 void Encoder::encode_inputs(const Register_Places &places)
 {
@@ -744,7 +765,8 @@ void Decoder::decode_value(const Register_Place &place, unsigned word, const Bas
     place.value[word] = last;
 }
 
-// ---- Addresses and their translation -------------------------------------------------------------------------------
+// ---- Addresses and their translation
+// -------------------------------------------------------------------------------
 
 // Which base, and how far from it: the base that gives the smallest distance.
 uint64_t Encoder::encode_data_address(uint64_t address, const Bases &bases, Shape_Slot &shape)
@@ -810,7 +832,8 @@ void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool 
     put_translation(record, side, last);
 }
 
-// ---- Members that records seldom carry -------------------------------------------------------------------------------
+// ---- Members that records seldom carry
+// -------------------------------------------------------------------------------
 
 void Encoder::encode_escape(const QTRACE_RECORD &record)
 {

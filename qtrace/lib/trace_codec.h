@@ -8,7 +8,8 @@
 
 #include <memory>
 
-namespace trace {
+namespace trace
+{
 
 // A file header without its pointers, as a block restates it.
 QTRACE_FILE_HDR without_pointers(const QTRACE_FILE_HDR &header);
@@ -22,7 +23,8 @@ struct Open_Header {
 };
 
 // Fills the columns of one block after the other. Allocates on the first begin_block only.
-class Encoder {
+class Encoder
+{
 public:
     // Starts an empty block at the place where the last one ended.
     void begin_block();
@@ -66,7 +68,8 @@ private:
 };
 
 // Reads the items of one block after the other. The payload must stay where it is while they are read.
-class Decoder {
+class Decoder
+{
 public:
     enum class Result { end, record, header, corrupt };
 

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <isa-l/crc.h>
 
-namespace trace {
+namespace trace
+{
 
 // ISA-L leaves both inversions of the usual CRC32C to its caller.
 uint32_t crc32c(const void *bytes, size_t size)

@@ -9,7 +9,8 @@
 #include <cstdint>
 #include <optional>
 
-namespace trace {
+namespace trace
+{
 
 inline constexpr uint8_t FORMAT_VERSION = 1;
 inline constexpr size_t MAX_PAYLOAD = 65536; // of a block: as encoded, and as stored
@@ -41,14 +42,14 @@ enum Block_Flag : uint8_t {
 enum Compression : uint8_t { STORED = 0, ZSTD = 1 };
 
 struct Block_Header {
-    uint8_t flags = 0;       // byte 5
-    uint8_t compression = 0; // byte 6
-    uint32_t stored_size = 0; // byte 8: payload in the file
-    uint32_t raw_size = 0;    // byte 12: payload decompressed
-    uint32_t records = 0;     // byte 16: in this block
-    uint32_t headers = 0;     // byte 20
-    uint64_t first_record = 0; // byte 24: records in the file before this block
-    uint64_t first_header = 0; // byte 32
+    uint8_t flags = 0;          // byte 5
+    uint8_t compression = 0;    // byte 6
+    uint32_t stored_size = 0;   // byte 8: payload in the file
+    uint32_t raw_size = 0;      // byte 12: payload decompressed
+    uint32_t records = 0;       // byte 16: in this block
+    uint32_t headers = 0;       // byte 20
+    uint64_t first_record = 0;  // byte 24: records in the file before this block
+    uint64_t first_header = 0;  // byte 32
     uint64_t first_address = 0; // byte 40: of the instruction of the block's first record
     uint32_t payload_crc = 0;   // byte 48: CRC32C of the stored payload
                                 // byte 52: CRC32C of bytes 0 to 51
@@ -91,20 +92,26 @@ enum Op : uint8_t {
     OP_MORE = 128 // a second byte follows
 };
 
-enum More : uint8_t { MORE_HEADER = 1, MORE_ESCAPE = 2, MORE_DATA_TRANSLATION = 4, MORE_NEXT_TRANSLATION = 8, ALL_MORE = 15 };
+enum More : uint8_t {
+    MORE_HEADER = 1,
+    MORE_ESCAPE = 2,
+    MORE_DATA_TRANSLATION = 4,
+    MORE_NEXT_TRANSLATION = 8,
+    ALL_MORE = 15
+};
 
 // How a value is coded in COLUMN_KIND; those with bytes have them in COLUMN_VALUE.
 enum Value_Kind : uint8_t {
-    VALUE_REGISTER,     // the register's last value
-    VALUE_DISTANCE,     // last input + the shape's distance
-    VALUE_MEMORY,       // what was last at `near`
-    VALUE_SHAPE,        // the shape's first output
-    VALUE_SUM,          // previous input + last input
-    VALUE_DIFFERENCE,   // last input - previous input
-    VALUE_AND,          // of the two
+    VALUE_REGISTER,   // the register's last value
+    VALUE_DISTANCE,   // last input + the shape's distance
+    VALUE_MEMORY,     // what was last at `near`
+    VALUE_SHAPE,      // the shape's first output
+    VALUE_SUM,        // previous input + last input
+    VALUE_DIFFERENCE, // last input - previous input
+    VALUE_AND,        // of the two
     VALUE_OR,
     VALUE_XOR,
-    VALUE_LITERAL,      // 9 to 17: 0 to 8 bytes, unsigned
+    VALUE_LITERAL,            // 9 to 17: 0 to 8 bytes, unsigned
     VALUE_FROM_REGISTER = 18, // 18 to 25: 1 to 8 bytes, signed, added to the register's last value
     VALUE_FROM_INPUT = 26,    // 26 to 33: to the last input
     VALUE_FROM_NEAR = 34,     // 34 to 41: to `near`

@@ -1,6 +1,7 @@
 #include "trace_model.h"
 
-namespace trace {
+namespace trace
+{
 
 // The guest real address of an access moves with the address inside a page; with those bits taken out it is the
 // same for the whole page. Its own inverse: the bits above, which decide, stay.

@@ -10,7 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace trace {
+namespace trace
+{
 
 // ---- Registers of a record as ten lists, in the order of their counts -------------------------------------
 
@@ -19,7 +20,10 @@ struct Register_List_Info {
     uint8_t capacity;
     uint8_t words; // values of 64 bits in an entry
     uint8_t kind;  // register file: 0 special, 1 vector-scalar, 2 vector, 3 floating-point, 4 general
-    size_t entry_size() const { return words == 1 ? sizeof(QTRACE_REGISTER_INFO) : sizeof(QTRACE_VMX_REGISTER_INFO); }
+    size_t entry_size() const
+    {
+        return words == 1 ? sizeof(QTRACE_REGISTER_INFO) : sizeof(QTRACE_VMX_REGISTER_INFO);
+    }
 };
 
 inline constexpr size_t REGISTER_LISTS = 10;

@@ -15,7 +15,8 @@
 #include <vector>
 #include <zstd.h>
 
-namespace {
+namespace
+{
 
 using namespace trace;
 
@@ -25,7 +26,8 @@ constexpr size_t SEARCH_WINDOW = 1 << 16;
 
 // ---- A file, read at offsets ------------------------------------------------------------------------------------
 
-class Input_File {
+class Input_File
+{
 public:
     ~Input_File()
     {
@@ -64,8 +66,8 @@ size_t Input_File::read(uint64_t offset, void *to, size_t count)
 {
     size_t done = 0;
     while (done < count) {
-        const ssize_t got =
-            ::pread(descriptor_, static_cast<uint8_t *>(to) + done, count - done, static_cast<off_t>(offset + done));
+        const ssize_t got = ::pread(descriptor_, static_cast<uint8_t *>(to) + done, count - done,
+                                    static_cast<off_t>(offset + done));
         if (got > 0) {
             done += static_cast<size_t>(got);
         } else if (got == 0) {
@@ -78,7 +80,8 @@ size_t Input_File::read(uint64_t offset, void *to, size_t count)
     return done;
 }
 
-// ---- Blocks in it -------------------------------------------------------------------------------------------------
+// ---- Blocks in it
+// -------------------------------------------------------------------------------------------------
 
 struct Place {
     uint64_t offset;
@@ -86,7 +89,8 @@ struct Place {
     uint64_t end() const { return offset + header.size(); }
 };
 
-class Block_File : public Input_File {
+class Block_File : public Input_File
+{
 public:
     // The block header at `offset`, if there is a whole one; its payload may be cut or damaged.
     std::optional<Block_Header> header_at(uint64_t offset);
@@ -164,7 +168,8 @@ std::string located(const std::string &name, uint64_t offset, const std::string 
 
 } // namespace
 
-// ---- The reader ---------------------------------------------------------------------------------------------------
+// ---- The reader
+// ---------------------------------------------------------------------------------------------------
 
 struct QTRACE_Reader {
 public:
@@ -175,7 +180,7 @@ public:
     int summarize(QTRACE_Info &info, bool payloads);
     const QTRACE_FILE_HDR *open_header() const;
 
-    std::string text;     // of the last damage or error
+    std::string text; // of the last damage or error
     QTRACE_Damage damage{};
     bool damaged = false; // there was one
 
@@ -201,16 +206,16 @@ private:
     std::string comment_;         // of the header in item_
     std::string outside_comment_; // of the comment block just read
     bool has_outside_comment_ = false;
-    uint64_t begin_ = 0;    // offset of the first block, or 0 when the file's start is damaged
-    uint64_t position_ = 0; // offset of the next block
+    uint64_t begin_ = 0;                 // offset of the first block, or 0 when the file's start is damaged
+    uint64_t position_ = 0;              // offset of the next block
     uint64_t records_ = 0, headers_ = 0; // before the next item
-    bool numbers_open_ = false; // after damage: the next block's numbers are taken as they are
+    bool numbers_open_ = false;          // after damage: the next block's numbers are taken as they are
     bool seen_last_ = false;
     bool end_reported_ = false;
     bool in_block_ = false;
     bool decoded_ = false; // a block was entered: the decoder knows the open header
-    Place block_{};         // being decoded
-    bool held_ = false;     // item_ was found by a seek and is delivered next
+    Place block_{};        // being decoded
+    bool held_ = false;    // item_ was found by a seek and is delivered next
     std::vector<Place> index_;
     bool indexed_ = false;
 };
@@ -233,8 +238,9 @@ std::string QTRACE_Reader::open(const char *name)
     else if (state == Start_State::cut)
         return located(name_, size, "the file ends inside its first 16 bytes");
     else if (state == Start_State::other_version)
-        return located(name_, 8, "format version " + std::to_string(version) + " is not known, only " +
-                                     std::to_string(FORMAT_VERSION));
+        return located(name_, 8,
+                       "format version " + std::to_string(version) + " is not known, only " +
+                           std::to_string(FORMAT_VERSION));
     else if (!file_.find(0, START_SEARCH))
         return located(name_, 0, "not a trace file");
     place_at(begin_, 0, 0);
@@ -269,7 +275,8 @@ QTRACE_ITEM QTRACE_Reader::advance()
     }
 }
 
-// ---- Items of a block -----------------------------------------------------------------------------------------------
+// ---- Items of a block
+// -----------------------------------------------------------------------------------------------
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
 {
@@ -316,7 +323,8 @@ void QTRACE_Reader::fill_header()
     item_.header.comment = comment_.data();
 }
 
-// ---- From block to block --------------------------------------------------------------------------------------------
+// ---- From block to block
+// --------------------------------------------------------------------------------------------
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
 {
@@ -324,8 +332,9 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
         return enter_block_at_end();
     const std::optional<Block_Header> header = file_.header_at(position_);
     if (!header || !file_.read_payload({position_, *header}))
-        return file_.error != 0 ? fail(position_)
-                                : report_until_next(header ? "the block's checksum does not match" : "no block here");
+        return file_.error != 0
+                   ? fail(position_)
+                   : report_until_next(header ? "the block's checksum does not match" : "no block here");
     if (!numbers_open_ && seen_last_)
         return report(position_, 0, "a block follows the last one");
     if (!numbers_open_ && (header->first_record != records_ || header->first_header != headers_)) {
@@ -368,12 +377,13 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::begin_items(const Place &place)
     has_outside_comment_ = has_outside_comment_ && (header.flags & COMMENT_BEFORE) != 0;
     item_.block_offset = place.offset;
     decoded_ = true;
-    in_block_ = decoder_.begin_block(payload, header.raw_size, header.first_address,
-                                     (header.flags & ADDRESS_KNOWN) != 0);
+    in_block_ =
+        decoder_.begin_block(payload, header.raw_size, header.first_address, (header.flags & ADDRESS_KNOWN) != 0);
     return in_block_ ? std::nullopt : std::optional(report_corrupt_block());
 }
 
-// ---- Damage -----------------------------------------------------------------------------------------------------------
+// ---- Damage
+// -----------------------------------------------------------------------------------------------------------
 
 QTRACE_ITEM QTRACE_Reader::report(uint64_t offset, uint64_t bytes, const std::string &reason)
 {
@@ -429,7 +439,8 @@ QTRACE_ITEM QTRACE_Reader::fail(uint64_t offset)
     return QTRACE_ITEM_ERROR;
 }
 
-// ---- Summary and seeking ------------------------------------------------------------------------------------------------
+// ---- Summary and seeking
+// ------------------------------------------------------------------------------------------------
 
 // Calls whole(place) for every block, broken() for every stretch that is none.
 template <class Visitor, class Damage_Visitor>
@@ -487,7 +498,8 @@ int QTRACE_Reader::summarize(QTRACE_Info &info, bool payloads)
 const std::vector<Place> &QTRACE_Reader::index()
 {
     if (!indexed_)
-        walk(false, [this](const Place &place) { index_.push_back(place); }, [] {});
+        walk(
+            false, [this](const Place &place) { index_.push_back(place); }, [] {});
     indexed_ = true;
     return index_;
 }
@@ -497,7 +509,8 @@ int QTRACE_Reader::seek(uint64_t record)
     const std::vector<Place> &blocks = index();
     // The first block that reaches the place in front of the record: the headers there may end a block.
     auto block = std::find_if(blocks.begin(), blocks.end(), [record](const Place &place) {
-        return place.header.first_record + place.header.records >= record && (place.header.flags & COMMENT_BLOCK) == 0;
+        return place.header.first_record + place.header.records >= record &&
+               (place.header.flags & COMMENT_BLOCK) == 0;
     });
     const bool exists = std::any_of(block, blocks.end(), [record](const Place &place) {
         return place.header.first_record + place.header.records > record;
@@ -529,7 +542,8 @@ const QTRACE_FILE_HDR *QTRACE_Reader::open_header() const
     return decoded_ && decoder_.open_header().present ? &decoder_.open_header().header : nullptr;
 }
 
-// ---- C ------------------------------------------------------------------------------------------------------------------
+// ---- C
+// ------------------------------------------------------------------------------------------------------------------
 
 extern "C" {
 

@@ -15,7 +15,8 @@
 #include <vector>
 #include <zstd.h>
 
-namespace {
+namespace
+{
 
 using namespace trace;
 
@@ -56,7 +57,8 @@ bool parse_compression(std::string_view text, Compression_Choice &choice)
         return false;
     const char *end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data() + 5, end, choice.level);
-    return error == std::errc() && stop == end && choice.level >= ZSTD_minCLevel() && choice.level <= ZSTD_maxCLevel();
+    return error == std::errc() && stop == end && choice.level >= ZSTD_minCLevel() &&
+           choice.level <= ZSTD_maxCLevel();
 }
 
 // What a thread needs to seal blocks, for all its files.
@@ -77,7 +79,8 @@ Press &press()
 // Items gather in the encoder. A full block is sealed into `sealed_` and written from there; what could not be
 // written stays there, and every later operation goes on with it first, where it stopped. So a failed write never
 // leaves a torn block in front of a whole one, and only items that were refused are missing.
-class Trace_File {
+class Trace_File
+{
 public:
     Trace_File(std::string path, int descriptor, Compression_Choice compression)
         : path_(std::move(path)), descriptor_(descriptor), compression_(compression)
@@ -284,7 +287,8 @@ try {
     Trace_File *to = file_of(file);
     if (to == nullptr)
         return fail("descriptor " + std::to_string(file), "write", "not open");
-    return item == nullptr ? fail("descriptor " + std::to_string(file), "write", "nothing given") : to->write(*item);
+    return item == nullptr ? fail("descriptor " + std::to_string(file), "write", "nothing given")
+                           : to->write(*item);
 } catch (const std::bad_alloc &) {
     return fail("descriptor", "write", "out of memory");
 }

@@ -1,5 +1,5 @@
-// The reader of trace files against any bytes. Checksums would keep the fuzzer out of the blocks; so with an odd first
-// byte the rest of the input becomes the payload of blocks whose headers and checksums are right.
+// The reader of trace files against any bytes. Checksums would keep the fuzzer out of the blocks; so with an odd
+// first byte the rest of the input becomes the payload of blocks whose headers and checksums are right.
 #include "qtrace_reader.h"
 #include "trace_format.h"
 
@@ -10,10 +10,12 @@
 #include <unistd.h>
 #include <vector>
 
-namespace {
+namespace
+{
 
 // A file in memory that is filled anew for every input.
-class Memory_File {
+class Memory_File
+{
 public:
     Memory_File() : descriptor_(memfd_create("trace", 0)), name_("/proc/self/fd/" + std::to_string(descriptor_)) {}
     void fill(const std::vector<uint8_t> &bytes) const

@@ -18,7 +18,8 @@
 #include <unistd.h>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using testing::HasSubstr;
 
@@ -46,7 +47,8 @@ struct Contents {
 
     uint64_t records() const
     {
-        return static_cast<uint64_t>(std::count_if(items.begin(), items.end(), [](auto &i) { return !i.is_header; }));
+        return static_cast<uint64_t>(
+            std::count_if(items.begin(), items.end(), [](auto &i) { return !i.is_header; }));
     }
 };
 
@@ -67,7 +69,8 @@ Item item_of(const QTRACE_Item &from)
     return {true, image_of(header), comment, from.address, from.address_known != 0};
 }
 
-class trace_file : public testing::Test {
+class trace_file : public testing::Test
+{
 protected:
     trace_file()
     {
@@ -627,11 +630,16 @@ TEST_F(trace_file, of_another_kind_or_version_is_refused_with_its_offset)
     put_bytes(std::string(5'000, 'a'));
     EXPECT_THAT(read().open_error, HasSubstr("byte 0: not a trace file"));
     // A start of version 2, its checksum right.
-    put_bytes(std::string("\x8aQTRACE\n\x02\x00\x00\x00\xe9""\x91""\x02""\xa5", 16));
+    put_bytes(std::string("\x8aQTRACE\n\x02\x00\x00\x00\xe9"
+                          "\x91"
+                          "\x02"
+                          "\xa5",
+                          16));
     EXPECT_THAT(read().open_error, HasSubstr("byte 8: format version 2"));
 }
 
-// ---- The writer's failures ----------------------------------------------------------------------------------------
+// ---- The writer's failures
+// ----------------------------------------------------------------------------------------
 
 TEST_F(trace_file, descriptors_that_are_not_open_are_errors)
 {
@@ -665,7 +673,8 @@ TEST_F(trace_file, on_a_full_device_is_not_opened)
 }
 
 // Files cannot grow beyond a size while it lives.
-class Small_Disk {
+class Small_Disk
+{
 public:
     explicit Small_Disk(rlim_t bytes)
     {

@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <cstring>
 
-namespace {
+namespace
+{
 
 void clear_padding(QTRACE_RECORD &record)
 {

@@ -8,7 +8,8 @@
 #include <random>
 #include <string>
 
-class Random_Trace {
+class Random_Trace
+{
 public:
     explicit Random_Trace(uint64_t seed) : random_(seed) {}
 
