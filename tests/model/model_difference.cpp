@@ -326,8 +326,7 @@ std::string described(const Outcome &outcome)
     return "";
 }
 
-// Whether `actual` is what `expected` says. ANYTHING stands for the rest of
-// an item and is followed by text of its own.
+// Whether `actual` is what `expected` says; ANYTHING matches any text.
 bool line_matches(std::string_view expected, std::string_view actual)
 {
     const size_t open = expected.find(ANYTHING);

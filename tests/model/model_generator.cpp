@@ -119,7 +119,9 @@ private:
         static const std::vector<int> captured{11, 14, 16, 19, 23, 23, 23, 24, 25, 26, 27, 29, 30, 31};
         if (dice_.percent(75))
             return static_cast<RDX_XLATE_MODE>(dice_.one_of(captured));
-        return static_cast<RDX_XLATE_MODE>(dice_.percent(97) ? dice_.between(0, 38) : dice_.between(39, 63));
+        if (dice_.percent(97))
+            return static_cast<RDX_XLATE_MODE>(dice_.between(0, 38));
+        return static_cast<RDX_XLATE_MODE>(dice_.any());
     }
 
     uint8_t depth(int most)
@@ -437,7 +439,7 @@ private:
 
     void rare_step()
     {
-        switch (dice_.below(10)) {
+        switch (dice_.below(11)) {
         case 0:
             if (dice_.percent(40))
                 reload();
@@ -462,6 +464,9 @@ private:
             add(Pre_Executed_Instruction{any_tid(), 0, register_number(), dice_.any()});
             std::get<Pre_Executed_Instruction>(steps_.back()).seq =
                 threads_[std::get<Pre_Executed_Instruction>(steps_.back()).tid].seq + dice_.below(5);
+            break;
+        case 8:
+            add(Call_Helpers{mnemonic().substr(0, 4), static_cast<int>(dice_.any())});
             break;
         default:
             add(Look_At_Text{});

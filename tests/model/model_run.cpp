@@ -499,6 +499,18 @@ private:
                     note(what);
     }
 
+    void take(const Call_Helpers &step)
+    {
+        model_.call_helpers(step);
+        std::string line = step.text, end = "\n";
+        char *joined = copycat(line.data(), end.data());
+        if (joined != step.text + "\n")
+            note("copycat made \"" + std::string(joined) + "\"");
+        debug_print_all(joined);
+        std::free(joined);
+        dummy_plugin_qtbin_init(step.number);
+    }
+
     // ---- comparison ----------------------------------------------------------------------------------------
 
     static std::string name_of(const std::string &path) { return std::filesystem::path(path).filename().string(); }

@@ -158,6 +158,11 @@ std::string describe(const Look_At_Text &)
     return "look at the text traces";
 }
 
+std::string describe(const Call_Helpers &s)
+{
+    return "helpers \"" + s.text + "\" " + std::to_string(s.number);
+}
+
 } // namespace
 
 std::string to_text(const Step &step)

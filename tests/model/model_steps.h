@@ -103,9 +103,15 @@ struct Pre_Executed_Instruction {
 struct Look_At_Text {
 };
 
+// The exported helpers: a line into every text trace, the linkage stub, two strings joined.
+struct Call_Helpers {
+    std::string text;
+    int number = 0;
+};
+
 using Step = std::variant<Set_Context, Commit, Pre_Execution, Pte_Access, Rtpte_Access, Console_Command, Load_Again,
                           Unload, Load_Machine, Fail_Writer, Block_File, Near_Report, Flushed_Instruction,
-                          Pre_Executed_Instruction, Look_At_Text>;
+                          Pre_Executed_Instruction, Look_At_Text, Call_Helpers>;
 
 struct Run {
     replay::Machine_Shape shape;

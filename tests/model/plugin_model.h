@@ -147,6 +147,7 @@ public:
     void commit(const replay::Instruction &instruction, uint64_t ticks);
     void pte_access(int tid, const PTE_Event_Info &info);
     void rtpte_access(int tid, const RTPTE_Event_Info &info);
+    void call_helpers(const Call_Helpers &call);
 
     // ---- things a test does behind the plugin's back --------------------------------------------------------
     void fail_writer(const Fail_Writer &failure);

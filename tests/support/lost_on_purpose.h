@@ -24,12 +24,3 @@ struct Lost_On_Purpose {
     Lost_On_Purpose(const Lost_On_Purpose &) = delete;
     Lost_On_Purpose &operator=(const Lost_On_Purpose &) = delete;
 };
-
-// That object is not looked for.
-inline void lose_on_purpose([[maybe_unused]] const void *object)
-{
-#ifdef __SANITIZE_ADDRESS__
-    if (object)
-        __lsan_ignore_object(object);
-#endif
-}
