@@ -432,3 +432,45 @@ TEST_F(Xlate_Capture, nested_walk_clears_everything_but_the_root_first_and_store
     EXPECT_EQ(data.data_host_walkdepth, 3);
     EXPECT_EQ(data.data_guest_walkdepth, 2);
 }
+
+TEST_F(Xlate_Capture, each_routine_stores_what_its_rule_takes)
+{
+    struct {
+        void (*fetch)(Node *, void *);
+        void (*data)(Node *, void *);
+        Capture_Rule rule;
+    } const routines[] = {
+        {iop_helper_pc_host_real, iop_helper_pcdata_host_real, Capture_Rule::host_real},
+        {iop_helper_pc_host_hpt, iop_helper_pcdata_host_hpt, Capture_Rule::host_hpt},
+        {iop_helper_pc_guest_hpt, iop_helper_pcdata_guest_hpt, Capture_Rule::guest_hpt},
+        {iop_helper_pc_guest_real_host_hpt, iop_helper_pcdata_guest_real_host_hpt, Capture_Rule::real_on_hpt},
+        {iop_helper_pc_host_radix, iop_helper_pcdata_host_radix, Capture_Rule::host_radix},
+        {iop_helper_pc_guest_real_host_radix, iop_helper_pcdata_guest_real_host_radix, Capture_Rule::real_on_radix},
+        {iop_helper_pc_guest_radix, iop_helper_pcdata_guest_radix, Capture_Rule::guest_radix},
+    };
+    for (const auto &routine : routines) {
+        replay::Instruction instruction;
+        instruction.fetch = distinct_answers(FETCH_TAG);
+        instruction.data = distinct_answers(DATA_TAG);
+        Node node{};
+        routine.fetch(&node, replay::handle_of(instruction));
+        routine.data(&node, replay::handle_of(instruction));
+        // relocation belongs to whoever chooses the routine; depths have a query of their own in some routines
+        const auto compared = [](Captured_Address a) {
+            a.relocation = 0;
+            a.host_depth = a.guest_depth = 0;
+            return describe(a);
+        };
+        EXPECT_EQ(compared(fetch_of(node)), compared(captured_by(routine.rule, instruction.fetch)));
+        EXPECT_EQ(compared(data_of(node)), compared(captured_by(routine.rule, instruction.data)));
+    }
+}
+
+TEST_F(Xlate_Capture, guest_real_on_host_hpt_has_no_guest_page_size)
+{
+    const auto answers = distinct_answers(FETCH_TAG, Z7_GuestRealOnHostHpt);
+    const Node fetch = on_used_node(iop_helper_pc_guest_real_host_hpt, answers);
+    const Node data = on_used_node(iop_helper_pcdata_guest_real_host_hpt, answers);
+    EXPECT_EQ(fetch.PC_gpagesize, 0);
+    EXPECT_EQ(data.info.data_gpagesize, 0);
+}
