@@ -643,15 +643,15 @@ TEST(command, bare_resume_with_some_paused_resumes_only_those)
 {
     Traced_Machine m(2, 2);
     m.start_with_text();
-    m.signal({"pause", "cpu", "0", "thread", "1"});
-    m.signal({"pause", "cpu", "1", "thread", "0"});
+    m.signal({"pause", "cpu", "0", "thread", "0"});
+    m.signal({"pause", "cpu", "1", "thread", "1"});
     m.signal({"resume"});
     EXPECT_EQ(paused_threads(), "....");
     m.stop();
-    EXPECT_EQ(m.file("text0"), "");
-    EXPECT_EQ(m.file("text1"), "*** PAUSE collection for thread 1\n*** RESUME collection for thread 1\n");
-    EXPECT_EQ(m.file("text2"), "*** PAUSE collection for thread 2\n*** RESUME collection for thread 2\n");
-    EXPECT_EQ(m.file("text3"), "");
+    EXPECT_EQ(m.file("text0"), "*** PAUSE collection for thread 0\n*** RESUME collection for thread 0\n");
+    EXPECT_EQ(m.file("text1"), "");
+    EXPECT_EQ(m.file("text2"), "");
+    EXPECT_EQ(m.file("text3"), "*** PAUSE collection for thread 3\n*** RESUME collection for thread 3\n");
 }
 
 } // namespace

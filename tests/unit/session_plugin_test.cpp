@@ -92,6 +92,13 @@ TEST(session, remove_option_drops_the_last_character_on_a_machine_of_one_thread)
     EXPECT_THAT(m.printed(), HasSubstr(m.path("trace0") + "*")); // the line names what the user typed
 }
 
+TEST(session, remove_option_leaves_nothing_of_a_name_of_one_letter)
+{
+    Traced_Machine m(with_short_names(1, 1));
+    m.signal({"start", "x"});
+    EXPECT_NE(recording_writer().file_named(""), nullptr);
+}
+
 TEST(session, remove_option_has_no_effect_on_a_larger_machine)
 {
     for (const auto &[processors, threads] : {std::pair{1u, 2u}, {2u, 1u}}) {
