@@ -14,25 +14,30 @@ namespace
 // Kinds of records that --only picks.
 struct Record_Kind {
     std::string_view name;
-    bool (*matches)(const QTRACE_RECORD &record);
+    bool (*matches)(const QTRACE_Item &item);
 };
 
-Instruction_Info info_of(const QTRACE_RECORD &record)
+Instruction_Info info_of(const QTRACE_Item &item)
 {
-    return instruction_info(record.header.instruction);
+    return instruction_info(item.record.header.instruction);
+}
+Branch_Outcome outcome_of(const QTRACE_Item &item)
+{
+    return branch_outcome(item.record, item.address);
 }
 
 constexpr Record_Kind RECORD_KINDS[] = {
-    {"load", [](const QTRACE_RECORD &r) { return info_of(r).kind == Instruction_Kind::load; }},
-    {"store", [](const QTRACE_RECORD &r) { return info_of(r).kind == Instruction_Kind::store; }},
-    {"branch", [](const QTRACE_RECORD &r) { return branch_outcome(r) != Branch_Outcome::no_branch; }},
+    {"load", [](const QTRACE_Item &i) { return info_of(i).kind == Instruction_Kind::load; }},
+    {"store", [](const QTRACE_Item &i) { return info_of(i).kind == Instruction_Kind::store; }},
+    {"branch", [](const QTRACE_Item &i) { return outcome_of(i) != Branch_Outcome::no_branch; }},
     {"taken",
-     [](const QTRACE_RECORD &r) {
-         const Branch_Outcome outcome = branch_outcome(r);
+     [](const QTRACE_Item &i) {
+         const Branch_Outcome outcome = outcome_of(i);
          return outcome == Branch_Outcome::taken || outcome == Branch_Outcome::unconditional;
      }},
-    {"string", [](const QTRACE_RECORD &r) { return r.header.control.fld.length_present || info_of(r).string; }},
-    {"error", [](const QTRACE_RECORD &r) { return r.header.control.fld.trace_error_code_present != 0; }},
+    {"string",
+     [](const QTRACE_Item &i) { return i.record.header.control.fld.length_present || info_of(i).string; }},
+    {"error", [](const QTRACE_Item &i) { return i.record.header.control.fld.trace_error_code_present != 0; }},
 };
 
 struct Address_Range {
@@ -141,7 +146,7 @@ bool Dump_Command::is_wanted(const QTRACE_Item &item) const
     if (!range_text_.empty() && (!item.address_known || item.address < range_.first || item.address > range_.last))
         return false;
     return kinds_.empty() ||
-           std::ranges::any_of(kinds_, [&](const Record_Kind *kind) { return kind->matches(item.record); });
+           std::ranges::any_of(kinds_, [&](const Record_Kind *kind) { return kind->matches(item); });
 }
 
 void Dump_Command::dump(Tool_Run &run, Trace_File &file, bool named) const

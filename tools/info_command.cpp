@@ -28,10 +28,12 @@ public:
     std::vector<Placed_Header> find()
     {
         const QTRACE_Info &info = file_.info();
-        if (info.damaged_places > 0 || !info.clean_end)
-            collect(info.records);
-        else
+        if (info.damaged_places == 0)
             search(0, info.records, 0, info.headers);
+        else
+            collect(info.records);
+        if (info.damaged_places == 0 && !file_.losses().empty())
+            find_among_damage();
         return std::move(headers_);
     }
 
@@ -41,6 +43,7 @@ private:
 
     void search(uint64_t from, uint64_t to, uint64_t headers_before, uint64_t headers_after);
     void collect(uint64_t end);
+    void find_among_damage();
     uint64_t headers_before(uint64_t record);
 
     Trace_File &file_;
@@ -54,7 +57,7 @@ void Header_Finder::search(uint64_t from, uint64_t to, uint64_t before, uint64_t
     if (before == after)
         return;
     if (to - from <= FEW_RECORDS) {
-        if (from == 0 || file_.seek(from))
+        if (file_.info().records == 0 || file_.seek(from))
             collect(to);
         return;
     }
@@ -75,6 +78,15 @@ void Header_Finder::collect(uint64_t end)
             headers_.push_back({item->header_number, item->record_number, item->header,
                                 item->header.comment != nullptr ? std::string(item->header.comment) : ""});
     }
+}
+
+// Damage that block headers do not show came up: places tell nothing about numbers then.
+void Header_Finder::find_among_damage()
+{
+    headers_.clear();
+    file_.verify();
+    if (file_.seek(0))
+        collect(file_.info().records);
 }
 
 uint64_t Header_Finder::headers_before(uint64_t record)
@@ -99,7 +111,8 @@ struct File_Summary {
 
 File_Summary summarise(Trace_File &file)
 {
-    File_Summary summary{file.info(), Header_Finder(file).find(), 0};
+    std::vector<Placed_Header> headers = Header_Finder(file).find();
+    File_Summary summary{file.info(), std::move(headers), 0};
     for (const Placed_Header &header : summary.headers)
         summary.full_headers += header.is_full();
     return summary;
@@ -144,7 +157,8 @@ void print_ending(Output &out, const QTRACE_Info &info)
 {
     out.put("  ends         ");
     out.paint(info.clean_end && info.damaged_places == 0 ? Colour::good : Colour::bad);
-    out.put(info.clean_end ? "cleanly" : "inside a block: the file was cut, or its writer died");
+    out.put(info.clean_end ? "cleanly"
+                           : "not cleanly: it was cut, its writer died, or something follows its last block");
     if (info.damaged_places > 0)
         out.print("; damaged places: {} (`qtrace recover` saves the rest)", info.damaged_places);
     out.paint(Colour::plain);
@@ -157,6 +171,7 @@ public:
     void declare(CLI::App &app) override
     {
         declare_files(app, files_);
+        app.add_flag("--verify", verify_, "read all blocks, not only their headers, for damage");
         app.add_option("--headers", limit_, "full headers to list (of each file; all with --json)")
             ->capture_default_str();
     }
@@ -171,6 +186,8 @@ public:
 private:
     void tell(Tool_Run &run, Trace_File &file) const
     {
+        if (verify_)
+            file.verify();
         const File_Summary summary = summarise(file);
         if (!summary.info.clean_end || summary.info.damaged_places > 0)
             run.found();
@@ -185,6 +202,7 @@ private:
 
     std::vector<std::string> files_;
     uint64_t limit_ = 10;
+    bool verify_ = false;
 };
 
 void Info_Command::print_text(Output &out, const std::string &name, const File_Summary &summary) const
@@ -196,8 +214,8 @@ void Info_Command::print_text(Output &out, const std::string &name, const File_S
     out.print("\n  format       version {}, blocks compressed with {}\n", info.format_version,
               info.compression == 1 ? "zstd" : "nothing");
     out.print("  records      {}\n", info.records);
-    out.print("  headers      {}: {} full, {} for partition changes\n", info.headers, summary.full_headers,
-              summary.partition_changes());
+    out.print("  headers      {}: {} full, {} for partition changes\n", summary.headers.size(),
+              summary.full_headers, summary.partition_changes());
     out.print("  gaps         {}{}\n", summary.gaps(),
               summary.gaps() == 0 ? "" : " (tracing was paused and resumed that often)");
     out.print("  size         {} ({}) in {} blocks, {:.2f} bytes a record\n", info.size, bytes_in_words(info.size),

@@ -1,6 +1,7 @@
 #include "instruction_kind.h"
 
 #include <array>
+#include <cstring>
 
 namespace qtrace_tool
 {
@@ -68,6 +69,16 @@ bool is_always(uint32_t word)
     return (word >> 21 & 0x14) == 0x14;
 }
 
+// Whether a conditional branch went to `next`. Only those with their target in the word can tell otherwise.
+bool may_go_to(uint32_t word, uint64_t address, uint64_t next)
+{
+    if (word >> 26 != 16)
+        return true;
+    const auto displacement = static_cast<int16_t>(word & 0xFFFC);
+    const uint64_t base = (word & 2) != 0 ? 0 : address;
+    return base + static_cast<uint64_t>(int64_t{displacement}) == next;
+}
+
 } // namespace
 
 Instruction_Info instruction_info(uint32_t word)
@@ -85,7 +96,7 @@ Instruction_Info instruction_info(uint32_t word)
     return info;
 }
 
-Branch_Outcome branch_outcome(const QTRACE_RECORD &record)
+Branch_Outcome branch_outcome(const QTRACE_RECORD &record, uint64_t address)
 {
     const auto &flags = record.header.control.fld;
     if (flags.termination_present && record.termination_code == QTRACE_UnconditionalBranchNode)
@@ -93,8 +104,13 @@ Branch_Outcome branch_outcome(const QTRACE_RECORD &record)
     const Instruction_Kind kind = instruction_info(record.header.instruction).kind;
     if (kind != conditional_branch && kind != unconditional_branch)
         return Branch_Outcome::no_branch;
+    if (flags.iar_change_present && kind == unconditional_branch)
+        return Branch_Outcome::unconditional;
+    uint64_t next;
+    std::memcpy(&next, record.next_instruction_ea, sizeof(next));
     if (flags.iar_change_present)
-        return kind == conditional_branch ? Branch_Outcome::taken : Branch_Outcome::unconditional;
+        return may_go_to(record.header.instruction, address, next) ? Branch_Outcome::taken
+                                                                   : Branch_Outcome::not_taken;
     return flags.termination_present ? Branch_Outcome::not_taken : Branch_Outcome::undecided;
 }
 

@@ -55,6 +55,14 @@ template <class Structure> void print_value(Output &out, const Trace_Member &mem
     print_value(out, member, member.at(structure));
 }
 
+// The same as text.
+template <class Structure> std::string value_text(const Trace_Member &member, const Structure &structure)
+{
+    Output text(-1);
+    print_value(text, member, structure);
+    return text.take();
+}
+
 // `text` as a JSON string, quotes included.
 void print_json_text(Output &out, std::string_view text);
 

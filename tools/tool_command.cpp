@@ -20,6 +20,16 @@ constexpr Command_Info COMMANDS[] = {
      {"qtrace dump --count 20 trace0             the first 20 records",
       "qtrace dump --pc 0x1000-0x1fff --only load trace  loads in a range of addresses, all threads"},
      make_dump_command},
+    {"check",
+     "whether traces keep the rules of a good trace",
+     {"qtrace check trace                the rules that need nothing but the trace",
+      "qtrace check trace0 --text text0  compared with the text trace, item by item"},
+     make_check_command},
+    {"stats",
+     "what traces are made of: branches, accesses, registers, pages, partitions",
+     {"qtrace stats trace                threads side by side and in total",
+      "qtrace stats --json trace0        the same for a program"},
+     make_stats_command},
 };
 
 const char *const TOOL_EXAMPLES[2] = {

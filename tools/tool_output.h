@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace qtrace_tool
@@ -15,8 +16,8 @@ enum class Colour : uint8_t { plain, head, good, bad, added, removed, faint };
 class Output
 {
 public:
-    // Writes to `descriptor`, which stays the caller's. With `colour`, escape sequences are put around paint()ed
-    // text.
+    // Writes to `descriptor`, which stays the caller's (-1: none, for take()). With `colour`, escape sequences are
+    // put around paint()ed text.
     explicit Output(int descriptor, bool colour = false) : descriptor_(descriptor), colour_(colour) {}
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
@@ -32,6 +33,14 @@ public:
     template <class... Arguments> void print(fmt::format_string<Arguments...> format, Arguments &&...arguments)
     {
         fmt::format_to(std::back_inserter(buffer_), format, std::forward<Arguments>(arguments)...);
+    }
+
+    // What was put so far, instead of handing it on.
+    std::string take()
+    {
+        std::string text = fmt::to_string(buffer_);
+        buffer_.clear();
+        return text;
     }
 
     // What follows is in that colour, up to the next call.

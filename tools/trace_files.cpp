@@ -1,5 +1,6 @@
 #include "trace_files.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
@@ -52,15 +53,34 @@ std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &n
 const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind)
 {
     const QTRACE_Item *item = nullptr;
-    for (; kind == QTRACE_ITEM_DAMAGE; kind = qtrace_next(reader_.get(), &item)) {
-        losses_++;
-        run_.warn(qtrace_error(reader_.get()));
-    }
+    for (; kind == QTRACE_ITEM_DAMAGE; kind = qtrace_next(reader_.get(), &item))
+        note_loss();
     if (kind == QTRACE_ITEM_ERROR) {
         readable_ = false;
         run_.fail(qtrace_error(reader_.get()));
     }
     return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : nullptr;
+}
+
+// A place is met again when the reader goes back in front of it.
+void Trace_File::note_loss()
+{
+    const QTRACE_Damage &damage = *qtrace_damage(reader_.get());
+    if (std::ranges::find(losses_, damage.offset, &Loss::offset) != losses_.end())
+        return;
+    std::string text = qtrace_error(reader_.get());
+    if (damage.records_known && damage.records > 0)
+        text += fmt::format(" ({} records are lost)", damage.records);
+    else if (damage.truncated && damage.records > 0)
+        text += fmt::format(" (at least {} records are lost)", damage.records);
+    losses_.push_back({damage.offset, text});
+    run_.warn(text);
+}
+
+void Trace_File::verify()
+{
+    if (qtrace_verify(reader_.get(), &info_) != 0)
+        run_.fail(qtrace_error(reader_.get()));
 }
 
 std::vector<std::unique_ptr<Trace_File>> open_traces(Tool_Run &run, const std::vector<std::string> &names)

@@ -36,8 +36,15 @@ public:
     // Goes to that record, to the headers in front of it. False: there is none.
     bool seek(uint64_t record) { return qtrace_seek(reader_.get(), record) == 0; }
 
-    // Damaged places met by next() so far; in front of the item delivered last when it just grew.
-    uint64_t losses() const { return losses_; }
+    // A place that could not be read.
+    struct Loss {
+        uint64_t offset;
+        std::string text; // where, why, and how many records, when that is known
+    };
+    // Those met so far, each once; a new one stands in front of the item delivered last.
+    const std::vector<Loss> &losses() const { return losses_; }
+    // Reads the payloads of all blocks too, so that info() knows of every damaged place.
+    void verify();
     bool readable() const { return readable_; } // false after an error that ended the reading
 
 private:
@@ -46,12 +53,13 @@ private:
     };
     Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader);
     const QTRACE_Item *next_after(QTRACE_ITEM kind);
+    void note_loss();
 
     Tool_Run &run_;
     std::string name_;
     std::unique_ptr<QTRACE_Reader, Closer> reader_;
     QTRACE_Info info_{};
-    uint64_t losses_ = 0;
+    std::vector<Loss> losses_;
     bool readable_ = true;
 };
 

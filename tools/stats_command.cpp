@@ -1,0 +1,313 @@
+#include "record_printer.h"
+#include "tool_command.h"
+#include "trace_counts.h"
+#include "trace_files.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+// A line of the table: a number of each trace.
+struct Metric {
+    std::string key;   // in JSON
+    std::string label; // in text; an empty one is a heading's blank line
+    std::function<double(const Trace_Counts &)> value;
+    int decimals = 0;
+};
+
+template <class Getter> Metric count(const char *key, const char *label, Getter getter)
+{
+    return {key, label, [getter](const Trace_Counts &c) { return static_cast<double>(std::invoke(getter, c)); }};
+}
+
+double per_instruction(const Trace_Counts &counts, uint64_t amount)
+{
+    return counts.instructions == 0 ? 0.0 : static_cast<double>(amount) / static_cast<double>(counts.instructions);
+}
+
+std::string pair_name(size_t index)
+{
+    return index >= UNKNOWN_CASE ? "unknown" : fmt::format("{}/{}", mode_word(index >> 2), mode_word(index & 3));
+}
+
+void add_registers(std::vector<Metric> &metrics)
+{
+    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++)
+        metrics.push_back({std::string(REGISTER_CLASSES[i].name),
+                           fmt::format("  registers {}", REGISTER_CLASSES[i].name),
+                           [i](const Trace_Counts &c) { return static_cast<double>(c.registers[i]); }});
+}
+
+// Cases that occur in no trace are left out.
+void add_cases(std::vector<Metric> &metrics, const Trace_Counts &total)
+{
+    for (size_t i = 0; i <= UNKNOWN_CASE; i++)
+        if (total.fetch_cases[i] != 0)
+            metrics.push_back({"fetch_" + pair_name(i), fmt::format("  fetch {}", pair_name(i)),
+                               [i](const Trace_Counts &c) { return static_cast<double>(c.fetch_cases[i]); }});
+    for (size_t i = 0; i < UNKNOWN_CASE; i++)
+        if (total.data_cases[i] != 0)
+            metrics.push_back({"data_" + pair_name(i), fmt::format("  data {}", pair_name(i)),
+                               [i](const Trace_Counts &c) { return static_cast<double>(c.data_cases[i]); }});
+}
+
+void add_bytes(std::vector<Metric> &metrics, const Trace_Counts &total)
+{
+    for (size_t i = 0; i < FIELD_GROUPS; i++)
+        if (total.group_bytes[i] != 0)
+            metrics.push_back({fmt::format("bytes_{}", GROUPS[i].name),
+                               fmt::format("  bytes of {}", GROUPS[i].name),
+                               [i](const Trace_Counts &c) { return per_instruction(c, c.group_bytes[i]); }, 2});
+    metrics.push_back({"bytes_in_file", "  bytes in the file",
+                       [](const Trace_Counts &c) { return per_instruction(c, c.file_bytes); }, 2});
+}
+
+uint64_t pages_of(const Page_Counts &pages, uint8_t code)
+{
+    return static_cast<uint64_t>(
+        std::ranges::count_if(pages, [code](const auto &page) { return page.first.size_code == code; }));
+}
+
+void add_pages(std::vector<Metric> &metrics, const Trace_Counts &total, const Page_Sizes &sizes)
+{
+    for (unsigned code = 0; code < 256; code++) {
+        const auto own = static_cast<uint8_t>(code);
+        if (pages_of(total.fetch_pages, own) + pages_of(total.data_pages, own) == 0)
+            continue;
+        const std::string name = sizes.name(own);
+        metrics.push_back({"fetch_pages_" + name, "  fetched pages of " + name, [own](const Trace_Counts &c) {
+                               return static_cast<double>(pages_of(c.fetch_pages, own));
+                           }});
+        metrics.push_back({"data_pages_" + name, "  data pages of " + name, [own](const Trace_Counts &c) {
+                               return static_cast<double>(pages_of(c.data_pages, own));
+                           }});
+    }
+}
+
+Metric heading(const char *text)
+{
+    return {"", text, nullptr};
+}
+
+std::vector<Metric> metrics_of(const Trace_Counts &total, const Page_Sizes &sizes)
+{
+    using C = Trace_Counts;
+    std::vector<Metric> metrics = {
+        count("instructions", "instructions", &C::instructions),
+        count("full_headers", "  file headers", &C::full_headers),
+        count("partition_headers", "  partition headers", &C::partition_headers),
+        count("branches", "branches", &C::branches),
+        count("taken", "  conditional, taken", &C::taken),
+        count("not_taken", "  conditional, not taken", &C::not_taken),
+        count("unconditional", "  unconditional", &C::unconditional),
+        count("undecided", "  last before a gap or the end", &C::undecided),
+        count("other_jumps", "  jumps by no branch (interrupts, exceptions)", &C::other_jumps),
+        heading("memory"),
+        count("loads", "  loads", &C::loads),
+        count("stores", "  stores", &C::stores),
+        count("cache", "  cache instructions", &C::cache),
+        count("strings", "  string instructions", &C::strings),
+        count("string_bytes", "  bytes moved by them", &C::string_bytes),
+        count("data_addresses", "  data addresses", &C::data_addresses),
+        count("data_errors", "  of them suspect", &C::data_errors),
+        heading("registers in and out"),
+    };
+    add_registers(metrics);
+    metrics.push_back(heading("translation (guest/host mode)"));
+    add_cases(metrics, total);
+    metrics.push_back(heading("pages touched"));
+    add_pages(metrics, total, sizes);
+    metrics.push_back(heading("bytes a record"));
+    add_bytes(metrics, total);
+    return metrics;
+}
+
+// Page counts, most first.
+std::vector<std::pair<Page, uint64_t>> hottest(const Page_Counts &pages, size_t count)
+{
+    std::vector<std::pair<Page, uint64_t>> sorted(pages.begin(), pages.end());
+    std::ranges::sort(sorted, [](const auto &a, const auto &b) {
+        return a.second != b.second ? a.second > b.second : a.first.first < b.first.first;
+    });
+    sorted.resize(std::min(count, sorted.size()));
+    return sorted;
+}
+
+class Stats_Command : public Command
+{
+public:
+    void declare(CLI::App &app) override
+    {
+        declare_files(app, files_);
+        app.add_option("--top", top_, "pages and branch targets to list")->capture_default_str();
+        app.add_option(
+               "--page-bits", bits_,
+               "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
+               "4K, 64K, 2M, 1G, 16M)")
+            ->delimiter(',')
+            ->allow_extra_args(false)
+            ->check(CLI::Range(12, 63))
+            ->type_name("BITS,...");
+    }
+
+    void run(Tool_Run &run) override;
+
+private:
+    struct Column {
+        std::string name;
+        std::unique_ptr<Trace_Counts> counts;
+    };
+    std::unique_ptr<Trace_Counts> count_file(Tool_Run &run, Trace_File &file) const;
+    void print_table(Output &out, const std::vector<Column> &columns, const std::vector<Metric> &metrics) const;
+    void print_lists(Output &out, const Trace_Counts &total) const;
+    void print_pages(Output &out, const char *title, const Page_Counts &pages) const;
+    void print_json(Output &out, const Column &column, const std::vector<Metric> &metrics) const;
+    void print_pages_json(Output &out, const char *key, const Page_Counts &pages) const;
+
+    std::vector<std::string> files_;
+    size_t top_ = 10;
+    std::vector<uint32_t> bits_;
+    Page_Sizes sizes_;
+};
+
+std::unique_ptr<Trace_Counts> Stats_Command::count_file(Tool_Run &run, Trace_File &file) const
+{
+    auto counts = std::make_unique<Trace_Counts>(sizes_);
+    counts->file_bytes = file.info().size;
+    Progress progress(run, file.name(), file.info().records);
+    size_t losses = 0;
+    while (const QTRACE_Item *item = file.next()) {
+        if (file.losses().size() != losses)
+            counts->loss();
+        losses = file.losses().size();
+        if (item->kind == QTRACE_ITEM_HEADER)
+            counts->header(item->header);
+        else
+            counts->record(*item);
+        progress.step();
+    }
+    return counts;
+}
+
+void Stats_Command::run(Tool_Run &run)
+{
+    if (!bits_.empty())
+        sizes_ = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
+    std::vector<Column> columns;
+    auto total = std::make_unique<Trace_Counts>(sizes_);
+    for (const std::string &name : files_of(files_))
+        if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name)) {
+            columns.push_back({name, count_file(run, *file)});
+            total->add(*columns.back().counts);
+        }
+    if (columns.empty())
+        return;
+    const std::vector<Metric> metrics = metrics_of(*total, sizes_);
+    if (columns.size() > 1)
+        columns.push_back({"total", std::move(total)});
+    if (!run.json) {
+        print_table(run.out, columns, metrics);
+        print_lists(run.out, *columns.back().counts);
+        return;
+    }
+    for (const Column &column : columns)
+        print_json(run.out, column, metrics);
+}
+
+void Stats_Command::print_table(Output &out, const std::vector<Column> &columns,
+                                const std::vector<Metric> &metrics) const
+{
+    size_t width = 14;
+    for (const Column &column : columns)
+        width = std::max(width, column.name.size() + 2);
+    out.paint(Colour::head);
+    out.print("{:<46}", "");
+    for (const Column &column : columns)
+        out.print("{:>{}}", column.name, width);
+    out.paint(Colour::plain);
+    out.put('\n');
+    for (const Metric &metric : metrics) {
+        out.print("{:<46}", metric.label);
+        for (const Column &column : columns)
+            if (metric.value)
+                out.print("{:>{}.{}f}", metric.value(*column.counts), width, metric.decimals);
+        out.put('\n');
+    }
+}
+
+void Stats_Command::print_pages(Output &out, const char *title, const Page_Counts &pages) const
+{
+    out.print("{}\n", title);
+    for (const auto &[page, times] : hottest(pages, top_))
+        out.print("  {:016x}  {:<8} {:>12}{}\n", page.first, sizes_.name(page.size_code), times,
+                  page.guest == 0 ? "" : fmt::format("  in partition {}", page.guest - 1));
+}
+
+void Stats_Command::print_lists(Output &out, const Trace_Counts &total) const
+{
+    out.put("partitions (instructions)\n");
+    for (const auto &[partition, times] : total.partitions)
+        out.print("  lpid 0x{:<6x} pid {:<10} {:>12}  {:5.1f} %\n", partition.lpid, partition.pid, times,
+                  100.0 * per_instruction(total, times));
+    print_pages(out, "hot pages, fetched (real address, size, instructions)", total.fetch_pages);
+    if (total.unnamed_fetches > 0)
+        out.print("  on pages entered in sequence, which records do not name: {}\n", total.unnamed_fetches);
+    print_pages(out, "hot pages, data (real address, size, accesses)", total.data_pages);
+    out.put("hot branch targets (address, times)\n");
+    for (const auto &[target, times] : total.targets.top(top_))
+        out.print("  {:016x}  {:>21}\n", target, times);
+    if (total.targets.shortfall() > 0)
+        out.print("  (counts may be too low, by at most {})\n", total.targets.shortfall());
+}
+
+void Stats_Command::print_pages_json(Output &out, const char *key, const Page_Counts &pages) const
+{
+    out.print(",\"{}\":[", key);
+    for (const char *separator = ""; const auto &[page, times] : hottest(pages, top_)) {
+        out.print("{}{{\"address\":\"0x{:x}\",\"size\":\"{}\",\"times\":{}", separator, page.first,
+                  sizes_.name(page.size_code), times);
+        if (page.guest != 0)
+            out.print(",\"lpid\":\"0x{:x}\"", page.guest - 1);
+        out.put('}');
+        separator = ",";
+    }
+    out.put(']');
+}
+
+void Stats_Command::print_json(Output &out, const Column &column, const std::vector<Metric> &metrics) const
+{
+    const Trace_Counts &counts = *column.counts;
+    out.put("{\"file\":");
+    print_json_text(out, column.name);
+    for (const Metric &metric : metrics)
+        if (metric.value)
+            out.print(",\"{}\":{:.{}f}", metric.key, metric.value(counts), metric.decimals == 0 ? 0 : 4);
+    out.put(",\"partitions\":[");
+    for (const char *separator = ""; const auto &[partition, times] : counts.partitions) {
+        out.print("{}{{\"lpid\":\"0x{:x}\",\"pid\":{},\"instructions\":{}}}", separator, partition.lpid,
+                  partition.pid, times);
+        separator = ",";
+    }
+    out.print("],\"unnamed_fetches\":{}", counts.unnamed_fetches);
+    print_pages_json(out, "hot_fetch_pages", counts.fetch_pages);
+    print_pages_json(out, "hot_data_pages", counts.data_pages);
+    out.put(",\"hot_targets\":[");
+    for (const char *separator = ""; const auto &[target, times] : counts.targets.top(top_)) {
+        out.print("{}{{\"address\":\"0x{:x}\",\"times\":{}}}", separator, target, times);
+        separator = ",";
+    }
+    out.print("],\"target_shortfall\":{}}}\n", counts.targets.shortfall());
+}
+
+} // namespace
+
+std::unique_ptr<Command> make_stats_command()
+{
+    return std::make_unique<Stats_Command>();
+}
+
+} // namespace qtrace_tool

@@ -1,0 +1,245 @@
+#include "trace_counts.h"
+
+#include "instruction_kind.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace qtrace_tool
+{
+
+// ---- Frequent keys -------------------------------------------------------------------------------------
+
+void Frequent_Keys::add(uint64_t key, uint64_t times)
+{
+    const auto found = counts_.find(key);
+    if (found != counts_.end()) {
+        found->second += times;
+        return;
+    }
+    while (counts_.size() >= CAPACITY)
+        make_room();
+    counts_.emplace(key, times);
+}
+
+// Every count gives up as much as the smallest has, so that what remains stays the same for all.
+void Frequent_Keys::make_room()
+{
+    const auto smaller = [](const auto &a, const auto &b) { return a.second < b.second; };
+    const uint64_t least = std::ranges::min_element(counts_, smaller)->second;
+    shortfall_ += least;
+    for (auto entry = counts_.begin(); entry != counts_.end();) {
+        entry->second -= least;
+        entry = entry->second == 0 ? counts_.erase(entry) : std::next(entry);
+    }
+}
+
+void Frequent_Keys::add(const Frequent_Keys &other)
+{
+    for (const auto &[key, count] : other.counts_)
+        add(key, count);
+    shortfall_ += other.shortfall_;
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> Frequent_Keys::top(size_t count) const
+{
+    std::vector<std::pair<uint64_t, uint64_t>> keys(counts_.begin(), counts_.end());
+    std::ranges::sort(keys, [](const auto &a, const auto &b) {
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
+    });
+    keys.resize(std::min(count, keys.size()));
+    return keys;
+}
+
+// ---- Pages ---------------------------------------------------------------------------------------------
+
+size_t Page_Hash::operator()(const Page &page) const
+{
+    return (page.first ^ page.guest << 56 ^ page.size_code) * 0x9E3779B97F4A7C15u >> 7;
+}
+
+std::string Page_Sizes::name(uint8_t code) const
+{
+    static constexpr char UNITS[] = {'K', 'M', 'G', 'T'};
+    if (code >= bits_.size() || bits_[code] < 10 || bits_[code] >= 50)
+        return fmt::format("code {}", code);
+    return fmt::format("{}{}", 1u << bits_[code] % 10, UNITS[bits_[code] / 10 - 1]);
+}
+
+Page Trace_Counts::page_of(const Translated_Address &address) const
+{
+    const unsigned bits = sizes_.bits(address.page_size);
+    const uint64_t real = uint64_t{address.page_number} << 12;
+    const bool nested = address.pair().walk == Walk_Kind::nested;
+    return {real >> bits << bits, nested ? partition_.lpid + 1 : 0, address.page_size};
+}
+
+// ---- Items ---------------------------------------------------------------------------------------------
+
+void Trace_Counts::enter(const Translated_Address &address, uint64_t effective)
+{
+    fetch_case_ = address.modes.index();
+    fetch_page_ = nullptr;
+    if ((address.pieces & PIECE_RPN) == 0)
+        return;
+    fetch_mask_ = ~uint64_t{0} << sizes_.bits(address.page_size);
+    fetch_first_ = effective & fetch_mask_;
+    fetch_page_ = &fetch_pages[page_of(address)];
+}
+
+void Trace_Counts::header(const QTRACE_FILE_HDR &header)
+{
+    const bool full = header.control.iar_is_present;
+    (full ? full_headers : partition_headers)++;
+    partition_ = {number(header.lpid), number(header.pid)};
+    partition_count_ = &partitions[partition_];
+    if (full)
+        enter(first_address_of(header), number(header.iar));
+}
+
+void Trace_Counts::loss()
+{
+    fetch_case_ = UNKNOWN_CASE;
+    fetch_page_ = nullptr;
+}
+
+void Trace_Counts::count_fetch(const QTRACE_Item &item)
+{
+    fetch_cases[fetch_case_]++;
+    if (fetch_page_ != nullptr && (item.address & fetch_mask_) == fetch_first_)
+        (*fetch_page_)++;
+    else
+        unnamed_fetches++;
+}
+
+void Trace_Counts::count_branch(const QTRACE_Item &item)
+{
+    const uint64_t next = number(item.record.next_instruction_ea);
+    switch (branch_outcome(item.record, item.address)) {
+    case Branch_Outcome::no_branch:
+        other_jumps += item.record.header.control.fld.iar_change_present;
+        break;
+    case Branch_Outcome::undecided:
+        undecided++;
+        break;
+    case Branch_Outcome::not_taken:
+        not_taken++;
+        break;
+    case Branch_Outcome::taken:
+        taken++;
+        targets.add(next);
+        break;
+    case Branch_Outcome::unconditional:
+        unconditional++;
+        targets.add(next);
+        break;
+    }
+}
+
+void Trace_Counts::count_data(const QTRACE_RECORD &record)
+{
+    const auto &flags = record.header.control.fld;
+    data_addresses++;
+    data_errors += flags.trace_error_code_present;
+    const Translated_Address address = data_address_of(record);
+    data_cases[address.modes.index()]++;
+    if ((address.pieces & PIECE_RPN) == 0)
+        return;
+    const Page page = page_of(address);
+    if (last_data_count_ == nullptr || !(page == last_data_page_)) {
+        last_data_count_ = &data_pages[page];
+        last_data_page_ = page;
+    }
+    (*last_data_count_)++;
+}
+
+static uint64_t filled_words(const uint8_t *bytes, size_t size)
+{
+    uint64_t words = 0;
+    for (size_t i = 0; i + sizeof(uint64_t) <= size; i += sizeof(uint64_t))
+        words += !is_zero(bytes + i, sizeof(uint64_t));
+    return words;
+}
+
+static uint64_t bytes_of(const Trace_Member &member, const QTRACE_RECORD &record)
+{
+    switch (member.shape) {
+    case Member_Shape::registers: {
+        uint64_t bytes = 0;
+        for (const Register_Class &kind : REGISTER_CLASSES)
+            bytes += kind.entries(record.regs) * (sizeof(uint16_t) + kind.words * sizeof(uint64_t));
+        return bytes;
+    }
+    case Member_Shape::host_walks:
+    case Member_Shape::host_addresses:
+    case Member_Shape::guest_walk:
+        return filled_words(member.at(record), member.size) * sizeof(uint64_t);
+    default:
+        return member.size;
+    }
+}
+
+void Trace_Counts::count_members(const QTRACE_RECORD &record, const Flag_Words &flags)
+{
+    group_bytes[static_cast<size_t>(Field_Group::instruction)] += sizeof(record.header.instruction);
+    group_bytes[static_cast<size_t>(Field_Group::flags)] += sizeof(record.header.control);
+    for (const Trace_Member &member : RECORD_MEMBERS)
+        if (member.gated() && flags.any_of(member.gate))
+            group_bytes[static_cast<size_t>(member.group)] += bytes_of(member, record);
+    if (flags.control != 0 && record.header.control.fld.register_trace_present)
+        for (size_t i = 0; i < REGISTER_CLASSES.size(); i++)
+            registers[i] += REGISTER_CLASSES[i].entries(record.regs);
+}
+
+void Trace_Counts::record(const QTRACE_Item &item)
+{
+    const QTRACE_RECORD &record = item.record;
+    const auto &flags = record.header.control.fld;
+    instructions++;
+    if (partition_count_ != nullptr)
+        (*partition_count_)++;
+    count_fetch(item);
+    count_branch(item);
+    const Instruction_Info info = instruction_info(record.header.instruction);
+    loads += info.kind == Instruction_Kind::load;
+    stores += info.kind == Instruction_Kind::store;
+    cache += info.kind == Instruction_Kind::cache;
+    strings += info.string || flags.length_present;
+    string_bytes += flags.length_present ? record.length : 0;
+    if (flags.data_address_present)
+        count_data(record);
+    count_members(record, flags_of(record));
+    if (flags.next_instruction_EA_present)
+        enter(next_address_of(record), number(record.next_instruction_ea));
+}
+
+void Trace_Counts::add(const Trace_Counts &other)
+{
+    static constexpr uint64_t Trace_Counts::*NUMBERS[] = {
+        &Trace_Counts::file_bytes,  &Trace_Counts::instructions,      &Trace_Counts::full_headers,
+        &Trace_Counts::taken,       &Trace_Counts::partition_headers, &Trace_Counts::not_taken,
+        &Trace_Counts::loads,       &Trace_Counts::unconditional,     &Trace_Counts::undecided,
+        &Trace_Counts::stores,      &Trace_Counts::other_jumps,       &Trace_Counts::cache,
+        &Trace_Counts::strings,     &Trace_Counts::string_bytes,      &Trace_Counts::data_addresses,
+        &Trace_Counts::data_errors, &Trace_Counts::unnamed_fetches,
+    };
+    const auto sum = [](auto &to, const auto &from) {
+        for (size_t i = 0; i < std::size(to); i++)
+            to[i] += from[i];
+    };
+    for (uint64_t Trace_Counts::*member : NUMBERS)
+        this->*member += other.*member;
+    sum(registers, other.registers);
+    sum(fetch_cases, other.fetch_cases);
+    sum(data_cases, other.data_cases);
+    sum(group_bytes, other.group_bytes);
+    for (const auto &[key, count] : other.partitions)
+        partitions[key] += count;
+    for (const auto &[page, count] : other.fetch_pages)
+        fetch_pages[page] += count;
+    for (const auto &[page, count] : other.data_pages)
+        data_pages[page] += count;
+    targets.add(other.targets);
+}
+
+} // namespace qtrace_tool

@@ -1,0 +1,118 @@
+// What `stats` counts over one trace, or over several together.
+#pragma once
+
+#include "qtrace_reader.h"
+#include "trace_members.h"
+#include "translated_address.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace qtrace_tool
+{
+
+// How often keys occur, in constant memory: exact while there are no more than CAPACITY of them, else each count is
+// too low by at most shortfall().
+class Frequent_Keys
+{
+public:
+    static constexpr size_t CAPACITY = 8192;
+
+    void add(uint64_t key, uint64_t times = 1);
+    void add(const Frequent_Keys &other);
+    uint64_t shortfall() const { return shortfall_; }
+    // The most frequent, most first.
+    std::vector<std::pair<uint64_t, uint64_t>> top(size_t count) const;
+
+private:
+    void make_room();
+
+    std::unordered_map<uint64_t, uint64_t> counts_;
+    uint64_t shortfall_ = 0;
+};
+
+// A page that accesses went to. Page numbers of nested translations are the guest's, so its partition belongs to
+// them.
+struct Page {
+    uint64_t first = 0; // its real address (nested: guest real address)
+    uint64_t guest = 0; // partition + 1; 0: a page of the host
+    uint8_t size_code = 0;
+    bool operator==(const Page &) const = default;
+};
+struct Page_Hash {
+    size_t operator()(const Page &page) const;
+};
+using Page_Counts = std::unordered_map<Page, uint64_t, Page_Hash>;
+
+// Sizes that page-size codes stand for, as powers of two; the codes are the simulator's.
+class Page_Sizes
+{
+public:
+    Page_Sizes() : bits_{12, 16, 21, 30, 24} {}
+    explicit Page_Sizes(std::vector<uint8_t> bits) : bits_(std::move(bits)) {}
+    unsigned bits(uint8_t code) const { return code < bits_.size() ? bits_[code] : 12u; }
+    std::string name(uint8_t code) const; // "64K", "code 9"
+
+private:
+    std::vector<uint8_t> bits_;
+};
+
+struct Partition {
+    uint64_t lpid;
+    uint32_t pid;
+    auto operator<=>(const Partition &) const = default;
+};
+
+inline constexpr size_t UNKNOWN_CASE = 16; // behind the 16 mode pairs
+
+class Trace_Counts
+{
+public:
+    explicit Trace_Counts(const Page_Sizes &sizes) : sizes_(sizes) {}
+
+    void header(const QTRACE_FILE_HDR &header);
+    void record(const QTRACE_Item &item);
+    void loss(); // what is known of the current page, mode and partition does not hold any more
+    // Adds what another trace has; afterwards only the counts mean something.
+    void add(const Trace_Counts &other);
+
+    uint64_t file_bytes = 0;
+    uint64_t instructions = 0;
+    uint64_t full_headers = 0, partition_headers = 0;
+    uint64_t taken = 0, not_taken = 0, unconditional = 0, undecided = 0; // branches
+    uint64_t other_jumps = 0; // changes of address that no branch made: interrupts, exceptions
+    uint64_t loads = 0, stores = 0, cache = 0, strings = 0, string_bytes = 0;
+    uint64_t data_addresses = 0, data_errors = 0;
+    uint64_t registers[10] = {};                 // as REGISTER_CLASSES
+    uint64_t fetch_cases[UNKNOWN_CASE + 1] = {}; // instructions, by mode pair of their own address
+    uint64_t data_cases[UNKNOWN_CASE] = {};      // data addresses
+    uint64_t group_bytes[FIELD_GROUPS] = {};     // of filled members, before any encoding
+    uint64_t unnamed_fetches = 0; // instructions on a page that was entered in sequence: records name no page then
+    std::map<Partition, uint64_t> partitions; // instructions
+    Page_Counts fetch_pages, data_pages;
+    Frequent_Keys targets; // of taken and unconditional branches
+
+    uint64_t branches() const { return taken + not_taken + unconditional + undecided; }
+
+private:
+    void count_branch(const QTRACE_Item &item);
+    void count_members(const QTRACE_RECORD &record, const Flag_Words &flags);
+    void count_data(const QTRACE_RECORD &record);
+    void count_fetch(const QTRACE_Item &item);
+    void enter(const Translated_Address &address, uint64_t effective);
+    Page page_of(const Translated_Address &address) const;
+
+    Page_Sizes sizes_;
+    size_t fetch_case_ = UNKNOWN_CASE;
+    uint64_t *fetch_page_ = nullptr;            // count of the page that is being executed; in fetch_pages
+    uint64_t fetch_first_ = 0, fetch_mask_ = 0; // its effective addresses
+    Page last_data_page_;
+    uint64_t *last_data_count_ = nullptr;
+    Partition partition_{0, 0};
+    uint64_t *partition_count_ = nullptr;
+};
+
+} // namespace qtrace_tool
