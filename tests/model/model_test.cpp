@@ -1,6 +1,6 @@
 // Random machines, streams and console commands into the plugin and into a plain model of it.
 //
-//     model_test [--long] [--seed N] [--runs N]
+//     model_test [--long] [--seed N] [--runs N] [--no-shrink]
 //
 // --long, or QT_LONG in the environment, takes ten times as many steps. --runs 1 --seed N repeats one run.
 #include "model_run.h"
@@ -20,6 +20,7 @@ struct Options {
     uint64_t runs = 0; // 0: as many as it takes for the two below
     uint64_t commits = 100'000;
     uint64_t commands = 2'000;
+    bool shrinks = true; // a run with a mismatch before it is shown
 };
 
 Options options_of(int argc, char **argv)
@@ -30,10 +31,12 @@ Options options_of(int argc, char **argv)
         const std::string word = argv[i];
         if (word == "--long") {
             is_long = true;
+        } else if (word == "--no-shrink") {
+            options.shrinks = false;
         } else if ((word == "--seed" || word == "--runs") && i + 1 < argc) {
             (word == "--seed" ? options.seed : options.runs) = std::strtoull(argv[++i], nullptr, 0);
         } else {
-            std::fprintf(stderr, "usage: model_test [--long] [--seed N] [--runs N]\n");
+            std::fprintf(stderr, "usage: model_test [--long] [--seed N] [--runs N] [--no-shrink]\n");
             std::exit(2);
         }
     }
@@ -53,9 +56,12 @@ void tell_seed(int signal)
     std::raise(signal);
 }
 
-int report(uint64_t seed, const model::Run &run, const model::Mismatch &mismatch)
+int report(uint64_t seed, const model::Run &run, const model::Mismatch &mismatch, bool shrinks)
 {
-    std::printf("seed %lu, step %zu: %s\nshrinking ...\n", seed, mismatch.step, mismatch.what.c_str());
+    std::printf("seed %lu, step %zu: %s\n", seed, mismatch.step, mismatch.what.c_str());
+    if (!shrinks)
+        return 1;
+    std::printf("shrinking ...\n");
     std::fflush(stdout);
     const model::Run small = model::shrunk(run);
     std::printf("%s\n", model::to_text(small.shape).c_str());
@@ -87,7 +93,7 @@ int main(int argc, char **argv)
         std::snprintf(repeat_hint, sizeof repeat_hint, "\nrepeat with: model_test --runs 1 --seed %lu\n", seed);
         const model::Run run = model::random_run(seed);
         if (const auto mismatch = model::play(run, figures))
-            return report(seed, run, *mismatch);
+            return report(seed, run, *mismatch, options.shrinks);
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
     std::printf(
