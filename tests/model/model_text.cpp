@@ -1,4 +1,5 @@
 #include "plugin_model.h"
+#include "shown_mode_names.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -45,51 +46,6 @@ std::string comment_of(const Node &node)
 
 namespace
 {
-
-const char *mode_name(int mode)
-{
-    static const char *const names[] = {
-        "RADIX_MODE_NOT_YET_SET",
-        "NOT_Radix",
-        "OffsetReal",
-        "UPRTeq0_TI",
-        "UPRTeq0_TA_PLS",
-        "UPRTeq0_TA_SLS",
-        "UPRTeq1_TI",
-        "UPRTeq1_TA_PLS",
-        "UPRTeq1_TA_SLS",
-        "Unknown",
-        "Unknown",
-        "HypervisorRealModeHRMOR",
-        "HypervisorRealModeNoHRMOR",
-        "VirtualRealMode",
-        "Z7_GuestHptOnHostHpt",
-        "Z7_GuestRadixOnHostHpt",
-        "Z7_GuestRealOnHostHpt",
-        "Z7_GuestRadixOnHostHpt_HVeq1_LPIDneq0",
-        "Z7_GuestRadixOnHostHpt_HVeq1_LPIDeq0",
-        "Z7_HostHptSTEGroup",
-        "Z7_HostHptShortVA",
-        "Z7_ProcessTableEntryHostHpt_Primary_LLP",
-        "Z7_ProcessTableEntryHostHpt_Secondary_LLP",
-        "Z7_GuestRadixOnHostRadix",
-        "Z7_GuestRealOnHostRadix",
-        "Z7_HostRadixSingleLevel",
-        "Z7_HostRadixProcessScoped",
-        "Z7_HypervisorRadixSingleLevel",
-        "Unknown",
-        "Z7_HypervisorRadixProcessScoped",
-        "Z7_HostRadixSingleLevel_PR_0",
-        "Z7_HostRadixSingleLevel_MSR_PR",
-        "Z7_ProcessTableEntryRadix",
-        "Unknown",
-        "POSSIBLE_GUEST_Radix",
-        "POSSIBLE_HOST_Radix",
-        "POSSIBLE_HYPERVISOR_Radix",
-        "RDX_XLATE_MODE_LAST",
-    };
-    return mode >= 0 && mode <= 37 ? names[mode] : "Unknown";
-}
 
 // One parenthesised address: "(iar_hRTPDE_L1_RA:0x...)".
 std::string item(const char *side, const char *name, uint64_t address)
@@ -265,8 +221,8 @@ std::string branch_item(const Node &n)
 std::string text_line(const Node &n)
 {
     std::string line = formatted("(seq:%ld,tid:%d) ", static_cast<long>(n.seq), n.tid);
-    line += formatted("(xlatetype_I:%s) ", mode_name(n.fetch.mode));
-    line += formatted("(xlatetype_D:%s) ", mode_name(n.data.mode));
+    line += formatted("(xlatetype_I:%s) ", shown_mode_name(static_cast<unsigned>(n.fetch.mode)));
+    line += formatted("(xlatetype_D:%s) ", shown_mode_name(static_cast<unsigned>(n.data.mode)));
     line +=
         formatted("(pid:%d,lpid:%ld,ptcr:0x%016lX) ", static_cast<int>(n.pid), static_cast<long>(n.lpid), n.ptcr);
     line += formatted("(%s,%s) ", n.kernel ? "KERN" : "USER", n.simple ? "SIMP" : "CYCLE");

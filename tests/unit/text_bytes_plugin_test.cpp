@@ -1,6 +1,7 @@
 // Random nodes, formatted here with snprintf from the formats that readers of the text trace know, and by the
 // plugin: the bytes must be the same. This writer is plain and slow on purpose and shares nothing with the
 // plugin's.
+#include "shown_mode_names.h"
 #include "text_streams.h"
 
 #include "text.h"
@@ -75,56 +76,11 @@ private:
         put("GuestPagesUsed:%s\n", page_words(p.gpages_used).c_str());
     }
 
-    static const char *mode_name(unsigned mode)
-    {
-        static const char *const names[] = {
-            "RADIX_MODE_NOT_YET_SET",
-            "NOT_Radix",
-            "OffsetReal",
-            "UPRTeq0_TI",
-            "UPRTeq0_TA_PLS",
-            "UPRTeq0_TA_SLS",
-            "UPRTeq1_TI",
-            "UPRTeq1_TA_PLS",
-            "UPRTeq1_TA_SLS",
-            "Unknown",
-            "Unknown",
-            "HypervisorRealModeHRMOR",
-            "HypervisorRealModeNoHRMOR",
-            "VirtualRealMode",
-            "Z7_GuestHptOnHostHpt",
-            "Z7_GuestRadixOnHostHpt",
-            "Z7_GuestRealOnHostHpt",
-            "Z7_GuestRadixOnHostHpt_HVeq1_LPIDneq0",
-            "Z7_GuestRadixOnHostHpt_HVeq1_LPIDeq0",
-            "Z7_HostHptSTEGroup",
-            "Z7_HostHptShortVA",
-            "Z7_ProcessTableEntryHostHpt_Primary_LLP",
-            "Z7_ProcessTableEntryHostHpt_Secondary_LLP",
-            "Z7_GuestRadixOnHostRadix",
-            "Z7_GuestRealOnHostRadix",
-            "Z7_HostRadixSingleLevel",
-            "Z7_HostRadixProcessScoped",
-            "Z7_HypervisorRadixSingleLevel",
-            "Unknown",
-            "Z7_HypervisorRadixProcessScoped",
-            "Z7_HostRadixSingleLevel_PR_0",
-            "Z7_HostRadixSingleLevel_MSR_PR",
-            "Z7_ProcessTableEntryRadix",
-            "Unknown",
-            "POSSIBLE_GUEST_Radix",
-            "POSSIBLE_HOST_Radix",
-            "POSSIBLE_HYPERVISOR_Radix",
-            "RDX_XLATE_MODE_LAST",
-        };
-        return mode < std::size(names) ? names[mode] : "Unknown";
-    }
-
     void record()
     {
         put("(seq:%ld,tid:%d) ", p.seq, p.proc_index);
-        put("(xlatetype_I:%s) ", mode_name(p.pc_radix_type));
-        put("(xlatetype_D:%s) ", mode_name(p.data_radix_type));
+        put("(xlatetype_I:%s) ", shown_mode_name(p.pc_radix_type));
+        put("(xlatetype_D:%s) ", shown_mode_name(p.data_radix_type));
         put("(pid:%d,lpid:%ld,ptcr:0x%016lX) ", p.pid, p.lpid, p.ptcr);
         put("(%s,%s) ", p.info.kernel ? "KERN" : "USER", p.simple ? "SIMP" : "CYCLE");
         put("(commit:%d)", p.commit);
