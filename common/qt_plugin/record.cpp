@@ -1,12 +1,50 @@
 #include "record.h"
 
 #include "auto_comment.h"
+#include "clear_members.h"
 #include "qtrace.h"
 #include "xlate_modes.h"
 
 #include <algorithm>
 #include <stdlib.h>
 #include <string.h>
+
+// Bodies that are to be folded into their callers, so that views of an address or of registers stay notation.
+#define INLINE_BODY static inline __attribute__((always_inline))
+
+// ---- Flags -----------------------------------------------------------------------------------------------------
+
+// A control word as a number. Flags are collected in a register and stored once: set one after the other in memory,
+// each would wait for the store before it. CONTROL gives the lowest bit of a member, a constant to the compiler.
+template <class Set> static inline uint64_t control_bits(Set set)
+{
+    control_word word = {};
+    set(word.fld);
+    uint64_t bits;
+    static_assert(sizeof bits == sizeof word);
+    memcpy(&bits, &word, sizeof bits);
+    return bits;
+}
+
+#define CONTROL(member) control_bits([](auto &fld) { fld.member = 1; })
+
+static void put_control(control_word &to, uint64_t bits)
+{
+    memcpy(&to, &bits, sizeof to);
+}
+
+static uint64_t instruction_modes(RDX_XLATE_MODE mode)
+{
+    const Xlate_Mode_Info &info = mode_info(mode);
+    return CONTROL(secondary_extender_present) | CONTROL(guest_xlate_mode_instruction) * (info.guest & 3u) |
+           CONTROL(host_xlate_mode_instruction) * (info.host & 3u);
+}
+
+static uint64_t data_modes(RDX_XLATE_MODE mode)
+{
+    const Xlate_Mode_Info &info = mode_info(mode);
+    return CONTROL(guest_xlate_mode_data) * (info.guest & 3u) | CONTROL(host_xlate_mode_data) * (info.host & 3u);
+}
 
 // ---- Addresses with their translation --------------------------------------------------------------------------
 
@@ -29,7 +67,7 @@ static Record_Address iar_address(QTRACE_FILE_HDR &header)
             header.iar_page_size, header.iar_gpage_size};
 }
 
-static Record_Address next_instruction_address(QTRACE_RECORD &record)
+INLINE_BODY Record_Address next_instruction_address(QTRACE_RECORD &record)
 {
     return {record.next_instruction_ea,         record.next_instruction_vsid,
             record.next_instruction_hRTW_depth, record.next_instruction_hRTW_num_level,
@@ -38,7 +76,7 @@ static Record_Address next_instruction_address(QTRACE_RECORD &record)
             record.next_instruction_page_size,  record.next_instruction_gpage_size};
 }
 
-static Record_Address data_address(QTRACE_RECORD &record)
+INLINE_BODY Record_Address data_address(QTRACE_RECORD &record)
 {
     return {record.data_ea,        record.data_vsid,         record.data_hRTW_depth, record.data_hRTW_num_level,
             record.data_hRTW,      record.data_hRTW_host_RA, record.data_gRTW,       record.data_rpn,
@@ -89,7 +127,7 @@ static void put_nested_walk(const Record_Address &to, const Xlate_Fields &from)
         put_host_walk_levels(to.hRTW[last], from.hRTW[last], levels);
 }
 
-static void put_walk(XLATE_WALK walk, const Record_Address &to, const Xlate_Fields &from)
+INLINE_BODY void put_walk(XLATE_WALK walk, const Record_Address &to, const Xlate_Fields &from)
 {
     switch (walk) {
     case WALK_NONE:
@@ -109,7 +147,7 @@ static void put_walk(XLATE_WALK walk, const Record_Address &to, const Xlate_Fiel
 
 // Puts the address and its translation into a cleared place; returns what it put, for the flags. The host's walk
 // depth goes into num_level and the guest's into depth: readers expect the crossing.
-static Xlate_Case_Info put_address(const Record_Address &to, uint64_t address, const Xlate_Fields &from)
+INLINE_BODY Xlate_Case_Info put_address(const Record_Address &to, uint64_t address, const Xlate_Fields &from)
 {
     put_value(to.ea, address);
     to.num_level = from.host_walkdepth;
@@ -125,14 +163,6 @@ static Xlate_Case_Info put_address(const Record_Address &to, uint64_t address, c
         to.gpage_size = from.gpagesize;
     put_walk(carried.walk, to, from);
     return carried;
-}
-
-static void put_instruction_modes(control_word &control, RDX_XLATE_MODE mode)
-{
-    const Xlate_Mode_Info &info = mode_info(mode);
-    control.fld.secondary_extender_present = 1;
-    control.fld.guest_xlate_mode_instruction = info.guest & 3;
-    control.fld.host_xlate_mode_instruction = info.host & 3;
 }
 
 // ---- File headers ----------------------------------------------------------------------------------------------
@@ -176,7 +206,7 @@ static void put_first_instruction(QTRACE_FILE_HDR &header, Node *p)
     header.control.iar_gpage_size_is_present = carried.gpage;
     if (carried.walk == WALK_GUEST_REAL)
         header.iar_gpage_size = p->PC_gpagesize; // only here, and without its flag
-    put_instruction_modes(header.sec_ext_controlword.control, p->pc_radix_type);
+    put_control(header.sec_ext_controlword.control, instruction_modes(p->pc_radix_type));
 }
 
 // The header in front of a stretch of tracing. Returns 1 when it was written.
@@ -211,37 +241,36 @@ static boolean write_partition_header(const Node *p)
 
 // ---- The record's parts ----------------------------------------------------------------------------------------
 
-static void put_node_and_termination(QTRACE_RECORD &record, const Node *p)
+// Each part fills its members of a record and returns the flags that say so.
+
+static uint64_t put_node_and_termination(QTRACE_RECORD &record, const Node *p)
 {
-    auto &present = record.header.control.fld;
-    if (p->I) {
-        QT_ASSERT(p->N, "p->N");
-        present.iar_change_present = 1;
-    }
+    uint64_t flags = 0;
+    if (p->I)
+        flags |= CONTROL(iar_change_present);
     if (p->N) {
-        present.node_present = 1;
+        flags |= CONTROL(node_present);
         record.node = p->nn;
     }
     if (p->T) {
-        present.termination_present = 1;
+        flags |= CONTROL(termination_present);
         record.termination_node = p->nn;
         record.termination_code =
             p->info.branch == 'U' ? QTRACE_UnconditionalBranchNode : QTRACE_ExceededMaximumInstructionDepth;
     }
+    return flags;
 }
 
-static void put_next_instruction(QTRACE_RECORD &record, Node *p)
+static uint64_t put_next_instruction(QTRACE_RECORD &record, Node *p)
 {
-    put_instruction_modes(record.header.control, p->nextPC_radix_type);
+    const uint64_t modes = instruction_modes(p->nextPC_radix_type);
     if (!p->I && (!p->N || p->T))
-        return;
+        return modes;
     const Xlate_Case_Info carried = put_address(next_instruction_address(record), p->nextPC, next_pc_fields(p));
-    auto &present = record.header.control.fld;
-    present.next_instruction_EA_present = 1;
-    present.next_instruction_VSID_present = carried.vsid;
-    present.next_instruction_RPN_present = carried.rpn;
-    present.next_instruction_page_size_present = carried.page;
-    present.instruction_gpage_size_present = carried.gpage;
+    return modes | CONTROL(next_instruction_EA_present) | CONTROL(next_instruction_VSID_present) * carried.vsid |
+           CONTROL(next_instruction_RPN_present) * carried.rpn |
+           CONTROL(next_instruction_page_size_present) * carried.page |
+           CONTROL(instruction_gpage_size_present) * carried.gpage;
 }
 
 static void put_register_value(QTRACE_UINT64 &to, const uint64_t &value)
@@ -255,15 +284,21 @@ static void put_register_value(QTRACE_UINT64 (&to)[2], const QuadWord &value)
 }
 
 // One class of registers. A record holds fewer of some classes than the host reports: those beyond are left out.
+// Entries that only the record before had are cleared.
 template <class Entry, class Value, size_t N, size_t HOST_N>
-static void put_class(QTRACE_UINT8 &count, Entry (&to)[N], int32_t num, const int32_t (&index)[HOST_N],
-                      const Value (&value)[HOST_N])
+INLINE_BODY void put_class(QTRACE_UINT8 &count, Entry (&to)[N], int32_t num, const int32_t (&index)[HOST_N],
+                           const Value (&value)[HOST_N])
 {
-    count = static_cast<QTRACE_UINT8>(std::clamp<int32_t>(num, 0, N));
-    for (size_t i = 0; i < count; ++i) {
+    if (num <= 0 && count == 0)
+        return;
+    const auto now = static_cast<size_t>(std::clamp<int32_t>(num, 0, N));
+    for (size_t i = 0; i < now; ++i) {
         to[i].index = static_cast<QTRACE_UINT16>(index[i]);
         put_register_value(to[i].value, value[i]);
     }
+    for (size_t i = now; i < count && i < N; ++i)
+        to[i] = {};
+    count = static_cast<QTRACE_UINT8>(now);
 }
 
 // The registers of one direction in a record.
@@ -274,93 +309,104 @@ struct Record_Registers {
     QTRACE_VSX_REGISTER_INFO (&vsxr)[QTRACE_MAX_VSXRS_IN];
 };
 
-static Record_Registers in_registers(QTRACE_REGISTERS &r)
+INLINE_BODY Record_Registers in_registers(QTRACE_REGISTERS &r)
 {
     return {r.num_gprs_in, r.num_fprs_in, r.num_sprs_in, r.num_vmxrs_in, r.num_vsxrs_in,
             r.gpr_in,      r.fpr_in,      r.spr_in,      r.vmxr_in,      r.vsxr_in};
 }
 
-static Record_Registers out_registers(QTRACE_REGISTERS &r)
+INLINE_BODY Record_Registers out_registers(QTRACE_REGISTERS &r)
 {
     return {r.num_gprs_out, r.num_fprs_out, r.num_sprs_out, r.num_vmxrs_out, r.num_vsxrs_out,
             r.gpr_out,      r.fpr_out,      r.spr_out,      r.vmxr_out,      r.vsxr_out};
 }
 
 // Returns whether there are any.
-static bool put_registers(const Record_Registers &to, const Plugin_Inst_Registers &from)
+INLINE_BODY bool put_registers(const Record_Registers &to, const Plugin_Inst_Registers &registers)
 {
-    if (int64_t{from.gpr_num} + from.fpr_num + from.spr_num + from.vmx_num + from.vsx_num <= 0)
-        return false;
+    static constexpr Plugin_Inst_Registers NONE = {};
+    const bool any =
+        int64_t{registers.gpr_num} + registers.fpr_num + registers.spr_num + registers.vmx_num + registers.vsx_num >
+        0;
+    const Plugin_Inst_Registers &from = any ? registers : NONE;
     put_class(to.num_gprs, to.gpr, from.gpr_num, from.gpr_index, from.gpr_value);
     put_class(to.num_fprs, to.fpr, from.fpr_num, from.fpr_index, from.fpr_value);
     put_class(to.num_sprs, to.spr, from.spr_num, from.spr_index, from.spr_value);
     put_class(to.num_vmxrs, to.vmxr, from.vmx_num, from.vmx_index, from.vmx_value);
     put_class(to.num_vsxrs, to.vsxr, from.vsx_num, from.vsx_index, from.vsx_value);
-    return true;
+    return any;
 }
 
-static void put_register_trace(QTRACE_RECORD &record, const Node *p)
+static uint64_t put_register_trace(QTRACE_RECORD &record, const Node *p)
 {
     const bool any_in = put_registers(in_registers(record.regs), p->reg_in);
     const bool any_out = put_registers(out_registers(record.regs), p->reg_out);
-    record.header.control.fld.register_trace_present = any_in || any_out;
+    return CONTROL(register_trace_present) * (any_in || any_out);
 }
 
-static void put_data_modes(control_word &control, RDX_XLATE_MODE mode)
+static uint64_t put_data(QTRACE_RECORD &record, Node *p)
 {
-    const Xlate_Mode_Info &info = mode_info(mode);
-    control.fld.guest_xlate_mode_data = info.guest & 3;
-    control.fld.host_xlate_mode_data = info.host & 3;
-}
-
-static void put_data(QTRACE_RECORD &record, Node *p)
-{
-    put_data_modes(record.header.control, p->data_radix_type);
+    const uint64_t modes = data_modes(p->data_radix_type);
     const First_OP_Info &info = p->info;
     if (!(info.load || info.store || info.cache) || !info.data_addr_valid)
-        return;
+        return modes;
     const Xlate_Case_Info carried = put_address(data_address(record), info.data_addr, data_fields(p));
-    auto &present = record.header.control.fld;
-    present.data_address_present = 1;
-    present.data_VSID_present = carried.vsid;
-    present.data_RPN_present = carried.rpn;
-    present.data_page_size_present = carried.page;
-    present.data_gpage_size_present = carried.gpage;
-    if (p->data_mmu_status != MMU_SUCCESS) {
-        present.trace_error_code_present = 1;
-        record.error_code = QTRACE_DataAddressIsSuspect;
-    }
+    const bool suspect = p->data_mmu_status != MMU_SUCCESS;
+    record.error_code = suspect ? QTRACE_DataAddressIsSuspect : QTRACE_NoError;
+    return modes | CONTROL(data_address_present) | CONTROL(data_VSID_present) * carried.vsid |
+           CONTROL(data_RPN_present) * carried.rpn | CONTROL(data_page_size_present) * carried.page |
+           CONTROL(data_gpage_size_present) * carried.gpage | CONTROL(trace_error_code_present) * suspect;
 }
 
-static void put_string_length(QTRACE_RECORD &record, const First_OP_Info &info)
+static uint64_t put_string_length(QTRACE_RECORD &record, const First_OP_Info &info)
 {
     if (!info.string || info.str_len == UNKNOWN_STRING_LENGTH)
-        return;
-    record.header.control.fld.length_present = 1;
+        return 0;
     record.length = info.str_len;
+    return CONTROL(length_present);
 }
 
 // ---- The record ------------------------------------------------------------------------------------------------
 
+// Makes a record that dump_node has filled before all zero again, but for its registers, which are cleared where
+// they are put. Clears what can have been written, which is a small part: the flags tell which addresses there
+// were.
+static void clear_record(QTRACE_RECORD &record)
+{
+    const auto &had = record.header.control.fld;
+    if (had.data_address_present)
+        CLEAR_MEMBERS(QTRACE_RECORD, &record, data_ea, secondary_data_hRTW_depth);
+    if (had.next_instruction_EA_present)
+        CLEAR_MEMBERS(QTRACE_RECORD, &record, next_instruction_ea, sequential_instruction_hRTW_depth);
+    record.header = {};
+    CLEAR_MEMBERS(QTRACE_RECORD, &record, node, data_ea);
+    record.length = 0;
+    CLEAR_MEMBERS(QTRACE_RECORD, &record, exception_code, next_instruction_segment_size);
+    clear_bytes<sizeof record - offsetof(QTRACE_RECORD, offset)>(&record.offset); // the library may count there
+}
+
 boolean dump_node(Node *p)
 {
-    QTRACE_RECORD record;
-    memset(&record, 0, sizeof record);
+    static QTRACE_RECORD record;
+    clear_record(record);
+    uint64_t flags = 0;
     if (!hdr_write[p->proc_index]) {
         if (!write_file_header(p))
             return 0;
         hdr_write[p->proc_index] = 1;
-        record.header.control.fld.processor_present = 1;
+        flags |= CONTROL(processor_present);
         record.processor = static_cast<QTRACE_PROCESSOR>(p->proc_index);
     }
     record.header.instruction = p->info.instbody;
-    put_node_and_termination(record, p);
+    QT_ASSERT(!p->I || p->N, "p->N"); // here, for the report names this function
+    flags |= put_node_and_termination(record, p);
     if (p->partition_change && !write_partition_header(p))
         return 0;
-    put_next_instruction(record, p);
-    put_register_trace(record, p);
-    put_data(record, p);
-    put_string_length(record, p->info);
+    flags |= put_next_instruction(record, p);
+    flags |= put_register_trace(record, p);
+    flags |= put_data(record, p);
+    flags |= put_string_length(record, p->info);
+    put_control(record.header.control, flags);
     if (QTRACE_FwriteRecord(qfile_in_bin[p->proc_index], &record) == 0)
         return 1;
     sim_do_warning(2, "QTRACE_WriteRecord fail");
