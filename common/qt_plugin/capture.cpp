@@ -1,5 +1,6 @@
 #include "capture.h"
 
+#include "clear_members.h"
 #include "ordering.h"
 #include "xlate_modes.h"
 
@@ -385,6 +386,69 @@ static Node *capture_instruction(int tid, void *iop)
     return p;
 }
 
+// ---- A captured node, all zero again
+// -------------------------------------------------------------------------------
+
+// The first host walk and its result, or everything.
+INLINE_BODY void clear_walk_storage(const Xlate_Fields &x, bool whole)
+{
+    if (whole) {
+        clear_bytes<sizeof x.hRTW>(x.hRTW);
+        clear_bytes<sizeof x.hRTW_host_RA>(x.hRTW_host_RA);
+        clear_bytes<sizeof x.gRTW>(&x.gRTW);
+    } else {
+        clear_bytes<sizeof x.hRTW[0]>(x.hRTW);
+        clear_bytes<sizeof x.hRTW_host_RA[0]>(x.hRTW_host_RA);
+    }
+}
+
+static bool has_guest_walk(RDX_XLATE_MODE mode)
+{
+    const XLATE_CASE rule = mode_info(mode).rule;
+    return rule == CASE_GUEST_RADIX || rule == CASE_GUEST_REAL_RADIX;
+}
+
+template <class Value, size_t N> INLINE_BODY void clear_class(int32_t &num, int32_t (&index)[N], Value (&value)[N])
+{
+    for (int32_t i = 0; i < num && i < static_cast<int32_t>(N); ++i) {
+        index[i] = 0;
+        value[i] = {};
+    }
+    num = 0;
+}
+
+INLINE_BODY void clear_registers(Plugin_Inst_Registers &r)
+{
+    clear_class(r.gpr_num, r.gpr_index, r.gpr_value);
+    clear_class(r.fpr_num, r.fpr_index, r.fpr_value);
+    clear_class(r.spr_num, r.spr_index, r.spr_value);
+    clear_class(r.vsx_num, r.vsx_index, r.vsx_value);
+    clear_class(r.vmx_num, r.vmx_index, r.vmx_value);
+}
+
+// Makes a node all zero again that nothing but this file and the tree's flags have written to. A node has 2.6
+// kilobytes, most of them for guest walks and registers that hardly an instruction has: only what can have been
+// used is cleared. Whoever makes capture fill another member must clear it here; the unit tests compare.
+static void clear_captured(Node *p)
+{
+    First_OP_Info &info = p->info;
+    const bool walks = has_guest_walk(p->pc_radix_type) || has_guest_walk(p->data_radix_type) ||
+                       has_guest_walk(p->nextPC_radix_type);
+    clear_walk_storage(pc_fields(p), walks);
+    clear_walk_storage(next_pc_fields(p), walks);
+    clear_walk_storage(data_fields(p), walks);
+    CLEAR_MEMBERS(Node, p, proc_index, PC_hRTW);
+    CLEAR_MEMBERS(Node, p, ptcr, nextPC_hRTW);
+    CLEAR_MEMBERS(Node, p, nextPC_pagesize, reg_in);
+    clear_registers(p->reg_in);
+    clear_registers(p->reg_out);
+    CLEAR_MEMBERS(Node, p, done, info.name);
+    if (qfile_in_text)
+        clear_bytes<sizeof info.name>(info.name);
+    CLEAR_MEMBERS(Node, p, info.branch, info.data_hRTW);
+    clear_bytes<sizeof *p - offsetof(Node, info.data_gpagesize)>(&info.data_gpagesize);
+}
+
 static void count_instruction(void *iop)
 {
     if (Is_Inst_VMX(iop)) {
@@ -558,7 +622,12 @@ static void write_all_before(Node *current, Node *previous)
     Node *&first = root[current->proc_index];
     dump_tree_right(first);
     previous->left = nullptr;
-    del_tree(first);
+    if (first == previous && first == plain_commit[current->proc_index] && !first->right) {
+        clear_captured(first);
+        free_clear_node(first);
+    } else {
+        del_tree(first);
+    }
     first = current;
 }
 
@@ -610,6 +679,8 @@ void Event_Instruction_Commit(void *iop)
         if (crack_inst[tid])
             current = fix_crack(current);
     }
+    const bool plain = current->simple && !pre_execution[tid];
     drain_pre_execution(current);
     link_instruction(current);
+    plain_commit[tid] = plain ? current : nullptr;
 }

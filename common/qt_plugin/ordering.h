@@ -11,8 +11,14 @@
 Node *new_node();
 // Takes the node back; its links are not followed. Null is allowed.
 void free_node(Node *node);
+// The same for a node that the caller has made all zero again.
+void free_clear_node(Node *node);
 // Gives kept nodes back to the system.
 void drop_spare_nodes();
+
+// Per thread: its newest instruction, if nothing but capture has written to that node, so that capture knows how to
+// make it all zero. A table of the session.
+extern Node **plain_commit;
 
 // Null when memory runs out, which is reported. The nodes that entries point to are never freed with them.
 Stack *new_stack();

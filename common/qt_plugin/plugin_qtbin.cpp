@@ -245,6 +245,8 @@ static void close_files()
     drop_table(qfile_in_pte);
 }
 
+Node **plain_commit;
+
 // ---- Capture state of a session
 // ----------------------------------------------------------------------------------
 
@@ -262,6 +264,7 @@ void state_allocate_init()
     make_table(hdr_write);
     make_table(root);
     make_table(last_commit);
+    make_table(plain_commit);
     make_table(flush_seq);
     make_table(flush);
     make_flush_lists();
@@ -297,6 +300,8 @@ static void reset_thread(int tid)
         hdr_write[tid] = 0;
     if (last_commit)
         last_commit[tid] = nullptr;
+    if (plain_commit)
+        plain_commit[tid] = nullptr;
     if (flush_seq)
         flush_seq[tid] = 0;
     for (Node **trees : {root, flush, pre_execution, crack_inst})
@@ -312,6 +317,7 @@ static void state_destroy()
     drop_table(hdr_write);
     drop_table(root);
     drop_table(last_commit);
+    drop_table(plain_commit);
     drop_table(flush_seq);
     drop_table(flush);
     drop_table(pre_execution);
