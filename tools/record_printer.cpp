@@ -354,6 +354,14 @@ void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
     }
 }
 
+std::string registers_text(const QTRACE_REGISTERS &registers)
+{
+    Output text(-1);
+    print_registers(text, registers, Field_Selection::all());
+    const std::string words = text.take();
+    return words.empty() ? "none" : words.substr(1);
+}
+
 void print_json_text(Output &out, std::string_view text)
 {
     out.put('"');

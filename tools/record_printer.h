@@ -63,6 +63,9 @@ template <class Structure> std::string value_text(const Trace_Member &member, co
     return text.take();
 }
 
+// All registers of a record, as text lines show them.
+std::string registers_text(const QTRACE_REGISTERS &registers);
+
 // `text` as a JSON string, quotes included.
 void print_json_text(Output &out, std::string_view text);
 

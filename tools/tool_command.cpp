@@ -30,6 +30,11 @@ constexpr Command_Info COMMANDS[] = {
      {"qtrace stats trace                threads side by side and in total",
       "qtrace stats --json trace0        the same for a program"},
      make_stats_command},
+    {"diff",
+     "where two traces differ, by kind of difference",
+     {"qtrace diff old new                        thread by thread",
+      "qtrace diff --ignore registers old0 new0   control flow and addresses alone"},
+     make_diff_command},
 };
 
 const char *const TOOL_EXAMPLES[2] = {

@@ -1,0 +1,199 @@
+#include "record_printer.h"
+#include "tool_command.h"
+#include "trace_diff.h"
+
+namespace qtrace_tool
+{
+namespace
+{
+
+std::string names_of(const Difference_Set &kinds)
+{
+    std::string names;
+    for (size_t i = 0; i < DIFFERENCES; i++)
+        if (kinds[i])
+            names += (names.empty() ? "" : ", ") + std::string(DIFFERENCE_NAMES[i]);
+    return names;
+}
+
+class Diff_Command : public Command
+{
+public:
+    void declare(CLI::App &app) override
+    {
+        app.add_option("A", a_, "trace file or base name")->required();
+        app.add_option("B", b_, "what it is compared with")->required();
+        app.add_option("--ignore", ignore_,
+                       fmt::format("kinds of difference to pass over: {}", fmt::join(DIFFERENCE_NAMES, ", ")))
+            ->delimiter(',')
+            ->allow_extra_args(false)
+            ->type_name("KIND,...");
+        app.add_option("--limit", limit_, "differences to show (of each thread)")->capture_default_str();
+        app.add_option("--context", context_, "records to show before and after a difference")
+            ->capture_default_str();
+    }
+
+    void run(Tool_Run &run) override;
+
+private:
+    Difference_Set ignored() const;
+    void compare(Tool_Run &run, const std::string &name_a, const std::string &name_b) const;
+    void show(Tool_Run &run, const std::string &name_a, const std::string &name_b,
+              const Difference_Place &place) const;
+    void show_lines(Tool_Run &run, const std::string &name, uint64_t from, uint64_t count, char mark) const;
+    void show_json(Output &out, const Difference_Place &place, bool first) const;
+    void summarise(Output &out, const Difference_Counts &counts) const;
+    void summarise_json(Output &out, const Difference_Counts &counts) const;
+
+    std::string a_, b_;
+    std::vector<std::string> ignore_;
+    uint64_t limit_ = 1, context_ = 3;
+};
+
+Difference_Set Diff_Command::ignored() const
+{
+    const std::vector<std::string> known(DIFFERENCE_NAMES.begin(), DIFFERENCE_NAMES.end());
+    Difference_Set ignored;
+    for (const std::string &name : ignore_) {
+        const auto kind = std::ranges::find(known, name);
+        if (kind == known.end())
+            throw unknown_word("kind of difference", name, known);
+        ignored.set(static_cast<size_t>(kind - known.begin()));
+    }
+    return ignored;
+}
+
+void Diff_Command::run(Tool_Run &run)
+{
+    (void)ignored();
+    const std::vector<std::string> a = files_of(a_), b = files_of(b_);
+    for (size_t i = 0; i < std::min(a.size(), b.size()); i++)
+        compare(run, a[i], b[i]);
+    for (size_t i = b.size(); i < a.size(); i++)
+        run.warn(fmt::format("{}: there is no such thread in {}", a[i], b_));
+    for (size_t i = a.size(); i < b.size(); i++)
+        run.warn(fmt::format("{}: there is no such thread in {}", b[i], a_));
+}
+
+void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::string &name_b) const
+{
+    const std::unique_ptr<Trace_File> a = Trace_File::open(run, name_a), b = Trace_File::open(run, name_b);
+    if (!a || !b)
+        return;
+    if (run.json) {
+        run.out.put("{\"a\":");
+        print_json_text(run.out, name_a);
+        run.out.put(",\"b\":");
+        print_json_text(run.out, name_b);
+        run.out.put(",\"differences\":[");
+    } else {
+        run.out.print("{} | {}\n", name_a, name_b);
+    }
+    bool first = true;
+    Progress progress(run, name_a, std::min(a->info().records, b->info().records));
+    Trace_Diff diff(*a, *b, ignored(), limit_, [&](const Difference_Place &place) {
+        run.json ? show_json(run.out, place, first) : show(run, name_a, name_b, place);
+        first = false;
+    });
+    const Difference_Counts counts = diff.run([&progress] { progress.step(); });
+    if (counts.any())
+        run.found();
+    run.json ? summarise_json(run.out, counts) : summarise(run.out, counts);
+}
+
+// Records of a file from a reader of its own, so that the comparison stays where it is.
+void Diff_Command::show_lines(Tool_Run &run, const std::string &name, uint64_t from, uint64_t count,
+                              char mark) const
+{
+    const std::unique_ptr<Trace_File> file = Trace_File::open(run, name);
+    if (count == 0 || !file || !file->seek(from))
+        return;
+    static const Field_Selection fields = Field_Selection::usual();
+    for (const QTRACE_Item *item = file->next(); item != nullptr; item = file->next()) {
+        if (item->kind == QTRACE_ITEM_RECORD && count-- == 0)
+            return;
+        run.out.paint(mark == '-' ? Colour::removed : mark == '+' ? Colour::added : Colour::plain);
+        run.out.put(mark);
+        if (item->kind == QTRACE_ITEM_HEADER)
+            print_header(run.out, *item);
+        else
+            print_record(run.out, *item, fields);
+        run.out.paint(Colour::plain);
+    }
+}
+
+void Diff_Command::show(Tool_Run &run, const std::string &name_a, const std::string &name_b,
+                        const Difference_Place &place) const
+{
+    const uint64_t before = std::min(context_, place.record_a);
+    const bool missing = place.only_a + place.only_b > 0;
+    run.out.print("at record {} | {} ({:016x}): {}", place.record_a, place.record_b, place.address,
+                  names_of(place.kinds));
+    if (missing)
+        run.out.print(": {} records only in {}, {} only in {}", place.only_a, name_a, place.only_b, name_b);
+    run.out.put('\n');
+    for (const Detail &detail : place.details)
+        run.out.print("    {}: {} | {}\n", detail.name, detail.a, detail.b);
+    show_lines(run, name_a, place.record_a - before, before, ' ');
+    show_lines(run, name_a, place.record_a, missing ? std::min(place.only_a, context_) : 1, '-');
+    show_lines(run, name_b, place.record_b, missing ? std::min(place.only_b, context_) : 1, '+');
+    show_lines(run, name_a, place.record_a + (missing ? place.only_a : 1), context_, ' ');
+}
+
+void Diff_Command::summarise(Output &out, const Difference_Counts &counts) const
+{
+    out.print("{} | {} records: ", counts.records_a, counts.records_b);
+    out.paint(counts.any() ? Colour::bad : Colour::good);
+    out.put(counts.any() ? "they differ" : ignore_.empty() ? "no difference" : "no difference but those ignored");
+    out.paint(Colour::plain);
+    out.put('\n');
+    if (!counts.any())
+        return;
+    out.print("  {:<16}{:>12}\n", "records differ", counts.differing);
+    for (size_t i = 0; i < DIFFERENCES; i++)
+        if (counts.by_kind[i] > 0 && i != static_cast<size_t>(Difference::missing))
+            out.print("    {:<14}{:>12}\n", DIFFERENCE_NAMES[i], counts.by_kind[i]);
+    if (counts.only_a + counts.only_b > 0)
+        out.print("  missing in {} runs: {} records only on the left, {} only on the right\n",
+                  counts.by_kind[static_cast<size_t>(Difference::missing)], counts.only_a, counts.only_b);
+}
+
+void Diff_Command::show_json(Output &out, const Difference_Place &place, bool first) const
+{
+    out.print("{}{{\"record_a\":{},\"record_b\":{},\"address\":\"0x{:x}\",\"kinds\":[", first ? "" : ",",
+              place.record_a, place.record_b, place.address);
+    for (size_t i = 0, listed = 0; i < DIFFERENCES; i++)
+        if (place.kinds[i])
+            out.print("{}\"{}\"", listed++ == 0 ? "" : ",", DIFFERENCE_NAMES[i]);
+    out.print("],\"only_a\":{},\"only_b\":{},\"members\":{{", place.only_a, place.only_b);
+    for (const char *separator = ""; const Detail &detail : place.details) {
+        out.put(separator);
+        print_json_text(out, detail.name);
+        out.put(":[");
+        print_json_text(out, detail.a);
+        out.put(',');
+        print_json_text(out, detail.b);
+        out.put(']');
+        separator = ",";
+    }
+    out.put("}}");
+}
+
+void Diff_Command::summarise_json(Output &out, const Difference_Counts &counts) const
+{
+    out.print("],\"records_a\":{},\"records_b\":{},\"differing\":{},\"only_a\":{},\"only_b\":{},\"kinds\":{{",
+              counts.records_a, counts.records_b, counts.differing, counts.only_a, counts.only_b);
+    for (size_t i = 0, listed = 0; i < DIFFERENCES; i++)
+        if (counts.by_kind[i] > 0)
+            out.print("{}\"{}\":{}", listed++ == 0 ? "" : ",", DIFFERENCE_NAMES[i], counts.by_kind[i]);
+    out.put("}}\n");
+}
+
+} // namespace
+
+std::unique_ptr<Command> make_diff_command()
+{
+    return std::make_unique<Diff_Command>();
+}
+
+} // namespace qtrace_tool
