@@ -63,9 +63,9 @@ Console::Console(Player &player, std::ostream &out, std::ostream &err) : player_
             out_ << message.text;
             return;
         }
+        ++complaints_;
         out_.flush(); // keeps the two in order where both end in one place
         err_ << description_of(message) << std::flush;
-        ++complaints_;
     });
 }
 
@@ -88,7 +88,7 @@ bool Console::fail(const std::string &text)
 }
 
 bool Console::obey(std::string_view line, const std::string &where)
-{
+try {
     where_ = where;
     const Command_Words split = split_words(line);
     if (!split.problem.empty())
@@ -101,6 +101,9 @@ bool Console::obey(std::string_view line, const std::string &where)
     if (obeyed && complaints_ > complaints_before)
         return fail(complaint_count(complaints_ - complaints_before));
     return obeyed;
+} catch (const std::bad_alloc &) {
+    err_ << where << (where.empty() ? "" : ": ") << "out of memory" << std::endl;
+    return false;
 }
 
 bool Console::obey_script(std::istream &in, const std::string &name, bool stop_at_failure)
@@ -111,6 +114,10 @@ bool Console::obey_script(std::istream &in, const std::string &name, bool stop_a
         good = obey(line, fmt::format("{}:{}", name, ++number)) && good;
         if (!good && stop_at_failure)
             break;
+    }
+    if (in.bad()) {
+        where_.clear();
+        good = fail(fmt::format("{}:{}: cannot be read any further", name, number + 1));
     }
     return good && !player_.stop_requested();
 }

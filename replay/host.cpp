@@ -124,6 +124,21 @@ void Host::tell_session(std::string_view what)
 
 namespace {
 
+// No exception may pass through the plugin, which called us.
+template <class Service> void serve(Service service)
+{
+    try {
+        service();
+        return;
+    } catch (const std::bad_alloc &) {
+    }
+    try {
+        the_host.say({Channel::error, 0, "replay", 0, "out of memory"});
+    } catch (const std::bad_alloc &) {
+        std::fputs("replay: out of memory\n", stderr);
+    }
+}
+
 const Instruction &instruction_of(void *iop)
 {
     return *static_cast<const Instruction *>(iop);
@@ -232,7 +247,7 @@ void SIM_PRINT(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    the_host.say({Channel::print, 0, {}, 0, format_text(format, arguments)});
+    serve([&] { the_host.say({Channel::print, 0, {}, 0, format_text(format, arguments)}); });
     va_end(arguments);
 }
 
@@ -240,7 +255,7 @@ void sim_do_warning(int level, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    the_host.say({Channel::warning, level, {}, 0, format_text(format, arguments)});
+    serve([&] { the_host.say({Channel::warning, level, {}, 0, format_text(format, arguments)}); });
     va_end(arguments);
 }
 
@@ -248,7 +263,7 @@ void sim_do_error(const char *source, int line, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    the_host.say({Channel::error, 0, source, line, format_text(format, arguments)});
+    serve([&] { the_host.say({Channel::error, 0, source, line, format_text(format, arguments)}); });
     va_end(arguments);
 }
 
@@ -269,17 +284,17 @@ Cycle GetRawTime(Machine *)
 
 void Kelvo_QTrace_Plugin_Start(void)
 {
-    the_host.tell_session("start");
+    serve([] { the_host.tell_session("start"); });
 }
 
 void Kelvo_QTrace_Plugin_Stop(void)
 {
-    the_host.tell_session("stop");
+    serve([] { the_host.tell_session("stop"); });
 }
 
 void warm_dump(const char *file, Machine *)
 {
-    the_host.tell_session(std::string("warm ") + file);
+    serve([&] { the_host.tell_session(std::string("warm ") + file); });
 }
 
 // ---- queries --------------------------------------------------------------------------------------------

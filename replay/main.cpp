@@ -14,7 +14,8 @@
 #include "qtrace_reader.h"
 #endif
 
-namespace {
+namespace
+{
 
 constexpr int EXIT_INTERRUPTED = 130; // 128 and the number of SIGINT, as shells have it
 
@@ -33,11 +34,13 @@ void catch_signals(replay::Player &player, replay::Console &console)
 {
     running_player = &player;
     running_console = &console;
-    struct sigaction action {};
+    struct sigaction action {
+    };
     action.sa_handler = stop_running;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a file at its size limit is a failed write
 }
 
 struct Options {
@@ -48,7 +51,8 @@ struct Options {
 
 void describe(CLI::App &app, Options &options)
 {
-    app.add_option("STREAM", options.stream, "Commit stream: .jsonl or .jsonl.zst; - is standard input")->required();
+    app.add_option("STREAM", options.stream, "Commit stream: .jsonl or .jsonl.zst; - is standard input")
+        ->required();
     app.add_option("SCRIPT", options.script, "Console commands; - or none is standard input");
     app.add_flag("-e,--stop-at-failure", options.stop_at_failure, "End the script at the first failing command");
     app.footer("Exit status: 0 when every command succeeded, 1 when one failed or the stream was refused,\n"
@@ -97,6 +101,11 @@ bool writer_is_content()
     return true;
 }
 
+bool output_is_written()
+{
+    return std::cout.flush() ? true : complain("standard output cannot be written");
+}
+
 int replay_stream(const Options &options)
 {
     replay::Player player(options.stream);
@@ -108,10 +117,11 @@ int replay_stream(const Options &options)
     catch_signals(player, console);
     const bool obeyed = obey_commands(console, player, options);
     player.plugin().unload();
-    const bool written = writer_is_content();
+    const bool traced = writer_is_content();
+    const bool written = output_is_written();
     if (player.stop_requested())
         return EXIT_INTERRUPTED;
-    return obeyed && written ? 0 : 1;
+    return obeyed && traced && written ? 0 : 1;
 }
 
 } // namespace
@@ -133,7 +143,7 @@ const char *__lsan_default_options()
 #endif
 
 int main(int argc, char **argv)
-{
+try {
     Options options;
     CLI::App app("Plays a recorded commit stream into a trace plugin, in place of the simulator.", "replay");
     describe(app, options);
@@ -147,4 +157,7 @@ int main(int argc, char **argv)
         return 2;
     }
     return replay_stream(options);
+} catch (const std::bad_alloc &) {
+    std::fputs("replay: out of memory\n", stderr);
+    return 1;
 }

@@ -3,9 +3,11 @@
 #include <dlfcn.h>
 #include <string_view>
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 // A leak report names the plugin's functions only while its code is mapped.
 #ifdef __SANITIZE_ADDRESS__
@@ -37,14 +39,21 @@ std::string Plugin_Module::load(const std::string &file)
 {
     if (loaded())
         return file_ + " is loaded already";
-    library_ = dlopen(as_path(file).c_str(), RTLD_NOW | RTLD_LOCAL | KEEP_MAPPED);
-    if (!library_)
-        return dlerror();
     file_ = file;
-    std::string problem = subscribe();
-    if (!problem.empty())
+    library_ = dlopen(as_path(file).c_str(), RTLD_NOW | RTLD_LOCAL | KEEP_MAPPED);
+    if (!library_) {
+        file_.clear();
+        return dlerror();
+    }
+    try {
+        std::string problem = subscribe();
+        if (!problem.empty())
+            close_library();
+        return problem;
+    } catch (const std::bad_alloc &) {
         close_library();
-    return problem;
+        throw;
+    }
 }
 
 std::string Plugin_Module::subscribe()

@@ -567,6 +567,8 @@ Event_Kind kind_called(std::string_view token)
 Refusal refusal_of(simdjson::error_code error)
 {
     switch (error) {
+    case simdjson::MEMALLOC:
+        throw std::bad_alloc();
     case simdjson::UTF8_ERROR:
         return {"valid UTF-8", ""};
     case simdjson::INCORRECT_TYPE:
@@ -619,6 +621,8 @@ std::string Stream_Error::text() const
 // ---- the reader -----------------------------------------------------------------------------------------
 
 struct Stream_Reader::Parser {
+    Parser();
+
     json::parser parser{Line_Source::MAX_LINE};
     Stream_Event event{};
     Place place;
@@ -635,6 +639,15 @@ private:
 
     const Stream_Event blank_{};
 };
+
+// All memory for the longest line is claimed here. One attempt may leave the parser without its strings and say
+// nothing; the second makes up for that, or fails.
+Stream_Reader::Parser::Parser()
+{
+    for (int attempt = 0; attempt < 2; ++attempt)
+        if (parser.allocate(Line_Source::MAX_LINE) != simdjson::SUCCESS)
+            throw std::bad_alloc();
+}
 
 void Stream_Reader::Parser::check_order(Event_Kind kind) const
 {
@@ -730,10 +743,21 @@ Stream_Reader::Stream_Reader(const std::string &file, const std::atomic<bool> *s
 
 Stream_Reader::~Stream_Reader() = default;
 
+// Behind a line that could not be taken in nothing may be delivered: the trace would have a hole.
 const Stream_Event *Stream_Reader::next()
 {
     if (error_)
         return nullptr;
+    try {
+        return read_line();
+    } catch (const std::bad_alloc &) {
+        error_ = {line_number(), "", "out of memory", ""};
+    }
+    return nullptr;
+}
+
+const Stream_Event *Stream_Reader::read_line()
+{
     try {
         std::string_view line;
         do

@@ -63,6 +63,7 @@ public:
 
 private:
     struct Parser;
+    const Stream_Event *read_line();
     const Stream_Event *end();
     void refuse_line(const std::string &expected, const std::string &found);
 

@@ -30,12 +30,28 @@ std::string &last_error()
 
 uint64_t failures = 0;
 
+constexpr const char *NO_MEMORY = "out of memory";
+
 int fail(std::string_view path, std::string_view what, std::string_view reason)
 {
     ++failures;
-    last_error().assign(path).append(": ").append(what).append(": ").append(reason);
+    try {
+        last_error().assign(path).append(": ").append(what).append(": ").append(reason);
+    } catch (const std::bad_alloc &) {
+        last_error() = NO_MEMORY; // short enough to need none
+    }
     return -1;
 }
+
+// Whether a call that failed is to be repeated. One that is interrupted again and again is given up.
+class Patience
+{
+public:
+    bool again() { return errno == EINTR && ++interruptions_ < 1000; }
+
+private:
+    int interruptions_ = 0;
+};
 
 // ---- Compression ----------------------------------------------------------------------------------------------
 
@@ -61,7 +77,7 @@ bool parse_compression(std::string_view text, Compression_Choice &choice)
            choice.level <= ZSTD_maxCLevel();
 }
 
-// What a thread needs to seal blocks, for all its files.
+// What it takes to seal blocks, for all files.
 struct Press {
     ZSTD_CCtx *context = ZSTD_createCCtx();
     std::vector<uint8_t> payload = std::vector<uint8_t>(MAX_PAYLOAD);
@@ -70,7 +86,7 @@ struct Press {
 
 Press &press()
 {
-    thread_local Press one;
+    static Press one;
     return one;
 }
 
@@ -82,8 +98,7 @@ Press &press()
 class Trace_File
 {
 public:
-    Trace_File(std::string path, int descriptor, Compression_Choice compression)
-        : path_(std::move(path)), descriptor_(descriptor), compression_(compression)
+    Trace_File(std::string path, Compression_Choice compression) : path_(std::move(path)), compression_(compression)
     {
     }
     ~Trace_File()
@@ -91,7 +106,7 @@ public:
         if (descriptor_ >= 0)
             ::close(descriptor_);
     }
-    int write_start();
+    int open();
     template <class Item> int write(const Item &item);
     int close();
 
@@ -105,7 +120,7 @@ private:
     void keep_outside(const QTRACE_RECORD &) {}
 
     std::string path_;
-    int descriptor_;
+    int descriptor_ = -1;
     Compression_Choice compression_;
     Encoder encoder_;
     std::vector<uint8_t> sealed_; // whole blocks on their way to the file
@@ -115,8 +130,14 @@ private:
     uint64_t records_ = 0, headers_ = 0; // in blocks sealed so far
 };
 
-int Trace_File::write_start()
+int Trace_File::open()
 {
+    Patience patience;
+    do
+        descriptor_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    while (descriptor_ < 0 && patience.again());
+    if (descriptor_ < 0)
+        return fail(path_, "open", std::strerror(errno));
     const auto start = file_start();
     sealed_.assign(start.begin(), start.end());
     return flush();
@@ -125,13 +146,14 @@ int Trace_File::write_start()
 // Writes out sealed_; 0 when it is empty afterwards.
 int Trace_File::flush()
 {
+    Patience patience;
     while (written_ < sealed_.size()) {
         const ssize_t count = ::write(descriptor_, sealed_.data() + written_, sealed_.size() - written_);
         if (count > 0)
             written_ += static_cast<size_t>(count);
         else if (count == 0)
             return fail(path_, "write", "nothing was taken");
-        else if (errno != EINTR)
+        else if (!patience.again())
             return fail(path_, "write", std::strerror(errno));
     }
     sealed_.clear();
@@ -214,7 +236,7 @@ void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
 }
 
 template <class Item> int Trace_File::write(const Item &item)
-{
+try {
     if (make_ready() != 0)
         return -1;
     if (!encoder_.has_room_for(item)) {
@@ -226,10 +248,12 @@ template <class Item> int Trace_File::write(const Item &item)
     keep_outside(item);
     encoder_.add(item);
     return 0;
+} catch (const std::bad_alloc &) {
+    return fail(path_, "write", NO_MEMORY);
 }
 
 int Trace_File::close()
-{
+try {
     int result = 0;
     if (sealed_.empty() || flush() == 0) {
         seal(LAST_BLOCK);
@@ -237,9 +261,12 @@ int Trace_File::close()
     } else {
         result = -1;
     }
-    if (::close(std::exchange(descriptor_, -1)) != 0 && result == 0)
+    if (::close(std::exchange(descriptor_, -1)) != 0 && errno != EINTR &&
+        result == 0) // closed when interrupted too
         result = fail(path_, "close", std::strerror(errno));
     return result;
+} catch (const std::bad_alloc &) {
+    return fail(path_, "close", NO_MEMORY);
 }
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------
@@ -275,11 +302,9 @@ QTRACE_FDESCR open_for_writing(const char *name)
     const char *wish = std::getenv("QTRACE_COMPRESSION");
     if (wish != nullptr && !parse_compression(wish, compression))
         return fail(name, "QTRACE_COMPRESSION", std::string("\"") + wish + "\" is not none, zstd or zstd:LEVEL");
-    const int descriptor = ::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (descriptor < 0)
-        return fail(name, "open", std::strerror(errno));
-    auto file = std::make_unique<Trace_File>(name, descriptor, compression);
-    return file->write_start() == 0 ? keep(std::move(file)) : -1;
+    press(); // short of memory is better known now than at the first full block
+    auto file = std::make_unique<Trace_File>(name, compression);
+    return file->open() == 0 ? keep(std::move(file)) : -1;
 }
 
 template <class Item> int write_item(QTRACE_FDESCR file, const Item *item)
@@ -290,7 +315,7 @@ try {
     return item == nullptr ? fail("descriptor " + std::to_string(file), "write", "nothing given")
                            : to->write(*item);
 } catch (const std::bad_alloc &) {
-    return fail("descriptor", "write", "out of memory");
+    return fail("descriptor", "write", NO_MEMORY);
 }
 
 } // namespace
@@ -305,7 +330,7 @@ try {
         return fail(name, "open", "only writing goes through descriptors; read with qtrace_open");
     return open_for_writing(name);
 } catch (const std::bad_alloc &) {
-    return fail(name, "open", "out of memory");
+    return fail(name, "open", NO_MEMORY);
 }
 
 void QTRACE_Fclose(QTRACE_FDESCR file)
@@ -318,7 +343,7 @@ try {
     const std::unique_ptr<Trace_File> gone = std::move(files()[static_cast<size_t>(file)]);
     closing->close();
 } catch (const std::bad_alloc &) {
-    fail("descriptor", "close", "out of memory");
+    fail("descriptor", "close", NO_MEMORY);
 }
 
 int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)
