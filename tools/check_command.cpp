@@ -295,17 +295,26 @@ void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &bes
         return;
     Progress progress(run, file.name(), file.info().records);
     uint64_t records = 0, headers = 0, losses = 0;
+    uint64_t next_record = 0, next_header = 0;
     const auto account_losses = [&](uint64_t at) {
         for (; losses < file.losses().size(); losses++)
             checks.damage(at, file.losses()[losses].text);
     };
     while (const QTRACE_Item *item = file.next()) {
+        const bool jump = item->record_number != next_record || item->header_number != next_header;
+        if (jump && losses == file.losses().size())
+            checks.loss(); // left out by a recovery
         account_losses(records);
         checks.item(*item);
-        (item->kind == QTRACE_ITEM_HEADER ? headers : records)++;
+        const bool header = item->kind == QTRACE_ITEM_HEADER;
+        (header ? headers : records)++;
+        next_record = item->record_number + !header;
+        next_header = item->header_number + header;
         progress.step();
     }
     account_losses(records);
+    if (file.info().open_end)
+        checks.loss();
     if (file.readable())
         checks.end();
     findings.summarise(records, headers);

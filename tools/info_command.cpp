@@ -163,6 +163,9 @@ void print_ending(Output &out, const QTRACE_Info &info)
         out.print("; damaged places: {} (`qtrace recover` saves the rest)", info.damaged_places);
     out.paint(Colour::plain);
     out.put('\n');
+    if (info.left_out > 0 || info.open_end)
+        out.print("  recovered    lost blocks were left out at {} places{}\n", info.left_out,
+                  info.open_end ? "; the end of the trace is missing" : "");
 }
 
 class Info_Command : public Command
@@ -238,10 +241,11 @@ void Info_Command::print_json(Output &out, const std::string &name, const File_S
     print_json_text(out, name);
     out.print(",\"format_version\":{},\"compression\":\"{}\",\"records\":{},\"headers\":{},\"full_headers\":{},"
               "\"partition_changes\":{},\"gaps\":{},\"size\":{},\"blocks\":{},\"bytes_per_record\":{:.3f},"
-              "\"clean_end\":{},\"damaged_places\":{},\"header_list\":[",
+              "\"clean_end\":{},\"damaged_places\":{},\"left_out\":{},\"open_end\":{},\"header_list\":[",
               info.format_version, info.compression == 1 ? "zstd" : "none", info.records, info.headers,
               summary.full_headers, summary.partition_changes(), summary.gaps(), info.size, info.blocks,
-              summary.bytes_per_record(), info.clean_end != 0, info.damaged_places);
+              summary.bytes_per_record(), info.clean_end != 0, info.damaged_places, info.left_out,
+              info.open_end != 0);
     bool first = true;
     for (const Placed_Header &placed : summary.headers) {
         out.print("{}{{\"header\":{},\"before_record\":{},\"full\":{},\"lpid\":\"0x{:x}\",\"pid\":{}",

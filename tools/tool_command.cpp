@@ -35,6 +35,10 @@ constexpr Command_Info COMMANDS[] = {
      {"qtrace diff old new                        thread by thread",
       "qtrace diff --ignore registers old0 new0   control flow and addresses alone"},
      make_diff_command},
+    {"recover",
+     "the whole blocks of a damaged file as a new file",
+     {"qtrace recover broken0 saved0     then: qtrace check saved0", "qtrace recover --json broken0 saved0"},
+     make_recover_command},
 };
 
 const char *const TOOL_EXAMPLES[2] = {

@@ -59,6 +59,9 @@ typedef struct QTRACE_Info {
     uint64_t headers;
     uint64_t damaged_places;
     int clean_end;           /* the writer's last block is there, whole, and nothing follows it */
+    /* Of a recovered file: */
+    uint64_t left_out;       /* places where lost blocks were left out; there the numbers of items jump */
+    int open_end;            /* the file was closed by the recovery: the trace went on */
 } QTRACE_Info;
 
 /* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text
@@ -91,6 +94,25 @@ const char *qtrace_error(const QTRACE_Reader *reader);
 const QTRACE_Damage *qtrace_damage(const QTRACE_Reader *reader);
 
 void qtrace_close(QTRACE_Reader *reader);
+
+/* ---- Recovery ---------------------------------------------------------------------------------------- */
+
+/* What a recovery kept and what was lost. */
+typedef struct QTRACE_Recovery {
+    uint64_t blocks, records, headers; /* kept */
+    uint64_t damaged_places;
+    uint64_t lost_bytes;
+    uint64_t lost_records; /* as far as the blocks around the damage tell */
+    int lost_records_known; /* lost_records is exact */
+    int open_end;           /* the end of the trace is missing */
+} QTRACE_Recovery;
+
+/* Copies every whole block of the file `from` to the file `to`, which is created or replaced and reads without
+ * damage: the numbers of records and headers stay what they were, blocks behind a loss and a lost end are marked. A
+ * file without damage is copied as it is, and so is one that was recovered before. Returns 0, or -1; then *error
+ * (when not null) receives a text that the caller frees with free(). Nothing is written when there is no whole
+ * block, or when both are the same file. */
+int qtrace_recover(const char *from, const char *to, QTRACE_Recovery *result, char **error);
 
 /* ---- The writer's errors ----------------------------------------------------------------------------- */
 

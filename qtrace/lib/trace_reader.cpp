@@ -337,7 +337,8 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
                    : report_until_next(header ? "the block's checksum does not match" : "no block here");
     if (!numbers_open_ && seen_last_)
         return report(position_, 0, "a block follows the last one");
-    if (!numbers_open_ && (header->first_record != records_ || header->first_header != headers_)) {
+    const bool gap = (header->flags & GAP_BEFORE) != 0;
+    if (!numbers_open_ && !gap && (header->first_record != records_ || header->first_header != headers_)) {
         const uint64_t lost = header->first_record - records_;
         const QTRACE_ITEM kind = report(position_, 0, "blocks are missing in front of this one");
         damage.records_known = header->first_record >= records_;
@@ -470,8 +471,11 @@ int QTRACE_Reader::summarize(QTRACE_Info &info, bool payloads)
     const auto whole = [&](const Place &place) {
         const Block_Header &header = place.header;
         // Blocks that are gone without a trace leave a gap in the numbers only.
-        if (!after_damage && (header.first_record != record || last))
+        const bool gap = (header.flags & GAP_BEFORE) != 0;
+        if (!after_damage && ((header.first_record != record && !gap) || last))
             ++info.damaged_places;
+        info.left_out += gap;
+        info.open_end = (header.flags & OPEN_END) != 0;
         ++info.blocks;
         info.records += header.records;
         info.headers += header.headers;
