@@ -411,6 +411,14 @@ TEST_F(Ordering, flushed_instructions_are_numbered_from_1_along_the_walk)
     EXPECT_EQ(flags(five), Flags(0, 0, 1, 0)) << "the number of the instruction that the side chain hangs from";
 }
 
+TEST_F(Ordering, numbering_begins_with_1_also_where_the_walk_begins_with_a_flushed_instruction)
+{
+    Node *tree = keep(chain_of({flushed(2), flushed(3)}));
+    jump(tree);
+    set_NIT_bit(tree);
+    EXPECT_EQ(flags(tree), Flags(1, 1, 1, 1));
+}
+
 TEST_F(Ordering, committed_instruction_with_a_flag_starts_the_numbering_again)
 {
     Node *tree = keep(chain_of({committed(1), committed(7), committed(9)}));
