@@ -410,6 +410,8 @@ static bool has_guest_walk(RDX_XLATE_MODE mode)
 
 template <class Value, size_t N> INLINE_BODY void clear_class(int32_t &num, int32_t (&index)[N], Value (&value)[N])
 {
+    if (num == 0)
+        return;
     for (int32_t i = 0; i < num && i < static_cast<int32_t>(N); ++i) {
         index[i] = 0;
         value[i] = {};

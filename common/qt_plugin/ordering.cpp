@@ -13,7 +13,8 @@ static constexpr char SOURCE[] = "common/qt_plugin/ordering";
 // A thread's tree holds two nodes at a time, so that nodes come and go one by one: a few kept ones, linked by
 // left and otherwise all zero, save the allocator's work. Each is a block of its own, so that any node may end in
 // free().
-// Under AddressSanitizer nothing is kept, for a use after free to be seen, and nodes said to be clear are looked at.
+// Under AddressSanitizer nothing is kept, for a use after free to be seen, and nodes said to be clear are looked
+// at.
 #ifdef __SANITIZE_ADDRESS__
 static constexpr int SPARE_NODES = 0;
 static constexpr bool CHECKS_CLEAR_NODES = true;

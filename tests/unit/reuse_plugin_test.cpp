@@ -9,7 +9,8 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
+namespace
+{
 
 using replay::Instruction;
 
@@ -61,7 +62,8 @@ bool is_all_zero(const Node *node)
     return std::all_of(bytes, bytes + sizeof *node, [](char byte) { return byte == 0; });
 }
 
-class Reuse : public testing::TestWithParam<int> {
+class Reuse : public testing::TestWithParam<int>
+{
 protected:
     RDX_XLATE_MODE mode() const { return static_cast<RDX_XLATE_MODE>(GetParam()); }
 };
