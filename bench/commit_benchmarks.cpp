@@ -9,7 +9,6 @@
 #include "traced_session.h"
 
 #include <benchmark/benchmark.h>
-#include <valgrind/callgrind.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +21,12 @@
 #include <stdexcept>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else // nothing to tell a profiler that is not installed
+#define CALLGRIND_TOGGLE_COLLECT
+#endif
 
 namespace
 {
