@@ -310,7 +310,9 @@ const Header_Rule HEADER_RULES[] = {
          return any_filled(unused_in_headers(), v.header) || v.header.sec_ext_controlword.instruction != 0;
      }},
     {"header-address", "a file header has no instruction address", "",
-     [](const Header_View &v) { return v.full && !v.header.control.iar_is_present; }},
+     [](const Header_View &v) {
+         return v.full && !v.header.control.iar_is_present && first_address_of(v.header).pieces == 0;
+     }},
     {"header-alignment", "the instruction address of a file header is not a multiple of 4", "iar",
      [](const Header_View &v) { return v.header.control.iar_is_present && (number(v.header.iar) & 3) != 0; }},
     {"header-version", "a file header does not say that it has a version", "",
@@ -337,7 +339,7 @@ const Header_Rule HEADER_RULES[] = {
                 (v.before.machine->version != v.comment.version || v.before.machine->memory != v.comment.memory);
      }},
     {"header-without-record", "no record follows a file header", "",
-     [](const Header_View &v) { return v.full && v.before.open_header; }},
+     [](const Header_View &v) { return v.full && v.before.open_header && v.before.header_seen; }},
     {"partition-flags", "a partition header carries something else than lpid and pid", "",
      [](const Header_View &v) { return !v.full && v.words.control != PARTITION_FLAGS; }},
     {"partition-before-header", "a partition header stands in front of the first file header", "lpid pid",
@@ -545,7 +547,8 @@ std::vector<Gate_Rule> Rule_Book::add_gates(std::span<const Trace_Member> member
 {
     std::vector<Gate_Rule> gates;
     for (const Trace_Member &member : members) {
-        if (!member.gated() || member.shape == Member_Shape::text)
+        const bool in_every_header = scope == Rule_Scope::header && (member.gate.control & PARTITION_FLAGS) != 0;
+        if (!member.gated() || member.shape == Member_Shape::text || in_every_header)
             continue;
         auto gate = std::ranges::find(gates, member.gate, &Gate_Rule::gate);
         if (gate == gates.end())

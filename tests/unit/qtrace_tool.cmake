@@ -1,0 +1,4 @@
+find_package(nlohmann_json REQUIRED)
+qt_test(check_rules_test
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/check_rules_test.cpp ${CMAKE_CURRENT_LIST_DIR}/planted_trace.cpp
+    LIBRARIES qtrace_tool nlohmann_json::nlohmann_json)
