@@ -30,8 +30,8 @@ FILE_START = struct.Struct("<8sII")
 BLOCK_HEADER = struct.Struct("<4s4B4I3Q2I")
 MOST_BYTES = 65536  # of a payload, stored or raw
 
-FLAG_LAST, FLAG_ADDRESS_KNOWN, FLAG_COMMENT_BLOCK, FLAG_COMMENT_BEFORE = 1, 2, 4, 8
-ALL_BLOCK_FLAGS = 15
+FLAG_LAST, FLAG_ADDRESS_KNOWN, FLAG_COMMENT_BLOCK, FLAG_COMMENT_BEFORE, FLAG_GAP = 1, 2, 4, 8, 16
+ALL_BLOCK_FLAGS = 63
 COMPRESSION_NONE, COMPRESSION_ZSTD = 0, 1
 
 MASK64 = (1 << 64) - 1
@@ -530,8 +530,6 @@ class Translation:
             "_page_size": words[1] >> 40 & 255,
             "_gpage_size": words[1] >> 48 & 255,
         }
-        if words[1] >> 56:
-            raise Malformed("a translation with unused bits")
         members = {name: value for name, value in members.items() if value}
         for name, part in (("_hRTW", words[2:22]), ("_hRTW_host_RA", words[22:26]), ("_gRTW", (*words[26:31], 0))):
             if any(part):
@@ -569,6 +567,8 @@ class Payload:
         self.open_header = None
         if self.open.at < self.open.end:
             self.open_header = item_of_image(Header, self.open.sparse_image(HEADER_SIZE))
+            if self.open.at != self.open.end:
+                raise Malformed("an open header that does not fill its column")
 
     @staticmethod
     def split(raw):
@@ -598,9 +598,8 @@ class Payload:
         if place == 1:
             header.comment = self.extra.take(header.comment_length)
         elif place == 2:
-            header.comment, self.comment_before = self.comment_before, None
-            if header.comment is None or len(header.comment) != header.comment_length:
-                raise Malformed("a header whose comment is not in the block in front")
+            header.comment, self.comment_before = self.comment_before or b"", None
+            header.comment_length = len(header.comment)
         elif place != 0:
             raise Malformed("a comment in no known place")
         if header.file_control & FILE_IAR:
@@ -679,8 +678,6 @@ class Payload:
 
     def read_small_members(self):
         present = self.shape.byte()
-        if present >> len(SMALL_MEMBERS):
-            raise Malformed("a small member that does not exist")
         return {
             name: self.shape.number(2 if name == "length" else 1)
             for i, name in enumerate(SMALL_MEMBERS)
@@ -689,23 +686,15 @@ class Payload:
 
     def read_register_list(self):
         present = self.shape.varint()
-        if present >> len(REGISTER_LISTS):
-            raise Malformed("a register list that does not exist")
         counts = {i: self.shape.byte() for i in range(len(REGISTER_LISTS)) if present >> i & 1}
         lists = {}
         for i in INPUT_LISTS + OUTPUT_LISTS:
             if counts.get(i, 0):
                 name, _, _, room, words = REGISTER_LISTS[i]
-                numbers = [self.read_register_number() for _ in range(min(counts[i], room))]
+                numbers = [self.shape.varint() & 0xFFFF for _ in range(min(counts[i], room))]
                 first = i % 5 * 128
                 lists[i] = (name, words, [(number, first + number % 64 * 2) for number in numbers])
         return Register_List({REGISTER_LISTS[i][1]: count for i, count in counts.items()}, lists)
-
-    def read_register_number(self):
-        number = self.shape.varint()
-        if number > 0xFFFF:
-            raise Malformed("a register number of more than 16 bits")
-        return number
 
     def read_inputs(self, members, registers, coded, address):
         register = self.register
@@ -893,8 +882,8 @@ class Block:
         if self.compression == COMPRESSION_NONE:
             return stored
         try:
-            # A frame that names its size would get that much memory, whatever our limit.
-            if zstandard.frame_content_size(stored) > MOST_BYTES:
+            # Read to the limit first: a frame may hold, and claim, thousands of times its own size.
+            if len(zstandard.ZstdDecompressor().stream_reader(stored).read(MOST_BYTES + 1)) != self.raw_size:
                 raise Malformed("a payload of another size than its header says")
             frame = zstandard.ZstdDecompressor().decompressobj()
             raw = frame.decompress(stored)
@@ -902,8 +891,6 @@ class Block:
             raise Malformed("a payload that does not decompress") from error
         if not frame.eof or frame.unused_data:
             raise Malformed("a payload that is not one whole frame")
-        if len(raw) != self.raw_size:
-            raise Malformed("a payload of another size than its header says")
         return raw
 
 
@@ -941,11 +928,14 @@ class Trace:
         """The whole blocks, and what is damaged between them."""
         offset, records = self.start, 0
         while block := self.next_block(offset):
-            if block.offset > offset or block.first_record != records:
+            jump = block.first_record != records and not block.flags & FLAG_GAP
+            if block.offset > offset or jump:
                 yield self.damage_before(block, offset, records)
             yield block
             offset, records = block.end, block.first_record + block.records
             if block.flags & FLAG_LAST:
+                if offset < len(self.data):
+                    yield Damage(offset, len(self.data) - offset, "bytes behind the last block")
                 return
         yield self.damage_at_end(offset, records)
 
@@ -967,32 +957,44 @@ class Trace:
                 comment = None
                 yield block
                 continue
-            try:
-                if block.flags & FLAG_COMMENT_BLOCK:
-                    comment = block.payload(self.data)
-                else:
-                    yield from self.items(block, comment)
-                    comment = None
-            except Malformed as reason:
-                yield Damage(block.offset, block.end - block.offset, str(reason))
+            if block.flags & FLAG_COMMENT_BLOCK:
+                comment, lost = self.comment_of(block)
+            else:
+                lost = yield from self.items(block, comment)
+                comment = None
+            if lost:
+                yield lost
+
+    def comment_of(self, block):
+        """The comment in a comment block, or None, and its damage or None."""
+        try:
+            return block.payload(self.data), None
+        except Malformed as reason:
+            return None, Damage(block.offset, block.end - block.offset, str(reason), 0, True)
 
     def items(self, block, comment):
-        payload = Payload(
-            block.payload(self.data), block.first_address, bool(block.flags & FLAG_ADDRESS_KNOWN),
-            comment if block.flags & FLAG_COMMENT_BEFORE else None,
-        )  # fmt: skip
-        records, headers = block.first_record, block.first_header
-        for item in payload:
-            item.block_offset = block.offset
-            if isinstance(item, Header):
-                item.number, item.record_number = headers, records
-                headers += 1
-            else:
-                item.number, item.header_number = records, headers
-                records += 1
-            yield item
-        if records != block.first_record + block.records or headers != block.first_header + block.headers:
-            raise Malformed("another number of items than the block's header says")
+        """Delivers the items of a block up to where it is malformed. Returns the damage there, or None."""
+        records = headers = 0
+        try:
+            known = bool(block.flags & FLAG_ADDRESS_KNOWN)
+            before = comment if block.flags & FLAG_COMMENT_BEFORE else None
+            for item in Payload(block.payload(self.data), block.first_address, known, before):
+                item.block_offset = block.offset
+                if isinstance(item, Header):
+                    item.number, item.record_number = block.first_header + headers, block.first_record + records
+                    headers += 1
+                else:
+                    item.number, item.header_number = block.first_record + records, block.first_header + headers
+                    records += 1
+                if records > block.records or headers > block.headers:
+                    raise Malformed("more items than the block's header says")
+                yield item
+            if records != block.records or headers != block.headers:
+                raise Malformed("fewer items than the block's header says")
+        except Malformed as reason:
+            lost = max(block.records - records, 0)
+            return Damage(block.offset, block.end - block.offset, str(reason), lost, True)
+        return None
 
 
 # ---- Command line --------------------------------------------------------------------------------------

@@ -1,0 +1,124 @@
+"""The Python reader and the C++ reader deliver the same, item by item.
+
+    reader_agreement_test.py PROGRAMS corpus|random|streams|lines
+
+corpus: the small traces of tests/golden/format, which have an expectation of their own; random: generated records;
+streams: recorded streams through the replay program (the first 20,000 lines of each, with QT_LONG=1 all of every
+one); lines: what `qtrace dump --json` and the command line of qtrace.py print. QT_LONG=1 takes more of all."""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import zstandard
+
+import reader_agreement
+from reader_agreement import qtrace
+
+ROOT = pathlib.Path(__file__).parents[2]
+CORPUS = ROOT / "tests/golden/format"
+LONG = os.environ.get("QT_LONG") == "1"
+LINES_OF_A_STREAM = 20000
+PROGRAMS = pathlib.Path(sys.argv[1])
+
+
+def expectation_of(item):
+    if isinstance(item, qtrace.Damage):
+        return {"damage": item.offset, "bytes": item.bytes, "records": item.records, "known": bool(item.records_known),
+                "truncated": item.truncated}  # fmt: skip
+    return item.for_json()
+
+
+def read_all(path):
+    try:
+        return [expectation_of(item) for item in qtrace.Trace(path)]
+    except qtrace.Not_A_Trace:
+        return [{"refused": True}]
+
+
+class Agreement(unittest.TestCase):
+    maxDiff = 2000
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def assert_readers_agree(self, path):
+        difference, items = reader_agreement.first_difference(PROGRAMS / "trace_items", path)
+        self.assertIsNone(difference)
+        return items
+
+    def replay(self, stream):
+        """The traces of a recorded stream, or of its first lines."""
+        console = self.folder / "console"
+        plugin = PROGRAMS / "plugin_qtbin.so"
+        signal = f"plugin signal {plugin.name}"
+        console.write_text(f"plugin load {plugin}\n{signal} start {self.folder}/trace\nrun\n{signal} stop\n")
+        run = subprocess.run([PROGRAMS / "replay", "-e", self.beginning_of(stream), console], capture_output=True)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        return sorted(self.folder.glob("trace[0-9]*"))
+
+    def beginning_of(self, stream):
+        if LONG or stream.suffix != ".zst":
+            return stream
+        copy = self.folder / "stream.jsonl"
+        with zstandard.open(stream, "rt") as lines, copy.open("w") as out:
+            for _, line in zip(range(LINES_OF_A_STREAM), lines):
+                out.write(line)
+        return copy
+
+
+class corpus(Agreement):
+    def test_has_what_its_generator_makes(self):
+        check = subprocess.run([sys.executable, CORPUS / "make_corpus.py", "--check"], capture_output=True, text=True)
+        self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
+
+    def test_every_trace_gives_what_was_put_in_and_both_readers_agree(self):
+        traces = sorted(CORPUS.glob("*.trace"))
+        self.assertGreaterEqual(len(traces), 200)
+        for path in traces:
+            with self.subTest(path.name):
+                expected = path.with_suffix(".json").read_text().splitlines()
+                self.assertEqual(read_all(path), [json.loads(line) for line in expected])
+                self.assert_readers_agree(path)
+
+
+class random(Agreement):
+    def test_generated_records(self):
+        for seed in range(1, 11 if LONG else 2):
+            path = self.folder / "generated"
+            subprocess.run([PROGRAMS / "random_trace_file", path, "100000", str(seed)], check=True)
+            self.assertGreater(self.assert_readers_agree(path), 100000)
+
+
+class streams(Agreement):
+    def test_recorded_streams(self):
+        recorded = sorted(ROOT.glob("streams/*.jsonl*"))
+        self.assertGreaterEqual(len(recorded), 7)
+        for stream in recorded:
+            with self.subTest(stream.name):
+                traces = self.replay(stream)
+                self.assertTrue(traces)
+                for trace in traces:
+                    self.assertGreater(self.assert_readers_agree(trace), 100)
+
+
+class lines(Agreement):
+    def printed(self, *command):
+        output = subprocess.run([*map(str, command)], capture_output=True, text=True)
+        return [json.loads(line) for line in output.stdout.splitlines()], output.returncode
+
+    def test_both_commands_print_the_same(self):
+        traces = [*CORPUS.glob("*.trace"), *self.replay(ROOT / "streams/sample.jsonl")]
+        for trace in traces if LONG else traces[:: len(traces) // 60 + 1] + traces[-1:]:
+            with self.subTest(trace.name):
+                mine = self.printed(sys.executable, ROOT / "python/qtrace.py", trace)
+                self.assertEqual(mine, self.printed(PROGRAMS / "qtrace", "dump", "--json", trace))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], *sys.argv[2:]])
