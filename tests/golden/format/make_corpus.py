@@ -22,7 +22,7 @@ FOLDER = pathlib.Path(__file__).parent
 MASK64 = (1 << 64) - 1
 FILE_START = qtrace.FILE_MAGIC + struct.pack("<I", 1)
 FILE_START += struct.pack("<I", crc32c(FILE_START))
-LAST, KNOWN, COMMENT, COMMENT_BEFORE = 1, 2, 4, 8
+LAST, KNOWN, COMMENT, COMMENT_BEFORE, GAP, OPEN_END = (1 << i for i in range(6))
 DATA, NEXT = 1 << 43, 1 << 38  # of control words
 LISTS = qtrace.REGISTER_LISTS
 CODING_ORDER = (9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
@@ -633,9 +633,36 @@ def order_cases():
     case("comment-block-damaged", FILE_START + bad + first + last, [damage_line(16, len(bad), 0)] + maker.lines())
 
 
+def recovered_cases():
+    """What a recovery leaves: blocks behind a gap, and an end that is not the trace's."""
+    for gone in ((0,), (1,), (1, 2)):
+        maker, behind = base_blocks(), gone[-1] + 1
+        kept = [with_flags(data, GAP if i == behind else 0) for i, data in enumerate(maker.blocks) if i not in gone]
+        name = "-".join(map(str, gone))
+        case(f"gap-block-{name}", FILE_START + b"".join(kept), maker.lines(without=gone))
+        size = sum(map(len, maker.blocks[: gone[0]])) + len(FILE_START)
+        junk = b"".join(kept[: gone[0]]) + b"junk" + b"".join(kept[gone[0] :])
+        case(f"gap-block-{name}-behind-damage", FILE_START + junk, maker.lines(without=range(gone[0], 4))
+             + [damage_line(size, 4, 2 * len(gone))] + maker.lines(without=range(behind)))  # fmt: skip
+    maker = base_blocks()
+    for i in range(3):
+        kept = [*maker.blocks[:i], with_flags(maker.blocks[i], LAST | OPEN_END)]
+        case(f"open-end-block-{i}", FILE_START + b"".join(kept), maker.lines(without=range(i + 1, 4)))
+    case("gap-without-jump", FILE_START + maker.blocks[0] + with_flags(maker.blocks[1], GAP)
+         + b"".join(maker.blocks[2:]), maker.lines())  # fmt: skip
+
+
+def with_flags(data, flags):
+    """A block with more flags, and the checksum of its header set right."""
+    head = bytearray(data[:52])
+    head[5] |= flags
+    return bytes(head) + struct.pack("<I", crc32c(head)) + data[56:]
+
+
 def main():
     for cases in (member_cases, flag_cases, register_cases, value_kind_cases, expectation_cases, translation_cases,
-                  file_cases, damage_cases, malformed_cases, order_cases):  # fmt: skip
+                  file_cases, damage_cases, malformed_cases, order_cases,
+                  recovered_cases):  # fmt: skip
         cases()
     wanted = {f"{name}.trace": data for name, (data, _) in CASES.items()}
     wanted |= {f"{name}.json": "".join(text + "\n" for text in lines).encode() for name, (_, lines) in CASES.items()}
