@@ -59,8 +59,8 @@ def goals(measured, instructions):
     rows.append(Goal("reference writer's own time / plugin's own time", 1.5, 0.7, writer / own))
     rows.append(Goal("bytes per record on disk, boot-user", 12, 6,
                      measured.counter("commit/bin+qtrace:boot-user", "bytes_per_record")))
-    rows.append(Goal("resident KiB added by start, per thread (of 128)", 64, 8,
-                     measured.counter("start+stop/128", "resident_kilobytes") / 128))
+    rows.append(Goal("resident KiB added by start, per thread (of 1,024)", 64, 8,
+                     measured.counter("start+stop/1024", "resident_kilobytes") / 1024))
     for what, meaning in (("commits", "from 10^4 to 10^7 commits"), ("threads", "from 1 to 128 threads")):
         points = measured.matching(f"growth/{what}")
         rows.append(Goal(f"growth of time per commit {meaning}", 1.3, 1.1,
