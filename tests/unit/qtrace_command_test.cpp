@@ -1,0 +1,570 @@
+// The `qtrace` command as a user sees it: what it prints, and how it ends.
+#include "instruction_kind.h"
+#include "planted_trace.h"
+#include "trace_members.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+using namespace planted;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace
+{
+
+std::vector<json> json_lines(const std::string &text)
+{
+    std::istringstream lines(text);
+    std::vector<json> objects;
+    for (std::string line; std::getline(lines, line);)
+        objects.push_back(json::parse(line));
+    return objects;
+}
+
+std::vector<uint64_t> record_numbers(const Outcome &outcome)
+{
+    std::vector<uint64_t> numbers;
+    for (const json &line : json_lines(outcome.out))
+        if (line.contains("record"))
+            numbers.push_back(line["record"]);
+    return numbers;
+}
+
+// A trace of several blocks: registers that no prediction meets.
+Trace long_trace(size_t records)
+{
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    uint64_t noise = 1;
+    for (size_t i = 1; i < records; i++) {
+        Item item{false, {}, "", plain_record(0x7c000214 + static_cast<uint32_t>(i % 7))};
+        item.record.header.control.fld.register_trace_present = 1;
+        item.record.regs.num_gprs_out = 1;
+        noise = noise * 6364136223846793005u + 1442695040888963407u;
+        item.record.regs.gpr_out[0] = {static_cast<uint16_t>(i % 32), noise};
+        trace.push_back(item);
+    }
+    return trace;
+}
+
+const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "diff", "recover"};
+
+} // namespace
+
+// ---- Command line --------------------------------------------------------------------------------------
+
+TEST(command_line, help_starts_with_two_examples)
+{
+    EXPECT_THAT(qtrace({"--help"}).out, StartsWith("Examples:\n  qtrace "));
+    for (const std::string &name : SUBCOMMANDS) {
+        const Outcome outcome = qtrace({name, "--help"});
+        const std::string example = "  qtrace " + name + " ";
+        EXPECT_EQ(outcome.exit_code, 0);
+        EXPECT_THAT(outcome.out, StartsWith("Examples:\n" + example)) << name;
+        EXPECT_NE(outcome.out.find(example, outcome.out.find(example) + 1), std::string::npos) << name;
+    }
+}
+
+TEST(command_line, mistyped_subcommands_and_options_get_a_suggestion)
+{
+    const Outcome subcommand = qtrace({"dmup", "trace0"});
+    EXPECT_EQ(subcommand.exit_code, 2);
+    EXPECT_THAT(subcommand.err, HasSubstr("`dmup` is no subcommand; did you mean `dump`?"));
+    const Outcome option = qtrace({"dump", "--cuont", "3", "trace0"});
+    EXPECT_EQ(option.exit_code, 2);
+    EXPECT_THAT(option.err, HasSubstr("did you mean `--count`?"));
+    const Outcome field = qtrace({"dump", "--fields", "flagz", "trace0"});
+    EXPECT_EQ(field.exit_code, 2);
+    EXPECT_THAT(field.err, HasSubstr("did you mean `flags`?"));
+    EXPECT_EQ(qtrace({"diff", "--ignore", "registres", "a", "b"}).exit_code, 2);
+}
+
+TEST(command_line, wrong_usage_writes_nothing_to_standard_output)
+{
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{},
+                                               {"dump"},
+                                               {"dump", "--from", "x", "t"},
+                                               {"dump", "--pc", "g", "t"},
+                                               {"diff", "a"},
+                                               {"recover", "a"}}) {
+        const Outcome outcome = qtrace(arguments);
+        EXPECT_EQ(outcome.exit_code, 2);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_THAT(outcome.err, StartsWith("qtrace: "));
+    }
+}
+
+TEST(command_line, a_missing_file_is_a_failure_and_the_others_are_still_read)
+{
+    const Folder folder;
+    const Outcome outcome = qtrace({"info", folder.path("none"), folder.write("trace0", good_trace())});
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("none"));
+    EXPECT_THAT(outcome.out, HasSubstr("records      11"));
+}
+
+TEST(command_line, a_base_name_stands_for_all_threads)
+{
+    const Folder folder;
+    folder.write("trace0", good_trace());
+    folder.write("trace1", good_trace());
+    folder.write("trace3", good_trace()); // not in a row with the others
+    std::set<std::string> files;
+    for (const json &line : json_lines(qtrace({"info", "--json", folder.path("trace")}).out))
+        files.insert(line["file"]);
+    EXPECT_THAT(files, ElementsAre(folder.path("trace0"), folder.path("trace1")));
+}
+
+TEST(command_line, prints_no_colour_and_no_progress_when_not_on_a_terminal)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    for (const char *name : {"info", "dump", "check", "stats"}) {
+        const Outcome outcome = qtrace({name, file});
+        EXPECT_THAT(outcome.out, Not(HasSubstr("\x1b"))) << name;
+        EXPECT_EQ(outcome.err, "") << name;
+    }
+}
+
+// ---- info ----------------------------------------------------------------------------------------------
+
+TEST(info, counts_headers_gaps_and_partition_changes_and_decodes_the_comment)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    const json object = json_lines(qtrace({"info", "--json", file}).out).at(0);
+    EXPECT_EQ(object["records"], 11);
+    EXPECT_EQ(object["headers"], 3);
+    EXPECT_EQ(object["full_headers"], 2);
+    EXPECT_EQ(object["partition_changes"], 1);
+    EXPECT_EQ(object["gaps"], 1);
+    EXPECT_EQ(object["clean_end"], true);
+    EXPECT_EQ(object["header_list"][2]["before_record"], 9);
+    EXPECT_EQ(object["header_list"][1]["pid"], 8);
+    const std::string text = qtrace({"info", file}).out;
+    EXPECT_THAT(text, HasSubstr("simulator version 3, 64-bit, little-endian, 1.0 GiB of memory"));
+    EXPECT_THAT(text, HasSubstr("host pages: 4K 64K; guest pages: none"));
+}
+
+TEST(info, finds_headers_in_the_middle_of_a_long_file)
+{
+    const Folder folder;
+    Trace trace = long_trace(40000);
+    trace.insert(trace.begin() + 20001, good_trace()[PARTITION]);
+    const json object = json_lines(qtrace({"info", "--json", folder.write("trace0", trace)}).out).at(0);
+    ASSERT_EQ(object["header_list"].size(), 2u);
+    EXPECT_EQ(object["header_list"][1]["before_record"], 20000);
+    EXPECT_GT(object["blocks"], 2);
+}
+
+TEST(info, tells_a_cut_file_from_a_whole_one)
+{
+    const Folder folder;
+    folder.write("trace0", long_trace(40000));
+    const std::string bytes = folder.contents("trace0");
+    const Outcome outcome = qtrace({"info", folder.text("cut0", bytes.substr(0, bytes.size() / 2))});
+    EXPECT_EQ(outcome.exit_code, 3);
+    EXPECT_THAT(outcome.out, HasSubstr("ends         not cleanly"));
+}
+
+// ---- dump ----------------------------------------------------------------------------------------------
+
+TEST(dump, prints_address_word_flags_and_what_the_record_carries)
+{
+    const Folder folder;
+    const std::string text = qtrace({"dump", folder.write("trace0", good_trace())}).out;
+    EXPECT_THAT(text, HasSubstr("         0 0000000000001000 38600001 --- processor 2\n"));
+    EXPECT_THAT(
+        text,
+        HasSubstr("         2 0000000000001008 40820ff8 INT next 0000000000002000 none/radix rpn 0x12 page 1\n"));
+    EXPECT_THAT(
+        text, HasSubstr("         3 0000000000002000 80640010 --- data 0000000000006010 radix/radix rpn 0x12 page "
+                        "1 guest-page 1\n"));
+    EXPECT_THAT(text, HasSubstr("         4 0000000000002004 41820010 -NT\n"));
+    EXPECT_THAT(text, HasSubstr("length 16 in r4=0x2000 r5=0x11 out x34=0x112233445566778899aabbccddeeff00\n"));
+    EXPECT_THAT(text,
+                HasSubstr("         6 000000000000200c 48000ff5 INU next 0000000000003000 none/hpt vsid 0x1 rpn"));
+    EXPECT_THAT(text, HasSubstr("error 8\n"));
+    EXPECT_THAT(text, HasSubstr("- partition lpid 0x2 pid 8\n"));
+}
+
+TEST(dump, json_carries_every_filled_member)
+{
+    const Folder folder;
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    std::set<std::string> expected;
+    // every member filled, whatever the flags say; pointers and the library's bookkeeping are no part of a file
+    for (const qtrace_tool::Trace_Member &member : qtrace_tool::RECORD_MEMBERS) {
+        const std::set<std::string_view> outside = {"data",         "file_header", "persistent_data", "offset",
+                                                    "record_count", "instr_count", "exec_instr_count"};
+        if (outside.contains(member.name) || member.name == "regs")
+            continue;
+        reinterpret_cast<uint8_t *>(&trace[1].record)[member.offset] |= 1;
+        expected.insert(std::string(member.name));
+    }
+    const json line = json_lines(qtrace({"dump", "--json", folder.write("trace0", trace)}).out).at(1);
+    for (const std::string &name : expected)
+        EXPECT_TRUE(line.contains(name)) << name;
+}
+
+TEST(dump, json_names_flags_registers_and_walks)
+{
+    const Folder folder;
+    const auto lines = json_lines(qtrace({"dump", "--json", folder.write("trace0", good_trace())}).out);
+    ASSERT_EQ(lines.size(), 14u);
+    EXPECT_EQ(lines[0]["comment_present"], 1);
+    EXPECT_EQ(lines[0]["iar"], "0x1000");
+    EXPECT_EQ(lines[5]["data_hRTW"][2], json({"0x10010", "0x20010", "0x30010", "0x40010"}));
+    EXPECT_EQ(lines[5]["data_hRTW_host_RA"], json({"0x50000", "0x50008", "0x0", "0x0"}));
+    EXPECT_EQ(lines[8]["gpr_in"], json::parse(R"([[4,"0x2000"],[5,"0x11"]])"));
+    EXPECT_EQ(lines[8]["vsxr_out"], json::parse(R"([[34,"0x1122334455667788","0x99aabbccddeeff00"]])"));
+    EXPECT_EQ(lines[8]["length"], 16);
+    EXPECT_FALSE(lines[8].contains("node"));
+}
+
+TEST(dump, ranges_begin_and_end_where_asked)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_trace(30000));
+    const Outcome outcome = qtrace({"dump", "--json", "--from", "25000", "--count", "3", file});
+    EXPECT_THAT(record_numbers(outcome), ElementsAre(25000, 25001, 25002));
+    EXPECT_EQ(json_lines(outcome.out).at(0)["address"], "0x196a0"); // 0x1000 + 4 * 25000
+    EXPECT_EQ(qtrace({"dump", "--from", "30000", file}).exit_code, 1);
+}
+
+TEST(dump, picks_records_by_address_and_kind)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    const auto picked = [&](const std::string &option, const std::string &value) {
+        return record_numbers(qtrace({"dump", "--json", option, value, file}));
+    };
+    EXPECT_THAT(picked("--pc", "0x2000-0x2008"), ElementsAre(3, 4, 5));
+    EXPECT_THAT(picked("--pc", "2004"), ElementsAre(4));
+    EXPECT_THAT(picked("--only", "load"), ElementsAre(1, 3, 5));
+    EXPECT_THAT(picked("--only", "store"), ElementsAre(7));
+    EXPECT_THAT(picked("--only", "branch"), ElementsAre(2, 4, 6));
+    EXPECT_THAT(picked("--only", "taken"), ElementsAre(2, 6));
+    EXPECT_THAT(picked("--only", "string,error"), ElementsAre(5, 7));
+}
+
+TEST(dump, shows_the_fields_asked_for_and_no_others)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    const std::string text = qtrace({"dump", "--from", "5", "--count", "1", "--fields", "gpr_in", file}).out;
+    EXPECT_THAT(text, testing::EndsWith("\n         5 0000000000002008 7c6484aa in r4=0x2000 r5=0x11\n"));
+    EXPECT_THAT(qtrace({"dump", "--explain", file}).out, StartsWith("# A line a record"));
+}
+
+// ---- stats ---------------------------------------------------------------------------------------------
+
+TEST(stats, counts_what_the_trace_has)
+{
+    const Folder folder;
+    const json counts = json_lines(qtrace({"stats", "--json", folder.write("trace0", good_trace())}).out).at(0);
+    const std::map<std::string, int> expected = {
+        {"instructions", 11},    {"branches", 3},        {"taken", 1},
+        {"not_taken", 1},        {"unconditional", 1},   {"loads", 3},
+        {"stores", 1},           {"strings", 1},         {"string_bytes", 16},
+        {"data_addresses", 3},   {"data_errors", 1},     {"gpr_in", 2},
+        {"vsxr_out", 1},         {"gpr_out", 0},         {"full_headers", 2},
+        {"data_none/hpt", 1},    {"fetch_none/hpt", 2},  {"data_none/radix", 1},
+        {"data_radix/radix", 1}, {"fetch_none/real", 2}, {"fetch_pages_64K", 1},
+        {"data_pages_64K", 2},
+    };
+    for (const auto &[name, count] : expected)
+        EXPECT_EQ(counts.at(name), count) << name;
+    EXPECT_EQ(counts["partitions"], json::parse(R"([{"lpid":"0x1","pid":7,"instructions":7},
+                                                     {"lpid":"0x2","pid":8,"instructions":4}])"));
+}
+
+TEST(stats, sets_threads_side_by_side_and_in_total)
+{
+    const Folder folder;
+    folder.write("trace0", good_trace());
+    folder.write("trace1", good_trace());
+    const auto columns = json_lines(qtrace({"stats", "--json", folder.path("trace")}).out);
+    ASSERT_EQ(columns.size(), 3u);
+    EXPECT_EQ(columns[2]["file"], "total");
+    EXPECT_EQ(columns[2]["instructions"], 22);
+    EXPECT_EQ(columns[2]["hot_targets"][0]["times"], 2);
+}
+
+// ---- diff ----------------------------------------------------------------------------------------------
+
+namespace
+{
+
+json difference(const Folder &folder, const Trace &a, const Trace &b)
+{
+    return json_lines(qtrace({"diff", "--json", folder.write("old0", a), folder.write("new0", b)}).out).at(0);
+}
+
+json kinds_of(const std::function<void(Trace &)> &change)
+{
+    const Folder folder;
+    Trace trace = good_trace();
+    change(trace);
+    return difference(folder, good_trace(), trace)["kinds"];
+}
+
+} // namespace
+
+TEST(diff, finds_no_difference_between_equal_traces)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    EXPECT_EQ(qtrace({"diff", file, file}).exit_code, 0);
+}
+
+TEST(diff, names_the_kind_of_each_difference)
+{
+    EXPECT_EQ(kinds_of([](Trace &t) { t[STRING].record.regs.gpr_in[1].value++; }), json({{"registers", 1}}));
+    EXPECT_EQ(kinds_of([](Trace &t) { t[LOAD].record.data_ea[0]++; }), json({{"data-address", 1}}));
+    EXPECT_EQ(kinds_of([](Trace &t) { t[LOAD].record.data_rpn[0]++; }), json({{"translation", 1}}));
+    EXPECT_EQ(kinds_of([](Trace &t) { t[LOAD].record.header.instruction++; }), json({{"instruction", 1}}));
+    EXPECT_EQ(kinds_of([](Trace &t) { t[SUSPECT_STORE].record.error_code = 4; }), json({{"flags", 1}}));
+    EXPECT_EQ(kinds_of([](Trace &t) { t[PARTITION].header.pid[0]++; }), json({{"header", 1}}));
+    // the records up to the next jump then stand elsewhere
+    EXPECT_EQ(kinds_of([](Trace &t) { t[TAKEN_BRANCH].record.next_instruction_ea[0] = 0x40; }),
+              json({{"next-address", 1}, {"address", 4}}));
+}
+
+TEST(diff, ignores_what_it_is_told_to)
+{
+    const Folder folder;
+    Trace changed = good_trace();
+    changed[STRING].record.regs.gpr_in[1].value++;
+    const std::string a = folder.write("old0", good_trace()), b = folder.write("new0", changed);
+    EXPECT_EQ(qtrace({"diff", a, b}).exit_code, 3);
+    EXPECT_EQ(qtrace({"diff", "--ignore", "translation,registers", a, b}).exit_code, 0);
+}
+
+TEST(diff, shows_the_first_difference_with_its_neighbours)
+{
+    const Folder folder;
+    Trace changed = good_trace();
+    changed[STRING].record.regs.gpr_in[1].value++;
+    const std::string text =
+        qtrace({"diff", folder.write("old0", good_trace()), folder.write("new0", changed)}).out;
+    EXPECT_THAT(text, HasSubstr("at record 5 | 5 (0000000000002008): registers\n"));
+    EXPECT_THAT(text, HasSubstr("\n-         5 0000000000002008"));
+    EXPECT_THAT(text, HasSubstr("r5=0x12 out"));
+    EXPECT_THAT(text, HasSubstr("\n          4 0000000000002004"));
+    EXPECT_THAT(text, HasSubstr("\n          6 000000000000200c"));
+}
+
+TEST(diff, aligns_again_behind_inserted_and_missing_records)
+{
+    const Folder folder;
+    const Trace whole = long_trace(3000);
+    Trace cut = whole;
+    // the next address keeps the records behind at their places
+    cut[1000].record.header.control.fld.iar_change_present = cut[1000].record.header.control.fld.node_present = 1;
+    cut[1000].record.header.control.fld.next_instruction_EA_present = 1;
+    const uint64_t next = 0x1000 + 4 * 1050;
+    std::memcpy(cut[1000].record.next_instruction_ea, &next, sizeof(next));
+    cut.erase(cut.begin() + 1001, cut.begin() + 1051);
+    const json forward = difference(folder, whole, cut);
+    EXPECT_EQ(forward["only_a"], 50);
+    EXPECT_EQ(forward["only_b"], 0);
+    EXPECT_EQ(forward["differing"], 1); // the record in front, with its new next address
+    EXPECT_EQ(difference(folder, cut, whole)["only_b"], 50);
+}
+
+TEST(diff, counts_the_records_behind_the_end_of_the_shorter_trace)
+{
+    const Folder folder;
+    const json object = difference(folder, long_trace(500), long_trace(620));
+    EXPECT_EQ(object["only_b"], 120);
+    EXPECT_EQ(object["differing"], 0);
+}
+
+// ---- recover -------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// Flips bits in the middle of the payload of the block at that offset.
+std::string spoilt(std::string bytes, size_t offset)
+{
+    bytes.at(offset) = static_cast<char>(bytes[offset] ^ 0x55);
+    return bytes;
+}
+
+} // namespace
+
+TEST(recover, keeps_all_blocks_but_the_damaged_one_and_passes_check)
+{
+    const Folder folder;
+    folder.write("trace0", long_trace(40000));
+    const std::string bytes = folder.contents("trace0");
+    const std::string broken = folder.text("broken0", spoilt(bytes, bytes.size() / 2));
+    EXPECT_EQ(qtrace({"check", broken}).exit_code, 3);
+    const Outcome outcome = qtrace({"recover", "--json", broken, folder.path("saved0")});
+    EXPECT_EQ(outcome.exit_code, 3);
+    const json object = json::parse(outcome.out);
+    EXPECT_EQ(object["damaged_places"], 1);
+    EXPECT_EQ(object["lost_records_known"], true);
+    EXPECT_EQ(object["records"].get<uint64_t>() + object["lost_records"].get<uint64_t>(), 40000u);
+    EXPECT_GT(object["lost_records"], 0);
+    EXPECT_EQ(qtrace({"check", folder.path("saved0")}).exit_code, 0);
+    EXPECT_THAT(qtrace({"info", folder.path("saved0")}).out, HasSubstr("lost blocks were left out at 1 places"));
+}
+
+TEST(recover, records_keep_their_numbers)
+{
+    const Folder folder;
+    folder.write("trace0", long_trace(40000));
+    const std::string bytes = folder.contents("trace0");
+    qtrace({"recover", folder.text("broken0", spoilt(bytes, bytes.size() / 2)), folder.path("saved0")});
+    const auto of = [&](const std::string &name) {
+        const std::string text = qtrace({"dump", "--from", "39000", "--count", "5", folder.path(name)}).out;
+        return text;
+    };
+    EXPECT_EQ(of("saved0"), of("trace0"));
+}
+
+TEST(recover, a_second_time_changes_nothing)
+{
+    const Folder folder;
+    folder.write("trace0", long_trace(40000));
+    const std::string bytes = folder.contents("trace0");
+    for (const std::string &damaged : {spoilt(bytes, 40), spoilt(bytes, bytes.size() / 2), spoilt(bytes, 2),
+                                       bytes.substr(0, bytes.size() * 2 / 3), bytes + "behind the end"}) {
+        folder.text("broken0", damaged);
+        qtrace({"recover", folder.path("broken0"), folder.path("saved0")});
+        EXPECT_EQ(qtrace({"check", folder.path("saved0")}).exit_code, 0);
+        EXPECT_EQ(qtrace({"recover", folder.path("saved0"), folder.path("again0")}).exit_code, 0);
+        EXPECT_EQ(folder.contents("again0"), folder.contents("saved0"));
+    }
+}
+
+TEST(recover, copies_an_undamaged_file_as_it_is)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_trace(9000));
+    EXPECT_EQ(qtrace({"recover", file, folder.path("saved0")}).exit_code, 0);
+    EXPECT_EQ(folder.contents("saved0"), folder.contents("trace0"));
+}
+
+TEST(recover, refuses_to_write_over_the_damaged_file)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    const std::string before = folder.contents("trace0");
+    EXPECT_EQ(qtrace({"recover", file, file}).exit_code, 1);
+    EXPECT_EQ(folder.contents("trace0"), before);
+}
+
+TEST(recover, writes_nothing_when_no_block_is_whole)
+{
+    const Folder folder;
+    EXPECT_EQ(qtrace({"recover", folder.text("text0", "no trace at all"), folder.path("saved0")}).exit_code, 1);
+    EXPECT_FALSE(std::filesystem::exists(folder.path("saved0")));
+}
+
+// ---- Beside the trace ----------------------------------------------------------------------------------
+
+TEST(check_pte, reports_each_walk_that_the_file_does_not_have_once)
+{
+    const Folder folder;
+    Trace trace = good_trace();
+    for (const size_t place : {TAKEN_BRANCH, NESTED_LOAD}) // walks that are not the subject
+        trace[place] = {false, {}, "", plain_record(0x60000000)};
+    trace[CALL] = trace[SUSPECT_STORE] = trace[NESTED_LOAD];
+    const std::string file = folder.write("trace0", trace);
+    const auto words = [](std::initializer_list<uint64_t> values) {
+        std::string bytes;
+        for (const uint64_t value : values)
+            for (int shift = 56; shift >= 0; shift -= 8)
+                bytes += static_cast<char>(value >> shift & 0xFF);
+        return bytes;
+    };
+    // an access of the other kind in front, then the walk of the header and the load
+    const std::string good = folder.text("pte0", words({1, 2, 3, 0x100, 0, 0, 0x200, 0x12008}));
+    EXPECT_EQ(qtrace({"check", "--pte", good, file}).exit_code, 0);
+    const std::string bad = folder.text("other0", words({1, 2, 3, 0x108, 0, 0, 0x200, 0x12008}));
+    const Outcome outcome = qtrace({"check", "--json", "--pte", bad, file});
+    EXPECT_EQ(outcome.exit_code, 3);
+    EXPECT_EQ(json_lines(outcome.out).back()["violations"], json({{"pte-walk", 1}}));
+}
+
+TEST(check_text, compares_item_by_item)
+{
+    const Folder folder;
+    const Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], good_trace()[LOAD]};
+    const std::string file = folder.write("trace0", trace);
+    const std::string text =
+        "*** FILE HEADER INSERTED *** \n"
+        "KelvoVer:3,64bitMode:True,LEMode:True,MemUsed:1073741824,HostPagesUsed:4K 64K ,GuestPagesUsed:\n"
+        "(seq:1,tid:2) (xlatetype_I:Z7_HostRadixProcessScoped) (xlatetype_D:RADIX_MODE_NOT_YET_SET) "
+        "(pid:7,lpid:1,ptcr:0x0000000000C0000C) (USER,SIMP) (commit:1)(instbody:0x38600001) {name:li r3,1} (I:0) "
+        "(N:0) "
+        "(T:0) (PC:0x0000000000001000) (nextPC:0x0000000000001004) (done) (left:2) \n"
+        "(seq:2,tid:2) (xlatetype_I:Z7_HostRadixProcessScoped) (xlatetype_D:Z7_HostRadixProcessScoped) "
+        "(pid:7,lpid:1,ptcr:0x0000000000C0000C) (USER,SIMP) (commit:1)(instbody:0xe8640008) {name:ld r3,8(r4)} "
+        "(I:0) "
+        "(N:0) (T:0) (PC:0x0000000000001004) (nextPC:0x0000000000001008) (done) "
+        "(DEA:0x0000000000005008(HostPageSize:1) (data_Host_RTW_Depth:3 (data_hRTPDE_L1_RA:0x0000000000000100, "
+        "data_hRTPDE_L2_RA:0x0000000000000000, data_hRTPDE_L3_RA:0x0000000000000000, "
+        "data_hRTPTE_RA:0x0000000000000200) )(data_RPN:0x00000012)) \n";
+    EXPECT_EQ(qtrace({"check", "--text", folder.text("text0", text), file}).out,
+              file + ": 2 records, 1 headers: no rule is broken\n");
+    const std::pair<std::string, std::string> changes[] = {
+        {"instbody:0xe8640008", "text-instruction"},
+        {"PC:0x0000000000001004) (n", "text-address"},
+        {"I:0) (N:0) (T:0) (PC:0x0000000000001000", "text-change"},
+        {"DEA:0x0000000000005008", "text-data-address"},
+        {"data_RPN:0x00000012", "text-data-translation"},
+        {"data_hRTPTE_RA:0x0000000000000200", "text-data-walk"},
+        {"pid:7,lpid:1", "text-partition"},
+        {"KelvoVer:3", "text-comment"},
+    };
+    for (const auto &[item, rule] : changes) {
+        std::string changed = text;
+        const size_t digit = changed.find_first_of("0123456789", changed.find(item) + item.find(':') + 1);
+        const size_t end = changed.find_first_not_of("0123456789abcdefx", digit);
+        changed[end - 1] = changed[end - 1] == '9' ? '1' : '9';
+        const Outcome outcome = qtrace({"check", "--json", "--text", folder.text("text0", changed), file});
+        EXPECT_EQ(json_lines(outcome.out).back()["violations"], json({{rule, 1}})) << item;
+    }
+}
+
+// ---- Instruction words ---------------------------------------------------------------------------------
+
+TEST(instruction_kind, agrees_with_what_a_recorded_stream_says_of_its_instructions)
+{
+    using qtrace_tool::Instruction_Kind;
+    std::ifstream stream(RECORDED_STREAM);
+    size_t commits = 0;
+    for (std::string line; std::getline(stream, line);) {
+        const json object = json::parse(line);
+        if (object["t"] != "commit")
+            continue;
+        const std::vector<std::string> flags = object.value("is", std::vector<std::string>{});
+        const auto is = [&](const char *flag) { return std::ranges::find(flags, flag) != flags.end(); };
+        const Instruction_Kind expected = is("unconditional") ? Instruction_Kind::unconditional_branch
+                                          : is("branch")      ? Instruction_Kind::conditional_branch
+                                          : is("load")        ? Instruction_Kind::load
+                                          : is("store")       ? Instruction_Kind::store
+                                          : is("cache")       ? Instruction_Kind::cache
+                                                              : Instruction_Kind::other;
+        const auto word = static_cast<uint32_t>(std::stoul(object["op"].get<std::string>(), nullptr, 16));
+        EXPECT_EQ(qtrace_tool::instruction_info(word).kind, expected) << object["text"];
+        EXPECT_EQ(qtrace_tool::instruction_info(word).string, is("string")) << object["text"];
+        commits++;
+    }
+    EXPECT_EQ(commits, 2000u);
+}
