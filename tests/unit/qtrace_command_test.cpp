@@ -224,12 +224,12 @@ TEST(dump, json_names_flags_registers_and_walks)
     ASSERT_EQ(lines.size(), 14u);
     EXPECT_EQ(lines[0]["comment_present"], 1);
     EXPECT_EQ(lines[0]["iar"], "0x1000");
-    EXPECT_EQ(lines[5]["data_hRTW"][2], json({"0x10010", "0x20010", "0x30010", "0x40010"}));
-    EXPECT_EQ(lines[5]["data_hRTW_host_RA"], json({"0x50000", "0x50008", "0x0", "0x0"}));
-    EXPECT_EQ(lines[8]["gpr_in"], json::parse(R"([[4,"0x2000"],[5,"0x11"]])"));
-    EXPECT_EQ(lines[8]["vsxr_out"], json::parse(R"([[34,"0x1122334455667788","0x99aabbccddeeff00"]])"));
-    EXPECT_EQ(lines[8]["length"], 16);
-    EXPECT_FALSE(lines[8].contains("node"));
+    EXPECT_EQ(lines[4]["data_hRTW"][2], json({"0x10010", "0x20010", "0x30010", "0x40010"}));
+    EXPECT_EQ(lines[4]["data_hRTW_host_RA"], json({"0x50000", "0x50008", "0x0", "0x0"}));
+    EXPECT_EQ(lines[7]["gpr_in"], json::parse(R"([[4,"0x2000"],[5,"0x11"]])"));
+    EXPECT_EQ(lines[7]["vsxr_out"], json::parse(R"([[34,"0x1122334455667788","0x99aabbccddeeff00"]])"));
+    EXPECT_EQ(lines[7]["length"], 16);
+    EXPECT_FALSE(lines[7].contains("node"));
 }
 
 TEST(dump, ranges_begin_and_end_where_asked)
