@@ -47,7 +47,7 @@ int fail(std::string_view path, std::string_view what, std::string_view reason)
 class Patience
 {
 public:
-    bool again() { return errno == EINTR && ++interruptions_ < 1000; }
+    bool again() { return errno == EINTR && ++interruptions_ < 64; }
 
 private:
     int interruptions_ = 0;

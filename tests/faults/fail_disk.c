@@ -7,7 +7,7 @@
 //   FAIL_AT       number of the call that fails, from 1; 0: none, calls are only counted
 //   FAIL_HOW      error number, or "short": a write takes half of what it is given, and succeeds
 //   FAIL_FOR_EVER when set, all later calls of that kind fail too
-//   FAIL_COUNT    file that receives the number of calls when the process exits
+//   FAIL_LOG      file that receives the number of calls, and the path of the first that failed, when the process exits
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
@@ -28,12 +28,13 @@
 
 static struct {
     const char *below;
-    const char *count_file;
+    const char *log_file;
     long call; // number of the system call; opens have two
     long at;
     long error; // 0: short write
     int for_ever;
     long seen;
+    char failed[4096]; // path of the first that failed
 } plan;
 
 static long pass(long number, long a, long b, long c, long d)
@@ -54,28 +55,35 @@ static int is_below(const char *path)
     return strncmp(path, plan.below, strlen(plan.below)) == 0;
 }
 
-static int descriptor_is_below(long descriptor)
+static void path_of_descriptor(long descriptor, char *path, size_t size)
 {
     char link[64];
-    char path[4096];
     snprintf(link, sizeof link, "/proc/self/fd/%ld", descriptor);
-    const long length = pass(SYS_readlink, (long)link, (long)path, sizeof path - 1, 0);
+    const long length = pass(SYS_readlink, (long)link, (long)path, (long)size - 1, 0);
     path[length > 0 ? length : 0] = '\0';
-    return is_below(path);
 }
 
-// Whether the call is one of those that are counted.
-static int is_counted(long number, long a, long b)
+static int is_due(const char *path)
 {
-    if (number == SYS_open || number == SYS_openat)
-        return plan.call == SYS_openat && is_below((const char *)(number == SYS_open ? a : b));
-    return number == plan.call && descriptor_is_below(a);
-}
-
-static int is_due(void)
-{
+    if (!is_below(path))
+        return 0;
     ++plan.seen;
-    return plan.at != 0 && (plan.for_ever ? plan.seen >= plan.at : plan.seen == plan.at);
+    if (plan.at == 0 || plan.seen < plan.at || (plan.seen > plan.at && !plan.for_ever))
+        return 0;
+    if (*plan.failed == '\0')
+        strcpy(plan.failed, path);
+    return 1;
+}
+
+static int call_fails(long number, long a, long b)
+{
+    char path[4096];
+    if ((number == SYS_open || number == SYS_openat) && plan.call == SYS_openat)
+        return is_due((const char *)(number == SYS_open ? a : b));
+    if (number != plan.call)
+        return 0;
+    path_of_descriptor(a, path, sizeof path);
+    return is_due(path);
 }
 
 static void on_call(int signal, siginfo_t *info, void *context)
@@ -85,7 +93,7 @@ static void on_call(int signal, siginfo_t *info, void *context)
     const long number = info->si_syscall;
     const long a = registers[REG_RDI], b = registers[REG_RSI], d = registers[REG_R10];
     long c = registers[REG_RDX];
-    const int fails = is_counted(number, a, b) && is_due();
+    const int fails = call_fails(number, a, b);
     if (fails && plan.error == 0)
         c = c > 1 ? c / 2 : c;
     if (!fails || plan.error == 0 || number == SYS_close)
@@ -123,7 +131,7 @@ __attribute__((constructor)) static void begin(void)
 {
     const char *call = setting("FAIL_CALL");
     plan.below = setting("FAIL_BELOW");
-    plan.count_file = setting("FAIL_COUNT");
+    plan.log_file = setting("FAIL_LOG");
     plan.call = strcmp(call, "open") == 0 ? SYS_openat : strcmp(call, "write") == 0 ? SYS_write : SYS_close;
     plan.at = strtol(setting("FAIL_AT"), NULL, 10);
     plan.error = strtol(setting("FAIL_HOW"), NULL, 10); // "short" is 0
@@ -136,11 +144,11 @@ __attribute__((constructor)) static void begin(void)
 
 __attribute__((destructor)) static void end(void)
 {
-    if (*plan.count_file == '\0')
+    if (*plan.log_file == '\0')
         return;
-    char text[32];
-    const int length = snprintf(text, sizeof text, "%ld\n", plan.seen);
-    const long file = pass(SYS_open, (long)plan.count_file, O_WRONLY | O_CREAT | O_TRUNC, 0666, 0);
+    char text[4200];
+    const int length = snprintf(text, sizeof text, "%ld\n%s\n", plan.seen, plan.failed);
+    const long file = pass(SYS_open, (long)plan.log_file, O_WRONLY | O_CREAT | O_TRUNC, 0666, 0);
     pass(SYS_write, file, (long)text, length, 0);
     pass(SYS_close, file, 0, 0, 0);
 }
