@@ -1,0 +1,91 @@
+"""Kills the replay host at random moments and looks at what it leaves behind."""
+
+import random
+import re
+import signal
+import subprocess
+import time
+
+import faults
+
+KILLS = 500 if faults.LONG else 40
+SEED = 1
+
+
+class Killed(faults.Fault_Test):
+    @classmethod
+    def setUpClass(cls):
+        cls.place = faults.Folder()
+        cls.place.stream = faults.STREAMS / "two-cpu.jsonl.zst"
+        cls.place.clear()
+        cls.place.write_script(["start {out}/trace txt {out}/text", "run 30000", "stop"])
+        begin = time.monotonic()
+        whole = cls.place.run()
+        cls.seconds = time.monotonic() - begin
+        assert whole.code == 0, whole.says()
+        cls.text = {tid: (cls.place.out / f"text{tid}").read_bytes() for tid in (0, 1)}
+        cls.records = {tid: faults.records_of(cls.place.out / f"trace{tid}") for tid in (0, 1)}
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.place.remove()
+
+    def kill_after(self, seconds):
+        """Whether it was still running."""
+        self.place.clear()
+        with subprocess.Popen(self.place.command(), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL) as host:
+            try:
+                host.wait(seconds)
+            except subprocess.TimeoutExpired:
+                host.kill()
+            return host.wait() == -signal.SIGKILL
+
+    def check_text(self, tid):
+        """The whole lines of the text trace so far."""
+        path = self.place.out / f"text{tid}"
+        text = path.read_bytes() if path.exists() else b""
+        self.assertTrue(self.text[tid].startswith(text), f"text{tid} differs from that of a whole run")
+        self.assertTrue(text == b"" or text.endswith(b"\n"), f"text{tid} ends with {text[-80:]}")
+        return text.count(b"\n(seq:") + text.startswith(b"(seq:")
+
+    def check_trace(self, tid):
+        """Readable records, and whether the reader says that the file is cut."""
+        path = self.place.out / f"trace{tid}"
+        if not path.exists():
+            return 0, True
+        info = faults.tool("info", path)
+        if path.stat().st_size == 0:
+            self.assertEqual(info.code, 1, info.says())
+            return 0, True
+        records = faults.records_of(path)
+        self.assertEqual(records, self.records[tid][: len(records)])
+        self.assertEqual(int(re.search(r"records +(\d+)", info.out)[1]), len(records), info.says())
+        cut = info.code == 3
+        if cut:
+            self.assertRegex(info.out, "was cut, (or )?its writer died", info.says())
+        else:
+            self.assertEqual((info.code, len(records)), (0, len(self.records[tid])), info.says())
+        return len(records), cut
+
+    def test_killed_host_leaves_whole_lines_and_whole_blocks(self):
+        moments = random.Random(SEED)
+        killed = lines = records = readable = torn = 0
+        for _ in range(KILLS):
+            was_running = self.kill_after(moments.uniform(0, 1.05) * self.seconds)
+            killed += was_running
+            for tid in (0, 1):
+                lines_here = self.check_text(tid)
+                records_here, cut = self.check_trace(tid)
+                # a record is written right behind its line, but kept until its block is full
+                self.assertLessEqual(records_here, lines_here)
+                lines, records = lines + lines_here, records + records_here
+                torn += cut
+                readable += not cut
+        self.assertGreater(killed, KILLS // 2)
+        faults.report(f"killed: {KILLS} runs, {killed} killed before their end; {torn} traces cut, {readable} complete; "
+                      f"{lines} text lines, all whole, {records} records readable")
+
+
+if __name__ == "__main__":
+    faults.main()
