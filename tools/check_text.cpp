@@ -343,35 +343,57 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
     }
 }
 
-// The text lists both kinds of 128-bit registers under one letter, vector registers first.
+namespace
+{
+
+// The text lists both kinds of 128-bit registers under one letter, vector registers first. A list that is full in
+// the record may have been longer in the simulator by one, and the text then shows that one too. Where the
+// vector-scalar ones begin:
+size_t scalar_vectors_begin(const QTRACE_REGISTERS &registers, const Register_Class &vectors,
+                            const Register_Class &scalars, const std::vector<Text_Register> &listed)
+{
+    const unsigned before = vectors.entries(registers), behind = scalars.entries(registers);
+    if (before < vectors.capacity || behind == 0 || listed.size() <= before + behind)
+        return before;
+    const bool both_full = behind == scalars.capacity && listed.size() == before + behind + 1;
+    return both_full && listed[before].index == register_entry(scalars, registers, 0).index ? before : before + 1;
+}
+
+} // namespace
+
+void Text_Checker::compare_list(const QTRACE_REGISTERS &registers, const Register_Class &kind,
+                                const std::vector<Text_Register> &listed, size_t begin)
+{
+    for (unsigned i = 0; i < kind.entries(registers); i++) {
+        if (begin + i >= listed.size()) {
+            report_("text-registers", fmt::format("{} {} is not in the text", kind.name, i));
+            return;
+        }
+        const Register_Entry entry = register_entry(kind, registers, i);
+        const Text_Register &text = listed[begin + i];
+        differ("text-registers", fmt::format("the number of register {} of {}", i, kind.name), text.index,
+               entry.index);
+        for (unsigned word = 0; word < kind.words; word++)
+            differ("text-registers", fmt::format("{}{}", kind.letter, entry.index), text.value[word],
+                   entry.value[word]);
+    }
+}
+
 void Text_Checker::compare_registers(const QTRACE_REGISTERS &registers, const Text_Line &line)
 {
-    size_t behind_vectors = 0;
-    for (const Register_Class &kind : REGISTER_CLASSES) {
-        const bool scalar_vector = kind.letter == "x";
+    static const std::vector<Text_Register> none;
+    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++) {
+        const Register_Class &kind = REGISTER_CLASSES[i];
+        const bool scalar_vector = kind.letter == "x"; // the row before it is that of the vector registers
         const auto found = line.registers.find({scalar_vector ? 'v' : kind.letter[0], kind.output});
-        const std::vector<Text_Register> none;
         const std::vector<Text_Register> &listed = found == line.registers.end() ? none : found->second;
-        const unsigned entries = kind.entries(registers);
-        const size_t skip = scalar_vector ? behind_vectors : 0;
-        if (entries < kind.capacity && kind.words == 1)
-            differ("text-registers", fmt::format("the number of {}", kind.name), listed.size(), entries);
-        for (unsigned i = 0; i < entries; i++) {
-            if (skip + i >= listed.size()) {
-                report_("text-registers", fmt::format("{} {} is not in the text", kind.name, i));
-                break;
-            }
-            const Register_Entry entry = register_entry(kind, registers, i);
-            const Text_Register &text = listed[skip + i];
-            differ("text-registers", fmt::format("the number of register {} of {}", i, kind.name), text.index,
-                   entry.index);
-            for (unsigned word = 0; word < kind.words; word++)
-                differ("text-registers", fmt::format("{}{}", kind.letter, entry.index), text.value[word],
-                       entry.value[word]);
-        }
-        // a full list may have been longer in the simulator, and then the text shows more of it
-        if (kind.letter == "v")
-            behind_vectors = entries;
+        const size_t begin =
+            scalar_vector ? scalar_vectors_begin(registers, REGISTER_CLASSES[i - 1], kind, listed) : 0;
+        compare_list(registers, kind, listed, begin);
+        const bool ends_here = kind.letter != "v" && kind.entries(registers) < kind.capacity;
+        if (ends_here && listed.size() > begin + kind.entries(registers))
+            differ("text-registers", fmt::format("the number of {}", kind.name), listed.size() - begin,
+                   kind.entries(registers));
     }
 }
 

@@ -68,6 +68,8 @@ public:
 private:
     bool next_line(std::string &line);
     void compare(const QTRACE_Item &item, const Text_Line &line);
+    void compare_list(const QTRACE_REGISTERS &registers, const Register_Class &kind,
+                      const std::vector<Text_Register> &listed, size_t begin);
     void compare_registers(const QTRACE_REGISTERS &registers, const Text_Line &line);
     void compare_translation(const std::string &side, const Text_Translation &text,
                              const Translated_Address &trace);
