@@ -1,4 +1,5 @@
 #include "trace_codec.h"
+#include "trace_search.h"
 
 #include <algorithm>
 #include <bit>
@@ -17,26 +18,6 @@ constexpr size_t MIN_GAP = 4;
 struct Byte_Range {
     size_t offset, size;
 };
-
-// Every record is searched through with this, over two thousand bytes: hence vectors, four at a time.
-bool any_byte_set(const uint8_t *from, size_t size)
-{
-    using Vector = uint64_t __attribute__((vector_size(16)));
-    if (size < sizeof(Vector))
-        return std::any_of(from, from + size, [](uint8_t byte) { return byte != 0; });
-    Vector a = load<Vector>(from + size - sizeof(Vector)), b{}, c{}, d{}; // the last one may overlap
-    size_t i = 0;
-    for (; i + 4 * sizeof(Vector) <= size; i += 4 * sizeof(Vector)) {
-        a |= load<Vector>(from + i);
-        b |= load<Vector>(from + i + sizeof(Vector));
-        c |= load<Vector>(from + i + 2 * sizeof(Vector));
-        d |= load<Vector>(from + i + 3 * sizeof(Vector));
-    }
-    for (; i + sizeof(Vector) <= size; i += sizeof(Vector))
-        a |= load<Vector>(from + i);
-    a |= b | c | d;
-    return (a[0] | a[1]) != 0;
-}
 
 // The next run at or after `from`: begins with a byte that is set, ends behind one.
 Byte_Range next_run(const uint8_t *image, size_t from, size_t size)
@@ -85,54 +66,6 @@ bool decode_image(Byte_Source &from, void *structure, size_t size)
         for (size_t i = 0; i < length; ++i)
             image[done++] |= bytes[i];
     }
-}
-
-// ---- Members of a record that its common sections leave out --------------------------------------------------
-
-constexpr size_t SECOND_ADDRESS_SIZE = offsetof(QTRACE_RECORD, secondary_data_rpn) + QTRACE_RPN_LENGTH -
-                                       offsetof(QTRACE_RECORD, secondary_data_hRTW_depth);
-constexpr size_t SEQUENTIAL_SIZE =
-    offsetof(QTRACE_RECORD, error_code) - offsetof(QTRACE_RECORD, sequential_instruction_hRTW_depth);
-
-// Up to and with the byte that holds iar_segment_size_is_valid.
-constexpr Byte_Range NEVER_COMMON[] = {
-    {offsetof(QTRACE_RECORD, iar), offsetof(QTRACE_RECORD, node) - offsetof(QTRACE_RECORD, iar)},
-    {offsetof(QTRACE_RECORD, secondary_data_hRTW_depth), SECOND_ADDRESS_SIZE},
-    {offsetof(QTRACE_RECORD, sequential_instruction_hRTW_depth), SEQUENTIAL_SIZE},
-    {offsetof(QTRACE_RECORD, trace_alteration_code), 1},
-    {offsetof(QTRACE_RECORD, next_instruction_segment_size), 6},
-};
-
-// Calls visit(range) for every range that the common sections of this record do not carry; stops when it says so.
-template <class Visitor> bool visit_uncommon(const QTRACE_RECORD &record, Visitor visit)
-{
-    for (const Byte_Range &range : NEVER_COMMON)
-        if (visit(range))
-            return true;
-    for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS}) {
-        const Address_Info &info = ADDRESS[side];
-        if (!has_address(control_in(record), side) &&
-            (visit({info.address, QTRACE_EA_LENGTH + TRANSLATION_BYTES}) || visit({info.page_size, 2})))
-            return true;
-    }
-    const auto *counts = reinterpret_cast<const uint8_t *>(&record.regs);
-    for (size_t list = 0; list < REGISTER_LISTS; ++list) {
-        const Register_List_Info &info = REGISTER_LIST[list];
-        const size_t used = std::min(counts[list], info.capacity);
-        const size_t offset = offsetof(QTRACE_RECORD, regs) + info.offset + used * info.entry_size();
-        if (visit({offset, (info.capacity - used) * info.entry_size()}))
-            return true;
-    }
-    return false;
-}
-static_assert(ADDRESS[DATA_ADDRESS].guest_page_size == ADDRESS[DATA_ADDRESS].page_size + 1 &&
-              ADDRESS[NEXT_ADDRESS].guest_page_size == ADDRESS[NEXT_ADDRESS].page_size + 1);
-
-bool has_uncommon(const QTRACE_RECORD &record)
-{
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    return visit_uncommon(record,
-                          [bytes](Byte_Range range) { return any_byte_set(bytes + range.offset, range.size); });
 }
 
 // Pointers and the library's bookkeeping do not travel.
@@ -309,17 +242,18 @@ void Encoder::begin_block()
     model_->reset(address_, address_known_);
     first_address_ = address_;
     first_address_known_ = address_known_;
-    records_ = headers_ = 0;
+    records_ = headers_ = sure_room_ = 0;
     for (size_t i = 0; i < COLUMNS; ++i)
         columns_[i].begin = columns_[i].at = memory_.get() + i * COLUMN_ROOM;
     if (open_.present)
         encode_image(sink(COLUMN_OPEN), &open_.header, sizeof open_.header);
 }
 
-bool Encoder::has_room_for(const QTRACE_RECORD &record) const
+bool Encoder::find_room_for(const QTRACE_RECORD &record)
 {
     const size_t left = MAX_PAYLOAD - raw_size();
-    return left >= MAX_COMMON + MAX_ESCAPE || (left >= MAX_COMMON && !has_uncommon(record));
+    sure_room_ = static_cast<uint32_t>(left / (MAX_COMMON + MAX_ESCAPE));
+    return sure_room_ != 0 || (left >= MAX_COMMON && !has_uncommon(record));
 }
 
 bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const
@@ -432,6 +366,7 @@ void Encoder::add(const QTRACE_RECORD &record)
     remember_record(model, record, places, bases, shape);
     address_ = model.address;
     address_known_ = model.address_known;
+    sure_room_ -= sure_room_ != 0;
     ++records_;
 }
 
@@ -535,6 +470,7 @@ void Encoder::add(const QTRACE_FILE_HDR &header)
         address_ = model_->address = load<uint64_t>(header.iar);
         address_known_ = model_->address_known = true;
     }
+    sure_room_ = 0;
     ++headers_;
 }
 
@@ -840,12 +776,7 @@ void Encoder::encode_escape(const QTRACE_RECORD &record)
     more_ |= MORE_ESCAPE;
     QTRACE_RECORD uncommon;
     std::memset(static_cast<void *>(&uncommon), 0, sizeof uncommon);
-    const auto *from = reinterpret_cast<const uint8_t *>(&record);
-    auto *to = reinterpret_cast<uint8_t *>(&uncommon);
-    visit_uncommon(record, [from, to](Byte_Range range) {
-        std::memcpy(to + range.offset, from + range.offset, range.size);
-        return false;
-    });
+    copy_uncommon(record, uncommon);
     encode_image(sink(COLUMN_EXTRA), &uncommon, sizeof uncommon);
 }
 

@@ -29,7 +29,7 @@ public:
     // Starts an empty block at the place where the last one ended.
     void begin_block();
     // Whether the item still fits; when not, the block has to be sealed first.
-    bool has_room_for(const QTRACE_RECORD &record) const;
+    bool has_room_for(const QTRACE_RECORD &record) { return sure_room_ != 0 || find_room_for(record); }
     bool has_room_for(const QTRACE_FILE_HDR &header) const;
     // Add an item that fits. A comment longer than MAX_COMMENT_IN_BLOCK stays out of the block.
     void add(const QTRACE_RECORD &record);
@@ -45,6 +45,7 @@ public:
     bool first_address_known() const { return first_address_known_; }
 
 private:
+    bool find_room_for(const QTRACE_RECORD &record);
     void put_op();
     void encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control);
     void encode_members(const Small_Members &members);
@@ -63,6 +64,7 @@ private:
     Open_Header open_;
     uint8_t op_ = 0, more_ = 0; // of the item being added
     uint32_t records_ = 0, headers_ = 0;
+    uint32_t sure_room_ = 0; // for so many records there is room whatever is in them
     uint64_t address_ = 0, first_address_ = 0;
     bool address_known_ = false, first_address_known_ = false;
 };

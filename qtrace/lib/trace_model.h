@@ -20,7 +20,7 @@ struct Register_List_Info {
     uint8_t capacity;
     uint8_t words; // values of 64 bits in an entry
     uint8_t kind;  // register file: 0 special, 1 vector-scalar, 2 vector, 3 floating-point, 4 general
-    size_t entry_size() const
+    constexpr size_t entry_size() const
     {
         return words == 1 ? sizeof(QTRACE_REGISTER_INFO) : sizeof(QTRACE_VMX_REGISTER_INFO);
     }

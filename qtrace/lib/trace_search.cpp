@@ -1,0 +1,238 @@
+#include "trace_search.h"
+#include "trace_model.h"
+
+#include <utility>
+
+namespace trace
+{
+
+namespace
+{
+
+// ---- What is left out, as ranges of bytes -------------------------------------------------------------------
+
+struct Byte_Range {
+    size_t offset, size;
+};
+
+constexpr Byte_Range between(size_t begin, size_t end)
+{
+    return {begin, end - begin};
+}
+
+// Up to and with the byte that holds iar_segment_size_is_valid.
+constexpr Byte_Range OWN_ADDRESS = between(offsetof(QTRACE_RECORD, iar), offsetof(QTRACE_RECORD, node));
+constexpr Byte_Range SECOND_ADDRESS = between(offsetof(QTRACE_RECORD, secondary_data_hRTW_depth),
+                                              offsetof(QTRACE_RECORD, secondary_data_rpn) + QTRACE_RPN_LENGTH);
+// Up to and with exception_code.
+constexpr Byte_Range SEQUENTIAL_ADDRESS =
+    between(offsetof(QTRACE_RECORD, sequential_instruction_hRTW_depth), offsetof(QTRACE_RECORD, error_code));
+constexpr Byte_Range ALTERATION = {offsetof(QTRACE_RECORD, trace_alteration_code), 1};
+constexpr Byte_Range LAST_SIZES = between(offsetof(QTRACE_RECORD, next_instruction_segment_size),
+                                          offsetof(QTRACE_RECORD, secondary_data_gpage_size) + 1);
+
+constexpr Byte_Range NEVER_COMMON[] = {OWN_ADDRESS, SECOND_ADDRESS, SEQUENTIAL_ADDRESS, ALTERATION, LAST_SIZES};
+
+// An address with its translation; its two page sizes stand elsewhere.
+constexpr Byte_Range address_range(Address_Side side)
+{
+    return {ADDRESS[side].address, QTRACE_EA_LENGTH + TRANSLATION_BYTES};
+}
+
+constexpr Byte_Range page_sizes(Address_Side side)
+{
+    return {ADDRESS[side].page_size, 2};
+}
+static_assert(ADDRESS[DATA_ADDRESS].guest_page_size == ADDRESS[DATA_ADDRESS].page_size + 1 &&
+              ADDRESS[NEXT_ADDRESS].guest_page_size == ADDRESS[NEXT_ADDRESS].page_size + 1);
+
+// Calls visit(range) for every range that the common sections of this record do not carry.
+template <class Visitor> void visit_uncommon(const QTRACE_RECORD &record, Visitor visit)
+{
+    for (const Byte_Range &range : NEVER_COMMON)
+        visit(range);
+    for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
+        if (!has_address(control_in(record), side)) {
+            visit(address_range(side));
+            visit(page_sizes(side));
+        }
+    const auto *counts = reinterpret_cast<const uint8_t *>(&record.regs);
+    for (size_t list = 0; list < REGISTER_LISTS; ++list) {
+        const Register_List_Info &info = REGISTER_LIST[list];
+        const size_t used = std::min(counts[list], info.capacity);
+        const size_t offset = offsetof(QTRACE_RECORD, regs) + info.offset + used * info.entry_size();
+        visit({offset, (info.capacity - used) * info.entry_size()});
+    }
+}
+
+// ---- The search: the same ranges, or-ed together --------------------------------------------------------------
+// Nearly three kilobytes a record, and nearly always all zero: so no branches but for the two addresses, and
+// vectors as wide as the machine has. search() is compiled once for every machine and once for those with AVX2;
+// hence always_inline throughout.
+
+#define QT_INLINE [[gnu::always_inline]] inline
+
+using Wide = uint64_t __attribute__((vector_size(32), aligned(1), may_alias));
+constexpr size_t WIDE = sizeof(Wide);
+
+// Several sums, for the processor to add to at once.
+constexpr size_t SUMS = 4;
+struct Sums {
+    Wide part[SUMS];
+};
+
+QT_INLINE const Wide &wide_at(const uint8_t *from)
+{
+    return *reinterpret_cast<const Wide *>(from);
+}
+
+template <size_t... I> QT_INLINE void add_each(Sums &sums, const uint8_t *from, std::index_sequence<I...>)
+{
+    ((sums.part[I % SUMS] |= wide_at(from + WIDE * I)), ...);
+}
+
+template <size_t SIZE> QT_INLINE void add(Sums &sums, const uint8_t *from)
+{
+    static_assert(SIZE >= WIDE);
+    add_each(sums, from, std::make_index_sequence<SIZE / WIDE>{});
+    if constexpr (SIZE % WIDE != 0)
+        sums.part[0] |= wide_at(from + SIZE - WIDE); // overlaps the one before
+}
+
+// Read at -n from the middle, it masks out the first n bytes.
+constexpr size_t MOST_MASKED = 96;
+struct Sliding_Mask {
+    uint8_t byte[2 * MOST_MASKED];
+};
+constexpr Sliding_Mask SLIDING_MASK = [] {
+    Sliding_Mask mask{};
+    for (size_t i = MOST_MASKED; i < 2 * MOST_MASKED; ++i)
+        mask.byte[i] = 0xff;
+    return mask;
+}();
+
+// The bytes of SIZE without the first `used`.
+template <size_t SIZE> QT_INLINE void add_unused(Sums &sums, const uint8_t *from, size_t used)
+{
+    static_assert(SIZE >= WIDE && SIZE <= MOST_MASKED);
+    const uint8_t *mask = SLIDING_MASK.byte + MOST_MASKED - used;
+    for (size_t i = 0; i + WIDE <= SIZE; i += WIDE)
+        sums.part[1] |= wide_at(from + i) & wide_at(mask + i);
+    if constexpr (SIZE % WIDE != 0)
+        sums.part[2] |= wide_at(from + SIZE - WIDE) & wide_at(mask + SIZE - WIDE);
+}
+
+template <size_t LIST> QT_INLINE void add_unused_entries(Sums &sums, const uint8_t *registers)
+{
+    constexpr Register_List_Info INFO = REGISTER_LIST[LIST];
+    const size_t used = std::min(registers[LIST], INFO.capacity);
+    add_unused<INFO.capacity * INFO.entry_size()>(sums, registers + INFO.offset, used * INFO.entry_size());
+}
+
+// General registers are many, and few of them used: only the first few entries need a mask.
+constexpr size_t MASKED_GENERAL = 4;
+
+template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8_t *registers)
+{
+    constexpr Register_List_Info INFO = REGISTER_LIST[LIST];
+    constexpr size_t ENTRY = sizeof(QTRACE_REGISTER_INFO);
+    const uint8_t *entries = registers + INFO.offset;
+    const size_t used = registers[LIST];
+    if (used <= MASKED_GENERAL) {
+        add_unused<MASKED_GENERAL * ENTRY>(sums, entries, used * ENTRY);
+        add<(INFO.capacity - MASKED_GENERAL) * ENTRY>(sums, entries + MASKED_GENERAL * ENTRY);
+    } else {
+        for (size_t i = used; i < INFO.capacity; ++i)
+            for (size_t at = i * ENTRY; at < (i + 1) * ENTRY; at += sizeof(uint64_t))
+                sums.part[0][0] |= load<uint64_t>(entries + at);
+    }
+}
+
+// `GENERAL` is the last list of five; the other four stand in front of it.
+template <size_t GENERAL> QT_INLINE void add_unused_registers(Sums &sums, const uint8_t *registers)
+{
+    constexpr size_t FIRST = REGISTER_LIST[GENERAL - 3].offset;
+    uint32_t counts;
+    std::memcpy(&counts, registers + GENERAL - 4, sizeof counts);
+    add_unused_entries<GENERAL - 4>(sums, registers);
+    if (counts >> 8 == 0) { // no vector or floating-point registers: one range
+        add<REGISTER_LIST[GENERAL].offset - FIRST>(sums, registers + FIRST);
+    } else {
+        add_unused_entries<GENERAL - 3>(sums, registers);
+        add_unused_entries<GENERAL - 2>(sums, registers);
+        add_unused_entries<GENERAL - 1>(sums, registers);
+    }
+    add_unused_general<GENERAL>(sums, registers);
+}
+
+// The eight bytes from next_instruction_page_size on and the two behind, with ALTERATION in front.
+QT_INLINE uint64_t uncommon_sizes(const uint8_t *bytes, bool data, bool next)
+{
+    constexpr size_t BEGIN = ADDRESS[NEXT_ADDRESS].page_size;
+    static_assert(ADDRESS[DATA_ADDRESS].page_size == BEGIN + 2 && LAST_SIZES.offset == BEGIN + 4 &&
+                  LAST_SIZES.size == 6 && ALTERATION.offset == BEGIN - 1);
+    const uint64_t skipped = (next ? 0xffffu : 0u) | (data ? 0xffff0000u : 0u);
+    return (load<uint64_t>(bytes + BEGIN) & ~skipped) | load<uint16_t>(bytes + BEGIN + 8) | bytes[BEGIN - 1];
+}
+
+QT_INLINE bool search(const QTRACE_RECORD &record)
+{
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    const bool data = has_address(control_in(record), DATA_ADDRESS);
+    const bool next = has_address(control_in(record), NEXT_ADDRESS);
+    Sums sums{};
+    add<OWN_ADDRESS.size>(sums, bytes + OWN_ADDRESS.offset);
+    add<SECOND_ADDRESS.size>(sums, bytes + SECOND_ADDRESS.offset);
+    add<SEQUENTIAL_ADDRESS.size>(sums, bytes + SEQUENTIAL_ADDRESS.offset);
+    if (!data)
+        add<address_range(DATA_ADDRESS).size>(sums, bytes + address_range(DATA_ADDRESS).offset);
+    if (!next)
+        add<address_range(NEXT_ADDRESS).size>(sums, bytes + address_range(NEXT_ADDRESS).offset);
+    const auto *registers = reinterpret_cast<const uint8_t *>(&record.regs);
+    add_unused_registers<4>(sums, registers);
+    add_unused_registers<GENERAL_INPUT_LIST>(sums, registers);
+    const Wide sum = (sums.part[0] | sums.part[1]) | (sums.part[2] | sums.part[3]);
+    return ((sum[0] | sum[1]) | (sum[2] | sum[3]) | uncommon_sizes(bytes, data, next)) != 0;
+}
+
+bool search_anywhere(const QTRACE_RECORD &record)
+{
+    return search(record);
+}
+
+#if defined(__x86_64__)
+[[gnu::target("avx2")]] bool search_with_avx2(const QTRACE_RECORD &record)
+{
+    return search(record);
+}
+#endif
+
+bool (*fastest_search())(const QTRACE_RECORD &)
+{
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2"))
+        return search_with_avx2;
+#endif
+    return search_anywhere;
+}
+
+bool (*const search_record)(const QTRACE_RECORD &) = fastest_search();
+
+} // namespace
+
+bool has_uncommon(const QTRACE_RECORD &record)
+{
+    return search_record(record);
+}
+
+void copy_uncommon(const QTRACE_RECORD &record, QTRACE_RECORD &to)
+{
+    const auto *from = reinterpret_cast<const uint8_t *>(&record);
+    auto *copy = reinterpret_cast<uint8_t *>(&to);
+    visit_uncommon(record, [from, copy](Byte_Range range) {
+        std::memcpy(copy + range.offset, from + range.offset, range.size);
+    });
+}
+
+} // namespace trace
