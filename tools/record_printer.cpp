@@ -195,6 +195,13 @@ void print_registers(Output &out, const QTRACE_REGISTERS &registers, const Field
     }
 }
 
+void print_key(Output &out, std::string_view name)
+{
+    out.put(",\"");
+    out.put(name);
+    out.put("\":");
+}
+
 void print_registers_json(Output &out, const QTRACE_REGISTERS &registers, const Field_Selection &fields)
 {
     for (size_t i = 0; i < REGISTER_CLASSES.size(); i++) {
@@ -202,9 +209,8 @@ void print_registers_json(Output &out, const QTRACE_REGISTERS &registers, const 
         const unsigned entries = fields.shows_registers(i) ? kind.entries(registers) : 0;
         if (entries == 0)
             continue;
-        out.put(",\"");
-        out.put(kind.name);
-        out.put("\":[");
+        print_key(out, kind.name);
+        out.put('[');
         for (unsigned n = 0; n < entries; n++) {
             const Register_Entry entry = register_entry(kind, registers, n);
             out.put(n > 0 ? ",[" : "[");
@@ -279,9 +285,7 @@ void print_flags_json(Output &out, std::span<const Trace_Flag> rows, uint64_t wo
 {
     for (const Trace_Flag &flag : rows)
         if (const uint64_t value = flag.value(word); value != 0) {
-            out.put(",\"");
-            out.put(flag.name);
-            out.put("\":");
+            print_key(out, flag.name);
             out.put_decimal(value);
         }
 }
@@ -310,9 +314,7 @@ void print_member_json(Output &out, const Trace_Member &member, const Structure 
     const uint8_t *bytes = member.at(structure);
     if (is_zero(bytes, member.size))
         return;
-    out.put(",\"");
-    out.put(member.name);
-    out.put("\":");
+    print_key(out, member.name);
     print_json_value(out, member, bytes);
 }
 

@@ -11,7 +11,7 @@ static constexpr char DIGITS[] = "0123456789abcdef";
 void Output::put_decimal(uint64_t value)
 {
     const fmt::format_int text(value);
-    buffer_.append(text.data(), text.data() + text.size());
+    buffer_.append(text.data(), text.size());
 }
 
 void Output::put_hex(uint64_t value)
@@ -24,7 +24,7 @@ void Output::put_hex(uint64_t value, unsigned digits)
     char text[16];
     for (unsigned i = digits; i-- > 0; value >>= 4)
         text[i] = DIGITS[value & 15];
-    buffer_.append(text, text + digits);
+    buffer_.append(text, digits);
 }
 
 void Output::put_padded(uint64_t value, unsigned width)
@@ -32,7 +32,7 @@ void Output::put_padded(uint64_t value, unsigned width)
     const fmt::format_int text(value);
     for (size_t n = text.size(); n < width; n++)
         put(' ');
-    buffer_.append(text.data(), text.data() + text.size());
+    buffer_.append(text.data(), text.size());
 }
 
 void Output::paint(Colour colour)

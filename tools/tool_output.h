@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -24,7 +25,7 @@ public:
     ~Output() { flush(); }
 
     void put(char c) { buffer_.push_back(c); }
-    void put(std::string_view text) { buffer_.append(text.data(), text.data() + text.size()); }
+    void put(std::string_view text) { buffer_.append(text); }
     void put_decimal(uint64_t value);
     void put_hex(uint64_t value);                    // without prefix or leading zeros
     void put_hex(uint64_t value, unsigned digits);   // the lowest `digits` digits
@@ -36,12 +37,7 @@ public:
     }
 
     // What was put so far, instead of handing it on.
-    std::string take()
-    {
-        std::string text = fmt::to_string(buffer_);
-        buffer_.clear();
-        return text;
-    }
+    std::string take() { return std::exchange(buffer_, {}); }
 
     // What follows is in that colour, up to the next call.
     void paint(Colour colour);
@@ -62,7 +58,7 @@ private:
     int descriptor_;
     bool colour_;
     int error_ = 0;
-    fmt::basic_memory_buffer<char, CAPACITY / 64> buffer_;
+    std::string buffer_;
 };
 
 } // namespace qtrace_tool
