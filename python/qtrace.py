@@ -937,7 +937,7 @@ class Trace:
                 if offset < len(self.data):
                     yield Damage(offset, len(self.data) - offset, "bytes behind the last block")
                 return
-        yield self.damage_at_end(offset, records)
+        yield self.damage_at_end(offset)
 
     @staticmethod
     def damage_before(block, offset, records):
@@ -945,9 +945,9 @@ class Trace:
         reason = "damaged bytes" if skipped else "missing blocks"
         return Damage(offset, skipped, reason, max(lost, 0), lost >= 0)
 
-    def damage_at_end(self, offset, records):
+    def damage_at_end(self, offset):
         cut = Block.at(self.data, offset)
-        lost = cut.first_record + cut.records - records if cut else 0
+        lost = cut.records if cut else 0
         return Damage(offset, len(self.data) - offset, "the file ends without its last block", lost, False, True)
 
     def __iter__(self):

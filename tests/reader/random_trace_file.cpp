@@ -1,5 +1,5 @@
-// random_trace_file FILE RECORDS SEED: writes that many records by chance, plausible and wild ones, with headers and
-// comments of all sizes among them.
+// random_trace_file FILE RECORDS SEED: writes that many records by chance, plausible and wild ones, with headers
+// and comments of all sizes among them.
 #include "qtrace.h"
 #include "random_traces.h"
 

@@ -1,8 +1,9 @@
 """The Python reader and the C++ reader deliver the same, item by item.
 
-    reader_agreement_test.py PROGRAMS corpus|random|streams|lines
+    reader_agreement_test.py PROGRAMS corpus|damage|random|streams|lines
 
-corpus: the small traces of tests/golden/format, which have an expectation of their own; random: generated records;
+corpus: the small traces of tests/golden/format, which have an expectation of their own; damage: some of these with
+every byte changed, cut off and taken out; random: generated records;
 streams: recorded streams through the replay program (the first 20,000 lines of each, with QT_LONG=1 all of every
 one); lines: what `qtrace dump --json` and the command line of qtrace.py print. QT_LONG=1 takes more of all."""
 import json
@@ -22,6 +23,7 @@ ROOT = pathlib.Path(__file__).parents[2]
 CORPUS = ROOT / "tests/golden/format"
 LONG = os.environ.get("QT_LONG") == "1"
 LINES_OF_A_STREAM = 20000
+DAMAGED = ("several-blocks", "comment-block-300", "gap-block-1", "missing-block-1", "zstd", "value-kind-41")
 PROGRAMS = pathlib.Path(sys.argv[1])
 
 
@@ -85,6 +87,23 @@ class corpus(Agreement):
                 expected = path.with_suffix(".json").read_text().splitlines()
                 self.assertEqual(read_all(path), [json.loads(line) for line in expected])
                 self.assert_readers_agree(path)
+
+
+class damage(Agreement):
+    def test_at_any_byte(self):
+        changed = self.folder / "changed"
+        for name in DAMAGED if LONG else DAMAGED[:1]:
+            data = (CORPUS / f"{name}.trace").read_bytes()
+            for place in range(len(data)):
+                flipped = bytes([data[place] ^ 1 << place % 8])
+                for kind, bad in (
+                    ("flipped", data[:place] + flipped + data[place + 1 :]),
+                    ("cut", data[:place]),
+                    ("taken out", data[:place] + data[place + 1 :]),
+                ):
+                    with self.subTest(name=name, place=place, kind=kind):
+                        changed.write_bytes(bad)
+                        self.assert_readers_agree(changed)
 
 
 class random(Agreement):

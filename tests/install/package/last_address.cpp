@@ -1,4 +1,5 @@
-// A reader in C++: the address of the last record of a trace. Built against the installed tree by way of find_package.
+// A reader in C++: the address of the last record of a trace. Built against the installed tree by way of
+// find_package.
 #include <qtrace_reader.h>
 
 #include <cstdint>
