@@ -47,6 +47,12 @@ struct Byte_Sink {
         store(at, value);
         at += sizeof value;
     }
+    // Without a branch, for what cannot be foreseen. The bytes behind `at` are overwritten in any case.
+    template <class Number> void number_if(bool wanted, Number value)
+    {
+        store(at, value);
+        at += wanted ? sizeof value : 0;
+    }
     // Seven bits a byte, lowest first; bit 7 says that another byte follows.
     void varint(uint64_t value)
     {

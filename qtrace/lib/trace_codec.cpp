@@ -158,7 +158,7 @@ bool is_list(const Register_Places &places, const uint8_t *counts, const Registe
 }
 
 // Values that need no bytes, in the order of their kinds; `memory` is what was last at the value's place.
-uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory, const Bases &bases)
+[[gnu::always_inline]] inline uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory, const Bases &bases)
 {
     switch (kind) {
     case VALUE_REGISTER:
@@ -240,6 +240,8 @@ void Encoder::begin_block()
         model_ = std::make_unique_for_overwrite<Model>();
     }
     model_->reset(address_, address_known_);
+    for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
+        last_[side] = &model_->last[side];
     first_address_ = address_;
     first_address_known_ = address_known_;
     records_ = headers_ = sure_room_ = 0;
@@ -329,10 +331,9 @@ void Encoder::add(const QTRACE_RECORD &record)
     const uint64_t control = control_in(record);
     Code_Slot &code = model.code_at(model.address);
     Shape_Slot &shape = model.shape_of(record.header.instruction);
-    if (code.word != record.header.instruction) {
-        op_ |= OP_WORD;
-        sink(COLUMN_WORD).number(record.header.instruction);
-    }
+    const bool new_word = code.word != record.header.instruction;
+    op_ |= new_word ? OP_WORD : 0;
+    sink(COLUMN_WORD).number_if(new_word, record.header.instruction);
     encode_static(record, shape, control);
 
     // The places are only read through here.
@@ -657,9 +658,12 @@ void Encoder::encode_value(const Register_Place &place, unsigned word, const Bas
     const uint64_t value = place.value[word];
     const uint64_t before = last;
     last = value;
+    // All expectations at once: which of them holds is hard to foresee for the processor.
+    unsigned met = 0;
     for (unsigned kind = VALUE_REGISTER; kind < VALUE_LITERAL; ++kind)
-        if (value == predicted_value(kind, before, memory, bases))
-            return sink(COLUMN_KIND).byte(static_cast<uint8_t>(kind));
+        met |= static_cast<unsigned>(value == predicted_value(kind, before, memory, bases)) << kind;
+    if (met != 0)
+        return sink(COLUMN_KIND).byte(static_cast<uint8_t>(std::countr_zero(met)));
     unsigned size = unsigned_size(value), kind = VALUE_LITERAL + size;
     uint64_t bytes = value;
     const auto consider = [&](unsigned first_kind, uint64_t base) {
@@ -734,11 +738,11 @@ uint64_t Decoder::decode_data_address(bool coded, const Bases &bases, Shape_Slot
 // side, and those words' differences.
 void Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side, uint8_t bit)
 {
-    const Translation now = translation_in(record, side);
     Translation &page = model_->page_of(address_in(record, side));
-    Translation &last = model_->last[side];
-    if (std::memcmp(&now, &page, sizeof now) != 0) {
+    if (!has_translation(record, side, page)) {
         more_ |= bit;
+        const Translation now = translation_in(record, side);
+        const Translation &last = *last_[side];
         uint32_t mask = 0;
         for (unsigned i = 0; i < 32; ++i)
             mask |= static_cast<uint32_t>(now.word[i] != last.word[i]) << i;
@@ -746,9 +750,20 @@ void Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side,
         for (unsigned i = 0; i < 32; ++i)
             if (mask >> i & 1)
                 sink(COLUMN_TRANSLATION).varint(zigzag(now.word[i] - last.word[i]));
+        keep_last_of_other_side(side, page);
         page = now;
     }
-    last = now;
+    last_[side] = &page; // the same words, and no copy
+}
+
+// The page of `side` is about to change; when it is the other side's last translation, that needs a copy.
+void Encoder::keep_last_of_other_side(Address_Side side, const Translation &page)
+{
+    const Address_Side other = side == DATA_ADDRESS ? NEXT_ADDRESS : DATA_ADDRESS;
+    if (last_[other] != &page)
+        return;
+    model_->last[other] = page;
+    last_[other] = &model_->last[other];
 }
 
 void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded)

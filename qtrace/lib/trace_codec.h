@@ -55,11 +55,13 @@ private:
     void encode_inputs(const Register_Places &places);
     void encode_value(const Register_Place &place, unsigned word, const Bases &bases);
     void encode_translation(const QTRACE_RECORD &record, Address_Side side, uint8_t bit);
+    void keep_last_of_other_side(Address_Side side, const Translation &page);
     void encode_escape(const QTRACE_RECORD &record);
     Byte_Sink &sink(Column column) { return columns_[column]; }
 
     std::unique_ptr<uint8_t[]> memory_; // of all columns
     std::unique_ptr<Model> model_;
+    const Translation *last_[ADDRESS_SIDES]; // in *model_: the place of each side's last translation
     Byte_Sink columns_[COLUMNS];
     Open_Header open_;
     uint8_t op_ = 0, more_ = 0; // of the item being added

@@ -1,5 +1,7 @@
 #include "trace_model.h"
 
+#include <bit>
+
 namespace trace
 {
 
@@ -10,19 +12,46 @@ static uint64_t fold_guest_address(uint64_t guest_address, uint64_t address)
     return guest_address >> 12 ? guest_address ^ (address & 0xfff) : guest_address;
 }
 
+// The words that are put together from several members.
+static uint64_t small_word(const uint8_t *record, Address_Side side)
+{
+    const uint8_t *from = record + ADDRESS[side].translation;
+    return load<uint32_t>(from + PAGE_NUMBER) | static_cast<uint64_t>(from[HOST_DEPTH]) << 32 |
+           static_cast<uint64_t>(record[ADDRESS[side].page_size]) << 40 |
+           static_cast<uint64_t>(record[ADDRESS[side].guest_page_size]) << 48;
+}
+
+static uint64_t guest_address_word(const uint8_t *record, Address_Side side)
+{
+    const uint8_t *from = record + ADDRESS[side].translation;
+    return fold_guest_address(load<uint64_t>(from + WALKS + WALK_BYTES - 8),
+                              load<uint64_t>(record + ADDRESS[side].address));
+}
+
 Translation translation_in(const QTRACE_RECORD &record, Address_Side side)
 {
     const auto *base = reinterpret_cast<const uint8_t *>(&record);
     const uint8_t *from = base + ADDRESS[side].translation;
     Translation translation;
     translation.word[0] = load<uint64_t>(from + VSID_AND_DEPTH);
-    translation.word[1] = load<uint32_t>(from + PAGE_NUMBER) | static_cast<uint64_t>(from[HOST_DEPTH]) << 32 |
-                          static_cast<uint64_t>(base[ADDRESS[side].page_size]) << 40 |
-                          static_cast<uint64_t>(base[ADDRESS[side].guest_page_size]) << 48;
+    translation.word[1] = small_word(base, side);
     std::memcpy(translation.word + 2, from + WALKS, WALK_BYTES);
-    uint64_t &guest_address = translation.word[GUEST_ADDRESS_WORD];
-    guest_address = fold_guest_address(guest_address, address_in(record, side));
+    translation.word[GUEST_ADDRESS_WORD] = guest_address_word(base, side);
     return translation;
+}
+
+// Most records are asked this, and nearly all say yes: so all words, without a branch between them.
+bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Translation &translation)
+{
+    constexpr size_t FIRST_WALK_WORD = 2, WALK_WORDS = GUEST_ADDRESS_WORD - FIRST_WALK_WORD;
+    const auto *base = reinterpret_cast<const uint8_t *>(&record);
+    const uint8_t *from = base + ADDRESS[side].translation;
+    uint64_t difference = load<uint64_t>(from + VSID_AND_DEPTH) ^ translation.word[0];
+    difference |= small_word(base, side) ^ translation.word[1];
+    difference |= guest_address_word(base, side) ^ translation.word[GUEST_ADDRESS_WORD];
+    for (size_t i = 0; i < WALK_WORDS; ++i)
+        difference |= load<uint64_t>(from + WALKS + 8 * i) ^ translation.word[FIRST_WALK_WORD + i];
+    return difference == 0;
 }
 
 void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation)
@@ -40,21 +69,40 @@ void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation
     store(to + PAGE_NUMBER, static_cast<uint32_t>(small));
 }
 
+// The entries of one list behind those found before.
+static void add_list(uint8_t *registers, size_t list, Register_Places &places)
+{
+    const Register_List_Info &info = REGISTER_LIST[list];
+    const size_t count = std::min(registers[list], info.capacity), size = info.entry_size();
+    uint8_t *entry = registers + info.offset;
+    Register_Place *place = places.place + places.total;
+    places.total += count;
+    for (size_t i = 0; i < count; ++i, entry += size)
+        *place++ = {static_cast<uint8_t>(list), reinterpret_cast<uint16_t *>(entry),
+                    reinterpret_cast<uint64_t *>(entry + 8)};
+}
+
+// Most lists of a record are empty: the eight counts of one word are searched for those that are not, from above.
+static void add_lists(uint8_t *registers, uint64_t counts, Register_Places &places)
+{
+    while (counts != 0) {
+        const auto list = static_cast<size_t>(63 - std::countl_zero(counts)) / 8;
+        add_list(registers, list, places);
+        counts &= ~(uint64_t{0xff} << 8 * list);
+    }
+}
+
 void find_registers(QTRACE_REGISTERS &registers, Register_Places &places)
 {
+    constexpr uint64_t OUTPUT_COUNTS = (uint64_t{1} << 8 * FIRST_INPUT_LIST) - 1;
     auto *base = reinterpret_cast<uint8_t *>(&registers);
+    const auto counts = load<uint64_t>(base); // of all but the last two lists
     places.total = 0;
-    places.inputs = 0;
-    for (size_t list = REGISTER_LISTS; list-- > 0;) {
-        const Register_List_Info &info = REGISTER_LIST[list];
-        const size_t count = std::min(base[list], info.capacity);
-        uint8_t *entry = base + info.offset;
-        for (size_t i = 0; i < count; ++i, entry += info.entry_size())
-            places.place[places.total++] = {static_cast<uint8_t>(list), reinterpret_cast<uint16_t *>(entry),
-                                            reinterpret_cast<uint64_t *>(entry + 8)};
-        if (list == FIRST_INPUT_LIST)
-            places.inputs = places.total;
-    }
+    for (size_t list = REGISTER_LISTS; list-- > sizeof counts;)
+        add_list(base, list, places);
+    add_lists(base, counts & ~OUTPUT_COUNTS, places);
+    places.inputs = places.total;
+    add_lists(base, counts & OUTPUT_COUNTS, places);
 }
 
 } // namespace trace

@@ -151,6 +151,7 @@ static_assert(offsetof(QTRACE_RECORD, next_instruction_rpn) - offsetof(QTRACE_RE
 static_assert(offsetof(QTRACE_RECORD, data_vsid) - offsetof(QTRACE_RECORD, data_ea) == QTRACE_EA_LENGTH);
 
 Translation translation_in(const QTRACE_RECORD &record, Address_Side side);
+bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Translation &translation);
 void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation);
 
 inline uint64_t address_in(const QTRACE_RECORD &record, Address_Side side)
