@@ -102,6 +102,13 @@ uint64_t data_base(const Bases &bases, uint8_t which)
     return which == BASE_SUM_OF_INPUTS ? bases.previous_input + bases.last_input : 0;
 }
 
+// Begins to bring a slot near that is needed soon.
+template <class Slot> void prefetch(const Slot &slot)
+{
+    for (size_t at = 0; at < sizeof slot; at += 64)
+        __builtin_prefetch(reinterpret_cast<const uint8_t *>(&slot) + at, 1);
+}
+
 // What later accesses at `near` are expected to give: the first output, or what the instruction may have stored.
 void remember_memory(Model &model, const Register_Places &places, uint64_t near)
 {
@@ -331,6 +338,8 @@ void Encoder::add(const QTRACE_RECORD &record)
     const uint64_t control = control_in(record);
     Code_Slot &code = model.code_at(model.address);
     Shape_Slot &shape = model.shape_of(record.header.instruction);
+    prefetch(shape);
+    const bool uncommon = has_uncommon(record); // long enough for the slots to arrive
     const bool new_word = code.word != record.header.instruction;
     op_ |= new_word ? OP_WORD : 0;
     sink(COLUMN_WORD).number_if(new_word, record.header.instruction);
@@ -361,12 +370,13 @@ void Encoder::add(const QTRACE_RECORD &record)
         encode_translation(record, DATA_ADDRESS, MORE_DATA_TRANSLATION);
     if (has_address(control, NEXT_ADDRESS))
         encode_translation(record, NEXT_ADDRESS, MORE_NEXT_TRANSLATION);
-    if (has_uncommon(record))
+    if (uncommon)
         encode_escape(record);
     put_op();
     remember_record(model, record, places, bases, shape);
     address_ = model.address;
     address_known_ = model.address_known;
+    prefetch(model.code_at(address_));
     sure_room_ -= sure_room_ != 0;
     ++records_;
 }
@@ -543,7 +553,7 @@ uint64_t Decoder::decode_control()
 // A bit for each of the six that is not zero, then those.
 void Encoder::encode_members(const Small_Members &members)
 {
-    Byte_Sink &shape = sink(COLUMN_SHAPE);
+    Byte_Sink shape = sink(COLUMN_SHAPE);
     const uint8_t values[] = {members.node, members.termination_node, members.termination_code, members.processor,
                               members.error_code};
     uint8_t mask = members.length != 0 ? 32 : 0;
@@ -551,10 +561,9 @@ void Encoder::encode_members(const Small_Members &members)
         mask = static_cast<uint8_t>(mask | (values[i] != 0) << i);
     shape.byte(mask);
     for (const uint8_t value : values)
-        if (value != 0)
-            shape.byte(value);
-    if (members.length != 0)
-        shape.number(members.length);
+        shape.number_if(value != 0, value);
+    shape.number_if(members.length != 0, members.length);
+    sink(COLUMN_SHAPE) = shape;
 }
 
 Small_Members Decoder::decode_members()
@@ -584,16 +593,16 @@ void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
 // A bit for each of the ten counts that is not zero, those counts, then the register numbers.
 void Encoder::encode_list(const Register_Places &places, const uint8_t *counts)
 {
-    Byte_Sink &shape = sink(COLUMN_SHAPE);
+    Byte_Sink shape = sink(COLUMN_SHAPE); // a copy stays in the processor's registers
     unsigned mask = 0;
     for (unsigned list = 0; list < REGISTER_LISTS; ++list)
         mask |= static_cast<unsigned>(counts[list] != 0) << list;
     shape.varint(mask);
     for (unsigned list = 0; list < REGISTER_LISTS; ++list)
-        if (counts[list] != 0)
-            shape.byte(counts[list]);
+        shape.number_if(counts[list] != 0, counts[list]);
     for (size_t i = 0; i < places.total; ++i)
         shape.varint(*places.place[i].index);
+    sink(COLUMN_SHAPE) = shape;
 }
 
 void Decoder::decode_list(QTRACE_RECORD &record)

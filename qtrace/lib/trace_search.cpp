@@ -86,17 +86,33 @@ QT_INLINE const Wide &wide_at(const uint8_t *from)
     return *reinterpret_cast<const Wide *>(from);
 }
 
-template <size_t... I> QT_INLINE void add_each(Sums &sums, const uint8_t *from, std::index_sequence<I...>)
+constexpr size_t aligned_up(size_t offset)
 {
-    ((sums.part[I % SUMS] |= wide_at(from + WIDE * I)), ...);
+    return (offset + WIDE - 1) / WIDE * WIDE;
 }
 
-template <size_t SIZE> QT_INLINE void add(Sums &sums, const uint8_t *from)
+template <size_t FIRST, size_t... I>
+QT_INLINE void add_each(Sums &sums, const uint8_t *record, std::index_sequence<I...>)
 {
-    static_assert(SIZE >= WIDE);
-    add_each(sums, from, std::make_index_sequence<SIZE / WIDE>{});
-    if constexpr (SIZE % WIDE != 0)
-        sums.part[0] |= wide_at(from + SIZE - WIDE); // overlaps the one before
+    ((sums.part[I % SUMS] |= wide_at(record + FIRST + WIDE * I)), ...);
+}
+
+// Bytes BEGIN to END of the record. Only the two ends are read unaligned, and overlap the rest: where a record is
+// aligned, as those of a static variable are, reading across cache lines would take half as long again.
+template <size_t BEGIN, size_t END> QT_INLINE void add(Sums &sums, const uint8_t *record)
+{
+    static_assert(END - BEGIN >= WIDE);
+    constexpr size_t FIRST = aligned_up(BEGIN);
+    add_each<FIRST>(sums, record, std::make_index_sequence<(END - FIRST) / WIDE>{});
+    if constexpr (BEGIN != FIRST)
+        sums.part[1] |= wide_at(record + BEGIN);
+    if constexpr (END % WIDE != 0)
+        sums.part[2] |= wide_at(record + END - WIDE);
+}
+
+template <size_t BEGIN, size_t SIZE> QT_INLINE void add_range(Sums &sums, const uint8_t *record)
+{
+    add<BEGIN, BEGIN + SIZE>(sums, record);
 }
 
 // Read at -n from the middle, it masks out the first n bytes.
@@ -129,6 +145,8 @@ template <size_t LIST> QT_INLINE void add_unused_entries(Sums &sums, const uint8
     add_unused<INFO.capacity * INFO.entry_size()>(sums, registers + INFO.offset, used * INFO.entry_size());
 }
 
+constexpr size_t REGISTERS = offsetof(QTRACE_RECORD, regs);
+
 // General registers are many, and few of them used: only the first few entries need a mask.
 constexpr size_t MASKED_GENERAL = 4;
 
@@ -140,7 +158,8 @@ template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8
     const size_t used = registers[LIST];
     if (used <= MASKED_GENERAL) {
         add_unused<MASKED_GENERAL * ENTRY>(sums, entries, used * ENTRY);
-        add<(INFO.capacity - MASKED_GENERAL) * ENTRY>(sums, entries + MASKED_GENERAL * ENTRY);
+        add<REGISTERS + INFO.offset + MASKED_GENERAL * ENTRY, REGISTERS + INFO.offset + INFO.capacity * ENTRY>(
+            sums, registers - REGISTERS);
     } else {
         for (size_t i = used; i < INFO.capacity; ++i)
             for (size_t at = i * ENTRY; at < (i + 1) * ENTRY; at += sizeof(uint64_t))
@@ -151,12 +170,12 @@ template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8
 // `GENERAL` is the last list of five; the other four stand in front of it.
 template <size_t GENERAL> QT_INLINE void add_unused_registers(Sums &sums, const uint8_t *registers)
 {
-    constexpr size_t FIRST = REGISTER_LIST[GENERAL - 3].offset;
     uint32_t counts;
     std::memcpy(&counts, registers + GENERAL - 4, sizeof counts);
     add_unused_entries<GENERAL - 4>(sums, registers);
     if (counts >> 8 == 0) { // no vector or floating-point registers: one range
-        add<REGISTER_LIST[GENERAL].offset - FIRST>(sums, registers + FIRST);
+        add<REGISTERS + REGISTER_LIST[GENERAL - 3].offset, REGISTERS + REGISTER_LIST[GENERAL].offset>(
+            sums, registers - REGISTERS);
     } else {
         add_unused_entries<GENERAL - 3>(sums, registers);
         add_unused_entries<GENERAL - 2>(sums, registers);
@@ -181,13 +200,13 @@ QT_INLINE bool search(const QTRACE_RECORD &record)
     const bool data = has_address(control_in(record), DATA_ADDRESS);
     const bool next = has_address(control_in(record), NEXT_ADDRESS);
     Sums sums{};
-    add<OWN_ADDRESS.size>(sums, bytes + OWN_ADDRESS.offset);
-    add<SECOND_ADDRESS.size>(sums, bytes + SECOND_ADDRESS.offset);
-    add<SEQUENTIAL_ADDRESS.size>(sums, bytes + SEQUENTIAL_ADDRESS.offset);
+    add_range<OWN_ADDRESS.offset, OWN_ADDRESS.size>(sums, bytes);
+    add_range<SECOND_ADDRESS.offset, SECOND_ADDRESS.size>(sums, bytes);
+    add_range<SEQUENTIAL_ADDRESS.offset, SEQUENTIAL_ADDRESS.size>(sums, bytes);
     if (!data)
-        add<address_range(DATA_ADDRESS).size>(sums, bytes + address_range(DATA_ADDRESS).offset);
+        add_range<address_range(DATA_ADDRESS).offset, address_range(DATA_ADDRESS).size>(sums, bytes);
     if (!next)
-        add<address_range(NEXT_ADDRESS).size>(sums, bytes + address_range(NEXT_ADDRESS).offset);
+        add_range<address_range(NEXT_ADDRESS).offset, address_range(NEXT_ADDRESS).size>(sums, bytes);
     const auto *registers = reinterpret_cast<const uint8_t *>(&record.regs);
     add_unused_registers<4>(sums, registers);
     add_unused_registers<GENERAL_INPUT_LIST>(sums, registers);
