@@ -79,20 +79,23 @@ void drop_pointers(QTRACE_RECORD &record)
 
 // ---- Small things that both halves need ------------------------------------------------------------------------
 
+// Put together in one processor register: written byte by byte, it could not be read at once.
 Small_Members members_of(const QTRACE_RECORD &record)
 {
-    return {record.node,  record.termination_node, record.termination_code, record.processor, record.error_code, 0,
-            record.length};
+    static_assert(offsetof(QTRACE_RECORD, processor) == offsetof(QTRACE_RECORD, node) + 3 &&
+                  offsetof(Small_Members, error_code) == 4 && offsetof(Small_Members, length) == 6);
+    const auto *first = reinterpret_cast<const uint8_t *>(&record) + offsetof(QTRACE_RECORD, node);
+    return std::bit_cast<Small_Members>(load<uint32_t>(first) | static_cast<uint64_t>(record.error_code) << 32 |
+                                        static_cast<uint64_t>(record.length) << 48);
 }
 
-Bases bases_of(const Register_Places &places, const Shape_Slot &shape, uint64_t near)
+// The general inputs are the first places.
+Bases bases_of(const Register_Places &places, const QTRACE_REGISTERS &registers, const Shape_Slot &shape,
+               uint64_t near)
 {
-    Bases bases{0, 0, near, shape.out_distance, shape.out_value};
-    for (size_t i = 0; i < places.inputs && places.place[i].list == GENERAL_INPUT_LIST; ++i) {
-        bases.previous_input = bases.last_input;
-        bases.last_input = *places.place[i].value;
-    }
-    return bases;
+    const size_t count = std::min<size_t>(registers.num_gprs_in, QTRACE_MAX_GPRS_IN);
+    return {count > 0 ? *places.place[count - 1].value : 0, count > 1 ? *places.place[count - 2].value : 0, near,
+            shape.out_distance, shape.out_value};
 }
 
 uint64_t data_base(const Bases &bases, uint8_t which)
@@ -114,13 +117,8 @@ void remember_memory(Model &model, const Register_Places &places, uint64_t near)
 {
     if (places.total == 0)
         return;
-    size_t at = places.inputs;
-    if (places.total == places.inputs) {
-        --at;
-        while (at > 0 && places.place[at - 1].list == places.place[at].list)
-            --at;
-    }
-    const Register_Place &place = places.place[at];
+    const bool outputs = places.total != places.inputs;
+    const Register_Place &place = places.place[outputs ? places.inputs : places.last_inputs];
     for (unsigned word = 0; word < REGISTER_LIST[place.list].words; ++word)
         model.memory_at(near + 8 * word) = place.value[word];
 }
@@ -165,7 +163,8 @@ bool is_list(const Register_Places &places, const uint8_t *counts, const Registe
 }
 
 // Values that need no bytes, in the order of their kinds; `memory` is what was last at the value's place.
-[[gnu::always_inline]] inline uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory, const Bases &bases)
+[[gnu::always_inline]] inline uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory,
+                                                       const Bases &bases)
 {
     switch (kind) {
     case VALUE_REGISTER:
@@ -356,7 +355,7 @@ void Encoder::add(const QTRACE_RECORD &record)
     }
     encode_inputs(places);
 
-    Bases bases = bases_of(places, shape, model.address);
+    Bases bases = bases_of(places, record.regs, shape, model.address);
     if (has_address(control, DATA_ADDRESS))
         bases.near = encode_data_address(address_in(record, DATA_ADDRESS), bases, shape);
     for (size_t i = places.inputs; i < places.total; ++i)
@@ -422,7 +421,7 @@ Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t 
     }
     decode_inputs((op & OP_INPUTS) != 0);
 
-    Bases bases = bases_of(places_, shape, model.address);
+    Bases bases = bases_of(places_, record.regs, shape, model.address);
     if (has_address(control, DATA_ADDRESS)) {
         bases.near = decode_data_address((op & OP_DATA) != 0, bases, shape);
         store(record.data_ea, bases.near);
@@ -630,14 +629,14 @@ void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
 
 void Encoder::encode_inputs(const Register_Places &places)
 {
-    bool expected = true;
-    for (size_t i = 0; i < places.inputs && expected; ++i) {
+    uint64_t difference = 0;
+    for (size_t i = 0; i < places.inputs; ++i) {
         const Register_Place &place = places.place[i];
         const Register_List_Info &list = REGISTER_LIST[place.list];
         for (unsigned word = 0; word < list.words; ++word)
-            expected = expected && place.value[word] == model_->register_value(list, *place.index, word);
+            difference |= place.value[word] ^ model_->register_value(list, *place.index, word);
     }
-    if (expected)
+    if (difference == 0)
         return;
     op_ |= OP_INPUTS;
     const Bases bases{0, 0, model_->address, 0, 0};

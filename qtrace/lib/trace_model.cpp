@@ -98,10 +98,14 @@ void find_registers(QTRACE_REGISTERS &registers, Register_Places &places)
     auto *base = reinterpret_cast<uint8_t *>(&registers);
     const auto counts = load<uint64_t>(base); // of all but the last two lists
     places.total = 0;
+    places.last_inputs = 0;
     for (size_t list = REGISTER_LISTS; list-- > sizeof counts;)
         add_list(base, list, places);
     add_lists(base, counts & ~OUTPUT_COUNTS, places);
     places.inputs = places.total;
+    if (places.inputs != 0)
+        places.last_inputs = places.inputs - std::min(base[places.place[places.inputs - 1].list],
+                                                      REGISTER_LIST[places.place[places.inputs - 1].list].capacity);
     add_lists(base, counts & OUTPUT_COUNTS, places);
 }
 

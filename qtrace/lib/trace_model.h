@@ -68,7 +68,7 @@ struct Code_Slot {
 struct Small_Members {
     uint8_t node, termination_node, termination_code, processor, error_code, unused;
     uint16_t length;
-    bool operator==(const Small_Members &) const = default;
+    bool operator==(const Small_Members &other) const { return load<uint64_t>(this) == load<uint64_t>(&other); }
 };
 static_assert(sizeof(Small_Members) == 8);
 
@@ -181,6 +181,7 @@ struct Register_Place {
 struct Register_Places {
     Register_Place place[MAX_REGISTERS];
     size_t inputs, total;
+    size_t last_inputs; // where the last list of inputs begins that is not empty; 0 without inputs
 };
 
 // The entries that the counts name, no more than fit.
