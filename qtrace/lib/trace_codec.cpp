@@ -89,13 +89,15 @@ Small_Members members_of(const QTRACE_RECORD &record)
                                         static_cast<uint64_t>(record.length) << 48);
 }
 
-// The general inputs are the first places.
-Bases bases_of(const Register_Places &places, const QTRACE_REGISTERS &registers, const Shape_Slot &shape,
-               uint64_t near)
+// Reads both registers whatever the count says: how many there are is hard to foresee for the processor.
+Bases bases_of(const QTRACE_REGISTERS &registers, const Shape_Slot &shape, uint64_t near)
 {
     const size_t count = std::min<size_t>(registers.num_gprs_in, QTRACE_MAX_GPRS_IN);
-    return {count > 0 ? *places.place[count - 1].value : 0, count > 1 ? *places.place[count - 2].value : 0, near,
-            shape.out_distance, shape.out_value};
+    const uint64_t last = registers.gpr_in[std::max<size_t>(count, 1) - 1].value;
+    const uint64_t previous = registers.gpr_in[std::max<size_t>(count, 2) - 2].value;
+    const uint64_t has_last = 0 - static_cast<uint64_t>(count > 0),
+                   has_previous = 0 - static_cast<uint64_t>(count > 1);
+    return {last & has_last, previous & has_previous, near, shape.out_distance, shape.out_value};
 }
 
 uint64_t data_base(const Bases &bases, uint8_t which)
@@ -156,10 +158,10 @@ bool is_list(const Register_Places &places, const uint8_t *counts, const Registe
 {
     if (places.total > REMEMBERED_REGISTERS || std::memcmp(list.counts, counts, sizeof list.counts) != 0)
         return false;
+    unsigned difference = 0;
     for (size_t i = 0; i < places.total; ++i)
-        if (list.index[i] != *places.place[i].index)
-            return false;
-    return true;
+        difference |= static_cast<unsigned>(list.index[i] ^ *places.place[i].index);
+    return difference == 0;
 }
 
 // Values that need no bytes, in the order of their kinds; `memory` is what was last at the value's place.
@@ -355,7 +357,7 @@ void Encoder::add(const QTRACE_RECORD &record)
     }
     encode_inputs(places);
 
-    Bases bases = bases_of(places, record.regs, shape, model.address);
+    Bases bases = bases_of(record.regs, shape, model.address);
     if (has_address(control, DATA_ADDRESS))
         bases.near = encode_data_address(address_in(record, DATA_ADDRESS), bases, shape);
     for (size_t i = places.inputs; i < places.total; ++i)
@@ -421,7 +423,7 @@ Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t 
     }
     decode_inputs((op & OP_INPUTS) != 0);
 
-    Bases bases = bases_of(places_, record.regs, shape, model.address);
+    Bases bases = bases_of(record.regs, shape, model.address);
     if (has_address(control, DATA_ADDRESS)) {
         bases.near = decode_data_address((op & OP_DATA) != 0, bases, shape);
         store(record.data_ea, bases.near);
