@@ -23,11 +23,12 @@ std::string take_word(std::string_view &rest, std::string &problem)
         if (quote ? c == quote : c == '\'' || c == '"') {
             quote = quote ? 0 : c;
         } else if (c == '\\' && quote != '\'') {
-            if (rest.empty())
+            if (rest.empty()) {
                 problem = "nothing follows the backslash";
-            else
-                word += rest.front();
-            rest.remove_prefix(rest.empty() ? 0 : 1);
+                break;
+            }
+            word += rest.front();
+            rest.remove_prefix(1);
         } else {
             word += c;
         }
@@ -42,10 +43,10 @@ size_t distance(std::string_view a, std::string_view b)
 {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < a.size(); ++i) {
+    for (const char letter : a) {
         size_t diagonal = row[0]++;
         for (size_t j = 0; j < b.size(); ++j) {
-            const size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
+            const size_t replaced = diagonal + (letter == b[j] ? 0 : 1);
             diagonal = row[j + 1];
             row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
         }

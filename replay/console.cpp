@@ -265,7 +265,7 @@ std::vector<std::string> Console::completions(std::string_view line, bool &wants
 {
     wants_file = false;
     Words words = split_words(line).words;
-    if (words.empty() && line.find('#') != line.npos)
+    if (words.empty() && line.find('#') != std::string_view::npos)
         return {};
     if (words.empty() || line.back() == ' ')
         words.emplace_back();

@@ -28,6 +28,7 @@ std::string format_text(const char *format, va_list arguments)
     va_list again;
     va_copy(again, arguments);
     std::string text(256, '\0');
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers have started it
     const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
     if (length >= static_cast<int>(text.size())) {
         text.resize(static_cast<size_t>(length) + 1);
@@ -108,7 +109,7 @@ void Host::set_query_observer(Query_Observer observer)
     query_observer = std::move(observer);
 }
 
-void Host::say(Console_Message message)
+void Host::say(const Console_Message &message)
 {
     if (console_)
         console_(message);

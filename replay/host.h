@@ -158,7 +158,7 @@ public:
         bool has_context = false;
     };
     Thread &thread(int tid) { return contexts_[static_cast<size_t>(tid)]; }
-    void say(Console_Message message);
+    void say(const Console_Message &message);
     void tell_session(std::string_view what);
     Machine *machine() { return &machine_; }
     ProcessorState *processor() { return &processor_; }

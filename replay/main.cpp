@@ -160,4 +160,7 @@ try {
 } catch (const std::bad_alloc &) {
     std::fputs("replay: out of memory\n", stderr);
     return 1;
+} catch (const std::exception &problem) {
+    std::fprintf(stderr, "replay: %s\n", problem.what());
+    return 1;
 }

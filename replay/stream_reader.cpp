@@ -28,7 +28,7 @@ struct Refusal {
 std::string shown(std::string_view token)
 {
     constexpr size_t LONGEST = 40;
-    while (!token.empty() && std::string_view(" \t\r\n").find(token.back()) != token.npos)
+    while (!token.empty() && std::string_view(" \t\r\n").find(token.back()) != std::string_view::npos)
         token.remove_suffix(1);
     if (token.starts_with('{'))
         return "an object";
@@ -87,7 +87,7 @@ bool read_decimal(std::string_view token, Number &number)
             __builtin_add_overflow(number.magnitude, static_cast<uint64_t>(token[at] - '0'), &number.magnitude))
             return false;
     const bool leading_zero = at - first > 1 && token[first] == '0';
-    const bool whole = at == token.size() || std::string_view(" \t\r").find(token[at]) != token.npos;
+    const bool whole = at == token.size() || std::string_view(" \t\r").find(token[at]) != std::string_view::npos;
     return at > first && whole && !leading_zero;
 }
 
@@ -588,7 +588,7 @@ Refusal refusal_of(simdjson::error_code error)
 
 bool is_blank(std::string_view line)
 {
-    return line.find_first_not_of(" \t\r") == line.npos;
+    return line.find_first_not_of(" \t\r") == std::string_view::npos;
 }
 
 } // namespace

@@ -76,6 +76,7 @@ struct Byte_Range {
 std::vector<Byte_Range> ranges_of(const std::vector<const Trace_Member *> &members)
 {
     std::vector<Byte_Range> ranges;
+    ranges.reserve(members.size());
     for (const Trace_Member *member : members)
         ranges.push_back({member->offset, member->size});
     std::ranges::sort(ranges, {}, &Byte_Range::offset);

@@ -109,7 +109,7 @@ bool Line_Parser::translation_value(std::string_view key, uint64_t number)
         host_walk_ = number == 0 ? 0 : number - 1;
     else if (key == "Host_RTW_Depth")
         host_walk_ = 0;
-    else if (key.ends_with("_RA") || (key == "gRA" && translation.entries.size() > 0))
+    else if (key.ends_with("_RA") || (key == "gRA" && !translation.entries.empty()))
         translation.entries.push_back({host_walk_, std::string(key), number});
     else
         return false;

@@ -100,7 +100,7 @@ void Trace_Diff::Side::seek(uint64_t record)
 
 // ---- Aligning ------------------------------------------------------------------------------------------
 
-Trace_Diff::Trace_Diff(Trace_File &a, Trace_File &b, Difference_Set ignored, uint64_t limit, Report report)
+Trace_Diff::Trace_Diff(Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit, Report report)
     : a_{a}, b_{b}, ignored_(ignored), limit_(limit), report_(std::move(report))
 {
 }

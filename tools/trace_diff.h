@@ -49,7 +49,7 @@ public:
     using Report = std::function<void(const Difference_Place &)>;
 
     // The report is called for the first `limit` places.
-    Trace_Diff(Trace_File &a, Trace_File &b, Difference_Set ignored, uint64_t limit, Report report);
+    Trace_Diff(Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit, Report report);
 
     // Compares the whole files. `step` is called once a record.
     Difference_Counts run(const std::function<void()> &step);

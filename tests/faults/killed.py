@@ -19,7 +19,7 @@ class Killed(faults.Fault_Test):
         cls.place = faults.Folder()
         cls.place.stream = faults.STREAMS / "two-cpu.jsonl.zst"
         cls.place.clear()
-        cls.place.write_script(["start {out}/trace txt {out}/text", "run 30000", "stop"])
+        cls.place.write_script(["start {out}/trace txt {out}/text", "run 12000", "stop"])
         begin = time.monotonic()
         whole = cls.place.run()
         cls.seconds = time.monotonic() - begin
@@ -34,13 +34,17 @@ class Killed(faults.Fault_Test):
     def kill_after(self, seconds):
         """Whether it was still running."""
         self.place.clear()
+        begin = time.monotonic()
         with subprocess.Popen(self.place.command(), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL) as host:
             try:
                 host.wait(seconds)
             except subprocess.TimeoutExpired:
                 host.kill()
-            return host.wait() == -signal.SIGKILL
+            if host.wait() == -signal.SIGKILL:
+                return True
+        self.seconds = min(self.seconds, time.monotonic() - begin)
+        return False
 
     def check_text(self, tid):
         """The whole lines of the text trace so far, and whether the host was killed inside the write of another one,
@@ -79,10 +83,10 @@ class Killed(faults.Fault_Test):
 
     def test_killed_host_leaves_whole_lines_and_whole_blocks(self):
         moments = random.Random(SEED)
-        killed = lines = cut_lines = records = readable = torn = 0
-        for _ in range(KILLS):
-            was_running = self.kill_after(moments.uniform(0, 1.05) * self.seconds)
-            killed += was_running
+        runs = killed = lines = cut_lines = records = readable = torn = 0
+        while killed < KILLS:
+            runs += 1
+            killed += self.kill_after(moments.uniform(0, 1) * self.seconds)
             for tid in (0, 1):
                 lines_here, is_cut = self.check_text(tid)
                 cut_lines += is_cut
@@ -92,8 +96,7 @@ class Killed(faults.Fault_Test):
                 lines, records = lines + lines_here, records + records_here
                 torn += cut
                 readable += not cut
-        self.assertGreater(killed, KILLS // 2)
-        faults.report(f"killed: {KILLS} runs, {killed} killed before their end; {torn} traces cut, {readable} complete; "
+        faults.report(f"killed: {runs} runs, {killed} killed before their end; {torn} traces cut, {readable} complete; "
                       f"{lines} whole text lines, {cut_lines} cut inside their write, {records} records readable")
 
 

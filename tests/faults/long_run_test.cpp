@@ -123,19 +123,13 @@ public:
         return cracked ? 3 : 1;
     }
 
-    void pause()
-    {
-        paused_ = true;
-    }
+    void pause() { paused_ = true; }
     void resume()
     {
         paused_ = false;
         header_due_ = true;
     }
-    bool is_paused() const
-    {
-        return paused_;
-    }
+    bool is_paused() const { return paused_; }
 
     Counts expected;
 
@@ -284,8 +278,8 @@ TEST_F(Long_Run, counts_every_record_and_header_and_keeps_memory_flat)
                 static_cast<unsigned long>(all.records), static_cast<unsigned long>(all.full_headers),
                 static_cast<unsigned long>(all.partition_headers), static_cast<unsigned long>(reports));
     std::printf("resident %lu to %lu KiB, slope %.1f KiB per million commits\n",
-                static_cast<unsigned long>(resident.front() >> 10), static_cast<unsigned long>(resident.back() >> 10),
-                slope / 1024);
+                static_cast<unsigned long>(resident.front() >> 10),
+                static_cast<unsigned long>(resident.back() >> 10), slope / 1024);
     // The comment of each full header stays the writer's, 256 bytes; the rest is noise.
     const uint64_t comments = all.full_headers * 256;
     EXPECT_LE(resident.back(), resident.front() + comments + (256 << 10));
