@@ -926,29 +926,31 @@ class Trace:
 
     def blocks(self):
         """The whole blocks, and what is damaged between them."""
-        offset, records = self.start, 0
+        offset, records, ended = self.start, 0, False
         while block := self.next_block(offset):
             jump = block.first_record != records and not block.flags & FLAG_GAP
-            if block.offset > offset or jump:
-                yield self.damage_before(block, offset, records)
+            if block.offset > offset or jump or ended:
+                yield self.damage_before(block, offset, records, ended)
             yield block
             offset, records = block.end, block.first_record + block.records
-            if block.flags & FLAG_LAST:
-                if offset < len(self.data):
-                    yield Damage(offset, len(self.data) - offset, "bytes behind the last block")
-                return
-        yield self.damage_at_end(offset)
+            ended = bool(block.flags & FLAG_LAST)
+        if not ended or offset < len(self.data):
+            yield self.damage_at_end(offset, ended)
 
     @staticmethod
-    def damage_before(block, offset, records):
+    def damage_before(block, offset, records, ended):
         skipped, lost = block.offset - offset, block.first_record - records
-        reason = "damaged bytes" if skipped else "missing blocks"
-        return Damage(offset, skipped, reason, max(lost, 0), lost >= 0)
+        if skipped:
+            return Damage(offset, skipped, "damaged bytes", max(lost, 0), lost >= 0)
+        if ended:  # whatever it counts, it need not count from here
+            return Damage(offset, 0, "a block follows the last one")
+        return Damage(offset, 0, "missing blocks", max(lost, 0), lost >= 0)
 
-    def damage_at_end(self, offset):
+    def damage_at_end(self, offset, ended):
         cut = Block.at(self.data, offset)
         lost = cut.records if cut else 0
-        return Damage(offset, len(self.data) - offset, "the file ends without its last block", lost, False, True)
+        reason = "bytes behind the last block" if ended else "the file ends without its last block"
+        return Damage(offset, len(self.data) - offset, reason, lost, False, not ended)
 
     def __iter__(self):
         comment = None

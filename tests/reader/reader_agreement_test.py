@@ -23,7 +23,8 @@ ROOT = pathlib.Path(__file__).parents[2]
 CORPUS = ROOT / "tests/golden/format"
 LONG = os.environ.get("QT_LONG") == "1"
 LINES_OF_A_STREAM = 20000
-DAMAGED = ("several-blocks", "comment-block-300", "gap-block-1", "missing-block-1", "zstd", "value-kind-41")
+DAMAGED = ("several-blocks", "comment-block-300", "gap-block-1", "missing-block-1", "last-block-in-between",
+           "zstd", "value-kind-41")  # fmt: skip
 PROGRAMS = pathlib.Path(sys.argv[1])
 
 

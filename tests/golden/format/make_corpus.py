@@ -272,7 +272,10 @@ def started():
 def value_of(shape, seed):
     """A value that fills the member, different for each seed."""
     size = shape.size // (len(shape.zero) if shape.words_a_row else 1)
-    make = lambda i: int.from_bytes(bytes((seed * 37 + i * 11 + b * 29) % 255 + 1 for b in range(size)), "big")  # noqa: E731
+
+    def make(i):
+        return int.from_bytes(bytes((seed * 37 + i * 11 + b * 29) % 255 + 1 for b in range(size)), "big")
+
     return tuple(make(i) for i in range(len(shape.zero))) if shape.words_a_row else make(0)
 
 
@@ -338,7 +341,8 @@ def value_kind_cases():
         before = {"instruction": 0x7C000214, "control": DATA, "data_ea": data}
         maker = started().record(**before, num_gprs_in=2, gpr_in=tuple(zip((4, 5), first_in)), num_gprs_out=1,
                                  gpr_out=((6, first_out),))  # fmt: skip
-        more = bytes((k * 31 + i * 77 + 128) % 256 for i in range((k - 9 if k < 18 else (k - 18) % 8 + 1) if k > 8 else 0))
+        size = max(k - 9, 0) if k < 18 else (k - 18) % 8 + 1
+        more = bytes((k * 31 + i * 77 + 128) % 256 for i in range(size))
         signed = int.from_bytes(more, "little", signed=True)
         distance = first_out - first_in[1]
         formulas = [first_out, last + distance, first_out, first_out, previous + last, last - previous,
@@ -415,7 +419,7 @@ def side_members(side, words, address):
                "_hRTW_num_level": words[1] >> 32 & 255, "_page_size": words[1] >> 40 & 255,
                "_gpage_size": words[1] >> 48 & 255, "_hRTW": tuple(words[2:22]),
                "_hRTW_host_RA": tuple(words[22:26]), "_gRTW": (*words[26:31], guest)}  # fmt: skip
-    return {side + name: value for name, value in members.items() if (any(value) if isinstance(value, tuple) else value)}
+    return {side + name: value for name, value in members.items() if value not in (0, (0,) * 20, (0,) * 4, (0,) * 6)}
 
 
 def file_cases():
@@ -438,6 +442,18 @@ def file_cases():
     maker = base_blocks()
     size = len(data := FILE_START + b"".join(maker.blocks))
     case("garbage-behind-last-block", data + b"garbage", maker.lines() + [damage_line(size, 7, 0, False)])
+    # A reader goes on behind a last block: files may have been put behind one another.
+    case("trace-behind-last-block", data + data, maker.lines() + [damage_line(size, 16, 0, False)] + maker.lines())
+    case("block-behind-last-block", data + maker.blocks[1], maker.lines() + [damage_line(size, 0, 0, False)]
+         + maker.lines(without=[0, 2, 3]) + [damage_line(size + len(maker.blocks[1]), 0, 0, False, True)])  # fmt: skip
+    at = places(maker)[2]
+    early = [maker.blocks[0], with_flags(maker.blocks[1], LAST)]
+    case("last-block-in-between", FILE_START + b"".join([*early, *maker.blocks[2:]]), maker.lines(without=[2, 3])
+         + [damage_line(at, 0, 0, False)] + maker.lines(without=[0, 1]))  # fmt: skip
+    case("last-block-before-missing-block", FILE_START + b"".join([*early, maker.blocks[3]]),
+         maker.lines(without=[2, 3]) + [damage_line(at, 0, 0, False)] + maker.lines(without=[0, 1, 2]))  # fmt: skip
+    case("last-block-before-gap", FILE_START + b"".join([*early, with_flags(maker.blocks[3], GAP)]),
+         maker.lines(without=[2, 3]) + [damage_line(at, 0, 0, False)] + maker.lines(without=[0, 1, 2]))  # fmt: skip
 
 
 def base_blocks():
@@ -458,8 +474,8 @@ def places(maker):
     return [*offsets, at]
 
 
-BLOCK_PARTS = {"marker": 0, "version": 4, "flags": 5, "compression": 6, "zero": 7, "stored": 8, "raw": 12, "records": 16,
-               "headers": 20, "first-record": 24, "first-header": 32, "first-address": 40, "payload-checksum": 48,
+BLOCK_PARTS = {"marker": 0, "version": 4, "flags": 5, "compression": 6, "zero": 7, "stored": 8, "raw": 12,
+               "records": 16, "headers": 20, "first-record": 24, "first-header": 32, "first-address": 40, "payload-checksum": 48,
                "header-checksum": 52, "payload": 56, "payload-end": -1}  # fmt: skip
 
 
@@ -476,7 +492,7 @@ def damage_cases():
                 damages = [damage_line(at[i], at[i + 1] - at[i], 2)]
                 lines = maker.lines(without=range(i, 4)) + damages + maker.lines(without=range(i + 1))
             else:
-                # Of the last block its header, where it can be read, tells what is lost, but not what is missing behind.
+                # The block's header, where it can be read, tells what is lost, but not what is missing behind.
                 readable = place < 0 or place >= 56
                 lines = maker.lines(without=[3])
                 lines.append(damage_line(at[3], len(bad) - at[3], 2 if readable else 0, False, True))
