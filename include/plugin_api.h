@@ -61,9 +61,9 @@ typedef struct PAGE_SIZES_USED {
 } PAGE_SIZES_USED;
 
 /* How many registers of each class one instruction can name. */
-#define MAX_GPRS 32
-#define MAX_FPRS 4
-#define MAX_SPRS 6
+#define MAX_GPRS  32
+#define MAX_FPRS  4
+#define MAX_SPRS  6
 #define MAX_VSXRS 4
 #define MAX_VMXRS 4
 
@@ -162,36 +162,36 @@ typedef enum RDX_XLATE_MODE HOST_CODE {
 
 /* ---- The instruction and its thread ------------------------------------------------------------------ */
 
-int Get_Inst_ThreadId(void *iop);         /* hardware thread, 0 .. processors * threads per processor - 1 */
-uint64_t Get_Inst_SeqNumber(void *iop);   /* ascending per hardware thread */
-boolean In_Cycle_Mode(void *iop);         /* the host runs its cycle-accurate model; instructions may be cracked */
-uint64_t Get_Reg_PTCR(void *iop);         /* partition-table control register */
-uint64_t Get_Reg_LPIDR(void *iop);        /* logical-partition id */
-uint32_t Get_Reg_PIDR(void *iop);         /* process id */
+int Get_Inst_ThreadId(void *iop);       /* hardware thread, 0 .. processors * threads per processor - 1 */
+uint64_t Get_Inst_SeqNumber(void *iop); /* ascending per hardware thread */
+boolean In_Cycle_Mode(void *iop);       /* the host runs its cycle-accurate model; instructions may be cracked */
+uint64_t Get_Reg_PTCR(void *iop);       /* partition-table control register */
+uint64_t Get_Reg_LPIDR(void *iop);      /* logical-partition id */
+uint32_t Get_Reg_PIDR(void *iop);       /* process id */
 boolean Get_Check_IF_LPID_Change(void *iop); /* has the LPID changed since this was last asked? */
 boolean Get_Check_IF_PID_Change(void *iop);  /* has the PID changed since this was last asked? */
-uint32_t Get_Version_Kelvo(void);         /* version of the host */
+uint32_t Get_Version_Kelvo(void);            /* version of the host */
 boolean Is_Mode_64bit(void *iop);
-boolean Is_LE_Mode(void *iop);            /* little-endian */
-boolean Is_Mode_Kernel(void *iop);        /* privileged */
-uint64_t Get_Memory_Total_Size(void *iop); /* bytes */
+boolean Is_LE_Mode(void *iop);                           /* little-endian */
+boolean Is_Mode_Kernel(void *iop);                       /* privileged */
+uint64_t Get_Memory_Total_Size(void *iop);               /* bytes */
 void Get_Pages_Used(void *iop, PAGE_SIZES_USED *pages);  /* of the host partition */
 void Get_gPages_Used(void *iop, PAGE_SIZES_USED *pages); /* of the guest */
-uint64_t Get_Inst_SDR1(void *iop);        /* base and size of the hashed page table */
+uint64_t Get_Inst_SDR1(void *iop);                       /* base and size of the hashed page table */
 
-boolean Is_Inst_SimSupport(void *iop);    /* a pseudo-instruction that talks to the simulator */
-uint32_t Get_Inst_Instbody(void *iop);    /* instruction word */
-boolean Is_Inst_Filtered(void *iop);      /* not to be traced */
-uint64_t Get_Inst_PC(void *iop);          /* effective address of the instruction */
-uint64_t Get_Inst_NPC(void *iop);         /* effective address of the next one, as far as the host knows */
+boolean Is_Inst_SimSupport(void *iop); /* a pseudo-instruction that talks to the simulator */
+uint32_t Get_Inst_Instbody(void *iop); /* instruction word */
+boolean Is_Inst_Filtered(void *iop);   /* not to be traced */
+uint64_t Get_Inst_PC(void *iop);       /* effective address of the instruction */
+uint64_t Get_Inst_NPC(void *iop);      /* effective address of the next one, as far as the host knows */
 boolean Is_Inst_Branch(void *iop);
 boolean Is_Inst_Unconditional_Branch(void *iop);
 boolean Is_Inst_Branch_Taken(void *iop);
 boolean Is_Inst_Load(void *iop);
 boolean Is_Inst_Store(void *iop);
-boolean Is_Inst_Cache(void *iop);         /* cache management */
-boolean Is_Inst_Exception(void *iop);     /* the instruction took an exception */
-boolean Is_Inst_String(void *iop);        /* moves a string of bytes */
+boolean Is_Inst_Cache(void *iop);                      /* cache management */
+boolean Is_Inst_Exception(void *iop);                  /* the instruction took an exception */
+boolean Is_Inst_String(void *iop);                     /* moves a string of bytes */
 uint16_t Get_String_Length(void *iop, boolean commit); /* bytes; 0xFFFF: unknown */
 boolean Is_Inst_VMX(void *iop);
 boolean Is_Inst_VSX(void *iop);
@@ -207,28 +207,28 @@ RDX_XLATE_MODE Get_PC_Xlate_Type(void *iop);
 RDX_MODE Get_PC_Radix_Guest_Mode(void *iop);
 RDX_MODE Get_PC_Radix_Host_Mode(void *iop);
 uint8_t Get_PC_Host_AXD_Two_Level(void *iop);
-uint8_t Get_PC_Guest_AXD_Two_Level(void *iop);  /* non-zero: a guest's translation on top of the host's */
+uint8_t Get_PC_Guest_AXD_Two_Level(void *iop); /* non-zero: a guest's translation on top of the host's */
 uint8_t Get_PC_Radix_Host_Walk_Depth(void *iop);
 uint8_t Get_PC_Radix_Guest_Walk_Depth(void *iop);
-boolean Is_Inst_Relocated(void *iop);           /* translation was on */
-uint64_t Get_Inst_PC_RA(void *iop);             /* real address */
-uint64_t Get_Inst_PC_VSID(void *iop);           /* virtual segment id */
-uint32_t Get_Inst_PC_RPN(void *iop);            /* real page number (hashed page table) */
-uint32_t Get_Inst_Host_PC_RPN(void *iop);       /* real page number (host radix) */
-uint32_t Get_Inst_Guest_PC_RPN(void *iop);      /* real page number (guest radix) */
-uint8_t Get_Inst_PC_PageSize(void *iop);        /* page-size codes */
+boolean Is_Inst_Relocated(void *iop);      /* translation was on */
+uint64_t Get_Inst_PC_RA(void *iop);        /* real address */
+uint64_t Get_Inst_PC_VSID(void *iop);      /* virtual segment id */
+uint32_t Get_Inst_PC_RPN(void *iop);       /* real page number (hashed page table) */
+uint32_t Get_Inst_Host_PC_RPN(void *iop);  /* real page number (host radix) */
+uint32_t Get_Inst_Guest_PC_RPN(void *iop); /* real page number (guest radix) */
+uint8_t Get_Inst_PC_PageSize(void *iop);   /* page-size codes */
 uint8_t Get_Inst_PC_Host_PageSize(void *iop);
 uint8_t Get_Inst_PC_Guest_PageSize(void *iop);
 PA Get_Inst_PC_HOST_RTPDE_L1_n_RA(void *iop, int n); /* entries of host walk n */
 PA Get_Inst_PC_HOST_RTPDE_L2_n_RA(void *iop, int n);
 PA Get_Inst_PC_HOST_RTPDE_L3_n_RA(void *iop, int n);
 PA Get_Inst_PC_HOST_RTPTE_n_RA(void *iop, int n);
-PA Get_Inst_PC_RonR_HOST_RA_Ln(void *iop, int n);    /* host real address that guest level n resolved to */
-PA Get_Inst_PC_GUEST_RTPDE_L1_RA(void *iop);         /* entries of the guest walk */
+PA Get_Inst_PC_RonR_HOST_RA_Ln(void *iop, int n); /* host real address that guest level n resolved to */
+PA Get_Inst_PC_GUEST_RTPDE_L1_RA(void *iop);      /* entries of the guest walk */
 PA Get_Inst_PC_GUEST_RTPDE_L2_RA(void *iop);
 PA Get_Inst_PC_GUEST_RTPDE_L3_RA(void *iop);
 PA Get_Inst_PC_GUEST_RTPTE_RA(void *iop);
-PA Get_Inst_PC_GUEST_RA(void *iop);                  /* final guest real address */
+PA Get_Inst_PC_GUEST_RA(void *iop); /* final guest real address */
 
 /* ---- The data access and its translation: the same questions about the data address ------------------ */
 

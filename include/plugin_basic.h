@@ -44,7 +44,7 @@ typedef struct Machine {
 
 /* Indices into ProcessorState.options.processor_options. */
 #define PO_QTRACE_ENABLE_REMOVING_OF_PERMANENT_THREAD0_ID_FROM_TRACE_FILE 450
-#define PO_QTRACE_ENABLE_APPENDING_OF_THREAD_ID_TO_TRACE_FILE 451
+#define PO_QTRACE_ENABLE_APPENDING_OF_THREAD_ID_TO_TRACE_FILE             451
 
 /* Configuration of the processors. Owned by the host; more members follow that the plugin does not read. */
 typedef struct ProcessorState {

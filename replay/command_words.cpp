@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <numeric>
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 bool is_blank(char c)
 {

@@ -5,7 +5,8 @@
 #include <string_view>
 #include <vector>
 
-namespace replay {
+namespace replay
+{
 
 struct Command_Words {
     std::vector<std::string> words; // empty: a blank line or a comment

@@ -9,7 +9,8 @@
 #include <istream>
 #include <ostream>
 
-namespace replay {
+namespace replay
+{
 
 struct Console::Command {
     std::string_view name; // one or two words
@@ -21,7 +22,8 @@ struct Console::Command {
     bool (Console::*obey)(const Words &operands);
 };
 
-namespace {
+namespace
+{
 
 constexpr size_t ANY = 1000000;
 
@@ -217,8 +219,8 @@ bool Console::status(const Words &)
         out_ << fmt::format(": {}", player_.source());
     out_ << fmt::format("\nposition  line {}", reader.line_number());
     if (const auto size = reader.input_size(); size && *size > 0)
-        out_ << fmt::format(", {:.0f} % of the input read", 100.0 * static_cast<double>(reader.bytes_used()) /
-                                                              static_cast<double>(*size));
+        out_ << fmt::format(", {:.0f} % of the input read",
+                            100.0 * static_cast<double>(reader.bytes_used()) / static_cast<double>(*size));
     out_ << fmt::format("\nevents    {} delivered: {} commits, {} pre, {} pte, {} rtpte\n", player_.events(),
                         player_.lines_of(Event_Kind::commit), player_.lines_of(Event_Kind::pre),
                         player_.lines_of(Event_Kind::pte), player_.lines_of(Event_Kind::rtpte));
@@ -236,7 +238,8 @@ bool Console::help(const Words &operands)
 {
     if (operands.empty()) {
         for (const Command &command : commands())
-            out_ << fmt::format("{:<28}{}\n", fmt::format("{} {}", command.name, command.operands), command.summary);
+            out_ << fmt::format("{:<28}{}\n", fmt::format("{} {}", command.name, command.operands),
+                                command.summary);
         out_ << "# begins a comment; quotes hold words with blanks together.\n";
         return true;
     }

@@ -10,9 +10,11 @@
 #include <string_view>
 #include <vector>
 
-namespace replay {
+namespace replay
+{
 
-class Console {
+class Console
+{
 public:
     // Takes over what the plugin says: prints go to `out`, warnings and errors to `err`, and so does what the
     // console itself says. All must outlive the console.

@@ -8,12 +8,16 @@
 #include <strings.h>
 
 // Opaque to the plugin: all there is to know is in the one host of the process.
-struct DeviceMgr {};
-struct MCM {};
+struct DeviceMgr {
+};
+struct MCM {
+};
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 Host the_host;
 DeviceMgr device_manager;
@@ -123,7 +127,8 @@ void Host::tell_session(std::string_view what)
         session_listener_(what);
 }
 
-namespace {
+namespace
+{
 
 // No exception may pass through the plugin, which called us.
 template <class Service> void serve(Service service)
@@ -163,8 +168,12 @@ void observe(const char *name, int n)
         query_observer(std::string(name) + "(" + std::to_string(n) + ")");
 }
 #else
-inline void observe(const char *) {}
-inline void observe(const char *, int) {}
+inline void observe(const char *)
+{
+}
+inline void observe(const char *, int)
+{
+}
 #endif
 
 template <class Value> bool changed_since_told(Value now, Value &last_told, bool &told)
@@ -194,8 +203,8 @@ void copy_class(int32_t count, Index &to_index, const Index &from_index, Value &
 
 void copy_registers(const Plugin_Inst_Registers &from, Plugin_Inst_Registers &to)
 {
-#define COPY_CLASS(c)                                                                                               \
-    to.c##_num = from.c##_num;                                                                                      \
+#define COPY_CLASS(c)                                                                                              \
+    to.c##_num = from.c##_num;                                                                                     \
     copy_class(from.c##_num, to.c##_index, from.c##_index, to.c##_value, from.c##_value)
     COPY_CLASS(gpr);
     COPY_CLASS(fpr);
@@ -301,30 +310,30 @@ void warm_dump(const char *file, Machine *)
 // ---- queries --------------------------------------------------------------------------------------------
 
 // One row a query: type, name, where the answer stands in the instruction or in its thread's context.
-#define INSTRUCTION_QUERY(type, name, member)                                                                       \
-    type name(void *iop)                                                                                            \
-    {                                                                                                               \
-        observe(#name);                                                                                             \
-        return instruction_of(iop).member;                                                                          \
+#define INSTRUCTION_QUERY(type, name, member)                                                                      \
+    type name(void *iop)                                                                                           \
+    {                                                                                                              \
+        observe(#name);                                                                                            \
+        return instruction_of(iop).member;                                                                         \
     }
-#define THREAD_QUERY(type, name, member)                                                                            \
-    type name(void *iop)                                                                                            \
-    {                                                                                                               \
-        observe(#name);                                                                                             \
-        return thread_of(iop).now.member;                                                                           \
+#define THREAD_QUERY(type, name, member)                                                                           \
+    type name(void *iop)                                                                                           \
+    {                                                                                                              \
+        observe(#name);                                                                                            \
+        return thread_of(iop).now.member;                                                                          \
     }
 // The fetch's query and its twin about the data access.
-#define ADDRESS_QUERY(type, fetch_name, data_name, member)                                                          \
-    INSTRUCTION_QUERY(type, fetch_name, fetch.member)                                                               \
+#define ADDRESS_QUERY(type, fetch_name, data_name, member)                                                         \
+    INSTRUCTION_QUERY(type, fetch_name, fetch.member)                                                              \
     INSTRUCTION_QUERY(type, data_name, data.member)
-#define ONE_LEVEL_QUERY(name, array, member)                                                                        \
-    PA name(void *iop, int n)                                                                                       \
-    {                                                                                                               \
-        observe(#name, n);                                                                                          \
-        return entry_or_zero(instruction_of(iop).array, n) member;                                                  \
+#define ONE_LEVEL_QUERY(name, array, member)                                                                       \
+    PA name(void *iop, int n)                                                                                      \
+    {                                                                                                              \
+        observe(#name, n);                                                                                         \
+        return entry_or_zero(instruction_of(iop).array, n) member;                                                 \
     }
-#define LEVEL_QUERY(fetch_name, data_name, array, member)                                                           \
-    ONE_LEVEL_QUERY(fetch_name, fetch.array, member)                                                                \
+#define LEVEL_QUERY(fetch_name, data_name, array, member)                                                          \
+    ONE_LEVEL_QUERY(fetch_name, fetch.array, member)                                                               \
     ONE_LEVEL_QUERY(data_name, data.array, member)
 
 // clang-format off

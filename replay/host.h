@@ -16,7 +16,8 @@
 #include <string_view>
 #include <vector>
 
-namespace replay {
+namespace replay
+{
 
 // What the host answers about the translation of one address: the instruction's (fetch) or its data access's.
 // Codes and units are handed through. Unlisted walks answer 0.
@@ -67,7 +68,7 @@ struct Instruction {
     uint64_t ea = 0;
     Address_Answers fetch{};
     Address_Answers data{};
-    Plugin_Inst_Registers in{};  // only counts and that many entries are handed out
+    Plugin_Inst_Registers in{}; // only counts and that many entries are handed out
     Plugin_Inst_Registers out{};
     std::string text{}; // mnemonic and operands
 };
@@ -91,7 +92,7 @@ struct Machine_Shape {
     uint32_t processors = 1;
     uint32_t threads = 1; // per processor
     uint32_t version = 0;
-    uint64_t memory = 0; // bytes
+    uint64_t memory = 0;             // bytes
     std::vector<unsigned> options{}; // indices of the processor options that are on
 };
 
@@ -113,7 +114,8 @@ struct Console_Message {
 // print is its text as it is.
 std::string description_of(const Console_Message &message);
 
-class Host {
+class Host
+{
 public:
     // Becomes a machine of that shape with all threads in their initial state, raw time 0, nothing delivered.
     // The plugin must not be loaded (its tables have the old size). Throws std::invalid_argument when there are
@@ -139,9 +141,9 @@ public:
     using Session_Listener = std::function<void(std::string_view)>;
     void set_session_listener(Session_Listener listener) { session_listener_ = std::move(listener); }
 
-    // Takes effect in the observing build of this library only: receives the name of every query, in order. Queries that take a
-    // walk or level number are named with it: "Get_Inst_PC_HOST_RTPTE_n_RA(2)"; Get_String_Length with its
-    // commit flag.
+    // Takes effect in the observing build of this library only: receives the name of every query, in order. Queries
+    // that take a walk or level number are named with it: "Get_Inst_PC_HOST_RTPTE_n_RA(2)"; Get_String_Length with
+    // its commit flag.
     using Query_Observer = std::function<void(std::string_view)>;
     void set_query_observer(Query_Observer observer);
 

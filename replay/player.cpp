@@ -6,9 +6,11 @@
 #include <fmt/ranges.h>
 #include <numeric>
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 constexpr uint64_t EVENTS_PER_PROGRESS = 1 << 13;
 
@@ -95,15 +97,16 @@ void Player::on_session(std::string_view what)
         host().say({Channel::error, 0, "replay", 0, problem});
 }
 
-namespace {
+namespace
+{
 
 std::string context_line(int tid, const Thread_Context &context)
 {
-    return fmt::format(R"({{"t":"context","tid":{},"ptcr":"{:#x}","lpid":"{:#x}","pid":{},"sdr1":"{:#x}",)"
-                       R"("bit64":{},"little_endian":{},"kernel":{},"cycle_mode":{},"pages":[{}],"guest_pages":[{}]}})",
-                       tid, context.ptcr, context.lpid, context.pid, context.sdr1, context.bit64,
-                       context.little_endian, context.kernel, context.cycle_mode, page_words(context.pages),
-                       page_words(context.guest_pages));
+    return fmt::format(
+        R"({{"t":"context","tid":{},"ptcr":"{:#x}","lpid":"{:#x}","pid":{},"sdr1":"{:#x}",)"
+        R"("bit64":{},"little_endian":{},"kernel":{},"cycle_mode":{},"pages":[{}],"guest_pages":[{}]}})",
+        tid, context.ptcr, context.lpid, context.pid, context.sdr1, context.bit64, context.little_endian,
+        context.kernel, context.cycle_mode, page_words(context.pages), page_words(context.guest_pages));
 }
 
 } // namespace
@@ -113,7 +116,8 @@ std::string write_warm_file(const std::string &file)
     const Machine_Shape &shape = host().shape();
     try {
         auto out = fmt::output_file(file);
-        out.print(R"({{"t":"machine","processors":{},"threads":{},"version":{},"memory":"{:#x}","options":[{}]}})" "\n",
+        out.print(R"({{"t":"machine","processors":{},"threads":{},"version":{},"memory":"{:#x}","options":[{}]}})"
+                  "\n",
                   shape.processors, shape.threads, shape.version, shape.memory, fmt::join(shape.options, ","));
         for (int tid = 0; tid < host().thread_count(); ++tid)
             out.print("{}\n", context_line(tid, host().context(tid)));

@@ -13,9 +13,11 @@
 #include <optional>
 #include <string>
 
-namespace replay {
+namespace replay
+{
 
-class Player {
+class Player
+{
 public:
     static constexpr uint64_t ALL = std::numeric_limits<uint64_t>::max();
 

@@ -6,9 +6,11 @@
 #include <string>
 #include <vector>
 
-namespace replay {
+namespace replay
+{
 
-class Plugin_Module {
+class Plugin_Module
+{
 public:
     Plugin_Module() = default;
     ~Plugin_Module(); // unloads
@@ -17,7 +19,8 @@ public:
 
     // Loads the shared object `file`, calls plugin_init and looks up the handlers of the returned table, and
     // Event_RTPTE_Access by its own name. `file` is a path, never searched for. Names in the table that stand for
-    // no event of this host must be exported too, and are never called. Returns an empty text, or what went wrong (nothing is loaded then).
+    // no event of this host must be exported too, and are never called. Returns an empty text, or what went wrong
+    // (nothing is loaded then).
     std::string load(const std::string &file);
 
     // plugin_quit, then the shared object is closed.
@@ -30,7 +33,7 @@ public:
     void signal(const std::string &typed, const std::vector<std::string> &words);
 
     // Deliver one event; nothing happens when the plugin has no handler for it.
-    void commit(const Instruction &instruction);      // raw time is the caller's to move
+    void commit(const Instruction &instruction); // raw time is the caller's to move
     void pre_execution(const Instruction &instruction);
     void pte_access(const Instruction &instruction, PTE_Event_Info info);
     void rtpte_access(const Instruction &instruction, RTPTE_Event_Info info);

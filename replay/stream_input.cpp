@@ -9,9 +9,11 @@
 #include <vector>
 #include <zstd.h>
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
 constexpr size_t REFILL = 1 << 18;
@@ -125,7 +127,9 @@ size_t Byte_Source::read(char *to, size_t room)
 }
 
 Line_Source::Line_Source(const std::string &file, const std::atomic<bool> *stop)
-    : source_(file, stop), buffer_(std::make_unique_for_overwrite<char[]>(MAX_LINE + REFILL + PADDING)) {}
+    : source_(file, stop), buffer_(std::make_unique_for_overwrite<char[]>(MAX_LINE + REFILL + PADDING))
+{
+}
 
 bool Line_Source::next(std::string_view &line)
 {

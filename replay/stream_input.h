@@ -11,7 +11,8 @@
 #include <string>
 #include <string_view>
 
-namespace replay {
+namespace replay
+{
 
 // The input cannot be read any further; what() says why.
 struct Input_Error : std::runtime_error {
@@ -19,11 +20,13 @@ struct Input_Error : std::runtime_error {
 };
 
 // Thrown instead of waiting on, when a signal came and reading is not wanted any more. Nothing is lost by it.
-struct Input_Interrupted {};
+struct Input_Interrupted {
+};
 
 // Bytes of a file ("-": standard input), decompressed where the file begins like zstd. Throws Input_Error, and
 // Input_Interrupted when a signal sets `stop` (which may be null) while it waits for input.
-class Byte_Source {
+class Byte_Source
+{
 public:
     explicit Byte_Source(const std::string &file, const std::atomic<bool> *stop = nullptr);
     ~Byte_Source();
@@ -56,7 +59,8 @@ private:
     std::unique_ptr<Decompressor> decompressor_;
 };
 
-class Line_Source {
+class Line_Source
+{
 public:
     static constexpr size_t MAX_LINE = 1 << 20; // bytes, without the line end
     static constexpr size_t PADDING = 64;       // readable bytes behind every line
@@ -67,7 +71,7 @@ public:
     bool next(std::string_view &line);
 
     uint64_t line_number() const { return number_; } // of the last line that was returned, from 1
-    uint64_t bytes_used() const; // stored bytes up to about the current line
+    uint64_t bytes_used() const;                     // stored bytes up to about the current line
     std::optional<uint64_t> input_size() const { return source_.size(); }
 
 private:

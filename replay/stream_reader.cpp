@@ -10,9 +10,11 @@
 #include <span>
 #include <type_traits>
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 namespace json = simdjson::ondemand;
 
@@ -98,7 +100,8 @@ template <class Integer> Integer number_of(json::value &given)
     constexpr auto MOST = std::numeric_limits<Integer>::max();
     const std::string_view token = given.raw_json_token();
     Number number;
-    const bool is_number = token.front() == '"' ? read_hexadecimal(token.data(), number) : read_decimal(token, number);
+    const bool is_number =
+        token.front() == '"' ? read_hexadecimal(token.data(), number) : read_decimal(token, number);
     const uint64_t limit = number.negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
     if (!is_number || number.magnitude > limit)
         refuse(fmt::format("{} to {}, as a number or \"0x...\"", LEAST, MOST), token);
@@ -117,7 +120,8 @@ bool truth_of(json::value &given)
 }
 
 // What `given` is, when it is a Wanted; refused when it is of another type.
-template <class Wanted> Wanted checked(simdjson::simdjson_result<Wanted> result, json::value &given, const char *what)
+template <class Wanted>
+Wanted checked(simdjson::simdjson_result<Wanted> result, json::value &given, const char *what)
 {
     Wanted wanted;
     const simdjson::error_code error = std::move(result).get(wanted);
@@ -311,11 +315,10 @@ void read_registers(json::value &given, int32_t &count, int32_t (&numbers)[N], V
     }));
 }
 
-#define CLASS(name)                                                                                                 \
-    {                                                                                                               \
-        #name, [](Place &, Plugin_Inst_Registers &to, json::value &given) {                                         \
-            read_registers(given, to.name##_num, to.name##_index, to.name##_value);                                 \
-        }                                                                                                           \
+#define CLASS(name)                                                                                                \
+    {                                                                                                              \
+#name, [](Place &, Plugin_Inst_Registers & to,                                                             \
+                  json::value & given) { read_registers(given, to.name##_num, to.name##_index, to.name##_value); } \
     }
 constexpr Key<Plugin_Inst_Registers> REGISTER_KEYS[] = {CLASS(gpr), CLASS(fpr), CLASS(spr), CLASS(vmx), CLASS(vsx)};
 #undef CLASS
@@ -325,7 +328,8 @@ constexpr Key<Plugin_Inst_Registers> REGISTER_KEYS[] = {CLASS(gpr), CLASS(fpr), 
 void read_host_walks(json::value &given, std::array<HostRadixTree, 5> &walks)
 {
     read_list(given, walks.size(), "host walks", [&](json::value &entry, size_t n) {
-        PA *const parts[] = {&walks[n].RTPDE_ra_l1, &walks[n].RTPDE_ra_l2, &walks[n].RTPDE_ra_l3, &walks[n].RTPTE_ra};
+        PA *const parts[] = {&walks[n].RTPDE_ra_l1, &walks[n].RTPDE_ra_l2, &walks[n].RTPDE_ra_l3,
+                             &walks[n].RTPTE_ra};
         read_exactly(entry, std::size(parts), R"(["l1", "l2", "l3", "pte"])",
                      [&](json::value &part, size_t at) { assign(*parts[at], part); });
     });
@@ -353,7 +357,7 @@ void read_effective_address(Place &, Instruction &instruction, json::value &give
 
 using Address_Side = Address_Answers Instruction::*;
 
-#define TO(member) [](Place &, Instruction &to, json::value &given) { assign((to.*SIDE).member, given); }
+#define TO(member)       [](Place &, Instruction &to, json::value &given) { assign((to.*SIDE).member, given); }
 #define BY(read, member) [](Place &, Instruction &to, json::value &given) { read(given, (to.*SIDE).member); }
 // Keys of `fetch` and `data`; the first is of `data` alone.
 // clang-format off
@@ -403,12 +407,12 @@ struct Flag {
 };
 
 constexpr Flag FLAGS[] = {
-    {"branch", &Instruction::branch},       {"unconditional", &Instruction::unconditional},
-    {"taken", &Instruction::taken},         {"load", &Instruction::load},
-    {"store", &Instruction::store},         {"cache", &Instruction::cache},
-    {"string", &Instruction::string},       {"exception", &Instruction::exception},
-    {"vmx", &Instruction::vmx},             {"vsx", &Instruction::vsx},
-    {"filtered", &Instruction::filtered},   {"sim_support", &Instruction::sim_support},
+    {"branch", &Instruction::branch},     {"unconditional", &Instruction::unconditional},
+    {"taken", &Instruction::taken},       {"load", &Instruction::load},
+    {"store", &Instruction::store},       {"cache", &Instruction::cache},
+    {"string", &Instruction::string},     {"exception", &Instruction::exception},
+    {"vmx", &Instruction::vmx},           {"vsx", &Instruction::vsx},
+    {"filtered", &Instruction::filtered}, {"sim_support", &Instruction::sim_support},
 };
 
 struct Page_Size {
@@ -426,12 +430,14 @@ constexpr Page_Size PAGE_SIZES[] = {
 };
 
 // Sets the members that the words of a list stand for.
-template <class Row, size_t N, class Target> void read_words(json::value &given, const Row (&rows)[N], Target &target)
+template <class Row, size_t N, class Target>
+void read_words(json::value &given, const Row (&rows)[N], Target &target)
 {
     for (json::value entry : list_of(given, "a list")) {
         const std::string_view token = entry.raw_json_token();
         const std::string_view word = text_of(entry);
-        const auto row = std::find_if(std::begin(rows), std::end(rows), [&](const Row &r) { return r.word == word; });
+        const auto row =
+            std::find_if(std::begin(rows), std::end(rows), [&](const Row &r) { return r.word == word; });
         if (row == std::end(rows)) {
             std::string known;
             for (const Row &one : rows)
@@ -460,14 +466,20 @@ void read_options(json::value &given, std::vector<unsigned> &options)
 
 // ---- the kinds of line ----------------------------------------------------------------------------------
 
-#define TO(member) [](Place &, Stream_Event &to, json::value &given) { assign(to.member, given); }
+#define TO(member)       [](Place &, Stream_Event &to, json::value &given) { assign(to.member, given); }
 #define BY(read, member) [](Place &, Stream_Event &to, json::value &given) { read(given, to.member); }
-#define INNER(keys, member)                                                                                         \
-    [](Place &place, Stream_Event &to, json::value &given) {                                                        \
-        read_inner(given, Keys<Plugin_Inst_Registers>(keys), place, to.member);                                     \
+#define INNER(keys, member)                                                                                        \
+    [](Place &place, Stream_Event &to, json::value &given) {                                                       \
+        read_inner(given, Keys<Plugin_Inst_Registers>(keys), place, to.member);                                    \
     }
-#define KIND {"t", [](Place &, Stream_Event &, json::value &) {}} // read before all others
-#define TID {"tid", TO(instruction.tid)}
+#define KIND                                                                                                       \
+    {                                                                                                              \
+        "t", [](Place &, Stream_Event &, json::value &) {}                                                         \
+    } // read before all others
+#define TID                                                                                                        \
+    {                                                                                                              \
+        "tid", TO(instruction.tid)                                                                                 \
+    }
 
 // clang-format off
 constexpr Key<Stream_Event> MACHINE_KEYS[] = {
@@ -698,7 +710,8 @@ void Stream_Reader::Parser::finish_event()
         const uint64_t threads = uint64_t{event.machine.processors} * event.machine.threads;
         place.key = "threads";
         if (threads > MAX_HARDWARE_THREADS)
-            throw Refusal{fmt::format("at most {} hardware threads", MAX_HARDWARE_THREADS), std::to_string(threads)};
+            throw Refusal{fmt::format("at most {} hardware threads", MAX_HARDWARE_THREADS),
+                          std::to_string(threads)};
         contexts.resize(static_cast<size_t>(threads));
         machine_known = true;
         return;
@@ -732,7 +745,8 @@ void Stream_Reader::Parser::read(std::string_view line)
     finish_event();
 }
 
-Stream_Reader::Stream_Reader(const std::string &file, const std::atomic<bool> *stop) : parser_(std::make_unique<Parser>())
+Stream_Reader::Stream_Reader(const std::string &file, const std::atomic<bool> *stop)
+    : parser_(std::make_unique<Parser>())
 {
     try {
         lines_ = std::make_unique<Line_Source>(file, stop);

@@ -13,7 +13,8 @@
 #include <string_view>
 #include <vector>
 
-namespace replay {
+namespace replay
+{
 
 enum class Event_Kind { machine, context, commit, pre, pte, rtpte };
 constexpr size_t EVENT_KINDS = 6;
@@ -27,13 +28,13 @@ std::string page_words(const PAGE_SIZES_USED &pages);
 // One line of a stream. Which members hold something depends on the kind; the others are left over from before.
 struct Stream_Event {
     Event_Kind kind;
-    Machine_Shape machine;      // machine
-    std::string source;         // machine: where the stream comes from
-    Thread_Context context;     // context: the thread's whole state, keys that were absent from earlier lines
-    Instruction instruction;    // commit; of the others (not machine) only `tid` is set, the rest answers 0
-    std::optional<Cycle> time;  // commit: raw time from here on
-    PTE_Event_Info pte;         // pte
-    RTPTE_Event_Info rtpte;     // rtpte
+    Machine_Shape machine;     // machine
+    std::string source;        // machine: where the stream comes from
+    Thread_Context context;    // context: the thread's whole state, keys that were absent from earlier lines
+    Instruction instruction;   // commit; of the others (not machine) only `tid` is set, the rest answers 0
+    std::optional<Cycle> time; // commit: raw time from here on
+    PTE_Event_Info pte;        // pte
+    RTPTE_Event_Info rtpte;    // rtpte
 };
 
 // Why a line was refused.
@@ -45,7 +46,8 @@ struct Stream_Error {
     std::string text() const;
 };
 
-class Stream_Reader {
+class Stream_Reader
+{
 public:
     // Opens `file` ("-": standard input). A stream that cannot be opened is an error of the first next(). While
     // the reader waits for input, a signal that sets `stop` makes next() return without an error.
@@ -57,9 +59,9 @@ public:
     const Stream_Event *next();
 
     const std::optional<Stream_Error> &error() const { return error_; }
-    uint64_t line_number() const;                 // of the last line looked at
-    uint64_t bytes_used() const;                 // of the input as it is stored, up to about that line
-    std::optional<uint64_t> input_size() const;   // unknown for a pipe
+    uint64_t line_number() const;               // of the last line looked at
+    uint64_t bytes_used() const;                // of the input as it is stored, up to about that line
+    std::optional<uint64_t> input_size() const; // unknown for a pipe
 
 private:
     struct Parser;

@@ -9,9 +9,11 @@
 #include <fmt/format.h>
 #include <memory>
 
-namespace replay {
+namespace replay
+{
 
-namespace {
+namespace
+{
 
 constexpr const char *PROMPT = "replay> ";
 
@@ -34,7 +36,8 @@ char **complete(const char *text, int, int end)
     return candidates.empty() ? nullptr : rl_completion_matches(text, next_candidate);
 }
 
-class Progress_Line {
+class Progress_Line
+{
 public:
     explicit Progress_Line(const Player &player) : player_(player) {}
 
@@ -68,8 +71,9 @@ private:
         const double seconds = std::chrono::duration<double>(last_ - start_).count();
         std::string text = fmt::format("{} events", events);
         if (const auto size = player_.reader().input_size(); size && *size > 0)
-            text += fmt::format(", {:.0f} % of the input",
-                                100.0 * static_cast<double>(player_.reader().bytes_used()) / static_cast<double>(*size));
+            text +=
+                fmt::format(", {:.0f} % of the input", 100.0 * static_cast<double>(player_.reader().bytes_used()) /
+                                                           static_cast<double>(*size));
         if (seconds > 0)
             text += fmt::format(", {:.0f} thousand/s", static_cast<double>(events) / seconds / 1000);
         return text;

@@ -3,7 +3,8 @@
 
 #include "console.h"
 
-namespace replay {
+namespace replay
+{
 
 // Reads and obeys commands until `quit` or the end of input. A Player::stop() ends the present run only.
 void obey_terminal(Console &console, Player &player);

@@ -41,27 +41,27 @@ typedef struct QTRACE_Item {
 
 /* What was lost at a damaged place. */
 typedef struct QTRACE_Damage {
-    uint64_t offset;        /* first damaged byte */
-    uint64_t bytes;         /* bytes skipped */
-    uint64_t records;       /* records lost there, where the blocks around it tell. At the end of a cut file:
-                               those of the block that is cut, if its header can be read; more may be missing */
-    int records_known;      /* `records` is exact */
-    int truncated;          /* the file ends without its last block: it was cut, or its writer died */
+    uint64_t offset;   /* first damaged byte */
+    uint64_t bytes;    /* bytes skipped */
+    uint64_t records;  /* records lost there, where the blocks around it tell. At the end of a cut file:
+                          those of the block that is cut, if its header can be read; more may be missing */
+    int records_known; /* `records` is exact */
+    int truncated;     /* the file ends without its last block: it was cut, or its writer died */
 } QTRACE_Damage;
 
 /* What qtrace_info tells without decoding records. */
 typedef struct QTRACE_Info {
     uint32_t format_version;
-    uint32_t compression;    /* 0 none, 1 zstd */
-    uint64_t size;           /* bytes of the file */
-    uint64_t blocks;         /* whole blocks */
+    uint32_t compression; /* 0 none, 1 zstd */
+    uint64_t size;        /* bytes of the file */
+    uint64_t blocks;      /* whole blocks */
     uint64_t records;
     uint64_t headers;
     uint64_t damaged_places;
-    int clean_end;           /* the writer's last block is there, whole, and nothing follows it */
+    int clean_end; /* the writer's last block is there, whole, and nothing follows it */
     /* Of a recovered file: */
-    uint64_t left_out;       /* places where lost blocks were left out; there the numbers of items jump */
-    int open_end;            /* the file was closed by the recovery: the trace went on */
+    uint64_t left_out; /* places where lost blocks were left out; there the numbers of items jump */
+    int open_end;      /* the file was closed by the recovery: the trace went on */
 } QTRACE_Info;
 
 /* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text
@@ -84,7 +84,8 @@ int qtrace_seek(QTRACE_Reader *reader, uint64_t record);
 /* Summary of the whole file, from the block headers alone. The position of the reader is kept. Returns 0 or -1. */
 int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info);
 
-/* The same, but every block's payload is read and its checksum tested too; a block that fails is a damaged place. */
+/* The same, but every block's payload is read and its checksum tested too; a block that fails is a damaged place.
+ */
 int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info);
 
 /* The last damage or error as text, "NAME: byte OFFSET: REASON"; the reader's, valid until its next call. */
@@ -102,7 +103,7 @@ typedef struct QTRACE_Recovery {
     uint64_t blocks, records, headers; /* kept */
     uint64_t damaged_places;
     uint64_t lost_bytes;
-    uint64_t lost_records; /* as far as the blocks around the damage tell */
+    uint64_t lost_records;  /* as far as the blocks around the damage tell */
     int lost_records_known; /* lost_records is exact */
     int open_end;           /* the end of the trace is missing */
 } QTRACE_Recovery;

@@ -13,7 +13,8 @@
 #include <unistd.h>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using namespace trace;
 
@@ -67,7 +68,8 @@ void keep_comment(int file, const std::string &name, uint64_t from, uint64_t to,
 }
 
 // Every block whose items can all be read, in file order.
-std::vector<Kept_Block> whole_blocks(int file, const std::string &name, QTRACE_Reader *reader, QTRACE_Recovery &result)
+std::vector<Kept_Block> whole_blocks(int file, const std::string &name, QTRACE_Reader *reader,
+                                     QTRACE_Recovery &result)
 {
     std::vector<Kept_Block> kept;
     const QTRACE_Item *item = nullptr;
@@ -81,8 +83,8 @@ std::vector<Kept_Block> whole_blocks(int file, const std::string &name, QTRACE_R
             result.lost_bytes += damage.bytes;
             result.lost_records += damage.records;
             // what stands behind the writer's last block was never part of the trace
-            const bool behind = !kept.empty() && (kept.back().header.flags & LAST_BLOCK) != 0 &&
-                                damage.offset >= kept.back().end();
+            const bool behind =
+                !kept.empty() && (kept.back().header.flags & LAST_BLOCK) != 0 && damage.offset >= kept.back().end();
             result.lost_records_known &= damage.records_known | behind;
             while (!kept.empty() && kept.back().offset >= damage.offset)
                 kept.pop_back();

@@ -19,13 +19,13 @@ extern "C" {
 
 /* ---- Scalars ----------------------------------------------------------------------------------------- */
 
-#define QTRACE_EA_LENGTH 8
+#define QTRACE_EA_LENGTH   8
 #define QTRACE_VSID_LENGTH 7
-#define QTRACE_RPN_LENGTH 4
-#define QTRACE_RTP_LENGTH 8
+#define QTRACE_RPN_LENGTH  4
+#define QTRACE_RTP_LENGTH  8
 #define QTRACE_PTCR_LENGTH 8
 #define QTRACE_LPID_LENGTH 8
-#define QTRACE_PID_LENGTH 4
+#define QTRACE_PID_LENGTH  4
 
 typedef uint32_t QTRACE_INSTR; /* instruction word */
 typedef uint8_t QTRACE_UINT8;
@@ -81,47 +81,48 @@ typedef struct QTRACE_RTW_GUEST {
 typedef union control_word {
     struct {
         /* unit 0: extended flags */
-        uint32_t _secondary_extended_reserved_11_15 : 5;    /* 0: 0-4; always 0 */
-        uint32_t pid_is_present : 1;                        /* 0: 5; PID present (file header only) */
-        uint32_t lpid_is_present : 1;                       /* 0: 6; LPID present (file header only) */
-        uint32_t ptcr_is_present : 1;                       /* 0: 7; PTCR present (file header only) */
-        uint32_t guest_xlate_mode_instruction : 2;          /* 0: 8-9; XLATE_TYPE code, guest level of the instruction address */
-        uint32_t host_xlate_mode_instruction : 2;           /* 0: 10-11; the same, host level */
-        uint32_t guest_xlate_mode_data : 2;                 /* 0: 12-13; XLATE_TYPE code, guest level of the data address */
-        uint32_t host_xlate_mode_data : 2;                  /* 0: 14-15; the same, host level */
-        uint32_t secondary_extender_present : 1;            /* 0: 16; this unit carries information */
-        uint32_t file_header_present : 1;                   /* 0: 17; never set */
-        uint32_t data_gpage_size_present : 1;               /* 0: 18; data_gpage_size is filled */
-        uint32_t instruction_gpage_size_present : 1;        /* 0: 19; next_instruction_gpage_size is filled */
-        uint32_t secondary_data_page_size_present : 1;      /* 0: 20; never set */
-        uint32_t sequential_instruction_page_size_present : 1;/* 0: 21; never set */
-        uint32_t data_segment_size_present : 1;             /* 0: 22; never set */
-        uint32_t next_instruction_segment_size_present : 1; /* 0: 23; never set */
-        uint32_t data_page_size_present : 1;                /* 0: 24; data_page_size is filled */
-        uint32_t next_instruction_page_size_present : 1;    /* 0: 25; next_instruction_page_size is filled */
-        uint32_t _extended_length_bit : 1;                  /* 0: 26; never set */
-        uint32_t trace_alteration_flag_present : 1;         /* 0: 27; never set */
-        uint32_t trace_error_code_present : 1;              /* 0: 28; error_code is filled */
-        uint32_t exception_code_present : 1;                /* 0: 29; never set */
-        uint32_t sequential_instruction_RPN_present : 1;    /* 0: 30; never set */
-        uint32_t secondary_data_RPN_present : 1;            /* 0: 31; never set */
+        uint32_t _secondary_extended_reserved_11_15 : 5; /* 0: 0-4; always 0 */
+        uint32_t pid_is_present : 1;                     /* 0: 5; PID present (file header only) */
+        uint32_t lpid_is_present : 1;                    /* 0: 6; LPID present (file header only) */
+        uint32_t ptcr_is_present : 1;                    /* 0: 7; PTCR present (file header only) */
+        uint32_t
+            guest_xlate_mode_instruction : 2; /* 0: 8-9; XLATE_TYPE code, guest level of the instruction address */
+        uint32_t host_xlate_mode_instruction : 2; /* 0: 10-11; the same, host level */
+        uint32_t guest_xlate_mode_data : 2;       /* 0: 12-13; XLATE_TYPE code, guest level of the data address */
+        uint32_t host_xlate_mode_data : 2;        /* 0: 14-15; the same, host level */
+        uint32_t secondary_extender_present : 1;  /* 0: 16; this unit carries information */
+        uint32_t file_header_present : 1;         /* 0: 17; never set */
+        uint32_t data_gpage_size_present : 1;     /* 0: 18; data_gpage_size is filled */
+        uint32_t instruction_gpage_size_present : 1;           /* 0: 19; next_instruction_gpage_size is filled */
+        uint32_t secondary_data_page_size_present : 1;         /* 0: 20; never set */
+        uint32_t sequential_instruction_page_size_present : 1; /* 0: 21; never set */
+        uint32_t data_segment_size_present : 1;                /* 0: 22; never set */
+        uint32_t next_instruction_segment_size_present : 1;    /* 0: 23; never set */
+        uint32_t data_page_size_present : 1;                   /* 0: 24; data_page_size is filled */
+        uint32_t next_instruction_page_size_present : 1;       /* 0: 25; next_instruction_page_size is filled */
+        uint32_t _extended_length_bit : 1;                     /* 0: 26; never set */
+        uint32_t trace_alteration_flag_present : 1;            /* 0: 27; never set */
+        uint32_t trace_error_code_present : 1;                 /* 0: 28; error_code is filled */
+        uint32_t exception_code_present : 1;                   /* 0: 29; never set */
+        uint32_t sequential_instruction_RPN_present : 1;       /* 0: 30; never set */
+        uint32_t secondary_data_RPN_present : 1;               /* 0: 31; never set */
         /* unit 1: primary flags; bits 16 to 31 are unused */
-        uint32_t _extender_present : 1;                     /* 1: 0; never set */
-        uint32_t _reserved_14 : 1;                          /* 1: 1; reserved */
-        uint32_t _reserved_13 : 1;                          /* 1: 2; reserved */
-        uint32_t register_trace_present : 1;                /* 1: 3; regs is filled */
-        uint32_t next_instruction_RPN_present : 1;          /* 1: 4; next_instruction_rpn is filled */
-        uint32_t next_instruction_VSID_present : 1;         /* 1: 5; next_instruction_vsid is filled */
-        uint32_t next_instruction_EA_present : 1;           /* 1: 6; next_instruction_ea is filled */
-        uint32_t data_present : 1;                          /* 1: 7; never set */
-        uint32_t length_present : 1;                        /* 1: 8; length is filled */
-        uint32_t data_RPN_present : 1;                      /* 1: 9; data_rpn is filled */
-        uint32_t data_VSID_present : 1;                     /* 1: 10; data_vsid is filled */
-        uint32_t data_address_present : 1;                  /* 1: 11; data_ea is filled */
-        uint32_t processor_present : 1;                     /* 1: 12; processor is filled */
-        uint32_t termination_present : 1;                   /* 1: 13; termination_node and termination_code are filled */
-        uint32_t node_present : 1;                          /* 1: 14; node is filled */
-        uint32_t iar_change_present : 1;                    /* 1: 15; the instruction starts a new instruction-address stream */
+        uint32_t _extender_present : 1;             /* 1: 0; never set */
+        uint32_t _reserved_14 : 1;                  /* 1: 1; reserved */
+        uint32_t _reserved_13 : 1;                  /* 1: 2; reserved */
+        uint32_t register_trace_present : 1;        /* 1: 3; regs is filled */
+        uint32_t next_instruction_RPN_present : 1;  /* 1: 4; next_instruction_rpn is filled */
+        uint32_t next_instruction_VSID_present : 1; /* 1: 5; next_instruction_vsid is filled */
+        uint32_t next_instruction_EA_present : 1;   /* 1: 6; next_instruction_ea is filled */
+        uint32_t data_present : 1;                  /* 1: 7; never set */
+        uint32_t length_present : 1;                /* 1: 8; length is filled */
+        uint32_t data_RPN_present : 1;              /* 1: 9; data_rpn is filled */
+        uint32_t data_VSID_present : 1;             /* 1: 10; data_vsid is filled */
+        uint32_t data_address_present : 1;          /* 1: 11; data_ea is filled */
+        uint32_t processor_present : 1;             /* 1: 12; processor is filled */
+        uint32_t termination_present : 1;           /* 1: 13; termination_node and termination_code are filled */
+        uint32_t node_present : 1;                  /* 1: 14; node is filled */
+        uint32_t iar_change_present : 1; /* 1: 15; the instruction starts a new instruction-address stream */
     } fld;
     uint16_t half_word[3]; /* the flags as 16-bit words, for encoders */
 } control_word;
@@ -134,22 +135,22 @@ typedef struct QTRACE_HDR {
 
 /* Which members of a file header are filled. One unit of 32 bits; bits 16 to 31 are unused. */
 typedef struct QTRACE_FILE_HDR_CNTRL {
-    uint32_t app_spec_data_present : 1;         /* bit 0: never set */
-    uint32_t comment_present : 1;               /* bit 1: comment, comment_length */
-    uint32_t persistent_data_present : 1;       /* bit 2: never set */
-    uint32_t _reserved_12 : 1;                  /* bit 3: reserved */
-    uint32_t iar_gpage_size_is_present : 1;     /* bit 4: iar_gpage_size */
-    uint32_t processor_id_is_present : 1;       /* bit 5: never set */
-    uint32_t iar_page_size_is_present : 1;      /* bit 6: iar_page_size */
-    uint32_t iar_segment_size_is_present : 1;   /* bit 7: never set */
-    uint32_t barrier_synchronization : 1;       /* bit 8: never set */
-    uint32_t asr_is_present : 1;                /* bit 9: never set */
-    uint32_t sdr1_is_present : 1;               /* bit 10: sdr1 */
-    uint32_t iar_rpn_is_present : 1;            /* bit 11: iar_rpn */
-    uint32_t iar_vsid_is_present : 1;           /* bit 12: iar_vsid */
-    uint32_t iar_is_present : 1;                /* bit 13: iar */
-    uint32_t version_number_present : 1;        /* bit 14: set with a version of 0: the library supplies its own */
-    uint32_t magic_number_present : 1;          /* bit 15: never set */
+    uint32_t app_spec_data_present : 1;       /* bit 0: never set */
+    uint32_t comment_present : 1;             /* bit 1: comment, comment_length */
+    uint32_t persistent_data_present : 1;     /* bit 2: never set */
+    uint32_t _reserved_12 : 1;                /* bit 3: reserved */
+    uint32_t iar_gpage_size_is_present : 1;   /* bit 4: iar_gpage_size */
+    uint32_t processor_id_is_present : 1;     /* bit 5: never set */
+    uint32_t iar_page_size_is_present : 1;    /* bit 6: iar_page_size */
+    uint32_t iar_segment_size_is_present : 1; /* bit 7: never set */
+    uint32_t barrier_synchronization : 1;     /* bit 8: never set */
+    uint32_t asr_is_present : 1;              /* bit 9: never set */
+    uint32_t sdr1_is_present : 1;             /* bit 10: sdr1 */
+    uint32_t iar_rpn_is_present : 1;          /* bit 11: iar_rpn */
+    uint32_t iar_vsid_is_present : 1;         /* bit 12: iar_vsid */
+    uint32_t iar_is_present : 1;              /* bit 13: iar */
+    uint32_t version_number_present : 1;      /* bit 14: set with a version of 0: the library supplies its own */
+    uint32_t magic_number_present : 1;        /* bit 15: never set */
 } QTRACE_FILE_HDR_CNTRL;
 
 /* ---- Enumerations ------------------------------------------------------------------------------------ */
@@ -197,22 +198,19 @@ typedef enum QTRACE_INSTRUCTION_TYPE {
     QTRACE_UndefinedInstructionType = 4
 } QTRACE_INSTRUCTION_TYPE;
 
-typedef enum QTRACE_FILE_MODE {
-    QTRACE_READ = 1,
-    QTRACE_WRITE = 2
-} QTRACE_FILE_MODE;
+typedef enum QTRACE_FILE_MODE { QTRACE_READ = 1, QTRACE_WRITE = 2 } QTRACE_FILE_MODE;
 
 /* ---- Registers --------------------------------------------------------------------------------------- */
 
-#define QTRACE_MAX_GPRS_IN 32
-#define QTRACE_MAX_GPRS_OUT 32
-#define QTRACE_MAX_FPRS_IN 3
-#define QTRACE_MAX_FPRS_OUT 3
-#define QTRACE_MAX_SPRS_IN 4
-#define QTRACE_MAX_SPRS_OUT 4
-#define QTRACE_MAX_VMXRS_IN 3
+#define QTRACE_MAX_GPRS_IN   32
+#define QTRACE_MAX_GPRS_OUT  32
+#define QTRACE_MAX_FPRS_IN   3
+#define QTRACE_MAX_FPRS_OUT  3
+#define QTRACE_MAX_SPRS_IN   4
+#define QTRACE_MAX_SPRS_OUT  4
+#define QTRACE_MAX_VMXRS_IN  3
 #define QTRACE_MAX_VMXRS_OUT 3
-#define QTRACE_MAX_VSXRS_IN 3
+#define QTRACE_MAX_VSXRS_IN  3
 #define QTRACE_MAX_VSXRS_OUT 3
 
 /* A general, floating-point or special register. */
@@ -273,16 +271,16 @@ typedef struct QTRACE_FILE_HDR {
     QTRACE_RTW iar_hRTW[RDX_MAX_2LEVEL_DEPTH];
     QTRACE_RTW_HOST_RA iar_hRTW_host_RA[RDX_MAX_GUEST_LEVELS];
     QTRACE_RTW_GUEST iar_gRTW;
-    QTRACE_RPN iar_rpn;            /* iar_rpn_is_present */
-    QTRACE_UINT8 iar_segment_size; /* never set */
-    QTRACE_UINT8 iar_page_size;    /* code; iar_page_size_is_present */
-    QTRACE_UINT8 iar_gpage_size;   /* code; iar_gpage_size_is_present */
-    QTRACE_PTCR ptcr;              /* ptcr_is_present */
-    QTRACE_LPID lpid;              /* lpid_is_present */
-    QTRACE_PID pid;                /* pid_is_present */
-    QTRACE_EA sdr1;                /* sdr1_is_present when not 0 */
-    QTRACE_EA asr;                 /* never set */
-    QTRACE_PROCESSOR processor_id; /* never set */
+    QTRACE_RPN iar_rpn;             /* iar_rpn_is_present */
+    QTRACE_UINT8 iar_segment_size;  /* never set */
+    QTRACE_UINT8 iar_page_size;     /* code; iar_page_size_is_present */
+    QTRACE_UINT8 iar_gpage_size;    /* code; iar_gpage_size_is_present */
+    QTRACE_PTCR ptcr;               /* ptcr_is_present */
+    QTRACE_LPID lpid;               /* lpid_is_present */
+    QTRACE_PID pid;                 /* pid_is_present */
+    QTRACE_EA sdr1;                 /* sdr1_is_present when not 0 */
+    QTRACE_EA asr;                  /* never set */
+    QTRACE_PROCESSOR processor_id;  /* never set */
     uint8_t persistent_data_field;  /* never set */
     uint8_t persistent_data_length; /* never set */
     QTRACE_UINT64 persistent_data;  /* never set */
@@ -324,12 +322,12 @@ typedef struct QTRACE_RECORD {
     uint32_t iar_page_size_is_valid : 1;
     QTRACE_INSTRUCTION_TYPE itype;          /* never set: every instruction is QTRACE_Sequential */
     uint32_t iar_segment_size_is_valid : 1; /* never set; the three bytes below share its 32 bits */
-    QTRACE_NODE node;              /* node_present */
-    QTRACE_NODE termination_node;  /* termination_present */
-    QTRACE_UINT8 termination_code; /* a QTRACE_TERMINATION_CODE; termination_present */
-    QTRACE_PROCESSOR processor;    /* processor_present: the first record after a full file header */
-    QTRACE_EA data_ea;             /* data_address_present */
-    QTRACE_VSID data_vsid;         /* data_VSID_present */
+    QTRACE_NODE node;                       /* node_present */
+    QTRACE_NODE termination_node;           /* termination_present */
+    QTRACE_UINT8 termination_code;          /* a QTRACE_TERMINATION_CODE; termination_present */
+    QTRACE_PROCESSOR processor;             /* processor_present: the first record after a full file header */
+    QTRACE_EA data_ea;                      /* data_address_present */
+    QTRACE_VSID data_vsid;                  /* data_VSID_present */
     /* translation of the data address; page number: data_RPN_present */
     QTRACE_UINT8 data_hRTW_depth;
     QTRACE_UINT8 data_hRTW_num_level;
@@ -344,9 +342,9 @@ typedef struct QTRACE_RECORD {
     QTRACE_RTW_HOST_RA secondary_data_hRTW_host_RA[RDX_MAX_GUEST_LEVELS];
     QTRACE_RTW_GUEST secondary_data_gRTW;
     QTRACE_RPN secondary_data_rpn;
-    QTRACE_UINT16 length;          /* bytes that a string instruction moves; length_present */
-    uint8_t *data;                 /* never set */
-    QTRACE_EA next_instruction_ea; /* next_instruction_EA_present */
+    QTRACE_UINT16 length;              /* bytes that a string instruction moves; length_present */
+    uint8_t *data;                     /* never set */
+    QTRACE_EA next_instruction_ea;     /* next_instruction_EA_present */
     QTRACE_VSID next_instruction_vsid; /* next_instruction_VSID_present */
     /* translation of the next address; page number: next_instruction_RPN_present */
     QTRACE_UINT8 next_instruction_hRTW_depth;
@@ -362,14 +360,14 @@ typedef struct QTRACE_RECORD {
     QTRACE_RTW_HOST_RA sequential_instruction_hRTW_host_RA[RDX_MAX_GUEST_LEVELS];
     QTRACE_RTW_GUEST sequential_instruction_gRTW;
     QTRACE_RPN sequential_instruction_rpn;
-    uint8_t exception_code;        /* never set */
-    uint8_t error_code;            /* a QTRACE_ERROR_CODE; trace_error_code_present */
-    uint8_t trace_alteration_code; /* never set */
-    QTRACE_UINT8 next_instruction_page_size;  /* code; next_instruction_page_size_present */
-    QTRACE_UINT8 next_instruction_gpage_size; /* code; instruction_gpage_size_present */
-    QTRACE_UINT8 data_page_size;              /* code; data_page_size_present */
-    QTRACE_UINT8 data_gpage_size;             /* code; data_gpage_size_present */
-    QTRACE_UINT8 next_instruction_segment_size;    /* never set, like the five below */
+    uint8_t exception_code;                     /* never set */
+    uint8_t error_code;                         /* a QTRACE_ERROR_CODE; trace_error_code_present */
+    uint8_t trace_alteration_code;              /* never set */
+    QTRACE_UINT8 next_instruction_page_size;    /* code; next_instruction_page_size_present */
+    QTRACE_UINT8 next_instruction_gpage_size;   /* code; instruction_gpage_size_present */
+    QTRACE_UINT8 data_page_size;                /* code; data_page_size_present */
+    QTRACE_UINT8 data_gpage_size;               /* code; data_gpage_size_present */
+    QTRACE_UINT8 next_instruction_segment_size; /* never set, like the five below */
     QTRACE_UINT8 data_segment_size;
     QTRACE_UINT8 sequential_instruction_page_size;
     QTRACE_UINT8 sequential_instruction_gpage_size;

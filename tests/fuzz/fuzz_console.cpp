@@ -10,7 +10,8 @@
 
 using namespace replay;
 
-namespace {
+namespace
+{
 
 constexpr const char *STREAM = "{\"t\":\"machine\",\"processors\":1,\"threads\":1}\n"
                                "{\"t\":\"commit\",\"seq\":1}\n"

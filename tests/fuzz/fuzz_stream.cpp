@@ -9,7 +9,8 @@
 
 using namespace replay;
 
-namespace {
+namespace
+{
 
 void require(bool holds)
 {
@@ -18,7 +19,8 @@ void require(bool holds)
 }
 
 // A file in memory, under a name that can be opened.
-class Memory_File {
+class Memory_File
+{
 public:
     Memory_File(const uint8_t *data, size_t size) : descriptor_(memfd_create("stream", 0))
     {

@@ -117,7 +117,8 @@ int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)
 int QTRACE_FwriteRecord(QTRACE_FDESCR file, QTRACE_RECORD *record)
 {
     const int result = recording_writer().write_record(file, *record);
-    record->offset = record->record_count = record->instr_count = record->exec_instr_count = -1; // a library's own use
+    record->offset = record->record_count = record->instr_count = record->exec_instr_count =
+        -1; // a library's own use
     return result;
 }
 }

@@ -24,7 +24,8 @@ struct Writer_Call {
     bool failed = false;
 };
 
-class Recording_Writer {
+class Recording_Writer
+{
 public:
     struct File {
         std::string name;

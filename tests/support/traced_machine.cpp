@@ -6,7 +6,8 @@
 #include <sstream>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 std::filesystem::path fresh_folder()
 {
@@ -21,9 +22,10 @@ std::filesystem::path fresh_folder()
 } // namespace
 
 Traced_Machine::Traced_Machine(uint32_t processors, uint32_t threads, bool load)
-    : Traced_Machine(replay::Machine_Shape{.processors = processors, .threads = threads, .version = 3,
-                                           .memory = 0x10000000, .options = {}},
-                     load)
+    : Traced_Machine(
+          replay::Machine_Shape{
+              .processors = processors, .threads = threads, .version = 3, .memory = 0x10000000, .options = {}},
+          load)
 {
 }
 
@@ -101,7 +103,8 @@ void Traced_Machine::commit_run(size_t count, int tid)
     }
 }
 
-namespace {
+namespace
+{
 
 // Visits every item of every file that was opened for the thread, in order.
 template <class Visitor> void visit_items(int tid, Visitor visitor)

@@ -4,8 +4,8 @@
 
 #include <ostream> // before the plugin's global `flush`, which std::endl would find instead of std::flush
 
-#include "plugin_qtbin.h"
 #include "host.h"
+#include "plugin_qtbin.h"
 #include "recording_writer.h"
 
 #include <filesystem>
@@ -13,7 +13,8 @@
 #include <string>
 #include <vector>
 
-class Traced_Machine {
+class Traced_Machine
+{
 public:
     // Loads the plugin into a fresh machine (plugin_init). With `load` false it is left to the test.
     explicit Traced_Machine(uint32_t processors = 1, uint32_t threads = 1, bool load = true);

@@ -15,9 +15,11 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-namespace {
+namespace
+{
 
-class Scratch_File {
+class Scratch_File
+{
 public:
     explicit Scratch_File(const std::string &text)
         : name_(std::filesystem::temp_directory_path() / ("console_test_" + std::to_string(getpid()) + ".jsonl"))
@@ -38,7 +40,8 @@ constexpr const char *STREAM = R"({"t":"machine","processors":2,"threads":1,"sou
 )";
 
 struct Commands : testing::Test {
-    explicit Commands(const std::string &stream = STREAM) : file(stream), player(file.name()), console(player, out, err)
+    explicit Commands(const std::string &stream = STREAM)
+        : file(stream), player(file.name()), console(player, out, err)
     {
     }
 
@@ -48,10 +51,7 @@ struct Commands : testing::Test {
         return console.obey_script(in, "script", stop_at_failure);
     }
 
-    std::vector<std::string> complete(std::string_view line)
-    {
-        return console.completions(line, wants_file);
-    }
+    std::vector<std::string> complete(std::string_view line) { return console.completions(line, wants_file); }
 
     Scratch_File file;
     Player player;
@@ -208,7 +208,8 @@ TEST_F(Commands, host_output_goes_to_its_stream_and_complaints_fail_the_command)
 
 TEST_F(Refused_Stream, run_fails_with_stream_line_and_reason_again_and_again)
 {
-    const std::string complaint = file.name() + ": line 5: key \"tid\": expected a hardware thread from 0 to 1, found 2\n";
+    const std::string complaint =
+        file.name() + ": line 5: key \"tid\": expected a hardware thread from 0 to 1, found 2\n";
     EXPECT_TRUE(console.obey("run 3"));
     EXPECT_FALSE(console.obey("run"));
     EXPECT_FALSE(console.obey("run"));

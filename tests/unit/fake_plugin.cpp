@@ -8,7 +8,8 @@ extern "C" {
 #ifdef HAS_NO_HANDLER
 const char *EventNames[] = {"Event_Instruction_Commit", "Event_Of_Nobody", nullptr};
 #else
-const char *EventNames[] = {"Event_Instruction_PreExecution", "Event_Instruction_Commit", "Event_PTE_Access", nullptr};
+const char *EventNames[] = {"Event_Instruction_PreExecution", "Event_Instruction_Commit", "Event_PTE_Access",
+                            nullptr};
 #endif
 
 void *plugin_init(int argc, char **argv, void *client_data)
@@ -45,7 +46,8 @@ void Event_Instruction_PreExecution(void *iop)
 
 void Event_Instruction_Commit(void *iop)
 {
-    SIM_PRINT("commit %d %lu at %lu\n", Get_Inst_ThreadId(iop), Get_Inst_SeqNumber(iop), GetRawTime(currentMachine));
+    SIM_PRINT("commit %d %lu at %lu\n", Get_Inst_ThreadId(iop), Get_Inst_SeqNumber(iop),
+              GetRawTime(currentMachine));
 }
 
 void Event_PTE_Access(void *iop, PTE_Event_Info *info)

@@ -10,7 +10,8 @@
 using namespace replay;
 using testing::ElementsAre;
 
-namespace {
+namespace
+{
 
 struct Host_Services : testing::Test {
     Host_Services()

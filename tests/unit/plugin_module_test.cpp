@@ -12,7 +12,8 @@
 using namespace replay;
 using testing::HasSubstr;
 
-namespace {
+namespace
+{
 
 struct Loading : testing::Test {
     Loading()
@@ -169,7 +170,8 @@ TEST_F(Loading, refused_line_is_not_delivered_and_ends_the_run)
 
 TEST_F(Loading, stop_ends_a_run_before_its_next_event)
 {
-    Player player(write_stream("{\"t\":\"machine\",\"processors\":1,\"threads\":1}\n{\"t\":\"commit\",\"seq\":1}\n"));
+    Player player(
+        write_stream("{\"t\":\"machine\",\"processors\":1,\"threads\":1}\n{\"t\":\"commit\",\"seq\":1}\n"));
     player.stop();
     EXPECT_EQ(player.run(), Player::End::stopped);
     EXPECT_EQ(player.events(), 0u);
@@ -182,7 +184,8 @@ TEST_F(Loading, warm_file_is_the_beginning_of_a_stream_from_here)
 {
     const std::string warm = folder / "warm";
     {
-        Player player(write_stream(R"({"t":"machine","processors":1,"threads":2,"version":3,"memory":"0x1000","options":[450]}
+        Player player(
+            write_stream(R"({"t":"machine","processors":1,"threads":2,"version":3,"memory":"0x1000","options":[450]}
 {"t":"context","tid":1,"ptcr":"0xc","lpid":"0x2","pid":7,"sdr1":5,"bit64":true,"kernel":true,"pages":["64K","2M"]}
 )"));
         EXPECT_EQ(player.run(), Player::End::end_of_stream);

@@ -18,9 +18,11 @@ using namespace replay;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-namespace {
+namespace
+{
 
-class Scratch_File {
+class Scratch_File
+{
 public:
     explicit Scratch_File(std::string_view contents)
         : name_(std::filesystem::temp_directory_path() / ("stream_reader_test_" + std::to_string(getpid())))
@@ -63,7 +65,8 @@ std::string refusal_of_line(const std::string &line)
 }
 
 // The event of the one line behind the machine line.
-class One_Event {
+class One_Event
+{
 public:
     explicit One_Event(const std::string &line) : file_(MACHINE + line + "\n"), reader_(file_.name())
     {
@@ -108,7 +111,7 @@ void expect_only(const std::vector<Keyed_Query> &table, const Keyed_Query &given
             EXPECT_EQ(row.query(iop), 0u) << row.key << " when " << given.key << " is given";
 }
 
-#define ANSWER(query) [](void *iop) { return static_cast<uint64_t>(query(iop)); }
+#define ANSWER(query)       [](void *iop) { return static_cast<uint64_t>(query(iop)); }
 #define ANSWER_OF(query, n) [](void *iop) { return static_cast<uint64_t>(query(iop, n)); }
 
 } // namespace
@@ -179,7 +182,8 @@ TEST(stream_keys, flags_answer_their_queries)
     }
 }
 
-namespace {
+namespace
+{
 
 // Keys that `fetch` and `data` share: the query of each side.
 struct Address_Key {
@@ -189,10 +193,11 @@ struct Address_Key {
     uint64_t answer;
 };
 
-const char *const THREE_WALKS = R"([["0x1","0x2","0x3","0x4"],["0x5","0x6","0x7","0x8"],["0x9","0xa","0xb","0xc"]])";
+const char *const THREE_WALKS =
+    R"([["0x1","0x2","0x3","0x4"],["0x5","0x6","0x7","0x8"],["0x9","0xa","0xb","0xc"]])";
 const char *const GUEST_WALK = R"(["0x11","0x12","0x13","0x14","0x15"])";
 
-#define SIDES(pc, data) ANSWER(pc), ANSWER(data)
+#define SIDES(pc, data)       ANSWER(pc), ANSWER(data)
 #define SIDES_OF(pc, data, n) ANSWER_OF(pc, n), ANSWER_OF(data, n)
 const std::vector<Address_Key> ADDRESS_KEYS = {
     {"status", "9", SIDES(Get_PC_MMU_Status, Get_Data_MMU_Status), 9},
@@ -307,8 +312,9 @@ TEST(stream_keys, full_register_lists_fit)
             list += "," + entry;
         const std::string begin = "{\"t\":\"commit\",\"in\":{\"" + name + "\":[" + list;
         EXPECT_EQ(refusal_of_line(begin + "]}}"), "");
-        EXPECT_EQ(refusal_of_line(begin + "," + entry + "]}}"), "line 2: key \"in." + name + "\": expected at most " +
-                                                                   std::to_string(most) + " registers, found more");
+        EXPECT_EQ(refusal_of_line(begin + "," + entry + "]}}"), "line 2: key \"in." + name +
+                                                                    "\": expected at most " + std::to_string(most) +
+                                                                    " registers, found more");
     }
 }
 
@@ -328,9 +334,9 @@ TEST(stream_keys, time_is_there_or_not)
 
 TEST(stream_keys, nothing_is_left_of_the_line_before)
 {
-    const Scratch_File file(MACHINE + R"({"t":"commit","tid":1,"seq":9,"text":"x","is":["load"],"fetch":{"mode":3},)" +
-                            R"("data":{"ea":1,"host_walk":[[1,2,3,4]]},"in":{"gpr":[[1,2]]},"time":7})" +
-                            "\n{\"t\":\"commit\"}\n");
+    const Scratch_File file(
+        MACHINE + R"({"t":"commit","tid":1,"seq":9,"text":"x","is":["load"],"fetch":{"mode":3},)" +
+        R"("data":{"ea":1,"host_walk":[[1,2,3,4]]},"in":{"gpr":[[1,2]]},"time":7})" + "\n{\"t\":\"commit\"}\n");
     Stream_Reader reader(file.name());
     reader.next();
     reader.next();
@@ -369,7 +375,8 @@ TEST(stream_keys, context_keys_reach_the_context)
 
 TEST(stream_keys, every_page_size_has_its_member)
 {
-    const char *const words[] = {"4K", "16K", "64K", "128K", "256K", "1M", "2M", "16M", "256M", "1G", "16G", "undefined"};
+    const char *const words[] = {"4K", "16K", "64K",  "128K", "256K", "1M",
+                                 "2M", "16M", "256M", "1G",   "16G",  "undefined"};
     for (size_t n = 0; n < std::size(words); ++n) {
         const One_Event event(std::string("{\"t\":\"context\",\"pages\":[\"") + words[n] + "\"]}");
         boolean members[12];
@@ -418,8 +425,9 @@ TEST(stream_keys, other_events_carry_their_payload_and_answer_nothing_else)
 
 TEST(stream_keys, come_in_any_order_and_with_blanks_and_escapes)
 {
-    const One_Event event("  { \"\\u0073eq\" : 4 , \"data\" : { \"host_walk\" : [ [ 1 , 2 , 3 , 4 ] ] , \"ea\" : \"0x5\" } ,"
-                          " \"op\" : \"0x6\"\t, \"t\" : \"commit\" }  \r");
+    const One_Event event(
+        "  { \"\\u0073eq\" : 4 , \"data\" : { \"host_walk\" : [ [ 1 , 2 , 3 , 4 ] ] , \"ea\" : \"0x5\" } ,"
+        " \"op\" : \"0x6\"\t, \"t\" : \"commit\" }  \r");
     EXPECT_EQ(event->instruction.seq, 4u);
     EXPECT_EQ(event->instruction.op, 6u);
     EXPECT_EQ(event->instruction.ea, 5u);
@@ -438,7 +446,9 @@ void PrintTo(const Refused_Line &row, std::ostream *out)
     *out << row.line;
 }
 
-class Refusals : public testing::TestWithParam<Refused_Line> {};
+class Refusals : public testing::TestWithParam<Refused_Line>
+{
+};
 
 TEST_P(Refusals, name_line_key_and_expectation)
 {
@@ -542,7 +552,8 @@ TEST(stream_refusals, of_the_first_line_name_what_must_stand_there)
     EXPECT_EQ(outcome_of("{\"t\":\"commit\",\"tid\":0}\n").error,
               "line 1: key \"t\": expected \"machine\" in the first line, found \"commit\"");
     EXPECT_EQ(outcome_of("").error, "line 1: expected \"machine\" in the first line, found the end of the stream");
-    EXPECT_EQ(outcome_of("\n\n").error, "line 3: expected \"machine\" in the first line, found the end of the stream");
+    EXPECT_EQ(outcome_of("\n\n").error,
+              "line 3: expected \"machine\" in the first line, found the end of the stream");
 }
 
 TEST(stream_refusals, of_machine_values)
@@ -615,7 +626,8 @@ TEST(stream_input, file_that_is_not_there_is_an_error_without_line)
 
 TEST(stream_input, compressed_streams_are_told_by_their_first_bytes)
 {
-    const Outcome outcome = outcome_of(compressed(MACHINE + "{\"t\":\"commit\"}\n") + compressed("{\"t\":\"pre\"}\n"));
+    const Outcome outcome =
+        outcome_of(compressed(MACHINE + "{\"t\":\"commit\"}\n") + compressed("{\"t\":\"pre\"}\n"));
     EXPECT_EQ(outcome.events, 3u);
     EXPECT_EQ(outcome.error, "");
 }
@@ -643,7 +655,8 @@ TEST(stream_input, line_that_is_cut_by_truncation_is_not_delivered)
 
 TEST(stream_input, damaged_compressed_stream_is_refused)
 {
-    EXPECT_THAT(outcome_of(compressed(MACHINE) + "garbage").error, HasSubstr("line 2: expected intact zstd data: "));
+    EXPECT_THAT(outcome_of(compressed(MACHINE) + "garbage").error,
+                HasSubstr("line 2: expected intact zstd data: "));
 }
 
 TEST(stream_input, comes_through_a_pipe_in_small_pieces)
@@ -675,7 +688,8 @@ TEST(stream_input, comes_through_a_pipe_in_small_pieces)
 
 TEST(stream_input, progress_ends_at_the_size_of_the_input)
 {
-    for (const std::string &contents : {MACHINE + "{\"t\":\"commit\"}\n", compressed(MACHINE + "{\"t\":\"commit\"}\n")}) {
+    for (const std::string &contents :
+         {MACHINE + "{\"t\":\"commit\"}\n", compressed(MACHINE + "{\"t\":\"commit\"}\n")}) {
         const Scratch_File file(contents);
         Stream_Reader reader(file.name());
         reader.next();
@@ -694,7 +708,9 @@ struct Recorded {
     size_t commits;
 };
 
-class Recorded_Stream : public testing::TestWithParam<Recorded> {};
+class Recorded_Stream : public testing::TestWithParam<Recorded>
+{
+};
 
 TEST_P(Recorded_Stream, reads_to_its_end)
 {
