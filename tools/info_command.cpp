@@ -255,7 +255,7 @@ void Info_Command::print_json(Output &out, const std::string &name, const File_S
         if (placed.is_full()) {
             out.print(",\"address\":\"0x{:x}\",\"ptcr\":\"0x{:x}\",\"sdr1\":\"0x{:x}\",\"comment\":",
                       number(placed.header.iar), number(placed.header.ptcr), number(placed.header.sdr1));
-            print_json_text(out, placed.comment);
+            print_json_bytes(out, placed.comment);
         }
         out.put('}');
     }

@@ -348,7 +348,7 @@ void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
     case Member_Shape::text: {
         const char *text = nullptr;
         std::memcpy(&text, bytes, sizeof(text));
-        print_json_text(out, text != nullptr ? text : "");
+        print_json_bytes(out, text != nullptr ? text : "");
         break;
     }
     case Member_Shape::registers:
@@ -364,20 +364,61 @@ std::string registers_text(const QTRACE_REGISTERS &registers)
     return words.empty() ? "none" : words.substr(1);
 }
 
+namespace
+{
+
+// Bytes of the UTF-8 character that `text` begins with; 0 when it begins with none beyond ASCII.
+size_t utf8_length(std::string_view text)
+{
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const size_t length = byte(0) >= 0xF0 && byte(0) <= 0xF4   ? 4
+                          : byte(0) >= 0xE0 && byte(0) <= 0xEF ? 3
+                          : byte(0) >= 0xC2 && byte(0) <= 0xDF ? 2
+                                                               : 0;
+    if (length == 0 || text.size() < length)
+        return 0;
+    for (size_t i = 1; i < length; ++i)
+        if ((byte(i) & 0xC0) != 0x80)
+            return 0;
+    const bool overlong = (byte(0) == 0xE0 && byte(1) < 0xA0) || (byte(0) == 0xF0 && byte(1) < 0x90);
+    const bool no_character = (byte(0) == 0xED && byte(1) > 0x9F) || (byte(0) == 0xF4 && byte(1) > 0x8F);
+    return overlong || no_character ? 0 : length;
+}
+
+void print_json_byte(Output &out, char c)
+{
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+        out.put('\\');
+        out.put(c);
+    } else if (byte < 0x20 || byte >= 0x7F) {
+        out.put("\\u00");
+        out.put_hex(byte, 2);
+    } else {
+        out.put(c);
+    }
+}
+
+} // namespace
+
+void print_json_bytes(Output &out, std::string_view bytes)
+{
+    out.put('"');
+    for (const char c : bytes)
+        print_json_byte(out, c);
+    out.put('"');
+}
+
 void print_json_text(Output &out, std::string_view text)
 {
     out.put('"');
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out.put('\\');
-            out.put(c);
-        } else if (byte < 0x20 || byte >= 0x7F) { // comments and names may hold any byte: each as one character
-            out.put("\\u00");
-            out.put_hex(byte, 2);
-        } else {
-            out.put(c);
-        }
+    while (!text.empty()) {
+        const size_t length = utf8_length(text);
+        if (length > 0)
+            out.put(text.substr(0, length));
+        else
+            print_json_byte(out, text[0]);
+        text.remove_prefix(length > 0 ? length : 1);
     }
     out.put('"');
 }
@@ -449,7 +490,7 @@ void print_header_json(Output &out, const QTRACE_Item &item, std::string_view fi
             print_member_json(out, member, item.header);
     if (item.header.comment != nullptr) {
         out.put(",\"comment\":");
-        print_json_text(out, {item.header.comment, item.header.comment_length});
+        print_json_bytes(out, {item.header.comment, item.header.comment_length});
     }
     out.put("}\n");
     out.settle();

@@ -66,8 +66,10 @@ template <class Structure> std::string value_text(const Trace_Member &member, co
 // All registers of a record, as text lines show them.
 std::string registers_text(const QTRACE_REGISTERS &registers);
 
-// `text` as a JSON string, quotes included.
+// `text` (UTF-8; a byte that is not becomes the character of its number) as a JSON string, quotes included.
 void print_json_text(Output &out, std::string_view text);
+// Bytes of any meaning as a JSON string: each one character.
+void print_json_bytes(Output &out, std::string_view bytes);
 
 // What the columns and words of text lines mean.
 extern const char *const LINE_LEGEND;

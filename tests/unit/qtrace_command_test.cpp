@@ -198,6 +198,24 @@ TEST(dump, prints_address_word_flags_and_what_the_record_carries)
     EXPECT_THAT(text, HasSubstr("- partition lpid 0x2 pid 8\n"));
 }
 
+TEST(dump, json_gives_file_names_in_their_own_letters_and_other_bytes_by_number)
+{
+    const Folder folder;
+    const std::pair<std::string, std::string> names[] = {
+        {"plain", "plain"},
+        {"spur-\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "spur-\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},
+        {"lone-\xC3-", R"(lone-\u00c3-)"},
+        {"half-\xED\xA0\x80-", R"(half-\u00ed\u00a0\u0080-)"},
+        {"quo\"te", R"(quo\"te)"},
+    };
+    for (const auto &[name, shown] : names) {
+        const std::string file = folder.write(name + "0", good_trace());
+        const std::string out = qtrace({"dump", "--json", "--count", "1", file}).out;
+        EXPECT_THAT(out, HasSubstr("/" + shown + "0\""));
+        EXPECT_NO_THROW(json_lines(out)) << name;
+    }
+}
+
 TEST(dump, json_carries_every_filled_member)
 {
     const Folder folder;
