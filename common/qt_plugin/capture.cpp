@@ -7,8 +7,7 @@
 #include <algorithm>
 #include <string.h>
 
-// ---- The two sides of an instruction
-// -----------------------------------------------------------------------------
+// ---- The two sides of an instruction ----------------------------------------------------------------------------
 
 // Every question about the instruction's own address (fetch) has a twin about its data address. The routines below
 // are written once; the side is a constant wherever they are used, so that they become direct calls.
@@ -55,8 +54,7 @@ SIDE_WALK_QUERY(query_host_l3, Get_Inst_PC_HOST_RTPDE_L3_n_RA, Get_Inst_Data_HOS
 SIDE_WALK_QUERY(query_host_pte, Get_Inst_PC_HOST_RTPTE_n_RA, Get_Inst_Data_HOST_RTPTE_n_RA)
 SIDE_WALK_QUERY(query_host_ra, Get_Inst_PC_RonR_HOST_RA_Ln, Get_Inst_Data_RonR_HOST_RA_Ln)
 
-// ---- One captured case each
-// --------------------------------------------------------------------------------------
+// ---- One captured case each -------------------------------------------------------------------------------------
 
 XLATE_TYPE get_xlate_mode(RDX_XLATE_MODE mode)
 {
@@ -205,8 +203,7 @@ CAPTURE_DOORS(host_radix)
 CAPTURE_DOORS(guest_real_host_radix)
 CAPTURE_DOORS(guest_radix)
 
-// ---- Which case is captured
-// --------------------------------------------------------------------------------------
+// ---- Which case is captured -------------------------------------------------------------------------------------
 
 // A translation of one level: the mode alone decides, also whether the address counts as translated.
 INLINE_BODY void capture_one_level(ADDRESS_SIDE side, const Xlate_Fields &to, void *iop)
@@ -263,8 +260,7 @@ INLINE_BODY void capture_translation(ADDRESS_SIDE side, Node *p, void *iop, bool
         capture_one_level(side, to, iop);
 }
 
-// ---- The instruction
-// ---------------------------------------------------------------------------------------------
+// ---- The instruction --------------------------------------------------------------------------------------------
 
 static void capture_thread_state(Node *p, void *iop)
 {
@@ -386,8 +382,7 @@ static Node *capture_instruction(int tid, void *iop)
     return p;
 }
 
-// ---- A captured node, all zero again
-// -------------------------------------------------------------------------------
+// ---- A captured node, all zero again ----------------------------------------------------------------------------
 
 // The first host walk and its result, or everything.
 INLINE_BODY void clear_walk_storage(const Xlate_Fields &x, bool whole)
@@ -467,8 +462,7 @@ static void count_instruction(void *iop)
         qtrace_report_kips();
 }
 
-// ---- Cracked instructions
-// ----------------------------------------------------------------------------------------
+// ---- Cracked instructions ---------------------------------------------------------------------------------------
 
 // Merges one class of registers: a later value of a register replaces the earlier one, a new register is appended
 // as long as there is room.
@@ -529,8 +523,7 @@ static Node *fix_crack(Node *last)
     return whole;
 }
 
-// ---- Into the tree
-// -----------------------------------------------------------------------------------------------
+// ---- Into the tree ----------------------------------------------------------------------------------------------
 
 static void drain_pre_execution(Node *current)
 {
@@ -650,8 +643,7 @@ static void link_instruction(Node *current)
         write_all_before(current, previous);
 }
 
-// ---- Events
-// ------------------------------------------------------------------------------------------------------
+// ---- Events -----------------------------------------------------------------------------------------------------
 
 void Event_Instruction_PreExecution(void *iop)
 {

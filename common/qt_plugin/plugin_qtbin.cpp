@@ -11,8 +11,7 @@
 
 static constexpr char SOURCE[] = "common/qt_plugin/plugin_qtbin";
 
-// ---- Module state
-// ------------------------------------------------------------------------------------------------
+// ---- Module state -----------------------------------------------------------------------------------------------
 
 const char *EventNames[4] = {"Event_Instruction_PreExecution", "Event_Instruction_Commit", "Event_PTE_Access",
                              nullptr};
@@ -84,8 +83,7 @@ template <class Entry> static void drop_table(Entry *&table)
     table = nullptr;
 }
 
-// ---- Loading and unloading
-// ---------------------------------------------------------------------------------------
+// ---- Loading and unloading --------------------------------------------------------------------------------------
 
 static void read_options()
 {
@@ -137,8 +135,7 @@ void dummy_plugin_qtbin_init(int n)
     SIM_PRINT("dummy function to provide linkage symbols for HQX: %d\n", n);
 }
 
-// ---- Output files
-// ------------------------------------------------------------------------------------------------
+// ---- Output files -----------------------------------------------------------------------------------------------
 
 static bool drops_thread_number()
 {
@@ -247,8 +244,7 @@ static void close_files()
 
 Node **plain_commit;
 
-// ---- Capture state of a session
-// ----------------------------------------------------------------------------------
+// ---- Capture state of a session ---------------------------------------------------------------------------------
 
 static void make_flush_lists()
 {
@@ -340,8 +336,7 @@ void close_qfile()
     init = 0;
 }
 
-// ---- Throughput and debug output
-// ---------------------------------------------------------------------------------
+// ---- Throughput and debug output --------------------------------------------------------------------------------
 
 uint64_t current_millisecond_time()
 {
@@ -399,8 +394,7 @@ char *copycat(char *first, char *second)
     return both;
 }
 
-// ---- Pause and resume
-// --------------------------------------------------------------------------------------------
+// ---- Pause and resume -------------------------------------------------------------------------------------------
 
 boolean is_thread_paused(int tid)
 {
@@ -494,8 +488,7 @@ void resume_all_collection()
         resume_thread_collection(tid);
 }
 
-// ---- Commands: start, stop, warm
-// ---------------------------------------------------------------------------------
+// ---- Commands: start, stop, warm --------------------------------------------------------------------------------
 
 // The operand behind the word argv[at]; null, with a report, when there is none.
 static const char *file_operand(int argc, char **argv, int at, const char *missing)
@@ -595,8 +588,7 @@ void warm_qtrace(int argc, char **argv)
     warm_dump(argv[2], M);
 }
 
-// ---- Commands: pause and resume
-// ----------------------------------------------------------------------------------
+// ---- Commands: pause and resume ---------------------------------------------------------------------------------
 
 // The two commands differ in their final word and in what they do to a thread.
 struct Collection_Command {
@@ -741,8 +733,7 @@ void plugin_signal(int argc, char **argv)
     }
 }
 
-// ---- Page-table-entry accesses
-// -----------------------------------------------------------------------------------
+// ---- Page-table-entry accesses ----------------------------------------------------------------------------------
 
 // The file that the event goes to, or null. Paused threads' accesses are recorded too.
 static FILE *pte_stream(void *iop)

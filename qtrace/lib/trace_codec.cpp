@@ -329,8 +329,7 @@ bool Decoder::all_read() const
     return std::all_of(std::begin(columns_), std::end(columns_), [](const auto &c) { return c.left() == 0; });
 }
 
-// ---- Items
-// --------------------------------------------------------------------------------------------------------
+// ---- Items ------------------------------------------------------------------------------------------------------
 
 void Encoder::add(const QTRACE_RECORD &record)
 {
@@ -506,8 +505,7 @@ Decoder::Result Decoder::next_header(QTRACE_FILE_HDR &header)
     return Result::header;
 }
 
-// ---- Flags and small members
-// ---------------------------------------------------------------------------------------
+// ---- Flags and small members ------------------------------------------------------------------------------------
 
 void Encoder::encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control)
 {
@@ -588,8 +586,7 @@ void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
     record.length = members.length;
 }
 
-// ---- Register lists
-// ------------------------------------------------------------------------------------------------
+// ---- Register lists ---------------------------------------------------------------------------------------------
 
 // A bit for each of the ten counts that is not zero, those counts, then the register numbers.
 void Encoder::encode_list(const Register_Places &places, const uint8_t *counts)
@@ -626,8 +623,7 @@ void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
         *places_.place[i].index = shape.list.index[i];
 }
 
-// ---- Values
-// --------------------------------------------------------------------------------------------------------
+// ---- Values -----------------------------------------------------------------------------------------------------
 
 void Encoder::encode_inputs(const Register_Places &places)
 {
@@ -715,8 +711,7 @@ void Decoder::decode_value(const Register_Place &place, unsigned word, const Bas
     place.value[word] = last;
 }
 
-// ---- Addresses and their translation
-// -------------------------------------------------------------------------------
+// ---- Addresses and their translation ----------------------------------------------------------------------------
 
 // Which base, and how far from it: the base that gives the smallest distance.
 uint64_t Encoder::encode_data_address(uint64_t address, const Bases &bases, Shape_Slot &shape)
@@ -793,8 +788,7 @@ void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool 
     put_translation(record, side, last);
 }
 
-// ---- Members that records seldom carry
-// -------------------------------------------------------------------------------
+// ---- Members that records seldom carry --------------------------------------------------------------------------
 
 void Encoder::encode_escape(const QTRACE_RECORD &record)
 {

@@ -80,8 +80,7 @@ size_t Input_File::read(uint64_t offset, void *to, size_t count)
     return done;
 }
 
-// ---- Blocks in it
-// -------------------------------------------------------------------------------------------------
+// ---- Blocks in it -----------------------------------------------------------------------------------------------
 
 struct Place {
     uint64_t offset;
@@ -168,8 +167,7 @@ std::string located(const std::string &name, uint64_t offset, const std::string 
 
 } // namespace
 
-// ---- The reader
-// ---------------------------------------------------------------------------------------------------
+// ---- The reader -------------------------------------------------------------------------------------------------
 
 struct QTRACE_Reader {
 public:
@@ -275,8 +273,7 @@ QTRACE_ITEM QTRACE_Reader::advance()
     }
 }
 
-// ---- Items of a block
-// -----------------------------------------------------------------------------------------------
+// ---- Items of a block -------------------------------------------------------------------------------------------
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
 {
@@ -323,8 +320,7 @@ void QTRACE_Reader::fill_header()
     item_.header.comment = comment_.data();
 }
 
-// ---- From block to block
-// --------------------------------------------------------------------------------------------
+// ---- From block to block ----------------------------------------------------------------------------------------
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
 {
@@ -383,8 +379,7 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::begin_items(const Place &place)
     return in_block_ ? std::nullopt : std::optional(report_corrupt_block());
 }
 
-// ---- Damage
-// -----------------------------------------------------------------------------------------------------------
+// ---- Damage -----------------------------------------------------------------------------------------------------
 
 QTRACE_ITEM QTRACE_Reader::report(uint64_t offset, uint64_t bytes, const std::string &reason)
 {
@@ -440,8 +435,7 @@ QTRACE_ITEM QTRACE_Reader::fail(uint64_t offset)
     return QTRACE_ITEM_ERROR;
 }
 
-// ---- Summary and seeking
-// ------------------------------------------------------------------------------------------------
+// ---- Summary and seeking ----------------------------------------------------------------------------------------
 
 // Calls whole(place) for every block, broken() for every stretch that is none.
 template <class Visitor, class Damage_Visitor>
@@ -546,8 +540,7 @@ const QTRACE_FILE_HDR *QTRACE_Reader::open_header() const
     return decoded_ && decoder_.open_header().present ? &decoder_.open_header().header : nullptr;
 }
 
-// ---- C
-// ------------------------------------------------------------------------------------------------------------------
+// ---- C ----------------------------------------------------------------------------------------------------------
 
 extern "C" {
 

@@ -638,8 +638,7 @@ TEST_F(trace_file, of_another_kind_or_version_is_refused_with_its_offset)
     EXPECT_THAT(read().open_error, HasSubstr("byte 8: format version 2"));
 }
 
-// ---- The writer's failures
-// ----------------------------------------------------------------------------------------
+// ---- The writer's failures --------------------------------------------------------------------------------------
 
 TEST_F(trace_file, descriptors_that_are_not_open_are_errors)
 {
