@@ -20,7 +20,7 @@ std::string take_word(std::string_view &rest, std::string &problem)
     std::string word;
     char quote = 0;
     while (!rest.empty() && (quote || !is_blank(rest.front()))) {
-        const char c = rest.front();
+        const char c = rest.front(); // cppcheck-suppress containerOutOfBounds ; the loop ends on an empty rest
         rest.remove_prefix(1);
         if (quote ? c == quote : c == '\'' || c == '"') {
             quote = quote ? 0 : c;

@@ -126,7 +126,7 @@ private:
     std::string path_;
     int descriptor_ = -1;
     Compression_Choice compression_;
-    Encoder encoder_;
+    Encoder encoder_{};
     std::vector<uint8_t> sealed_; // whole blocks on their way to the file
     size_t written_ = 0;          // bytes of sealed_ that are in the file
     std::string comment_;         // of the first header of the block, when it does not go into the block
