@@ -284,21 +284,18 @@ static void put_register_value(QTRACE_UINT64 (&to)[2], const QuadWord &value)
 }
 
 // One class of registers. A record holds fewer of some classes than the host reports: those beyond are left out.
-// Entries that only the record before had are cleared.
 template <class Entry, class Value, size_t N, size_t HOST_N>
 INLINE_BODY void put_class(QTRACE_UINT8 &count, Entry (&to)[N], int32_t num, const int32_t (&index)[HOST_N],
                            const Value (&value)[HOST_N])
 {
-    if (num <= 0 && count == 0)
+    if (num <= 0)
         return;
-    const auto now = static_cast<size_t>(std::clamp<int32_t>(num, 0, N));
-    for (size_t i = 0; i < now; ++i) {
+    const size_t fitting = std::min<size_t>(static_cast<size_t>(num), N);
+    for (size_t i = 0; i < fitting; ++i) {
         to[i].index = static_cast<QTRACE_UINT16>(index[i]);
         put_register_value(to[i].value, value[i]);
     }
-    for (size_t i = now; i < count && i < N; ++i)
-        to[i] = {};
-    count = static_cast<QTRACE_UINT8>(now);
+    count = static_cast<QTRACE_UINT8>(fitting);
 }
 
 // The registers of one direction in a record.
@@ -322,19 +319,16 @@ INLINE_BODY Record_Registers out_registers(QTRACE_REGISTERS &r)
 }
 
 // Returns whether there are any.
-INLINE_BODY bool put_registers(const Record_Registers &to, const Plugin_Inst_Registers &registers)
+INLINE_BODY bool put_registers(const Record_Registers &to, const Plugin_Inst_Registers &from)
 {
-    static constexpr Plugin_Inst_Registers NONE = {};
-    const bool any =
-        int64_t{registers.gpr_num} + registers.fpr_num + registers.spr_num + registers.vmx_num + registers.vsx_num >
-        0;
-    const Plugin_Inst_Registers &from = any ? registers : NONE;
+    if (int64_t{from.gpr_num} + from.fpr_num + from.spr_num + from.vmx_num + from.vsx_num <= 0)
+        return false;
     put_class(to.num_gprs, to.gpr, from.gpr_num, from.gpr_index, from.gpr_value);
     put_class(to.num_fprs, to.fpr, from.fpr_num, from.fpr_index, from.fpr_value);
     put_class(to.num_sprs, to.spr, from.spr_num, from.spr_index, from.spr_value);
     put_class(to.num_vmxrs, to.vmxr, from.vmx_num, from.vmx_index, from.vmx_value);
     put_class(to.num_vsxrs, to.vsxr, from.vsx_num, from.vsx_index, from.vsx_value);
-    return any;
+    return true;
 }
 
 static uint64_t put_register_trace(QTRACE_RECORD &record, const Node *p)
@@ -368,27 +362,10 @@ static uint64_t put_string_length(QTRACE_RECORD &record, const First_OP_Info &in
 
 // ---- The record ------------------------------------------------------------------------------------------------
 
-// Makes a record that dump_node has filled before all zero again, but for its registers, which are cleared where
-// they are put. Clears what can have been written, which is a small part: the flags tell which addresses there
-// were.
-static void clear_record(QTRACE_RECORD &record)
-{
-    const auto &had = record.header.control.fld;
-    if (had.data_address_present)
-        CLEAR_MEMBERS(QTRACE_RECORD, &record, data_ea, secondary_data_hRTW_depth);
-    if (had.next_instruction_EA_present)
-        CLEAR_MEMBERS(QTRACE_RECORD, &record, next_instruction_ea, sequential_instruction_hRTW_depth);
-    record.header = {};
-    CLEAR_MEMBERS(QTRACE_RECORD, &record, node, data_ea);
-    record.length = 0;
-    CLEAR_MEMBERS(QTRACE_RECORD, &record, exception_code, next_instruction_segment_size);
-    clear_bytes<sizeof record - offsetof(QTRACE_RECORD, offset)>(&record.offset); // the library may count there
-}
-
 boolean dump_node(Node *p)
 {
-    static QTRACE_RECORD record;
-    clear_record(record);
+    QTRACE_RECORD record; // cleared whole, whatever the library did to the one before
+    clear_bytes<sizeof record>(&record);
     uint64_t flags = 0;
     if (!hdr_write[p->proc_index]) {
         if (!write_file_header(p))

@@ -1,5 +1,7 @@
 #include "recording_writer.h"
 
+#include <cstring>
+
 Recording_Writer &recording_writer()
 {
     static Recording_Writer writer;
@@ -97,6 +99,13 @@ int Recording_Writer::write_record(QTRACE_FDESCR descriptor, const QTRACE_RECORD
     return 0;
 }
 
+void Recording_Writer::use_up(QTRACE_RECORD &record) const
+{
+    record.offset = record.record_count = record.instr_count = record.exec_instr_count = -1; // a library's own use
+    if (scribble_)
+        std::memset(&record, *scribble_, sizeof record);
+}
+
 extern "C" {
 
 QTRACE_FDESCR QTRACE_Fopen(const char *name, QTRACE_FILE_MODE mode)
@@ -117,8 +126,7 @@ int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)
 int QTRACE_FwriteRecord(QTRACE_FDESCR file, QTRACE_RECORD *record)
 {
     const int result = recording_writer().write_record(file, *record);
-    record->offset = record->record_count = record->instr_count = record->exec_instr_count =
-        -1; // a library's own use
+    recording_writer().use_up(*record);
     return result;
 }
 }

@@ -41,6 +41,9 @@ public:
     void fail_header(size_t k, bool for_ever = false);
     void fail_record(size_t k, bool for_ever = false);
 
+    // From now on every record is overwritten with `byte` after it was kept.
+    void scribble(uint8_t byte) { scribble_ = byte; }
+
     const std::vector<Writer_Call> &calls() const { return calls_; }
     const File &file(QTRACE_FDESCR descriptor) const { return files_.at(descriptor); }
     // The file last opened under that name; null when there was none.
@@ -52,6 +55,8 @@ public:
     void close(QTRACE_FDESCR descriptor);
     int write_header(QTRACE_FDESCR descriptor, const QTRACE_FILE_HDR &header);
     int write_record(QTRACE_FDESCR descriptor, const QTRACE_RECORD &record);
+    // What a library does with a record that it has written.
+    void use_up(QTRACE_RECORD &record) const;
 
 private:
     struct Failure {
@@ -62,6 +67,7 @@ private:
     std::map<QTRACE_FDESCR, File> files_;
     std::vector<Writer_Call> calls_;
     QTRACE_FDESCR next_ = 100;
+    std::optional<uint8_t> scribble_;
     Failure open_failure_, header_failure_, record_failure_;
 };
 

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <optional>
 #include <string>
 
 namespace
@@ -166,6 +168,37 @@ TEST(Failing_Records, for_ever_leave_headers_and_a_warning_each)
     EXPECT_EQ(recording_writer().open_files(), 0u);
     recording_writer().fail_record(0);
     expect_next_session_works(m);
+}
+
+// A library may use the record it was given as it likes: nothing of that is seen in the next one.
+TEST(Scribbling_Writer, leaves_no_mark_on_later_records)
+{
+    const auto trace = [](std::optional<uint8_t> byte) {
+        Traced_Machine m;
+        if (byte)
+            recording_writer().scribble(*byte);
+        m.start();
+        replay::Instruction full;
+        full.load = full.ea_valid = full.string = true;
+        full.ea = 0x1122334455667788;
+        full.string_length = 9;
+        full.fetch.mode = full.data.mode = Z7_HostRadixProcessScoped;
+        full.data.status = MMU_FAILURE;
+        full.in.gpr_num = full.out.gpr_num = 3;
+        for (uint64_t seq = 1; seq <= 4; ++seq) {
+            full.seq = seq;
+            full.pc = 0x1000 * seq;
+            m.commit(full);
+            m.commit_run(2);
+        }
+        m.stop();
+        return m.records();
+    };
+    const std::vector<QTRACE_RECORD> expected = trace({});
+    const std::vector<QTRACE_RECORD> records = trace(0xA5);
+    ASSERT_EQ(records.size(), expected.size());
+    for (size_t i = 0; i < records.size(); ++i)
+        EXPECT_EQ(std::memcmp(&records[i], &expected[i], sizeof records[i]), 0) << "record " << i;
 }
 
 } // namespace
