@@ -17,6 +17,10 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#ifdef __cplusplus
+#include <ostream> /* must come before the variable `flush`, which would hide std::flush from std::endl */
+#endif
+
 /* ---- Kinds and sizes --------------------------------------------------------------------------------- */
 
 /* Coarse kind of a translation. The values are those of the two-bit mode pairs in trace records. */

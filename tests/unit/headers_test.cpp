@@ -1,5 +1,8 @@
 // The records of the headers as other libraries see them: which bit a flag is, where a member lies, how wide it is,
 // and that nothing stands between the members.
+// first: every other header must be able to follow the plugin's, whose variable `flush` has a namesake in <ostream>
+#include "header_sizes.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,8 +10,6 @@
 #include <string>
 #include <vector>
 
-// behind <ostream>, which calls a function `flush` that the plugin's variable of that name would hide
-#include "header_sizes.h"
 #include "qtrace.h"
 
 namespace
