@@ -76,6 +76,8 @@ std::string_view nearest_word(std::string_view word, const std::vector<std::stri
     size_t least = 3; // farther than that is another word
     for (std::string_view candidate : candidates) {
         const bool begins = word.size() >= 2 && candidate.starts_with(word);
+        if (!begins && std::max(word.size(), candidate.size()) - std::min(word.size(), candidate.size()) >= least)
+            continue; // at least so many characters have to come or go
         const size_t far = begins ? 1 : distance(word, candidate);
         if (far < least && far < candidate.size()) {
             least = far;

@@ -20,6 +20,7 @@ struct Console::Command {
     size_t least, most;    // operands
     bool file_first;       // the first operand is a file name
     bool (Console::*obey)(const Words &operands);
+    Words name_words = split_words(name).words;
 };
 
 namespace
@@ -127,7 +128,7 @@ bool Console::obey_script(std::istream &in, const std::string &name, bool stop_a
 const Console::Command *Console::find_command(const Words &words)
 {
     for (const Command &command : commands()) {
-        const Words name = split_words(command.name).words;
+        const Words &name = command.name_words;
         if (words.size() >= name.size() && std::equal(name.begin(), name.end(), words.begin()))
             return &command;
     }
@@ -151,8 +152,7 @@ bool Console::execute(const Words &words)
     const Command *command = find_command(words);
     if (!command)
         return false;
-    const auto name_words = std::count(command->name.begin(), command->name.end(), ' ') + 1;
-    const Words operands(words.begin() + name_words, words.end());
+    const Words operands(words.begin() + static_cast<ptrdiff_t>(command->name_words.size()), words.end());
     if (operands.size() < command->least || operands.size() > command->most)
         return fail(fmt::format("usage: {} {}", command->name, command->operands));
     return (this->*command->obey)(operands);
@@ -277,7 +277,7 @@ std::vector<std::string> Console::completions(std::string_view line, bool &wants
     const size_t at = words.size() - 1;
     std::vector<std::string> found;
     for (const Command &command : commands()) {
-        const Words name = split_words(command.name).words;
+        const Words &name = command.name_words;
         if (at >= name.size()) {
             wants_file = wants_file || (at == name.size() && command.file_first &&
                                         std::equal(name.begin(), name.end(), words.begin()));

@@ -16,7 +16,8 @@ namespace
 {
 
 constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
-constexpr size_t REFILL = 1 << 18;
+constexpr size_t REFILL = 1 << 16;
+constexpr size_t FIRST_ROOM = 2 * REFILL; // lines are short: most streams never need more
 constexpr size_t STORED_AT_ONCE = 1 << 14;
 
 } // namespace
@@ -127,7 +128,7 @@ size_t Byte_Source::read(char *to, size_t room)
 }
 
 Line_Source::Line_Source(const std::string &file, const std::atomic<bool> *stop)
-    : source_(file, stop), buffer_(std::make_unique_for_overwrite<char[]>(MAX_LINE + REFILL + PADDING))
+    : source_(file, stop), buffer_(std::make_unique_for_overwrite<char[]>(FIRST_ROOM + PADDING)), room_(FIRST_ROOM)
 {
 }
 
@@ -157,12 +158,26 @@ uint64_t Line_Source::bytes_used() const
     return source_.bytes_used() - (source_.compressed() ? 0 : end_ - begin_);
 }
 
-bool Line_Source::refill()
+// Moves what is not handed out yet to the front of a buffer that takes a refill behind it.
+void Line_Source::make_room()
 {
-    std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
+    const size_t waiting = end_ - begin_;
+    if (waiting + REFILL <= room_) {
+        std::memmove(buffer_.get(), buffer_.get() + begin_, waiting);
+    } else {
+        auto larger = std::make_unique_for_overwrite<char[]>(2 * room_ + PADDING);
+        std::memcpy(larger.get(), buffer_.get() + begin_, waiting);
+        buffer_ = std::move(larger);
+        room_ *= 2;
+    }
     end_ -= begin_;
     scanned_ -= begin_;
     begin_ = 0;
+}
+
+bool Line_Source::refill()
+{
+    make_room();
     const size_t bytes = source_.read(buffer_.get() + end_, REFILL);
     end_ += bytes;
     at_end_ = bytes == 0;

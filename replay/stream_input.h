@@ -1,5 +1,5 @@
-// The lines of a commit stream, from a file or standard input, plain or compressed. Memory is bounded: one buffer,
-// however long the stream is.
+// The lines of a commit stream, from a file or standard input, plain or compressed. Memory is bounded by the longest
+// line, however long the stream is.
 #pragma once
 
 #include <atomic>
@@ -76,9 +76,11 @@ public:
 
 private:
     bool refill();
+    void make_room();
 
     Byte_Source source_;
     std::unique_ptr<char[]> buffer_;
+    size_t room_;        // bytes of the buffer, without the padding
     size_t begin_ = 0;   // first byte not handed out
     size_t scanned_ = 0; // no line end in [begin_, scanned_)
     size_t end_ = 0;     // end of what was read

@@ -644,6 +644,7 @@ struct Stream_Reader::Parser {
     void read(std::string_view line);
 
 private:
+    void make_room(size_t length);
     void check_order(Event_Kind kind) const;
     int checked_tid() const;
     void begin_event(json::object &object);
@@ -652,12 +653,17 @@ private:
     const Stream_Event blank_{};
 };
 
-// All memory for the longest line is claimed here. One attempt may leave the parser without its strings and say
-// nothing; the second makes up for that, or fails.
 Stream_Reader::Parser::Parser()
 {
+    make_room(1 << 14); // for most lines for good
+}
+
+// Claims memory for lines of that length. One attempt may leave the parser without its strings and say nothing; the
+// second makes up for that, or fails.
+void Stream_Reader::Parser::make_room(size_t length)
+{
     for (int attempt = 0; attempt < 2; ++attempt)
-        if (parser.allocate(Line_Source::MAX_LINE) != simdjson::SUCCESS)
+        if (parser.allocate(length) != simdjson::SUCCESS)
             throw std::bad_alloc();
 }
 
@@ -725,6 +731,8 @@ void Stream_Reader::Parser::finish_event()
 void Stream_Reader::Parser::read(std::string_view line)
 {
     place = {};
+    if (line.size() > parser.capacity())
+        make_room(std::min(2 * line.size(), Line_Source::MAX_LINE));
     json::document document = parser.iterate(line.data(), line.size(), line.size() + Line_Source::PADDING);
     json::object object = document.get_object();
     place.key = "t";

@@ -607,6 +607,26 @@ TEST(stream_input, blank_lines_are_skipped_and_counted)
     EXPECT_THAT(outcome.error, testing::StartsWith("line 6: "));
 }
 
+TEST(stream_input, lines_of_all_lengths_come_whole_plain_and_compressed)
+{
+    constexpr size_t LENGTHS[] = {1, 1 << 14, 70'000, 65'535, 1'000'000, 2, 131'072, 262'144, 3};
+    std::string stream = MACHINE;
+    for (const size_t length : LENGTHS)
+        stream += "{\"t\":\"commit\",\"text\":\"" + std::string(length, 'x') + "\"}\n";
+    for (const std::string &stored : {stream, compressed(stream)}) {
+        const Scratch_File file(stored);
+        Stream_Reader reader(file.name());
+        reader.next();
+        for (const size_t length : LENGTHS) {
+            const Stream_Event *event = reader.next();
+            ASSERT_NE(event, nullptr) << reader.error()->text();
+            EXPECT_EQ(event->instruction.text, std::string(length, 'x'));
+        }
+        EXPECT_EQ(reader.next(), nullptr);
+        EXPECT_FALSE(reader.error());
+    }
+}
+
 TEST(stream_input, last_line_needs_no_line_end)
 {
     const Outcome outcome = outcome_of(MACHINE + "{\"t\":\"commit\"}");
