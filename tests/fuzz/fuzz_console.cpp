@@ -4,6 +4,7 @@
 #include "console.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
@@ -21,7 +22,7 @@ constexpr const char *STREAM = "{\"t\":\"machine\",\"processors\":1,\"threads\":
 const std::string &stream_file()
 {
     static const std::string name = [] {
-        std::string file = "/tmp/fuzz_console_" + std::to_string(getpid());
+        std::string file = std::filesystem::temp_directory_path() / ("fuzz_console_" + std::to_string(getpid()));
         std::ofstream(file) << STREAM;
         return file;
     }();

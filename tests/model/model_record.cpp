@@ -331,7 +331,7 @@ Written_Header partition_header(const Node &node)
 
 QTRACE_RECORD record_of(const Node &node, Open_Parts &open)
 {
-    QTRACE_RECORD record{};
+    auto record = blank<QTRACE_RECORD>();
     auto &flags = record.header.control.fld;
     record.header.instruction = node.op;
     set_run(record, node);

@@ -33,6 +33,8 @@ std::string rate(uint64_t count, uint64_t milliseconds)
 // A rate that is no number may be printed with a sign.
 std::string without_sign_of_nan(std::string text)
 {
+    if (!text.starts_with("QTRACE: Cycles="))
+        return text;
     for (size_t at; (at = text.find("-nan")) != std::string::npos;)
         text.erase(at, 1);
     return text;
@@ -494,7 +496,7 @@ private:
     void take(const Look_At_Text &)
     {
         for (const auto &[path, file] : model_.files)
-            if (file.is_open && file.is_text)
+            if (file.is_open && file.is_text && !file.shared)
                 if (const std::string what = difference(name_of(path), file, contents(path), false); !what.empty())
                     note(what);
     }
@@ -554,7 +556,7 @@ private:
     std::string compare_finished_files()
     {
         for (auto &[path, file] : model_.files) {
-            if (file.is_open || file.compared)
+            if (file.is_open || file.compared || file.shared)
                 continue;
             file.compared = true;
             figures_.file_bytes += file.contents.size();

@@ -295,21 +295,34 @@ bool Plugin_Model::Countdown::due()
 std::string Plugin_Model::file_name(const std::string &base, int tid) const
 {
     if (drop_suffix && threads.size() == 1)
-        return base.substr(0, base.size() - 1);
+        return base.substr(0, base.empty() ? 0 : base.size() - 1);
     return base + std::to_string(tid);
+}
+
+bool Plugin_Model::name_fits(const std::string &base)
+{
+    const bool fits = file_name(base, static_cast<int>(threads.size()) - 1).size() < 256;
+    if (!fits)
+        error("QTRACE: File name '" + base + "' is too long: at most 255 characters with the thread number\n");
+    return fits;
 }
 
 Output_File *Plugin_Model::create_file(const std::string &path, bool is_text)
 {
-    if (blocked.contains(path) || path.find("/missing/") != std::string::npos)
+    const std::string name = path.substr(path.rfind('/') + 1);
+    const bool is_folder = name.empty() || name == "." || name == ".." || blocked.contains(path);
+    if (is_folder || path.find("/missing/") != std::string::npos)
         return nullptr;
-    files[path] = {.is_open = true, .is_text = is_text};
+    files[path] = {.is_open = true, .is_text = is_text, .shared = files[path].is_open};
     return &files[path];
 }
 
 bool Plugin_Model::open_session(const std::string &bin, const std::optional<std::string> &text,
                                 const std::optional<std::string> &pte)
 {
+    for (const std::optional<std::string> &base : {std::optional(bin), text, pte})
+        if (base && !name_fits(*base))
+            return false;
     const int count = static_cast<int>(threads.size());
     has_descriptors = true;
     descriptors.assign(threads.size(), 0);

@@ -41,7 +41,7 @@ struct Outcome {
     QTRACE_FDESCR file = 0;
     bool failed = false; // a failed write comes without its contents
     Written_Header header;
-    QTRACE_RECORD record{};
+    QTRACE_RECORD record = blank<QTRACE_RECORD>();
     Open_Parts open;
 
     // A throughput line: its text lacks the two rates until the interval is known.
@@ -58,6 +58,7 @@ struct Output_File {
     bool is_open = false;
     bool is_text = false;
     bool compared = false;
+    bool shared = false; // two streams write into it, one over the other
 };
 
 // ---- An instruction ------------------------------------------------------------------------------------------
@@ -203,6 +204,7 @@ private:
                       const std::optional<std::string> &pte);
     void close_session();
     std::string file_name(const std::string &base, int tid) const;
+    bool name_fits(const std::string &base);
     Output_File *create_file(const std::string &path, bool is_text);
     void forget_capture(Thread &thread);
     // pause and resume

@@ -4,15 +4,24 @@
 #include "qtrace.h"
 
 #include <cstddef>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
+// A record or header with all bits zero, also those that have no name.
+template <class Written> Written blank()
+{
+    Written written;
+    std::memset(&written, 0, sizeof written);
+    return written;
+}
+
 // A file header with its comment kept by value; header.comment is null in the copy.
 struct Written_Header {
-    QTRACE_FILE_HDR header{};
+    QTRACE_FILE_HDR header = blank<QTRACE_FILE_HDR>();
     std::string comment;
 };
 
