@@ -474,29 +474,78 @@ TEST_F(trace_file, info_keeps_the_place_of_the_reader)
 
 // ---- Damage -----------------------------------------------------------------------------------------------------
 
-TEST_F(trace_file, cut_at_any_byte_is_said_to_be_cut)
+// What is left of a trace that ends at each of its bytes: every item of the whole blocks, and one place that says so.
+class cut_trace : public trace_file
+{
+protected:
+    void expect_whole_blocks_wherever_it_is_cut() const
+    {
+        const std::string whole = bytes();
+        const std::vector<uint64_t> ends = block_ends(whole);
+        for (size_t size = 0; size < whole.size(); ++size) {
+            put_bytes(whole.substr(0, size));
+            const Contents contents = read();
+            if (size < 16) {
+                EXPECT_FALSE(contents.opened);
+                EXPECT_THAT(contents.open_error, HasSubstr("byte " + std::to_string(size)));
+                continue;
+            }
+            const auto items = std::upper_bound(ends.begin(), ends.end(), size) - ends.begin();
+            ASSERT_TRUE(std::equal(contents.items.begin(), contents.items.end(), written_.begin(),
+                                   written_.begin() + items))
+                << size;
+            ASSERT_EQ(contents.damages.size(), 1u) << size;
+            ASSERT_TRUE(contents.damages[0].truncated) << size;
+            ASSERT_FALSE(verified().clean_end) << size;
+        }
+    }
+
+private:
+    // Where the block of every item ends.
+    std::vector<uint64_t> block_ends(const std::string &whole) const
+    {
+        constexpr size_t STORED_SIZE = 8, HEADER = 56;
+        std::vector<uint64_t> ends;
+        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+        const QTRACE_Item *item;
+        while (qtrace_next(reader, &item) != QTRACE_ITEM_END) {
+            uint32_t stored;
+            std::memcpy(&stored, &whole.at(item->block_offset + STORED_SIZE), sizeof stored);
+            ends.push_back(item->block_offset + HEADER + stored);
+        }
+        qtrace_close(reader);
+        return ends;
+    }
+};
+
+TEST_F(cut_trace, uncompressed_is_said_to_be_cut_at_every_byte)
 {
     setenv("QTRACE_COMPRESSION", "none", 1);
     Random_Trace chance(6);
     const QTRACE_FDESCR file = open();
-    write(file, chance.plausible_header(), chance.comment(20'000)); // a block of its own in front
-    for (int i = 0; i < 20; ++i)
-        write(file, chance.wild_record());
-    QTRACE_Fclose(file);
-    const std::string whole = bytes();
-    for (size_t size = 0; size < whole.size(); size += size < 400 || whole.size() - size < 400 ? 1 : 13) {
-        put_bytes(whole.substr(0, size));
-        const Contents contents = read();
-        if (size < 16) {
-            EXPECT_FALSE(contents.opened);
-            EXPECT_THAT(contents.open_error, HasSubstr("byte " + std::to_string(size)));
-            continue;
-        }
-        ASSERT_EQ(contents.damages.size(), 1u) << size;
-        EXPECT_TRUE(contents.damages[0].truncated) << size;
-        EXPECT_FALSE(verified().clean_end) << size;
-        expect_subset(contents);
+    for (const size_t comment : {30, 16'385}) { // the second one is a block of its own
+        write(file, chance.plausible_header(), chance.comment(comment));
+        for (int i = 0; i < 5; ++i)
+            write(file, i == 2 ? chance.wild_record() : chance.plausible_record());
     }
+    QTRACE_Fclose(file);
+    ASSERT_EQ(verified().blocks, 3u);
+    expect_whole_blocks_wherever_it_is_cut();
+}
+
+TEST_F(cut_trace, compressed_is_said_to_be_cut_at_every_byte)
+{
+    Random_Trace chance(6);
+    const QTRACE_FDESCR file = open();
+    for (int header = 0; header < 12; ++header) {
+        write(file, chance.plausible_header(),
+              std::string(header == 5 ? 30'000 : 16'000, 'c')); // small when stored
+        for (int i = 0; i < 5; ++i)
+            write(file, chance.plausible_record());
+    }
+    QTRACE_Fclose(file);
+    ASSERT_GE(verified().blocks, 5u);
+    expect_whole_blocks_wherever_it_is_cut();
 }
 
 TEST_F(trace_file, cut_in_its_last_block_is_readable_up_to_there)
