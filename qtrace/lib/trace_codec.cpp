@@ -79,6 +79,12 @@ void drop_pointers(QTRACE_RECORD &record)
 
 // ---- Small things that both halves need ------------------------------------------------------------------------
 
+// A mask that takes the place of a branch.
+uint64_t all_if(bool condition)
+{
+    return 0 - static_cast<uint64_t>(condition);
+}
+
 // Put together in one processor register: written byte by byte, it could not be read at once.
 Small_Members members_of(const QTRACE_RECORD &record)
 {
@@ -95,9 +101,7 @@ Bases bases_of(const QTRACE_REGISTERS &registers, const Shape_Slot &shape, uint6
     const size_t count = std::min<size_t>(registers.num_gprs_in, QTRACE_MAX_GPRS_IN);
     const uint64_t last = registers.gpr_in[std::max<size_t>(count, 1) - 1].value;
     const uint64_t previous = registers.gpr_in[std::max<size_t>(count, 2) - 2].value;
-    const uint64_t has_last = 0 - static_cast<uint64_t>(count > 0),
-                   has_previous = 0 - static_cast<uint64_t>(count > 1);
-    return {last & has_last, previous & has_previous, near, shape.out_distance, shape.out_value};
+    return {last & all_if(count > 0), previous & all_if(count > 1), near, shape.out_distance, shape.out_value};
 }
 
 uint64_t data_base(const Bases &bases, uint8_t which)
@@ -105,6 +109,12 @@ uint64_t data_base(const Bases &bases, uint8_t which)
     if (which == BASE_LAST_INPUT)
         return bases.last_input;
     return which == BASE_SUM_OF_INPUTS ? bases.previous_input + bases.last_input : 0;
+}
+
+// Flags of an item's second byte, as they stand above those of the first until the item is complete.
+constexpr unsigned more(unsigned flags)
+{
+    return flags << 8;
 }
 
 // Begins to bring a slot near that is needed soon.
@@ -121,8 +131,8 @@ void remember_memory(Model &model, const Register_Places &places, uint64_t near)
         return;
     const bool outputs = places.total != places.inputs;
     const Register_Place &place = places.place[outputs ? places.inputs : places.last_inputs];
-    for (unsigned word = 0; word < REGISTER_LIST[place.list].words; ++word)
-        model.memory_at(near + 8 * word) = place.value[word];
+    for (unsigned word = 0; word < place.list->words; ++word)
+        model.memory_at(near + 8 * word) = place.value(word);
 }
 
 // What later records of the same word or address are expected to be; called when the record is complete.
@@ -132,7 +142,7 @@ void remember_record(Model &model, const QTRACE_RECORD &record, const Register_P
     shape.control = control_in(record);
     shape.members = members_of(record);
     if (places.total > places.inputs) {
-        shape.out_value = *places.place[places.inputs].value;
+        shape.out_value = places.place[places.inputs].value(0);
         shape.out_distance = shape.out_value - bases.last_input;
     }
     remember_memory(model, places, bases.near);
@@ -151,16 +161,19 @@ void remember_list(const Register_Places &places, const uint8_t *counts, Registe
         return;
     std::memcpy(list.counts, counts, sizeof list.counts);
     for (size_t i = 0; i < places.total; ++i)
-        list.index[i] = *places.place[i].index;
+        list.index[i] = places.place[i].number();
 }
 
 bool is_list(const Register_Places &places, const uint8_t *counts, const Register_List &list)
 {
-    if (places.total > REMEMBERED_REGISTERS || std::memcmp(list.counts, counts, sizeof list.counts) != 0)
+    static_assert(REGISTER_LISTS == sizeof(uint64_t) + sizeof(uint16_t));
+    const uint64_t other_counts = (load<uint64_t>(counts) ^ load<uint64_t>(list.counts)) |
+                                  (load<uint16_t>(counts + 8) ^ load<uint16_t>(list.counts + 8));
+    if (other_counts != 0 || places.total > REMEMBERED_REGISTERS)
         return false;
     unsigned difference = 0;
     for (size_t i = 0; i < places.total; ++i)
-        difference |= static_cast<unsigned>(list.index[i] ^ *places.place[i].index);
+        difference |= static_cast<unsigned>(list.index[i] ^ places.place[i].number());
     return difference == 0;
 }
 
@@ -243,15 +256,16 @@ void Open_Header::follow(const QTRACE_FILE_HDR &next)
 
 void Encoder::begin_block()
 {
-    if (!started()) {
+    if (started()) {
+        first_address_ = model_->address;
+        first_address_known_ = model_->address_known;
+    } else {
         memory_ = std::make_unique_for_overwrite<uint8_t[]>(COLUMNS * COLUMN_ROOM);
         model_ = std::make_unique_for_overwrite<Model>();
     }
-    model_->reset(address_, address_known_);
+    model_->reset(first_address_, first_address_known_);
     for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
         last_[side] = &model_->last[side];
-    first_address_ = address_;
-    first_address_known_ = address_known_;
     records_ = headers_ = sure_room_ = 0;
     for (size_t i = 0; i < COLUMNS; ++i)
         columns_[i].begin = columns_[i].at = memory_.get() + i * COLUMN_ROOM;
@@ -259,11 +273,20 @@ void Encoder::begin_block()
         encode_image(sink(COLUMN_OPEN), &open_.header, sizeof open_.header);
 }
 
-bool Encoder::find_room_for(const QTRACE_RECORD &record)
+bool Encoder::has_room_for(const QTRACE_RECORD &record)
 {
     const size_t left = MAX_PAYLOAD - raw_size();
     sure_room_ = static_cast<uint32_t>(left / (MAX_COMMON + MAX_ESCAPE));
     return sure_room_ != 0 || (left >= MAX_COMMON && !has_uncommon(record));
+}
+
+void Encoder::forget_address()
+{
+    if (!started())
+        return;
+    model_->address_known = false;
+    if (records_ == 0 && headers_ == 0)
+        first_address_known_ = false;
 }
 
 bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const
@@ -331,63 +354,55 @@ bool Decoder::all_read() const
 
 // ---- Items ------------------------------------------------------------------------------------------------------
 
-void Encoder::add(const QTRACE_RECORD &record)
+// Flattened: the parts are called once each, and their calls would be a tenth of it all.
+[[gnu::flatten]] void Encoder::add(const QTRACE_RECORD &record)
 {
     Model &model = *model_;
-    op_ = more_ = 0;
     const uint64_t control = control_in(record);
+    const uint32_t word = record.header.instruction;
     Code_Slot &code = model.code_at(model.address);
-    Shape_Slot &shape = model.shape_of(record.header.instruction);
+    Shape_Slot &shape = model.shape_of(word);
     prefetch(shape);
-    const bool uncommon = has_uncommon(record); // long enough for the slots to arrive
-    const bool new_word = code.word != record.header.instruction;
-    op_ |= new_word ? OP_WORD : 0;
-    sink(COLUMN_WORD).number_if(new_word, record.header.instruction);
-    encode_static(record, shape, control);
+    unsigned op = has_uncommon(record) ? more(MORE_ESCAPE) : 0; // long enough for the slots to arrive
+    op |= code.word != word ? OP_WORD : 0;
+    sink(COLUMN_WORD).number_if(code.word != word, word);
+    op |= encode_static(record, shape, control);
 
     // The places are only read through here.
     Register_Places places;
     find_registers(const_cast<QTRACE_REGISTERS &>(record.regs), places);
-    const auto *counts = reinterpret_cast<const uint8_t *>(&record.regs);
-    if (!is_list(places, counts, shape.list)) {
-        op_ |= OP_LIST;
-        encode_list(places, counts);
-        remember_list(places, counts, shape.list);
-    }
-    encode_inputs(places);
+    op |= encode_list(places, reinterpret_cast<const uint8_t *>(&record.regs), shape.list);
+    op |= encode_inputs(places);
 
     Bases bases = bases_of(record.regs, shape, model.address);
-    if (has_address(control, DATA_ADDRESS))
-        bases.near = encode_data_address(address_in(record, DATA_ADDRESS), bases, shape);
+    if (has_address(control, DATA_ADDRESS)) {
+        bases.near = address_in(record, DATA_ADDRESS);
+        op |= encode_data_address(bases, shape);
+    }
     for (size_t i = places.inputs; i < places.total; ++i)
-        for (unsigned word = 0; word < REGISTER_LIST[places.place[i].list].words; ++word)
-            encode_value(places.place[i], word, bases);
+        for (unsigned part = 0; part < places.place[i].list->words; ++part)
+            encode_value(places.place[i], part, bases);
     if (has_address(control, NEXT_ADDRESS) && address_in(record, NEXT_ADDRESS) != code.next) {
-        op_ |= OP_NEXT;
+        op |= OP_NEXT;
         sink(COLUMN_NEXT).varint(zigzag(address_in(record, NEXT_ADDRESS) - model.address));
     }
-    if (has_address(control, DATA_ADDRESS))
-        encode_translation(record, DATA_ADDRESS, MORE_DATA_TRANSLATION);
-    if (has_address(control, NEXT_ADDRESS))
-        encode_translation(record, NEXT_ADDRESS, MORE_NEXT_TRANSLATION);
-    if (uncommon)
+    if (has_address(control, DATA_ADDRESS) && encode_translation(record, DATA_ADDRESS))
+        op |= more(MORE_DATA_TRANSLATION);
+    if (has_address(control, NEXT_ADDRESS) && encode_translation(record, NEXT_ADDRESS))
+        op |= more(MORE_NEXT_TRANSLATION);
+    if (op & more(MORE_ESCAPE))
         encode_escape(record);
-    put_op();
+    put_op(op);
     remember_record(model, record, places, bases, shape);
-    address_ = model.address;
-    address_known_ = model.address_known;
-    prefetch(model.code_at(address_));
+    prefetch(model.code_at(model.address));
     sure_room_ -= sure_room_ != 0;
     ++records_;
 }
 
-void Encoder::put_op()
+void Encoder::put_op(unsigned op)
 {
-    if (more_ != 0)
-        op_ |= OP_MORE;
-    sink(COLUMN_OP).byte(op_);
-    if (more_ != 0)
-        sink(COLUMN_OP).byte(more_);
+    const bool two = op > 0xff;
+    sink(COLUMN_OP).low_bytes(op | (two ? OP_MORE : 0), two ? 2 : 1);
 }
 
 Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
@@ -428,7 +443,7 @@ Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t 
         store(record.data_ea, bases.near);
     }
     for (size_t i = places_.inputs; i < places_.total; ++i)
-        for (unsigned part = 0; part < REGISTER_LIST[places_.place[i].list].words; ++part)
+        for (unsigned part = 0; part < places_.place[i].list->words; ++part)
             decode_value(places_.place[i], part, bases);
     if (has_address(control, NEXT_ADDRESS))
         store(record.next_instruction_ea,
@@ -456,8 +471,9 @@ void Decoder::clear(QTRACE_RECORD &record)
                 std::memset(bytes + ADDRESS[side].page_size, 0, 2);
             }
         for (size_t i = 0; i < places_.total; ++i) {
-            *places_.place[i].index = 0;
-            std::memset(places_.place[i].value, 0, 8u * REGISTER_LIST[places_.place[i].list].words);
+            places_.place[i].number() = 0;
+            for (unsigned word = 0; word < places_.place[i].list->words; ++word)
+                places_.place[i].value(word) = 0;
         }
     }
     escaped_ = false;
@@ -467,9 +483,7 @@ void Decoder::clear(QTRACE_RECORD &record)
 void Encoder::add(const QTRACE_FILE_HDR &header)
 {
     const QTRACE_FILE_HDR image = without_pointers(header);
-    op_ = 0;
-    more_ = MORE_HEADER;
-    put_op();
+    put_op(more(MORE_HEADER));
     Byte_Sink &extra = sink(COLUMN_EXTRA);
     encode_image(extra, &image, sizeof image);
     const bool outside = comment_stays_outside(header);
@@ -478,8 +492,8 @@ void Encoder::add(const QTRACE_FILE_HDR &header)
         extra.bytes(header.comment, header.comment_length);
     open_.follow(header);
     if (header.control.iar_is_present) {
-        address_ = model_->address = load<uint64_t>(header.iar);
-        address_known_ = model_->address_known = true;
+        model_->address = load<uint64_t>(header.iar);
+        model_->address_known = true;
     }
     sure_room_ = 0;
     ++headers_;
@@ -507,17 +521,19 @@ Decoder::Result Decoder::next_header(QTRACE_FILE_HDR &header)
 
 // ---- Flags and small members ------------------------------------------------------------------------------------
 
-void Encoder::encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control)
+unsigned Encoder::encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control)
 {
+    unsigned op = 0;
     if (control != shape.control) {
-        op_ |= OP_CONTROL;
+        op |= OP_CONTROL;
         encode_control(control);
     }
     const Small_Members members = members_of(record);
     if (!(members == shape.members)) {
-        op_ |= OP_MEMBERS;
+        op |= OP_MEMBERS;
         encode_members(members);
     }
+    return op;
 }
 
 // The number of a control word seen before in the block, or the next free number and the word. Number 255 stands
@@ -525,9 +541,14 @@ void Encoder::encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape
 void Encoder::encode_control(uint64_t control)
 {
     Byte_Sink &shape = sink(COLUMN_SHAPE);
+    // Few are in use, but those in any order: where one was last spares the search.
+    uint8_t &guess = control_numbers_[slot_of(control, CONTROL_BITS)];
+    if (guess < model_->control_count && model_->controls[guess] == control)
+        return shape.byte(guess);
     const uint64_t *end = model_->controls + model_->control_count;
     const uint64_t *found = std::find(static_cast<const uint64_t *>(model_->controls), end, control);
-    shape.byte(static_cast<uint8_t>(found - model_->controls));
+    guess = static_cast<uint8_t>(found - model_->controls);
+    shape.byte(guess);
     if (found != end)
         return;
     shape.number(control);
@@ -589,18 +610,22 @@ void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
 // ---- Register lists ---------------------------------------------------------------------------------------------
 
 // A bit for each of the ten counts that is not zero, those counts, then the register numbers.
-void Encoder::encode_list(const Register_Places &places, const uint8_t *counts)
+unsigned Encoder::encode_list(const Register_Places &places, const uint8_t *counts, Register_List &list)
 {
+    if (is_list(places, counts, list))
+        return 0;
     Byte_Sink shape = sink(COLUMN_SHAPE); // a copy stays in the processor's registers
     unsigned mask = 0;
-    for (unsigned list = 0; list < REGISTER_LISTS; ++list)
-        mask |= static_cast<unsigned>(counts[list] != 0) << list;
+    for (unsigned i = 0; i < REGISTER_LISTS; ++i)
+        mask |= static_cast<unsigned>(counts[i] != 0) << i;
     shape.varint(mask);
-    for (unsigned list = 0; list < REGISTER_LISTS; ++list)
-        shape.number_if(counts[list] != 0, counts[list]);
+    for (unsigned i = 0; i < REGISTER_LISTS; ++i)
+        shape.number_if(counts[i] != 0, counts[i]);
     for (size_t i = 0; i < places.total; ++i)
-        shape.varint(*places.place[i].index);
+        shape.varint(places.place[i].number());
     sink(COLUMN_SHAPE) = shape;
+    remember_list(places, counts, list);
+    return OP_LIST;
 }
 
 void Decoder::decode_list(QTRACE_RECORD &record)
@@ -612,7 +637,7 @@ void Decoder::decode_list(QTRACE_RECORD &record)
         counts[list] = mask >> list & 1 ? shape.byte() : uint8_t{0};
     find_registers(record.regs, places_);
     for (size_t i = 0; i < places_.total; ++i)
-        *places_.place[i].index = static_cast<uint16_t>(shape.varint());
+        places_.place[i].number() = static_cast<uint16_t>(shape.varint());
 }
 
 void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
@@ -620,27 +645,28 @@ void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
     std::memcpy(&record.regs, shape.list.counts, sizeof shape.list.counts);
     find_registers(record.regs, places_);
     for (size_t i = 0; i < places_.total; ++i)
-        *places_.place[i].index = shape.list.index[i];
+        places_.place[i].number() = shape.list.index[i];
 }
 
 // ---- Values -----------------------------------------------------------------------------------------------------
 
-void Encoder::encode_inputs(const Register_Places &places)
+unsigned Encoder::encode_inputs(const Register_Places &places)
 {
     uint64_t difference = 0;
     for (size_t i = 0; i < places.inputs; ++i) {
         const Register_Place &place = places.place[i];
-        const Register_List_Info &list = REGISTER_LIST[place.list];
-        for (unsigned word = 0; word < list.words; ++word)
-            difference |= place.value[word] ^ model_->register_value(list, *place.index, word);
+        const uint64_t *last = model_->register_values(*place.list, place.number());
+        difference |= place.value(0) ^ last[0];
+        if (place.list->words != 1)
+            difference |= place.value(1) ^ last[1];
     }
     if (difference == 0)
-        return;
-    op_ |= OP_INPUTS;
+        return 0;
     const Bases bases{0, 0, model_->address, 0, 0};
     for (size_t i = 0; i < places.inputs; ++i)
-        for (unsigned word = 0; word < REGISTER_LIST[places.place[i].list].words; ++word)
+        for (unsigned word = 0; word < places.place[i].list->words; ++word)
             encode_value(places.place[i], word, bases);
+    return OP_INPUTS;
 }
 
 void Decoder::decode_inputs(bool coded)
@@ -648,20 +674,19 @@ void Decoder::decode_inputs(bool coded)
     const Bases bases{0, 0, model_->address, 0, 0};
     for (size_t i = 0; i < places_.inputs; ++i) {
         const Register_Place &place = places_.place[i];
-        const Register_List_Info &list = REGISTER_LIST[place.list];
-        for (unsigned word = 0; word < list.words; ++word)
+        for (unsigned word = 0; word < place.list->words; ++word)
             if (coded)
                 decode_value(place, word, bases);
             else
-                place.value[word] = model_->register_value(list, *place.index, word);
+                place.value(word) = model_->register_values(*place.list, place.number())[word];
     }
 }
 
 void Encoder::encode_value(const Register_Place &place, unsigned word, const Bases &bases)
 {
-    uint64_t &last = model_->register_value(REGISTER_LIST[place.list], *place.index, word);
+    uint64_t &last = model_->register_values(*place.list, place.number())[word];
     const uint64_t memory = model_->memory_at(bases.near + 8 * word);
-    const uint64_t value = place.value[word];
+    const uint64_t value = place.value(word);
     const uint64_t before = last;
     last = value;
     // All expectations at once: which of them holds is hard to foresee for the processor.
@@ -689,7 +714,7 @@ void Encoder::encode_value(const Register_Place &place, unsigned word, const Bas
 
 void Decoder::decode_value(const Register_Place &place, unsigned word, const Bases &bases)
 {
-    uint64_t &last = model_->register_value(REGISTER_LIST[place.list], *place.index, word);
+    uint64_t &last = model_->register_values(*place.list, place.number())[word];
     const uint8_t kind = source(COLUMN_KIND).byte();
     Byte_Source &values = source(COLUMN_VALUE);
     const auto from = [&](unsigned first_kind, uint64_t base) {
@@ -708,17 +733,17 @@ void Decoder::decode_value(const Register_Place &place, unsigned word, const Bas
         last = from(VALUE_FROM_NEAR, bases.near);
     else
         bad_ = true;
-    place.value[word] = last;
+    place.value(word) = last;
 }
 
 // ---- Addresses and their translation ----------------------------------------------------------------------------
 
 // Which base, and how far from it: the base that gives the smallest distance.
-uint64_t Encoder::encode_data_address(uint64_t address, const Bases &bases, Shape_Slot &shape)
+unsigned Encoder::encode_data_address(const Bases &bases, Shape_Slot &shape)
 {
+    const uint64_t address = bases.near;
     if (address == data_base(bases, shape.data_base) + shape.data_distance)
-        return address;
-    op_ |= OP_DATA;
+        return 0;
     shape.data_base = BASE_LAST_INPUT;
     for (const uint8_t base : {BASE_SUM_OF_INPUTS, BASE_NONE})
         if (zigzag(address - data_base(bases, base)) < zigzag(address - data_base(bases, shape.data_base)))
@@ -726,7 +751,7 @@ uint64_t Encoder::encode_data_address(uint64_t address, const Bases &bases, Shap
     shape.data_distance = address - data_base(bases, shape.data_base);
     sink(COLUMN_DATA).byte(shape.data_base);
     sink(COLUMN_DATA).varint(zigzag(shape.data_distance));
-    return address;
+    return OP_DATA;
 }
 
 uint64_t Decoder::decode_data_address(bool coded, const Bases &bases, Shape_Slot &shape)
@@ -741,11 +766,11 @@ uint64_t Decoder::decode_data_address(bool coded, const Bases &bases, Shape_Slot
 
 // Expected: as last at that page. Else a bit for each word that differs from the last translation of the same
 // side, and those words' differences.
-void Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side, uint8_t bit)
+bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
 {
     Translation &page = model_->page_of(address_in(record, side));
-    if (!has_translation(record, side, page)) {
-        more_ |= bit;
+    const bool coded = !has_translation(record, side, page);
+    if (coded) {
         const Translation now = translation_in(record, side);
         const Translation &last = *last_[side];
         uint32_t mask = 0;
@@ -759,10 +784,11 @@ void Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side,
         page = now;
     }
     last_[side] = &page; // the same words, and no copy
+    return coded;
 }
 
 // The page of `side` is about to change; when it is the other side's last translation, that needs a copy.
-void Encoder::keep_last_of_other_side(Address_Side side, const Translation &page)
+[[gnu::noinline]] void Encoder::keep_last_of_other_side(Address_Side side, const Translation &page)
 {
     const Address_Side other = side == DATA_ADDRESS ? NEXT_ADDRESS : DATA_ADDRESS;
     if (last_[other] != &page)
@@ -790,9 +816,8 @@ void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool 
 
 // ---- Members that records seldom carry --------------------------------------------------------------------------
 
-void Encoder::encode_escape(const QTRACE_RECORD &record)
+[[gnu::noinline]] void Encoder::encode_escape(const QTRACE_RECORD &record)
 {
-    more_ |= MORE_ESCAPE;
     QTRACE_RECORD uncommon;
     std::memset(static_cast<void *>(&uncommon), 0, sizeof uncommon);
     copy_uncommon(record, uncommon);

@@ -26,11 +26,15 @@ struct Open_Header {
 class Encoder
 {
 public:
+    // Whether any record fits, without a look at it. Never before the first block, nor at the start of one.
+    bool sure_of_room() const { return sure_room_ != 0; }
     // Starts an empty block at the place where the last one ended.
     void begin_block();
     // Whether the item still fits; when not, the block has to be sealed first.
-    bool has_room_for(const QTRACE_RECORD &record) { return sure_room_ != 0 || find_room_for(record); }
+    bool has_room_for(const QTRACE_RECORD &record);
     bool has_room_for(const QTRACE_FILE_HDR &header) const;
+    // An item was left out: nobody knows where the next record stands until an item says so.
+    void forget_address();
     // Add an item that fits. A comment longer than MAX_COMMENT_IN_BLOCK stays out of the block.
     void add(const QTRACE_RECORD &record);
     void add(const QTRACE_FILE_HDR &header);
@@ -45,16 +49,16 @@ public:
     bool first_address_known() const { return first_address_known_; }
 
 private:
-    bool find_room_for(const QTRACE_RECORD &record);
-    void put_op();
-    void encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control);
-    void encode_members(const Small_Members &members);
-    uint64_t encode_data_address(uint64_t address, const Bases &bases, Shape_Slot &shape);
+    // Those with a result give the flags of what they coded.
+    unsigned encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control);
+    unsigned encode_list(const Register_Places &places, const uint8_t *counts, Register_List &list);
+    unsigned encode_inputs(const Register_Places &places);
+    unsigned encode_data_address(const Bases &bases, Shape_Slot &shape);
+    void put_op(unsigned op);
     void encode_control(uint64_t control);
-    void encode_list(const Register_Places &places, const uint8_t *counts);
-    void encode_inputs(const Register_Places &places);
+    void encode_members(const Small_Members &members);
     void encode_value(const Register_Place &place, unsigned word, const Bases &bases);
-    void encode_translation(const QTRACE_RECORD &record, Address_Side side, uint8_t bit);
+    bool encode_translation(const QTRACE_RECORD &record, Address_Side side);
     void keep_last_of_other_side(Address_Side side, const Translation &page);
     void encode_escape(const QTRACE_RECORD &record);
     Byte_Sink &sink(Column column) { return columns_[column]; }
@@ -64,11 +68,12 @@ private:
     const Translation *last_[ADDRESS_SIDES]; // in *model_: the place of each side's last translation
     Byte_Sink columns_[COLUMNS];
     Open_Header open_;
-    uint8_t op_ = 0, more_ = 0; // of the item being added
+    static constexpr unsigned CONTROL_BITS = 6;
+    uint8_t control_numbers_[1 << CONTROL_BITS]{}; // by control word: where it was last in the model's controls
     uint32_t records_ = 0, headers_ = 0;
     uint32_t sure_room_ = 0; // for so many records there is room whatever is in them
-    uint64_t address_ = 0, first_address_ = 0;
-    bool address_known_ = false, first_address_known_ = false;
+    uint64_t first_address_ = 0;
+    bool first_address_known_ = false;
 };
 
 // Reads the items of one block after the other. The payload must stay where it is while they are read.

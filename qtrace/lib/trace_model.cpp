@@ -40,18 +40,16 @@ Translation translation_in(const QTRACE_RECORD &record, Address_Side side)
     return translation;
 }
 
-// Most records are asked this, and nearly all say yes: so all words, without a branch between them.
+// Most records are asked this, and nearly all say yes.
 bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Translation &translation)
 {
     constexpr size_t FIRST_WALK_WORD = 2, WALK_WORDS = GUEST_ADDRESS_WORD - FIRST_WALK_WORD;
     const auto *base = reinterpret_cast<const uint8_t *>(&record);
     const uint8_t *from = base + ADDRESS[side].translation;
-    uint64_t difference = load<uint64_t>(from + VSID_AND_DEPTH) ^ translation.word[0];
-    difference |= small_word(base, side) ^ translation.word[1];
-    difference |= guest_address_word(base, side) ^ translation.word[GUEST_ADDRESS_WORD];
-    for (size_t i = 0; i < WALK_WORDS; ++i)
-        difference |= load<uint64_t>(from + WALKS + 8 * i) ^ translation.word[FIRST_WALK_WORD + i];
-    return difference == 0;
+    const uint64_t difference = (load<uint64_t>(from + VSID_AND_DEPTH) ^ translation.word[0]) |
+                                (small_word(base, side) ^ translation.word[1]) |
+                                (guest_address_word(base, side) ^ translation.word[GUEST_ADDRESS_WORD]);
+    return difference == 0 && std::memcmp(from + WALKS, translation.word + FIRST_WALK_WORD, 8 * WALK_WORDS) == 0;
 }
 
 void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation)
@@ -73,13 +71,10 @@ void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation
 static void add_list(uint8_t *registers, size_t list, Register_Places &places)
 {
     const Register_List_Info &info = REGISTER_LIST[list];
-    const size_t count = std::min(registers[list], info.capacity), size = info.entry_size();
+    const size_t count = std::min(registers[list], info.capacity);
     uint8_t *entry = registers + info.offset;
-    Register_Place *place = places.place + places.total;
-    places.total += count;
-    for (size_t i = 0; i < count; ++i, entry += size)
-        *place++ = {static_cast<uint8_t>(list), reinterpret_cast<uint16_t *>(entry),
-                    reinterpret_cast<uint64_t *>(entry + 8)};
+    for (size_t i = 0; i < count; ++i, entry += info.entry_size())
+        places.place[places.total++] = {&info, entry};
 }
 
 // Most lists of a record are empty: the eight counts of one word are searched for those that are not, from above.
@@ -92,21 +87,19 @@ static void add_lists(uint8_t *registers, uint64_t counts, Register_Places &plac
     }
 }
 
-void find_registers(QTRACE_REGISTERS &registers, Register_Places &places)
+void find_all_registers(uint8_t *registers, Register_Places &places)
 {
     constexpr uint64_t OUTPUT_COUNTS = (uint64_t{1} << 8 * FIRST_INPUT_LIST) - 1;
-    auto *base = reinterpret_cast<uint8_t *>(&registers);
-    const auto counts = load<uint64_t>(base); // of all but the last two lists
+    const auto counts = load<uint64_t>(registers); // of all but the last two lists
     places.total = 0;
-    places.last_inputs = 0;
     for (size_t list = REGISTER_LISTS; list-- > sizeof counts;)
-        add_list(base, list, places);
-    add_lists(base, counts & ~OUTPUT_COUNTS, places);
-    places.inputs = places.total;
-    if (places.inputs != 0)
-        places.last_inputs = places.inputs - std::min(base[places.place[places.inputs - 1].list],
-                                                      REGISTER_LIST[places.place[places.inputs - 1].list].capacity);
-    add_lists(base, counts & OUTPUT_COUNTS, places);
+        add_list(registers, list, places);
+    add_lists(registers, counts & ~OUTPUT_COUNTS, places);
+    places.inputs = places.last_inputs = places.total;
+    while (places.last_inputs != 0 &&
+           places.place[places.last_inputs - 1].list == places.place[places.inputs - 1].list)
+        --places.last_inputs;
+    add_lists(registers, counts & OUTPUT_COUNTS, places);
 }
 
 } // namespace trace

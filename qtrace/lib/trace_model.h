@@ -28,7 +28,7 @@ struct Register_List_Info {
 
 inline constexpr size_t REGISTER_LISTS = 10;
 inline constexpr size_t FIRST_INPUT_LIST = 5;
-inline constexpr size_t GENERAL_INPUT_LIST = 9;
+inline constexpr size_t GENERAL_OUTPUT_LIST = 4, GENERAL_INPUT_LIST = 9;
 inline constexpr Register_List_Info REGISTER_LIST[REGISTER_LISTS] = {
     {offsetof(QTRACE_REGISTERS, spr_out), QTRACE_MAX_SPRS_OUT, 1, 0},
     {offsetof(QTRACE_REGISTERS, vsxr_out), QTRACE_MAX_VSXRS_OUT, 2, 1},
@@ -43,7 +43,9 @@ inline constexpr Register_List_Info REGISTER_LIST[REGISTER_LISTS] = {
 };
 static_assert(sizeof(QTRACE_REGISTER_INFO) == 16 && offsetof(QTRACE_REGISTER_INFO, value) == 8);
 static_assert(sizeof(QTRACE_VSX_REGISTER_INFO) == 24 && offsetof(QTRACE_VMX_REGISTER_INFO, value) == 8);
-static_assert(offsetof(QTRACE_REGISTERS, num_gprs_in) == GENERAL_INPUT_LIST);
+static_assert(offsetof(QTRACE_REGISTERS, num_gprs_out) == GENERAL_OUTPUT_LIST &&
+              offsetof(QTRACE_REGISTERS, num_fprs_in) == 8 &&
+              offsetof(QTRACE_REGISTERS, num_gprs_in) == GENERAL_INPUT_LIST);
 inline constexpr size_t MAX_REGISTERS = 90; // in one record, all lists full
 inline constexpr size_t MAX_VALUES = 102;   // their values, 128-bit registers counted twice
 
@@ -122,9 +124,9 @@ struct Model {
     Shape_Slot &shape_of(uint32_t word) { return shape[slot_of(word, SHAPE_BITS)]; }
     uint64_t &memory_at(uint64_t where) { return memory[slot_of(where, MEMORY_BITS)]; }
     Translation &page_of(uint64_t where) { return page[slot_of(where >> 12, PAGE_BITS)]; }
-    uint64_t &register_value(const Register_List_Info &list, uint16_t index, unsigned word)
+    uint64_t *register_values(const Register_List_Info &list, uint16_t number)
     {
-        return registers[list.kind][index % REGISTER_SLOTS][word];
+        return registers[list.kind][number % REGISTER_SLOTS];
     }
 };
 
@@ -171,21 +173,43 @@ inline bool has_address(uint64_t control, Address_Side side)
 
 // ---- Registers as they are coded ----------------------------------------------------------------------------
 
-// One register of a record: general, floating-point, vector, vector-scalar, special inputs, then outputs so.
+// One register of a record.
 struct Register_Place {
-    uint8_t list;
-    uint16_t *index;
-    uint64_t *value;
+    const Register_List_Info *list;
+    uint8_t *entry; // in the record
+
+    uint16_t &number() const { return *reinterpret_cast<uint16_t *>(entry); }
+    uint64_t &value(unsigned word) const { return reinterpret_cast<uint64_t *>(entry + 8)[word]; }
 };
 
+// The registers of a record: general, floating-point, vector, vector-scalar, special inputs, then outputs so.
 struct Register_Places {
     Register_Place place[MAX_REGISTERS];
     size_t inputs, total;
     size_t last_inputs; // where the last list of inputs begins that is not empty; 0 without inputs
 };
 
+// Unusual ones: of any kind and number.
+void find_all_registers(uint8_t *registers, Register_Places &places);
+
 // The entries that the counts name, no more than fit.
-void find_registers(QTRACE_REGISTERS &registers, Register_Places &places);
+inline void find_registers(QTRACE_REGISTERS &registers, Register_Places &places)
+{
+    constexpr const Register_List_Info &IN = REGISTER_LIST[GENERAL_INPUT_LIST],
+                                       &OUT = REGISTER_LIST[GENERAL_OUTPUT_LIST];
+    auto *base = reinterpret_cast<uint8_t *>(&registers);
+    const size_t inputs = registers.num_gprs_in, outputs = registers.num_gprs_out;
+    // Nine of ten records have general registers only, and no more than these.
+    const uint64_t others = (load<uint64_t>(base) ^ outputs << 8 * GENERAL_OUTPUT_LIST) | registers.num_fprs_in;
+    if (others != 0 || inputs > 2 || outputs > 1)
+        return find_all_registers(base, places);
+    places.place[0] = {&IN, base + IN.offset};
+    places.place[1] = {&IN, base + IN.offset + IN.entry_size()};
+    places.place[inputs] = {&OUT, base + OUT.offset};
+    places.inputs = inputs;
+    places.total = inputs + outputs;
+    places.last_inputs = 0;
+}
 
 // What the prediction of a value begins from. For inputs all but `near` and `memory` are 0.
 struct Bases {

@@ -142,7 +142,8 @@ template <size_t LIST> QT_INLINE void add_unused_entries(Sums &sums, const uint8
 {
     constexpr Register_List_Info INFO = REGISTER_LIST[LIST];
     const size_t used = std::min(registers[LIST], INFO.capacity);
-    add_unused<INFO.capacity * INFO.entry_size()>(sums, registers + INFO.offset, used * INFO.entry_size());
+    for (size_t at = used * INFO.entry_size(); at < INFO.capacity * INFO.entry_size(); at += sizeof(uint64_t))
+        sums.part[0][0] |= load<uint64_t>(registers + INFO.offset + at);
 }
 
 constexpr size_t REGISTERS = offsetof(QTRACE_RECORD, regs);
@@ -170,13 +171,12 @@ template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8
 // `GENERAL` is the last list of five; the other four stand in front of it.
 template <size_t GENERAL> QT_INLINE void add_unused_registers(Sums &sums, const uint8_t *registers)
 {
-    uint32_t counts;
-    std::memcpy(&counts, registers + GENERAL - 4, sizeof counts);
-    add_unused_entries<GENERAL - 4>(sums, registers);
-    if (counts >> 8 == 0) { // no vector or floating-point registers: one range
-        add<REGISTERS + REGISTER_LIST[GENERAL - 3].offset, REGISTERS + REGISTER_LIST[GENERAL].offset>(
+    const auto others = load<uint32_t>(registers + GENERAL - 4);
+    if (others == 0) { // general registers only: one range
+        add<REGISTERS + REGISTER_LIST[GENERAL - 4].offset, REGISTERS + REGISTER_LIST[GENERAL].offset>(
             sums, registers - REGISTERS);
     } else {
+        add_unused_entries<GENERAL - 4>(sums, registers);
         add_unused_entries<GENERAL - 3>(sums, registers);
         add_unused_entries<GENERAL - 2>(sums, registers);
         add_unused_entries<GENERAL - 1>(sums, registers);

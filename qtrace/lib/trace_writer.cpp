@@ -115,7 +115,9 @@ public:
     int close();
 
 private:
-    int make_ready();
+    bool takes_at_once(const QTRACE_RECORD &) const { return encoder_.sure_of_room(); }
+    bool takes_at_once(const QTRACE_FILE_HDR &) const { return false; }
+    template <class Item> int make_room_for(const Item &item);
     int flush();
     void seal(uint8_t flags);
     void seal_payload(Block_Header header, const uint8_t *payload, size_t size);
@@ -222,13 +224,18 @@ void Trace_File::seal(uint8_t flags)
     headers_ += header.headers;
 }
 
-int Trace_File::make_ready()
+// What an earlier operation could not write goes first; then the block is sealed when the item does not fit.
+template <class Item> int Trace_File::make_room_for(const Item &item)
 {
     if (!sealed_.empty() && flush() != 0)
         return -1;
     if (!encoder_.started())
         encoder_.begin_block();
-    return 0;
+    if (encoder_.has_room_for(item))
+        return 0;
+    seal(0);
+    encoder_.begin_block();
+    return flush();
 }
 
 void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
@@ -241,18 +248,15 @@ void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
 
 template <class Item> int Trace_File::write(const Item &item)
 try {
-    if (make_ready() != 0)
+    if (!takes_at_once(item) && make_room_for(item) != 0) {
+        encoder_.forget_address();
         return -1;
-    if (!encoder_.has_room_for(item)) {
-        seal(0);
-        encoder_.begin_block();
-        if (flush() != 0)
-            return -1;
     }
     keep_outside(item);
     encoder_.add(item);
     return 0;
 } catch (const std::bad_alloc &) {
+    encoder_.forget_address();
     return fail(path_, "write", NO_MEMORY);
 }
 
@@ -276,27 +280,23 @@ try {
 // ---- Descriptors ----------------------------------------------------------------------------------------------
 
 // A descriptor is an index here; the slots of closed files are used again.
-std::vector<std::unique_ptr<Trace_File>> &files()
-{
-    static std::vector<std::unique_ptr<Trace_File>> table;
-    return table;
-}
+constinit std::vector<std::unique_ptr<Trace_File>> files;
 
 Trace_File *file_of(QTRACE_FDESCR file)
 {
-    if (file < 0 || static_cast<size_t>(file) >= files().size())
+    if (file < 0 || static_cast<size_t>(file) >= files.size())
         return nullptr;
-    return files()[static_cast<size_t>(file)].get();
+    return files[static_cast<size_t>(file)].get();
 }
 
 QTRACE_FDESCR keep(std::unique_ptr<Trace_File> file)
 {
     size_t slot = 0;
-    while (slot < files().size() && files()[slot])
+    while (slot < files.size() && files[slot])
         ++slot;
-    if (slot == files().size())
-        files().emplace_back();
-    files()[slot] = std::move(file);
+    if (slot == files.size())
+        files.emplace_back();
+    files[slot] = std::move(file);
     return static_cast<QTRACE_FDESCR>(slot);
 }
 
@@ -311,15 +311,19 @@ QTRACE_FDESCR open_for_writing(const char *name)
     return file->open() == 0 ? keep(std::move(file)) : -1;
 }
 
-template <class Item> int write_item(QTRACE_FDESCR file, const Item *item)
+int fail(QTRACE_FDESCR file, std::string_view what, std::string_view reason)
 try {
+    return fail("descriptor " + std::to_string(file), what, reason);
+} catch (const std::bad_alloc &) {
+    return fail("descriptor", what, NO_MEMORY);
+}
+
+template <class Item> int write_item(QTRACE_FDESCR file, const Item *item)
+{
     Trace_File *to = file_of(file);
     if (to == nullptr)
-        return fail("descriptor " + std::to_string(file), "write", "not open");
-    return item == nullptr ? fail("descriptor " + std::to_string(file), "write", "nothing given")
-                           : to->write(*item);
-} catch (const std::bad_alloc &) {
-    return fail("descriptor", "write", NO_MEMORY);
+        return fail(file, "write", "not open");
+    return item == nullptr ? fail(file, "write", "nothing given") : to->write(*item);
 }
 
 } // namespace
@@ -338,16 +342,13 @@ try {
 }
 
 void QTRACE_Fclose(QTRACE_FDESCR file)
-try {
-    Trace_File *closing = file_of(file);
-    if (closing == nullptr) {
-        fail("descriptor " + std::to_string(file), "close", "not open");
+{
+    if (file_of(file) == nullptr) {
+        fail(file, "close", "not open");
         return;
     }
-    const std::unique_ptr<Trace_File> gone = std::move(files()[static_cast<size_t>(file)]);
+    const std::unique_ptr<Trace_File> closing = std::move(files[static_cast<size_t>(file)]);
     closing->close();
-} catch (const std::bad_alloc &) {
-    fail("descriptor", "close", NO_MEMORY);
 }
 
 int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)

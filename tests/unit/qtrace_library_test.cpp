@@ -800,6 +800,38 @@ TEST_F(trace_file, misses_only_the_refused_records_when_there_is_room_again)
         ASSERT_TRUE(contents.items[i].image == accepted[i]) << i;
 }
 
+TEST_F(trace_file, does_not_guess_addresses_behind_refused_records)
+{
+    Random_Trace chance(12);
+    const QTRACE_FDESCR file = open();
+    QTRACE_FILE_HDR header{};
+    header.control.iar_is_present = 1;
+    header.iar[1] = 0x10;
+    ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
+    size_t before = 0;
+    const auto try_to_write = [&](bool names_next) {
+        QTRACE_RECORD record = chance.wild_record();
+        record.header.control.fld.next_instruction_EA_present = names_next;
+        return QTRACE_FwriteRecord(file, &record) == 0;
+    };
+    {
+        const Small_Disk disk(100'000);
+        while (try_to_write(false))
+            ++before;
+    }
+    ASSERT_TRUE(try_to_write(false));
+    ASSERT_TRUE(try_to_write(true));
+    ASSERT_TRUE(try_to_write(false));
+    QTRACE_Fclose(file);
+    const auto items = read().items;
+    ASSERT_EQ(items.size(), 1 + before + 3);
+    EXPECT_TRUE(items[before].address_known);
+    EXPECT_EQ(items[before].address, 0x1000 + 4 * (before - 1));
+    EXPECT_FALSE(items[before + 1].address_known);
+    EXPECT_FALSE(items[before + 2].address_known);
+    EXPECT_TRUE(items[before + 3].address_known);
+}
+
 TEST_F(trace_file, whose_descriptor_was_closed_behind_its_back_reports_it)
 {
     const int next_free = dup(0);
