@@ -192,28 +192,6 @@ template <class Array> typename Array::value_type entry_or_zero(const Array &ent
     return entries[static_cast<size_t>(n)];
 }
 
-// Counts are handed out as they are, also one that does not fit; never more entries than there is room for.
-template <class Index, class Value>
-void copy_class(int32_t count, Index &to_index, const Index &from_index, Value &to_value, const Value &from_value)
-{
-    const auto entries = static_cast<size_t>(std::clamp(count, 0, static_cast<int32_t>(std::size(from_index))));
-    std::copy_n(from_index, entries, to_index);
-    std::copy_n(from_value, entries, to_value);
-}
-
-void copy_registers(const Plugin_Inst_Registers &from, Plugin_Inst_Registers &to)
-{
-#define COPY_CLASS(c)                                                                                              \
-    to.c##_num = from.c##_num;                                                                                     \
-    copy_class(from.c##_num, to.c##_index, from.c##_index, to.c##_value, from.c##_value)
-    COPY_CLASS(gpr);
-    COPY_CLASS(fpr);
-    COPY_CLASS(spr);
-    COPY_CLASS(vsx);
-    COPY_CLASS(vmx);
-#undef COPY_CLASS
-}
-
 } // namespace
 } // namespace replay
 

@@ -8,9 +8,11 @@
 #include "plugin_api.h"
 #include "plugin_basic.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -44,6 +46,40 @@ struct Address_Answers {
     GuestRadixTree guest_walk{}; // the root is not asked for
 };
 
+// Copies counts and as many entries. Counts are handed out as they are, also one that does not fit; never more entries
+// than there is room for.
+inline void copy_registers(const Plugin_Inst_Registers &from, Plugin_Inst_Registers &to)
+{
+    const auto copy_class = [](int32_t count, const auto &index, auto &to_index, const auto &value,
+                               auto &to_value) {
+        const auto entries = static_cast<size_t>(std::clamp(count, 0, static_cast<int32_t>(std::size(index))));
+        std::copy_n(index, entries, to_index);
+        std::copy_n(value, entries, to_value);
+        return count;
+    };
+    to.gpr_num = copy_class(from.gpr_num, from.gpr_index, to.gpr_index, from.gpr_value, to.gpr_value);
+    to.fpr_num = copy_class(from.fpr_num, from.fpr_index, to.fpr_index, from.fpr_value, to.fpr_value);
+    to.spr_num = copy_class(from.spr_num, from.spr_index, to.spr_index, from.spr_value, to.spr_value);
+    to.vsx_num = copy_class(from.vsx_num, from.vsx_index, to.vsx_index, from.vsx_value, to.vsx_value);
+    to.vmx_num = copy_class(from.vmx_num, from.vmx_index, to.vmx_index, from.vmx_value, to.vmx_value);
+}
+
+// Registers of one direction. Only as many entries are handed out as the counts say, and assignment copies no more:
+// the lists are two thirds of an Instruction and mostly empty.
+struct Instruction_Registers : Plugin_Inst_Registers {
+    // cppcheck-suppress uninitDerivedMemberVar ; the base is initialized whole
+    Instruction_Registers() : Plugin_Inst_Registers{} {}
+    // cppcheck-suppress uninitDerivedMemberVar
+    Instruction_Registers(const Plugin_Inst_Registers &registers) : Plugin_Inst_Registers(registers) {}
+    Instruction_Registers(const Instruction_Registers &) = default;
+    Instruction_Registers &operator=(const Instruction_Registers &other)
+    {
+        if (this != &other)
+            copy_registers(other, *this);
+        return *this;
+    }
+};
+
 // What the host answers about one committed instruction.
 struct Instruction {
     int tid = 0;
@@ -68,8 +104,8 @@ struct Instruction {
     uint64_t ea = 0;
     Address_Answers fetch{};
     Address_Answers data{};
-    Plugin_Inst_Registers in{}; // only counts and that many entries are handed out
-    Plugin_Inst_Registers out{};
+    Instruction_Registers in{};
+    Instruction_Registers out{};
     std::string text{}; // mnemonic and operands
 };
 

@@ -470,7 +470,7 @@ void read_options(json::value &given, std::vector<unsigned> &options)
 #define BY(read, member) [](Place &, Stream_Event &to, json::value &given) { read(given, to.member); }
 #define INNER(keys, member)                                                                                        \
     [](Place &place, Stream_Event &to, json::value &given) {                                                       \
-        read_inner(given, Keys<Plugin_Inst_Registers>(keys), place, to.member);                                    \
+        read_inner<Plugin_Inst_Registers>(given, keys, place, to.member);                                          \
     }
 #define KIND                                                                                                       \
     {                                                                                                              \
@@ -650,7 +650,7 @@ private:
     void begin_event(json::object &object);
     void finish_event();
 
-    const Stream_Event blank_{};
+    const Instruction blank_{};
 };
 
 Stream_Reader::Parser::Parser()
@@ -689,7 +689,7 @@ int Stream_Reader::Parser::checked_tid() const
 // thread is looked for first.
 void Stream_Reader::Parser::begin_event(json::object &object)
 {
-    event.instruction = blank_.instruction;
+    event.instruction = blank_;
     event.time.reset();
     if (event.kind == Event_Kind::machine) {
         event.machine = {0, 0, 0, 0, {}};

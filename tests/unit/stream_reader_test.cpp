@@ -334,9 +334,12 @@ TEST(stream_keys, time_is_there_or_not)
 
 TEST(stream_keys, nothing_is_left_of_the_line_before)
 {
-    const Scratch_File file(
-        MACHINE + R"({"t":"commit","tid":1,"seq":9,"text":"x","is":["load"],"fetch":{"mode":3},)" +
-        R"("data":{"ea":1,"host_walk":[[1,2,3,4]]},"in":{"gpr":[[1,2]]},"time":7})" + "\n{\"t\":\"commit\"}\n");
+    const std::string address =
+        R"({"mode":3,"host_walk":[[1,2,3,4],[5,6,7,8]],"host_ra":[1,2,3,4],"guest_walk":[1,2,3,4,5]})";
+    const std::string registers = R"({"gpr":[[1,2]],"fpr":[[1,2]],"spr":[[1,2]],"vmx":[[1,2,3]],"vsx":[[1,2,3]]})";
+    const Scratch_File file(MACHINE + R"({"t":"commit","tid":1,"seq":9,"text":"x","is":["load"],"fetch":)" +
+                            address + R"(,"data":{"ea":1,)" + address.substr(1) + R"(,"in":)" + registers +
+                            R"(,"out":)" + registers + R"(,"time":7})" + "\n{\"t\":\"commit\"}\n");
     Stream_Reader reader(file.name());
     reader.next();
     reader.next();
@@ -348,9 +351,19 @@ TEST(stream_keys, nothing_is_left_of_the_line_before)
     EXPECT_EQ(bare.text, "");
     EXPECT_FALSE(bare.load || bare.ea_valid);
     EXPECT_EQ(bare.ea, 0u);
-    EXPECT_EQ(bare.fetch.mode, RADIX_MODE_NOT_YET_SET);
-    EXPECT_EQ(bare.data.host_walk[0].RTPTE_ra, 0u);
-    EXPECT_EQ(bare.in.gpr_num, 0);
+    for (const Address_Answers &side : {bare.fetch, bare.data}) {
+        EXPECT_EQ(side.mode, RADIX_MODE_NOT_YET_SET);
+        EXPECT_EQ(side.host_walk[1].RTPTE_ra, 0u);
+        EXPECT_EQ(side.host_ra[3], 0u);
+        EXPECT_EQ(side.guest_walk.GUEST_ra, 0u);
+    }
+    for (const Plugin_Inst_Registers &side : {bare.in, bare.out}) {
+        EXPECT_EQ(side.gpr_num, 0);
+        EXPECT_EQ(side.fpr_num, 0);
+        EXPECT_EQ(side.spr_num, 0);
+        EXPECT_EQ(side.vmx_num, 0);
+        EXPECT_EQ(side.vsx_num, 0);
+    }
     EXPECT_EQ(event->time, std::nullopt);
 }
 
