@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <charconv>
 #include <cstring>
 #include <fmt/format.h>
 #include <limits>
@@ -26,12 +27,24 @@ struct Refusal {
 
 // ---- values ---------------------------------------------------------------------------------------------
 
-// The value as it stands in the line, for an error: shortened, printable.
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+// The value as it stands in the line; tokens reach up to what comes next.
+std::string_view without_blanks_behind(std::string_view token)
+{
+    while (!token.empty() && is_blank(token.back()))
+        token.remove_suffix(1);
+    return token;
+}
+
+// The value for an error: shortened, printable.
 std::string shown(std::string_view token)
 {
     constexpr size_t LONGEST = 40;
-    while (!token.empty() && std::string_view(" \t\r\n").find(token.back()) != std::string_view::npos)
-        token.remove_suffix(1);
+    token = without_blanks_behind(token);
     if (token.starts_with('{'))
         return "an object";
     if (token.starts_with('['))
@@ -48,49 +61,68 @@ std::string shown(std::string_view token)
     throw Refusal{std::move(expected), shown(token)};
 }
 
-constexpr auto DIGIT_VALUES = [] {
-    std::array<uint8_t, 256> values;
-    values.fill(0xFF);
-    for (uint8_t digit = 0; digit < 16; ++digit) {
-        values["0123456789abcdef"[digit]] = digit;
-        values["0123456789ABCDEF"[digit]] = digit;
-    }
-    return values;
-}();
-
-struct Number {
-    uint64_t magnitude = 0;
-    bool negative = false;
+// A number without its sign. `wrong` is 0 when what was read is one. Two words are returned in registers; a flag
+// beside a word, as in std::optional, goes through memory, and the processor waits for it.
+struct Magnitude {
+    uint64_t value;
+    uint64_t wrong;
 };
 
-// "0x" and 1 to 16 hexadecimal digits, between quotes.
-bool read_hexadecimal(const char *at, Number &number)
+constexpr uint64_t in_each_byte(uint8_t value)
 {
-    if (std::memcmp(at, "\"0x", 3) != 0)
-        return false;
-    const char *digit = at + 3;
-    for (uint8_t value; (value = DIGIT_VALUES[static_cast<uint8_t>(*digit)]) != 0xFF; ++digit)
-        number.magnitude = number.magnitude << 4 | value;
-    const auto digits = digit - (at + 3);
-    return *digit == '"' && digits >= 1 && digits <= 16;
+    return uint64_t{0x0101010101010101} * value;
 }
 
-// A JSON number without fraction and exponent.
-bool read_decimal(std::string_view token, Number &number)
+// What the `count` (1 to 8) hexadecimal digits at `at` stand for; eight bytes can be read. All are converted at once:
+// numbers differ in length, and the processor cannot foresee where a loop would end.
+inline Magnitude digits_at(const char *at, size_t count)
 {
-    size_t at = 0;
-    if (token.starts_with('-')) {
-        number.negative = true;
-        at = 1;
-    }
-    const size_t first = at;
-    for (; at < token.size() && token[at] >= '0' && token[at] <= '9'; ++at)
-        if (__builtin_mul_overflow(number.magnitude, uint64_t{10}, &number.magnitude) ||
-            __builtin_add_overflow(number.magnitude, static_cast<uint64_t>(token[at] - '0'), &number.magnitude))
-            return false;
-    const bool leading_zero = at - first > 1 && token[first] == '0';
-    const bool whole = at == token.size() || std::string_view(" \t\r").find(token[at]) != std::string_view::npos;
-    return at > first && whole && !leading_zero;
+    uint64_t text;
+    std::memcpy(&text, at, sizeof text);
+    if constexpr (std::endian::native == std::endian::little)
+        text = __builtin_bswap64(text);
+    const size_t unused = 64 - 8 * count;
+    text >>= unused;                                      // now the last digit is the lowest byte
+    const uint64_t letters = text >> 6 & in_each_byte(1); // in the bytes 0x41 to 0x46 and 0x61 to 0x66
+    const uint64_t digits = (text & in_each_byte(0x0F)) + 9 * letters;
+    const uint64_t upper_halves = (text | letters << 5) & in_each_byte(0xF0);
+    const uint64_t from_ten = (digits + in_each_byte(6)) >> 4 & in_each_byte(1);
+    const uint64_t wrong = (upper_halves ^ ((in_each_byte(0x30) >> unused) + 0x30 * letters)) |
+                           (from_ten ^ letters) | (digits & in_each_byte(0x10));
+    uint64_t value = (digits | digits >> 4) & 0x00FF00FF00FF00FF;
+    value = (value | value >> 8) & 0x0000FFFF0000FFFF;
+    value = (value | value >> 16) & 0xFFFFFFFF;
+    return {value, wrong};
+}
+
+// "0x" and 1 to 16 digits, between quotes.
+Magnitude hexadecimal_of(std::string_view token)
+{
+    constexpr std::string_view BEGIN = "\"0x";
+    if (!token.starts_with(BEGIN) || token.size() < BEGIN.size() + 2 || token.size() > BEGIN.size() + 17)
+        return {0, 1};
+    const char *first = token.data() + BEGIN.size();
+    const size_t count = token.size() - BEGIN.size() - 1;
+    if (count <= 8)
+        return digits_at(first, count);
+    const Magnitude upper = digits_at(first, 8);
+    const Magnitude lower = digits_at(first + 8, count - 8);
+    return {upper.value << 4 * (count - 8) | lower.value, upper.wrong | lower.wrong};
+}
+
+// A JSON number without sign, fraction and exponent.
+Magnitude decimal_of(std::string_view token)
+{
+    uint64_t value = 0;
+    const char *end = token.data() + token.size();
+    const auto [stop, error] = std::from_chars(token.data(), end, value);
+    const bool leading_zero = token.size() > 1 && token[0] == '0';
+    return {value, error != std::errc{} || stop != end || leading_zero};
+}
+
+[[noreturn]] void refuse_number(int64_t least, uint64_t most, std::string_view token)
+{
+    refuse(fmt::format("{} to {}, as a number or \"0x...\"", least, most), token);
 }
 
 // A number that fits Integer, given as one or as "0x...".
@@ -98,24 +130,22 @@ template <class Integer> Integer number_of(json::value &given)
 {
     constexpr auto LEAST = std::numeric_limits<Integer>::min();
     constexpr auto MOST = std::numeric_limits<Integer>::max();
-    const std::string_view token = given.raw_json_token();
-    Number number;
-    const bool is_number =
-        token.front() == '"' ? read_hexadecimal(token.data(), number) : read_decimal(token, number);
-    const uint64_t limit = number.negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
-    if (!is_number || number.magnitude > limit)
-        refuse(fmt::format("{} to {}, as a number or \"0x...\"", LEAST, MOST), token);
-    return static_cast<Integer>(number.negative ? -number.magnitude : number.magnitude);
+    const std::string_view token = without_blanks_behind(given.raw_json_token());
+    const bool negative = token.front() == '-';
+    const auto [value, wrong] = token.front() == '"' ? hexadecimal_of(token) : decimal_of(token.substr(negative));
+    const uint64_t limit = negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
+    if (wrong || value > limit)
+        refuse_number(LEAST, MOST, token);
+    return static_cast<Integer>(negative ? -value : value);
 }
 
 bool truth_of(json::value &given)
 {
-    const std::string_view token = given.raw_json_token();
-    const std::string_view word = token.substr(0, token.find_last_not_of(" \t\r") + 1);
+    const std::string_view word = without_blanks_behind(given.raw_json_token());
     if (word == "true" || word == "1")
         return true;
     if (word != "false" && word != "0")
-        refuse("true, false, 0 or 1", token);
+        refuse("true, false, 0 or 1", word);
     return false;
 }
 
@@ -598,11 +628,6 @@ Refusal refusal_of(simdjson::error_code error)
     }
 }
 
-bool is_blank(std::string_view line)
-{
-    return line.find_first_not_of(" \t\r") == std::string_view::npos;
-}
-
 } // namespace
 
 std::string_view name_of(Event_Kind kind)
@@ -785,7 +810,7 @@ const Stream_Event *Stream_Reader::read_line()
         do
             if (!lines_->next(line))
                 return end();
-        while (is_blank(line));
+        while (std::all_of(line.begin(), line.end(), is_blank));
         parser_->read(line);
         return &parser_->event;
     } catch (const Input_Interrupted &) {

@@ -3,6 +3,7 @@
 #include "stream_reader.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -367,6 +368,16 @@ TEST(stream_keys, nothing_is_left_of_the_line_before)
     EXPECT_EQ(event->time, std::nullopt);
 }
 
+TEST(stream_keys, hexadecimal_digits_of_every_count_are_read)
+{
+    const std::string digits = "9aBcDeF018273645";
+    for (size_t count = 1; count <= digits.size(); ++count) {
+        const std::string number = digits.substr(0, count);
+        const One_Event event(R"({"t":"commit","pc":"0x)" + number + "\" \t}");
+        EXPECT_EQ(event->instruction.pc, std::stoull(number, nullptr, 16));
+    }
+}
+
 TEST(stream_keys, context_keys_reach_the_context)
 {
     const One_Event event(R"({"t":"context","tid":3,"ptcr":"0xc","lpid":"0x123456789","pid":"0xffffffff","sdr1":4,)"
@@ -559,6 +570,20 @@ INSTANTIATE_TEST_SUITE_P(of_lists_and_objects, Refusals, testing::Values(
     Refused_Line{R"({"t":"commit","in":{"gpr":[[1,2,3]]}})", "key \"in.gpr\": expected [number, \"0xvalue\"], found a longer list"},
     Refused_Line{R"({"t":"commit","in":{"vsx":[[1,2]]}})", "key \"in.vsx\": expected [number, \"0xword0\", \"0xword1\"], found a list of 2"}));
 // clang-format on
+
+TEST(stream_refusals, of_every_byte_that_is_no_hexadecimal_digit)
+{
+    const std::string no_quote_or_escape = "\"\\";
+    for (int byte = ' '; byte < 0x80; ++byte)
+        for (size_t place = 0; place < 16; ++place) {
+            std::string number(16, '1');
+            number[place] = static_cast<char>(byte);
+            if (no_quote_or_escape.find(number[place]) != std::string::npos)
+                continue;
+            const std::string error = refusal_of_line(R"({"t":"commit","pc":"0x)" + number + "\"}");
+            EXPECT_EQ(error.empty(), std::isxdigit(byte) != 0) << number;
+        }
+}
 
 TEST(stream_refusals, of_the_first_line_name_what_must_stand_there)
 {
