@@ -228,32 +228,30 @@ struct Place {
     std::string unknown_key; // owns `key` when that is none of ours
 };
 
-// A key's spelling, compared with the line by its first eight characters, closing quote included.
+// A key's spelling, compared with the line all at once, closing quote included.
 struct Spelling {
+    using Words = std::array<uint64_t, 2>; // room for the longest key and its quote
     std::string_view text;
-    uint64_t head = 0;
-    uint64_t mask = 0;
+    Words words{};
+    Words masks{};
 
     constexpr Spelling(const char *spelt) : text(spelt)
     {
-        std::array<uint8_t, 8> bytes{}, bits{};
-        for (size_t i = 0; i < bytes.size() && i <= text.size(); ++i) {
+        std::array<uint8_t, sizeof(Words)> bytes{}, bits{};
+        for (size_t i = 0; i <= text.size(); ++i) {
             bytes[i] = i < text.size() ? static_cast<uint8_t>(text[i]) : '"';
             bits[i] = 0xFF;
         }
-        head = std::bit_cast<uint64_t>(bytes);
-        mask = std::bit_cast<uint64_t>(bits);
+        words = std::bit_cast<Words>(bytes);
+        masks = std::bit_cast<Words>(bits);
     }
 
-    // `at`: behind the opening quote; at least eight bytes can be read.
+    // `at`: behind the opening quote; at least sizeof(Words) bytes can be read.
     bool stands_at(const char *at) const
     {
-        uint64_t there;
+        Words there;
         std::memcpy(&there, at, sizeof there);
-        if ((there & mask) != head)
-            return false;
-        const size_t length = text.size();
-        return length < 8 || (std::memcmp(at + 8, text.data() + 8, length - 8) == 0 && at[length] == '"');
+        return (there[0] & masks[0]) == words[0] && (there[1] & masks[1]) == words[1];
     }
 };
 
@@ -291,12 +289,16 @@ template <class Target> size_t index_of(Keys<Target> keys, size_t cursor, json::
     refuse_key(keys, place, name);
 }
 
-// Sets `target` from all fields of the object.
+// Sets `target` from all fields of the object. A field is used where it was made: a copy is made in larger pieces than
+// the field was just written in, and the processor waits until those are in the cache.
 template <class Target> void read_fields(json::object object, Keys<Target> keys, Place &place, Target &target)
 {
     uint64_t seen = 0;
     size_t cursor = 0;
-    for (json::field field : object) {
+    for (auto found : object) {
+        if (found.error())
+            throw simdjson::simdjson_error(found.error());
+        json::field &&field = std::move(found).value_unsafe();
         const size_t index = index_of(keys, cursor, field, place);
         place.key = keys[index].name.text;
         if (seen >> index & 1)
