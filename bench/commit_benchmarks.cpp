@@ -3,9 +3,11 @@
 //
 //   commit_benchmarks [Google Benchmark options]
 //   commit_benchmarks --start-stop-memory THREADS    kilobytes that a session adds: resident and virtual
+//   commit_benchmarks --own-time STREAM              nanoseconds per commit by shared object, as JSON
 //   commit_benchmarks --instructions STREAM COMMITS  commits only, collected when run under callgrind
 //   commit_benchmarks --text-instructions STREAM COMMITS  the same with a text trace
 #include "query_floor.h"
+#include "time_samples.h"
 #include "traced_session.h"
 
 #include <benchmark/benchmark.h>
@@ -13,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -137,6 +140,9 @@ void run_commit_qtrace(benchmark::State &state, const char *name)
 {
     Decoded_Stream &stream = *stream_named(name);
     for ([[maybe_unused]] auto iteration : state) {
+        state.PauseTiming(); // a new file each time: to replace one costs the file system more
+        std::filesystem::remove(output_file("trace0"));
+        state.ResumeTiming();
         const Session session(stream, stream.threads, &reference_writer());
         deliver(the_plugin().commit, stream.instructions, stream.instructions.size());
     }
@@ -338,6 +344,31 @@ int run_benchmarks(int argc, char **argv)
     return 0;
 }
 
+// The own time of plugin, writer and the libraries under it, while whole sessions are traced.
+int print_own_times(const std::string &name)
+{
+    constexpr double SECONDS = 8;
+    Decoded_Stream &stream = *stream_named(name);
+    const bench::Time_Samples samples;
+    const auto seconds_used = [] { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; };
+    const double begin = seconds_used();
+    size_t commits = 0;
+    while (seconds_used() < begin + SECONDS) {
+        std::filesystem::remove(output_file("trace0"));
+        const Session session(stream, stream.threads, &reference_writer());
+        deliver(the_plugin().commit, stream.instructions, stream.instructions.size());
+        commits += stream.instructions.size();
+    }
+    const double per_commit = 1e9 * (seconds_used() - begin) / static_cast<double>(commits);
+    const char *separator = "{";
+    for (const auto &[object, share] : samples.shares()) {
+        std::printf("%s\"%s\": %.2f", separator, object.c_str(), share * per_commit);
+        separator = ", ";
+    }
+    std::puts("}");
+    return 0;
+}
+
 int run_commits_only(const std::string &name, size_t commits, const std::string &text)
 {
     Decoded_Stream stream(stream_file(name), commits);
@@ -357,6 +388,8 @@ try {
     std::filesystem::create_directories(OUTPUT_FOLDER);
     if (argc == 3 && std::strcmp(argv[1], "--start-stop-memory") == 0)
         return print_session_memory(static_cast<uint32_t>(std::stoul(argv[2])));
+    if (argc == 3 && std::strcmp(argv[1], "--own-time") == 0)
+        return print_own_times(argv[2]);
     if (argc == 4 && std::strcmp(argv[1], "--instructions") == 0)
         return run_commits_only(argv[2], std::stoul(argv[3]), {});
     if (argc == 4 && std::strcmp(argv[1], "--text-instructions") == 0)

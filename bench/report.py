@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Puts the measurements of one run next to the goals: prints the table, writes results.json and results.svg.
 
-    report.py FOLDER    with FOLDER/commits.json, throughput.json (Google Benchmark) and instructions.json
+    report.py FOLDER    with FOLDER/commits.json, throughput.json (Google Benchmark), instructions.json, own_time.json
 
 Every figure is the median of interleaved repetitions, and every ratio is between medians of the same run.
 """
@@ -44,7 +44,19 @@ class Measurements:
         return sorted((int(name.rsplit("/", 1)[1]), name) for name in self.values if name.startswith(prefix + "/"))
 
 
-def goals(measured, instructions):
+class Own_Times:
+    """Nanoseconds per commit that each shared object takes itself, while a whole session is traced."""
+
+    HOST, PLUGIN = "commit_benchmarks", "plugin_qtbin.so"
+
+    def __init__(self, file):
+        times = json.loads(file.read_text())
+        self.host, self.plugin = times.pop(self.HOST), times.pop(self.PLUGIN)
+        self.writer = sum(times.values())  # with the libraries that it calls, and the kernel
+        self.libraries = sorted(times.items(), key=lambda item: -item[1])
+
+
+def goals(measured, instructions, own):
     time = measured.nanoseconds
     rows = []
     for stream in STREAMS:
@@ -54,9 +66,7 @@ def goals(measured, instructions):
         rows.append(Goal(f"commit/text / write, {stream}", 2.5, 1.6,
                          time(f"commit/text:{stream}") / time(f"write:{stream}")))
     rows.append(Goal("plugin's own instructions per commit, boot-user", 1100, 600, instructions["boot-user"]))
-    own = time("commit/bin:boot-user") - time("floor:boot-user")
-    writer = time("commit/bin+qtrace:boot-user") - time("commit/bin:boot-user")
-    rows.append(Goal("reference writer's own time / plugin's own time", 1.5, 0.7, writer / own))
+    rows.append(Goal("reference writer's own time / plugin's own time", 1.5, 0.7, own.writer / own.plugin))
     rows.append(Goal("bytes per record on disk, boot-user", 12, 6,
                      measured.counter("commit/bin+qtrace:boot-user", "bytes_per_record")))
     rows.append(Goal("resident KiB added by start, per thread (of 1,024)", 64, 8,
@@ -83,6 +93,16 @@ def print_table(rows):
     print(f"{'figure':<54}{'must':>8}{'aim':>8}{'measured':>10}  reached")
     for goal in rows:
         print(f"{goal.figure:<54}{number(goal.must):>8}{number(goal.aim):>8}{number(goal.measured):>10}  {verdict(goal)}")
+
+
+def print_own_times(measured, own):
+    libraries = ", ".join(f"{name} {time:.1f}" for name, time in own.libraries if time >= 0.5)
+    print(f"\nown time, ns per commit, boot-user: plugin {own.plugin:.1f}, host's queries {own.host:.1f}, "
+          f"writer {own.writer:.1f} ({libraries})")
+    floor, plugin, both = (measured.nanoseconds(f"{what}:boot-user")
+                           for what in ("floor", "commit/bin", "commit/bin+qtrace"))
+    print(f"as differences: plugin beyond the floor {plugin - floor:.1f}, writer {both - plugin:.1f}, "
+          f"ratio {(both - plugin) / (plugin - floor):.2f}")
 
 
 def print_times(measured):
@@ -153,9 +173,11 @@ def draw(measured, rows):
 def main():
     folder = pathlib.Path(sys.argv[1])
     measured = Measurements(folder / "commits.json", folder / "throughput.json")
-    rows = goals(measured, json.loads((folder / "instructions.json").read_text()))
+    own = Own_Times(folder / "own_time.json")
+    rows = goals(measured, json.loads((folder / "instructions.json").read_text()), own)
     print_table(rows)
     print_times(measured)
+    print_own_times(measured, own)
     (folder / "results.json").write_text(json.dumps(
         {"goals": [goal._asdict() | {"reached": verdict(goal)} for goal in rows], "medians": measured.values},
         indent=2) + "\n")
