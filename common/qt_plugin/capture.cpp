@@ -426,7 +426,7 @@ INLINE_BODY void clear_registers(Plugin_Inst_Registers &r)
 // Makes a node all zero again that nothing but this file and the tree's flags have written to. A node has 2.6
 // kilobytes, most of them for guest walks and registers that hardly an instruction has: only what can have been
 // used is cleared. Whoever makes capture fill another member must clear it here; the unit tests compare.
-static void clear_captured(Node *p)
+WIDE_STORES static void clear_captured(Node *p)
 {
     First_OP_Info &info = p->info;
     const bool walks = has_guest_walk(p->pc_radix_type) || has_guest_walk(p->data_radix_type) ||

@@ -6,18 +6,29 @@
 #include <cstring>
 #include <utility>
 
+// For a function that clears: it is there twice, and on processors with stores of 32 bytes it uses them, which takes
+// half the time. Such a function cannot be inlined.
+#define WIDE_STORES __attribute__((target_clones("avx2", "default")))
+
+// Without them the compiler makes two stores of each.
+constexpr size_t WIDE = 32;
+typedef char Wide_Chunk __attribute__((vector_size(WIDE), aligned(1), may_alias));
+
 template <size_t... chunk>
 inline __attribute__((always_inline)) void clear_chunks(char *at, std::index_sequence<chunk...>)
 {
-    (memset(at + 16 * chunk, 0, 16), ...);
+    ((*reinterpret_cast<Wide_Chunk *>(at + WIDE * chunk) = Wide_Chunk{}), ...);
 }
 
 template <size_t size> inline __attribute__((always_inline)) void clear_bytes(void *at)
 {
     auto *bytes = static_cast<char *>(at);
-    clear_chunks(bytes, std::make_index_sequence<size / 16>());
-    if constexpr (size % 16 != 0)
-        memset(bytes + size / 16 * 16, 0, size % 16);
+    constexpr size_t half = size / WIDE * WIDE, rest = size / 16 * 16;
+    clear_chunks(bytes, std::make_index_sequence<size / WIDE>());
+    if constexpr (rest != half)
+        memset(bytes + half, 0, 16);
+    if constexpr (size != rest)
+        memset(bytes + rest, 0, size - rest);
 }
 
 // Clears the members of *record from `first` up to the one before `behind`.

@@ -362,10 +362,15 @@ static uint64_t put_string_length(QTRACE_RECORD &record, const First_OP_Info &in
 
 // ---- The record ------------------------------------------------------------------------------------------------
 
+WIDE_STORES static void clear_record(QTRACE_RECORD *record)
+{
+    clear_bytes<sizeof *record>(record);
+}
+
 boolean dump_node(Node *p)
 {
-    QTRACE_RECORD record; // cleared whole, whatever the library did to the one before
-    clear_bytes<sizeof record>(&record);
+    alignas(64) QTRACE_RECORD record; // cleared whole, whatever the library did to the one before
+    clear_record(&record);
     uint64_t flags = 0;
     if (!hdr_write[p->proc_index]) {
         if (!write_file_header(p))
