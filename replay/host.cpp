@@ -294,7 +294,7 @@ void warm_dump(const char *file, Machine *)
         observe(#name);                                                                                            \
         return instruction_of(iop).member;                                                                         \
     }
-#define THREAD_QUERY(type, name, member)                                                                           \
+#define CONTEXT_QUERY(type, name, member)                                                                          \
     type name(void *iop)                                                                                           \
     {                                                                                                              \
         observe(#name);                                                                                            \
@@ -314,53 +314,9 @@ void warm_dump(const char *file, Machine *)
     ONE_LEVEL_QUERY(fetch_name, fetch.array, member)                                                               \
     ONE_LEVEL_QUERY(data_name, data.array, member)
 
+#include "plain_queries.inc"
+
 // clang-format off
-THREAD_QUERY(uint64_t, Get_Reg_PTCR,   ptcr)
-THREAD_QUERY(uint64_t, Get_Reg_LPIDR,  lpid)
-THREAD_QUERY(uint32_t, Get_Reg_PIDR,   pid)
-THREAD_QUERY(uint64_t, Get_Inst_SDR1,  sdr1)
-THREAD_QUERY(boolean,  Is_Mode_64bit,  bit64)
-THREAD_QUERY(boolean,  Is_LE_Mode,     little_endian)
-THREAD_QUERY(boolean,  Is_Mode_Kernel, kernel)
-THREAD_QUERY(boolean,  In_Cycle_Mode,  cycle_mode)
-
-INSTRUCTION_QUERY(int,      Get_Inst_ThreadId,            tid)
-INSTRUCTION_QUERY(uint64_t, Get_Inst_SeqNumber,           seq)
-INSTRUCTION_QUERY(uint64_t, Get_Inst_PC,                  pc)
-INSTRUCTION_QUERY(uint64_t, Get_Inst_NPC,                 npc)
-INSTRUCTION_QUERY(uint32_t, Get_Inst_Instbody,            op)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Branch,               branch)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Unconditional_Branch, unconditional)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Branch_Taken,         taken)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Load,                 load)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Store,                store)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Cache,                cache)
-INSTRUCTION_QUERY(boolean,  Is_Inst_String,               string)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Exception,            exception)
-INSTRUCTION_QUERY(boolean,  Is_Inst_VMX,                  vmx)
-INSTRUCTION_QUERY(boolean,  Is_Inst_VSX,                  vsx)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Filtered,             filtered)
-INSTRUCTION_QUERY(boolean,  Is_Inst_SimSupport,           sim_support)
-INSTRUCTION_QUERY(boolean,  Is_Inst_Data_EA_Valid,        ea_valid)
-INSTRUCTION_QUERY(uint64_t, Get_Inst_Data_EA,             ea)
-
-ADDRESS_QUERY(MMUStatus,      Get_PC_MMU_Status,             Get_Data_MMU_Status,             status)
-ADDRESS_QUERY(RDX_XLATE_MODE, Get_PC_Xlate_Type,             Get_Data_Xlate_Type,             mode)
-ADDRESS_QUERY(RDX_MODE,       Get_PC_Radix_Guest_Mode,       Get_Data_Radix_Guest_Mode,       guest_mode)
-ADDRESS_QUERY(RDX_MODE,       Get_PC_Radix_Host_Mode,        Get_Data_Radix_Host_Mode,        host_mode)
-ADDRESS_QUERY(uint8_t,        Get_PC_Host_AXD_Two_Level,     Get_Data_Host_AXD_Two_Level,     host_two_level)
-ADDRESS_QUERY(uint8_t,        Get_PC_Guest_AXD_Two_Level,    Get_Data_Guest_AXD_Two_Level,    guest_two_level)
-ADDRESS_QUERY(uint8_t,        Get_PC_Radix_Host_Walk_Depth,  Get_Data_Radix_Host_Walk_Depth,  host_depth)
-ADDRESS_QUERY(uint8_t,        Get_PC_Radix_Guest_Walk_Depth, Get_Data_Radix_Guest_Walk_Depth, guest_depth)
-ADDRESS_QUERY(boolean,        Is_Inst_Relocated,             Is_Data_Relocated,               relocated)
-ADDRESS_QUERY(uint64_t,       Get_Inst_PC_RA,                Get_Inst_Data_RA,                ra)
-ADDRESS_QUERY(uint64_t,       Get_Inst_PC_VSID,              Get_Inst_Data_VSID,              vsid)
-ADDRESS_QUERY(uint32_t,       Get_Inst_PC_RPN,               Get_Inst_Data_RPN,               rpn)
-ADDRESS_QUERY(uint32_t,       Get_Inst_Host_PC_RPN,          Get_Inst_Data_Host_RPN,          host_rpn)
-ADDRESS_QUERY(uint32_t,       Get_Inst_Guest_PC_RPN,         Get_Inst_Data_Guest_RPN,         guest_rpn)
-ADDRESS_QUERY(uint8_t,        Get_Inst_PC_PageSize,          Get_Inst_Data_PageSize,          page_size)
-ADDRESS_QUERY(uint8_t,        Get_Inst_PC_Host_PageSize,     Get_Inst_Data_Host_PageSize,     host_page_size)
-ADDRESS_QUERY(uint8_t,        Get_Inst_PC_Guest_PageSize,    Get_Inst_Data_Guest_PageSize,    guest_page_size)
 ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPDE_L1_RA, Get_Inst_Data_GUEST_RTPDE_L1_RA, guest_walk.RTPDE_GUEST_ra_l1)
 ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPDE_L2_RA, Get_Inst_Data_GUEST_RTPDE_L2_RA, guest_walk.RTPDE_GUEST_ra_l2)
 ADDRESS_QUERY(PA, Get_Inst_PC_GUEST_RTPDE_L3_RA, Get_Inst_Data_GUEST_RTPDE_L3_RA, guest_walk.RTPDE_GUEST_ra_l3)
