@@ -36,6 +36,8 @@ COMPRESSION_NONE, COMPRESSION_ZSTD = 0, 1
 
 MASK64 = (1 << 64) - 1
 
+LOST_COMMENT = object()  # what belongs into a header, and stood in a comment block that cannot be read
+
 
 class Not_A_Trace(Exception):
     """The file cannot be read as a trace at all."""
@@ -598,8 +600,14 @@ class Payload:
         if place == 1:
             header.comment = self.extra.take(header.comment_length)
         elif place == 2:
-            header.comment, self.comment_before = self.comment_before or b"", None
-            header.comment_length = len(header.comment)
+            comment, self.comment_before = self.comment_before, None
+            if comment is None:
+                raise Malformed("a comment in front of the block, where none belongs to it")
+            if comment is LOST_COMMENT:
+                comment, header.comment_length = b"", 0
+            if header.comment_length != len(comment):
+                raise Malformed("a comment in front of the block, of another length")
+            header.comment = comment
         elif place != 0:
             raise Malformed("a comment in no known place")
         if header.file_control & FILE_IAR:
@@ -871,6 +879,11 @@ class Block:
     def end(self):
         return self.offset + BLOCK_HEADER.size + self.stored_size
 
+    def is_comment_of(self, block):
+        """Whether this is the comment block of that one: their numbers agree."""
+        matches = self.first_record == block.first_record and self.first_header == block.first_header
+        return self.flags & FLAG_COMMENT_BLOCK and block.flags & FLAG_COMMENT_BEFORE and matches
+
     def stored(self, data):
         return data[self.offset + BLOCK_HEADER.size : self.end]
 
@@ -926,25 +939,26 @@ class Trace:
 
     def blocks(self):
         """The whole blocks, and what is damaged between them."""
-        offset, records, ended = self.start, 0, False
+        offset, records, headers, ended, before = self.start, 0, 0, False, None
         while block := self.next_block(offset):
-            jump = block.first_record != records and not block.flags & FLAG_GAP
-            if block.offset > offset or jump or ended:
-                yield self.damage_before(block, offset, records, ended)
+            jump = block.first_record != records or block.first_header != headers
+            uncommented = block.flags & FLAG_COMMENT_BEFORE and not (before and before.is_comment_of(block))
+            if block.offset > offset or ended or (jump or uncommented) and not block.flags & FLAG_GAP:
+                yield self.damage_before(block, offset, records, ended, jump)
             yield block
-            offset, records = block.end, block.first_record + block.records
-            ended = bool(block.flags & FLAG_LAST)
+            offset, records, headers = block.end, block.first_record + block.records, block.first_header + block.headers
+            ended, before = bool(block.flags & FLAG_LAST), block
         if not ended or offset < len(self.data):
             yield self.damage_at_end(offset, ended)
 
     @staticmethod
-    def damage_before(block, offset, records, ended):
+    def damage_before(block, offset, records, ended, jump):
         skipped, lost = block.offset - offset, block.first_record - records
         if skipped:
             return Damage(offset, skipped, "damaged bytes", max(lost, 0), lost >= 0)
         if ended:  # whatever it counts, it need not count from here
             return Damage(offset, 0, "a block follows the last one")
-        return Damage(offset, 0, "missing blocks", max(lost, 0), lost >= 0)
+        return Damage(offset, 0, "missing blocks" if jump else "a missing comment block", max(lost, 0), lost >= 0)
 
     def damage_at_end(self, offset, ended):
         cut = Block.at(self.data, offset)
@@ -953,34 +967,39 @@ class Trace:
         return Damage(offset, len(self.data) - offset, reason, lost, False, not ended)
 
     def __iter__(self):
-        comment = None
+        before = None  # the block in front
         for block in self.blocks():
             if isinstance(block, Damage):
-                comment = None
                 yield block
                 continue
             if block.flags & FLAG_COMMENT_BLOCK:
-                comment, lost = self.comment_of(block)
+                lost = self.damage_of_comment(block)
             else:
-                lost = yield from self.items(block, comment)
-                comment = None
+                lost = yield from self.items(block, self.comment_for(block, before))
             if lost:
                 yield lost
+            before = None if lost else block
 
-    def comment_of(self, block):
-        """The comment in a comment block, or None, and its damage or None."""
+    def damage_of_comment(self, block):
+        """The damage of a comment block, or None."""
         try:
-            return block.payload(self.data), None
+            block.payload(self.data)
         except Malformed as reason:
-            return None, Damage(block.offset, block.end - block.offset, str(reason), 0, True)
+            return Damage(block.offset, block.end - block.offset, str(reason), 0, True)
+        return None
+
+    def comment_for(self, block, before):
+        """The comment in front of a block, LOST_COMMENT, or None where none belongs to it."""
+        if before and before.is_comment_of(block):
+            return before.payload(self.data)
+        return LOST_COMMENT if block.flags & FLAG_COMMENT_BEFORE else None
 
     def items(self, block, comment):
         """Delivers the items of a block up to where it is malformed. Returns the damage there, or None."""
         records = headers = 0
         try:
             known = bool(block.flags & FLAG_ADDRESS_KNOWN)
-            before = comment if block.flags & FLAG_COMMENT_BEFORE else None
-            for item in Payload(block.payload(self.data), block.first_address, known, before):
+            for item in Payload(block.payload(self.data), block.first_address, known, comment):
                 item.block_offset = block.offset
                 if isinstance(item, Header):
                     item.number, item.record_number = block.first_header + headers, block.first_record + records

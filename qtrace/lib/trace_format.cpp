@@ -80,4 +80,10 @@ std::optional<Block_Header> load_block_header(const uint8_t *from)
     return is_plausible(header) ? std::optional(header) : std::nullopt;
 }
 
+bool is_comment_of(const Block_Header &comment, const Block_Header &block)
+{
+    return (comment.flags & COMMENT_BLOCK) != 0 && (block.flags & COMMENT_BEFORE) != 0 &&
+           comment.first_record == block.first_record && comment.first_header == block.first_header;
+}
+
 } // namespace trace

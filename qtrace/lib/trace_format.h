@@ -35,7 +35,7 @@ enum Block_Flag : uint8_t {
     LAST_BLOCK = 1,     // the writer closed the file after it
     ADDRESS_KNOWN = 2,  // first_address means something
     COMMENT_BLOCK = 4,  // the payload is the comment of the first header of the next block
-    COMMENT_BEFORE = 8, // the first header's comment is the payload of the block in front
+    COMMENT_BEFORE = 8, // the first header's comment is the payload of the comment block in front
     GAP_BEFORE = 16,    // what stood in front of it was lost, and left out by a recovery: the numbers jump
     OPEN_END = 32,      // of the last block: a recovery closed the file; the trace went on
     ALL_FLAGS = 63
@@ -62,6 +62,9 @@ struct Block_Header {
 void store_block_header(const Block_Header &header, uint8_t *to);
 // The header in these 56 bytes; nothing when they are none, or damaged.
 std::optional<Block_Header> load_block_header(const uint8_t *from);
+
+// Whether the comment of the block's first header is what this comment block holds: the numbers agree.
+bool is_comment_of(const Block_Header &comment, const Block_Header &block);
 
 uint32_t crc32c(const void *bytes, size_t size);
 

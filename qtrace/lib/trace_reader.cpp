@@ -12,6 +12,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 #include <zstd.h>
 
@@ -126,7 +127,9 @@ const uint8_t *Block_File::unpack(const Block_Header &header)
 {
     if (header.compression == STORED)
         return stored_.data();
-    if (!context_)
+    // The library would take frames behind one another, and pass over those to be skipped, without a word.
+    if (!context_ || header.stored_size < sizeof(uint32_t) || load<uint32_t>(stored_.data()) != ZSTD_MAGICNUMBER ||
+        ZSTD_findFrameCompressedSize(stored_.data(), header.stored_size) != header.stored_size)
         return nullptr;
     const size_t size =
         ZSTD_decompressDCtx(context_.get(), raw_.data(), header.raw_size, stored_.data(), header.stored_size);
@@ -187,8 +190,10 @@ private:
     std::optional<QTRACE_ITEM> advance_in_block();
     std::optional<QTRACE_ITEM> enter_block();
     std::optional<QTRACE_ITEM> enter_block_at_end();
+    bool has_comment_of(const Block_Header &header) const;
     std::optional<QTRACE_ITEM> begin_items(const Place &place);
-    void fill_header();
+    bool fill_header();
+    bool fill_comment();
     QTRACE_ITEM report(uint64_t offset, uint64_t bytes, const std::string &reason);
     QTRACE_ITEM report_until_next(const std::string &reason);
     QTRACE_ITEM report_corrupt_block();
@@ -201,9 +206,11 @@ private:
     Block_File file_;
     Decoder decoder_;
     QTRACE_Item item_{};
-    std::string comment_;         // of the header in item_
-    std::string outside_comment_; // of the comment block just read
-    bool has_outside_comment_ = false;
+    std::string comment_;                       // of the header in item_
+    std::optional<Block_Header> comment_block_; // where the block entered last is one,
+    std::string outside_comment_;               // and its comment
+    enum class Outside { none, lost, here };
+    Outside outside_ = Outside::none;    // what a header of this block finds that has its comment in front of it
     uint64_t begin_ = 0;                 // offset of the first block, or 0 when the file's start is damaged
     uint64_t position_ = 0;              // offset of the next block
     uint64_t records_ = 0, headers_ = 0; // before the next item
@@ -250,7 +257,8 @@ void QTRACE_Reader::place_at(uint64_t offset, uint64_t record, uint64_t header)
     position_ = offset;
     records_ = record;
     headers_ = header;
-    numbers_open_ = seen_last_ = end_reported_ = in_block_ = held_ = has_outside_comment_ = false;
+    numbers_open_ = seen_last_ = end_reported_ = in_block_ = held_ = false;
+    comment_block_.reset();
 }
 
 QTRACE_ITEM QTRACE_Reader::next(const QTRACE_Item **item)
@@ -289,8 +297,7 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
     case Decoder::Result::header:
         if (++headers_ > block_.header.first_header + block_.header.headers)
             return report_corrupt_block();
-        fill_header();
-        return QTRACE_ITEM_HEADER;
+        return fill_header() ? QTRACE_ITEM_HEADER : report_corrupt_block();
     case Decoder::Result::end:
         in_block_ = false;
         if (records_ != block_.header.first_record + block_.header.records ||
@@ -302,22 +309,35 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
     }
 }
 
-void QTRACE_Reader::fill_header()
+// False when the header says of its comment what cannot be.
+bool QTRACE_Reader::fill_header()
 {
     item_.address = decoder_.address();
     item_.address_known = decoder_.address_known();
-    if (decoder_.comment_outside() && has_outside_comment_ &&
-        outside_comment_.size() == item_.header.comment_length) {
-        comment_ = outside_comment_;
-    } else if (decoder_.comment() != nullptr) {
-        comment_.assign(reinterpret_cast<const char *>(decoder_.comment()), item_.header.comment_length);
-    } else if (decoder_.comment_outside()) {
-        comment_.clear(); // its block was damaged, and reported
-        item_.header.comment_length = 0;
-    } else {
-        return;
-    }
+    if (decoder_.comment() == nullptr && !decoder_.comment_outside())
+        return true;
+    const bool possible = fill_comment();
     item_.header.comment = comment_.data();
+    return possible;
+}
+
+bool QTRACE_Reader::fill_comment()
+{
+    if (decoder_.comment() != nullptr) {
+        comment_.assign(reinterpret_cast<const char *>(decoder_.comment()), item_.header.comment_length);
+        return true;
+    }
+    switch (std::exchange(outside_, Outside::none)) {
+    case Outside::here:
+        comment_ = outside_comment_;
+        return comment_.size() == item_.header.comment_length;
+    case Outside::lost:
+        comment_.clear();
+        item_.header.comment_length = 0;
+        return true;
+    default:
+        return false;
+    }
 }
 
 // ---- From block to block ----------------------------------------------------------------------------------------
@@ -341,7 +361,17 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
         damage.records = damage.records_known ? lost : 0;
         return kind;
     }
+    if (!numbers_open_ && !gap && (header->flags & COMMENT_BEFORE) != 0 && !has_comment_of(*header)) {
+        const QTRACE_ITEM kind = report(position_, 0, "the comment block in front of this one is missing");
+        damage.records_known = 1;
+        return kind;
+    }
     return begin_items({position_, *header});
+}
+
+bool QTRACE_Reader::has_comment_of(const Block_Header &header) const
+{
+    return comment_block_ && is_comment_of(*comment_block_, header);
 }
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block_at_end()
@@ -363,15 +393,18 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::begin_items(const Place &place)
     headers_ = header.first_header;
     numbers_open_ = false;
     seen_last_ = (header.flags & LAST_BLOCK) != 0;
+    outside_ = has_comment_of(header)                 ? Outside::here
+               : (header.flags & COMMENT_BEFORE) != 0 ? Outside::lost
+                                                      : Outside::none;
+    comment_block_.reset();
     const uint8_t *payload = file_.unpack(header);
     if (payload == nullptr)
         return report_corrupt_block();
     if (header.flags & COMMENT_BLOCK) {
         outside_comment_.assign(reinterpret_cast<const char *>(payload), header.raw_size);
-        has_outside_comment_ = true;
+        comment_block_ = header;
         return std::nullopt;
     }
-    has_outside_comment_ = has_outside_comment_ && (header.flags & COMMENT_BEFORE) != 0;
     item_.block_offset = place.offset;
     decoded_ = true;
     in_block_ =
@@ -460,14 +493,18 @@ int QTRACE_Reader::summarize(QTRACE_Info &info, bool payloads)
     info = {};
     info.format_version = FORMAT_VERSION;
     info.size = file_.size();
-    uint64_t record = 0;
-    bool last = false, after_damage = false;
+    uint64_t record = 0, file_header = 0;
+    bool last = false, behind_last = false, after_damage = false;
+    Block_Header front; // the block before
     const auto whole = [&](const Place &place) {
         const Block_Header &header = place.header;
-        // Blocks that are gone without a trace leave a gap in the numbers only.
+        // Blocks that are gone without a trace leave a gap in the numbers only, or a header without its comment.
         const bool gap = (header.flags & GAP_BEFORE) != 0;
-        if (!after_damage && ((header.first_record != record && !gap) || last))
+        const bool jump = header.first_record != record || header.first_header != file_header;
+        const bool uncommented = (header.flags & COMMENT_BEFORE) != 0 && !is_comment_of(front, header);
+        if (!after_damage && (((jump || uncommented) && !gap) || last))
             ++info.damaged_places;
+        behind_last |= last;
         info.left_out += gap;
         info.open_end = (header.flags & OPEN_END) != 0;
         ++info.blocks;
@@ -475,16 +512,19 @@ int QTRACE_Reader::summarize(QTRACE_Info &info, bool payloads)
         info.headers += header.headers;
         info.compression = std::max<uint32_t>(info.compression, header.compression);
         record = header.first_record + header.records;
+        file_header = header.first_header + header.headers;
         last = (header.flags & LAST_BLOCK) != 0;
         after_damage = false;
+        front = header;
     };
     const auto broken = [&] {
         ++info.damaged_places;
+        behind_last |= last;
         last = false;
         after_damage = true;
     };
     walk(payloads, whole, broken);
-    info.clean_end = last;
+    info.clean_end = last && !behind_last;
     if (!last && !after_damage)
         ++info.damaged_places;
     if (file_.error == 0)

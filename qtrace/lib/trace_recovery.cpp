@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace
@@ -43,69 +44,100 @@ struct Kept_Block {
     uint64_t end() const { return offset + header.size(); }
 };
 
-Block_Header read_header(int file, const std::string &name, uint64_t offset)
+std::optional<Block_Header> header_at(int file, const std::string &name, uint64_t offset)
 {
     uint8_t bytes[BLOCK_HEADER_SIZE];
-    if (::pread(file, bytes, sizeof bytes, static_cast<off_t>(offset)) != sizeof bytes)
+    const ssize_t got = ::pread(file, bytes, sizeof bytes, static_cast<off_t>(offset));
+    if (got < 0)
         fail(name, "read");
-    const std::optional<Block_Header> header = load_block_header(bytes);
-    if (!header)
-        throw Failure{name + ": the file changed while it was read"};
-    return *header;
+    return got == sizeof bytes ? load_block_header(bytes) : std::nullopt;
 }
 
-// The comment block between two neighbours, if there is one.
-void keep_comment(int file, const std::string &name, uint64_t from, uint64_t to, std::vector<Kept_Block> &kept)
+// The whole blocks of a file, as its reader passes over them.
+class Block_Keeper
 {
-    if (to < from + BLOCK_HEADER_SIZE)
-        return;
-    uint8_t bytes[BLOCK_HEADER_SIZE];
-    if (::pread(file, bytes, sizeof bytes, static_cast<off_t>(from)) != sizeof bytes)
-        fail(name, "read");
-    const std::optional<Block_Header> header = load_block_header(bytes);
-    if (header && (header->flags & COMMENT_BLOCK) != 0 && from + header->size() == to)
-        kept.push_back({from, *header});
+public:
+    Block_Keeper(int file, const std::string &name) : file_(file), name_(name)
+    {
+        if (header_at(file, name, 0)) // its first bytes are missing
+            behind_ = 0;
+    }
+    // The blocks that begin in front of `end` and were not kept yet: the reader found no damage there. Comment
+    // blocks and empty ones deliver no item and are among them.
+    void keep_up_to(uint64_t end)
+    {
+        while (behind_ < end) {
+            const std::optional<Block_Header> header = header_at(file_, name_, behind_);
+            if (!header)
+                throw Failure{name_ + ": the file changed while it was read"};
+            kept_.push_back({behind_, *header});
+            behind_ = kept_.back().end();
+        }
+    }
+    // What begins there, kept or not, is damaged.
+    void drop(uint64_t offset, uint64_t bytes)
+    {
+        while (!kept_.empty() && kept_.back().offset >= offset)
+            kept_.pop_back();
+        behind_ = offset + bytes;
+    }
+    std::vector<Kept_Block> &kept() { return kept_; }
+
+private:
+    int file_;
+    const std::string &name_;
+    std::vector<Kept_Block> kept_;
+    uint64_t behind_ = FILE_START_SIZE; // the last block or damage
+};
+
+void account(const QTRACE_Damage &damage, bool behind_last, QTRACE_Recovery &result)
+{
+    result.damaged_places++;
+    result.lost_bytes += damage.bytes;
+    result.lost_records += damage.records;
+    // what stands behind the writer's last block was never part of the trace
+    result.lost_records_known &= damage.records_known | behind_last;
 }
 
 // Every block whose items can all be read, in file order.
 std::vector<Kept_Block> whole_blocks(int file, const std::string &name, QTRACE_Reader *reader,
                                      QTRACE_Recovery &result)
 {
-    std::vector<Kept_Block> kept;
+    Block_Keeper keeper(file, name);
+    const std::vector<Kept_Block> &kept = keeper.kept();
     const QTRACE_Item *item = nullptr;
-    uint64_t neighbour = FILE_START_SIZE; // where a block stands right behind the last one
     for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
         if (kind == QTRACE_ITEM_ERROR)
             throw Failure{qtrace_error(reader)};
-        if (kind == QTRACE_ITEM_DAMAGE) {
-            const QTRACE_Damage &damage = *qtrace_damage(reader);
-            result.damaged_places++;
-            result.lost_bytes += damage.bytes;
-            result.lost_records += damage.records;
-            // what stands behind the writer's last block was never part of the trace
-            const bool behind =
-                !kept.empty() && (kept.back().header.flags & LAST_BLOCK) != 0 && damage.offset >= kept.back().end();
-            result.lost_records_known &= damage.records_known | behind;
-            while (!kept.empty() && kept.back().offset >= damage.offset)
-                kept.pop_back();
-        } else if (kept.empty() || kept.back().offset != item->block_offset) {
-            const Block_Header header = read_header(file, name, item->block_offset);
-            keep_comment(file, name, neighbour, item->block_offset, kept);
-            kept.push_back({item->block_offset, header});
-            neighbour = kept.back().end();
+        if (kind != QTRACE_ITEM_DAMAGE) {
+            keeper.keep_up_to(item->block_offset + 1);
+            continue;
         }
+        const QTRACE_Damage &damage = *qtrace_damage(reader);
+        keeper.keep_up_to(damage.offset);
+        const bool behind_last =
+            !kept.empty() && (kept.back().header.flags & LAST_BLOCK) != 0 && damage.offset >= kept.back().end();
+        account(damage, behind_last, result);
+        keeper.drop(damage.offset, damage.bytes);
     }
-    return kept;
+    struct stat status;
+    if (::fstat(file, &status) != 0)
+        fail(name, "read");
+    keeper.keep_up_to(static_cast<uint64_t>(status.st_size));
+    return std::move(keeper.kept());
 }
 
 // Numbers stay as they are; the flags say where they jump, and that the end is not the writer's.
 void mark_what_is_lost(std::vector<Kept_Block> &kept, QTRACE_Recovery &result)
 {
     uint64_t records = 0, headers = 0;
+    Block_Header front;
     for (Kept_Block &block : kept) {
         Block_Header &header = block.header;
-        if (header.first_record != records || header.first_header != headers)
+        const bool uncommented = (header.flags & COMMENT_BEFORE) != 0 && !is_comment_of(front, header);
+        if (header.first_record != records || header.first_header != headers || uncommented)
             header.flags |= GAP_BEFORE;
+        front = header;
         records = header.first_record + header.records;
         headers = header.first_header + header.headers;
         result.records += header.records;

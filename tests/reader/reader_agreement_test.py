@@ -1,11 +1,13 @@
 """The Python reader and the C++ reader deliver the same, item by item.
 
-    reader_agreement_test.py PROGRAMS corpus|damage|random|streams|lines
+    reader_agreement_test.py PROGRAMS corpus|damage|random|streams|lines|mended
 
 corpus: the small traces of tests/golden/format, which have an expectation of their own; damage: some of these with
 every byte changed, cut off and taken out; random: generated records;
 streams: recorded streams through the replay program (the first 20,000 lines of each, with QT_LONG=1 all of every
-one); lines: what `qtrace dump --json` and the command line of qtrace.py print. QT_LONG=1 takes more of all."""
+one); lines: what `qtrace dump --json` and the command line of qtrace.py print; mended: what `qtrace info` says of the
+small traces, and `qtrace recover` makes of them. QT_LONG=1 takes more of all."""
+import itertools
 import json
 import os
 import pathlib
@@ -138,6 +140,52 @@ class lines(Agreement):
             with self.subTest(trace.name):
                 mine = self.printed(sys.executable, ROOT / "python/qtrace.py", trace)
                 self.assertEqual(mine, self.printed(PROGRAMS / "qtrace", "dump", "--json", trace))
+
+
+class mended(Agreement):
+    def for_every_trace(self, check):
+        for path in sorted(CORPUS.glob("*.trace")):
+            with self.subTest(path.name):
+                try:
+                    trace = qtrace.Trace(path)
+                except qtrace.Not_A_Trace:
+                    continue
+                check(path, list(trace.blocks()), list(trace))
+
+    def qtrace(self, *arguments):
+        run = subprocess.run([PROGRAMS / "qtrace", *arguments], capture_output=True, text=True)
+        return run.returncode, json.loads(run.stdout) if run.stdout else None
+
+    def test_info_says_what_reading_finds(self):
+        def check(path, places, items):
+            ends = [isinstance(place, qtrace.Block) and bool(place.flags & qtrace.FLAG_LAST) for place in places]
+            code, info = self.qtrace("info", "--json", "--verify", path)
+            self.assertEqual(code, 3 if any(isinstance(item, qtrace.Damage) for item in items) else 0)
+            self.assertEqual(info["damaged_places"], sum(isinstance(place, qtrace.Damage) for place in places))
+            self.assertEqual(info["clean_end"], ends[-1] and sum(ends) == 1)
+
+        self.for_every_trace(check)
+
+    def test_recovering_keeps_all_that_is_whole_and_the_result_is_not_damaged(self):
+        saved, again = self.folder / "saved", self.folder / "again"
+
+        def check(path, places, items):
+            damages = [item for item in items if isinstance(item, qtrace.Damage)]
+            gone = set(itertools.chain(*(range(damage.offset, damage.offset + damage.bytes) for damage in damages)))
+            kept = [item for item in items if not isinstance(item, qtrace.Damage) and item.block_offset not in gone]
+            code, _ = self.qtrace("recover", "--json", path, saved)
+            if not any(isinstance(place, qtrace.Block) and place.offset not in gone for place in places):
+                self.assertEqual(code, 1)
+                return
+            self.assertEqual(code, 3 if damages else 0)
+            self.assertEqual(read_all(saved), [item.for_json() for item in kept])
+            self.assert_readers_agree(saved)
+            if not damages and path.name != "file-start-missing.trace":
+                self.assertEqual(saved.read_bytes(), path.read_bytes())
+            self.assertEqual(self.qtrace("recover", "--json", saved, again)[0], 0)
+            self.assertEqual(again.read_bytes(), saved.read_bytes())
+
+        self.for_every_trace(check)
 
 
 if __name__ == "__main__":

@@ -641,6 +641,40 @@ TEST_F(trace_file, seeking_to_a_lost_record_comes_to_the_damage)
     qtrace_close(reader);
 }
 
+TEST_F(trace_file, without_its_comment_block_is_damaged)
+{
+    Random_Trace chance(11);
+    const QTRACE_FDESCR file = open();
+    write(file, chance.plausible_header());
+    write(file, chance.plausible_record());
+    QTRACE_FILE_HDR header = chance.plausible_header();
+    header.control.comment_present = 1;
+    write(file, header, chance.comment(20'000));
+    for (int i = 0; i < 10; ++i)
+        write(file, chance.plausible_record());
+    QTRACE_Fclose(file);
+    const std::vector<uint64_t> blocks = block_offsets();
+    ASSERT_EQ(blocks.size(), 2u);
+    const std::string whole = bytes();
+    uint32_t stored_size;
+    std::memcpy(&stored_size, &whole[16 + 8], 4);
+    const uint64_t comment_block = 16 + 56 + stored_size;
+    put_bytes(whole.substr(0, comment_block) + whole.substr(blocks[1]));
+    const Contents contents = read();
+    ASSERT_EQ(contents.damages.size(), 1u);
+    EXPECT_EQ(contents.damages[0].offset, comment_block);
+    EXPECT_EQ(contents.damages[0].bytes, 0u);
+    EXPECT_EQ(contents.damages[0].records, 0u);
+    EXPECT_TRUE(contents.damages[0].records_known);
+    EXPECT_THAT(contents.texts[0], HasSubstr("the comment block in front of this one is missing"));
+    ASSERT_EQ(contents.items.size(), written_.size());
+    EXPECT_EQ(contents.items[2].comment, "");
+    for (const size_t i : {0, 1, 3, 12})
+        EXPECT_EQ(contents.items[i], written_[i]);
+    EXPECT_EQ(verified().damaged_places, 1u);
+    EXPECT_TRUE(verified().clean_end);
+}
+
 TEST_F(trace_file, with_bytes_behind_its_last_block_is_damaged)
 {
     write_plausible(100);
@@ -655,6 +689,7 @@ TEST_F(trace_file, with_bytes_behind_its_last_block_is_damaged)
     contents = read();
     EXPECT_FALSE(contents.damages.empty());
     EXPECT_EQ(contents.records(), 200u);
+    EXPECT_FALSE(verified().clean_end);
 }
 
 TEST_F(trace_file, with_a_damaged_start_is_read_from_its_first_block)

@@ -439,6 +439,7 @@ def file_cases():
         whole(f"comment-block-{size}", maker.record(), flags=COMMENT_BEFORE)
     maker = base_blocks()
     case("several-blocks", FILE_START + b"".join(maker.blocks), maker.lines())
+    case("file-start-missing", b"".join(maker.blocks), maker.lines())
     maker = base_blocks()
     size = len(data := FILE_START + b"".join(maker.blocks))
     case("garbage-behind-last-block", data + b"garbage", maker.lines() + [damage_line(size, 7, 0, False)])
@@ -595,6 +596,11 @@ def malformed_cases():
     malformed("zstd-no-frame", right, stored_bytes=b"no frame")
     malformed("zstd-cut", right, stored_bytes=compressed[:-1])
     malformed("zstd-bytes-behind", right, stored_bytes=compressed + b"\0")
+    halves = [zstandard.ZstdCompressor().compress(half) for half in (right[:20], right[20:])]
+    malformed("zstd-two-frames", right, stored_bytes=b"".join(halves))
+    skipped = struct.pack("<2I", 0x184D2A50, 4) + b"skip"
+    malformed("zstd-skippable-frame-in-front", right, stored_bytes=skipped + compressed)
+    malformed("zstd-skippable-frame-behind", right, stored_bytes=compressed + skipped)
     malformed("zstd-raw-size-too-small", right, stored_bytes=compressed, raw_size=len(right) - 1)
     malformed("zstd-raw-size-too-large", right, stored_bytes=compressed, raw_size=len(right) + 1)
     malformed("zstd-bomb", right, stored_bytes=zstandard.ZstdCompressor().compress(bytes(1 << 24)))
@@ -634,19 +640,59 @@ def order_cases():
             lines += maker.lines(without={0, 1, 2, 3} - {i})
             at, records = at + len(maker.blocks[i]), i * 2 + 2
         case(f"blocks-{name}", FILE_START + b"".join(maker.blocks[i] for i in order), lines)
-    maker = Trace_Maker().comment_block(b"text").header(comment=b"text", place=2, file_control=2).record()
-    maker.end(COMMENT_BEFORE).record(instruction=3).end(LAST)
-    comment, first, last = maker.blocks
-    right = maker.lines()
-    case("comment-block-twice", FILE_START + comment * 2 + first + last, right)
-    case("comment-block-without-header", FILE_START + comment + last, [
-        damage_line(16 + len(comment), 0, 1)] + maker.lines(without=[1]))  # fmt: skip
-    case("comment-block-last", FILE_START + comment, [damage_line(16 + len(comment), 0, 0, False, True)])
-    maker.items[1][0].comment, maker.items[1][0].comment_length = b"", 0
-    case("comment-block-missing", FILE_START + first + last, maker.lines())
-    bad = bytearray(comment)
-    bad[-1] ^= 1
-    case("comment-block-damaged", FILE_START + bad + first + last, [damage_line(16, len(bad), 0)] + maker.lines())
+    maker = Trace_Maker()
+    for i in range(4):
+        maker.record(instruction=i) if i == 1 else maker.header(control=0x60, lpid=i)
+        maker.end(LAST if i == 3 else 0)
+    maker.blocks.pop(2)
+    case("missing-block-of-headers", FILE_START + b"".join(maker.blocks), maker.lines(without=[2, 3])
+         + [damage_line(places(maker)[2], 0)] + maker.lines(without=[0, 1, 2]))  # fmt: skip
+
+
+def commented(*headers, flags=COMMENT_BEFORE):
+    """A block, a comment block, a block with these headers, one more block."""
+    maker = started().record(instruction=1).end().comment_block(b"text")
+    for members in headers or [{}]:
+        maker.header(**({"comment": b"text", "place": 2, "file_control": 2} | members))
+    maker.record(instruction=2).end(flags).record(instruction=3).end(LAST)
+    return maker
+
+
+def comment_block_cases():
+    """Comment blocks that are not where they belong."""
+    maker = commented()
+    ahead, comment, first, last = maker.blocks
+    at = places(maker)
+    begin, right, bad = FILE_START + ahead, maker.lines(), comment[:-1] + b"?"
+    case("comment-block-twice", begin + comment * 2 + first + last, right)
+    # The numbers of a comment block say whose comment it is.
+    case("comment-block-before-damage", begin + comment + b"junk" + first + last, [
+        *maker.lines(without=[2, 3]), damage_line(at[2], 4), *maker.lines(without=[0, 1])])  # fmt: skip
+    case("comment-block-without-header", begin + comment + last, [
+        *maker.lines(without=[2, 3]), damage_line(at[2], 0, 1), *maker.lines(without=[0, 1, 2])])  # fmt: skip
+    case("comment-block-last", begin + comment, [
+        *maker.lines(without=[2, 3]), damage_line(at[2], 0, 0, False, True)])  # fmt: skip
+    maker.items[2][0].comment, maker.items[2][0].comment_length = b"", 0
+    before, behind = maker.lines(without=[2, 3]), maker.lines(without=[0, 1])
+    case("comment-block-missing", begin + first + last, [*before, damage_line(at[1], 0), *behind])
+    case("comment-block-left-out", begin + with_flags(first, GAP) + last, before + behind)
+    case("comment-block-damaged", begin + bad + first + last, [*before, damage_line(at[1], len(bad)), *behind])
+    other = Trace_Maker().comment_block(b"text").blocks[0]
+    case("comment-block-before-another", FILE_START + other + ahead + first + last, [
+        *before, damage_line(at[1] + len(other), 0), *behind])  # fmt: skip
+    case("comment-block-of-another-before-gap", FILE_START + other + with_flags(first, GAP) + last,
+         maker.lines(without=[0]))  # fmt: skip
+    # What no writer makes.
+    for name, maker, delivered in (
+        ("of-another-length", commented({"comment_length": 5}), 0),
+        ("without-flag", commented(flags=0), 0),
+        ("for-two-headers", commented({}, {}), 1),
+    ):
+        at, lost = places(maker), maker.items[2][delivered:]
+        del maker.items[2][delivered:]
+        case(f"comment-block-{name}", FILE_START + b"".join(maker.blocks), [
+            *maker.lines(without=[3]), damage_line(at[2], at[3] - at[2], len(lost) and 1),
+            *maker.lines(without=[0, 1, 2])])  # fmt: skip
 
 
 def recovered_cases():
@@ -678,7 +724,7 @@ def with_flags(data, flags):
 def main():
     for cases in (member_cases, flag_cases, register_cases, value_kind_cases, expectation_cases, translation_cases,
                   file_cases, damage_cases, malformed_cases, order_cases,
-                  recovered_cases):  # fmt: skip
+                  comment_block_cases, recovered_cases):  # fmt: skip
         cases()
     wanted = {f"{name}.trace": data for name, (data, _) in CASES.items()}
     wanted |= {f"{name}.json": "".join(text + "\n" for text in lines).encode() for name, (_, lines) in CASES.items()}
