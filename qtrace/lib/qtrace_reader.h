@@ -78,7 +78,7 @@ const QTRACE_FILE_HDR *qtrace_open_header(QTRACE_Reader *reader);
 
 /* Goes to record number `record` (from 0; to the headers in front of it, if any) by way of the blocks, without
  * decoding those before it. Returns 0, or -1 when the file has no such record (then at the end). Where the record
- * was lost the next item is the damage. */
+ * was lost the next item is the damage, and so it is in front of the first record behind a damaged place. */
 int qtrace_seek(QTRACE_Reader *reader, uint64_t record);
 
 /* Summary of the whole file, from the block headers alone. The position of the reader is kept. Returns 0 or -1. */

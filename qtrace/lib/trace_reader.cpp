@@ -200,6 +200,7 @@ private:
     QTRACE_ITEM fail(uint64_t offset);
     void place_at(uint64_t offset, uint64_t record, uint64_t header);
     const std::vector<Place> &index();
+    bool is_item_before(uint64_t record) const;
     template <class Visitor, class Damage_Visitor> void walk(bool payloads, Visitor whole, Damage_Visitor broken);
 
     std::string name_;
@@ -542,6 +543,11 @@ const std::vector<Place> &QTRACE_Reader::index()
     return index_;
 }
 
+bool QTRACE_Reader::is_item_before(uint64_t record) const
+{
+    return (item_.kind == QTRACE_ITEM_RECORD || item_.kind == QTRACE_ITEM_HEADER) && item_.record_number < record;
+}
+
 int QTRACE_Reader::seek(uint64_t record)
 {
     const std::vector<Place> &blocks = index();
@@ -568,9 +574,15 @@ int QTRACE_Reader::seek(uint64_t record)
         first_header = front.header.first_header + front.header.headers;
     }
     place_at(from, first_record, first_header);
-    do
-        item_.kind = advance();
-    while ((item_.kind == QTRACE_ITEM_RECORD || item_.kind == QTRACE_ITEM_HEADER) && item_.record_number < record);
+    size_t steps = 1, last_in_front = 0; // advances; of them, those up to the last item in front of the record
+    for (; (item_.kind = advance()) == QTRACE_ITEM_DAMAGE || is_item_before(record); ++steps)
+        if (item_.kind != QTRACE_ITEM_DAMAGE)
+            last_in_front = steps;
+    if (steps > last_in_front + 1) { // damage behind it comes first
+        place_at(from, first_record, first_header);
+        for (steps = 0; steps <= last_in_front; ++steps)
+            item_.kind = advance();
+    }
     held_ = true;
     return 0;
 }

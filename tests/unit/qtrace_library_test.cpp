@@ -641,6 +641,36 @@ TEST_F(trace_file, seeking_to_a_lost_record_comes_to_the_damage)
     qtrace_close(reader);
 }
 
+TEST_F(trace_file, seeking_to_a_record_behind_damage_comes_to_the_record)
+{
+    write_plausible(60'000);
+    const std::vector<uint64_t> blocks = block_offsets();
+    const std::string whole = bytes();
+    std::string damaged = whole;
+    damaged[blocks[2] + 3] ^= 1; // its header
+    for (const std::string &broken : {damaged, whole.substr(0, blocks[2]) + whole.substr(blocks[3])}) {
+        put_bytes(broken);
+        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+        const QTRACE_Item *item;
+        while (qtrace_next(reader, &item) != QTRACE_ITEM_DAMAGE)
+            ;
+        ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
+        const uint64_t first = item->record_number;
+        // In front of the first one there is still the damage; in front of its neighbour there is the first one.
+        ASSERT_EQ(qtrace_seek(reader, first), 0);
+        EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DAMAGE);
+        EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
+        EXPECT_EQ(item->record_number, first);
+        for (const uint64_t record : {first + 1, first + 500}) {
+            ASSERT_EQ(qtrace_seek(reader, record), 0);
+            ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
+            EXPECT_EQ(item->record_number, record);
+            EXPECT_EQ(item_of(*item), written_.at(record + 1)); // a header stands in front of all
+        }
+        qtrace_close(reader);
+    }
+}
+
 TEST_F(trace_file, without_its_comment_block_is_damaged)
 {
     Random_Trace chance(11);
