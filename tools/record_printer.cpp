@@ -1,6 +1,7 @@
 #include "record_printer.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace qtrace_tool
 {
@@ -11,11 +12,11 @@ void Field_Selection::add_group(Field_Group group)
 {
     for (size_t i = 0; i < RECORD_MEMBERS.size(); i++)
         if (RECORD_MEMBERS[i].group == group)
-            members_.set(i);
+            members_.add(i);
     if (group == Field_Group::registers)
         registers_.set();
     if (group == Field_Group::flags)
-        members_.set(FLAGS_BIT);
+        flags_ = true;
 }
 
 bool Field_Selection::add(std::string_view name)
@@ -29,25 +30,18 @@ bool Field_Selection::add(std::string_view name)
     for (size_t i = 0; i < RECORD_MEMBERS.size(); i++)
         if (RECORD_MEMBERS[i].name == name ||
             (name == "regs" && RECORD_MEMBERS[i].shape == Member_Shape::registers)) {
-            members_.set(i);
+            members_.add(i);
             found = true;
         }
     for (size_t i = 0; i < REGISTER_CLASSES.size(); i++)
         if (REGISTER_CLASSES[i].name == name) {
             registers_.set(i);
-            members_.set(static_cast<size_t>(find_record_member("regs") - RECORD_MEMBERS.data()));
+            members_.add(static_cast<size_t>(find_record_member("regs") - RECORD_MEMBERS.data()));
             found = true;
         }
     if (name == "regs")
         registers_.set();
     return found;
-}
-
-void Field_Selection::finish()
-{
-    for (size_t i = 0; i < RECORD_MEMBERS.size(); i++)
-        if (members_[i])
-            order_.push_back(static_cast<uint8_t>(i));
 }
 
 Field_Selection Field_Selection::usual()
@@ -58,7 +52,6 @@ Field_Selection Field_Selection::usual()
         if (group != Field_Group::next_walk && group != Field_Group::data_walk && group != Field_Group::unused)
             selection.add_group(group);
     }
-    selection.finish();
     return selection;
 }
 
@@ -67,7 +60,6 @@ Field_Selection Field_Selection::all()
     Field_Selection selection;
     for (size_t i = 0; i < GROUPS.size(); i++)
         selection.add_group(static_cast<Field_Group>(i));
-    selection.finish();
     return selection;
 }
 
@@ -81,7 +73,6 @@ std::optional<Field_Selection> Field_Selection::parse(const std::vector<std::str
             unknown = name;
             return std::nullopt;
         }
-    selection.finish();
     return selection;
 }
 
@@ -281,13 +272,14 @@ bool is_shown(const Trace_Member &member, const QTRACE_RECORD &record, const Fla
                                             is_zero(member.at(record), member.size));
 }
 
-void print_flags_json(Output &out, std::span<const Trace_Flag> rows, uint64_t word)
+void print_flags_json(Output &out, const std::array<const Trace_Flag *, 64> &flag_of_bit, uint64_t word)
 {
-    for (const Trace_Flag &flag : rows)
-        if (const uint64_t value = flag.value(word); value != 0) {
-            print_key(out, flag.name);
-            out.put_decimal(value);
-        }
+    while (word != 0) {
+        const Trace_Flag &flag = *flag_of_bit[static_cast<size_t>(std::countr_zero(word))];
+        print_key(out, flag.name);
+        out.put_decimal(flag.value(word));
+        word &= ~flag.mask();
+    }
 }
 
 void print_json_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
@@ -385,17 +377,22 @@ size_t utf8_length(std::string_view text)
     return overlong || no_character ? 0 : length;
 }
 
+// Stands for itself in a JSON string.
+bool is_plain(char c)
+{
+    return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+}
+
 void print_json_byte(Output &out, char c)
 {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
+    if (is_plain(c)) {
+        out.put(c);
+    } else if (c == '"' || c == '\\') {
         out.put('\\');
         out.put(c);
-    } else if (byte < 0x20 || byte >= 0x7F) {
-        out.put("\\u00");
-        out.put_hex(byte, 2);
     } else {
-        out.put(c);
+        out.put("\\u00");
+        out.put_hex(static_cast<unsigned char>(c), 2);
     }
 }
 
@@ -413,12 +410,15 @@ void print_json_text(Output &out, std::string_view text)
 {
     out.put('"');
     while (!text.empty()) {
-        const size_t length = utf8_length(text);
+        const auto special = std::ranges::find_if_not(text, is_plain);
+        auto length = static_cast<size_t>(special - text.begin());
+        if (length == 0)
+            length = utf8_length(text);
         if (length > 0)
             out.put(text.substr(0, length));
         else
             print_json_byte(out, text[0]);
-        text.remove_prefix(length > 0 ? length : 1);
+        text.remove_prefix(std::max<size_t>(length, 1));
     }
     out.put('"');
 }
@@ -469,9 +469,11 @@ void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &f
         out.put(record.header.control.fld.node_present ? 'N' : '-');
         out.put(end_letter(record));
     }
-    for (const uint8_t i : fields.members())
-        if (is_shown(RECORD_MEMBERS[i], record, flags))
-            print_member(out, RECORD_MEMBERS[i], record, fields);
+    Member_Set shown = maybe_filled(record);
+    ((shown |= gated_by(flags)) &= fields.members()).for_each([&](size_t row) {
+        if (is_shown(RECORD_MEMBERS[row], record, flags))
+            print_member(out, RECORD_MEMBERS[row], record, fields);
+    });
     out.put('\n');
     out.settle();
 }
@@ -481,8 +483,8 @@ void print_header_json(Output &out, const QTRACE_Item &item, std::string_view fi
     const Flag_Words flags = flags_of(item.header);
     begin_json(out, file);
     out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
-    print_flags_json(out, FILE_FLAGS, flags.file);
-    print_flags_json(out, CONTROL_FLAGS, flags.control);
+    print_flags_json(out, FILE_FLAG_OF_BIT, flags.file);
+    print_flags_json(out, CONTROL_FLAG_OF_BIT, flags.control);
     if (item.header.sec_ext_controlword.instruction != 0)
         out.print(",\"instruction\":\"0x{:x}\"", item.header.sec_ext_controlword.instruction);
     for (const Trace_Member &member : HEADER_MEMBERS)
@@ -507,13 +509,14 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view fi
         out.put('"');
     }
     if (fields.shows_flags())
-        print_flags_json(out, CONTROL_FLAGS, flags_of(item.record).control);
-    for (const uint8_t i : fields.members()) {
-        if (RECORD_MEMBERS[i].shape == Member_Shape::registers)
+        print_flags_json(out, CONTROL_FLAG_OF_BIT, flags_of(item.record).control);
+    Member_Set shown = maybe_filled(item.record);
+    (shown &= fields.members()).for_each([&](size_t row) {
+        if (RECORD_MEMBERS[row].shape == Member_Shape::registers)
             print_registers_json(out, item.record.regs, fields);
         else
-            print_member_json(out, RECORD_MEMBERS[i], item.record);
-    }
+            print_member_json(out, RECORD_MEMBERS[row], item.record);
+    });
     out.put("}\n");
     out.settle();
 }

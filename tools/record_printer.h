@@ -13,12 +13,10 @@
 namespace qtrace_tool
 {
 
-// Which members a line shows: bit i for RECORD_MEMBERS[i], one more for the flags.
+// What a line shows: members, flags, register classes.
 class Field_Selection
 {
 public:
-    static constexpr size_t FLAGS_BIT = 127;
-
     // What text lines show when nothing is asked for (no walks), and everything.
     static Field_Selection usual();
     static Field_Selection all();
@@ -27,19 +25,17 @@ public:
     // Every name that parse() takes.
     static std::vector<std::string> names();
 
-    bool shows(size_t member) const { return members_[member]; }
-    bool shows_flags() const { return members_[FLAGS_BIT]; }
+    bool shows_flags() const { return flags_; }
     bool shows_registers(size_t register_class) const { return registers_[register_class]; }
-    const std::vector<uint8_t> &members() const { return order_; } // the shown rows of RECORD_MEMBERS
+    const Member_Set &members() const { return members_; }
 
 private:
     void add_group(Field_Group group);
     bool add(std::string_view name);
-    void finish();
 
-    std::bitset<128> members_;
+    Member_Set members_;
+    bool flags_ = false;
     std::bitset<16> registers_;
-    std::vector<uint8_t> order_;
 };
 
 void print_header(Output &out, const QTRACE_Item &item);

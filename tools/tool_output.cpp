@@ -1,17 +1,30 @@
 #include "tool_output.h"
 
+#include <array>
 #include <cerrno>
 #include <unistd.h>
 
 namespace qtrace_tool
 {
 
-static constexpr char DIGITS[] = "0123456789abcdef";
+// "000102...ff"
+static consteval std::array<char, 512> hex_pairs()
+{
+    std::array<char, 512> pairs{};
+    for (size_t i = 0; i < pairs.size(); i++)
+        pairs[i] = "0123456789abcdef"[i % 2 == 0 ? i / 32 : i / 2 % 16];
+    return pairs;
+}
+static constexpr std::array<char, 512> HEX_PAIRS = hex_pairs();
 
 void Output::put_decimal(uint64_t value)
 {
+    if (value < 10) {
+        put(static_cast<char>('0' + value));
+        return;
+    }
     const fmt::format_int text(value);
-    buffer_.append(text.data(), text.size());
+    put({text.data(), text.size()});
 }
 
 void Output::put_hex(uint64_t value)
@@ -21,10 +34,11 @@ void Output::put_hex(uint64_t value)
 
 void Output::put_hex(uint64_t value, unsigned digits)
 {
-    char text[16];
-    for (unsigned i = digits; i-- > 0; value >>= 4)
-        text[i] = DIGITS[value & 15];
-    buffer_.append(text, digits);
+    char *to = room(digits);
+    for (; digits >= 2; value >>= 8)
+        std::memcpy(to + (digits -= 2), &HEX_PAIRS[2 * (value & 0xFF)], 2);
+    if (digits == 1)
+        *to = HEX_PAIRS[2 * (value & 0xF) + 1];
 }
 
 void Output::put_padded(uint64_t value, unsigned width)
@@ -32,7 +46,7 @@ void Output::put_padded(uint64_t value, unsigned width)
     const fmt::format_int text(value);
     for (size_t n = text.size(); n < width; n++)
         put(' ');
-    buffer_.append(text.data(), text.size());
+    put({text.data(), text.size()});
 }
 
 void Output::paint(Colour colour)

@@ -5,9 +5,9 @@
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace qtrace_tool
 {
@@ -25,7 +25,12 @@ public:
     ~Output() { flush(); }
 
     void put(char c) { buffer_.push_back(c); }
-    void put(std::string_view text) { buffer_.append(text); }
+    void put(std::string_view text)
+    {
+        char *to = room(text.size());
+        if (!text.empty())
+            std::memcpy(to, text.data(), text.size());
+    }
     void put_decimal(uint64_t value);
     void put_hex(uint64_t value);                    // without prefix or leading zeros
     void put_hex(uint64_t value, unsigned digits);   // the lowest `digits` digits
@@ -37,7 +42,12 @@ public:
     }
 
     // What was put so far, instead of handing it on.
-    std::string take() { return std::exchange(buffer_, {}); }
+    std::string take()
+    {
+        std::string text(buffer_.data(), buffer_.size());
+        buffer_.clear();
+        return text;
+    }
 
     // What follows is in that colour, up to the next call.
     void paint(Colour colour);
@@ -55,10 +65,18 @@ public:
 private:
     static constexpr size_t CAPACITY = 256 * 1024;
 
+    // The place of so many characters more, to be filled by the caller.
+    char *room(size_t count)
+    {
+        const size_t size = buffer_.size();
+        buffer_.resize(size + count);
+        return buffer_.data() + size;
+    }
+
     int descriptor_;
     bool colour_;
     int error_ = 0;
-    std::string buffer_;
+    fmt::memory_buffer buffer_;
 };
 
 } // namespace qtrace_tool

@@ -5,6 +5,7 @@
 #include "qtrace_t.h"
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -53,6 +54,8 @@ struct Trace_Flag {
 // Of a control word, and of the word of file headers; in the order of their bits.
 extern const std::span<const Trace_Flag> CONTROL_FLAGS;
 extern const std::span<const Trace_Flag> FILE_FLAGS;
+// The same by bit. Every bit of the two words has its flag.
+extern const std::array<const Trace_Flag *, 64> CONTROL_FLAG_OF_BIT, FILE_FLAG_OF_BIT;
 
 // The translation mode of one level, in words: "radix", "hpt", "real", "none".
 std::string_view mode_word(uint64_t mode);
@@ -144,6 +147,44 @@ extern const std::span<const Trace_Member> RECORD_MEMBERS;
 extern const std::span<const Trace_Member> HEADER_MEMBERS;
 
 const Trace_Member *find_record_member(std::string_view name);
+
+// Some of the rows of RECORD_MEMBERS, by their place there.
+class Member_Set
+{
+public:
+    static constexpr size_t CAPACITY = 128;
+
+    constexpr void add(size_t row) { words_[row / 64] |= bit(row); }
+    constexpr Member_Set &operator|=(const Member_Set &other)
+    {
+        words_[0] |= other.words_[0];
+        words_[1] |= other.words_[1];
+        return *this;
+    }
+    constexpr Member_Set &operator&=(const Member_Set &other)
+    {
+        words_[0] &= other.words_[0];
+        words_[1] &= other.words_[1];
+        return *this;
+    }
+    // In ascending order.
+    template <class Visitor> constexpr void for_each(Visitor visit) const
+    {
+        for (size_t word = 0; word < words_.size(); word++)
+            for (uint64_t left = words_[word]; left != 0; left &= left - 1)
+                visit(word * 64 + static_cast<size_t>(std::countr_zero(left)));
+    }
+
+private:
+    static constexpr uint64_t bit(size_t row) { return uint64_t{1} << row % 64; }
+    std::array<uint64_t, CAPACITY / 64> words_{};
+};
+
+// All members that are not zero, and a few that are: passes quickly over the many that a record does not fill.
+// Registers count as filled when one of their counts is not zero.
+Member_Set maybe_filled(const QTRACE_RECORD &record);
+// The members that one of these flags gates.
+Member_Set gated_by(const Flag_Words &flags);
 
 bool is_zero(const uint8_t *bytes, size_t size);
 

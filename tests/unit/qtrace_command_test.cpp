@@ -235,6 +235,34 @@ TEST(dump, json_carries_every_filled_member)
         EXPECT_TRUE(line.contains(name)) << name;
 }
 
+// Whether a member is passed over or shown depends on it alone, wherever it lies.
+TEST(dump, json_shows_each_filled_member_and_no_other)
+{
+    const Folder folder;
+    const std::set<std::string_view> outside = {"data",         "file_header", "persistent_data", "offset",
+                                                "record_count", "instr_count", "exec_instr_count"};
+    Trace trace = {good_trace()[FIRST_HEADER]};
+    std::vector<std::string> expected;
+    for (const qtrace_tool::Trace_Member &member : qtrace_tool::RECORD_MEMBERS) {
+        if (outside.contains(member.name) || member.name == "regs")
+            continue;
+        trace.push_back({false, {}, "", {}});
+        // the byte furthest from the member's beginning, but for flags that share two bytes
+        const size_t last = member.name == "validity_bits" ? 0 : member.size - 1u;
+        reinterpret_cast<uint8_t *>(&trace.back().record)[member.offset + last] = 1;
+        expected.emplace_back(member.name);
+    }
+    const std::vector<json> lines = json_lines(qtrace({"dump", "--json", folder.write("trace0", trace)}).out);
+    ASSERT_EQ(lines.size(), expected.size() + 1);
+    for (size_t i = 0; i < expected.size(); i++) {
+        json line = lines[i + 1];
+        for (const char *always : {"file", "record", "address"})
+            line.erase(always);
+        EXPECT_EQ(line.size(), 1u) << line;
+        EXPECT_TRUE(line.contains(expected[i])) << expected[i] << line;
+    }
+}
+
 TEST(dump, json_names_flags_registers_and_walks)
 {
     const Folder folder;
