@@ -5,6 +5,7 @@
 #include "tool_command.h"
 #include "trace_files.h"
 
+#include <cstring>
 #include <map>
 #include <set>
 
@@ -63,7 +64,9 @@ void Findings::print(const Finding &finding) const
     out.print("{}: {}record {}", file_, finding.in_header ? "header before " : "", finding.record);
     if (finding.address)
         out.print(" at {:016x}", *finding.address);
-    out.print(": {} [", finding.text);
+    out.put(": ");
+    print_visible(out, finding.text);
+    out.put(" [");
     out.paint(Colour::bad);
     out.put(finding.rule);
     out.paint(Colour::plain);
@@ -113,7 +116,7 @@ class Check_Command : public Command
 public:
     void declare(CLI::App &app) override
     {
-        app.add_option("FILE", files_, "trace files, or base names of them");
+        declare_files(app, files_)->required(false);
         app.add_option("--text", texts_, "the text trace (or its base name) to compare with")
             ->allow_extra_args(false);
         app.add_option("--pte", ptes_, "the page-table-entry file (or its base name) that must have every walk")
@@ -122,7 +125,7 @@ public:
             ->delimiter(',')
             ->allow_extra_args(false)
             ->type_name("RULE,...");
-        app.add_option("--limit", limit_, "violations to show of each rule (of each file)")->capture_default_str();
+        declare_number(app, "--limit", limit_, "violations to show of each rule (of each file)")->default_str("10");
         app.add_flag("--rules", list_, "list the rules");
     }
 
@@ -181,8 +184,7 @@ void Check_Command::run(Tool_Run &run)
         list_rules(run);
         return;
     }
-    if (files_.empty())
-        throw Usage_Error("FILE is required");
+    require_files(files_);
     (void)ignored();
     const std::vector<std::string> files = files_of(files_);
     const std::vector<std::string> texts = companions(texts_, files.size(), "text files");
@@ -225,8 +227,8 @@ bool Item_Checks::open(const std::string &text, const std::string &pte)
                            item_ != nullptr ? item_->record_number : 0,
                            item_ != nullptr ? std::optional(item_->address) : std::nullopt});
         });
-        if (!text_->is_open()) {
-            run_.fail(text + ": cannot be read");
+        if (const int error = text_->open_error(); error != 0) {
+            run_.fail(fmt::format("{}: {}", text, std::strerror(error)));
             return false;
         }
     }

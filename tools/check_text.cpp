@@ -1,7 +1,9 @@
 #include "check_text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <filesystem>
 
 namespace qtrace_tool
 {
@@ -66,7 +68,7 @@ void Line_Parser::take(std::string_view word)
     if (word == "Input" || word == "Output") {
         registers_ = true;
         output_ = word == "Output";
-    } else if (registers_ && colon == 0) {
+    } else if (registers_ && colon == 0 && word.size() >= 3) {
         register_value(word.substr(3));
     } else if (registers_ && colon == std::string_view::npos) {
         register_ = word;
@@ -237,7 +239,17 @@ bool parse_text_line(std::string_view line, Text_Line &parsed)
     return true;
 }
 
-Text_Checker::Text_Checker(const std::string &name, Report report) : file_(name), report_(std::move(report))
+// A stream opens a directory, which then is just empty.
+static int open_error_of(const std::ifstream &file, const std::string &name)
+{
+    std::error_code ignored;
+    if (!file.is_open())
+        return errno != 0 ? errno : EIO;
+    return std::filesystem::is_directory(name, ignored) ? EISDIR : 0;
+}
+
+Text_Checker::Text_Checker(const std::string &name, Report report)
+    : file_(name), open_error_(open_error_of(file_, name)), report_(std::move(report))
 {
 }
 

@@ -57,7 +57,8 @@ public:
     using Report = std::function<void(std::string_view name, const std::string &what)>;
 
     Text_Checker(const std::string &name, Report report);
-    bool is_open() const { return file_.is_open(); }
+    // Why the file cannot be read, as an errno; 0 when it can.
+    int open_error() const { return open_error_; }
 
     void header(const QTRACE_Item &item);
     void record(const QTRACE_Item &item);
@@ -80,6 +81,7 @@ private:
     }
 
     std::ifstream file_;
+    int open_error_;
     Report report_;
     uint64_t line_ = 0;
     bool ended_ = false;

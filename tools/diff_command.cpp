@@ -28,9 +28,9 @@ public:
             ->delimiter(',')
             ->allow_extra_args(false)
             ->type_name("KIND,...");
-        app.add_option("--limit", limit_, "differences to show (of each thread)")->capture_default_str();
-        app.add_option("--context", context_, "records to show before and after a difference")
-            ->capture_default_str();
+        declare_number(app, "--limit", limit_, "differences to show (of each thread)")->default_str("1");
+        declare_number(app, "--context", context_, "records to show before and after a difference")
+            ->default_str("3");
     }
 
     void run(Tool_Run &run) override;

@@ -3,8 +3,8 @@
 #include "tool_command.h"
 #include "trace_files.h"
 
-#include <charconv>
 #include <limits>
+#include <optional>
 
 namespace qtrace_tool
 {
@@ -41,18 +41,14 @@ constexpr Record_Kind RECORD_KINDS[] = {
 };
 
 struct Address_Range {
-    uint64_t first = 0;
-    uint64_t last = std::numeric_limits<uint64_t>::max();
+    uint64_t first, last; // both included
 };
 
 uint64_t parse_address(std::string_view text)
 {
-    const std::string_view digits = text.starts_with("0x") || text.starts_with("0X") ? text.substr(2) : text;
-    uint64_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-    if (error != std::errc{} || end != digits.data() + digits.size())
-        throw Usage_Error(fmt::format("`{}` is no address: hexadecimal digits expected, with or without 0x", text));
-    return value;
+    if (const std::optional<uint64_t> address = parse_digits(text, 16))
+        return *address;
+    throw Usage_Error(fmt::format("`{}` is no address: hexadecimal digits expected, with or without 0x", text));
 }
 
 Address_Range parse_range(std::string_view text)
@@ -70,10 +66,12 @@ class Dump_Command : public Command
 public:
     void declare(CLI::App &app) override
     {
-        declare_files(app, files_);
-        app.add_option("--from", from_, "number of the first record, from 0 (of each file)");
-        app.add_option("--count", count_, "records to print (of each file)");
-        app.add_option("--pc", range_text_, "only instructions at ADDR or in ADDR-ADDR (both included)")
+        declare_files(app, files_)->required(false);
+        declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
+        declare_number(app, "--count", count_, "records to print (of each file)");
+        app.add_option_function<std::string>(
+               "--pc", [this](const std::string &text) { range_ = parse_range(text); },
+               "only instructions at ADDR or in ADDR-ADDR (both included)")
             ->type_name("ADDR[-ADDR]");
         app.add_option("--only", only_, "only these kinds: load, store, branch, taken, string, error")
             ->delimiter(',')
@@ -89,12 +87,13 @@ public:
 
     void run(Tool_Run &run) override
     {
-        prepare(run);
-        if (fields_ == std::vector<std::string>{"help"}) {
+        if (std::ranges::find(fields_, "help") != fields_.end()) {
             for (const std::string &name : Field_Selection::names())
-                run.out.print("{}\n", name);
+                run.json ? run.out.print("{{\"field\":\"{}\"}}\n", name) : run.out.print("{}\n", name);
             return;
         }
+        require_files(files_);
+        prepare(run);
         if (explain_ && !run.json)
             run.out.put(LINE_LEGEND);
         const std::vector<std::string> files = files_of(files_);
@@ -111,18 +110,15 @@ private:
     std::vector<std::string> files_, only_, fields_;
     uint64_t from_ = 0;
     uint64_t count_ = std::numeric_limits<uint64_t>::max();
-    std::string range_text_;
     bool explain_ = false;
 
-    Address_Range range_;
+    std::optional<Address_Range> range_;
     std::vector<const Record_Kind *> kinds_;
     Field_Selection shown_;
 };
 
 void Dump_Command::prepare(const Tool_Run &run)
 {
-    if (!range_text_.empty())
-        range_ = parse_range(range_text_);
     std::vector<std::string> known;
     for (const Record_Kind &kind : RECORD_KINDS)
         known.emplace_back(kind.name);
@@ -133,7 +129,7 @@ void Dump_Command::prepare(const Tool_Run &run)
         kinds_.push_back(&*kind);
     }
     std::string unknown;
-    if (fields_.empty() || fields_ == std::vector<std::string>{"help"})
+    if (fields_.empty())
         shown_ = run.json ? Field_Selection::all() : Field_Selection::usual();
     else if (const auto selection = Field_Selection::parse(fields_, unknown))
         shown_ = *selection;
@@ -143,7 +139,7 @@ void Dump_Command::prepare(const Tool_Run &run)
 
 bool Dump_Command::is_wanted(const QTRACE_Item &item) const
 {
-    if (!range_text_.empty() && (!item.address_known || item.address < range_.first || item.address > range_.last))
+    if (range_ && (!item.address_known || item.address < range_->first || item.address > range_->last))
         return false;
     return kinds_.empty() ||
            std::ranges::any_of(kinds_, [&](const Record_Kind *kind) { return kind->matches(item); });
@@ -157,7 +153,7 @@ void Dump_Command::dump(Tool_Run &run, Trace_File &file, bool named) const
         run.fail(fmt::format("{}: no record {}: the file has {}", file.name(), from_, file.info().records));
         return;
     }
-    const bool picked = !kinds_.empty() || !range_text_.empty();
+    const bool picked = !kinds_.empty() || range_;
     Progress progress(run, file.name(), file.info().records - std::min(from_, file.info().records));
     for (uint64_t printed = 0; printed < count_;) {
         const QTRACE_Item *item = file.next();

@@ -143,14 +143,17 @@ void print_full_header(Output &out, const Placed_Header &placed)
     if (header.control.sdr1_is_present)
         out.print(", sdr1 0x{:x}", number(header.sdr1));
     Header_Comment comment;
-    if (parse_comment(placed.comment, comment))
+    if (parse_comment(placed.comment, comment)) {
         out.print("\n              simulator version {}, {}-bit, {}-endian, {} of memory\n"
                   "              host pages: {}; guest pages: {}\n",
                   comment.version, comment.bits64 ? 64 : 32, comment.little_endian ? "little" : "big",
                   bytes_in_words(static_cast<uint64_t>(comment.memory)), join(comment.host_pages),
                   join(comment.guest_pages));
-    else
-        out.print("\n              comment: {}\n", placed.comment.empty() ? "none" : placed.comment);
+    } else {
+        out.put("\n              comment: ");
+        print_visible(out, placed.comment.empty() ? "none" : placed.comment);
+        out.put('\n');
+    }
 }
 
 void print_ending(Output &out, const QTRACE_Info &info)
@@ -175,8 +178,8 @@ public:
     {
         declare_files(app, files_);
         app.add_flag("--verify", verify_, "read all blocks, not only their headers, for damage");
-        app.add_option("--headers", limit_, "full headers to list (of each file; all with --json)")
-            ->capture_default_str();
+        declare_number(app, "--headers", limit_, "full headers to list (of each file; all with --json)")
+            ->default_str("10");
     }
 
     void run(Tool_Run &run) override

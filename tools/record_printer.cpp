@@ -406,9 +406,9 @@ void print_json_bytes(Output &out, std::string_view bytes)
     out.put('"');
 }
 
-void print_json_text(Output &out, std::string_view text)
+// UTF-8 as it is, byte by byte what is none: `print_byte` decides about those and about ASCII that is not plain.
+template <class Byte_Printer> static void print_utf8(Output &out, std::string_view text, Byte_Printer print_byte)
 {
-    out.put('"');
     while (!text.empty()) {
         const auto special = std::ranges::find_if_not(text, is_plain);
         auto length = static_cast<size_t>(special - text.begin());
@@ -417,10 +417,26 @@ void print_json_text(Output &out, std::string_view text)
         if (length > 0)
             out.put(text.substr(0, length));
         else
-            print_json_byte(out, text[0]);
+            print_byte(out, text[0]);
         text.remove_prefix(std::max<size_t>(length, 1));
     }
+}
+
+void print_json_text(Output &out, std::string_view text)
+{
     out.put('"');
+    print_utf8(out, text, print_json_byte);
+    out.put('"');
+}
+
+void print_visible(Output &out, std::string_view text)
+{
+    print_utf8(out, text, [](Output &to, char c) {
+        if (c == '"' || c == '\\')
+            to.put(c);
+        else
+            to.print("\\x{:02x}", static_cast<unsigned char>(c));
+    });
 }
 
 // ---- Lines ---------------------------------------------------------------------------------------------

@@ -143,7 +143,7 @@ public:
     void declare(CLI::App &app) override
     {
         declare_files(app, files_);
-        app.add_option("--top", top_, "pages and branch targets to list")->capture_default_str();
+        declare_number(app, "--top", top_, "pages and branch targets to list")->default_str("10");
         app.add_option(
                "--page-bits", bits_,
                "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
@@ -169,7 +169,7 @@ private:
     void print_pages_json(Output &out, const char *key, const Page_Counts &pages) const;
 
     std::vector<std::string> files_;
-    size_t top_ = 10;
+    uint64_t top_ = 10;
     std::vector<uint32_t> bits_;
     Page_Sizes sizes_;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <numeric>
 
 namespace qtrace_tool
@@ -189,9 +190,37 @@ Usage_Error unknown_word(const std::string &what, const std::string &unknown, co
     return Usage_Error(fmt::format("`{}` is no {}{}", unknown, what, hint));
 }
 
-void declare_files(CLI::App &app, std::vector<std::string> &files)
+CLI::Option *declare_files(CLI::App &app, std::vector<std::string> &files)
 {
-    app.add_option("FILE", files, "trace files, or base names of them")->required();
+    return app.add_option("FILE", files, "trace files, or base names of them")->required();
+}
+
+void require_files(const std::vector<std::string> &files)
+{
+    if (files.empty())
+        throw Usage_Error("FILE is required");
+}
+
+std::optional<uint64_t> parse_digits(std::string_view text, int base)
+{
+    if (base == 16 && (text.starts_with("0x") || text.starts_with("0X")))
+        text.remove_prefix(2);
+    uint64_t value = 0;
+    const char *const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value, base);
+    return error == std::errc{} && stop == end ? std::optional(value) : std::nullopt;
+}
+
+CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &number,
+                            const std::string &description)
+{
+    const auto take = [name, &number](const std::string &text) {
+        const std::optional<uint64_t> value = parse_digits(text, text.starts_with("0x") ? 16 : 10);
+        if (!value)
+            throw Usage_Error(fmt::format("`{}` is no number for {}: digits expected", text, name));
+        number = *value;
+    };
+    return app.add_option_function<std::string>(name, take, description)->type_name("N");
 }
 
 int run_qtrace(const std::vector<std::string> &arguments, int out, int err)

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,16 @@ std::unique_ptr<Command> make_stats_command();
 std::unique_ptr<Command> make_diff_command();
 std::unique_ptr<Command> make_recover_command();
 
-// The FILE... argument that most subcommands take.
-void declare_files(CLI::App &app, std::vector<std::string> &files);
+// The FILE... argument that most subcommands take. One that can do without it sets required(false), and asks
+// require_files() when it cannot.
+CLI::Option *declare_files(CLI::App &app, std::vector<std::string> &files);
+void require_files(const std::vector<std::string> &files);
+
+// An option that takes a number: decimal, or hexadecimal behind 0x, and below 2^64.
+CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &number,
+                            const std::string &description);
+// Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.
+std::optional<uint64_t> parse_digits(std::string_view text, int base);
 
 // The candidate that `word` was probably meant to be; empty when none is near.
 std::string closest(const std::string &word, const std::vector<std::string> &candidates);

@@ -95,6 +95,10 @@ TEST(command_line, wrong_usage_writes_nothing_to_standard_output)
                                                {"dump"},
                                                {"dump", "--from", "x", "t"},
                                                {"dump", "--pc", "g", "t"},
+                                               {"dump", "--pc", "", "t"},
+                                               {"dump", "--fields", "flags"},
+                                               {"check"},
+                                               {"info"},
                                                {"diff", "a"},
                                                {"recover", "a"}}) {
         const Outcome outcome = qtrace(arguments);
@@ -102,6 +106,33 @@ TEST(command_line, wrong_usage_writes_nothing_to_standard_output)
         EXPECT_EQ(outcome.out, "");
         EXPECT_THAT(outcome.err, StartsWith("qtrace: "));
     }
+}
+
+TEST(command_line, numbers_are_digits_alone)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    for (const std::vector<std::string> &option : std::vector<std::vector<std::string>>{{"dump", "--from"},
+                                                                                        {"dump", "--count"},
+                                                                                        {"info", "--headers"},
+                                                                                        {"check", "--limit"},
+                                                                                        {"stats", "--top"},
+                                                                                        {"diff", "--limit"},
+                                                                                        {"diff", "--context"}})
+        for (const char *number : {"-1", "", "1e3", "+1", "1 ", "18446744073709551616", "0x"}) {
+            std::vector<std::string> arguments = option;
+            arguments.insert(arguments.end(), {number, file});
+            if (option[0] == "diff")
+                arguments.push_back(file);
+            const Outcome outcome = qtrace(arguments);
+            EXPECT_EQ(outcome.exit_code, 2) << option[1] << number;
+            EXPECT_THAT(outcome.err, HasSubstr("`" + std::string(number) + "` is no number for " + option[1]));
+            EXPECT_EQ(outcome.out, "");
+        }
+    // A leading zero does not make a number octal.
+    EXPECT_THAT(record_numbers(qtrace({"dump", "--json", "--from", "010", "--count", "1", file})), ElementsAre(10));
+    EXPECT_THAT(record_numbers(qtrace({"dump", "--json", "--from", "0xa", "--count", "1", file})), ElementsAre(10));
+    EXPECT_THAT(qtrace({"info", "--help"}).out, HasSubstr("--headers N=10 "));
 }
 
 TEST(command_line, a_missing_file_is_a_failure_and_the_others_are_still_read)
@@ -311,6 +342,18 @@ TEST(dump, shows_the_fields_asked_for_and_no_others)
     const std::string text = qtrace({"dump", "--from", "5", "--count", "1", "--fields", "gpr_in", file}).out;
     EXPECT_THAT(text, testing::EndsWith("\n         5 0000000000002008 7c6484aa in r4=0x2000 r5=0x11\n"));
     EXPECT_THAT(qtrace({"dump", "--explain", file}).out, StartsWith("# A line a record"));
+}
+
+TEST(dump, lists_the_fields_without_a_file)
+{
+    const Outcome outcome = qtrace({"dump", "--fields", "help"});
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_THAT(outcome.out, StartsWith("instruction\nflags\n"));
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(qtrace({"dump", "--fields", "help,flags", "none"}).out, outcome.out);
+    const std::vector<json> lines = json_lines(qtrace({"dump", "--json", "--fields", "help"}).out);
+    EXPECT_EQ(lines.at(0), json({{"field", "instruction"}}));
+    EXPECT_EQ(lines.back(), json({{"field", "vsxr_out"}}));
 }
 
 // ---- stats ---------------------------------------------------------------------------------------------
@@ -586,6 +629,40 @@ TEST(check_text, compares_item_by_item)
         const Outcome outcome = qtrace({"check", "--json", "--text", folder.text("text0", changed), file});
         EXPECT_EQ(json_lines(outcome.out).back()["violations"], json({{rule, 1}})) << item;
     }
+}
+
+TEST(check_text, says_why_a_file_cannot_be_read)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    const Outcome missing = qtrace({"check", "--text", folder.path("none"), file});
+    EXPECT_EQ(missing.exit_code, 1);
+    EXPECT_THAT(missing.err, HasSubstr("none: No such file or directory"));
+    const Outcome directory = qtrace({"check", "--text", folder.path(""), file});
+    EXPECT_EQ(directory.exit_code, 1);
+    EXPECT_THAT(directory.err, HasSubstr(": Is a directory"));
+}
+
+TEST(check_text, takes_any_bytes_and_shows_no_control_characters)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    std::string text = "*** FILE HEADER INSERTED *** \nno comment\n\x1b[31m (seq:1,\x80 \xC3\xA4\n";
+    text += "(seq:1,tid:2) {name:x} (I:0) Input r1 : r :12 Output (:) (PC:) \n";
+    const Outcome outcome = qtrace({"check", "--text", folder.text("text0", text), file});
+    EXPECT_EQ(outcome.exit_code, 3);
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_THAT(outcome.out, HasSubstr("`\\x1b[31m (seq:1,\\x80 \xC3\xA4`"));
+    EXPECT_THAT(outcome.out, Not(HasSubstr("\x1b")));
+}
+
+TEST(info, shows_no_control_characters_of_a_comment)
+{
+    const Folder folder;
+    Trace trace = good_trace();
+    trace[FIRST_HEADER].comment = "\x1b[2Jgone";
+    const Outcome outcome = qtrace({"info", folder.write("trace0", trace)});
+    EXPECT_THAT(outcome.out, HasSubstr("comment: \\x1b[2Jgone\n"));
 }
 
 // ---- Instruction words ---------------------------------------------------------------------------------
