@@ -56,6 +56,15 @@ inline constexpr uint64_t UPPER_CASE = 'A' - '9' - 1;
 inline constexpr uint64_t LOWER_CASE = 'a' - '9' - 1;
 inline constexpr size_t DECIMAL_DIGITS = 20; // of any 64-bit number, with its sign
 
+// Most decimal numbers of a line have one digit.
+template <class Number> inline char *put_decimal(char *out, Number value)
+{
+    if (value < 0 || value > 9)
+        return std::to_chars(out, out + DECIMAL_DIGITS, value).ptr;
+    *out = static_cast<char>('0' + value);
+    return out + 1;
+}
+
 // The text from `from` on. Each conversion takes an argument of just its type, so that none is cut or widened
 // behind the caller's back.
 template <Format format, size_t from = 0> inline char *put(char *out)
@@ -78,10 +87,10 @@ inline char *put(char *out, First first, Rest... rest)
         return put<format, at + 2>(out + length, rest...);
     } else if constexpr (format.has("%d", at)) {
         static_assert(sizeof(First) == sizeof(int32_t) && First(-1) < First(0));
-        return put<format, at + 2>(std::to_chars(out, out + DECIMAL_DIGITS, first).ptr, rest...);
+        return put<format, at + 2>(put_decimal(out, first), rest...);
     } else if constexpr (format.has("%ld", at)) {
         static_assert(sizeof(First) == sizeof(int64_t) && First(-1) < First(0));
-        return put<format, at + 3>(std::to_chars(out, out + DECIMAL_DIGITS, first).ptr, rest...);
+        return put<format, at + 3>(put_decimal(out, first), rest...);
     } else if constexpr (format.has("%016lX", at)) {
         static_assert(sizeof(First) == sizeof(uint64_t));
         return put<format, at + 6>(put_hex64(out, first, UPPER_CASE), rest...);
