@@ -305,7 +305,7 @@ void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &bes
     while (const QTRACE_Item *item = file.next()) {
         const bool jump = item->record_number != next_record || item->header_number != next_header;
         if (jump && losses == file.losses().size())
-            checks.loss(); // left out by a recovery
+            checks.loss(); // refused by the writer, or left out by a recovery
         account_losses(records);
         checks.item(*item);
         const bool header = item->kind == QTRACE_ITEM_HEADER;

@@ -167,7 +167,7 @@ void print_ending(Output &out, const QTRACE_Info &info)
     out.paint(Colour::plain);
     out.put('\n');
     if (info.left_out > 0 || info.open_end)
-        out.print("  recovered    lost blocks were left out at {} places{}\n", info.left_out,
+        out.print("  missing      records or headers at {} places{}\n", info.left_out,
                   info.open_end ? "; the end of the trace is missing" : "");
 }
 

@@ -59,9 +59,10 @@ typedef struct QTRACE_Info {
     uint64_t headers;
     uint64_t damaged_places;
     int clean_end; /* the writer's last block is there, whole, and nothing follows it */
-    /* Of a recovered file: */
-    uint64_t left_out; /* places where lost blocks were left out; there the numbers of items jump */
-    int open_end;      /* the file was closed by the recovery: the trace went on */
+    /* Without damage, for it was known to whoever wrote the file: */
+    uint64_t left_out; /* places where the writer refused items or a recovery left out lost blocks; there the
+                          numbers of items jump */
+    int open_end;      /* the file was closed by a recovery: the trace went on */
 } QTRACE_Info;
 
 /* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text

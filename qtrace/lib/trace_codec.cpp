@@ -256,13 +256,18 @@ void Open_Header::follow(const QTRACE_FILE_HDR &next)
 
 void Encoder::begin_block()
 {
-    if (started()) {
+    if (passed_over_) {
+        first_address_ = next_address_;
+        first_address_known_ = next_address_known_;
+    } else if (started()) {
         first_address_ = model_->address;
         first_address_known_ = model_->address_known;
-    } else {
+    }
+    if (!started()) {
         memory_ = std::make_unique_for_overwrite<uint8_t[]>(COLUMNS * COLUMN_ROOM);
         model_ = std::make_unique_for_overwrite<Model>();
     }
+    passed_over_ = false;
     model_->reset(first_address_, first_address_known_);
     for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
         last_[side] = &model_->last[side];
@@ -275,24 +280,46 @@ void Encoder::begin_block()
 
 bool Encoder::has_room_for(const QTRACE_RECORD &record)
 {
+    if (passed_over_)
+        return false;
     const size_t left = MAX_PAYLOAD - raw_size();
     sure_room_ = static_cast<uint32_t>(left / (MAX_COMMON + MAX_ESCAPE));
     return sure_room_ != 0 || (left >= MAX_COMMON && !has_uncommon(record));
 }
 
-void Encoder::forget_address()
+// The place where the next item would go.
+void Encoder::pass_over_first()
 {
-    if (!started())
-        return;
-    model_->address_known = false;
-    if (records_ == 0 && headers_ == 0)
-        first_address_known_ = false;
+    if (!passed_over_) {
+        next_address_ = started() ? model_->address : 0;
+        next_address_known_ = started() && model_->address_known;
+    }
+    passed_over_ = true;
+    sure_room_ = 0;
+}
+
+void Encoder::pass_over(const QTRACE_RECORD &record)
+{
+    pass_over_first();
+    const bool named = has_address(control_in(record), NEXT_ADDRESS);
+    next_address_ = named ? address_in(record, NEXT_ADDRESS) : next_address_ + 4;
+    next_address_known_ = next_address_known_ || named;
+}
+
+void Encoder::pass_over(const QTRACE_FILE_HDR &header)
+{
+    pass_over_first();
+    open_.follow(header);
+    if (header.control.iar_is_present) {
+        next_address_ = load<uint64_t>(header.iar);
+        next_address_known_ = true;
+    }
 }
 
 bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const
 {
-    if (comment_stays_outside(header))
-        return records_ == 0 && headers_ == 0;
+    if (passed_over_ || comment_stays_outside(header))
+        return !passed_over_ && empty();
     const size_t comment = header.comment == nullptr ? 0u : header.comment_length;
     return MAX_PAYLOAD - raw_size() >= MAX_HEADER_ITEM + comment;
 }

@@ -33,13 +33,17 @@ public:
     // Whether the item still fits; when not, the block has to be sealed first.
     bool has_room_for(const QTRACE_RECORD &record);
     bool has_room_for(const QTRACE_FILE_HDR &header) const;
-    // An item was left out: nobody knows where the next record stands until an item says so.
-    void forget_address();
+    // Goes on as behind an item that is left out of the trace. The block has no more room then: the next one begins
+    // with the address and the open header of that place.
+    void pass_over(const QTRACE_RECORD &record);
+    void pass_over(const QTRACE_FILE_HDR &header);
     // Add an item that fits. A comment longer than MAX_COMMENT_IN_BLOCK stays out of the block.
     void add(const QTRACE_RECORD &record);
     void add(const QTRACE_FILE_HDR &header);
 
     bool started() const { return model_ != nullptr; }
+    bool empty() const { return records_ == 0 && headers_ == 0; }
+    bool passed_over() const { return passed_over_; }
     size_t raw_size() const;
     // Puts the payload together: raw_size() bytes.
     void collect(uint8_t *to) const;
@@ -54,6 +58,7 @@ private:
     unsigned encode_list(const Register_Places &places, const uint8_t *counts, Register_List &list);
     unsigned encode_inputs(const Register_Places &places);
     unsigned encode_data_address(const Bases &bases, Shape_Slot &shape);
+    void pass_over_first();
     void put_op(unsigned op);
     void encode_control(uint64_t control);
     void encode_members(const Small_Members &members);
@@ -71,9 +76,10 @@ private:
     static constexpr unsigned CONTROL_BITS = 6;
     uint8_t control_numbers_[1 << CONTROL_BITS]{}; // by control word: where it was last in the model's controls
     uint32_t records_ = 0, headers_ = 0;
-    uint32_t sure_room_ = 0; // for so many records there is room whatever is in them
-    uint64_t first_address_ = 0;
-    bool first_address_known_ = false;
+    uint32_t sure_room_ = 0;                        // for so many records there is room whatever is in them
+    uint64_t first_address_ = 0, next_address_ = 0; // of this block, and of the next one behind what is left out
+    bool first_address_known_ = false, next_address_known_ = false;
+    bool passed_over_ = false; // items behind those of this block
 };
 
 // Reads the items of one block after the other. The payload must stay where it is while they are read.

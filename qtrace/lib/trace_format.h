@@ -36,8 +36,9 @@ enum Block_Flag : uint8_t {
     ADDRESS_KNOWN = 2,  // first_address means something
     COMMENT_BLOCK = 4,  // the payload is the comment of the first header of the next block
     COMMENT_BEFORE = 8, // the first header's comment is the payload of the comment block in front
-    GAP_BEFORE = 16,    // what stood in front of it was lost, and left out by a recovery: the numbers jump
-    OPEN_END = 32,      // of the last block: a recovery closed the file; the trace went on
+    GAP_BEFORE =
+        16,        // what belongs in front of it was refused, or lost and left out by a recovery: the numbers jump
+    OPEN_END = 32, // of the last block: a recovery closed the file; the trace went on
     ALL_FLAGS = 63
 };
 

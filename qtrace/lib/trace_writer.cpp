@@ -118,6 +118,10 @@ private:
     bool takes_at_once(const QTRACE_RECORD &) const { return encoder_.sure_of_room(); }
     bool takes_at_once(const QTRACE_FILE_HDR &) const { return false; }
     template <class Item> int make_room_for(const Item &item);
+    template <class Item> void refuse(const Item &item);
+    void begin_block();
+    void count_refused(const QTRACE_RECORD &) { ++refused_.records; }
+    void count_refused(const QTRACE_FILE_HDR &) { ++refused_.headers; }
     int flush();
     void seal(uint8_t flags);
     void seal_payload(Block_Header header, const uint8_t *payload, size_t size);
@@ -133,7 +137,17 @@ private:
     size_t written_ = 0;          // bytes of sealed_ that are in the file
     std::string comment_;         // of the first header of the block, when it does not go into the block
     bool comment_outside_ = false;
-    uint64_t records_ = 0, headers_ = 0; // in blocks sealed so far
+    struct Counts {
+        uint64_t records = 0, headers = 0;
+        void add(const Counts &more)
+        {
+            records += more.records;
+            headers += more.headers;
+        }
+    };
+    Counts before_;           // items in front of the encoder's block, written or refused
+    Counts refused_;          // items behind it
+    bool gap_before_ = false; // refused ones are in front of it, and no block has said so yet
 };
 
 int Trace_File::open()
@@ -191,8 +205,8 @@ void Trace_File::seal_payload(Block_Header header, const uint8_t *payload, size_
     header.stored_size = static_cast<uint32_t>(press_payload(payload, size, stored, used));
     header.compression = used;
     header.raw_size = static_cast<uint32_t>(size);
-    header.first_record = records_;
-    header.first_header = headers_;
+    header.first_record = before_.records;
+    header.first_header = before_.headers;
     header.payload_crc = crc32c(stored, header.stored_size);
     store_block_header(header, sealed_.data() + begin);
     sealed_.resize(begin + header.size());
@@ -203,16 +217,18 @@ void Trace_File::seal(uint8_t flags)
 {
     uint8_t *payload = press().payload.data();
     if (!encoder_.started())
-        encoder_.begin_block();
+        begin_block();
     sealed_.reserve(2 * (BLOCK_HEADER_SIZE + ZSTD_compressBound(MAX_PAYLOAD)));
     Block_Header header;
     header.first_address = encoder_.first_address();
-    header.flags = encoder_.first_address_known() ? ADDRESS_KNOWN : 0;
+    const uint8_t address = encoder_.first_address_known() ? ADDRESS_KNOWN : 0;
+    const uint8_t gap = gap_before_ ? GAP_BEFORE : 0;
+    header.flags = address | gap;
     if (comment_outside_) {
         Block_Header front = header;
         front.flags |= COMMENT_BLOCK;
         seal_payload(front, reinterpret_cast<const uint8_t *>(comment_.data()), comment_.size());
-        header.flags |= COMMENT_BEFORE;
+        header.flags = address | COMMENT_BEFORE;
         comment_outside_ = false;
     }
     header.flags |= flags;
@@ -220,8 +236,8 @@ void Trace_File::seal(uint8_t flags)
     header.headers = encoder_.headers();
     encoder_.collect(payload);
     seal_payload(header, payload, encoder_.raw_size());
-    records_ += header.records;
-    headers_ += header.headers;
+    before_.add({header.records, header.headers});
+    gap_before_ = false;
 }
 
 // What an earlier operation could not write goes first; then the block is sealed when the item does not fit.
@@ -230,12 +246,28 @@ template <class Item> int Trace_File::make_room_for(const Item &item)
     if (!sealed_.empty() && flush() != 0)
         return -1;
     if (!encoder_.started())
-        encoder_.begin_block();
+        begin_block();
     if (encoder_.has_room_for(item))
         return 0;
-    seal(0);
-    encoder_.begin_block();
+    if (!encoder_.empty())
+        seal(0);
+    begin_block();
     return flush();
+}
+
+void Trace_File::begin_block()
+{
+    encoder_.begin_block();
+    gap_before_ = gap_before_ || refused_.records + refused_.headers != 0;
+    before_.add(refused_);
+    refused_ = {};
+}
+
+// The item will be missing. The trace goes on in a new block, which says so.
+template <class Item> void Trace_File::refuse(const Item &item)
+{
+    encoder_.pass_over(item);
+    count_refused(item);
 }
 
 void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
@@ -249,14 +281,14 @@ void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
 template <class Item> int Trace_File::write(const Item &item)
 try {
     if (!takes_at_once(item) && make_room_for(item) != 0) {
-        encoder_.forget_address();
+        refuse(item);
         return -1;
     }
     keep_outside(item);
     encoder_.add(item);
     return 0;
 } catch (const std::bad_alloc &) {
-    encoder_.forget_address();
+    refuse(item);
     return fail(path_, "write", NO_MEMORY);
 }
 
@@ -264,6 +296,11 @@ int Trace_File::close()
 try {
     int result = 0;
     if (sealed_.empty() || flush() == 0) {
+        if (encoder_.passed_over()) {
+            if (!encoder_.empty())
+                seal(0);
+            begin_block();
+        }
         seal(LAST_BLOCK);
         result = flush();
     } else {

@@ -865,36 +865,95 @@ TEST_F(trace_file, misses_only_the_refused_records_when_there_is_room_again)
         ASSERT_TRUE(contents.items[i].image == accepted[i]) << i;
 }
 
-TEST_F(trace_file, does_not_guess_addresses_behind_refused_records)
+QTRACE_Info info_of(const std::string &name)
+{
+    QTRACE_Info info{};
+    QTRACE_Reader *reader = qtrace_open(name.c_str(), nullptr);
+    EXPECT_NE(reader, nullptr);
+    EXPECT_EQ(qtrace_info(reader, &info), 0);
+    qtrace_close(reader);
+    return info;
+}
+
+// A session with a full disk twice. No record names where the next one stands, so that they are 4 bytes apart.
+TEST_F(trace_file, tells_what_was_refused_and_goes_on_at_the_right_address)
 {
     Random_Trace chance(12);
     const QTRACE_FDESCR file = open();
-    QTRACE_FILE_HDR header{};
-    header.control.iar_is_present = 1;
-    header.iar[1] = 0x10;
-    ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
-    size_t before = 0;
-    const auto try_to_write = [&](bool names_next) {
+    const auto full_header = [](uint8_t page) {
+        QTRACE_FILE_HDR header{};
+        header.control.iar_is_present = 1;
+        header.iar[1] = page;
+        return header;
+    };
+    const auto write_header = [&](uint8_t page) {
+        QTRACE_FILE_HDR header = full_header(page);
+        return QTRACE_FwriteFileHeader(file, &header) == 0;
+    };
+    const auto write_plain = [&] {
         QTRACE_RECORD record = chance.wild_record();
-        record.header.control.fld.next_instruction_EA_present = names_next;
+        record.header.control.fld.next_instruction_EA_present = 0;
         return QTRACE_FwriteRecord(file, &record) == 0;
     };
+    ASSERT_TRUE(write_header(0x10));
+    size_t before = 0;
     {
         const Small_Disk disk(100'000);
-        while (try_to_write(false))
+        while (write_plain())
             ++before;
+        ASSERT_FALSE(write_plain());
     }
-    ASSERT_TRUE(try_to_write(false));
-    ASSERT_TRUE(try_to_write(true));
-    ASSERT_TRUE(try_to_write(false));
+    ASSERT_TRUE(write_plain());
+    {
+        const Small_Disk disk(100'000);
+        while (write_plain())
+            ;
+        ASSERT_FALSE(write_header(0x20));
+        ASSERT_FALSE(write_plain());
+    }
+    ASSERT_TRUE(write_plain());
     QTRACE_Fclose(file);
-    const auto items = read().items;
-    ASSERT_EQ(items.size(), 1 + before + 3);
-    EXPECT_TRUE(items[before].address_known);
-    EXPECT_EQ(items[before].address, 0x1000 + 4 * (before - 1));
-    EXPECT_FALSE(items[before + 1].address_known);
-    EXPECT_FALSE(items[before + 2].address_known);
-    EXPECT_TRUE(items[before + 3].address_known);
+
+    const QTRACE_Info info = info_of(name_);
+    EXPECT_EQ(info.damaged_places, 0u);
+    EXPECT_EQ(info.left_out, 2u);
+    EXPECT_TRUE(info.clean_end);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    ASSERT_NE(reader, nullptr);
+    const QTRACE_Item *item = nullptr;
+    ASSERT_EQ(qtrace_seek(reader, before + 2), 0);
+    ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
+    EXPECT_EQ(item->record_number, before + 2);
+    EXPECT_TRUE(item->address_known);
+    EXPECT_EQ(item->address, 0x1000 + 4 * (before + 2));
+    QTRACE_ITEM kind;
+    QTRACE_Item last{};
+    while ((kind = qtrace_next(reader, &item)) == QTRACE_ITEM_RECORD)
+        last = *item;
+    EXPECT_EQ(kind, QTRACE_ITEM_END);
+    EXPECT_EQ(last.header_number, 2u);
+    EXPECT_TRUE(last.address_known);
+    EXPECT_EQ(last.address, 0x2004u);
+    EXPECT_EQ(qtrace_open_header(reader)->iar[1], 0x20);
+    qtrace_close(reader);
+}
+
+TEST_F(trace_file, closed_behind_refused_records_counts_them)
+{
+    Random_Trace chance(13);
+    const QTRACE_FDESCR file = open();
+    size_t written = 0;
+    {
+        const Small_Disk disk(100'000);
+        for (QTRACE_RECORD record = chance.wild_record(); QTRACE_FwriteRecord(file, &record) == 0; ++written)
+            record = chance.wild_record();
+    }
+    QTRACE_Fclose(file);
+    const Contents contents = read();
+    EXPECT_TRUE(contents.damages.empty());
+    EXPECT_EQ(contents.items.size(), written);
+    EXPECT_EQ(info_of(name_).left_out, 1u);
+    EXPECT_TRUE(info_of(name_).clean_end);
 }
 
 TEST_F(trace_file, whose_descriptor_was_closed_behind_its_back_reports_it)
