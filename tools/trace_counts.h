@@ -63,7 +63,7 @@ private:
 struct Partition {
     uint64_t lpid;
     uint32_t pid;
-    auto operator<=>(const Partition &) const = default;
+    auto operator<=>(const Partition &) const = default; // NOLINT(modernize-use-nullptr): there is no 0
 };
 
 inline constexpr size_t UNKNOWN_CASE = 16; // behind the 16 mode pairs

@@ -509,7 +509,8 @@ TEST(recover, keeps_all_blocks_but_the_damaged_one_and_passes_check)
     EXPECT_EQ(object["records"].get<uint64_t>() + object["lost_records"].get<uint64_t>(), 40000u);
     EXPECT_GT(object["lost_records"], 0);
     EXPECT_EQ(qtrace({"check", folder.path("saved0")}).exit_code, 0);
-    EXPECT_THAT(qtrace({"info", folder.path("saved0")}).out, HasSubstr("missing      records or headers at 1 places"));
+    EXPECT_THAT(qtrace({"info", folder.path("saved0")}).out,
+                HasSubstr("missing      records or headers at 1 places"));
 }
 
 TEST(recover, records_keep_their_numbers)
