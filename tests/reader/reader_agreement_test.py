@@ -144,13 +144,19 @@ class lines(Agreement):
 
 class mended(Agreement):
     def for_every_trace(self, check):
+        whole = 0
         for path in sorted(CORPUS.glob("*.trace")):
             with self.subTest(path.name):
                 try:
                     trace = qtrace.Trace(path)
                 except qtrace.Not_A_Trace:
                     continue
-                check(path, list(trace.blocks()), list(trace))
+                places, items = list(trace.blocks()), list(trace)
+                damaged = any(isinstance(item, qtrace.Damage) for item in items)
+                # Most traces differ in what is in their items, which neither command looks at.
+                whole += not damaged
+                if damaged or len(places) > 1 or whole % 10 == 0 or LONG:
+                    check(path, places, items)
 
     def qtrace(self, *arguments):
         run = subprocess.run([PROGRAMS / "qtrace", *arguments], capture_output=True, text=True)
