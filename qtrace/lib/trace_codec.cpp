@@ -150,8 +150,7 @@ void remember_record(Model &model, const QTRACE_RECORD &record, const Register_P
     code.word = record.header.instruction;
     if (has_address(shape.control, NEXT_ADDRESS))
         code.next = address_in(record, NEXT_ADDRESS);
-    model.address = has_address(shape.control, NEXT_ADDRESS) ? code.next : model.address + 4;
-    model.address_known = model.address_known || has_address(shape.control, NEXT_ADDRESS);
+    model.follow(record);
 }
 
 void remember_list(const Register_Places &places, const uint8_t *counts, Register_List &list)
@@ -256,19 +255,13 @@ void Open_Header::follow(const QTRACE_FILE_HDR &next)
 
 void Encoder::begin_block()
 {
-    if (passed_over_) {
-        first_address_ = next_address_;
-        first_address_known_ = next_address_known_;
-    } else if (started()) {
-        first_address_ = model_->address;
-        first_address_known_ = model_->address_known;
-    }
+    first_ = next_position();
     if (!started()) {
         memory_ = std::make_unique_for_overwrite<uint8_t[]>(COLUMNS * COLUMN_ROOM);
         model_ = std::make_unique_for_overwrite<Model>();
     }
     passed_over_ = false;
-    model_->reset(first_address_, first_address_known_);
+    model_->reset(first_);
     for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
         last_[side] = &model_->last[side];
     records_ = headers_ = sure_room_ = 0;
@@ -287,39 +280,38 @@ bool Encoder::has_room_for(const QTRACE_RECORD &record)
     return sure_room_ != 0 || (left >= MAX_COMMON && !has_uncommon(record));
 }
 
-// The place where the next item would go.
-void Encoder::pass_over_first()
+Position Encoder::next_position() const
 {
-    if (!passed_over_) {
-        next_address_ = started() ? model_->address : 0;
-        next_address_known_ = started() && model_->address_known;
-    }
+    if (passed_over_)
+        return behind_;
+    return started() ? static_cast<const Position &>(*model_) : Position{};
+}
+
+template <class Item> void Encoder::pass_over(const Item &item)
+{
+    behind_ = next_position();
+    behind_.follow(item);
     passed_over_ = true;
     sure_room_ = 0;
 }
 
-void Encoder::pass_over(const QTRACE_RECORD &record)
+void Encoder::leave_out(const QTRACE_RECORD &record)
 {
-    pass_over_first();
-    const bool named = has_address(control_in(record), NEXT_ADDRESS);
-    next_address_ = named ? address_in(record, NEXT_ADDRESS) : next_address_ + 4;
-    next_address_known_ = next_address_known_ || named;
+    pass_over(record);
 }
 
-void Encoder::pass_over(const QTRACE_FILE_HDR &header)
+void Encoder::leave_out(const QTRACE_FILE_HDR &header)
 {
-    pass_over_first();
+    pass_over(header);
     open_.follow(header);
-    if (header.control.iar_is_present) {
-        next_address_ = load<uint64_t>(header.iar);
-        next_address_known_ = true;
-    }
 }
 
 bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const
 {
-    if (passed_over_ || comment_stays_outside(header))
-        return !passed_over_ && empty();
+    if (passed_over_)
+        return false;
+    if (comment_stays_outside(header))
+        return empty();
     const size_t comment = header.comment == nullptr ? 0u : header.comment_length;
     return MAX_PAYLOAD - raw_size() >= MAX_HEADER_ITEM + comment;
 }
@@ -345,7 +337,7 @@ bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address,
 {
     if (!model_)
         model_ = std::make_unique_for_overwrite<Model>();
-    model_->reset(address, address_known);
+    model_->reset({address, address_known});
     bad_ = false;
     Byte_Source whole{payload, payload + size};
     uint64_t sum = COLUMN_SIZES;
@@ -518,10 +510,7 @@ void Encoder::add(const QTRACE_FILE_HDR &header)
     if (header.comment != nullptr && !outside)
         extra.bytes(header.comment, header.comment_length);
     open_.follow(header);
-    if (header.control.iar_is_present) {
-        model_->address = load<uint64_t>(header.iar);
-        model_->address_known = true;
-    }
+    model_->follow(header);
     sure_room_ = 0;
     ++headers_;
 }
@@ -539,10 +528,7 @@ Decoder::Result Decoder::next_header(QTRACE_FILE_HDR &header)
     if (place > COMMENT_IN_FRONT || extra.bad)
         return Result::corrupt;
     open_.follow(header);
-    if (header.control.iar_is_present) {
-        model_->address = load<uint64_t>(header.iar);
-        model_->address_known = true;
-    }
+    model_->follow(header);
     return Result::header;
 }
 

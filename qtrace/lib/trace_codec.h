@@ -35,8 +35,8 @@ public:
     bool has_room_for(const QTRACE_FILE_HDR &header) const;
     // Goes on as behind an item that is left out of the trace. The block has no more room then: the next one begins
     // with the address and the open header of that place.
-    void pass_over(const QTRACE_RECORD &record);
-    void pass_over(const QTRACE_FILE_HDR &header);
+    void leave_out(const QTRACE_RECORD &record);
+    void leave_out(const QTRACE_FILE_HDR &header);
     // Add an item that fits. A comment longer than MAX_COMMENT_IN_BLOCK stays out of the block.
     void add(const QTRACE_RECORD &record);
     void add(const QTRACE_FILE_HDR &header);
@@ -49,8 +49,7 @@ public:
     void collect(uint8_t *to) const;
     uint32_t records() const { return records_; }
     uint32_t headers() const { return headers_; }
-    uint64_t first_address() const { return first_address_; }
-    bool first_address_known() const { return first_address_known_; }
+    const Position &first() const { return first_; } // where the block begins
 
 private:
     // Those with a result give the flags of what they coded.
@@ -58,7 +57,8 @@ private:
     unsigned encode_list(const Register_Places &places, const uint8_t *counts, Register_List &list);
     unsigned encode_inputs(const Register_Places &places);
     unsigned encode_data_address(const Bases &bases, Shape_Slot &shape);
-    void pass_over_first();
+    Position next_position() const;
+    template <class Item> void pass_over(const Item &item);
     void put_op(unsigned op);
     void encode_control(uint64_t control);
     void encode_members(const Small_Members &members);
@@ -76,9 +76,8 @@ private:
     static constexpr unsigned CONTROL_BITS = 6;
     uint8_t control_numbers_[1 << CONTROL_BITS]{}; // by control word: where it was last in the model's controls
     uint32_t records_ = 0, headers_ = 0;
-    uint32_t sure_room_ = 0;                        // for so many records there is room whatever is in them
-    uint64_t first_address_ = 0, next_address_ = 0; // of this block, and of the next one behind what is left out
-    bool first_address_known_ = false, next_address_known_ = false;
+    uint32_t sure_room_ = 0;   // for so many records there is room whatever is in them
+    Position first_, behind_;  // of this block; behind what is left out
     bool passed_over_ = false; // items behind those of this block
 };
 

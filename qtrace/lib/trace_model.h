@@ -101,35 +101,6 @@ inline constexpr size_t GUEST_ADDRESS_WORD = 31;
 
 enum Address_Side : uint8_t { DATA_ADDRESS, NEXT_ADDRESS, ADDRESS_SIDES };
 
-struct Model {
-    uint64_t address; // of the next record's instruction; counted on from 0 when unknown
-    bool address_known;
-    Code_Slot code[1 << CODE_BITS];
-    Shape_Slot shape[1 << SHAPE_BITS];
-    uint64_t memory[1 << MEMORY_BITS];
-    uint64_t registers[5][REGISTER_SLOTS][2];
-    Translation page[1 << PAGE_BITS];
-    Translation last[ADDRESS_SIDES];
-    uint64_t controls[MAX_CONTROLS];
-    size_t control_count;
-
-    // As at the beginning of every block.
-    void reset(uint64_t block_address, bool known)
-    {
-        std::memset(static_cast<void *>(this), 0, sizeof *this);
-        address = block_address;
-        address_known = known;
-    }
-    Code_Slot &code_at(uint64_t where) { return code[slot_of(where >> 2, CODE_BITS)]; }
-    Shape_Slot &shape_of(uint32_t word) { return shape[slot_of(word, SHAPE_BITS)]; }
-    uint64_t &memory_at(uint64_t where) { return memory[slot_of(where, MEMORY_BITS)]; }
-    Translation &page_of(uint64_t where) { return page[slot_of(where >> 12, PAGE_BITS)]; }
-    uint64_t *register_values(const Register_List_Info &list, uint16_t number)
-    {
-        return registers[list.kind][number % REGISTER_SLOTS];
-    }
-};
-
 // ---- Places in a record -------------------------------------------------------------------------------------
 
 // The two addresses that a record carries with their translation.
@@ -170,6 +141,54 @@ inline bool has_address(uint64_t control, Address_Side side)
 {
     return (control >> (side == DATA_ADDRESS ? 32 + 11 : 32 + 6)) & 1;
 }
+
+// ---- All that is remembered ---------------------------------------------------------------------------------
+
+// Where the next record's instruction is; counted on from 0 when unknown.
+struct Position {
+    uint64_t address = 0;
+    bool address_known = false;
+
+    void follow(const QTRACE_RECORD &record)
+    {
+        const bool named = has_address(control_in(record), NEXT_ADDRESS);
+        address = named ? address_in(record, NEXT_ADDRESS) : address + 4;
+        address_known = address_known || named;
+    }
+    void follow(const QTRACE_FILE_HDR &header)
+    {
+        if (!header.control.iar_is_present)
+            return;
+        address = load<uint64_t>(header.iar);
+        address_known = true;
+    }
+};
+
+struct Model : Position {
+    Code_Slot code[1 << CODE_BITS];
+    Shape_Slot shape[1 << SHAPE_BITS];
+    uint64_t memory[1 << MEMORY_BITS];
+    uint64_t registers[5][REGISTER_SLOTS][2];
+    Translation page[1 << PAGE_BITS];
+    Translation last[ADDRESS_SIDES];
+    uint64_t controls[MAX_CONTROLS];
+    size_t control_count;
+
+    // As at the beginning of every block.
+    void reset(const Position &first)
+    {
+        std::memset(static_cast<void *>(this), 0, sizeof *this);
+        static_cast<Position &>(*this) = first;
+    }
+    Code_Slot &code_at(uint64_t where) { return code[slot_of(where >> 2, CODE_BITS)]; }
+    Shape_Slot &shape_of(uint32_t word) { return shape[slot_of(word, SHAPE_BITS)]; }
+    uint64_t &memory_at(uint64_t where) { return memory[slot_of(where, MEMORY_BITS)]; }
+    Translation &page_of(uint64_t where) { return page[slot_of(where >> 12, PAGE_BITS)]; }
+    uint64_t *register_values(const Register_List_Info &list, uint16_t number)
+    {
+        return registers[list.kind][number % REGISTER_SLOTS];
+    }
+};
 
 // ---- Registers as they are coded ----------------------------------------------------------------------------
 

@@ -120,6 +120,7 @@ private:
     template <class Item> int make_room_for(const Item &item);
     template <class Item> void refuse(const Item &item);
     void begin_block();
+    void next_block();
     void count_refused(const QTRACE_RECORD &) { ++refused_.records; }
     void count_refused(const QTRACE_FILE_HDR &) { ++refused_.headers; }
     int flush();
@@ -220,8 +221,8 @@ void Trace_File::seal(uint8_t flags)
         begin_block();
     sealed_.reserve(2 * (BLOCK_HEADER_SIZE + ZSTD_compressBound(MAX_PAYLOAD)));
     Block_Header header;
-    header.first_address = encoder_.first_address();
-    const uint8_t address = encoder_.first_address_known() ? ADDRESS_KNOWN : 0;
+    header.first_address = encoder_.first().address;
+    const uint8_t address = encoder_.first().address_known ? ADDRESS_KNOWN : 0;
     const uint8_t gap = gap_before_ ? GAP_BEFORE : 0;
     header.flags = address | gap;
     if (comment_outside_) {
@@ -249,10 +250,15 @@ template <class Item> int Trace_File::make_room_for(const Item &item)
         begin_block();
     if (encoder_.has_room_for(item))
         return 0;
+    next_block();
+    return flush();
+}
+
+void Trace_File::next_block()
+{
     if (!encoder_.empty())
         seal(0);
     begin_block();
-    return flush();
 }
 
 void Trace_File::begin_block()
@@ -266,7 +272,7 @@ void Trace_File::begin_block()
 // The item will be missing. The trace goes on in a new block, which says so.
 template <class Item> void Trace_File::refuse(const Item &item)
 {
-    encoder_.pass_over(item);
+    encoder_.leave_out(item);
     count_refused(item);
 }
 
@@ -296,11 +302,8 @@ int Trace_File::close()
 try {
     int result = 0;
     if (sealed_.empty() || flush() == 0) {
-        if (encoder_.passed_over()) {
-            if (!encoder_.empty())
-                seal(0);
-            begin_block();
-        }
+        if (encoder_.passed_over())
+            next_block();
         seal(LAST_BLOCK);
         result = flush();
     } else {
