@@ -1,5 +1,5 @@
 #include "trace_codec.h"
-#include "trace_search.h"
+#include "uncommon_members.h"
 
 #include <algorithm>
 #include <bit>

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "trace_bytes.h"
-#include "trace_format.h"
-#include "trace_model.h"
+#include "block_format.h"
+#include "predictor.h"
 
 #include <memory>
 

@@ -1,6 +1,6 @@
 // Copies the whole blocks of a damaged file.
 #include "qtrace_reader.h"
-#include "trace_format.h"
+#include "block_format.h"
 
 #include <cerrno>
 #include <cstdlib>

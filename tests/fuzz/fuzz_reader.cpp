@@ -1,7 +1,7 @@
 // The reader of trace files against any bytes. Checksums would keep the fuzzer out of the blocks; so with an odd
 // first byte the rest of the input becomes the payload of blocks whose headers and checksums are right.
 #include "qtrace_reader.h"
-#include "trace_format.h"
+#include "block_format.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "trace_model.h"
+#include "predictor.h"
 
 #include <bit>
 

@@ -1,4 +1,4 @@
-#include "trace_format.h"
+#include "block_format.h"
 
 #include <algorithm>
 #include <isa-l/crc.h>

@@ -1,5 +1,5 @@
-#include "trace_search.h"
-#include "trace_model.h"
+#include "uncommon_members.h"
+#include "predictor.h"
 
 #include <utility>
 
