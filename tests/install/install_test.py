@@ -71,9 +71,9 @@ class installed_tree(unittest.TestCase):
         last = self.run_in_work(self.tree / "bin/qtrace", "dump", "--json", "--from", 1999, "trace0")
         self.assertEqual("0x" + address.strip(), json.loads(last.splitlines()[-1])["address"])
 
-    def test_the_python_module_reads_the_trace(self):
+    def test_the_plain_python_reader_reads_the_trace(self):
         module = self.pkg_config("--variable=pythondir").strip()
-        program = "import qtrace; print(sum(isinstance(item, qtrace.Record) for item in qtrace.Trace('trace0')))"
+        program = "from qtrace import plain; print(sum(isinstance(i, plain.Record) for i in plain.Trace('trace0')))"
         self.assertEqual(self.run_in_work(sys.executable, "-c", program, PYTHONPATH=module), "2000\n")
 
     def test_every_header_compiles_alone(self):

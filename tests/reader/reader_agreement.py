@@ -7,7 +7,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../python"))
-import qtrace  # noqa: E402
+from qtrace import plain  # noqa: E402
 
 NUMBERS = struct.Struct("<6Q")
 END, HEADER, RECORD, DAMAGE, REFUSED = range(5)
@@ -19,11 +19,11 @@ def cpp_items(program, name):
         while (numbers := NUMBERS.unpack(process.stdout.read(NUMBERS.size)))[0] != END:
             image, comment = b"", None
             if numbers[0] == HEADER:
-                image = process.stdout.read(qtrace.HEADER_SIZE)
+                image = process.stdout.read(plain.HEADER_SIZE)
                 if numbers[3]:
                     comment = process.stdout.read(int.from_bytes(image[336:338], "little"))
             elif numbers[0] == RECORD:
-                image = process.stdout.read(qtrace.RECORD_SIZE)
+                image = process.stdout.read(plain.RECORD_SIZE)
             yield numbers, image, comment
         process.stdout.close()
 
@@ -31,17 +31,17 @@ def cpp_items(program, name):
 def python_items(name):
     """The Python reader's items in the same form."""
     try:
-        for item in qtrace.Trace(name):
+        for item in plain.Trace(name):
             yield as_numbers(item)
-    except qtrace.Not_A_Trace:
+    except plain.NotATraceError:
         yield (REFUSED, 0, 0, 0, 0, 0), b"", None
 
 
 def as_numbers(item):
-    if isinstance(item, qtrace.Header):
+    if isinstance(item, plain.Header):
         numbers = (HEADER, item.number, item.record_number, item.comment is not None, 0, item.block_offset)
         return numbers, item.image(), item.comment
-    if isinstance(item, qtrace.Record):
+    if isinstance(item, plain.Record):
         known = item.address is not None
         numbers = (RECORD, item.number, item.header_number, item.address or 0, known, item.block_offset)
         return numbers, item.image(), None
@@ -51,18 +51,18 @@ def as_numbers(item):
 def member_bits(kind):
     """The bits of an image that are not padding, pointers or bookkeeping, as one number."""
     bits = bytearray(kind.SIZE)
-    ones = {name: (1 << 8 * shape.size) - 1 for name, _, shape in kind.MEMBERS} | qtrace.USED_BITS
+    ones = {name: (1 << 8 * shape.size) - 1 for name, _, shape in kind.MEMBERS} | plain.USED_BITS
     for name, offset, shape in kind.MEMBERS:
         bits[offset : offset + shape.size] = ones[name].to_bytes(shape.size, "little")
-    if kind is qtrace.Record:
-        bits[qtrace.COUNTS_OFFSET : qtrace.COUNTS_OFFSET + len(qtrace.REGISTER_LISTS)] = b"\xff" * 10
-        for _, _, offset, room, words in qtrace.REGISTER_LISTS:
+    if kind is plain.Record:
+        bits[plain.COUNTS_OFFSET : plain.COUNTS_OFFSET + len(plain.REGISTER_LISTS)] = b"\xff" * 10
+        for _, _, offset, room, words in plain.REGISTER_LISTS:
             entry = b"\xff\xff" + bytes(6) + b"\xff" * 8 * words
             bits[offset : offset + room * len(entry)] = entry * room
     return int.from_bytes(bits, "little")
 
 
-MEMBER_BITS = {HEADER: member_bits(qtrace.Header), RECORD: member_bits(qtrace.Record)}
+MEMBER_BITS = {HEADER: member_bits(plain.Header), RECORD: member_bits(plain.Record)}
 
 
 def comparable(item):

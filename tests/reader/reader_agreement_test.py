@@ -1,11 +1,11 @@
 """The Python reader and the C++ reader deliver the same, item by item.
 
-    reader_agreement_test.py PROGRAMS corpus|damage|random|streams|lines|mended
+    reader_agreement_test.py PROGRAMS Corpus|Damage|Random|Streams|Lines|Recovered
 
-corpus: the small traces of tests/golden/format, which have an expectation of their own; damage: some of these with
-every byte changed, cut off and taken out; random: generated records;
-streams: recorded streams through the replay program (the first 20,000 lines of each, with QT_LONG=1 all of every
-one); lines: what `qtrace dump --json` and the command line of qtrace.py print; mended: what `qtrace info` says of the
+Corpus: the small traces of tests/golden/format, which have an expectation of their own; Damage: some of these with
+every byte changed, cut off and taken out; Random: generated records;
+Streams: recorded streams through the replay program (the first 20,000 lines of each, with QT_LONG=1 all of every
+one); Lines: what `qtrace dump --json` and the command line of qtrace.plain print; Recovered: what `qtrace info` says of the
 small traces, and `qtrace recover` makes of them. QT_LONG=1 takes more of all."""
 import itertools
 import json
@@ -19,7 +19,7 @@ import unittest
 import zstandard
 
 import reader_agreement
-from reader_agreement import qtrace
+from reader_agreement import plain
 
 ROOT = pathlib.Path(__file__).parents[2]
 CORPUS = ROOT / "tests/golden/format"
@@ -31,7 +31,7 @@ PROGRAMS = pathlib.Path(sys.argv[1])
 
 
 def expectation_of(item):
-    if isinstance(item, qtrace.Damage):
+    if isinstance(item, plain.Damage):
         return {"damage": item.offset, "bytes": item.bytes, "records": item.records, "known": bool(item.records_known),
                 "truncated": item.truncated}  # fmt: skip
     return item.for_json()
@@ -39,8 +39,8 @@ def expectation_of(item):
 
 def read_all(path):
     try:
-        return [expectation_of(item) for item in qtrace.Trace(path)]
-    except qtrace.Not_A_Trace:
+        return [expectation_of(item) for item in plain.Trace(path)]
+    except plain.NotATraceError:
         return [{"refused": True}]
 
 
@@ -77,7 +77,7 @@ class Agreement(unittest.TestCase):
         return copy
 
 
-class corpus(Agreement):
+class Corpus(Agreement):
     def test_has_what_its_generator_makes(self):
         check = subprocess.run([sys.executable, CORPUS / "make_corpus.py", "--check"], capture_output=True, text=True)
         self.assertEqual(check.returncode, 0, check.stdout + check.stderr)
@@ -92,7 +92,7 @@ class corpus(Agreement):
                 self.assert_readers_agree(path)
 
 
-class damage(Agreement):
+class Damage(Agreement):
     def test_at_any_byte(self):
         changed = self.folder / "changed"
         for name in DAMAGED if LONG else DAMAGED[:1]:
@@ -109,7 +109,7 @@ class damage(Agreement):
                         self.assert_readers_agree(changed)
 
 
-class random(Agreement):
+class Random(Agreement):
     def test_generated_records(self):
         for seed in range(1, 11 if LONG else 2):
             path = self.folder / "generated"
@@ -117,7 +117,7 @@ class random(Agreement):
             self.assertGreater(self.assert_readers_agree(path), 100000)
 
 
-class streams(Agreement):
+class Streams(Agreement):
     def test_recorded_streams(self):
         recorded = sorted(ROOT.glob("streams/*.jsonl*"))
         self.assertGreaterEqual(len(recorded), 7)
@@ -129,30 +129,31 @@ class streams(Agreement):
                     self.assertGreater(self.assert_readers_agree(trace), 100)
 
 
-class lines(Agreement):
+class Lines(Agreement):
     def printed(self, *command):
-        output = subprocess.run([*map(str, command)], capture_output=True, text=True)
+        environment = os.environ | {"PYTHONPATH": str(ROOT / "python")}
+        output = subprocess.run([*map(str, command)], capture_output=True, text=True, env=environment)
         return [json.loads(line) for line in output.stdout.splitlines()], output.returncode
 
     def test_both_commands_print_the_same(self):
         traces = [*CORPUS.glob("*.trace"), *self.replay(ROOT / "streams/sample.jsonl")]
         for trace in traces if LONG else traces[:: len(traces) // 60 + 1] + traces[-1:]:
             with self.subTest(trace.name):
-                mine = self.printed(sys.executable, ROOT / "python/qtrace.py", trace)
+                mine = self.printed(sys.executable, "-m", "qtrace.plain", trace)
                 self.assertEqual(mine, self.printed(PROGRAMS / "qtrace", "dump", "--json", trace))
 
 
-class mended(Agreement):
+class Recovered(Agreement):
     def for_every_trace(self, check):
         whole = 0
         for path in sorted(CORPUS.glob("*.trace")):
             with self.subTest(path.name):
                 try:
-                    trace = qtrace.Trace(path)
-                except qtrace.Not_A_Trace:
+                    trace = plain.Trace(path)
+                except plain.NotATraceError:
                     continue
                 places, items = list(trace.blocks()), list(trace)
-                damaged = any(isinstance(item, qtrace.Damage) for item in items)
+                damaged = any(isinstance(item, plain.Damage) for item in items)
                 # Most traces differ in what is in their items, which neither command looks at.
                 whole += not damaged
                 if damaged or len(places) > 1 or whole % 10 == 0 or LONG:
@@ -164,10 +165,10 @@ class mended(Agreement):
 
     def test_info_says_what_reading_finds(self):
         def check(path, places, items):
-            ends = [isinstance(place, qtrace.Block) and bool(place.flags & qtrace.FLAG_LAST) for place in places]
+            ends = [isinstance(place, plain.Block) and bool(place.flags & plain.FLAG_LAST) for place in places]
             code, info = self.qtrace("info", "--json", "--verify", path)
-            self.assertEqual(code, 3 if any(isinstance(item, qtrace.Damage) for item in items) else 0)
-            self.assertEqual(info["damaged_places"], sum(isinstance(place, qtrace.Damage) for place in places))
+            self.assertEqual(code, 3 if any(isinstance(item, plain.Damage) for item in items) else 0)
+            self.assertEqual(info["damaged_places"], sum(isinstance(place, plain.Damage) for place in places))
             self.assertEqual(info["clean_end"], ends[-1] and sum(ends) == 1)
 
         self.for_every_trace(check)
@@ -176,11 +177,11 @@ class mended(Agreement):
         saved, again = self.folder / "saved", self.folder / "again"
 
         def check(path, places, items):
-            damages = [item for item in items if isinstance(item, qtrace.Damage)]
+            damages = [item for item in items if isinstance(item, plain.Damage)]
             gone = set(itertools.chain(*(range(damage.offset, damage.offset + damage.bytes) for damage in damages)))
-            kept = [item for item in items if not isinstance(item, qtrace.Damage) and item.block_offset not in gone]
+            kept = [item for item in items if not isinstance(item, plain.Damage) and item.block_offset not in gone]
             code, _ = self.qtrace("recover", "--json", path, saved)
-            if not any(isinstance(place, qtrace.Block) and place.offset not in gone for place in places):
+            if not any(isinstance(place, plain.Block) and place.offset not in gone for place in places):
                 self.assertEqual(code, 1)
                 return
             self.assertEqual(code, 3 if damages else 0)

@@ -15,16 +15,16 @@ import sys
 import zstandard
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../../python"))
-import qtrace  # noqa: E402  (names and offsets of members, and how lines show them)
-from qtrace import crc32c  # noqa: E402
+from qtrace import plain  # noqa: E402  (names and offsets of members, and how lines show them)
+from qtrace.plain import crc32c  # noqa: E402
 
 FOLDER = pathlib.Path(__file__).parent
 MASK64 = (1 << 64) - 1
-FILE_START = qtrace.FILE_MAGIC + struct.pack("<I", 1)
+FILE_START = plain.FILE_MAGIC + struct.pack("<I", 1)
 FILE_START += struct.pack("<I", crc32c(FILE_START))
 LAST, KNOWN, COMMENT, COMMENT_BEFORE, GAP, OPEN_END = (1 << i for i in range(6))
 DATA, NEXT = 1 << 43, 1 << 38  # of control words
-LISTS = qtrace.REGISTER_LISTS
+LISTS = plain.REGISTER_LISTS
 CODING_ORDER = (9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
 SMALL = ("node", "termination_node", "termination_code", "processor", "error_code", "length")
 OPEN, OP, WORD, SHAPE, NEXTS, DATAS, TRANSLATION, KIND, VALUE, EXTRA = range(10)
@@ -74,7 +74,7 @@ def block(raw, records=0, headers=0, first=0, first_header=0, address=0, flags=0
     """A block around a payload. `change` sets members of the block's header to something else; the checksums are
     right nevertheless, unless it sets these."""
     stored_bytes = raw if stored is None else stored
-    parts = {"marker": qtrace.BLOCK_MARKER, "version": 1, "flags": flags, "compression": int(stored is not None)}
+    parts = {"marker": plain.BLOCK_MARKER, "version": 1, "flags": flags, "compression": int(stored is not None)}
     parts |= {"zero": 0, "stored": len(stored_bytes), "raw_size": len(raw), "records": records, "headers": headers}
     parts |= {"first": first, "first_header": first_header, "address": address, "crc": crc32c(stored_bytes)}
     parts |= {name: value for name, value in change.items() if name in parts}
@@ -114,7 +114,7 @@ class Trace_Maker:
     # ---- Items ----
 
     def header(self, comment=None, place=None, **members):
-        header = qtrace.Header()
+        header = plain.Header()
         vars(header).update(members)
         header.comment = comment
         if comment is not None and "comment_length" not in members:
@@ -154,7 +154,7 @@ class Trace_Maker:
                     seldom.pop(side + member, None)
         if seldom:
             second |= 2
-            rest = qtrace.Record()
+            rest = plain.Record()
             vars(rest).update(seldom)
             start[EXTRA] += sparse(rest.image())
         start[OP] += bytes([flags | 128, second]) if second else bytes([flags])
@@ -169,7 +169,7 @@ class Trace_Maker:
         return self
 
     def expect(self, **members):
-        record = qtrace.Record()
+        record = plain.Record()
         vars(record).update(members)
         record.number, record.header_number = self.records, self.headers
         record.address = self.address if self.known else None
@@ -280,10 +280,10 @@ def value_of(shape, seed):
 
 
 def member_cases():
-    for seed, (name, _, shape) in enumerate(qtrace.RECORD_MEMBERS):
+    for seed, (name, _, shape) in enumerate(plain.RECORD_MEMBERS):
         if name in ("instruction", "control"):
             continue
-        value = value_of(shape, seed) & qtrace.USED_BITS.get(name, MASK64) if not shape.words_a_row else value_of(
+        value = value_of(shape, seed) & plain.USED_BITS.get(name, MASK64) if not shape.words_a_row else value_of(
             shape, seed)
         if name == "iar_segment_size_is_valid":
             value = 1
@@ -291,16 +291,16 @@ def member_cases():
         for side, present in (("data", DATA), ("next_instruction", NEXT)):
             if name.startswith(side + "_") and name[len(side) :] in (*SIDE_MEMBERS, "_ea"):
                 whole(f"record-{name}", started().record(control=present, **{name: value}).record(control=present))
-    for seed, (name, _, shape) in enumerate(qtrace.HEADER_MEMBERS):
+    for seed, (name, _, shape) in enumerate(plain.HEADER_MEMBERS):
         if name not in ("comment_length",):
             value = value_of(shape, seed)
             whole(f"header-{name}", Trace_Maker().header(**{name: value}).record(instruction=1))
 
 
 def flag_cases():
-    for name, bit, width in qtrace.CONTROL_FLAGS:
+    for name, bit, width in plain.CONTROL_FLAGS:
         whole(f"record-flag-{name}", started().record(control=(1 << width) - 1 << bit).record())
-    for name, bit, width in qtrace.FILE_FLAGS:
+    for name, bit, width in plain.FILE_FLAGS:
         whole(f"header-flag-{name}", Trace_Maker().header(file_control=(1 << width) - 1 << bit).record())
 
 
@@ -314,9 +314,9 @@ def register_cases():
         behind = (entry(1), entry(2))
         maker = started().record(instruction=i, **{name: behind[:1], count: 1})
         # An entry behind the count travels among the seldom members.
-        size = qtrace.ENTRY[words].size
-        image = bytearray(qtrace.RECORD_SIZE)
-        qtrace.ENTRY[words].pack_into(image, LISTS[i][2] + size, *behind[1])
+        size = plain.ENTRY[words].size
+        image = bytearray(plain.RECORD_SIZE)
+        plain.ENTRY[words].pack_into(image, LISTS[i][2] + size, *behind[1])
         maker.columns[OP][-1:] = bytes([maker.columns[OP][-1] | 128, 2])
         maker.columns[EXTRA] += sparse(image)
         vars(maker.now[-1])[name] = behind
@@ -520,12 +520,12 @@ def damage_cases():
              maker.lines(without=range(gone[0], 4)) + [damage_line(size, 0, 2 * len(gone))]
              + maker.lines(without=range(gone[-1] + 1)))  # fmt: skip
     for i in range(4):
-        for name, junk in (("byte", b"\0"), ("marker", qtrace.BLOCK_MARKER), ("half-block", maker.blocks[1][:40]),
+        for name, junk in (("byte", b"\0"), ("marker", plain.BLOCK_MARKER), ("half-block", maker.blocks[1][:40]),
                            ("file-start", FILE_START)):  # fmt: skip
             bad = data[: at[i]] + junk + data[at[i] :]
             case(f"inserted-{name}-before-block-{i}", bad, maker.lines(without=range(i, 4)) + [
                 damage_line(at[i], len(junk), 0)] + maker.lines(without=range(i)))
-    other = struct.pack("<8sI", qtrace.FILE_MAGIC, 2)
+    other = struct.pack("<8sI", plain.FILE_MAGIC, 2)
     case("another-version", other + struct.pack("<I", crc32c(other)) + data[16:], [json.dumps({"refused": True})])
     case("no-trace", b"KelvoVer:3,64bitMode:True\n" * 4, [json.dumps({"refused": True})])
     bare = Trace_Maker().record(instruction=1)

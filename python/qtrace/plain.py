@@ -1,15 +1,15 @@
 #!/usr/bin/python3
-"""A plain reader of trace files, written from docs/trace-format.md alone, so that the document is complete and
-the C++ reader has somebody to agree with.
+"""A reader of trace files in plain Python, written from docs/trace-format.md alone: it proves that the document is
+complete, and the C++ reader is compared with it. It needs no compiled code but zstandard.
 
-    import qtrace
-    for item in qtrace.Trace("trace0"):
+    from qtrace import plain
+    for item in plain.Trace("trace0"):
         match item:
-            case qtrace.Record():  print(item.number, item.address, item.instruction)
-            case qtrace.Header():  print(item.iar, item.comment)
-            case qtrace.Damage():  print(item)
+            case plain.Record():  print(item.number, item.address, item.instruction)
+            case plain.Header():  print(item.iar, item.comment)
+            case plain.Damage():  print(item)
 
-    python3 qtrace.py [--from N] [--count N] FILE...
+    python3 -m qtrace.plain [--from N] [--count N] FILE...
 
 prints headers and records as `qtrace dump --json` does: members and flags that are not zero. Damage goes to
 standard error. Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 losses found.
@@ -28,7 +28,7 @@ FILE_MAGIC = b"\x8aQTRACE\n"
 BLOCK_MARKER = b"\x8bQB\n"
 FILE_START = struct.Struct("<8sII")
 BLOCK_HEADER = struct.Struct("<4s4B4I3Q2I")
-MOST_BYTES = 65536  # of a payload, stored or raw
+MAX_BYTES = 65536  # of a payload, stored or raw
 
 FLAG_LAST, FLAG_ADDRESS_KNOWN, FLAG_COMMENT_BLOCK, FLAG_COMMENT_BEFORE, FLAG_GAP = 1, 2, 4, 8, 16
 ALL_BLOCK_FLAGS = 63
@@ -36,14 +36,14 @@ COMPRESSION_NONE, COMPRESSION_ZSTD = 0, 1
 
 MASK64 = (1 << 64) - 1
 
-LOST_COMMENT = object()  # what belongs into a header, and stood in a comment block that cannot be read
+LOST_COMMENT = object()  # the comment of a header whose comment block cannot be read
 
 
-class Not_A_Trace(Exception):
-    """The file cannot be read as a trace at all."""
+class NotATraceError(Exception):
+    """The file is not a trace."""
 
 
-class Malformed(Exception):
+class MalformedError(Exception):
     """A payload with the right checksum that no writer makes."""
 
 
@@ -326,7 +326,7 @@ class Record(Item):
     """A record. `number` records and `header_number` headers stand before it; `address` is its instruction's, None
     where nothing has named one. Register lists (`gpr_in` ...) are tuples of (number, value) or, of 128-bit
     registers, (number, first half, second half): at least as many as the count names and there is room for, more
-    when entries behind those are not zero."""
+    when entries after those are not zero."""
 
     MEMBERS, SIZE = RECORD_MEMBERS, RECORD_SIZE
     number = header_number = block_offset = 0
@@ -415,7 +415,7 @@ class Column:
     def take(self, size):
         at = self.at
         if size > self.end - at:
-            raise Malformed("a column ends too early")
+            raise MalformedError("a column ends too early")
         self.at = at + size
         return self.data[at : at + size]
 
@@ -425,7 +425,7 @@ class Column:
     def byte(self):
         at = self.at
         if at >= self.end:
-            raise Malformed("a column ends too early")
+            raise MalformedError("a column ends too early")
         self.at = at + 1
         return self.data[at]
 
@@ -439,7 +439,7 @@ class Column:
             value |= (byte & 127) << shift
             if byte < 128:
                 return value & MASK64
-        raise Malformed("a number of more than ten bytes")
+        raise MalformedError("a number of more than ten bytes")
 
     def difference(self):
         value = self.varint()
@@ -452,11 +452,11 @@ class Column:
             gap, length = self.varint(), self.varint()
             if length == 0:
                 if gap:
-                    raise Malformed("an empty run")
+                    raise MalformedError("an empty run")
                 return image
             at += gap
             if at + length > size:
-                raise Malformed("a run beyond its structure")
+                raise MalformedError("a run beyond its structure")
             image[at : at + length] = self.take(length)
             at += length
 
@@ -471,14 +471,14 @@ def item_of_image(kind, image):
     return item
 
 
-# ---- What a reader remembers ---------------------------------------------------------------------------
+# ---- Predictor state -----------------------------------------------------------------------------------
 
 
 def slot(key, bits):
     return (key * 0x9E3779B97F4A7C15 & MASK64) >> (64 - bits)
 
 
-class Register_List:
+class RegisterList:
     """The ten counts, and the register numbers of the entries that there is room for."""
 
     __slots__ = ("counts", "lists")
@@ -488,11 +488,11 @@ class Register_List:
         self.lists = lists  # list number -> (name, words, [(number, index of its value in Memory.register)])
 
 
-NO_REGISTERS = Register_List({}, {})
+NO_REGISTERS = RegisterList({}, {})
 
 
-class Shape_Memory:
-    """What is remembered of an instruction word."""
+class OpcodeTemplate:
+    """What records of one instruction word have in common."""
 
     __slots__ = ("control", "small", "registers", "base", "distance", "out_distance", "out_value")
 
@@ -541,8 +541,8 @@ class Translation:
 
 NO_TRANSLATION = Translation((0,) * 32)
 SMALL_MEMBERS = ("node", "termination_node", "termination_code", "processor", "error_code", "length")
-MOST_REMEMBERED_REGISTERS = 12
-MOST_REMEMBERED_CONTROLS = 255
+MAX_KEPT_REGISTERS = 12
+MAX_KEPT_CONTROLS = 255
 DATA_SIDE, NEXT_SIDE = "data", "next_instruction"
 
 OP_WORD, OP_CONTROL, OP_LIST, OP_MEMBERS, OP_NEXT, OP_DATA, OP_INPUTS, OP_MORE = (1 << i for i in range(8))
@@ -560,7 +560,7 @@ class Payload:
         (self.open, self.op, self.word, self.shape, self.next, self.data, self.translation, self.kind, self.value,
          self.extra) = self.columns  # fmt: skip
         self.code = [(0, 0)] * 2048
-        self.shapes = [None] * 1024
+        self.templates = [None] * 1024
         self.memory = [0] * 1024
         self.register = [0] * (5 * 64 * 2)
         self.page = [NO_TRANSLATION] * 128
@@ -570,15 +570,15 @@ class Payload:
         if self.open.at < self.open.end:
             self.open_header = item_of_image(Header, self.open.sparse_image(HEADER_SIZE))
             if self.open.at != self.open.end:
-                raise Malformed("an open header that does not fill its column")
+                raise MalformedError("an open header that does not fill its column")
 
     @staticmethod
     def split(raw):
         if len(raw) < 4 * COLUMNS:
-            raise Malformed("a payload without room for its columns")
+            raise MalformedError("a payload without room for its columns")
         sizes = struct.unpack_from(f"<{COLUMNS}I", raw)
         if 4 * COLUMNS + sum(sizes) != len(raw):
-            raise Malformed("columns that do not fill the payload")
+            raise MalformedError("columns that do not fill the payload")
         ends = list(itertools.accumulate(sizes, initial=4 * COLUMNS))
         return [Column(raw, at, end) for at, end in zip(ends, ends[1:])]
 
@@ -589,10 +589,10 @@ class Payload:
             if code & OP_MORE:
                 code |= op.byte() << 8
             if code & OP_UNUSED or code & OP_HEADER and code != OP_HEADER | OP_MORE:
-                raise Malformed("an operation that does not exist")
+                raise MalformedError("an operation that does not exist")
             yield self.header() if code & OP_HEADER else self.record(code)
         if any(column.at != column.end for column in self.columns):
-            raise Malformed("columns that are not used up")
+            raise MalformedError("columns that are not used up")
 
     def header(self):
         header = item_of_image(Header, self.extra.sparse_image(HEADER_SIZE))
@@ -602,14 +602,14 @@ class Payload:
         elif place == 2:
             comment, self.comment_before = self.comment_before, None
             if comment is None:
-                raise Malformed("a comment in front of the block, where none belongs to it")
+                raise MalformedError("a comment before the block, where none belongs to it")
             if comment is LOST_COMMENT:
                 comment, header.comment_length = b"", 0
             if header.comment_length != len(comment):
-                raise Malformed("a comment in front of the block, of another length")
+                raise MalformedError("a comment before the block, of another length")
             header.comment = comment
         elif place != 0:
-            raise Malformed("a comment in no known place")
+            raise MalformedError("a comment in no known place")
         if header.file_control & FILE_IAR:
             self.address, self.address_known = header.iar, True
         return header
@@ -624,32 +624,32 @@ class Payload:
             members["address"] = address
 
         code_slot = slot(address >> 2, 11)
-        expected_word, expected_next = self.code[code_slot]
-        word = members["instruction"] = self.word.number(4) if op & OP_WORD else expected_word
-        shape = self.shape_of(word)
+        predicted_word, predicted_next = self.code[code_slot]
+        word = members["instruction"] = self.word.number(4) if op & OP_WORD else predicted_word
+        template = self.template_of(word)
 
-        control = members["control"] = self.read_control() if op & OP_CONTROL else shape.control
+        control = members["control"] = self.read_control() if op & OP_CONTROL else template.control
         if op & OP_MEMBERS:
-            shape.small = self.read_small_members()
-        members.update(shape.small)
+            template.small = self.read_small_members()
+        members.update(template.small)
 
-        registers = shape.registers
+        registers = template.registers
         if op & OP_LIST:
             registers = self.read_register_list()
-            small = sum(len(numbers) for _, _, numbers in registers.lists.values()) <= MOST_REMEMBERED_REGISTERS
-            shape.registers = registers if small else NO_REGISTERS
+            small = sum(len(numbers) for _, _, numbers in registers.lists.values()) <= MAX_KEPT_REGISTERS
+            template.registers = registers if small else NO_REGISTERS
         members.update(registers.counts)
         self.read_inputs(members, registers, op & OP_INPUTS, address)
 
         last_input, previous_input = self.last_inputs(members.get("gpr_in", ()))
         near = address
         if control & CONTROL_DATA_ADDRESS:
-            near = members["data_ea"] = self.read_data_address(op, shape, last_input, previous_input)
-        self.read_outputs(members, registers, shape, last_input, previous_input, near)
+            near = members["data_ea"] = self.read_data_address(op, template, last_input, previous_input)
+        self.read_outputs(members, registers, template, last_input, previous_input, near)
 
         next_address = None
         if control & CONTROL_NEXT_ADDRESS:
-            next_address = expected_next
+            next_address = predicted_next
             if op & OP_NEXT:
                 next_address = address + self.next.difference() & MASK64
             members["next_instruction_ea"] = next_address
@@ -658,29 +658,29 @@ class Payload:
         if next_address is not None:
             self.read_translation(members, NEXT_SIDE, next_address, op & OP_NEXT_TRANSLATION)
 
-        shape.control = control
-        self.remember_values(members, registers, shape, last_input, near)
-        self.code[code_slot] = (word, expected_next if next_address is None else next_address)
+        template.control = control
+        self.note_values(members, registers, template, last_input, near)
+        self.code[code_slot] = (word, predicted_next if next_address is None else next_address)
         self.go_on(next_address)
         if op & OP_ESCAPE:
-            add_seldom_members(record, self.extra.sparse_image(RECORD_SIZE))
+            add_rare_fields(record, self.extra.sparse_image(RECORD_SIZE))
         return record
 
-    def shape_of(self, word):
+    def template_of(self, word):
         index = slot(word, 10)
-        shape = self.shapes[index]
-        if shape is None:
-            shape = self.shapes[index] = Shape_Memory()
-        return shape
+        template = self.templates[index]
+        if template is None:
+            template = self.templates[index] = OpcodeTemplate()
+        return template
 
     def read_control(self):
         number = self.shape.byte()
         if number < len(self.controls):
             return self.controls[number]
         if number > len(self.controls):
-            raise Malformed("a control word that was not named before")
+            raise MalformedError("a control word that was not named before")
         control = self.shape.number(8)
-        if len(self.controls) < MOST_REMEMBERED_CONTROLS:
+        if len(self.controls) < MAX_KEPT_CONTROLS:
             self.controls.append(control)
         return control
 
@@ -702,7 +702,7 @@ class Payload:
                 numbers = [self.shape.varint() & 0xFFFF for _ in range(min(counts[i], room))]
                 first = i % 5 * 128
                 lists[i] = (name, words, [(number, first + number % 64 * 2) for number in numbers])
-        return Register_List({REGISTER_LISTS[i][1]: count for i, count in counts.items()}, lists)
+        return RegisterList({REGISTER_LISTS[i][1]: count for i, count in counts.items()}, lists)
 
     def read_inputs(self, members, registers, coded, address):
         register = self.register
@@ -710,9 +710,9 @@ class Payload:
             if i in registers.lists:
                 name, words, numbers = registers.lists[i]
                 if coded:
-                    expected = Expected(self.memory, 0, 0, 0, 0, address)
+                    prediction = Prediction(self.memory, 0, 0, 0, 0, address)
                     members[name] = tuple(
-                        (number, *(self.read_value(index, half, expected) for half in range(words)))
+                        (number, *(self.read_value(index, half, prediction) for half in range(words)))
                         for number, index in numbers
                     )
                 else:
@@ -723,41 +723,41 @@ class Payload:
         last = entries[-1][1] if entries else 0
         return last, entries[-2][1] if len(entries) > 1 else 0
 
-    def read_data_address(self, op, shape, last_input, previous_input):
+    def read_data_address(self, op, template, last_input, previous_input):
         if op & OP_DATA:
-            shape.base = self.data.byte()
-            if shape.base > 2:
-                raise Malformed("a base of a data address that does not exist")
-            shape.distance = self.data.difference()
-        base = (last_input, previous_input + last_input, 0)[shape.base]
-        return base + shape.distance & MASK64
+            template.base = self.data.byte()
+            if template.base > 2:
+                raise MalformedError("a base of a data address that does not exist")
+            template.distance = self.data.difference()
+        base = (last_input, previous_input + last_input, 0)[template.base]
+        return base + template.distance & MASK64
 
-    def read_outputs(self, members, registers, shape, last_input, previous_input, near):
-        expected = None
+    def read_outputs(self, members, registers, template, last_input, previous_input, near):
+        prediction = None
         for i in OUTPUT_LISTS:
             if i in registers.lists:
                 name, words, numbers = registers.lists[i]
-                if expected is None:
-                    expected = Expected(
-                        self.memory, last_input, previous_input, shape.out_distance, shape.out_value, near
+                if prediction is None:
+                    prediction = Prediction(
+                        self.memory, last_input, previous_input, template.out_distance, template.out_value, near
                     )
                 members[name] = tuple(
-                    (number, *(self.read_value(index, half, expected) for half in range(words)))
+                    (number, *(self.read_value(index, half, prediction) for half in range(words)))
                     for number, index in numbers
                 )
 
-    def read_value(self, index, half, expected):
+    def read_value(self, index, half, prediction):
         kind = self.kind.byte()
         if kind < 9:
-            value = self.register[index + half] if kind == 0 else expected.value(kind, half)
+            value = self.register[index + half] if kind == 0 else prediction.value(kind, half)
         elif kind < 18:
             value = self.value.number(kind - 9)
         elif kind < 42:
             size = (kind - 18) % 8 + 1
-            base = (self.register[index + half], expected.last_input, expected.near)[(kind - 18) // 8]
+            base = (self.register[index + half], prediction.last_input, prediction.near)[(kind - 18) // 8]
             value = base + int.from_bytes(self.value.take(size), "little", signed=True) & MASK64
         else:
-            raise Malformed("a kind of value that does not exist")
+            raise MalformedError("a kind of value that does not exist")
         self.register[index + half] = value
         return value
 
@@ -773,7 +773,7 @@ class Payload:
         translation = self.last_translation[side] = self.page[index]
         members.update(translation.members(side, address))
 
-    def remember_values(self, members, registers, shape, last_input, near):
+    def note_values(self, members, registers, template, last_input, near):
         lists = registers.lists
         if not lists:
             return
@@ -781,8 +781,8 @@ class Payload:
         chosen = outputs[0] if outputs else [i for i in INPUT_LISTS if i in lists][-1]
         _, *values = members[lists[chosen][0]][0]
         if outputs:
-            shape.out_value = values[0]
-            shape.out_distance = values[0] - last_input & MASK64
+            template.out_value = values[0]
+            template.out_distance = values[0] - last_input & MASK64
         for half, value in enumerate(values):
             self.memory[slot(near + 8 * half & MASK64, 10)] = value
 
@@ -793,8 +793,8 @@ class Payload:
             self.address, self.address_known = next_address, True
 
 
-class Expected:
-    """What the value of a register may be expected to be."""
+class Prediction:
+    """The values that a register is predicted to have."""
 
     __slots__ = ("memory", "last_input", "previous_input", "out_distance", "out_value", "near")
 
@@ -822,11 +822,11 @@ class Expected:
         return previous ^ last
 
 
-def add_seldom_members(record, image):
-    """Combines a record with an image of its seldom members."""
-    seldom = item_of_image(Record, image).__dict__
+def add_rare_fields(record, image):
+    """Combines a record with an image of its rare (escape-coded) members."""
+    rare = item_of_image(Record, image).__dict__
     shapes = {name: shape for name, _, shape in RECORD_MEMBERS}
-    for name, value in seldom.items():
+    for name, value in rare.items():
         setattr(record, name, shapes[name].combine(getattr(record, name), value))
     for i, (name, count, offset, room, words) in enumerate(REGISTER_LISTS):
         if image[COUNTS_OFFSET + i]:
@@ -863,7 +863,7 @@ class Block:
         (_, version, flags, compression, zero, stored, raw, records, headers, first_record, first_header,
          first_address, payload_crc, header_crc) = BLOCK_HEADER.unpack_from(data, offset)  # fmt: skip
         fits = version == FORMAT_VERSION and flags <= ALL_BLOCK_FLAGS and zero == 0
-        fits = fits and compression <= COMPRESSION_ZSTD and max(stored, raw) <= MOST_BYTES
+        fits = fits and compression <= COMPRESSION_ZSTD and max(stored, raw) <= MAX_BYTES
         if not fits or compression == COMPRESSION_NONE and stored != raw:
             return None
         if header_crc != crc32c(data[offset : offset + BLOCK_HEADER.size - 4]):
@@ -896,14 +896,14 @@ class Block:
             return stored
         try:
             # Read to the limit first: a frame may hold, and claim, thousands of times its own size.
-            if len(zstandard.ZstdDecompressor().stream_reader(stored).read(MOST_BYTES + 1)) != self.raw_size:
-                raise Malformed("a payload of another size than its header says")
+            if len(zstandard.ZstdDecompressor().stream_reader(stored).read(MAX_BYTES + 1)) != self.raw_size:
+                raise MalformedError("a payload of another size than its header says")
             frame = zstandard.ZstdDecompressor().decompressobj()
             raw = frame.decompress(stored)
         except zstandard.ZstdError as error:
-            raise Malformed("a payload that does not decompress") from error
+            raise MalformedError("a payload that does not decompress") from error
         if not frame.eof or frame.unused_data:
-            raise Malformed("a payload that is not one whole frame")
+            raise MalformedError("a payload that is not one whole frame")
         return raw
 
 
@@ -922,14 +922,14 @@ class Trace:
             magic, version, checksum = FILE_START.unpack_from(self.data)
             if magic == FILE_MAGIC and checksum == crc32c(self.data[:12]):
                 if version != FORMAT_VERSION:
-                    raise Not_A_Trace(f"{self.name}: format version {version} is not {FORMAT_VERSION}")
+                    raise NotATraceError(f"{self.name}: format version {version} is not {FORMAT_VERSION}")
                 return FILE_START.size
         if self.next_block(0) is None:
-            raise Not_A_Trace(f"{self.name}: no trace file")
+            raise NotATraceError(f"{self.name}: no trace file")
         return 0
 
     def next_block(self, offset):
-        """The first whole block at a place or behind it, or None."""
+        """The first whole block at or after `offset`, or None."""
         while (offset := self.data.find(BLOCK_MARKER, offset)) >= 0:
             block = Block.at(self.data, offset)
             if block and block.is_whole(self.data):
@@ -963,11 +963,11 @@ class Trace:
     def damage_at_end(self, offset, ended):
         cut = Block.at(self.data, offset)
         lost = cut.records if cut else 0
-        reason = "bytes behind the last block" if ended else "the file ends without its last block"
+        reason = "bytes after the last block" if ended else "the file ends without its last block"
         return Damage(offset, len(self.data) - offset, reason, lost, False, not ended)
 
     def __iter__(self):
-        before = None  # the block in front
+        before = None  # the preceding block
         for block in self.blocks():
             if isinstance(block, Damage):
                 yield block
@@ -984,12 +984,12 @@ class Trace:
         """The damage of a comment block, or None."""
         try:
             block.payload(self.data)
-        except Malformed as reason:
+        except MalformedError as reason:
             return Damage(block.offset, block.end - block.offset, str(reason), 0, True)
         return None
 
     def comment_for(self, block, before):
-        """The comment in front of a block, LOST_COMMENT, or None where none belongs to it."""
+        """The comment that precedes a block, LOST_COMMENT, or None where none belongs to it."""
         if before and before.is_comment_of(block):
             return before.payload(self.data)
         return LOST_COMMENT if block.flags & FLAG_COMMENT_BEFORE else None
@@ -1008,11 +1008,11 @@ class Trace:
                     item.number, item.header_number = block.first_record + records, block.first_header + headers
                     records += 1
                 if records > block.records or headers > block.headers:
-                    raise Malformed("more items than the block's header says")
+                    raise MalformedError("more items than the block's header says")
                 yield item
             if records != block.records or headers != block.headers:
-                raise Malformed("fewer items than the block's header says")
-        except Malformed as reason:
+                raise MalformedError("fewer items than the block's header says")
+        except MalformedError as reason:
             lost = max(block.records - records, 0)
             return Damage(block.offset, block.end - block.offset, str(reason), lost, True)
         return None
@@ -1053,7 +1053,7 @@ def main():
         except BrokenPipeError:
             os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # nobody reads on: end quietly
             return 0
-        except (Not_A_Trace, OSError) as error:
+        except (NotATraceError, OSError) as error:
             failed = True
             print(error, file=sys.stderr)
     return 1 if failed else 3 if lost else 0
