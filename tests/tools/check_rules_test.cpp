@@ -1,7 +1,7 @@
 // Every rule of `qtrace check` has a trace that breaks it and no other.
+#include "address_view.h"
 #include "check_rules.h"
 #include "planted_trace.h"
-#include "translated_address.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "planted_trace.h"
 
+#include "record_schema.h"
 #include "tool_run.h"
-#include "trace_members.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -163,11 +163,11 @@ void set_modes(Item &item, Side side, unsigned guest, unsigned host)
 }
 
 template <class Word>
-static void set_bit(Word &word, std::span<const qtrace_tool::Trace_Flag> rows, std::string_view name, bool present)
+static void set_bit(Word &word, std::span<const trace::Trace_Flag> rows, std::string_view name, bool present)
 {
     uint64_t bits = 0;
     std::memcpy(&bits, &word, sizeof(word));
-    const uint64_t mask = std::ranges::find(rows, name, &qtrace_tool::Trace_Flag::name)->mask();
+    const uint64_t mask = std::ranges::find(rows, name, &trace::Trace_Flag::name)->mask();
     bits = present ? bits | mask : bits & ~mask;
     std::memcpy(&word, &bits, sizeof(word));
 }
@@ -182,9 +182,9 @@ static void set_flag(Item &item, Side side, Piece piece, bool present)
     };
     const std::string_view name = NAMES[static_cast<size_t>(side)][piece];
     if (side == Side::header)
-        set_bit(item.header.control, qtrace_tool::FILE_FLAGS, name, present);
+        set_bit(item.header.control, trace::FILE_FLAGS, name, present);
     else
-        set_bit(item.record.header.control, qtrace_tool::CONTROL_FLAGS, name, present);
+        set_bit(item.record.header.control, trace::CONTROL_FLAGS, name, present);
 }
 
 void set_piece(Item &item, Side side, Piece piece, bool present, uint8_t value)

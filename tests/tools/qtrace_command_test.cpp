@@ -1,7 +1,7 @@
 // The `qtrace` command as a user sees it: what it prints, and how it ends.
-#include "instruction_kind.h"
+#include "instruction_kinds.h"
 #include "planted_trace.h"
-#include "trace_members.h"
+#include "record_schema.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -253,7 +253,7 @@ TEST(dump, json_carries_every_filled_member)
     Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
     std::set<std::string> expected;
     // every member filled, whatever the flags say; pointers and the library's bookkeeping are no part of a file
-    for (const qtrace_tool::Trace_Member &member : qtrace_tool::RECORD_MEMBERS) {
+    for (const trace::Trace_Member &member : trace::RECORD_MEMBERS) {
         const std::set<std::string_view> outside = {"data",         "file_header", "persistent_data", "offset",
                                                     "record_count", "instr_count", "exec_instr_count"};
         if (outside.contains(member.name) || member.name == "regs")
@@ -274,7 +274,7 @@ TEST(dump, json_shows_each_filled_member_and_no_other)
                                                 "record_count", "instr_count", "exec_instr_count"};
     Trace trace = {good_trace()[FIRST_HEADER]};
     std::vector<std::string> expected;
-    for (const qtrace_tool::Trace_Member &member : qtrace_tool::RECORD_MEMBERS) {
+    for (const trace::Trace_Member &member : trace::RECORD_MEMBERS) {
         if (outside.contains(member.name) || member.name == "regs")
             continue;
         trace.push_back({false, {}, "", {}});
@@ -670,7 +670,7 @@ TEST(info, shows_no_control_characters_of_a_comment)
 
 TEST(instruction_kind, agrees_with_what_a_recorded_stream_says_of_its_instructions)
 {
-    using qtrace_tool::Instruction_Kind;
+    using trace::Instruction_Kind;
     std::ifstream stream(RECORDED_STREAM);
     size_t commits = 0;
     for (std::string line; std::getline(stream, line);) {
@@ -686,8 +686,8 @@ TEST(instruction_kind, agrees_with_what_a_recorded_stream_says_of_its_instructio
                                           : is("cache")       ? Instruction_Kind::cache
                                                               : Instruction_Kind::other;
         const auto word = static_cast<uint32_t>(std::stoul(object["op"].get<std::string>(), nullptr, 16));
-        EXPECT_EQ(qtrace_tool::instruction_info(word).kind, expected) << object["text"];
-        EXPECT_EQ(qtrace_tool::instruction_info(word).string, is("string")) << object["text"];
+        EXPECT_EQ(trace::instruction_info(word).kind, expected) << object["text"];
+        EXPECT_EQ(trace::instruction_info(word).string, is("string")) << object["text"];
         commits++;
     }
     EXPECT_EQ(commits, 2000u);

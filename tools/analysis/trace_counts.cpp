@@ -1,6 +1,6 @@
 #include "trace_counts.h"
 
-#include "instruction_kind.h"
+#include "instruction_kinds.h"
 
 #include <algorithm>
 #include <fmt/format.h>

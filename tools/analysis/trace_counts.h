@@ -1,9 +1,9 @@
 // What `stats` counts over one trace, or over several together.
 #pragma once
 
+#include "address_view.h"
 #include "qtrace_reader.h"
-#include "trace_members.h"
-#include "translated_address.h"
+#include "record_schema.h"
 
 #include <map>
 #include <memory>
@@ -13,6 +13,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 // How often keys occur, in constant memory: exact while there are no more than CAPACITY of them, else each count is
 // too low by at most shortfall().

@@ -2,8 +2,8 @@
 // lacks.
 #pragma once
 
+#include "record_schema.h"
 #include "trace_files.h"
-#include "trace_members.h"
 
 #include <bitset>
 #include <functional>
@@ -12,6 +12,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 using Difference_Set = std::bitset<DIFFERENCES>;
 

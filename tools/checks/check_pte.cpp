@@ -1,6 +1,6 @@
 #include "check_pte.h"
 
-#include "trace_members.h"
+#include "record_schema.h"
 
 #include <bit>
 #include <cerrno>
@@ -11,6 +11,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 bool Pte_Accesses::read(const std::string &name, std::string &error)
 {

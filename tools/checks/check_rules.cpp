@@ -1,8 +1,8 @@
 #include "check_rules.h"
 
+#include "address_view.h"
 #include "header_comment.h"
 #include "record_printer.h"
-#include "translated_address.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -10,6 +10,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 // What has passed in the file, as far as rules ask for it.
 struct Check_State {

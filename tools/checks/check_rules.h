@@ -2,7 +2,7 @@
 #pragma once
 
 #include "qtrace_reader.h"
-#include "trace_members.h"
+#include "record_schema.h"
 
 #include <functional>
 #include <memory>
@@ -11,6 +11,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 // Where a rule looks: at each record, at each header, or at the end of a stretch of tracing.
 enum class Rule_Scope : uint8_t { record, header, end };

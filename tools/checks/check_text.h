@@ -1,8 +1,8 @@
 // A trace against the text trace of the same thread, item by item.
 #pragma once
 
+#include "address_view.h"
 #include "qtrace_reader.h"
-#include "translated_address.h"
 
 #include <fmt/format.h>
 #include <fstream>
@@ -15,6 +15,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 // A translation as a line of the text trace tells it; what the line does not say is absent.
 struct Text_Translation {

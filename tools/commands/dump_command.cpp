@@ -1,4 +1,4 @@
-#include "instruction_kind.h"
+#include "instruction_kinds.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
@@ -8,6 +8,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 namespace
 {
 

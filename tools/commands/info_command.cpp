@@ -5,6 +5,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 namespace
 {
 

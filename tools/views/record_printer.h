@@ -2,8 +2,8 @@
 #pragma once
 
 #include "qtrace_reader.h"
+#include "record_schema.h"
 #include "tool_output.h"
-#include "trace_members.h"
 
 #include <bitset>
 #include <optional>
@@ -12,6 +12,8 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
 
 // What a line shows: members, flags, register classes.
 class Field_Selection

@@ -1,6 +1,6 @@
-#include "translated_address.h"
+#include "address_view.h"
 
-namespace qtrace_tool
+namespace trace
 {
 
 static constexpr uint8_t HPT = PIECE_VSID | PIECE_RPN | PIECE_PAGE;
@@ -96,4 +96,4 @@ Translated_Address first_address_of(const QTRACE_FILE_HDR &header)
             header.iar_gpage_size};
 }
 
-} // namespace qtrace_tool
+} // namespace trace

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace qtrace_tool
+namespace trace
 {
 
 struct Header_Comment {
@@ -21,4 +21,4 @@ struct Header_Comment {
 // kind, page sizes in ascending order, nothing behind.
 bool parse_comment(std::string_view text, Header_Comment &comment);
 
-} // namespace qtrace_tool
+} // namespace trace

@@ -1,9 +1,9 @@
-#include "trace_members.h"
+#include "record_schema.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-namespace qtrace_tool
+namespace trace
 {
 namespace
 {
@@ -425,4 +425,4 @@ Register_Entry register_entry(const Register_Class &kind, const QTRACE_REGISTERS
     return entry;
 }
 
-} // namespace qtrace_tool
+} // namespace trace

@@ -11,7 +11,7 @@
 #include <span>
 #include <string_view>
 
-namespace qtrace_tool
+namespace trace
 {
 
 // ---- Flags ---------------------------------------------------------------------------------------------
@@ -247,4 +247,4 @@ Register_Entry register_entry(const Register_Class &kind, const QTRACE_REGISTERS
 
 extern const std::array<Register_Class, 10> REGISTER_CLASSES; // inputs, then outputs
 
-} // namespace qtrace_tool
+} // namespace trace

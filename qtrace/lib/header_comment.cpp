@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
-namespace qtrace_tool
+namespace trace
 {
 namespace
 {
@@ -57,4 +57,4 @@ bool parse_comment(std::string_view text, Header_Comment &comment)
            take_pages(text, comment.guest_pages) && text.empty();
 }
 
-} // namespace qtrace_tool
+} // namespace trace

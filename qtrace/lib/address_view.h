@@ -2,11 +2,11 @@
 // the data of a record.
 #pragma once
 
-#include "trace_members.h"
+#include "record_schema.h"
 
 #include <array>
 
-namespace qtrace_tool
+namespace trace
 {
 
 // What a translation may carry.
@@ -41,4 +41,4 @@ Translated_Address next_address_of(const QTRACE_RECORD &record);
 Translated_Address data_address_of(const QTRACE_RECORD &record);
 Translated_Address first_address_of(const QTRACE_FILE_HDR &header);
 
-} // namespace qtrace_tool
+} // namespace trace

@@ -1,9 +1,9 @@
-#include "instruction_kind.h"
+#include "instruction_kinds.h"
 
 #include <array>
 #include <cstring>
 
-namespace qtrace_tool
+namespace trace
 {
 namespace
 {
@@ -114,4 +114,4 @@ Branch_Outcome branch_outcome(const QTRACE_RECORD &record, uint64_t address)
     return flags.termination_present ? Branch_Outcome::not_taken : Branch_Outcome::undecided;
 }
 
-} // namespace qtrace_tool
+} // namespace trace

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace qtrace_tool
+namespace trace
 {
 
 enum class Instruction_Kind : uint8_t { other, load, store, cache, conditional_branch, unconditional_branch };
@@ -23,4 +23,4 @@ enum class Branch_Outcome : uint8_t { no_branch, undecided, not_taken, taken, un
 // An interrupt behind an untaken branch changes the address too; where the target is in the word it is told apart.
 Branch_Outcome branch_outcome(const QTRACE_RECORD &record, uint64_t address);
 
-} // namespace qtrace_tool
+} // namespace trace
