@@ -1,5 +1,6 @@
 #include "query_floor.h"
 
+#include "address_queries.h"
 #include "plugin_qtbin.h"
 #include "xlate_modes.h"
 
@@ -37,173 +38,114 @@ struct Query_Record {
 Query_Record record;
 uint64_t commits_since_report;
 
-// The two sides' names of the same queries.
-struct Fetch {
-    static constexpr auto status = Get_PC_MMU_Status;
-    static constexpr auto mode = Get_PC_Xlate_Type;
-    static constexpr auto guest_mode = Get_PC_Radix_Guest_Mode;
-    static constexpr auto host_mode = Get_PC_Radix_Host_Mode;
-    static constexpr auto host_two_level = Get_PC_Host_AXD_Two_Level;
-    static constexpr auto guest_two_level = Get_PC_Guest_AXD_Two_Level;
-    static constexpr auto host_depth = Get_PC_Radix_Host_Walk_Depth;
-    static constexpr auto guest_depth = Get_PC_Radix_Guest_Walk_Depth;
-    static constexpr auto ra = Get_Inst_PC_RA;
-    static constexpr auto vsid = Get_Inst_PC_VSID;
-    static constexpr auto rpn = Get_Inst_PC_RPN;
-    static constexpr auto host_rpn = Get_Inst_Host_PC_RPN;
-    static constexpr auto guest_rpn = Get_Inst_Guest_PC_RPN;
-    static constexpr auto page_size = Get_Inst_PC_PageSize;
-    static constexpr auto host_page_size = Get_Inst_PC_Host_PageSize;
-    static constexpr auto guest_page_size = Get_Inst_PC_Guest_PageSize;
-    static constexpr auto host_l1 = Get_Inst_PC_HOST_RTPDE_L1_n_RA;
-    static constexpr auto host_l2 = Get_Inst_PC_HOST_RTPDE_L2_n_RA;
-    static constexpr auto host_l3 = Get_Inst_PC_HOST_RTPDE_L3_n_RA;
-    static constexpr auto host_pte = Get_Inst_PC_HOST_RTPTE_n_RA;
-    static constexpr auto host_ra = Get_Inst_PC_RonR_HOST_RA_Ln;
-    static constexpr auto guest_l1 = Get_Inst_PC_GUEST_RTPDE_L1_RA;
-    static constexpr auto guest_l2 = Get_Inst_PC_GUEST_RTPDE_L2_RA;
-    static constexpr auto guest_l3 = Get_Inst_PC_GUEST_RTPDE_L3_RA;
-    static constexpr auto guest_pte = Get_Inst_PC_GUEST_RTPTE_RA;
-    static constexpr auto guest_ra = Get_Inst_PC_GUEST_RA;
-};
-
-struct Data {
-    static constexpr auto status = Get_Data_MMU_Status;
-    static constexpr auto mode = Get_Data_Xlate_Type;
-    static constexpr auto guest_mode = Get_Data_Radix_Guest_Mode;
-    static constexpr auto host_mode = Get_Data_Radix_Host_Mode;
-    static constexpr auto host_two_level = Get_Data_Host_AXD_Two_Level;
-    static constexpr auto guest_two_level = Get_Data_Guest_AXD_Two_Level;
-    static constexpr auto host_depth = Get_Data_Radix_Host_Walk_Depth;
-    static constexpr auto guest_depth = Get_Data_Radix_Guest_Walk_Depth;
-    static constexpr auto ra = Get_Inst_Data_RA;
-    static constexpr auto vsid = Get_Inst_Data_VSID;
-    static constexpr auto rpn = Get_Inst_Data_RPN;
-    static constexpr auto host_rpn = Get_Inst_Data_Host_RPN;
-    static constexpr auto guest_rpn = Get_Inst_Data_Guest_RPN;
-    static constexpr auto page_size = Get_Inst_Data_PageSize;
-    static constexpr auto host_page_size = Get_Inst_Data_Host_PageSize;
-    static constexpr auto guest_page_size = Get_Inst_Data_Guest_PageSize;
-    static constexpr auto host_l1 = Get_Inst_Data_HOST_RTPDE_L1_n_RA;
-    static constexpr auto host_l2 = Get_Inst_Data_HOST_RTPDE_L2_n_RA;
-    static constexpr auto host_l3 = Get_Inst_Data_HOST_RTPDE_L3_n_RA;
-    static constexpr auto host_pte = Get_Inst_Data_HOST_RTPTE_n_RA;
-    static constexpr auto host_ra = Get_Inst_Data_RonR_HOST_RA_Ln;
-    static constexpr auto guest_l1 = Get_Inst_Data_GUEST_RTPDE_L1_RA;
-    static constexpr auto guest_l2 = Get_Inst_Data_GUEST_RTPDE_L2_RA;
-    static constexpr auto guest_l3 = Get_Inst_Data_GUEST_RTPDE_L3_RA;
-    static constexpr auto guest_pte = Get_Inst_Data_GUEST_RTPTE_RA;
-    static constexpr auto guest_ra = Get_Inst_Data_GUEST_RA;
-};
-
-template <class Side> void ask_descriptors(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_descriptors(Address_Record &to, void *iop)
 {
-    to.status = Side::status(iop);
-    to.mode = Side::mode(iop);
-    to.guest_mode = Side::guest_mode(iop);
-    to.host_mode = Side::host_mode(iop);
-    to.host_two_level = Side::host_two_level(iop);
-    to.guest_two_level = Side::guest_two_level(iop);
-    to.host_depth = Side::host_depth(iop);
-    to.guest_depth = Side::guest_depth(iop);
+    to.status = query_mmu_status(side, iop);
+    to.mode = query_xlate_type(side, iop);
+    to.guest_mode = query_guest_mode(side, iop);
+    to.host_mode = query_host_mode(side, iop);
+    to.host_two_level = query_host_two_level(side, iop);
+    to.guest_two_level = query_guest_two_level(side, iop);
+    to.host_depth = query_host_depth(side, iop);
+    to.guest_depth = query_guest_depth(side, iop);
 }
 
-template <class Side> void ask_hashed_page(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_hashed_page(Address_Record &to, void *iop)
 {
-    to.vsid = Side::vsid(iop);
-    to.rpn = Side::rpn(iop);
-    to.page_size = Side::page_size(iop);
+    to.vsid = query_vsid(side, iop);
+    to.rpn = query_rpn(side, iop);
+    to.page_size = query_page_size(side, iop);
 }
 
-template <class Side> void ask_first_walk(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_first_walk(Address_Record &to, void *iop)
 {
-    to.host_walk[0].RTPDE_ra_l1 = Side::host_l1(iop, 0);
-    to.host_walk[0].RTPDE_ra_l2 = Side::host_l2(iop, 0);
-    to.host_walk[0].RTPDE_ra_l3 = Side::host_l3(iop, 0);
-    to.host_walk[0].RTPTE_ra = Side::host_pte(iop, 0);
-    to.host_ra[0] = Side::host_ra(iop, 0);
+    to.host_walk[0].RTPDE_ra_l1 = query_host_l1(side, iop, 0);
+    to.host_walk[0].RTPDE_ra_l2 = query_host_l2(side, iop, 0);
+    to.host_walk[0].RTPDE_ra_l3 = query_host_l3(side, iop, 0);
+    to.host_walk[0].RTPTE_ra = query_host_pte(side, iop, 0);
+    to.host_ra[0] = query_host_ra(side, iop, 0);
 }
 
-template <class Side> void ask_host_page(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_host_page(Address_Record &to, void *iop)
 {
-    to.rpn = Side::host_rpn(iop);
-    to.page_size = Side::host_page_size(iop);
+    to.rpn = query_host_rpn(side, iop);
+    to.page_size = query_host_page_size(side, iop);
 }
 
-template <class Side> void ask_depths(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_depths(Address_Record &to, void *iop)
 {
-    to.host_depth = Side::host_depth(iop);
-    to.guest_depth = Side::guest_depth(iop);
+    to.host_depth = query_host_depth(side, iop);
+    to.guest_depth = query_guest_depth(side, iop);
 }
 
-template <class Side> void ask_walk(Address_Record &to, void *iop, int n)
+template <ADDRESS_SIDE side> void ask_walk(Address_Record &to, void *iop, int n)
 {
     const int levels = to.host_depth >= 2 && to.host_depth <= 4 ? to.host_depth - 1 : 0;
     if (levels >= 1)
-        to.host_walk[n].RTPDE_ra_l1 = Side::host_l1(iop, n);
+        to.host_walk[n].RTPDE_ra_l1 = query_host_l1(side, iop, n);
     if (levels >= 2)
-        to.host_walk[n].RTPDE_ra_l2 = Side::host_l2(iop, n);
+        to.host_walk[n].RTPDE_ra_l2 = query_host_l2(side, iop, n);
     if (levels >= 3)
-        to.host_walk[n].RTPDE_ra_l3 = Side::host_l3(iop, n);
-    to.host_walk[n].RTPTE_ra = Side::host_pte(iop, n);
+        to.host_walk[n].RTPDE_ra_l3 = query_host_l3(side, iop, n);
+    to.host_walk[n].RTPTE_ra = query_host_pte(side, iop, n);
 }
 
-template <class Side> void ask_nested_walk(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_nested_walk(Address_Record &to, void *iop)
 {
     const int last = to.guest_depth - 1;
     for (int n = 0; n < last; ++n) {
-        ask_walk<Side>(to, iop, n);
+        ask_walk<side>(to, iop, n);
         if (n == 0)
-            to.guest_l1 = Side::guest_l1(iop);
+            to.guest_l1 = query_guest_l1(side, iop);
         else if (n == 1)
-            to.guest_l2 = Side::guest_l2(iop);
+            to.guest_l2 = query_guest_l2(side, iop);
         else if (n == 2)
-            to.guest_l3 = Side::guest_l3(iop);
+            to.guest_l3 = query_guest_l3(side, iop);
     }
-    to.guest_pte = Side::guest_pte(iop);
-    ask_walk<Side>(to, iop, last);
+    to.guest_pte = query_guest_pte(side, iop);
+    ask_walk<side>(to, iop, last);
     for (int n = 0; n < last; ++n)
-        to.host_ra[n] = Side::host_ra(iop, n);
+        to.host_ra[n] = query_host_ra(side, iop, n);
 }
 
-template <class Side> void ask_two_levels(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_two_levels(Address_Record &to, void *iop)
 {
     if (!(Is_Mode_Kernel(iop) ? to.relocated : 1))
         return;
     const XLATE_CASE rule = mode_info(record.fetch.mode).rule;
     if (rule == CASE_GUEST_HPT) {
-        ask_hashed_page<Side>(to, iop);
-        to.guest_page_size = Side::page_size(iop);
+        ask_hashed_page<side>(to, iop);
+        to.guest_page_size = query_page_size(side, iop);
     } else if (rule == CASE_GUEST_RADIX) {
-        ask_depths<Side>(to, iop);
+        ask_depths<side>(to, iop);
         if (to.guest_depth >= 1 && to.guest_depth <= HOST_WALKS)
-            ask_nested_walk<Side>(to, iop);
-        to.guest_ra = Side::guest_ra(iop);
-        to.rpn = Side::guest_rpn(iop);
-        to.page_size = Side::host_page_size(iop);
-        to.guest_page_size = Side::guest_page_size(iop);
+            ask_nested_walk<side>(to, iop);
+        to.guest_ra = query_guest_ra(side, iop);
+        to.rpn = query_guest_rpn(side, iop);
+        to.page_size = query_host_page_size(side, iop);
+        to.guest_page_size = query_guest_page_size(side, iop);
     }
 }
 
-template <class Side> void ask_one_level(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_one_level(Address_Record &to, void *iop)
 {
     switch (mode_info(to.mode).rule) {
     case CASE_HOST_REAL:
-        to.ra = Side::ra(iop);
+        to.ra = query_ra(side, iop);
         break;
     case CASE_GUEST_REAL_HPT:
     case CASE_HOST_HPT:
-        ask_hashed_page<Side>(to, iop);
+        ask_hashed_page<side>(to, iop);
         break;
     case CASE_GUEST_REAL_RADIX:
-        ask_depths<Side>(to, iop);
-        ask_first_walk<Side>(to, iop);
-        to.guest_ra = Side::guest_ra(iop);
-        ask_host_page<Side>(to, iop);
+        ask_depths<side>(to, iop);
+        ask_first_walk<side>(to, iop);
+        to.guest_ra = query_guest_ra(side, iop);
+        ask_host_page<side>(to, iop);
         break;
     case CASE_HOST_RADIX:
-        ask_first_walk<Side>(to, iop);
-        ask_host_page<Side>(to, iop);
+        ask_first_walk<side>(to, iop);
+        ask_host_page<side>(to, iop);
         break;
     case CASE_NONE:
     case CASE_GUEST_HPT:
@@ -212,12 +154,12 @@ template <class Side> void ask_one_level(Address_Record &to, void *iop)
     }
 }
 
-template <class Side> void ask_translation(Address_Record &to, void *iop)
+template <ADDRESS_SIDE side> void ask_translation(Address_Record &to, void *iop)
 {
     if (to.guest_two_level)
-        ask_two_levels<Side>(to, iop);
+        ask_two_levels<side>(to, iop);
     else
-        ask_one_level<Side>(to, iop);
+        ask_one_level<side>(to, iop);
 }
 
 void ask_thread_state(void *iop)
@@ -251,11 +193,11 @@ void ask_operation(void *iop)
 
 void ask_data(void *iop)
 {
-    ask_descriptors<Data>(record.data, iop);
+    ask_descriptors<DATA_SIDE>(record.data, iop);
     record.data_ea = Get_Inst_Data_EA(iop);
     record.data.relocated = Is_Data_Relocated(iop);
     if ((record.load || record.store || record.cache) && record.ea_valid)
-        ask_translation<Data>(record.data, iop);
+        ask_translation<DATA_SIDE>(record.data, iop);
 }
 
 void ask_registers_and_kind(void *iop)
@@ -275,14 +217,14 @@ void floor_commit(void *iop)
 {
     record.tid = Get_Inst_ThreadId(iop);
     ask_thread_state(iop);
-    ask_descriptors<Fetch>(record.fetch, iop);
+    ask_descriptors<FETCH_SIDE>(record.fetch, iop);
     record.op = Is_Inst_SimSupport(iop) ? SIM_SUPPORT_NOP : Get_Inst_Instbody(iop);
     if (Is_Inst_Filtered(iop))
         return;
     record.pc = Get_Inst_PC(iop);
     record.npc = Get_Inst_NPC(iop);
     record.fetch.relocated = Is_Inst_Relocated(iop);
-    ask_translation<Fetch>(record.fetch, iop);
+    ask_translation<FETCH_SIDE>(record.fetch, iop);
     record.sdr1 = Get_Inst_SDR1(iop);
     ask_operation(iop);
     ask_data(iop);

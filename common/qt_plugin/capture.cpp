@@ -1,58 +1,11 @@
 #include "capture.h"
 
-#include "clear_members.h"
+#include "address_queries.h"
+#include "inline_body.h"
 #include "ordering.h"
 #include "xlate_modes.h"
 
-#include <algorithm>
 #include <string.h>
-
-// ---- The two sides of an instruction ----------------------------------------------------------------------------
-
-// Every question about the instruction's own address (fetch) has a twin about its data address. The routines below
-// are written once; the side is a constant wherever they are used, so that they become direct calls.
-enum ADDRESS_SIDE { FETCH_SIDE, DATA_SIDE };
-
-#define INLINE_BODY static inline __attribute__((always_inline))
-
-#define SIDE_QUERY(type, name, fetch_query, data_query)                                                            \
-    INLINE_BODY type name(ADDRESS_SIDE side, void *iop)                                                            \
-    {                                                                                                              \
-        return side == FETCH_SIDE ? fetch_query(iop) : data_query(iop);                                            \
-    }
-
-#define SIDE_WALK_QUERY(name, fetch_query, data_query)                                                             \
-    INLINE_BODY PA name(ADDRESS_SIDE side, void *iop, int n)                                                       \
-    {                                                                                                              \
-        return side == FETCH_SIDE ? fetch_query(iop, n) : data_query(iop, n);                                      \
-    }
-
-SIDE_QUERY(MMUStatus, query_mmu_status, Get_PC_MMU_Status, Get_Data_MMU_Status)
-SIDE_QUERY(RDX_XLATE_MODE, query_xlate_type, Get_PC_Xlate_Type, Get_Data_Xlate_Type)
-SIDE_QUERY(RDX_MODE, query_guest_mode, Get_PC_Radix_Guest_Mode, Get_Data_Radix_Guest_Mode)
-SIDE_QUERY(RDX_MODE, query_host_mode, Get_PC_Radix_Host_Mode, Get_Data_Radix_Host_Mode)
-SIDE_QUERY(uint8_t, query_host_two_level, Get_PC_Host_AXD_Two_Level, Get_Data_Host_AXD_Two_Level)
-SIDE_QUERY(uint8_t, query_guest_two_level, Get_PC_Guest_AXD_Two_Level, Get_Data_Guest_AXD_Two_Level)
-SIDE_QUERY(uint8_t, query_host_depth, Get_PC_Radix_Host_Walk_Depth, Get_Data_Radix_Host_Walk_Depth)
-SIDE_QUERY(uint8_t, query_guest_depth, Get_PC_Radix_Guest_Walk_Depth, Get_Data_Radix_Guest_Walk_Depth)
-SIDE_QUERY(uint64_t, query_ra, Get_Inst_PC_RA, Get_Inst_Data_RA)
-SIDE_QUERY(uint64_t, query_vsid, Get_Inst_PC_VSID, Get_Inst_Data_VSID)
-SIDE_QUERY(uint32_t, query_rpn, Get_Inst_PC_RPN, Get_Inst_Data_RPN)
-SIDE_QUERY(uint32_t, query_host_rpn, Get_Inst_Host_PC_RPN, Get_Inst_Data_Host_RPN)
-SIDE_QUERY(uint32_t, query_guest_rpn, Get_Inst_Guest_PC_RPN, Get_Inst_Data_Guest_RPN)
-SIDE_QUERY(uint8_t, query_page_size, Get_Inst_PC_PageSize, Get_Inst_Data_PageSize)
-SIDE_QUERY(uint8_t, query_host_page_size, Get_Inst_PC_Host_PageSize, Get_Inst_Data_Host_PageSize)
-SIDE_QUERY(uint8_t, query_guest_page_size, Get_Inst_PC_Guest_PageSize, Get_Inst_Data_Guest_PageSize)
-SIDE_QUERY(PA, query_guest_l1, Get_Inst_PC_GUEST_RTPDE_L1_RA, Get_Inst_Data_GUEST_RTPDE_L1_RA)
-SIDE_QUERY(PA, query_guest_l2, Get_Inst_PC_GUEST_RTPDE_L2_RA, Get_Inst_Data_GUEST_RTPDE_L2_RA)
-SIDE_QUERY(PA, query_guest_l3, Get_Inst_PC_GUEST_RTPDE_L3_RA, Get_Inst_Data_GUEST_RTPDE_L3_RA)
-SIDE_QUERY(PA, query_guest_pte, Get_Inst_PC_GUEST_RTPTE_RA, Get_Inst_Data_GUEST_RTPTE_RA)
-SIDE_QUERY(PA, query_guest_ra, Get_Inst_PC_GUEST_RA, Get_Inst_Data_GUEST_RA)
-SIDE_WALK_QUERY(query_host_l1, Get_Inst_PC_HOST_RTPDE_L1_n_RA, Get_Inst_Data_HOST_RTPDE_L1_n_RA)
-SIDE_WALK_QUERY(query_host_l2, Get_Inst_PC_HOST_RTPDE_L2_n_RA, Get_Inst_Data_HOST_RTPDE_L2_n_RA)
-SIDE_WALK_QUERY(query_host_l3, Get_Inst_PC_HOST_RTPDE_L3_n_RA, Get_Inst_Data_HOST_RTPDE_L3_n_RA)
-SIDE_WALK_QUERY(query_host_pte, Get_Inst_PC_HOST_RTPTE_n_RA, Get_Inst_Data_HOST_RTPTE_n_RA)
-SIDE_WALK_QUERY(query_host_ra, Get_Inst_PC_RonR_HOST_RA_Ln, Get_Inst_Data_RonR_HOST_RA_Ln)
 
 // ---- One captured case each -------------------------------------------------------------------------------------
 
@@ -159,7 +112,7 @@ INLINE_BODY void capture_guest_level(ADDRESS_SIDE side, const Xlate_Fields &to, 
         to.gRTW.RTPDE_GUEST_ra_l3 = query_guest_l3(side, iop);
 }
 
-// Each table access of the guest with the host walk behind it, then the final one.
+// Each table access of the guest with the host walk that translates it, then the final one.
 INLINE_BODY void capture_nested_walk(ADDRESS_SIDE side, const Xlate_Fields &to, void *iop)
 {
     const int last = to.guest_walkdepth - 1;
@@ -185,7 +138,7 @@ INLINE_BODY void capture_guest_radix(ADDRESS_SIDE side, const Xlate_Fields &to, 
     to.gpagesize = query_guest_page_size(side, iop);
 }
 
-#define CAPTURE_DOORS(rule)                                                                                        \
+#define CAPTURE_WRAPPERS(rule)                                                                                     \
     void iop_helper_pc_##rule(Node *p, void *iop)                                                                  \
     {                                                                                                              \
         capture_##rule(FETCH_SIDE, pc_fields(p), iop);                                                             \
@@ -195,13 +148,13 @@ INLINE_BODY void capture_guest_radix(ADDRESS_SIDE side, const Xlate_Fields &to, 
         capture_##rule(DATA_SIDE, data_fields(p), iop);                                                            \
     }
 
-CAPTURE_DOORS(host_real)
-CAPTURE_DOORS(host_hpt)
-CAPTURE_DOORS(guest_hpt)
-CAPTURE_DOORS(guest_real_host_hpt)
-CAPTURE_DOORS(host_radix)
-CAPTURE_DOORS(guest_real_host_radix)
-CAPTURE_DOORS(guest_radix)
+CAPTURE_WRAPPERS(host_real)
+CAPTURE_WRAPPERS(host_hpt)
+CAPTURE_WRAPPERS(guest_hpt)
+CAPTURE_WRAPPERS(guest_real_host_hpt)
+CAPTURE_WRAPPERS(host_radix)
+CAPTURE_WRAPPERS(guest_real_host_radix)
+CAPTURE_WRAPPERS(guest_radix)
 
 // ---- Which case is captured -------------------------------------------------------------------------------------
 
@@ -362,9 +315,9 @@ static void capture_string_and_registers(Node *p, void *iop)
         Get_Inst_Name_And_Operand(iop, info.name, sizeof info.name);
 }
 
-// Returns the captured instruction, or null when it is not to be traced. The node of a filtered instruction is
-// neither linked nor freed: it is given up on purpose, and known to leak checks by this function's name.
-static Node *capture_instruction(int tid, void *iop)
+// The node of a filtered instruction is neither linked nor freed: it is given up on purpose, and known to leak checks
+// by this function's name.
+Node *capture_instruction(int tid, void *iop)
 {
     Node *p = new_node();
     if (!p)
@@ -380,301 +333,4 @@ static Node *capture_instruction(int tid, void *iop)
     capture_data(p, iop);
     capture_string_and_registers(p, iop);
     return p;
-}
-
-// ---- A captured node, all zero again ----------------------------------------------------------------------------
-
-// The first host walk and its result, or everything.
-INLINE_BODY void clear_walk_storage(const Xlate_Fields &x, bool whole)
-{
-    if (whole) {
-        clear_bytes<sizeof x.hRTW>(x.hRTW);
-        clear_bytes<sizeof x.hRTW_host_RA>(x.hRTW_host_RA);
-        clear_bytes<sizeof x.gRTW>(&x.gRTW);
-    } else {
-        clear_bytes<sizeof x.hRTW[0]>(x.hRTW);
-        clear_bytes<sizeof x.hRTW_host_RA[0]>(x.hRTW_host_RA);
-    }
-}
-
-static bool has_guest_walk(RDX_XLATE_MODE mode)
-{
-    const XLATE_CASE rule = mode_info(mode).rule;
-    return rule == CASE_GUEST_RADIX || rule == CASE_GUEST_REAL_RADIX;
-}
-
-template <class Value, size_t N> INLINE_BODY void clear_class(int32_t &num, int32_t (&index)[N], Value (&value)[N])
-{
-    if (num == 0)
-        return;
-    for (int32_t i = 0; i < num && i < static_cast<int32_t>(N); ++i) {
-        index[i] = 0;
-        value[i] = {};
-    }
-    num = 0;
-}
-
-INLINE_BODY void clear_registers(Plugin_Inst_Registers &r)
-{
-    clear_class(r.gpr_num, r.gpr_index, r.gpr_value);
-    clear_class(r.fpr_num, r.fpr_index, r.fpr_value);
-    clear_class(r.spr_num, r.spr_index, r.spr_value);
-    clear_class(r.vsx_num, r.vsx_index, r.vsx_value);
-    clear_class(r.vmx_num, r.vmx_index, r.vmx_value);
-}
-
-// Makes a node all zero again that nothing but this file and the tree's flags have written to. A node has 2.6
-// kilobytes, most of them for guest walks and registers that hardly an instruction has: only what can have been
-// used is cleared. Whoever makes capture fill another member must clear it here; the unit tests compare.
-WIDE_STORES static void clear_captured(Node *p)
-{
-    First_OP_Info &info = p->info;
-    const bool walks = has_guest_walk(p->pc_radix_type) || has_guest_walk(p->data_radix_type) ||
-                       has_guest_walk(p->nextPC_radix_type);
-    clear_walk_storage(pc_fields(p), walks);
-    clear_walk_storage(next_pc_fields(p), walks);
-    clear_walk_storage(data_fields(p), walks);
-    CLEAR_MEMBERS(Node, p, proc_index, PC_hRTW);
-    CLEAR_MEMBERS(Node, p, ptcr, nextPC_hRTW);
-    CLEAR_MEMBERS(Node, p, nextPC_pagesize, reg_in);
-    clear_registers(p->reg_in);
-    clear_registers(p->reg_out);
-    CLEAR_MEMBERS(Node, p, done, info.name);
-    if (qfile_in_text)
-        clear_bytes<sizeof info.name>(info.name);
-    CLEAR_MEMBERS(Node, p, info.branch, info.data_hRTW);
-    clear_bytes<sizeof *p - offsetof(Node, info.data_gpagesize)>(&info.data_gpagesize);
-}
-
-static void count_instruction(void *iop)
-{
-    if (Is_Inst_VMX(iop)) {
-        ++VMX_instr_commited;
-        ++total_VMX_instr_commited;
-    }
-    if (Is_Inst_VSX(iop)) {
-        ++VSX_instr_commited;
-        ++total_VSX_instr_commited;
-    }
-    ++instr_commited;
-    ++total_instr_commited;
-    if (instr_commited == SAMPLE_RATE)
-        qtrace_report_kips();
-}
-
-// ---- Cracked instructions ---------------------------------------------------------------------------------------
-
-// Merges one class of registers: a later value of a register replaces the earlier one, a new register is appended
-// as long as there is room.
-template <class Value, size_t N>
-static void merge_class(int32_t &num, int32_t (&index)[N], Value (&value)[N], int32_t piece_num,
-                        const int32_t (&piece_index)[N], const Value (&piece_value)[N])
-{
-    num = std::clamp<int32_t>(num, 0, N);
-    for (int i = 0; i < std::min<int32_t>(piece_num, N); ++i) {
-        const auto place = static_cast<int32_t>(std::find(index, index + num, piece_index[i]) - index);
-        if (place == static_cast<int32_t>(N))
-            continue;
-        index[place] = piece_index[i];
-        value[place] = piece_value[i];
-        num = std::max(num, place + 1);
-    }
-}
-
-static void merge_registers(Plugin_Inst_Registers &to, const Plugin_Inst_Registers &piece)
-{
-    merge_class(to.gpr_num, to.gpr_index, to.gpr_value, piece.gpr_num, piece.gpr_index, piece.gpr_value);
-    merge_class(to.fpr_num, to.fpr_index, to.fpr_value, piece.fpr_num, piece.fpr_index, piece.fpr_value);
-    merge_class(to.spr_num, to.spr_index, to.spr_value, piece.spr_num, piece.spr_index, piece.spr_value);
-    merge_class(to.vmx_num, to.vmx_index, to.vmx_value, piece.vmx_num, piece.vmx_index, piece.vmx_value);
-    merge_class(to.vsx_num, to.vsx_index, to.vsx_value, piece.vsx_num, piece.vsx_index, piece.vsx_value);
-}
-
-static bool is_cracked_piece(const Node *p)
-{
-    return p->info.branch == '?' && p->PC == p->nextPC;
-}
-
-static void keep_piece(Node *p)
-{
-    Node *&pieces = crack_inst[p->proc_index];
-    if (p->commit)
-        pieces = insert_left(pieces, p);
-    else
-        free_node(p);
-}
-
-// Completes a cracked instruction with its last piece: the first piece stands for the whole, with the outputs of
-// all and the last one's next address.
-static Node *fix_crack(Node *last)
-{
-    Node *&pieces = crack_inst[last->proc_index];
-    const uint64_t next_address = last->nextPC; // the last piece is gone after this if its seq was there already
-    Node *whole = insert_left(pieces, last);
-    pieces = whole->left;
-    whole->left = nullptr;
-    whole->nextPC = next_address;
-    while (pieces) {
-        Node *piece = pieces;
-        merge_registers(whole->reg_out, piece->reg_out);
-        pieces = piece->left;
-        free_node(piece);
-    }
-    return whole;
-}
-
-// ---- Into the tree ----------------------------------------------------------------------------------------------
-
-static void drain_pre_execution(Node *current)
-{
-    Node *&waiting = pre_execution[current->proc_index];
-    while (waiting && waiting->seq <= current->seq) {
-        Node *first = waiting;
-        if (first->seq == current->seq)
-            current->reg_in = first->reg_in;
-        waiting = first->left;
-        free_node(first);
-    }
-}
-
-static void take_flushed(int tid)
-{
-    if (flush[tid] && insert_to_list(flush_list[tid], flush[tid]))
-        flush[tid] = nullptr;
-}
-
-// What one node knows about its address into what the node before it says about its next address. Walks that the
-// case does not use are zero on both sides.
-static void copy_translation(const Xlate_Fields &to, const Xlate_Fields &from)
-{
-    const XLATE_CASE rule = dispatched_case(from.radix_type, from.relocation);
-    const Xlate_Case_Info &carried = XLATE_CASES[rule];
-    if (rule == CASE_HOST_REAL)
-        to.RA = from.RA;
-    if (carried.vsid)
-        to.VSID = from.VSID;
-    if (carried.rpn)
-        to.RPN = from.RPN;
-    if (carried.page)
-        to.pagesize = from.pagesize;
-    if (carried.gpage)
-        to.gpagesize = from.gpagesize;
-    if (carried.walk == WALK_NONE)
-        return;
-    const int walks = carried.walk == WALK_NESTED ? HOST_WALKS : 1;
-    const int host_ras = carried.walk == WALK_NESTED ? GUEST_LEVELS : 1;
-    memcpy(to.hRTW, from.hRTW, static_cast<size_t>(walks) * sizeof to.hRTW[0]);
-    memcpy(to.hRTW_host_RA, from.hRTW_host_RA, static_cast<size_t>(host_ras) * sizeof to.hRTW_host_RA[0]);
-    if (carried.walk == WALK_NESTED)
-        to.gRTW = from.gRTW;
-    else if (carried.walk == WALK_GUEST_REAL)
-        to.gRTW.GUEST_ra = from.gRTW.GUEST_ra;
-}
-
-// Tells the node before `current` what its next address is, unless it is just the following one.
-static void fill_next_address(Node *previous, Node *current)
-{
-    if (current->PC == previous->PC + 4 && previous->info.taken != 'Y')
-        return;
-    previous->I = 1;
-    previous->nextPC = current->PC;
-    previous->nextPC_relocation = current->PC_relocation;
-    previous->nextPC_radix_type = current->pc_radix_type;
-    previous->nextPC_guest_twolevel = current->pc_guest_twolevel;
-    previous->nextPC_host_walkdepth = current->pc_host_walkdepth;
-    previous->nextPC_guest_walkdepth = current->pc_guest_walkdepth;
-    copy_translation(next_pc_fields(previous), pc_fields(current));
-}
-
-// Hangs one flushed node into the tree from `start` on; where its key finds no place, a lower one may. Returns
-// where the next search starts.
-static Node *place_flushed(Node *start, Node *flushed)
-{
-    Node *placed = insert_right(start, flushed);
-    while (!placed && flushed->terminated_seq > start->seq && --flushed->terminated_seq > start->seq)
-        placed = insert_right(start, flushed);
-    if (placed)
-        return placed;
-    del_tree(flushed);
-    return start;
-}
-
-// Returns 0 when a flushed instruction is still ahead of `current`: then nothing may be written yet.
-static boolean place_all_flushed(Node *current)
-{
-    List *list = flush_list[current->proc_index];
-    Node *start = root[current->proc_index];
-    while (!is_list_empty(list)) {
-        if (list->list[0]->seq > current->seq)
-            return 0;
-        start = place_flushed(start, remove_from_list(list));
-    }
-    return 1;
-}
-
-static void write_all_before(Node *current, Node *previous)
-{
-    Node *&first = root[current->proc_index];
-    dump_tree_right(first);
-    previous->left = nullptr;
-    if (first == previous && first == plain_commit[current->proc_index] && !first->right) {
-        clear_captured(first);
-        free_clear_node(first);
-    } else {
-        del_tree(first);
-    }
-    first = current;
-}
-
-static void link_instruction(Node *current)
-{
-    const int tid = current->proc_index;
-    if (!root[tid]) {
-        root[tid] = current;
-        last_commit[tid] = current;
-        return;
-    }
-    take_flushed(tid);
-    Node *previous = last_commit[tid];
-    previous->left = current;
-    last_commit[tid] = current;
-    fill_next_address(previous, current);
-    if (place_all_flushed(current))
-        write_all_before(current, previous);
-}
-
-// ---- Events -----------------------------------------------------------------------------------------------------
-
-void Event_Instruction_PreExecution(void *iop)
-{
-    if (!init)
-        return;
-    if (!is_thread_paused(Get_Inst_ThreadId(iop)))
-        In_Cycle_Mode(iop); // nothing is captured before execution; hosts expect the question all the same
-}
-
-void Event_Instruction_Commit(void *iop)
-{
-    if (!init)
-        return;
-    const int tid = Get_Inst_ThreadId(iop);
-    act_on_commit(tid);
-    if (is_thread_paused(tid))
-        return;
-    Node *current = capture_instruction(tid, iop);
-    if (!current)
-        return;
-    count_instruction(iop);
-    if (!current->simple) {
-        if (is_cracked_piece(current)) {
-            keep_piece(current);
-            return;
-        }
-        if (crack_inst[tid])
-            current = fix_crack(current);
-    }
-    const bool plain = current->simple && !pre_execution[tid];
-    drain_pre_execution(current);
-    link_instruction(current);
-    plain_commit[tid] = plain ? current : nullptr;
 }

@@ -3,6 +3,10 @@
 
 #include "plugin_qtbin.h"
 
+// Asks the host about an instruction of thread `tid`. Returns a new node, which is the caller's; null when the
+// instruction is filtered or memory runs out, which is reported.
+Node *capture_instruction(int tid, void *iop);
+
 // Coarse kind of a translation mode.
 XLATE_TYPE get_xlate_mode(RDX_XLATE_MODE mode);
 

@@ -16,10 +16,6 @@ void free_clear_node(Node *node);
 // Gives kept nodes back to the system.
 void drop_spare_nodes();
 
-// Per thread: its newest instruction, if nothing but capture has written to that node, so that capture knows how to
-// make it all zero. A table of the session.
-extern Node **plain_commit;
-
 // Null when memory runs out, which is reported. The nodes that entries point to are never freed with them.
 Stack *new_stack();
 List *new_list();

@@ -1,5 +1,6 @@
 #include "plugin_qtbin.h"
 
+#include "commit.h"
 #include "ordering.h"
 #include "qtrace.h"
 
@@ -8,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
+#include <type_traits>
 
 static constexpr char SOURCE[] = "common/qt_plugin/plugin_qtbin";
 
@@ -242,34 +244,18 @@ static void close_files()
     drop_table(qfile_in_pte);
 }
 
-Node **plain_commit;
-
 // ---- Capture state of a session ---------------------------------------------------------------------------------
 
-static void make_flush_lists()
+// What becomes of a thread's entry in one of the tables when its captured instructions are dropped.
+template <class Entry> static void forget(Entry &entry)
 {
-    if (flush_list)
-        return;
-    flush_list = new_table<List *>();
-    for (int tid = 0; tid < hardware_threads(); ++tid)
-        flush_list[tid] = new_list();
+    entry = {};
 }
 
-void state_allocate_init()
+static void drop_tree(Node *&tree)
 {
-    make_table(hdr_write);
-    make_table(root);
-    make_table(last_commit);
-    make_table(plain_commit);
-    make_table(flush_seq);
-    make_table(flush);
-    make_flush_lists();
-    make_table(pre_execution);
-    make_table(crack_inst);
-    if (!s1)
-        s1 = new_stack();
-    if (!s2)
-        s2 = new_stack();
+    del_tree(tree);
+    tree = nullptr;
 }
 
 // Frees the list with the nodes that still wait in it.
@@ -281,44 +267,52 @@ static void drop_flush_list(List *&list)
     list = nullptr;
 }
 
-static void drop_tree(Node **trees, int tid)
+// The session's tables: each with its new entries, null for zeroed ones, and with what drops an entry.
+template <class Visit> static void for_each_session_table(Visit visit)
 {
-    if (!trees)
+    visit(hdr_write, nullptr, forget<boolean>);
+    visit(root, nullptr, drop_tree);
+    visit(last_commit, nullptr, forget<Node *>);
+    visit(plain_commit, nullptr, forget<Node *>);
+    visit(flush_seq, nullptr, forget<uint64_t>);
+    visit(flush, nullptr, drop_tree);
+    visit(flush_list, new_list, drop_flush_list);
+    visit(pre_execution, nullptr, drop_tree);
+    visit(crack_inst, nullptr, drop_tree);
+}
+
+template <class Entry, class New_Entry> static void make_session_table(Entry *&table, New_Entry new_entry)
+{
+    if (table)
         return;
-    del_tree(trees[tid]);
-    trees[tid] = nullptr;
+    table = new_table<Entry>();
+    if constexpr (!std::is_null_pointer_v<New_Entry>)
+        for (int tid = 0; tid < hardware_threads(); ++tid)
+            table[tid] = new_entry();
+}
+
+void state_allocate_init()
+{
+    for_each_session_table([](auto *&table, auto new_entry, auto) { make_session_table(table, new_entry); });
+    for (Stack **stack : {&s1, &s2})
+        if (!*stack)
+            *stack = new_stack();
 }
 
 // Whatever the thread has captured is dropped; its next record gets a header.
 static void reset_thread(int tid)
 {
-    if (hdr_write)
-        hdr_write[tid] = 0;
-    if (last_commit)
-        last_commit[tid] = nullptr;
-    if (plain_commit)
-        plain_commit[tid] = nullptr;
-    if (flush_seq)
-        flush_seq[tid] = 0;
-    for (Node **trees : {root, flush, pre_execution, crack_inst})
-        drop_tree(trees, tid);
-    if (flush_list)
-        drop_flush_list(flush_list[tid]);
+    for_each_session_table([tid](auto *table, auto, auto drop_entry) {
+        if (table)
+            drop_entry(table[tid]);
+    });
 }
 
 static void state_destroy()
 {
     for (int tid = 0; tid < hardware_threads(); ++tid)
         reset_thread(tid);
-    drop_table(hdr_write);
-    drop_table(root);
-    drop_table(last_commit);
-    drop_table(plain_commit);
-    drop_table(flush_seq);
-    drop_table(flush);
-    drop_table(pre_execution);
-    drop_table(crack_inst);
-    drop_table(flush_list);
+    for_each_session_table([](auto *&table, auto, auto) { drop_table(table); });
     for (Stack **stack : {&s1, &s2}) {
         del_stack(*stack);
         *stack = nullptr;

@@ -2,15 +2,14 @@
 
 #include "auto_comment.h"
 #include "clear_members.h"
+#include "inline_body.h"
 #include "qtrace.h"
+#include "register_classes.h"
 #include "xlate_modes.h"
 
 #include <algorithm>
 #include <stdlib.h>
 #include <string.h>
-
-// Bodies that are to be folded into their callers, so that views of an address or of registers stay notation.
-#define INLINE_BODY static inline __attribute__((always_inline))
 
 // ---- Flags -----------------------------------------------------------------------------------------------------
 
@@ -283,51 +282,49 @@ static void put_register_value(QTRACE_UINT64 (&to)[2], const QuadWord &value)
     memcpy(to, &value, sizeof to);
 }
 
-// One class of registers. A record holds fewer of some classes than the host reports: those beyond are left out.
-template <class Entry, class Value, size_t N, size_t HOST_N>
-INLINE_BODY void put_class(QTRACE_UINT8 &count, Entry (&to)[N], int32_t num, const int32_t (&index)[HOST_N],
-                           const Value (&value)[HOST_N])
-{
-    if (num <= 0)
-        return;
-    const size_t fitting = std::min<size_t>(static_cast<size_t>(num), N);
-    for (size_t i = 0; i < fitting; ++i) {
-        to[i].index = static_cast<QTRACE_UINT16>(index[i]);
-        put_register_value(to[i].value, value[i]);
-    }
-    count = static_cast<QTRACE_UINT8>(fitting);
-}
-
-// The registers of one direction in a record.
-struct Record_Registers {
-    QTRACE_UINT8 &num_gprs, &num_fprs, &num_sprs, &num_vmxrs, &num_vsxrs;
-    QTRACE_REGISTER_INFO (&gpr)[QTRACE_MAX_GPRS_IN], (&fpr)[QTRACE_MAX_FPRS_IN], (&spr)[QTRACE_MAX_SPRS_IN];
-    QTRACE_VMX_REGISTER_INFO (&vmxr)[QTRACE_MAX_VMXRS_IN];
-    QTRACE_VSX_REGISTER_INFO (&vsxr)[QTRACE_MAX_VSXRS_IN];
+// One class of registers in a record.
+template <class Entry, size_t N> struct Record_Class {
+    QTRACE_UINT8 &count;
+    Entry (&entry)[N];
 };
+template <class Entry, size_t N> Record_Class(QTRACE_UINT8 &, Entry (&)[N]) -> Record_Class<Entry, N>;
 
-INLINE_BODY Record_Registers in_registers(QTRACE_REGISTERS &r)
+INLINE_BODY auto in_registers(QTRACE_REGISTERS &r)
 {
-    return {r.num_gprs_in, r.num_fprs_in, r.num_sprs_in, r.num_vmxrs_in, r.num_vsxrs_in,
-            r.gpr_in,      r.fpr_in,      r.spr_in,      r.vmxr_in,      r.vsxr_in};
+    return Register_Classes{Record_Class{r.num_gprs_in, r.gpr_in}, Record_Class{r.num_fprs_in, r.fpr_in},
+                            Record_Class{r.num_sprs_in, r.spr_in}, Record_Class{r.num_vmxrs_in, r.vmxr_in},
+                            Record_Class{r.num_vsxrs_in, r.vsxr_in}};
 }
 
-INLINE_BODY Record_Registers out_registers(QTRACE_REGISTERS &r)
+INLINE_BODY auto out_registers(QTRACE_REGISTERS &r)
 {
-    return {r.num_gprs_out, r.num_fprs_out, r.num_sprs_out, r.num_vmxrs_out, r.num_vsxrs_out,
-            r.gpr_out,      r.fpr_out,      r.spr_out,      r.vmxr_out,      r.vsxr_out};
+    return Register_Classes{Record_Class{r.num_gprs_out, r.gpr_out}, Record_Class{r.num_fprs_out, r.fpr_out},
+                            Record_Class{r.num_sprs_out, r.spr_out}, Record_Class{r.num_vmxrs_out, r.vmxr_out},
+                            Record_Class{r.num_vsxrs_out, r.vsxr_out}};
+}
+
+// A record holds fewer registers of some classes than the host reports: those beyond are left out.
+template <class Entry, size_t N, class From> INLINE_BODY void put_class(Record_Class<Entry, N> to, From from)
+{
+    if (from.num <= 0)
+        return;
+    const size_t fitting = std::min<size_t>(static_cast<size_t>(from.num), N);
+    for (size_t i = 0; i < fitting; ++i) {
+        to.entry[i].index = static_cast<QTRACE_UINT16>(from.index[i]);
+        put_register_value(to.entry[i].value, from.value[i]);
+    }
+    to.count = static_cast<QTRACE_UINT8>(fitting);
 }
 
 // Returns whether there are any.
-INLINE_BODY bool put_registers(const Record_Registers &to, const Plugin_Inst_Registers &from)
+template <class Record_Classes> INLINE_BODY bool put_registers(Record_Classes to, const Plugin_Inst_Registers &from)
 {
-    if (int64_t{from.gpr_num} + from.fpr_num + from.spr_num + from.vmx_num + from.vsx_num <= 0)
+    const auto host = register_classes(from);
+    int64_t total = 0;
+    for_each_class([&](auto of_class) { total += of_class.num; }, host);
+    if (total <= 0)
         return false;
-    put_class(to.num_gprs, to.gpr, from.gpr_num, from.gpr_index, from.gpr_value);
-    put_class(to.num_fprs, to.fpr, from.fpr_num, from.fpr_index, from.fpr_value);
-    put_class(to.num_sprs, to.spr, from.spr_num, from.spr_index, from.spr_value);
-    put_class(to.num_vmxrs, to.vmxr, from.vmx_num, from.vmx_index, from.vmx_value);
-    put_class(to.num_vsxrs, to.vsxr, from.vsx_num, from.vsx_index, from.vsx_value);
+    for_each_class([](auto record, auto of_class) { put_class(record, of_class); }, to, host);
     return true;
 }
 

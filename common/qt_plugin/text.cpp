@@ -1,6 +1,7 @@
 #include "text.h"
 
 #include "auto_comment.h"
+#include "register_classes.h"
 #include "text_format.h"
 #include "xlate_modes.h"
 
@@ -190,27 +191,26 @@ static char *put_register_value(char *out, const QuadWord &value)
     return put<"%016lX%016lx) ">(out, value.word[1], value.word[0]);
 }
 
-// One class of registers, letter and direction given; `ordinal` runs over all classes of a direction.
-template <class Value, size_t N>
-static char *put_class(char *out, const char *direction, const char *letter, int &ordinal, int32_t num,
-                       const int32_t (&index)[N], const Value (&value)[N])
+// Both 128-bit classes have the letter v; the order of the classes tells them apart.
+static constexpr Register_Classes CLASS_LETTERS = {"r", "f", "s", "v", "v"};
+
+// One class of registers; `ordinal` runs over all classes of a direction.
+template <class Class>
+static char *put_class(char *out, const char *direction, const char *letter, int &ordinal, Class from)
 {
-    for (int i = 0; i < std::min<int32_t>(num, N); ++i) {
-        out = put<"(%s Reg %d(%s%d):0x">(out, direction, ordinal++, letter, index[i]);
-        out = put_register_value(out, value[i]);
+    for (int i = 0; i < std::min<int32_t>(from.num, from.capacity); ++i) {
+        out = put<"(%s Reg %d(%s%d):0x">(out, direction, ordinal++, letter, from.index[i]);
+        out = put_register_value(out, from.value[i]);
     }
     return out;
 }
 
-// Both 128-bit classes have the letter v; the order of the classes tells them apart.
-static char *put_registers(char *out, const char *direction, const Plugin_Inst_Registers &r)
+static char *put_registers(char *out, const char *direction, const Plugin_Inst_Registers &registers)
 {
     int ordinal = 0;
-    out = put_class(out, direction, "r", ordinal, r.gpr_num, r.gpr_index, r.gpr_value);
-    out = put_class(out, direction, "f", ordinal, r.fpr_num, r.fpr_index, r.fpr_value);
-    out = put_class(out, direction, "s", ordinal, r.spr_num, r.spr_index, r.spr_value);
-    out = put_class(out, direction, "v", ordinal, r.vmx_num, r.vmx_index, r.vmx_value);
-    return put_class(out, direction, "v", ordinal, r.vsx_num, r.vsx_index, r.vsx_value);
+    for_each_class([&](const char *letter, auto from) { out = put_class(out, direction, letter, ordinal, from); },
+                   CLASS_LETTERS, register_classes(registers));
+    return out;
 }
 
 // ---- The lines of a node ---------------------------------------------------------------------------------------

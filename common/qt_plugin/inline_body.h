@@ -1,0 +1,5 @@
+// For bodies that are folded into their callers, so that a view of an address or of registers, and the side that an
+// address is on, are notation only and cost nothing.
+#pragma once
+
+#define INLINE_BODY static inline __attribute__((always_inline))
