@@ -22,7 +22,7 @@ install(TARGETS qtrace_library trace_records EXPORT qtrace
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${qt_include})
 
 file(GLOB qt_headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/*.h)
-install(FILES ${qt_headers} qtrace/src/qtrace.h qtrace/src/qtrace_t.h qtrace/lib/qtrace_reader.h
+install(FILES ${qt_headers} qtrace/src/qtrace.h qtrace/src/qtrace_t.h qtrace/lib/qtrace_reader.h qtrace/lib/qtrace_schema.h
     common/qt_plugin/plugin_qtbin.h DESTINATION ${qt_include})
 install(DIRECTORY python/qtrace DESTINATION ${qt_python} FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
 

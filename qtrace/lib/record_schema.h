@@ -1,7 +1,8 @@
-// The members of trace records and file headers, described once: what printing, checking, comparing and counting
-// know about a member they know from here.
+// What a record and a file header consist of: flags, members, registers. The rows themselves stand in record_rows.h;
+// qtrace_schema.h is the same for C.
 #pragma once
 
+#include "qtrace_schema.h"
 #include "qtrace_t.h"
 
 #include <array>
@@ -33,12 +34,12 @@ Flag_Words flags_of(const QTRACE_RECORD &record);
 Flag_Words flags_of(const QTRACE_FILE_HDR &header);
 
 enum class Flag_Role : uint8_t {
-    gate,        // says that members are filled
-    mark,        // says something by itself
-    mode,        // two bits: a translation mode
-    header_only, // a gate in file headers, meaningless in records
-    unused,      // no producer sets it
-    reserved
+    gate = QTRACE_FLAG_GATE,               // says that members are filled
+    mark = QTRACE_FLAG_MARK,               // says something by itself
+    mode = QTRACE_FLAG_MODE,               // two bits: a translation mode
+    header_only = QTRACE_FLAG_HEADER_ONLY, // a gate in file headers, meaningless in records
+    unused = QTRACE_FLAG_UNUSED,           // no producer sets it
+    reserved = QTRACE_FLAG_RESERVED
 };
 
 struct Trace_Flag {
@@ -115,15 +116,23 @@ extern const std::array<Group_Info, FIELD_GROUPS> GROUPS; // indexed by Field_Gr
 extern const std::array<std::string_view, DIFFERENCES> DIFFERENCE_NAMES;
 
 enum class Member_Shape : uint8_t {
-    decimal,        // 1 to 4 bytes
-    hexadecimal,    // 4 or 8 bytes
-    address,        // 8 bytes, all digits shown
-    vsid,           // 7 bytes, least significant first
-    host_walks,     // array of QTRACE_RTW
-    host_addresses, // array of QTRACE_RTW_HOST_RA
-    guest_walk,     // QTRACE_RTW_GUEST
-    registers,      // QTRACE_REGISTERS
-    text            // char *, length elsewhere
+    decimal = QTRACE_SHAPE_DECIMAL,
+    hexadecimal = QTRACE_SHAPE_HEXADECIMAL,
+    address = QTRACE_SHAPE_ADDRESS,
+    vsid = QTRACE_SHAPE_VSID,
+    host_walks = QTRACE_SHAPE_HOST_WALKS,
+    host_addresses = QTRACE_SHAPE_HOST_ADDRESSES,
+    guest_walk = QTRACE_SHAPE_GUEST_WALK,
+    registers = QTRACE_SHAPE_REGISTERS,
+    text = QTRACE_SHAPE_TEXT
+};
+
+// How a block carries a member of a record.
+enum class Member_Coding : uint8_t {
+    rare,   // escape-coded, and only when it is not zero
+    small,  // among the small members, whatever the flags say
+    common, // in a section of its own
+    absent  // not at all: a pointer, or the library's bookkeeping
 };
 
 struct Trace_Member {
@@ -134,6 +143,7 @@ struct Trace_Member {
     Member_Shape shape;
     Field_Group group;
     Flag_Words gate; // filled when one of these is set; none: always
+    Member_Coding coding = Member_Coding::rare;
 
     template <class Structure> const uint8_t *at(const Structure &structure) const
     {
@@ -233,7 +243,7 @@ struct Register_Class {
     {
         return reinterpret_cast<const uint8_t *>(&registers) + array + i * entry_size();
     }
-    unsigned entry_size() const
+    constexpr unsigned entry_size() const
     {
         return words == 1 ? sizeof(QTRACE_REGISTER_INFO) : sizeof(QTRACE_VMX_REGISTER_INFO);
     }
@@ -245,6 +255,6 @@ struct Register_Entry {
 };
 Register_Entry register_entry(const Register_Class &kind, const QTRACE_REGISTERS &registers, unsigned i);
 
-extern const std::array<Register_Class, 10> REGISTER_CLASSES; // inputs, then outputs
+extern const std::array<Register_Class, 10> REGISTER_CLASSES; // inputs, then outputs; as a line shows them
 
 } // namespace trace
