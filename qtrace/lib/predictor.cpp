@@ -15,7 +15,7 @@ static uint64_t fold_guest_address(uint64_t guest_address, uint64_t address)
 // The words that are put together from several members.
 static uint64_t small_word(const uint8_t *record, Address_Side side)
 {
-    const uint8_t *from = record + ADDRESS[side].translation;
+    const uint8_t *from = record + ADDRESS[side].vsid;
     return load<uint32_t>(from + PAGE_NUMBER) | static_cast<uint64_t>(from[HOST_DEPTH]) << 32 |
            static_cast<uint64_t>(record[ADDRESS[side].page_size]) << 40 |
            static_cast<uint64_t>(record[ADDRESS[side].guest_page_size]) << 48;
@@ -23,7 +23,7 @@ static uint64_t small_word(const uint8_t *record, Address_Side side)
 
 static uint64_t guest_address_word(const uint8_t *record, Address_Side side)
 {
-    const uint8_t *from = record + ADDRESS[side].translation;
+    const uint8_t *from = record + ADDRESS[side].vsid;
     return fold_guest_address(load<uint64_t>(from + WALKS + WALK_BYTES - 8),
                               load<uint64_t>(record + ADDRESS[side].address));
 }
@@ -31,7 +31,7 @@ static uint64_t guest_address_word(const uint8_t *record, Address_Side side)
 Translation translation_in(const QTRACE_RECORD &record, Address_Side side)
 {
     const auto *base = reinterpret_cast<const uint8_t *>(&record);
-    const uint8_t *from = base + ADDRESS[side].translation;
+    const uint8_t *from = base + ADDRESS[side].vsid;
     Translation translation;
     translation.word[0] = load<uint64_t>(from + VSID_AND_DEPTH);
     translation.word[1] = small_word(base, side);
@@ -45,7 +45,7 @@ bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Trans
 {
     constexpr size_t FIRST_WALK_WORD = 2, WALK_WORDS = GUEST_ADDRESS_WORD - FIRST_WALK_WORD;
     const auto *base = reinterpret_cast<const uint8_t *>(&record);
-    const uint8_t *from = base + ADDRESS[side].translation;
+    const uint8_t *from = base + ADDRESS[side].vsid;
     const uint64_t difference = (load<uint64_t>(from + VSID_AND_DEPTH) ^ translation.word[0]) |
                                 (small_word(base, side) ^ translation.word[1]) |
                                 (guest_address_word(base, side) ^ translation.word[GUEST_ADDRESS_WORD]);
@@ -55,7 +55,7 @@ bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Trans
 void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation)
 {
     auto *base = reinterpret_cast<uint8_t *>(&record);
-    uint8_t *to = base + ADDRESS[side].translation;
+    uint8_t *to = base + ADDRESS[side].vsid;
     store(to + VSID_AND_DEPTH, translation.word[0]);
     const uint64_t small = translation.word[1];
     to[HOST_DEPTH] = static_cast<uint8_t>(small >> 32);

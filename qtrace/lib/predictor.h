@@ -3,7 +3,7 @@
 // describes them under "What a reader remembers".
 #pragma once
 
-#include "qtrace_t.h"
+#include "record_rows.h"
 #include "trace_bytes.h"
 
 #include <algorithm>
@@ -15,6 +15,7 @@ namespace trace
 
 // ---- Registers of a record as ten lists, in the order of their counts -------------------------------------
 
+// A register class of the schema, as small as it can be.
 struct Register_List_Info {
     size_t offset; // of the array in QTRACE_REGISTERS
     uint8_t capacity;
@@ -26,21 +27,15 @@ struct Register_List_Info {
     }
 };
 
-inline constexpr size_t REGISTER_LISTS = 10;
+inline constexpr size_t REGISTER_LISTS = rows::REGISTER_ROWS.size();
 inline constexpr size_t FIRST_INPUT_LIST = 5;
 inline constexpr size_t GENERAL_OUTPUT_LIST = 4, GENERAL_INPUT_LIST = 9;
-inline constexpr Register_List_Info REGISTER_LIST[REGISTER_LISTS] = {
-    {offsetof(QTRACE_REGISTERS, spr_out), QTRACE_MAX_SPRS_OUT, 1, 0},
-    {offsetof(QTRACE_REGISTERS, vsxr_out), QTRACE_MAX_VSXRS_OUT, 2, 1},
-    {offsetof(QTRACE_REGISTERS, vmxr_out), QTRACE_MAX_VMXRS_OUT, 2, 2},
-    {offsetof(QTRACE_REGISTERS, fpr_out), QTRACE_MAX_FPRS_OUT, 1, 3},
-    {offsetof(QTRACE_REGISTERS, gpr_out), QTRACE_MAX_GPRS_OUT, 1, 4},
-    {offsetof(QTRACE_REGISTERS, spr_in), QTRACE_MAX_SPRS_IN, 1, 0},
-    {offsetof(QTRACE_REGISTERS, vsxr_in), QTRACE_MAX_VSXRS_IN, 2, 1},
-    {offsetof(QTRACE_REGISTERS, vmxr_in), QTRACE_MAX_VMXRS_IN, 2, 2},
-    {offsetof(QTRACE_REGISTERS, fpr_in), QTRACE_MAX_FPRS_IN, 1, 3},
-    {offsetof(QTRACE_REGISTERS, gpr_in), QTRACE_MAX_GPRS_IN, 1, 4},
-};
+inline constexpr std::array<Register_List_Info, REGISTER_LISTS> REGISTER_LIST = [] {
+    std::array<Register_List_Info, REGISTER_LISTS> lists{};
+    for (const Register_Class &row : rows::REGISTER_ROWS)
+        lists[row.count] = {row.array, row.capacity, row.words, static_cast<uint8_t>(row.count % FIRST_INPUT_LIST)};
+    return lists;
+}();
 static_assert(sizeof(QTRACE_REGISTER_INFO) == 16 && offsetof(QTRACE_REGISTER_INFO, value) == 8);
 static_assert(sizeof(QTRACE_VSX_REGISTER_INFO) == 24 && offsetof(QTRACE_VMX_REGISTER_INFO, value) == 8);
 static_assert(offsetof(QTRACE_REGISTERS, num_gprs_out) == GENERAL_OUTPUT_LIST &&
@@ -66,13 +61,35 @@ struct Code_Slot {
     uint32_t word;
 };
 
-// Members of one to two bytes that are carried whatever the flags say.
-struct Small_Members {
-    uint8_t node, termination_node, termination_code, processor, error_code, unused;
-    uint16_t length;
-    bool operator==(const Small_Members &other) const { return load<uint64_t>(this) == load<uint64_t>(&other); }
+// Members of one or two bytes that are carried whatever the flags say: the bytes first, each as they stand in the
+// record.
+struct Small_Member {
+    uint16_t offset; // in the record
+    uint8_t size;
+    uint8_t shift; // of the value in Small_Members
 };
-static_assert(sizeof(Small_Members) == 8);
+inline constexpr size_t SMALL_MEMBERS = 6, SMALL_BYTES = 5;
+inline constexpr std::array<Small_Member, SMALL_MEMBERS> SMALL_MEMBER = [] {
+    std::array<Small_Member, SMALL_MEMBERS> members{};
+    size_t count = 0;
+    for (const Trace_Member &row : rows::RECORD_ROWS)
+        if (row.coding == Member_Coding::small)
+            members.at(count++) = {row.offset, static_cast<uint8_t>(row.size), 0};
+    std::ranges::sort(members, [](const Small_Member &a, const Small_Member &b) {
+        return a.size != b.size ? a.size < b.size : a.offset < b.offset;
+    });
+    for (size_t i = 0; i < count; ++i)
+        members[i].shift = static_cast<uint8_t>(i < SMALL_BYTES ? 8 * i : 48);
+    return members;
+}();
+static_assert(SMALL_MEMBER[SMALL_BYTES - 1].size == 1 && SMALL_MEMBER[SMALL_BYTES].size == 2);
+
+struct Small_Members {
+    uint64_t packed;
+    uint8_t byte(size_t i) const { return static_cast<uint8_t>(packed >> SMALL_MEMBER[i].shift); }
+    uint16_t half_word() const { return static_cast<uint16_t>(packed >> SMALL_MEMBER[SMALL_BYTES].shift); }
+    bool operator==(const Small_Members &) const = default;
+};
 
 struct Register_List {
     uint8_t counts[REGISTER_LISTS]; // as in the record, also when above the capacity
@@ -104,24 +121,16 @@ enum Address_Side : uint8_t { DATA_ADDRESS, NEXT_ADDRESS, ADDRESS_SIDES };
 // ---- Places in a record -------------------------------------------------------------------------------------
 
 // The two addresses that a record carries with their translation.
-struct Address_Info {
-    size_t address, translation; // offsets; the translation begins with the VSID
-    size_t page_size, guest_page_size;
-};
-inline constexpr Address_Info ADDRESS[ADDRESS_SIDES] = {
-    {offsetof(QTRACE_RECORD, data_ea), offsetof(QTRACE_RECORD, data_vsid), offsetof(QTRACE_RECORD, data_page_size),
-     offsetof(QTRACE_RECORD, data_gpage_size)},
-    {offsetof(QTRACE_RECORD, next_instruction_ea), offsetof(QTRACE_RECORD, next_instruction_vsid),
-     offsetof(QTRACE_RECORD, next_instruction_page_size), offsetof(QTRACE_RECORD, next_instruction_gpage_size)},
-};
+inline constexpr std::array<Address_Members, ADDRESS_SIDES> ADDRESS = {DATA_MEMBERS, NEXT_MEMBERS};
 
 // Inside the bytes from the VSID to the page number.
 inline constexpr size_t VSID_AND_DEPTH = 0, HOST_DEPTH = 8, WALKS = 9, WALK_BYTES = 240, PAGE_NUMBER = 249,
                         TRANSLATION_BYTES = 253;
-static_assert(offsetof(QTRACE_RECORD, data_rpn) - offsetof(QTRACE_RECORD, data_vsid) == PAGE_NUMBER);
-static_assert(offsetof(QTRACE_RECORD, next_instruction_rpn) - offsetof(QTRACE_RECORD, next_instruction_vsid) ==
-              PAGE_NUMBER);
-static_assert(offsetof(QTRACE_RECORD, data_vsid) - offsetof(QTRACE_RECORD, data_ea) == QTRACE_EA_LENGTH);
+static_assert(std::ranges::all_of(ADDRESS, [](const Address_Members &side) {
+    return side.vsid - side.address == QTRACE_EA_LENGTH && side.guest_depth - side.vsid == HOST_DEPTH - 1 &&
+           side.host_depth - side.vsid == HOST_DEPTH && side.walks - side.vsid == WALKS &&
+           side.page_number - side.vsid == PAGE_NUMBER && side.guest_page_size == side.page_size + 1;
+}));
 
 Translation translation_in(const QTRACE_RECORD &record, Address_Side side);
 bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Translation &translation);
@@ -139,7 +148,7 @@ inline uint64_t control_in(const QTRACE_RECORD &record)
 
 inline bool has_address(uint64_t control, Address_Side side)
 {
-    return (control >> (side == DATA_ADDRESS ? 32 + 11 : 32 + 6)) & 1;
+    return (control & ADDRESS[side].present.control) != 0;
 }
 
 // ---- All that is remembered ---------------------------------------------------------------------------------

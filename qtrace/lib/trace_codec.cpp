@@ -85,14 +85,19 @@ uint64_t all_if(bool condition)
     return 0 - static_cast<uint64_t>(condition);
 }
 
+template <size_t... I> Small_Members packed_members(const uint8_t *record, std::index_sequence<I...>)
+{
+    const auto value = [record](const Small_Member &member) {
+        const uint8_t *at = record + member.offset;
+        return (member.size == 1 ? uint64_t{*at} : uint64_t{load<uint16_t>(at)}) << member.shift;
+    };
+    return {(value(SMALL_MEMBER[I]) | ...)};
+}
+
 // Put together in one processor register: written byte by byte, it could not be read at once.
 Small_Members members_of(const QTRACE_RECORD &record)
 {
-    static_assert(offsetof(QTRACE_RECORD, processor) == offsetof(QTRACE_RECORD, node) + 3 &&
-                  offsetof(Small_Members, error_code) == 4 && offsetof(Small_Members, length) == 6);
-    const auto *first = reinterpret_cast<const uint8_t *>(&record) + offsetof(QTRACE_RECORD, node);
-    return std::bit_cast<Small_Members>(load<uint32_t>(first) | static_cast<uint64_t>(record.error_code) << 32 |
-                                        static_cast<uint64_t>(record.length) << 48);
+    return packed_members(reinterpret_cast<const uint8_t *>(&record), std::make_index_sequence<SMALL_MEMBERS>{});
 }
 
 // Reads both registers whatever the count says: how many there are is hard to foresee for the processor.
@@ -587,15 +592,14 @@ uint64_t Decoder::decode_control()
 void Encoder::encode_members(const Small_Members &members)
 {
     Byte_Sink shape = sink(COLUMN_SHAPE);
-    const uint8_t values[] = {members.node, members.termination_node, members.termination_code, members.processor,
-                              members.error_code};
-    uint8_t mask = members.length != 0 ? 32 : 0;
-    for (unsigned i = 0; i < 5; ++i)
-        mask = static_cast<uint8_t>(mask | (values[i] != 0) << i);
-    shape.byte(mask);
-    for (const uint8_t value : values)
-        shape.number_if(value != 0, value);
-    shape.number_if(members.length != 0, members.length);
+    const uint16_t half_word = members.half_word();
+    unsigned mask = static_cast<unsigned>(half_word != 0) << SMALL_BYTES;
+    for (unsigned i = 0; i < SMALL_BYTES; ++i)
+        mask |= static_cast<unsigned>(members.byte(i) != 0) << i;
+    shape.byte(static_cast<uint8_t>(mask));
+    for (unsigned i = 0; i < SMALL_BYTES; ++i)
+        shape.number_if(members.byte(i) != 0, members.byte(i));
+    shape.number_if(half_word != 0, half_word);
     sink(COLUMN_SHAPE) = shape;
 }
 
@@ -603,21 +607,19 @@ Small_Members Decoder::decode_members()
 {
     Byte_Source &shape = source(COLUMN_SHAPE);
     const uint8_t mask = shape.byte();
-    uint8_t values[5];
-    for (unsigned i = 0; i < 5; ++i)
-        values[i] = mask >> i & 1 ? shape.byte() : uint8_t{0};
-    const uint16_t length = mask & 32 ? shape.number<uint16_t>() : uint16_t{0};
-    return {values[0], values[1], values[2], values[3], values[4], 0, length};
+    uint64_t packed = 0;
+    for (unsigned i = 0; i < SMALL_BYTES; ++i)
+        packed |= uint64_t{mask >> i & 1 ? shape.byte() : uint8_t{0}} << SMALL_MEMBER[i].shift;
+    const uint16_t half_word = mask >> SMALL_BYTES & 1 ? shape.number<uint16_t>() : uint16_t{0};
+    return {packed | uint64_t{half_word} << SMALL_MEMBER[SMALL_BYTES].shift};
 }
 
 void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
 {
-    record.node = members.node;
-    record.termination_node = members.termination_node;
-    record.termination_code = members.termination_code;
-    record.processor = members.processor;
-    record.error_code = members.error_code;
-    record.length = members.length;
+    auto *bytes = reinterpret_cast<uint8_t *>(&record);
+    for (size_t i = 0; i < SMALL_BYTES; ++i)
+        bytes[SMALL_MEMBER[i].offset] = members.byte(i);
+    store(bytes + SMALL_MEMBER[SMALL_BYTES].offset, members.half_word());
 }
 
 // ---- Register lists ---------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #include "uncommon_members.h"
 #include "predictor.h"
 
+#include <bit>
 #include <utility>
 
 namespace trace
@@ -15,23 +16,41 @@ struct Byte_Range {
     size_t offset, size;
 };
 
-constexpr Byte_Range between(size_t begin, size_t end)
+constexpr const Trace_Member *next_row(size_t offset)
 {
-    return {begin, end - begin};
+    const Trace_Member *next = nullptr;
+    for (const Trace_Member &row : rows::RECORD_ROWS)
+        if (row.offset >= offset && (next == nullptr || row.offset < next->offset))
+            next = &row;
+    return next;
 }
 
-// Up to and with the byte that holds iar_segment_size_is_valid.
-constexpr Byte_Range OWN_ADDRESS = between(offsetof(QTRACE_RECORD, iar), offsetof(QTRACE_RECORD, node));
-constexpr Byte_Range SECOND_ADDRESS = between(offsetof(QTRACE_RECORD, secondary_data_hRTW_depth),
-                                              offsetof(QTRACE_RECORD, secondary_data_rpn) + QTRACE_RPN_LENGTH);
-// Up to and with exception_code.
-constexpr Byte_Range SEQUENTIAL_ADDRESS =
-    between(offsetof(QTRACE_RECORD, sequential_instruction_hRTW_depth), offsetof(QTRACE_RECORD, error_code));
-constexpr Byte_Range ALTERATION = {offsetof(QTRACE_RECORD, trace_alteration_code), 1};
-constexpr Byte_Range LAST_SIZES = between(offsetof(QTRACE_RECORD, next_instruction_segment_size),
-                                          offsetof(QTRACE_RECORD, secondary_data_gpage_size) + 1);
+// Runs of rare members, with the padding between them.
+template <class Visitor> constexpr void visit_rare(Visitor visit)
+{
+    Byte_Range run{};
+    for (const Trace_Member *row = next_row(0); row != nullptr; row = next_row(row->offset + 1u)) {
+        if (row->coding == Member_Coding::rare) {
+            run.offset = run.size == 0 ? row->offset : run.offset;
+            run.size = row->offset + row->size - run.offset;
+        } else if (run.size != 0) {
+            visit(run);
+            run = {};
+        }
+    }
+}
 
-constexpr Byte_Range NEVER_COMMON[] = {OWN_ADDRESS, SECOND_ADDRESS, SEQUENTIAL_ADDRESS, ALTERATION, LAST_SIZES};
+constexpr size_t RARE_RANGES = [] {
+    size_t count = 0;
+    visit_rare([&](Byte_Range) { ++count; });
+    return count;
+}();
+constexpr std::array<Byte_Range, RARE_RANGES> RARE = [] {
+    std::array<Byte_Range, RARE_RANGES> ranges{};
+    size_t count = 0;
+    visit_rare([&](Byte_Range range) { ranges[count++] = range; });
+    return ranges;
+}();
 
 // An address with its translation; its two page sizes stand elsewhere.
 constexpr Byte_Range address_range(Address_Side side)
@@ -43,13 +62,11 @@ constexpr Byte_Range page_sizes(Address_Side side)
 {
     return {ADDRESS[side].page_size, 2};
 }
-static_assert(ADDRESS[DATA_ADDRESS].guest_page_size == ADDRESS[DATA_ADDRESS].page_size + 1 &&
-              ADDRESS[NEXT_ADDRESS].guest_page_size == ADDRESS[NEXT_ADDRESS].page_size + 1);
 
 // Calls visit(range) for every range that the common sections of this record do not carry.
 template <class Visitor> void visit_uncommon(const QTRACE_RECORD &record, Visitor visit)
 {
-    for (const Byte_Range &range : NEVER_COMMON)
+    for (const Byte_Range &range : RARE)
         visit(range);
     for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
         if (!has_address(control_in(record), side)) {
@@ -184,14 +201,53 @@ template <size_t GENERAL> QT_INLINE void add_unused_registers(Sums &sums, const 
     add_unused_general<GENERAL>(sums, registers);
 }
 
-// The eight bytes from next_instruction_page_size on and the two behind, with ALTERATION in front.
+// ---- Ranges shorter than a vector: they stand close together, with the page sizes of both addresses ----------
+
+constexpr bool is_short(const Byte_Range &range)
+{
+    return range.size < WIDE;
+}
+constexpr size_t SHORT_BEGIN = std::ranges::find_if(RARE, is_short)->offset;
+constexpr size_t SHORT_END = RARE.back().offset + RARE.back().size;
+constexpr size_t WORD = sizeof(uint64_t);
+static_assert(is_short(RARE.back()) && SHORT_END - SHORT_BEGIN >= WORD && SHORT_END - SHORT_BEGIN <= 2 * WORD);
+
+// The bytes of the range in the eight that begin at `first`.
+constexpr uint64_t mask_at(size_t first, const Byte_Range &range)
+{
+    uint64_t mask = 0;
+    for (size_t byte = range.offset; byte < range.offset + range.size; ++byte)
+        if (byte >= first && byte < first + WORD)
+            mask |= uint64_t{0xff} << 8 * (byte - first);
+    return mask;
+}
+
+constexpr uint64_t rare_at(size_t first)
+{
+    uint64_t mask = 0;
+    for (const Byte_Range &range : RARE)
+        mask |= is_short(range) ? mask_at(first, range) : 0;
+    return mask;
+}
+
 QT_INLINE uint64_t uncommon_sizes(const uint8_t *bytes, bool data, bool next)
 {
-    constexpr size_t BEGIN = ADDRESS[NEXT_ADDRESS].page_size;
-    static_assert(ADDRESS[DATA_ADDRESS].page_size == BEGIN + 2 && LAST_SIZES.offset == BEGIN + 4 &&
-                  LAST_SIZES.size == 6 && ALTERATION.offset == BEGIN - 1);
-    const uint64_t skipped = (next ? 0xffffu : 0u) | (data ? 0xffff0000u : 0u);
-    return (load<uint64_t>(bytes + BEGIN) & ~skipped) | load<uint16_t>(bytes + BEGIN + 8) | bytes[BEGIN - 1];
+    constexpr size_t LAST = SHORT_END - WORD;
+    constexpr uint64_t DATA = mask_at(SHORT_BEGIN, page_sizes(DATA_ADDRESS)),
+                       NEXT = mask_at(SHORT_BEGIN, page_sizes(NEXT_ADDRESS));
+    static_assert(std::popcount(DATA | NEXT) == 32);
+    const uint64_t searched = rare_at(SHORT_BEGIN) | (data ? 0 : DATA) | (next ? 0 : NEXT);
+    return (load<uint64_t>(bytes + SHORT_BEGIN) & searched) | (load<uint64_t>(bytes + LAST) & rare_at(LAST));
+}
+
+template <size_t... I> QT_INLINE void add_long_ranges(Sums &sums, const uint8_t *record, std::index_sequence<I...>)
+{
+    const auto add_one = [&]<size_t N>(std::integral_constant<size_t, N>) __attribute__((always_inline))
+    {
+        if constexpr (!is_short(RARE[N]))
+            add_range<RARE[N].offset, RARE[N].size>(sums, record);
+    };
+    (add_one(std::integral_constant<size_t, I>{}), ...);
 }
 
 QT_INLINE bool search(const QTRACE_RECORD &record)
@@ -200,9 +256,7 @@ QT_INLINE bool search(const QTRACE_RECORD &record)
     const bool data = has_address(control_in(record), DATA_ADDRESS);
     const bool next = has_address(control_in(record), NEXT_ADDRESS);
     Sums sums{};
-    add_range<OWN_ADDRESS.offset, OWN_ADDRESS.size>(sums, bytes);
-    add_range<SECOND_ADDRESS.offset, SECOND_ADDRESS.size>(sums, bytes);
-    add_range<SEQUENTIAL_ADDRESS.offset, SEQUENTIAL_ADDRESS.size>(sums, bytes);
+    add_long_ranges(sums, bytes, std::make_index_sequence<RARE_RANGES>{});
     if (!data)
         add_range<address_range(DATA_ADDRESS).offset, address_range(DATA_ADDRESS).size>(sums, bytes);
     if (!next)
