@@ -204,14 +204,11 @@ static void fill_next_address(Node *previous, Node *current)
     copy_translation(next_pc_fields(previous), pc_fields(current));
 }
 
-// Hangs one flushed node into the tree from `start` on; where its key finds no place, a lower one may. Returns
-// where the next search starts.
+// Hangs one flushed node into the tree from `start` on, or frees it with what hangs from it. Returns where the next
+// search starts.
 static Node *place_flushed(Node *start, Node *flushed)
 {
-    Node *placed = insert_right(start, flushed);
-    while (!placed && flushed->terminated_seq > start->seq && --flushed->terminated_seq > start->seq)
-        placed = insert_right(start, flushed);
-    if (placed)
+    if (Node *placed = insert_right_or_below(start, flushed))
         return placed;
     del_tree(flushed);
     return start;
@@ -267,6 +264,7 @@ void Event_Instruction_PreExecution(void *iop)
 {
     if (!init)
         return;
+    ASSERT_PAUSED_TABLE();
     if (!is_thread_paused(Get_Inst_ThreadId(iop)))
         In_Cycle_Mode(iop); // nothing is captured before execution; hosts expect the question all the same
 }

@@ -3,6 +3,7 @@
 #include "record.h"
 #include "text.h"
 
+#include <algorithm>
 #include <stdlib.h>
 #include <string.h>
 
@@ -204,39 +205,41 @@ Node *insert_left(Node *head, Node *node)
     return head;
 }
 
-// The last node of the chain from `start` whose seq is not above `seq`.
-static Node *last_not_above(Node *start, uint64_t seq)
+// A search of the tree for a sequence number.
+struct Seq_Search {
+    uint64_t seq;
+    uint64_t
+        lower; // every search for a number below seq and above this one meets the same nodes, and fails like it
+};
+
+static bool is_not_above(Seq_Search &search, const Node *node)
 {
-    while (start->left && start->left->seq <= seq)
+    if (!node || node->seq > search.seq)
+        return false;
+    search.lower = std::max(search.lower, std::min(node->seq, search.seq - 1));
+    return true;
+}
+
+// The last node of the chain from `start` whose seq is not above the one searched.
+static Node *last_not_above(Node *start, Seq_Search &search)
+{
+    while (is_not_above(search, start->left))
         start = start->left;
     return start;
 }
 
-// Depth-first search, from `start`, of the node with that seq.
-static Node *find_flusher(Node *start, uint64_t seq)
+// The node of the seq searched, from `at` on: an earlier successor is preferred to the side chain.
+static Node *find_flusher(Node *at, Seq_Search &search)
 {
-    reset_stack(s1);
-    push(s1, start);
-    while (!is_stack_empty(s1)) {
-        Node *at = pop(s1);
-        if (at->seq == seq)
-            return at;
-        if (at->seq > seq)
-            continue;
-        if (at->left && at->left->seq <= seq)
-            push(s1, at->left);
-        else if (at->right)
-            push(s1, at->right);
-    }
-    return nullptr;
+    while (is_not_above(search, at) && at->seq != search.seq)
+        at = is_not_above(search, at->left) ? at->left : at->right;
+    return at && at->seq == search.seq ? at : nullptr;
 }
 
-Node *insert_right(Node *start, Node *node)
+static Node *try_insert_right(Node *start, Node *node, Seq_Search &search)
 {
-    if (!start || !node || start->seq > node->terminated_seq || !s1)
-        return nullptr;
-    Node *chain = last_not_above(start, node->terminated_seq);
-    Node *flusher = find_flusher(chain, node->terminated_seq);
+    Node *chain = last_not_above(start, search);
+    Node *flusher = find_flusher(chain, search);
     if (!flusher || flusher->right) // a node takes one side chain only; the caller tries a lower key
         return nullptr;
     if (!flusher->left && !flusher->commit)
@@ -244,6 +247,27 @@ Node *insert_right(Node *start, Node *node)
     else
         flusher->right = node;
     return chain;
+}
+
+Node *insert_right(Node *start, Node *node)
+{
+    if (!start || !node || start->seq > node->terminated_seq || !s1)
+        return nullptr;
+    Seq_Search search = {node->terminated_seq, 0};
+    return try_insert_right(start, node, search);
+}
+
+Node *insert_right_or_below(Node *start, Node *node)
+{
+    if (start->seq > node->terminated_seq || !s1)
+        return nullptr;
+    do {
+        Seq_Search search = {node->terminated_seq, start->seq};
+        if (Node *placed = try_insert_right(start, node, search))
+            return placed;
+        node->terminated_seq = search.lower;
+    } while (node->terminated_seq > start->seq);
+    return nullptr;
 }
 
 void del_tree(Node *node)

@@ -41,6 +41,10 @@ Node *insert_left(Node *head, Node *node);
 // search from, or null when there is no such node or it has a side chain already; then `node` stays the caller's.
 Node *insert_right(Node *start, Node *node);
 
+// The same; as long as it fails and the key node->terminated_seq is above start->seq, the key is lowered by 1 and tried
+// again, down to start->seq, which is not tried. Keys that cannot succeed are skipped.
+Node *insert_right_or_below(Node *start, Node *node);
+
 // Frees everything reachable from `node`. Null is allowed.
 void del_tree(Node *node);
 

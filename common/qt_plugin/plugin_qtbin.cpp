@@ -63,10 +63,6 @@ void qt_assert_fail(const char *text, const char *file, unsigned line, const cha
     __assert_fail(text, file, line, function);
 }
 
-#define ASSERT_THREAD(tid)    QT_ASSERT((tid) < processor_num * thread_num, "tid < processor_num * thread_num")
-#define ASSERT_PAUSED_TABLE() QT_ASSERT(paused != nullptr, "paused != ((void *)0)")
-#define ASSERT_ACTION_TABLE() QT_ASSERT(commit_action != nullptr, "commit_action != ((void *)0)")
-
 // A zeroed table with an entry per hardware thread.
 template <class Entry> static Entry *new_table()
 {
@@ -261,8 +257,8 @@ static void drop_tree(Node *&tree)
 // Frees the list with the nodes that still wait in it.
 static void drop_flush_list(List *&list)
 {
-    while (!is_list_empty(list))
-        del_tree(remove_from_list(list));
+    for (int32_t i = 0; list && i < list->list_index; ++i)
+        del_tree(list->list[i]);
     del_list(list);
     list = nullptr;
 }

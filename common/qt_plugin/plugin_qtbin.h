@@ -293,6 +293,10 @@ QT_EXPORT void set_NIT_bit(Node *first);
     (__builtin_expect(!(condition), 0) ? qt_assert_fail(text, __FILE__, __LINE__, __func__) : static_cast<void>(0))
 [[noreturn]] void qt_assert_fail(const char *text, const char *file, unsigned line, const char *function);
 
+#define ASSERT_THREAD(tid)    QT_ASSERT((tid) < processor_num * thread_num, "tid < processor_num * thread_num")
+#define ASSERT_PAUSED_TABLE() QT_ASSERT(paused != nullptr, "paused != ((void *)0)")
+#define ASSERT_ACTION_TABLE() QT_ASSERT(commit_action != nullptr, "commit_action != ((void *)0)")
+
 /* Hardware threads of the machine; every per-thread table has this many entries. */
 inline int hardware_threads()
 {

@@ -316,23 +316,26 @@ template <class Entry, size_t N, class From> INLINE_BODY void put_class(Record_C
     to.count = static_cast<QTRACE_UINT8>(fitting);
 }
 
-// Returns whether there are any.
-template <class Record_Classes> INLINE_BODY bool put_registers(Record_Classes to, const Plugin_Inst_Registers &from)
+template <class Record_Classes> INLINE_BODY void put_registers(Record_Classes to, const Plugin_Inst_Registers &from)
 {
-    const auto host = register_classes(from);
+    for_each_class([](auto record, auto host) { put_class(record, host); }, to, register_classes(from));
+}
+
+static int64_t count_registers(const Plugin_Inst_Registers &registers)
+{
     int64_t total = 0;
-    for_each_class([&](auto of_class) { total += of_class.num; }, host);
-    if (total <= 0)
-        return false;
-    for_each_class([](auto record, auto of_class) { put_class(record, of_class); }, to, host);
-    return true;
+    for_each_class([&](auto of_class) { total += of_class.num; }, register_classes(registers));
+    return total;
 }
 
 static uint64_t put_register_trace(QTRACE_RECORD &record, const Node *p)
 {
-    const bool any_in = put_registers(in_registers(record.regs), p->reg_in);
-    const bool any_out = put_registers(out_registers(record.regs), p->reg_out);
-    return CONTROL(register_trace_present) * (any_in || any_out);
+    const int64_t in = count_registers(p->reg_in), out = count_registers(p->reg_out);
+    if (in > 0)
+        put_registers(in_registers(record.regs), p->reg_in);
+    if (out > 0)
+        put_registers(out_registers(record.regs), p->reg_out);
+    return CONTROL(register_trace_present) * (in + out > 0);
 }
 
 static uint64_t put_data(QTRACE_RECORD &record, Node *p)

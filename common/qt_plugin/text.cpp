@@ -108,13 +108,10 @@ static char *put_level_block(char *out, const Text_Side &side, const Xlate_Field
                              uint8_t levels)
 {
     out = put<"(%sHost_RTWs_Block:%d ">(out, side.label, guest_level);
-    if (guest_level <= GUEST_LEVELS) {
-        for (int depth = levels; depth >= 1 && depth <= 3; ++depth)
-            out = put_walk_entries(out, side, x.hRTW[guest_level - 1], depth, guest_level == 4 && depth == 1);
-        out = put<"(%shRTW_host_Block%d_RA:0x%016lX)">(out, side.label, guest_level,
-                                                       x.hRTW_host_RA[guest_level - 1].ra);
-    }
-    return put<")">(out);
+    for (int depth = levels; depth >= 1 && depth <= 3; ++depth)
+        out = put_walk_entries(out, side, x.hRTW[guest_level - 1], depth, guest_level == 4 && depth == 1);
+    return put<"(%shRTW_host_Block%d_RA:0x%016lX))">(out, side.label, guest_level,
+                                                     x.hRTW_host_RA[guest_level - 1].ra);
 }
 
 // The block of the final guest real address; only its own depth, and no address that it resolved to.
@@ -143,6 +140,7 @@ static char *put_nested_walk(char *out, const Text_Side &side, const Xlate_Field
                                                          guest.RTPTE_GUEST_ra, l, guest.GUEST_ra);
     if (x.guest_walkdepth < 1 || x.guest_walkdepth > HOST_WALKS)
         return out;
+    static_assert(HOST_WALKS - 1 == GUEST_LEVELS);
     for (int guest_level = 1; guest_level < x.guest_walkdepth; ++guest_level)
         out = put_level_block(out, side, x, guest_level, levels);
     return put_last_block(out, side, x, levels);

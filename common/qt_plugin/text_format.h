@@ -3,10 +3,14 @@
 // bytes are those that printf would give.
 #pragma once
 
+#include <bit>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+// Hexadecimal digits are put as the bytes of a word, the first one lowest.
+static_assert(std::endian::native == std::endian::little, "a big-endian machine needs the digits swapped");
 
 template <size_t N> struct Format {
     char text[N];

@@ -206,6 +206,7 @@ template <class Value>
 void merge_class(int32_t &into_num, int32_t *into_index, Value *into_value, int capacity, int32_t from_num,
                  const int32_t *from_index, const Value *from_value)
 {
+    into_num = std::max(into_num, 0);
     for (int i = 0; i < from_num; ++i) {
         int32_t *end = into_index + into_num;
         int32_t *at = std::find(into_index, end, from_index[i]);

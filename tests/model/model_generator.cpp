@@ -163,8 +163,11 @@ private:
         return a;
     }
 
+    // Seldom one below 0, which no host should have: it takes part in the sums of counts.
     int register_count(int most)
     {
+        if (dice_.percent(1))
+            return -dice_.between(1, 3);
         return dice_.percent(60) ? 0 : dice_.percent(30) ? most : dice_.between(0, most);
     }
 
@@ -293,6 +296,8 @@ private:
         f.tid = tid;
         f.seq = seq + dice_.below(6);
         f.terminated_seq = seq < 4 ? 1 + dice_.below(6) : seq - 3 + dice_.below(7);
+        if (dice_.percent(10))
+            f.terminated_seq = UINT64_MAX - dice_.below(8);
         f.pc = dice_.any_size();
         f.npc = dice_.percent(70) ? f.pc + 4 : dice_.any_size();
         f.op = static_cast<uint32_t>(dice_.any());

@@ -1,6 +1,7 @@
 #include "plugin_model.h"
 
 #include <algorithm>
+#include <set>
 
 namespace model
 {
@@ -81,6 +82,17 @@ void Plugin_Model::put_flushed_into_list(Thread &thread, std::unique_ptr<Node> f
     list.insert(std::find_if(list.begin(), list.end(), later), std::move(flushed));
 }
 
+// The keys below `key` that a flushed node may end with, highest first: only the number of a node can be one, and that
+// of `start` is not tried.
+static std::set<uint64_t, std::greater<>> lower_seqs(Node *start, uint64_t key)
+{
+    std::set<uint64_t, std::greater<>> seqs;
+    for (const Node *node : in_order(start))
+        if (node->seq < key && node->seq > start->seq)
+            seqs.insert(node->seq);
+    return seqs;
+}
+
 bool Plugin_Model::place_flushed(Thread &thread, const Node &current)
 {
     Node *start = thread.root.get();
@@ -90,13 +102,11 @@ bool Plugin_Model::place_flushed(Thread &thread, const Node &current)
             return false;
         std::unique_ptr<Node> flushed = std::move(list.front());
         list.erase(list.begin());
+        const auto keys = lower_seqs(start, flushed->terminated_seq);
         Node *placed = hang(start, flushed);
-        if (!placed)
-            --flushed->terminated_seq;
-        while (!placed && flushed->terminated_seq > start->seq) {
+        for (auto key = keys.begin(); !placed && key != keys.end(); ++key) {
+            flushed->terminated_seq = *key;
             placed = hang(start, flushed);
-            if (!placed)
-                --flushed->terminated_seq;
         }
         if (placed)
             start = placed;

@@ -173,7 +173,7 @@ Block block_of(const Translation &t)
 template <class Info>
 void copy_registers(uint8_t &num, Info *to, int capacity, int count, const int32_t *index, const uint64_t *value)
 {
-    num = static_cast<uint8_t>(std::min(count, capacity));
+    num = static_cast<uint8_t>(std::clamp(count, 0, capacity));
     for (int i = 0; i < num; ++i) {
         to[i].index = static_cast<uint16_t>(index[i]);
         to[i].value = value[i];
@@ -184,7 +184,7 @@ template <class Info>
 void copy_wide_registers(uint8_t &num, Info *to, int capacity, int count, const int32_t *index,
                          const QuadWord *value)
 {
-    num = static_cast<uint8_t>(std::min(count, capacity));
+    num = static_cast<uint8_t>(std::clamp(count, 0, capacity));
     for (int i = 0; i < num; ++i) {
         to[i].index = static_cast<uint16_t>(index[i]);
         to[i].value[0] = value[i].word[0];
@@ -197,21 +197,33 @@ int registers_in(const Plugin_Inst_Registers &r)
     return r.gpr_num + r.fpr_num + r.spr_num + r.vmx_num + r.vsx_num;
 }
 
-void set_registers(QTRACE_RECORD &record, const Node &node)
+void set_in(QTRACE_REGISTERS &r, const Plugin_Inst_Registers &in)
 {
-    record.header.control.fld.register_trace_present = registers_in(node.in) + registers_in(node.out) > 0;
-    QTRACE_REGISTERS &r = record.regs;
-    const Plugin_Inst_Registers &in = node.in, &out = node.out;
     copy_registers(r.num_gprs_in, r.gpr_in, 32, in.gpr_num, in.gpr_index, in.gpr_value);
     copy_registers(r.num_fprs_in, r.fpr_in, 3, in.fpr_num, in.fpr_index, in.fpr_value);
     copy_registers(r.num_sprs_in, r.spr_in, 4, in.spr_num, in.spr_index, in.spr_value);
     copy_wide_registers(r.num_vmxrs_in, r.vmxr_in, 3, in.vmx_num, in.vmx_index, in.vmx_value);
     copy_wide_registers(r.num_vsxrs_in, r.vsxr_in, 3, in.vsx_num, in.vsx_index, in.vsx_value);
+}
+
+void set_out(QTRACE_REGISTERS &r, const Plugin_Inst_Registers &out)
+{
     copy_registers(r.num_gprs_out, r.gpr_out, 32, out.gpr_num, out.gpr_index, out.gpr_value);
     copy_registers(r.num_fprs_out, r.fpr_out, 3, out.fpr_num, out.fpr_index, out.fpr_value);
     copy_registers(r.num_sprs_out, r.spr_out, 4, out.spr_num, out.spr_index, out.spr_value);
     copy_wide_registers(r.num_vmxrs_out, r.vmxr_out, 3, out.vmx_num, out.vmx_index, out.vmx_value);
     copy_wide_registers(r.num_vsxrs_out, r.vsxr_out, 3, out.vsx_num, out.vsx_index, out.vsx_value);
+}
+
+void set_registers(QTRACE_RECORD &record, const Node &node)
+{
+    record.header.control.fld.register_trace_present = registers_in(node.in) + registers_in(node.out) > 0;
+    QTRACE_REGISTERS &r = record.regs;
+    const Plugin_Inst_Registers &in = node.in, &out = node.out;
+    if (registers_in(in) > 0)
+        set_in(r, in);
+    if (registers_in(out) > 0)
+        set_out(r, out);
 }
 
 void set_next(QTRACE_RECORD &record, const Node &node, Open_Parts &open)

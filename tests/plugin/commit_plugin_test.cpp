@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -183,7 +184,19 @@ TEST_F(Commit, pre_execution_without_the_table_of_paused_threads_stops_the_progr
             paused = nullptr;
             Event_Instruction_PreExecution(replay::handle_of(instruction));
         },
-        assertion_report("is_thread_paused", PAUSED_EXISTS));
+        assertion_report("Event_Instruction_PreExecution", PAUSED_EXISTS));
+}
+
+TEST_F(Commit, pre_execution_without_the_table_of_paused_threads_asks_the_host_nothing)
+{
+    const replay::Instruction instruction{};
+    EXPECT_DEATH(
+        {
+            replay::host().set_query_observer([](std::string_view) { _exit(0); }); // no death for a query
+            paused = nullptr;
+            Event_Instruction_PreExecution(replay::handle_of(instruction));
+        },
+        assertion_report("Event_Instruction_PreExecution", PAUSED_EXISTS));
 }
 
 // ---- capture ------------------------------------------------------------------------------------------------

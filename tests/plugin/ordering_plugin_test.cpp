@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <memory>
+#include <random>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -272,6 +274,78 @@ TEST_F(Ordering, insert_right_prefers_the_successor_to_the_side_chain)
     EXPECT_EQ(insert_right(tree, five), tree);
     EXPECT_EQ(four->left, five);
     EXPECT_EQ(insert_right(tree, keep(flushed(8, 7))), nullptr); // 6 is not: only that way is searched
+}
+
+namespace
+{
+
+// A tree of up to `size` nodes with numbers below `range`; chains are ascending, as those of a thread are.
+Node *random_tree(std::minstd_rand &dice, size_t size, uint64_t range, bool main_chain)
+{
+    std::set<uint64_t> seqs;
+    for (size_t i = 0; i < size; ++i)
+        seqs.insert(dice() % range);
+    Node *head = nullptr;
+    for (const uint64_t seq : seqs) {
+        Node *node = main_chain ? committed(seq) : flushed(seq);
+        if (size > 1 && dice() % 2)
+            node->right = random_tree(dice, size / 2, range, false);
+        head = insert_left(head, node);
+    }
+    return head;
+}
+
+Seqs shape_of(const Node *node)
+{
+    if (!node)
+        return {UINT64_MAX};
+    Seqs shape{node->seq};
+    for (const Node *branch : {node->right, node->left})
+        for (const uint64_t seq : shape_of(branch))
+            shape.push_back(seq);
+    return shape;
+}
+
+// Each lower key tried in turn.
+Node *insert_right_one_by_one(Node *start, Node *node)
+{
+    Node *placed = insert_right(start, node);
+    while (!placed && node->terminated_seq > start->seq && --node->terminated_seq > start->seq)
+        placed = insert_right(start, node);
+    return placed;
+}
+
+} // namespace
+
+TEST_F(Ordering, insert_right_or_below_ends_as_if_each_lower_key_had_been_tried)
+{
+    int placed = 0;
+    for (unsigned seed = 1; seed <= 20000; ++seed) {
+        struct Outcome {
+            bool placed;
+            uint64_t start, key;
+            Seqs shape;
+            bool operator==(const Outcome &) const = default;
+        };
+        const auto outcome = [seed](Node *(*insert)(Node *, Node *)) {
+            std::minstd_rand dice(seed);
+            Node *start = random_tree(dice, 1 + dice() % 8, 24, true);
+            Node *node = flushed(100, dice() % 32);
+            Node *place = insert(start, node);
+            const Outcome end{place != nullptr, place ? place->seq : 0, node->terminated_seq, shape_of(start)};
+            if (!place)
+                free_node(node);
+            del_tree(start);
+            return end;
+        };
+        const Outcome expected = outcome(insert_right_one_by_one);
+        const Outcome actual = outcome(insert_right_or_below);
+        ASSERT_EQ(actual.placed, expected.placed) << "seed " << seed;
+        ASSERT_EQ(actual.key, expected.key) << "seed " << seed;
+        ASSERT_TRUE(actual == expected) << "seed " << seed;
+        placed += expected.placed;
+    }
+    EXPECT_GT(placed, 1000);
 }
 
 TEST_F(Ordering, insert_right_starts_in_the_middle_of_the_main_chain_as_well)
@@ -713,6 +787,31 @@ TEST_F(Flushes, key_is_not_lowered_to_the_oldest_instruction)
     commit();
     EXPECT_EQ(written(), (Words{10, 20}));
     EXPECT_TRUE(is_list_empty(flush_list[0]));
+}
+
+TEST_F(Flushes, key_far_above_all_instructions_is_lowered_to_the_newest)
+{
+    seq = 50;
+    commit(2); // 60, 70
+    waiting(65, UINT64_MAX - 3);
+    commit(); // 80
+    ASSERT_NE(root[0]->right, nullptr);
+    EXPECT_EQ(root[0]->seq, 80u);
+    EXPECT_EQ(root[0]->right->seq, 65u);
+    EXPECT_EQ(root[0]->right->terminated_seq, 80u);
+}
+
+TEST_F(Flushes, second_key_far_above_all_instructions_finds_the_newest_taken_and_is_lost)
+{
+    commit(2);
+    waiting(25, UINT64_MAX - 3);
+    waiting(26, UINT64_MAX - 3);
+    commit();
+    EXPECT_TRUE(is_list_empty(flush_list[0]));
+    ASSERT_NE(root[0]->right, nullptr);
+    EXPECT_EQ(root[0]->right->seq, 25u);
+    EXPECT_EQ(root[0]->right->left, nullptr);
+    EXPECT_EQ(root[0]->right->right, nullptr);
 }
 
 TEST_F(Flushes, key_before_the_oldest_instruction_frees_the_flushed_one_and_what_hangs_from_it)

@@ -498,7 +498,7 @@ TEST(pause, commands_and_events_assert_the_table_of_paused_threads)
                  assertion_report("is_thread_paused", PAUSED_EXISTS));
     replay::Instruction instruction;
     EXPECT_DEATH(without_paused_table([&] { Event_Instruction_PreExecution(replay::handle_of(instruction)); }),
-                 assertion_report("is_thread_paused", PAUSED_EXISTS));
+                 assertion_report("Event_Instruction_PreExecution", PAUSED_EXISTS));
 }
 
 TEST(pause, missing_table_of_deferred_actions_is_a_broken_invariant)

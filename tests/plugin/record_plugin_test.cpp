@@ -363,6 +363,36 @@ TEST_F(Record, survives_counts_that_no_host_has)
     }
 }
 
+TEST_F(Record, has_a_register_trace_when_the_sum_of_all_ten_counts_is_above_0)
+{
+    struct Counts {
+        int in, out;
+        bool present;
+    };
+    for (const Counts counts : {Counts{-1, 2, true}, Counts{2, -1, true}, Counts{-2, 2, false},
+                                Counts{2, -2, false}, Counts{-3, 2, false}, Counts{2, -3, false}}) {
+        node.reg_in.gpr_num = counts.in;
+        node.reg_out.vsx_num = counts.out;
+        const QTRACE_RECORD record = dumped();
+        EXPECT_EQ(record.header.control.fld.register_trace_present, counts.present)
+            << counts.in << " " << counts.out;
+        EXPECT_EQ(record.regs.num_gprs_in, std::max(counts.in, 0));
+        EXPECT_EQ(record.regs.num_vsxrs_out, std::max(counts.out, 0));
+    }
+}
+
+TEST_F(Record, carries_the_registers_of_a_direction_when_the_sum_of_its_counts_is_above_0)
+{
+    node.reg_in.gpr_num = 2;
+    node.reg_in.spr_num = -2;
+    node.reg_out.gpr_num = 2;
+    node.reg_out.fpr_num = -1;
+    const QTRACE_RECORD record = dumped();
+    EXPECT_EQ(record.regs.num_gprs_in, 0);
+    EXPECT_EQ(record.regs.num_gprs_out, 2);
+    EXPECT_EQ(record.header.control.fld.register_trace_present, 1u);
+}
+
 TEST_F(Record, cuts_register_numbers_to_16_bits)
 {
     node.reg_in.spr_num = 1;
