@@ -9,6 +9,9 @@ set(qt_python ${CMAKE_INSTALL_DATADIR}/qtrace/python)
 set(qt_package ${CMAKE_INSTALL_LIBDIR}/cmake/qtrace)
 set(qt_pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# All that is installed: what `cmake --install` needs built.
+add_custom_target(products DEPENDS replay qtrace plugin_qtbin qtrace_library)
+
 # ---- Programs, plugin, library ----
 
 file(RELATIVE_PATH bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
@@ -56,3 +59,4 @@ foreach(page qtrace.1 replay.1 qtrace-trace.5)
     install(FILES ${CMAKE_BINARY_DIR}/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${number})
 endforeach()
 add_custom_target(manual_pages ALL DEPENDS ${pages})
+add_dependencies(products manual_pages)

@@ -74,6 +74,15 @@ class Session_Cases:
     def tearDownClass(cls):
         cls.place.remove()
 
+    def test_every_open_write_and_close_is_failed(self):
+        counts = {call: sum(case.call == call for case in self.cases) for call in CALLS}
+        for call, least in self.LEAST_CASES.items():
+            self.assertGreaterEqual(counts[call], least, call)
+
+    def test_every_case_hits_a_file_of_the_session(self):
+        for case in self.cases:
+            self.assertIn(case.hit, self.reference.files, case)
+
     def of(self, family, *calls):
         return [case for case in self.cases if case.hit and case.hit.startswith(family) and case.call in calls]
 
@@ -117,6 +126,8 @@ class Session_Cases:
 class Small_Session(Session_Cases, faults.Fault_Test):
     """Two threads with text and page-table-entry files, a pause and a resume: one block in a trace."""
 
+    LEAST_CASES = {"open": 36, "write": 216, "close": 36}  # six files, three or four ways, once and for ever
+
     @classmethod
     def setUpClass(cls):
         cls.place = faults.Folder(faults.small_stream())
@@ -151,6 +162,8 @@ class Small_Session(Session_Cases, faults.Fault_Test):
 
 class Many_Blocks(Session_Cases, faults.Fault_Test):
     """Binary traces of several blocks each."""
+
+    LEAST_CASES = {"open": 12, "write": 80, "close": 12}
 
     @classmethod
     def setUpClass(cls):

@@ -15,6 +15,7 @@ BIN = Path(os.environ["QT_BIN"])  # where the programs under test are
 LONG = os.environ.get("QT_LONG") == "1"
 PLUGIN = BIN / "plugin_qtbin.so"
 STREAMS = Path(__file__).resolve().parents[2] / "streams"
+SKIPPED = 77  # exit status when nothing failed and some test could not be run here
 SECONDS = 120  # nothing here takes a fraction of that; more is a hang
 resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
@@ -36,6 +37,11 @@ def small_stream(instructions=20, threads=2, registers=1):
     return "".join(json.dumps(line) + "\n" for line in lines)
 
 
+def as_word(path):
+    """A path as one word of a console command."""
+    return re.sub(r"[\s\\'\"]", r"\\\g<0>", str(path))
+
+
 class Result:
     def __init__(self, code, out, err):
         self.code, self.out, self.err = code, out, err
@@ -48,7 +54,7 @@ class Folder:
     """A place for a stream, a script and the files of its session."""
 
     def __init__(self, stream=None):
-        self.path = Path(tempfile.mkdtemp(prefix="faults-"))
+        self.path = Path(tempfile.mkdtemp(prefix="faults-")).resolve()  # as the system names it
         self.out = self.path / "out"
         self.stream = self.path / "stream.jsonl"
         if stream is not None:
@@ -64,11 +70,11 @@ class Folder:
 
     def write_script(self, commands, out=None):
         """Console commands: those of the plugin and `run`."""
-        lines = [f"plugin load {PLUGIN}"]
+        lines = [f"plugin load {as_word(PLUGIN)}"]
         for command in commands:
             is_run = command.split()[0] == "run"
             lines.append(command if is_run else "plugin signal plugin_qtbin.so " + command)
-        self.script.write_text("\n".join(lines).replace("{out}", str(out or self.out)) + "\n", "utf-8")
+        self.script.write_text("\n".join(lines).replace("{out}", as_word(out or self.out)) + "\n", "utf-8")
 
     def command(self):
         return [str(BIN / "replay"), str(self.stream), str(self.script)]
@@ -129,4 +135,5 @@ class Fault_Test(unittest.TestCase):
 
 
 def main():
-    unittest.main(verbosity=2)
+    ended = unittest.main(verbosity=2, exit=False).result
+    sys.exit(0 if ended.wasSuccessful() and not ended.skipped else SKIPPED if ended.wasSuccessful() else 1)

@@ -11,10 +11,6 @@ ODD_NAMES = ["100%", "%s%n%x", "%100000d", "two words", "größe", "名前", "�
 RESTS = ("", " txt {out}/text pte {out}/pte")
 
 
-def quoted(name):
-    return '"' + name.replace("\\", "\\\\").replace('"', '\\"') + '"'
-
-
 class Places(faults.Fault_Test):
     """Each test ends with the host alive and a message that names the file."""
 
@@ -72,7 +68,7 @@ class Places(faults.Fault_Test):
         for length in [*range(len(start) + 1, len(start) + 5), *range(225, 300), 4096, 70000]:
             folder.clear()
             name = start + "n" * (length - len(start))
-            folder.write_script([f"start {name} txt {name}t", "run", "stop"])
+            folder.write_script([f"start {faults.as_word(name)} txt {faults.as_word(name)}t", "run", "stop"])
             result = folder.run()
             self.expect_survival(result, length)
             if result.code == 0:
@@ -159,7 +155,7 @@ class Places(faults.Fault_Test):
         for name in ODD_NAMES:
             folder = self.folder(faults.small_stream())
             base = str(folder.out) + "/" + name
-            folder.write_script([f"start {quoted(base)} txt {quoted(base + '.t')} pte {quoted(base + '.p')}", "run", "stop"])
+            folder.write_script([f"start {faults.as_word(base)} txt {faults.as_word(base + '.t')} pte {faults.as_word(base + '.p')}", "run", "stop"])
             result = folder.run()
             self.assertEqual(result.code, 0, result.says())
             self.assertEqual(set(folder.files()), {f"{name}{kind}{tid}" for kind in ("", ".t", ".p") for tid in (0, 1)})
@@ -168,15 +164,15 @@ class Places(faults.Fault_Test):
     def test_odd_names_that_fail_are_printed_unchanged(self):
         for name in ODD_NAMES:
             base = "/nowhere/" + name
-            _, result = self.session(commands=[f"start {quoted(base)}"])
+            _, result = self.session(commands=[f"start {faults.as_word(base)}"])
             self.assertIn(f"Can not open QTRACE file to write {base}0\n", result.err)
             self.assertIn(f"replay: {base}0: open: No such file or directory", result.err)
 
     def test_odd_words_in_commands_are_printed_unchanged(self):
         for name in ODD_NAMES:
-            word = quoted(name)
+            word = faults.as_word(name)
             _, result = self.session(commands=[f"start {{out}}/t {word}", f"pause cpu {word}", f"resume cpu 0 thread {word}",
-                                               f"warm {quoted('/nowhere/' + name)}", word])
+                                               f"warm {faults.as_word('/nowhere/' + name)}", word])
             self.assertIn(f"QTRACE: Unknown argument '{name}'", result.err)
             self.assertIn(f"QTRACE: Invalid cpu id '{name}' for pause", result.err)
             self.assertIn(f"QTRACE: Invalid thread id '{name}' for resume (cpu 0)", result.err)

@@ -136,6 +136,10 @@ struct Mode_Row {
     const char *name;
     const char *pc_on, *pc_off;
     const char *data_on, *data_off;
+    friend std::ostream &operator<<(std::ostream &out, const Mode_Row &row)
+    {
+        return out << row.mode << ' ' << row.name;
+    }
 };
 
 const Mode_Row MODES[] = {
@@ -459,6 +463,10 @@ struct Walk_Row {
     uint8_t depth;
     const char *instruction; // the depth group
     const char *data;
+    friend std::ostream &operator<<(std::ostream &out, const Walk_Row &row)
+    {
+        return out << "depth " << +row.depth;
+    }
 };
 
 const Walk_Row HOST_WALK_ROWS[] = {

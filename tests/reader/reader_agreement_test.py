@@ -62,7 +62,7 @@ class Agreement(unittest.TestCase):
         console = self.folder / "console"
         plugin = PROGRAMS / "plugin_qtbin.so"
         signal = f"plugin signal {plugin.name}"
-        console.write_text(f"plugin load {plugin}\n{signal} start {self.folder}/trace\nrun\n{signal} stop\n")
+        console.write_text(f'plugin load "{plugin}"\n{signal} start "{self.folder}/trace"\nrun\n{signal} stop\n')
         run = subprocess.run([PROGRAMS / "replay", "-e", self.beginning_of(stream), console], capture_output=True)
         self.assertEqual(run.returncode, 0, run.stderr)
         return sorted(self.folder.glob("trace[0-9]*"))
@@ -71,7 +71,7 @@ class Agreement(unittest.TestCase):
         if LONG or stream.suffix != ".zst":
             return stream
         copy = self.folder / "stream.jsonl"
-        with zstandard.open(stream, "rt") as lines, copy.open("w") as out:
+        with zstandard.open(stream, "rt", encoding="utf-8") as lines, copy.open("w", encoding="utf-8") as out:
             for _, line in zip(range(LINES_OF_A_STREAM), lines):
                 out.write(line)
         return copy
@@ -136,7 +136,7 @@ class Lines(Agreement):
         return [json.loads(line) for line in output.stdout.splitlines()], output.returncode
 
     def test_both_commands_print_the_same(self):
-        traces = [*CORPUS.glob("*.trace"), *self.replay(ROOT / "streams/sample.jsonl")]
+        traces = [*sorted(CORPUS.glob("*.trace")), *self.replay(ROOT / "streams/sample.jsonl")]
         for trace in traces if LONG else traces[:: len(traces) // 60 + 1] + traces[-1:]:
             with self.subTest(trace.name):
                 mine = self.printed(sys.executable, "-m", "qtrace.plain", trace)

@@ -10,8 +10,10 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iomanip>
 #include <map>
 #include <sstream>
+#include <string_view>
 #include <unistd.h>
 #include <zstd.h>
 
@@ -465,9 +467,14 @@ struct Refused_Line {
     const char *error; // behind "line 2: "
 };
 
+// A name that any terminal shows: bytes that are not ASCII text as \xHH.
 void PrintTo(const Refused_Line &row, std::ostream *out)
 {
-    *out << row.line;
+    for (const char byte : std::string_view(row.line))
+        if (byte >= ' ' && byte <= '~')
+            *out << byte;
+        else
+            *out << "\\x" << std::hex << std::setw(2) << std::setfill('0') << +static_cast<unsigned char>(byte);
 }
 
 class Refusals : public testing::TestWithParam<Refused_Line>
@@ -764,6 +771,7 @@ TEST(stream_input, progress_ends_at_the_size_of_the_input)
 struct Recorded {
     const char *file;
     size_t commits;
+    friend std::ostream &operator<<(std::ostream &out, const Recorded &recorded) { return out << recorded.file; }
 };
 
 class Recorded_Stream : public testing::TestWithParam<Recorded>

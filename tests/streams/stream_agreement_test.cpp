@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fmt/format.h>
+#include <iomanip>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -400,10 +401,11 @@ private:
     void play(const fs::path &input)
     {
         std::ofstream script(folder_ / "script");
-        const std::string signal = std::string("plugin signal ") + QT_PLUGIN;
-        script << "plugin load " << QT_PLUGIN << "\n"
-               << signal << " start " << (folder_ / "trace").string() << " txt " << (folder_ / "text").string()
-               << " pte " << (folder_ / "pte").string() << "\n"
+        const std::string signal = "plugin signal " + fs::path(QT_PLUGIN).filename().string();
+        script << "plugin load " << std::quoted(QT_PLUGIN) << "\n"
+               << signal << " start " << std::quoted((folder_ / "trace").string()) << " txt "
+               << std::quoted((folder_ / "text").string()) << " pte " << std::quoted((folder_ / "pte").string())
+               << "\n"
                << "run\n"
                << signal << " stop\nplugin unload\nquit\n";
         script.close();

@@ -7,10 +7,10 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
 cat > commands <<END
-plugin load $plugin
-plugin signal $plugin start trace txt text
+plugin load "$plugin"
+plugin signal plugin_qtbin.so start trace txt text
 run
-plugin signal $plugin stop
+plugin signal plugin_qtbin.so stop
 END
 "$replay" "$stream" commands > /dev/null
 "$qtrace" info trace
