@@ -26,7 +26,7 @@ struct Xlate_Mode_Info {
 };
 
 // clang-format off
-inline constexpr Xlate_Mode_Info XLATE_MODES[] = { // one row per RDX_XLATE_MODE, in its order
+inline constexpr Xlate_Mode_Info XLATE_MODES[] = { // one row per RDX_XLATE_MODE, in its order, and a last one
     /*  0 */ {"RADIX_MODE_NOT_YET_SET", UNDEFINED_MODE, 3, 3, CASE_NONE},
     /*  1 */ {"NOT_Radix", UNDEFINED_MODE, 3, 3, CASE_NONE},
     /*  2 */ {"OffsetReal", RADIX_MODE, 3, 3, CASE_NONE},
@@ -76,12 +76,13 @@ inline constexpr Xlate_Mode_Info XLATE_MODES[] = { // one row per RDX_XLATE_MODE
     /* 38 */ {"Unknown", RADIX_MODE, 3, 3, CASE_NONE},
 };
 // clang-format on
-static_assert(std::size(XLATE_MODES) == RDX_XLATE_MODE_LAST + 2);
+inline constexpr unsigned UNKNOWN_XLATE_MODE = std::size(XLATE_MODES) - 1;
+static_assert(UNKNOWN_XLATE_MODE > RDX_XLATE_MODE_LAST);
 
 inline const Xlate_Mode_Info &mode_info(RDX_XLATE_MODE mode)
 {
     const auto value = static_cast<unsigned>(mode);
-    return XLATE_MODES[value <= RDX_XLATE_MODE_LAST ? value : RDX_XLATE_MODE_LAST + 1];
+    return XLATE_MODES[value < UNKNOWN_XLATE_MODE ? value : UNKNOWN_XLATE_MODE];
 }
 
 enum XLATE_WALK : uint8_t {
