@@ -1,6 +1,7 @@
 // How fast whole programs get through their files: a replay from the commit stream to the trace, and the reader.
 #include "player.h"
 #include "qtrace_reader.h"
+#include "stream_input.h"
 
 #include <benchmark/benchmark.h>
 

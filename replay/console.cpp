@@ -212,7 +212,7 @@ bool Console::run(const Words &operands)
 
 bool Console::status(const Words &)
 {
-    const Stream_Reader &reader = player_.reader();
+    const Event_Source &reader = player_.event_source();
     const Machine_Shape &shape = host().shape();
     out_ << fmt::format("stream    {}", player_.file());
     if (!player_.source().empty())

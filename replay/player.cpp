@@ -1,10 +1,7 @@
 #include "player.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fmt/os.h>
-#include <fmt/ranges.h>
-#include <numeric>
+#include "stream_reader.h"
+#include "warm_file.h"
 
 namespace replay
 {
@@ -21,9 +18,23 @@ bool is_event(Event_Kind kind)
 
 } // namespace
 
-Player::Player(const std::string &file) : file_(file), reader_(file, &stop_)
+Player::Player(const std::string &file, Stop_Request *stop)
+    : own_stop_(stop ? nullptr : std::make_unique<Stop_Request>()), stop_(stop ? stop : own_stop_.get()),
+      file_(file), events_(std::make_unique<Stream_Reader>(file, stop_))
 {
-    const Stream_Event *first = reader_.next();
+    take_machine();
+}
+
+Player::Player(const std::string &name, std::unique_ptr<Event_Source> events, Stop_Request *stop)
+    : own_stop_(stop ? nullptr : std::make_unique<Stop_Request>()), stop_(stop ? stop : own_stop_.get()),
+      file_(name), events_(std::move(events))
+{
+    take_machine();
+}
+
+void Player::take_machine()
+{
+    const Stream_Event *first = events_->next();
     if (!first)
         return;
     source_ = first->source;
@@ -74,9 +85,9 @@ Player::End Player::run(uint64_t limit)
 {
     uint64_t delivered = 0;
     while (delivered < limit) {
-        const Stream_Event *event = stop_.load(std::memory_order_relaxed) ? nullptr : reader_.next();
+        const Stream_Event *event = stop_->requested() ? nullptr : events_->next();
         if (!event)
-            return reader_.error() ? End::refused_input : stop_ ? End::stopped : End::end_of_stream;
+            return error() ? End::refused_input : stop_->requested() ? End::stopped : End::end_of_stream;
         if (!deliver(*event))
             continue;
         if (++delivered % EVENTS_PER_PROGRESS == 0 && progress_)
@@ -95,37 +106,6 @@ void Player::on_session(std::string_view what)
     const std::string problem = write_warm_file(std::string(what.substr(WARM.size())));
     if (!problem.empty())
         host().say({Channel::error, 0, "replay", 0, problem});
-}
-
-namespace
-{
-
-std::string context_line(int tid, const Thread_Context &context)
-{
-    return fmt::format(
-        R"({{"t":"context","tid":{},"ptcr":"{:#x}","lpid":"{:#x}","pid":{},"sdr1":"{:#x}",)"
-        R"("bit64":{},"little_endian":{},"kernel":{},"cycle_mode":{},"pages":[{}],"guest_pages":[{}]}})",
-        tid, context.ptcr, context.lpid, context.pid, context.sdr1, context.bit64, context.little_endian,
-        context.kernel, context.cycle_mode, page_words(context.pages), page_words(context.guest_pages));
-}
-
-} // namespace
-
-std::string write_warm_file(const std::string &file)
-{
-    const Machine_Shape &shape = host().shape();
-    try {
-        auto out = fmt::output_file(file);
-        out.print(R"({{"t":"machine","processors":{},"threads":{},"version":{},"memory":"{:#x}","options":[{}]}})"
-                  "\n",
-                  shape.processors, shape.threads, shape.version, shape.memory, fmt::join(shape.options, ","));
-        for (int tid = 0; tid < host().thread_count(); ++tid)
-            out.print("{}\n", context_line(tid, host().context(tid)));
-        out.close();
-    } catch (const std::system_error &problem) {
-        return file + ": " + problem.code().message();
-    }
-    return {};
 }
 
 } // namespace replay

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 #include <zstd.h>
 
@@ -19,6 +20,12 @@ constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
 constexpr size_t REFILL = 1 << 16;
 constexpr size_t FIRST_ROOM = 2 * REFILL; // lines are short: most streams never need more
 constexpr size_t STORED_AT_ONCE = 1 << 14;
+
+// Opening a FIFO would wait for its writer where no request to stop is seen; reading it waits where one is.
+int open_input(const std::string &file, const Stop_Request *stop)
+{
+    return open(file.c_str(), O_RDONLY | O_CLOEXEC | (stop ? O_NONBLOCK : 0));
+}
 
 } // namespace
 
@@ -45,15 +52,14 @@ struct Byte_Source::Decompressor {
     }
 };
 
-Byte_Source::Byte_Source(const std::string &file, const std::atomic<bool> *stop)
-    : descriptor_{file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC)}, stop_(stop)
+Byte_Source::Byte_Source(const std::string &file, const Stop_Request *stop)
+    : descriptor_{file == "-" ? STDIN_FILENO : open_input(file, stop)}, stop_(stop)
 {
     if (descriptor_.number < 0)
         throw Input_Error(std::strerror(errno));
     struct stat info;
     if (fstat(descriptor_.number, &info) == 0 && S_ISREG(info.st_mode))
         size_ = static_cast<uint64_t>(info.st_size);
-    look_at_magic();
 }
 
 Byte_Source::~Byte_Source() = default;
@@ -66,17 +72,30 @@ Byte_Source::Descriptor::~Descriptor()
 
 void Byte_Source::look_at_magic()
 {
-    magic_.resize(ZSTD_MAGIC.size());
-    size_t length = 0;
-    while (length < magic_.size()) {
-        const size_t bytes = read_stored(magic_.data() + length, magic_.size() - length);
+    while (magic_.size() < ZSTD_MAGIC.size()) {
+        char piece[ZSTD_MAGIC.size()];
+        const size_t bytes = read_stored(piece, ZSTD_MAGIC.size() - magic_.size());
         if (bytes == 0)
             break;
-        length += bytes;
+        magic_.append(piece, bytes);
     }
-    magic_.resize(length);
+    refuse_other_formats();
     if (magic_ == ZSTD_MAGIC)
         decompressor_ = std::make_unique<Decompressor>();
+    format_known_ = true;
+}
+
+void Byte_Source::refuse_other_formats() const
+{
+    constexpr std::pair<std::string_view, const char *> FORMATS[] = {
+        {"\x1f\x8b", "gzip data"},
+        {"\xef\xbb\xbf", "a byte-order mark"},
+        {"\xff\xfe", "UTF-16"},
+        {"\xfe\xff", "UTF-16"},
+    };
+    for (const auto &[begin, name] : FORMATS)
+        if (magic_.starts_with(begin))
+            throw Input_Error(std::string("expected plain UTF-8 or zstd data, found ") + name);
 }
 
 uint64_t Byte_Source::bytes_used() const
@@ -88,9 +107,11 @@ uint64_t Byte_Source::bytes_used() const
 size_t Byte_Source::read_stored(char *to, size_t room)
 {
     ssize_t bytes;
-    while ((bytes = ::read(descriptor_.number, to, room)) < 0 && errno == EINTR)
-        if (stop_ && *stop_)
+    do {
+        if (stop_ && (size_ ? stop_->requested() : !stop_->wait_for_input(descriptor_.number)))
             throw Input_Interrupted{};
+        bytes = ::read(descriptor_.number, to, room);
+    } while (bytes < 0 && (errno == EINTR || (stop_ && errno == EAGAIN)));
     if (bytes < 0)
         throw Input_Error(std::string("expected readable input: ") + std::strerror(errno));
     taken_ += static_cast<uint64_t>(bytes);
@@ -109,6 +130,8 @@ size_t Byte_Source::read_plain(char *to, size_t room)
 
 size_t Byte_Source::read(char *to, size_t room)
 {
+    if (!format_known_)
+        look_at_magic();
     if (!decompressor_)
         return read_plain(to, room);
     Decompressor &from = *decompressor_;
@@ -127,7 +150,7 @@ size_t Byte_Source::read(char *to, size_t room)
     }
 }
 
-Line_Source::Line_Source(const std::string &file, const std::atomic<bool> *stop)
+Line_Source::Line_Source(const std::string &file, const Stop_Request *stop)
     : source_(file, stop), buffer_(std::make_unique_for_overwrite<char[]>(FIRST_ROOM + PADDING)), room_(FIRST_ROOM)
 {
 }

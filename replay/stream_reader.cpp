@@ -1,5 +1,7 @@
 #include "stream_reader.h"
 
+#include "commit_stream_writer.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -347,12 +349,13 @@ void read_registers(json::value &given, int32_t &count, int32_t (&numbers)[N], V
     }));
 }
 
-#define CLASS(name)                                                                                                \
-    {                                                                                                              \
-#name, [](Place &, Plugin_Inst_Registers & to,                                                             \
-                  json::value & given) { read_registers(given, to.name##_num, to.name##_index, to.name##_value); } \
-    }
-constexpr Key<Plugin_Inst_Registers> REGISTER_KEYS[] = {CLASS(gpr), CLASS(fpr), CLASS(spr), CLASS(vmx), CLASS(vsx)};
+#define CLASS(name, constant, most, words)                                                                         \
+    {#name, [](Place &, Plugin_Inst_Registers &to, json::value &given) {                                           \
+         read_registers(given, to.name##_num, to.name##_index, to.name##_value);                                   \
+     }},
+// clang-format off
+constexpr Key<Plugin_Inst_Registers> REGISTER_KEYS[] = {COMMIT_STREAM_REGISTER_CLASSES(CLASS)};
+// clang-format on
 #undef CLASS
 
 // ---- translations ---------------------------------------------------------------------------------------
@@ -389,37 +392,23 @@ void read_effective_address(Place &, Instruction &instruction, json::value &give
 
 using Address_Side = Address_Answers Instruction::*;
 
-#define TO(member)       [](Place &, Instruction &to, json::value &given) { assign((to.*SIDE).member, given); }
-#define BY(read, member) [](Place &, Instruction &to, json::value &given) { read(given, (to.*SIDE).member); }
+#define TO(member)            [](Place &, Instruction &to, json::value &given) { assign((to.*SIDE).member, given); }
+#define BY(read, member)      [](Place &, Instruction &to, json::value &given) { read(given, (to.*SIDE).member); }
+#define ROW(key, type, shape) {#key, TO(key)},
 // Keys of `fetch` and `data`; the first is of `data` alone.
 // clang-format off
 template <Address_Side SIDE>
 constexpr Key<Instruction> ADDRESS_KEYS[] = {
-    {"ea",              read_effective_address},
-    {"status",          TO(status)},
-    {"mode",            TO(mode)},
-    {"guest_mode",      TO(guest_mode)},
-    {"host_mode",       TO(host_mode)},
-    {"guest_two_level", TO(guest_two_level)},
-    {"host_two_level",  TO(host_two_level)},
-    {"guest_depth",     TO(guest_depth)},
-    {"host_depth",      TO(host_depth)},
-    {"relocated",       TO(relocated)},
-    {"ra",              TO(ra)},
-    {"vsid",            TO(vsid)},
-    {"rpn",             TO(rpn)},
-    {"page_size",       TO(page_size)},
-    {"host_rpn",        TO(host_rpn)},
-    {"guest_rpn",       TO(guest_rpn)},
-    {"host_page_size",  TO(host_page_size)},
-    {"guest_page_size", TO(guest_page_size)},
-    {"host_walk",       BY(read_host_walks, host_walk)},
-    {"host_ra",         BY(read_host_addresses, host_ra)},
-    {"guest_walk",      BY(read_guest_walk, guest_walk)},
+    {"ea",         read_effective_address},
+    COMMIT_STREAM_ADDRESS_KEYS(ROW)
+    {"host_walk",  BY(read_host_walks, host_walk)},
+    {"host_ra",    BY(read_host_addresses, host_ra)},
+    {"guest_walk", BY(read_guest_walk, guest_walk)},
 };
 // clang-format on
 #undef TO
 #undef BY
+#undef ROW
 
 void read_fetch(Place &place, Stream_Event &event, json::value &given)
 {
@@ -438,28 +427,18 @@ struct Flag {
     bool Instruction::*member;
 };
 
-constexpr Flag FLAGS[] = {
-    {"branch", &Instruction::branch},     {"unconditional", &Instruction::unconditional},
-    {"taken", &Instruction::taken},       {"load", &Instruction::load},
-    {"store", &Instruction::store},       {"cache", &Instruction::cache},
-    {"string", &Instruction::string},     {"exception", &Instruction::exception},
-    {"vmx", &Instruction::vmx},           {"vsx", &Instruction::vsx},
-    {"filtered", &Instruction::filtered}, {"sim_support", &Instruction::sim_support},
-};
+#define ROW(word, constant, bit) {#word, &Instruction::word},
+constexpr Flag FLAGS[] = {COMMIT_STREAM_FLAGS(ROW)};
+#undef ROW
 
 struct Page_Size {
     std::string_view word;
     boolean PAGE_SIZES_USED::*member;
 };
 
-constexpr Page_Size PAGE_SIZES[] = {
-    {"4K", &PAGE_SIZES_USED::PAGE_4K},     {"16K", &PAGE_SIZES_USED::PAGE_16K},
-    {"64K", &PAGE_SIZES_USED::PAGE_64K},   {"128K", &PAGE_SIZES_USED::PAGE_128K},
-    {"256K", &PAGE_SIZES_USED::PAGE_256K}, {"1M", &PAGE_SIZES_USED::PAGE_1M},
-    {"2M", &PAGE_SIZES_USED::PAGE_2M},     {"16M", &PAGE_SIZES_USED::PAGE_16M},
-    {"256M", &PAGE_SIZES_USED::PAGE_256M}, {"1G", &PAGE_SIZES_USED::PAGE_1G},
-    {"16G", &PAGE_SIZES_USED::PAGE_16G},   {"undefined", &PAGE_SIZES_USED::PAGE_undefined},
-};
+#define ROW(word, bit) {#word, &PAGE_SIZES_USED::PAGE_##word},
+constexpr Page_Size PAGE_SIZES[] = {COMMIT_STREAM_PAGE_SIZES(ROW)};
+#undef ROW
 
 // Sets the members that the words of a list stand for.
 template <class Row, size_t N, class Target>
@@ -513,39 +492,40 @@ void read_options(json::value &given, std::vector<unsigned> &options)
         "tid", TO(instruction.tid)                                                                                 \
     }
 
+// How a value of each shape is read.
+#define READ_NUMBER(member)           TO(member)
+#define READ_WORD(member)             TO(member)
+#define READ_TRUTH(member)            TO(member)
+#define READ_PAGES(member)            BY(read_pages, member)
+// A row of a list of keys: where the value goes is named by the list and the key.
+#define MACHINE_ROW(key, type, shape) {#key, READ_##shape(machine.key)},
+#define CONTEXT_ROW(key, type, shape) {#key, READ_##shape(context.key)},
+#define COMMIT_ROW(key, type, shape)  {#key, READ_##shape(instruction.key)},
+#define PTE_ROW(key, type, shape)     {#key, READ_##shape(PTE_##key)},
+#define PTE_pa                        pte.pa
+#define PTE_upper                     pte.pte.upper
+#define PTE_lower                     pte.pte.lower
+#define RTPTE_ROW(key, type, shape)   {#key, READ_##shape(RTPTE_##key)},
+#define RTPTE_l1                      rtpte.RTPDE_ra_l1
+#define RTPTE_l2                      rtpte.RTPDE_ra_l2
+#define RTPTE_l3                      rtpte.RTPDE_ra_l3
+#define RTPTE_pte                     rtpte.RTPTE_ra
+#define RTPTE_pa                      rtpte.pa
+
 // clang-format off
 constexpr Key<Stream_Event> MACHINE_KEYS[] = {
     KIND,
-    {"processors", TO(machine.processors)},
-    {"threads",    TO(machine.threads)},
-    {"version",    TO(machine.version)},
-    {"memory",     TO(machine.memory)},
-    {"options",    BY(read_options, machine.options)},
-    {"source",     TO(source)},
+    COMMIT_STREAM_MACHINE_KEYS(MACHINE_ROW)
+    {"options", BY(read_options, machine.options)},
+    {"source",  TO(source)},
 };
 
-constexpr Key<Stream_Event> CONTEXT_KEYS[] = {
-    KIND,
-    TID,
-    {"ptcr",          TO(context.ptcr)},
-    {"lpid",          TO(context.lpid)},
-    {"pid",           TO(context.pid)},
-    {"sdr1",          TO(context.sdr1)},
-    {"bit64",         TO(context.bit64)},
-    {"little_endian", TO(context.little_endian)},
-    {"kernel",        TO(context.kernel)},
-    {"cycle_mode",    TO(context.cycle_mode)},
-    {"pages",         BY(read_pages, context.pages)},
-    {"guest_pages",   BY(read_pages, context.guest_pages)},
-};
+constexpr Key<Stream_Event> CONTEXT_KEYS[] = {KIND, TID, COMMIT_STREAM_CONTEXT_KEYS(CONTEXT_ROW)};
 
 constexpr Key<Stream_Event> COMMIT_KEYS[] = {
     KIND,
     TID,
-    {"seq",           TO(instruction.seq)},
-    {"pc",            TO(instruction.pc)},
-    {"npc",           TO(instruction.npc)},
-    {"op",            TO(instruction.op)},
+    COMMIT_STREAM_COMMIT_KEYS(COMMIT_ROW)
     {"text",          TO(instruction.text)},
     {"is",            [](Place &, Stream_Event &to, json::value &given) { read_words(given, FLAGS, to.instruction); }},
     {"string_length", TO(instruction.string_length)},
@@ -557,24 +537,8 @@ constexpr Key<Stream_Event> COMMIT_KEYS[] = {
 };
 
 constexpr Key<Stream_Event> PRE_KEYS[] = {KIND, TID};
-
-constexpr Key<Stream_Event> PTE_KEYS[] = {
-    KIND,
-    TID,
-    {"pa",    TO(pte.pa)},
-    {"upper", TO(pte.pte.upper)},
-    {"lower", TO(pte.pte.lower)},
-};
-
-constexpr Key<Stream_Event> RTPTE_KEYS[] = {
-    KIND,
-    TID,
-    {"l1",  TO(rtpte.RTPDE_ra_l1)},
-    {"l2",  TO(rtpte.RTPDE_ra_l2)},
-    {"l3",  TO(rtpte.RTPDE_ra_l3)},
-    {"pte", TO(rtpte.RTPTE_ra)},
-    {"pa",  TO(rtpte.pa)},
-};
+constexpr Key<Stream_Event> PTE_KEYS[] = {KIND, TID, COMMIT_STREAM_PTE_KEYS(PTE_ROW)};
+constexpr Key<Stream_Event> RTPTE_KEYS[] = {KIND, TID, COMMIT_STREAM_RTPTE_KEYS(RTPTE_ROW)};
 
 struct Kind_Of_Line {
     std::string_view name;
@@ -595,6 +559,11 @@ constexpr Kind_Of_Line KINDS[EVENT_KINDS] = { // in the order of Event_Kind
 #undef INNER
 #undef KIND
 #undef TID
+#undef MACHINE_ROW
+#undef CONTEXT_ROW
+#undef COMMIT_ROW
+#undef PTE_ROW
+#undef RTPTE_ROW
 
 Event_Kind kind_called(std::string_view token)
 {
@@ -635,15 +604,6 @@ Refusal refusal_of(simdjson::error_code error)
 std::string_view name_of(Event_Kind kind)
 {
     return KINDS[static_cast<size_t>(kind)].name;
-}
-
-std::string page_words(const PAGE_SIZES_USED &pages)
-{
-    std::string words;
-    for (const Page_Size &size : PAGE_SIZES)
-        if (pages.*size.member)
-            words += fmt::format("{}\"{}\"", words.empty() ? "" : ",", size.word);
-    return words;
 }
 
 std::string Stream_Error::text() const
@@ -780,8 +740,8 @@ void Stream_Reader::Parser::read(std::string_view line)
     finish_event();
 }
 
-Stream_Reader::Stream_Reader(const std::string &file, const std::atomic<bool> *stop)
-    : parser_(std::make_unique<Parser>())
+Stream_Reader::Stream_Reader(const std::string &file, const Stop_Request *stop)
+    : stop_(stop), parser_(std::make_unique<Parser>())
 {
     try {
         lines_ = std::make_unique<Line_Source>(file, stop);
@@ -809,16 +769,18 @@ const Stream_Event *Stream_Reader::read_line()
 {
     try {
         std::string_view line;
-        do
+        do {
+            if (stop_ && stop_->requested())
+                return nullptr;
             if (!lines_->next(line))
                 return end();
-        while (std::all_of(line.begin(), line.end(), is_blank));
+        } while (std::all_of(line.begin(), line.end(), is_blank));
         parser_->read(line);
         return &parser_->event;
     } catch (const Input_Interrupted &) {
         return nullptr;
     } catch (const Input_Error &problem) {
-        error_ = {line_number() + 1, "", problem.what(), ""};
+        error_ = {lines_->format_known() ? line_number() + 1 : 0, "", problem.what(), ""};
     } catch (const Refusal &refusal) {
         refuse_line(refusal.expected, refusal.found);
     } catch (const simdjson::simdjson_error &error) {

@@ -70,10 +70,10 @@ private:
         const uint64_t events = player_.events() - events_before_;
         const double seconds = std::chrono::duration<double>(last_ - start_).count();
         std::string text = fmt::format("{} events", events);
-        if (const auto size = player_.reader().input_size(); size && *size > 0)
-            text +=
-                fmt::format(", {:.0f} % of the input", 100.0 * static_cast<double>(player_.reader().bytes_used()) /
-                                                           static_cast<double>(*size));
+        if (const auto size = player_.event_source().input_size(); size && *size > 0)
+            text += fmt::format(", {:.0f} % of the input",
+                                100.0 * static_cast<double>(player_.event_source().bytes_used()) /
+                                    static_cast<double>(*size));
         if (seconds > 0)
             text += fmt::format(", {:.0f} thousand/s", static_cast<double>(events) / seconds / 1000);
         return text;

@@ -1,5 +1,5 @@
-# Each of the five headers stands alone in C11 and in C++20, with every warning an error.
-set(own_headers plugin_basic.h plugin_api.h qtrace_t.h qtrace.h plugin_qtbin.h)
+# Each of these headers stands alone in C11 and in C++20, with every warning an error.
+set(own_headers plugin_basic.h plugin_api.h commit_stream_writer.h qtrace_t.h qtrace.h plugin_qtbin.h)
 set(header_sources)
 foreach(header ${own_headers})
     foreach(language c cpp)

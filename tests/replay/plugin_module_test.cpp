@@ -7,6 +7,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <unistd.h>
 
 using namespace replay;
@@ -211,6 +212,83 @@ TEST_F(Loading, warm_file_that_cannot_be_written_is_an_error_of_the_host)
     Player player(write_stream("{\"t\":\"machine\",\"processors\":1,\"threads\":1}\n"));
     warm_dump((folder / "none" / "warm").c_str(), currentMachine);
     EXPECT_THAT(said, HasSubstr("No such file or directory"));
+}
+
+TEST_F(Loading, warm_file_on_a_full_disk_is_an_error_of_the_host)
+{
+    Player player(write_stream("{\"t\":\"machine\",\"processors\":64,\"threads\":64}\n"));
+    warm_dump("/dev/full", currentMachine);
+    EXPECT_EQ(said, "/dev/full: No space left on device");
+}
+
+TEST_F(Loading, warm_file_has_machine_and_contexts_byte_for_byte)
+{
+    const std::string warm = folder / "warm";
+    Player player(write_stream(
+        R"({"t":"machine","processors":1,"threads":2,"version":3,"memory":4096,"options":[450,451],"source":"x"}
+{"t":"context","tid":0,"ptcr":"0xc","lpid":2,"pid":7,"sdr1":5,"bit64":1,"cycle_mode":1,"pages":["4K","undefined"]}
+{"t":"context","tid":1,"little_endian":true,"kernel":true,"guest_pages":["2M","16G"]}
+)"));
+    EXPECT_EQ(player.run(), Player::End::end_of_stream);
+    warm_dump(warm.c_str(), currentMachine);
+    std::ostringstream written;
+    written << std::ifstream(warm).rdbuf();
+    EXPECT_EQ(written.str(),
+              R"({"t":"machine","processors":1,"threads":2,"version":3,"memory":"0x1000","options":[450,451]}
+{"t":"context","tid":0,"ptcr":"0xc","lpid":"0x2","pid":"0x7","sdr1":"0x5","bit64":true,"little_endian":false,)"
+              R"("kernel":false,"cycle_mode":true,"pages":["4K","undefined"],"guest_pages":[]}
+{"t":"context","tid":1,"ptcr":"0x0","lpid":"0x0","pid":"0x0","sdr1":"0x0","bit64":false,"little_endian":true,)"
+              R"("kernel":true,"cycle_mode":false,"pages":[],"guest_pages":["2M","16G"]}
+)");
+}
+
+// ---- other sources of events ------------------------------------------------------------------------------
+
+namespace
+{
+
+// A machine of two threads, then a commit for each of `tids`.
+class Listed_Commits : public Event_Source
+{
+public:
+    explicit Listed_Commits(std::vector<int> tids) : tids_(std::move(tids)) {}
+
+    const Stream_Event *next() override
+    {
+        event_.kind = line_ == 0 ? Event_Kind::machine : Event_Kind::commit;
+        event_.machine = {.processors = 1, .threads = 2, .version = 0, .memory = 0, .options = {}};
+        event_.source = "a list";
+        if (line_ > tids_.size())
+            return nullptr;
+        if (line_ > 0)
+            event_.instruction.tid = tids_[line_ - 1];
+        ++line_;
+        return &event_;
+    }
+    const std::optional<Stream_Error> &error() const override { return error_; }
+    uint64_t line_number() const override { return line_; }
+    uint64_t bytes_used() const override { return 0; }
+    std::optional<uint64_t> input_size() const override { return {}; }
+
+private:
+    std::vector<int> tids_;
+    size_t line_ = 0;
+    Stream_Event event_{};
+    std::optional<Stream_Error> error_;
+};
+
+} // namespace
+
+TEST_F(Loading, player_takes_events_from_any_source)
+{
+    Player player("list", std::make_unique<Listed_Commits>(std::vector<int>{1, 0}));
+    EXPECT_EQ(player.source(), "a list");
+    EXPECT_EQ(host().thread_count(), 2);
+    ASSERT_EQ(player.plugin().load(fake), "");
+    news();
+    EXPECT_EQ(player.run(), Player::End::end_of_stream);
+    EXPECT_EQ(news(), "commit 1 0 at 1\ncommit 0 0 at 2\n");
+    EXPECT_EQ(player.file(), "list");
 }
 
 // ---- the trace plugin -----------------------------------------------------------------------------------
