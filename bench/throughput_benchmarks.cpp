@@ -50,7 +50,8 @@ uint64_t count_records(const char *file)
     uint64_t records = 0;
     const QTRACE_Item *item = nullptr;
     for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
-        if (kind == QTRACE_ITEM_DAMAGE || kind == QTRACE_ITEM_ERROR)
+        const bool paused = kind == QTRACE_ITEM_DISCONTINUITY && item->discontinuity.cause == QTRACE_CAUSE_PAUSE;
+        if (kind == QTRACE_ITEM_ERROR || (kind == QTRACE_ITEM_DISCONTINUITY && !paused))
             throw std::runtime_error(qtrace_error(reader));
         records += kind == QTRACE_ITEM_RECORD;
     }

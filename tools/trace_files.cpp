@@ -50,11 +50,17 @@ std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &n
     return file;
 }
 
-const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind)
+// The writer and a recovery say themselves what they left out; that is no finding.
+static bool is_damage(const QTRACE_Discontinuity &what)
 {
-    const QTRACE_Item *item = nullptr;
-    for (; kind == QTRACE_ITEM_DAMAGE; kind = qtrace_next(reader_.get(), &item))
-        note_loss();
+    return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;
+}
+
+const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind, const QTRACE_Item *item)
+{
+    for (; kind == QTRACE_ITEM_DISCONTINUITY; kind = qtrace_next(reader_.get(), &item))
+        if (is_damage(item->discontinuity))
+            note_loss(item->discontinuity);
     if (kind == QTRACE_ITEM_ERROR) {
         readable_ = false;
         run_.fail(qtrace_error(reader_.get()));
@@ -63,15 +69,14 @@ const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind)
 }
 
 // A place is met again when the reader goes back in front of it.
-void Trace_File::note_loss()
+void Trace_File::note_loss(const QTRACE_Discontinuity &damage)
 {
-    const QTRACE_Damage &damage = *qtrace_damage(reader_.get());
     if (std::ranges::find(losses_, damage.offset, &Loss::offset) != losses_.end())
         return;
     std::string text = qtrace_error(reader_.get());
     if (damage.records_known && damage.records > 0)
         text += fmt::format(" ({} records are lost)", damage.records);
-    else if (damage.truncated && damage.records > 0)
+    else if (damage.cause == QTRACE_CAUSE_CUT_END && damage.records > 0)
         text += fmt::format(" (at least {} records are lost)", damage.records);
     losses_.push_back({damage.offset, text});
     run_.warn(text);

@@ -31,7 +31,7 @@ public:
     {
         const QTRACE_Item *item = nullptr;
         const QTRACE_ITEM kind = qtrace_next(reader_.get(), &item);
-        return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : next_after(kind);
+        return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : next_after(kind, item);
     }
     // Goes to that record, to the headers in front of it. False: there is none.
     bool seek(uint64_t record) { return qtrace_seek(reader_.get(), record) == 0; }
@@ -52,8 +52,8 @@ private:
         void operator()(QTRACE_Reader *reader) const { qtrace_close(reader); }
     };
     Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader);
-    const QTRACE_Item *next_after(QTRACE_ITEM kind);
-    void note_loss();
+    const QTRACE_Item *next_after(QTRACE_ITEM kind, const QTRACE_Item *item);
+    void note_loss(const QTRACE_Discontinuity &damage);
 
     Tool_Run &run_;
     std::string name_;

@@ -31,7 +31,8 @@ BLOCK_HEADER = struct.Struct("<4s4B4I3Q2I")
 MAX_BYTES = 65536  # of a payload, stored or raw
 
 FLAG_LAST, FLAG_ADDRESS_KNOWN, FLAG_COMMENT_BLOCK, FLAG_COMMENT_BEFORE, FLAG_GAP = 1, 2, 4, 8, 16
-ALL_BLOCK_FLAGS = 63
+FLAG_LEFT_OUT = 64
+ALL_BLOCK_FLAGS = 127
 COMPRESSION_NONE, COMPRESSION_ZSTD = 0, 1
 
 MASK64 = (1 << 64) - 1
@@ -864,6 +865,7 @@ class Block:
          first_address, payload_crc, header_crc) = BLOCK_HEADER.unpack_from(data, offset)  # fmt: skip
         fits = version == FORMAT_VERSION and flags <= ALL_BLOCK_FLAGS and zero == 0
         fits = fits and compression <= COMPRESSION_ZSTD and max(stored, raw) <= MAX_BYTES
+        fits = fits and flags & (FLAG_GAP | FLAG_LEFT_OUT) != FLAG_LEFT_OUT
         if not fits or compression == COMPRESSION_NONE and stored != raw:
             return None
         if header_crc != crc32c(data[offset : offset + BLOCK_HEADER.size - 4]):

@@ -58,7 +58,8 @@ static bool is_plausible(const Block_Header &header)
 {
     const bool sizes = header.stored_size <= MAX_PAYLOAD && header.raw_size <= MAX_PAYLOAD &&
                        (header.compression != STORED || header.stored_size == header.raw_size);
-    return sizes && header.compression <= ZSTD && (header.flags & ~ALL_FLAGS) == 0;
+    const bool flags = (header.flags & ~ALL_FLAGS) == 0 && (header.flags & (GAP_BEFORE | LEFT_OUT)) != LEFT_OUT;
+    return sizes && header.compression <= ZSTD && flags;
 }
 
 std::optional<Block_Header> load_block_header(const uint8_t *from)

@@ -12,6 +12,11 @@
 extern "C" {
 #endif
 
+/* Version of this interface, as compiled against; the function tells that of the library in use. It grows with every
+ * change that a caller can notice. */
+#define QTRACE_API_VERSION 2
+int qtrace_api_version(void);
+
 /* An open trace file. */
 typedef struct QTRACE_Reader QTRACE_Reader;
 
@@ -20,34 +25,53 @@ typedef enum QTRACE_ITEM {
     QTRACE_ITEM_END = 0,    /* the file ended cleanly after its last block */
     QTRACE_ITEM_HEADER = 1, /* a file header */
     QTRACE_ITEM_RECORD = 2, /* a record */
-    QTRACE_ITEM_DAMAGE = 3, /* something could not be read; qtrace_error and qtrace_damage say what. The next
-                               call goes on with the next whole block, or with QTRACE_ITEM_END */
-    QTRACE_ITEM_ERROR = 4   /* the file cannot be read any further (an I/O error, out of memory) */
+    /* Here the trace does not simply go on: `discontinuity` says why. The next call goes on after it */
+    QTRACE_ITEM_DISCONTINUITY = 3,
+    QTRACE_ITEM_ERROR = 4 /* the file cannot be read any further (an I/O error, out of memory); see qtrace_error */
 } QTRACE_ITEM;
+
+/* Why a trace is discontinuous. */
+typedef enum QTRACE_CAUSE {
+    QTRACE_CAUSE_PAUSE = 0, /* tracing was paused and resumed: a file header with an address that is not the file's
+                                  first header. Delivered before that header */
+    QTRACE_CAUSE_REFUSED = 1,  /* the writer refused items, its disk was full */
+    QTRACE_CAUSE_LEFT_OUT = 2, /* a recovery or a cut left out blocks */
+    QTRACE_CAUSE_DAMAGE = 3,   /* bytes cannot be read, or blocks are missing or in another order */
+    QTRACE_CAUSE_CUT_END = 4   /* the file ends without its last block: it was cut, or its writer died */
+} QTRACE_CAUSE;
+
+/* A place where a trace does not simply go on, and what is lost there. */
+typedef struct QTRACE_Discontinuity {
+    QTRACE_CAUSE cause;
+    const char *reason; /* a short English text, static */
+    uint64_t offset;    /* byte in the file: the first damaged one, or where the following block begins */
+    uint64_t bytes;     /* damaged bytes that were skipped */
+    uint64_t records;   /* records lost, as far as the blocks around tell. At a cut end: those of the block that is
+                           cut, if its header can be read; more may be missing */
+    int records_known;  /* `records` is exact */
+    uint64_t headers;   /* file headers lost, as far as the blocks around tell */
+    /* The open header from here on, as qtrace_open_header describes it. Null when there is none, or when nothing
+     * can be read before the next discontinuity. The reader's, valid until its next call. */
+    const QTRACE_FILE_HDR *context;
+} QTRACE_Discontinuity;
 
 /* One item. Owned by the reader and valid until its next call on the same reader. */
 typedef struct QTRACE_Item {
     QTRACE_ITEM kind;
-    QTRACE_FILE_HDR header; /* of a header; comment points into the reader's memory, terminated */
-    QTRACE_RECORD record;   /* of a record */
-    /* Address of the instruction of a record, reconstructed from headers and next-instruction addresses.
-     * address_known is 0 until a header has named one. */
+    QTRACE_FILE_HDR header;             /* of a header; comment points into the reader's memory, terminated */
+    QTRACE_RECORD record;               /* of a record */
+    QTRACE_Discontinuity discontinuity; /* of a discontinuity */
+    /* Address of the instruction of a record, reconstructed from headers and next-instruction addresses; of a
+     * discontinuity that of the first instruction after it. address_known is 0 until a header has named one. */
     uint64_t address;
     int address_known;
-    uint64_t header_number; /* headers before this item */
-    uint64_t record_number; /* records before this item; with damage before it: at least so many */
-    uint64_t block_offset;  /* byte offset in the file of the block that holds the item */
+    /* Headers and records before this item. With damage before it whose loss is not known: at least so many. Those
+     * that a discontinuity lost follow it: `record_number + discontinuity.records` is the next record. */
+    uint64_t header_number;
+    uint64_t record_number;
+    uint64_t
+        block_offset; /* byte offset in the file of the block that holds the item; of a discontinuity its offset */
 } QTRACE_Item;
-
-/* What was lost at a damaged place. */
-typedef struct QTRACE_Damage {
-    uint64_t offset;   /* first damaged byte */
-    uint64_t bytes;    /* bytes skipped */
-    uint64_t records;  /* records lost there, where the blocks around it tell. At the end of a cut file:
-                          those of the block that is cut, if its header can be read; more may be missing */
-    int records_known; /* `records` is exact */
-    int truncated;     /* the file ends without its last block: it was cut, or its writer died */
-} QTRACE_Damage;
 
 /* What qtrace_info tells without decoding records. */
 typedef struct QTRACE_Info {
@@ -72,14 +96,15 @@ QTRACE_Reader *qtrace_open(const char *name, char **error);
 /* The next item, in file order. */
 QTRACE_ITEM qtrace_next(QTRACE_Reader *reader, const QTRACE_Item **item);
 
-/* The header that is open where the last delivered item stands: the last one that names an address, with the
- * partition and process of later headers put in; its comment is null. A reader that begins in the middle of a file
- * learns it from the block. Null before any header. The reader's, valid until its next call. */
+/* The context: the header that is open where the last delivered item stands, the last one that names an address, with
+ * the partition and process of later headers put in; its comment is null. After a discontinuity: from there on. A
+ * reader that begins in the middle of a file learns it from the block. Null before any header. The reader's, valid
+ * until its next call. */
 const QTRACE_FILE_HDR *qtrace_open_header(QTRACE_Reader *reader);
 
-/* Goes to record number `record` (from 0; to the headers in front of it, if any) by way of the blocks, without
- * decoding those before it. Returns 0, or -1 when the file has no such record (then at the end). Where the record
- * was lost the next item is the damage, and so it is in front of the first record behind a damaged place. */
+/* Goes to record number `record` (from 0) by way of the blocks, without decoding those before it: the next item is
+ * what directly precedes it (headers, discontinuities), or itself. Returns 0, or -1 when the file has no such record
+ * (then at the end). Where the record was lost the next item is the discontinuity. */
 int qtrace_seek(QTRACE_Reader *reader, uint64_t record);
 
 /* Summary of the whole file, from the block headers alone. The position of the reader is kept. Returns 0 or -1. */
@@ -89,11 +114,8 @@ int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info);
  */
 int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info);
 
-/* The last damage or error as text, "NAME: byte OFFSET: REASON"; the reader's, valid until its next call. */
+/* The last discontinuity or error as text, "NAME: byte OFFSET: REASON"; the reader's, valid until its next call. */
 const char *qtrace_error(const QTRACE_Reader *reader);
-
-/* The last damage; null when there was none. */
-const QTRACE_Damage *qtrace_damage(const QTRACE_Reader *reader);
 
 void qtrace_close(QTRACE_Reader *reader);
 
@@ -110,8 +132,8 @@ typedef struct QTRACE_Recovery {
 } QTRACE_Recovery;
 
 /* Copies every whole block of the file `from` to the file `to`, which is created or replaced and reads without
- * damage: the numbers of records and headers stay what they were, blocks behind a loss and a lost end are marked. A
- * file without damage is copied as it is, and so is one that was recovered before. Returns 0, or -1; then *error
+ * damage: the numbers of records and headers stay what they were, blocks that follow a loss (as left out) and a lost
+ * end are marked. A file without damage is copied as it is, and so is one that was recovered before. Returns 0, or -1; then *error
  * (when not null) receives a text that the caller frees with free(). Nothing is written when there is no whole
  * block, or when both are the same file. */
 int qtrace_recover(const char *from, const char *to, QTRACE_Recovery *result, char **error);

@@ -338,12 +338,12 @@ void Encoder::collect(uint8_t *to) const
         payload.bytes(column.begin, column.size());
 }
 
-bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address, bool address_known)
+namespace
 {
-    if (!model_)
-        model_ = std::make_unique_for_overwrite<Model>();
-    model_->reset({address, address_known});
-    bad_ = false;
+
+// The columns of a payload; false when they do not fit its size.
+bool split(const uint8_t *payload, size_t size, Byte_Source (&columns)[COLUMNS])
+{
     Byte_Source whole{payload, payload + size};
     uint64_t sum = COLUMN_SIZES;
     uint32_t sizes[COLUMNS];
@@ -355,15 +355,38 @@ bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address,
         return false;
     for (size_t i = 0; i < COLUMNS; ++i) {
         const uint8_t *begin = whole.bytes(sizes[i]);
-        columns_[i] = {begin, begin + sizes[i]};
+        columns[i] = {begin, begin + sizes[i]};
     }
-    Byte_Source &open = source(COLUMN_OPEN);
-    open_ = Open_Header{};
-    open_.present = open.left() != 0;
-    if (open_.present && (!decode_image(open, &open_.header, sizeof open_.header) || open.left() != 0))
-        return false;
-    open_.header = without_pointers(open_.header);
     return true;
+}
+
+// False when the column is neither empty nor filled by one image.
+bool decode_open_header(Byte_Source &from, Open_Header &open)
+{
+    open = Open_Header{};
+    open.present = from.left() != 0;
+    if (open.present && (!decode_image(from, &open.header, sizeof open.header) || from.left() != 0))
+        return false;
+    open.header = without_pointers(open.header);
+    return true;
+}
+
+} // namespace
+
+Open_Header open_header_of(const uint8_t *payload, size_t size)
+{
+    Byte_Source columns[COLUMNS];
+    Open_Header open;
+    return split(payload, size, columns) && decode_open_header(columns[COLUMN_OPEN], open) ? open : Open_Header{};
+}
+
+bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address, bool address_known)
+{
+    if (!model_)
+        model_ = std::make_unique_for_overwrite<Model>();
+    model_->reset({address, address_known});
+    bad_ = false;
+    return split(payload, size, columns_) && decode_open_header(source(COLUMN_OPEN), open_);
 }
 
 bool Decoder::any_bad() const

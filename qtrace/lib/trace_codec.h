@@ -2,9 +2,9 @@
 // columns; the two halves of each section stand side by side in trace_codec.cpp.
 #pragma once
 
-#include "trace_bytes.h"
 #include "block_format.h"
 #include "predictor.h"
+#include "trace_bytes.h"
 
 #include <memory>
 
@@ -21,6 +21,9 @@ struct Open_Header {
     bool present = false;
     void follow(const QTRACE_FILE_HDR &next);
 };
+
+// The open header with which the items of a block begin; none when the payload says nothing that can be read.
+Open_Header open_header_of(const uint8_t *payload, size_t size);
 
 // Fills the columns of one block after the other. Allocates on the first begin_block only.
 class Encoder

@@ -168,6 +168,16 @@ std::string located(const std::string &name, uint64_t offset, const std::string 
     return name + ": byte " + std::to_string(offset) + ": " + reason;
 }
 
+// A discontinuity without a loss.
+QTRACE_Discontinuity discontinuity(QTRACE_CAUSE cause, const char *reason, uint64_t offset)
+{
+    QTRACE_Discontinuity what{};
+    what.cause = cause;
+    what.reason = reason;
+    what.offset = offset;
+    return what;
+}
+
 } // namespace
 
 // ---- The reader -------------------------------------------------------------------------------------------------
@@ -181,9 +191,7 @@ public:
     int summarize(QTRACE_Info &info, bool payloads);
     const QTRACE_FILE_HDR *open_header() const;
 
-    std::string text; // of the last damage or error
-    QTRACE_Damage damage{};
-    bool damaged = false; // there was one
+    std::string text; // of the last discontinuity or error
 
 private:
     QTRACE_ITEM advance();
@@ -194,9 +202,13 @@ private:
     std::optional<QTRACE_ITEM> begin_items(const Place &place);
     bool fill_header();
     bool fill_comment();
-    QTRACE_ITEM report(uint64_t offset, uint64_t bytes, const std::string &reason);
-    QTRACE_ITEM report_until_next(const std::string &reason);
+    std::optional<QTRACE_ITEM> report_before(const Place &place);
+    QTRACE_ITEM report(const QTRACE_Discontinuity &what);
+    QTRACE_ITEM report_until_next(const char *reason);
     QTRACE_ITEM report_corrupt_block();
+    QTRACE_ITEM report_pause();
+    void count_lost(QTRACE_Discontinuity &what, const Block_Header &next) const;
+    void find_context();
     QTRACE_ITEM fail(uint64_t offset);
     void place_at(uint64_t offset, uint64_t record, uint64_t header);
     const std::vector<Place> &index();
@@ -219,9 +231,11 @@ private:
     bool seen_last_ = false;
     bool end_reported_ = false;
     bool in_block_ = false;
-    bool decoded_ = false; // a block was entered: the decoder knows the open header
-    Place block_{};        // being decoded
-    bool held_ = false;    // item_ was found by a seek and is delivered next
+    bool decoded_ = false;     // a block was entered: the decoder knows the open header
+    Place block_{};            // being decoded
+    bool held_ = false;        // item_ was found by a seek and is delivered next
+    bool header_held_ = false; // the header in item_ follows the pause that was delivered for it
+    Open_Header context_;      // of the last discontinuity
     std::vector<Place> index_;
     bool indexed_ = false;
 };
@@ -258,7 +272,7 @@ void QTRACE_Reader::place_at(uint64_t offset, uint64_t record, uint64_t header)
     position_ = offset;
     records_ = record;
     headers_ = header;
-    numbers_open_ = seen_last_ = end_reported_ = in_block_ = held_ = false;
+    numbers_open_ = seen_last_ = end_reported_ = in_block_ = held_ = header_held_ = false;
     comment_block_.reset();
 }
 
@@ -286,6 +300,8 @@ QTRACE_ITEM QTRACE_Reader::advance()
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
 {
+    if (std::exchange(header_held_, false))
+        return QTRACE_ITEM_HEADER;
     item_.address = decoder_.address();
     item_.address_known = decoder_.address_known();
     item_.header_number = headers_;
@@ -298,7 +314,10 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
     case Decoder::Result::header:
         if (++headers_ > block_.header.first_header + block_.header.headers)
             return report_corrupt_block();
-        return fill_header() ? QTRACE_ITEM_HEADER : report_corrupt_block();
+        if (!fill_header())
+            return report_corrupt_block();
+        return item_.header.control.iar_is_present && item_.header_number != 0 ? report_pause()
+                                                                               : QTRACE_ITEM_HEADER;
     case Decoder::Result::end:
         in_block_ = false;
         if (records_ != block_.header.first_record + block_.header.records ||
@@ -352,22 +371,43 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
         return file_.error != 0
                    ? fail(position_)
                    : report_until_next(header ? "the block's checksum does not match" : "no block here");
-    if (!numbers_open_ && seen_last_)
-        return report(position_, 0, "a block follows the last one");
-    const bool gap = (header->flags & GAP_BEFORE) != 0;
-    if (!numbers_open_ && !gap && (header->first_record != records_ || header->first_header != headers_)) {
-        const uint64_t lost = header->first_record - records_;
-        const QTRACE_ITEM kind = report(position_, 0, "blocks are missing in front of this one");
-        damage.records_known = header->first_record >= records_;
-        damage.records = damage.records_known ? lost : 0;
-        return kind;
+    const Place place{position_, *header};
+    if (!numbers_open_)
+        if (const std::optional<QTRACE_ITEM> kind = report_before(place))
+            return kind;
+    return begin_items(place);
+}
+
+// Where a whole block does not simply follow the one before.
+std::optional<QTRACE_ITEM> QTRACE_Reader::report_before(const Place &place)
+{
+    const Block_Header &header = place.header;
+    const bool jump = header.first_record != records_ || header.first_header != headers_;
+    if (seen_last_)
+        return report(discontinuity(QTRACE_CAUSE_DAMAGE, "a block follows the last one", place.offset));
+    QTRACE_Discontinuity what = discontinuity(QTRACE_CAUSE_DAMAGE, nullptr, place.offset);
+    count_lost(what, header);
+    if (header.flags & GAP_BEFORE) {
+        const bool left_out = (header.flags & LEFT_OUT) != 0;
+        what.cause = left_out ? QTRACE_CAUSE_LEFT_OUT : QTRACE_CAUSE_REFUSED;
+        what.reason = left_out ? "a recovery or a cut left out what belongs before this block"
+                               : "the writer refused what belongs before this block";
+    } else if (jump) {
+        what.reason = "blocks are missing before this one";
+    } else if ((header.flags & COMMENT_BEFORE) != 0 && !has_comment_of(header)) {
+        what.reason = "the comment block before this one is missing";
+    } else {
+        return std::nullopt;
     }
-    if (!numbers_open_ && !gap && (header->flags & COMMENT_BEFORE) != 0 && !has_comment_of(*header)) {
-        const QTRACE_ITEM kind = report(position_, 0, "the comment block in front of this one is missing");
-        damage.records_known = 1;
-        return kind;
-    }
-    return begin_items({position_, *header});
+    return report(what);
+}
+
+// What is lost between here and the next block: its numbers tell, unless they fall.
+void QTRACE_Reader::count_lost(QTRACE_Discontinuity &what, const Block_Header &next) const
+{
+    what.records_known = next.first_record >= records_;
+    what.records = what.records_known ? next.first_record - records_ : 0;
+    what.headers = next.first_header >= headers_ ? next.first_header - headers_ : 0;
 }
 
 bool QTRACE_Reader::has_comment_of(const Block_Header &header) const
@@ -380,9 +420,7 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block_at_end()
     if (seen_last_ || end_reported_)
         return QTRACE_ITEM_END;
     end_reported_ = true;
-    const QTRACE_ITEM kind = report(file_.size(), 0, "the file ends without its last block");
-    damage.truncated = 1;
-    return kind;
+    return report(discontinuity(QTRACE_CAUSE_CUT_END, "the file ends without its last block", file_.size()));
 }
 
 std::optional<QTRACE_ITEM> QTRACE_Reader::begin_items(const Place &place)
@@ -413,24 +451,43 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::begin_items(const Place &place)
     return in_block_ ? std::nullopt : std::optional(report_corrupt_block());
 }
 
-// ---- Damage -----------------------------------------------------------------------------------------------------
+// ---- Discontinuities --------------------------------------------------------------------------------------------
 
-QTRACE_ITEM QTRACE_Reader::report(uint64_t offset, uint64_t bytes, const std::string &reason)
+QTRACE_ITEM QTRACE_Reader::report(const QTRACE_Discontinuity &what)
 {
-    damaged = true;
-    damage = {};
-    damage.offset = offset;
-    damage.bytes = bytes;
-    text = located(name_, offset, reason);
-    numbers_open_ = true;
+    item_.discontinuity = what;
     item_.header_number = headers_;
     item_.record_number = records_;
-    item_.block_offset = offset;
-    return QTRACE_ITEM_DAMAGE;
+    item_.block_offset = what.offset;
+    text = located(name_, what.offset, what.reason);
+    numbers_open_ = true;
+    find_context();
+    return QTRACE_ITEM_DISCONTINUITY;
+}
+
+// The block at position_ restates the context, or the one after it when it is a comment block.
+void QTRACE_Reader::find_context()
+{
+    context_ = {};
+    item_.address = 0;
+    item_.address_known = 0;
+    Place place{position_, file_.header_at(position_).value_or(Block_Header{})};
+    if (place.header.flags & COMMENT_BLOCK)
+        place = {place.end(), file_.header_at(place.end()).value_or(Block_Header{})};
+    const uint8_t *payload =
+        place.header.raw_size != 0 && (place.header.flags & COMMENT_BLOCK) == 0 && file_.read_payload(place)
+            ? file_.unpack(place.header)
+            : nullptr;
+    if (payload == nullptr)
+        return;
+    context_ = open_header_of(payload, place.header.raw_size);
+    item_.discontinuity.context = context_.present ? &context_.header : nullptr;
+    item_.address = place.header.first_address;
+    item_.address_known = (place.header.flags & ADDRESS_KNOWN) != 0;
 }
 
 // What stands at position_ is no whole block: goes on to the next one, which tells how many records are missing.
-QTRACE_ITEM QTRACE_Reader::report_until_next(const std::string &reason)
+QTRACE_ITEM QTRACE_Reader::report_until_next(const char *reason)
 {
     const uint64_t from = position_;
     const std::optional<Block_Header> broken = file_.header_at(from);
@@ -439,28 +496,44 @@ QTRACE_ITEM QTRACE_Reader::report_until_next(const std::string &reason)
         return fail(from);
     position_ = next ? next->offset : file_.size();
     const bool cut = !next && !seen_last_;
-    const QTRACE_ITEM kind = report(from, position_ - from, cut ? "the file ends inside a block" : reason);
-    damage.truncated = cut;
     end_reported_ = cut;
-    if (next && next->header.first_record >= records_) {
-        damage.records = next->header.first_record - records_;
-        damage.records_known = 1;
-    } else if (!next && broken) {
-        damage.records = broken->records;
+    QTRACE_Discontinuity what = cut ? discontinuity(QTRACE_CAUSE_CUT_END, "the file ends inside a block", from)
+                                    : discontinuity(QTRACE_CAUSE_DAMAGE, reason, from);
+    what.bytes = position_ - from;
+    if (next) {
+        count_lost(what, next->header);
+    } else if (broken) {
+        what.records = broken->records;
+        what.headers = broken->headers;
     }
-    return kind;
+    return report(what);
 }
 
 // A block whose checksum is right and whose contents are not: its writer was not ours.
 QTRACE_ITEM QTRACE_Reader::report_corrupt_block()
 {
     in_block_ = false;
-    const uint64_t end = block_.header.first_record + block_.header.records;
-    const uint64_t lost = end > records_ ? end - records_ : 0;
-    const QTRACE_ITEM kind = report(block_.offset, block_.header.size(), "the block's contents make no sense");
-    damage.records = lost;
-    damage.records_known = 1;
-    return kind;
+    const Block_Header &header = block_.header;
+    const uint64_t records = header.first_record + header.records, headers = header.first_header + header.headers;
+    QTRACE_Discontinuity what =
+        discontinuity(QTRACE_CAUSE_DAMAGE, "the block's contents make no sense", block_.offset);
+    what.bytes = header.size();
+    what.records = records > records_ ? records - records_ : 0;
+    what.records_known = 1;
+    what.headers = headers > headers_ ? headers - headers_ : 0;
+    return report(what);
+}
+
+// A header with an address that is not the first: the thread was not traced before it. item_ holds it already.
+QTRACE_ITEM QTRACE_Reader::report_pause()
+{
+    header_held_ = true;
+    context_ = decoder_.open_header();
+    item_.discontinuity = discontinuity(QTRACE_CAUSE_PAUSE, "tracing was paused and resumed", block_.offset);
+    item_.discontinuity.records_known = 1;
+    item_.discontinuity.context = &context_.header;
+    text = located(name_, block_.offset, item_.discontinuity.reason);
+    return QTRACE_ITEM_DISCONTINUITY;
 }
 
 QTRACE_ITEM QTRACE_Reader::fail(uint64_t offset)
@@ -575,8 +648,8 @@ int QTRACE_Reader::seek(uint64_t record)
     }
     place_at(from, first_record, first_header);
     size_t steps = 1, last_in_front = 0; // advances; of them, those up to the last item in front of the record
-    for (; (item_.kind = advance()) == QTRACE_ITEM_DAMAGE || is_item_before(record); ++steps)
-        if (item_.kind != QTRACE_ITEM_DAMAGE)
+    for (; (item_.kind = advance()) == QTRACE_ITEM_DISCONTINUITY || is_item_before(record); ++steps)
+        if (item_.kind != QTRACE_ITEM_DISCONTINUITY)
             last_in_front = steps;
     if (steps > last_in_front + 1) { // damage behind it comes first
         place_at(from, first_record, first_header);
@@ -589,12 +662,19 @@ int QTRACE_Reader::seek(uint64_t record)
 
 const QTRACE_FILE_HDR *QTRACE_Reader::open_header() const
 {
+    if (item_.kind == QTRACE_ITEM_DISCONTINUITY)
+        return item_.discontinuity.context;
     return decoded_ && decoder_.open_header().present ? &decoder_.open_header().header : nullptr;
 }
 
 // ---- C ----------------------------------------------------------------------------------------------------------
 
 extern "C" {
+
+int qtrace_api_version(void)
+{
+    return QTRACE_API_VERSION;
+}
 
 QTRACE_Reader *qtrace_open(const char *name, char **error)
 try {
@@ -645,11 +725,6 @@ int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info)
 const char *qtrace_error(const QTRACE_Reader *reader)
 {
     return reader->text.c_str();
-}
-
-const QTRACE_Damage *qtrace_damage(const QTRACE_Reader *reader)
-{
-    return reader->damaged ? &reader->damage : nullptr;
 }
 
 void qtrace_close(QTRACE_Reader *reader)

@@ -1,6 +1,6 @@
 // Copies the whole blocks of a damaged file.
-#include "qtrace_reader.h"
 #include "block_format.h"
+#include "qtrace_reader.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -90,7 +90,12 @@ private:
     uint64_t behind_ = FILE_START_SIZE; // the last block or damage
 };
 
-void account(const QTRACE_Damage &damage, bool behind_last, QTRACE_Recovery &result)
+bool is_damage(const QTRACE_Discontinuity &what)
+{
+    return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;
+}
+
+void account(const QTRACE_Discontinuity &damage, bool behind_last, QTRACE_Recovery &result)
 {
     result.damaged_places++;
     result.lost_bytes += damage.bytes;
@@ -109,11 +114,11 @@ std::vector<Kept_Block> whole_blocks(int file, const std::string &name, QTRACE_R
     for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
         if (kind == QTRACE_ITEM_ERROR)
             throw Failure{qtrace_error(reader)};
-        if (kind != QTRACE_ITEM_DAMAGE) {
+        const QTRACE_Discontinuity &damage = item->discontinuity;
+        if (kind != QTRACE_ITEM_DISCONTINUITY || !is_damage(damage)) {
             keeper.keep_up_to(item->block_offset + 1);
             continue;
         }
-        const QTRACE_Damage &damage = *qtrace_damage(reader);
         keeper.keep_up_to(damage.offset);
         const bool behind_last =
             !kept.empty() && (kept.back().header.flags & LAST_BLOCK) != 0 && damage.offset >= kept.back().end();
@@ -132,12 +137,16 @@ void mark_what_is_lost(std::vector<Kept_Block> &kept, QTRACE_Recovery &result)
 {
     uint64_t records = 0, headers = 0;
     Block_Header front;
+    uint64_t front_end = 0;
     for (Kept_Block &block : kept) {
         Block_Header &header = block.header;
         const bool uncommented = (header.flags & COMMENT_BEFORE) != 0 && !is_comment_of(front, header);
-        if (header.first_record != records || header.first_header != headers || uncommented)
-            header.flags |= GAP_BEFORE;
+        const bool jump = header.first_record != records || header.first_header != headers || uncommented;
+        // A jump that the writer marked is its own where nothing was left out.
+        if (jump && ((header.flags & GAP_BEFORE) == 0 || (front_end != 0 && front_end != block.offset)))
+            header.flags |= GAP_BEFORE | LEFT_OUT;
         front = header;
+        front_end = block.end();
         records = header.first_record + header.records;
         headers = header.first_header + header.headers;
         result.records += header.records;

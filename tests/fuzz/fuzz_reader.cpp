@@ -1,7 +1,7 @@
 // The reader of trace files against any bytes. Checksums would keep the fuzzer out of the blocks; so with an odd
 // first byte the rest of the input becomes the payload of blocks whose headers and checksums are right.
-#include "qtrace_reader.h"
 #include "block_format.h"
+#include "qtrace_reader.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -72,7 +72,7 @@ uint64_t read_all(QTRACE_Reader *reader, size_t size)
         if (kind == QTRACE_ITEM_HEADER && item->header.comment != nullptr &&
             item->header.comment[item->header.comment_length] != 0)
             abort();
-        if (kind == QTRACE_ITEM_DAMAGE && std::strlen(qtrace_error(reader)) == 0)
+        if (kind == QTRACE_ITEM_DISCONTINUITY && std::strlen(qtrace_error(reader)) == 0)
             abort();
         // Compressed or not, a byte of a file cannot stand for that many items.
         if (++items > 65536 * (size + 1))

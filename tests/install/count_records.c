@@ -14,13 +14,15 @@ int main(int argc, char **argv)
         free(reason);
         return 1;
     }
+    if (qtrace_api_version() != QTRACE_API_VERSION)
+        return 1;
     unsigned long items[QTRACE_ITEM_ERROR + 1] = {0};
     const QTRACE_Item *item;
     QTRACE_ITEM kind;
     while ((kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR)
         items[kind]++;
     qtrace_close(reader);
-    printf("%lu headers, %lu records, %lu damages\n", items[QTRACE_ITEM_HEADER], items[QTRACE_ITEM_RECORD],
-           items[QTRACE_ITEM_DAMAGE]);
+    printf("%lu headers, %lu records, %lu discontinuities\n", items[QTRACE_ITEM_HEADER], items[QTRACE_ITEM_RECORD],
+           items[QTRACE_ITEM_DISCONTINUITY]);
     return kind != QTRACE_ITEM_END;
 }

@@ -61,7 +61,7 @@ class installed_tree(unittest.TestCase):
         flags = self.pkg_config("--cflags", "--libs").split()
         self.run_in_work(CC, "-std=c11", "-Wall", "-Werror", HERE / "count_records.c", *flags, "-o", "count_records")
         counted = self.run_in_work("./count_records", "trace0", LD_LIBRARY_PATH=str(self.library))
-        self.assertEqual(counted, "1 headers, 2000 records, 0 damages\n")
+        self.assertEqual(counted, "1 headers, 2000 records, 0 discontinuities\n")
 
     def test_a_cpp_reader_builds_with_find_package(self):
         self.run_in_work(CMAKE, "-G", GENERATOR, "-S", HERE / "package", "-B", "package",

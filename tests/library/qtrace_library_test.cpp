@@ -1,202 +1,15 @@
 // The reference trace library: what is written comes back, and nothing else ever does.
-#include "qtrace.h"
-#include "qtrace_reader.h"
-#include "random_traces.h"
+#include "trace_file_fixture.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <optional>
-#include <string>
-#include <sys/resource.h>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
 
 using testing::HasSubstr;
-
-struct Item {
-    bool is_header;
-    std::string image;                  // of the record or header, without pointers
-    std::optional<std::string> comment; // of a header
-    uint64_t address;
-    bool address_known;
-    bool operator==(const Item &) const = default;
-};
-
-// Without this a failing comparison would print thousands of bytes.
-void PrintTo(const Item &item, std::ostream *out)
-{
-    *out << (item.is_header ? "header at " : "record at ") << std::hex << item.address;
-}
-
-struct Contents {
-    std::vector<Item> items;
-    std::vector<QTRACE_Damage> damages;
-    std::vector<std::string> texts; // of the damages
-    bool opened = true;
-    std::string open_error;
-
-    uint64_t records() const
-    {
-        return static_cast<uint64_t>(
-            std::count_if(items.begin(), items.end(), [](auto &i) { return !i.is_header; }));
-    }
-};
-
-template <class Structure> std::string image_of(const Structure &structure)
-{
-    return {reinterpret_cast<const char *>(&structure), sizeof structure};
-}
-
-Item item_of(const QTRACE_Item &from)
-{
-    if (from.kind == QTRACE_ITEM_RECORD)
-        return {false, image_of(from.record), {}, from.address, from.address_known != 0};
-    QTRACE_FILE_HDR header = from.header;
-    std::optional<std::string> comment;
-    if (header.comment != nullptr)
-        comment.emplace(header.comment, header.comment_length);
-    header.comment = nullptr;
-    return {true, image_of(header), comment, from.address, from.address_known != 0};
-}
-
-class trace_file : public testing::Test
-{
-protected:
-    trace_file()
-    {
-        // Thousands of small files are written; in memory that takes no time.
-        const std::filesystem::path memory = "/dev/shm";
-        const auto parent = exists(memory) ? memory : std::filesystem::temp_directory_path();
-        folder_ = parent / ("qtrace_library_" + std::to_string(getpid()));
-        std::filesystem::create_directories(folder_);
-        name_ = (folder_ / "trace").string();
-        unsetenv("QTRACE_COMPRESSION");
-    }
-    ~trace_file() override { std::filesystem::remove_all(folder_); }
-
-    QTRACE_FDESCR open() { return QTRACE_Fopen(name_.c_str(), QTRACE_WRITE); }
-
-    // Writes an item and remembers what the reader should give for it.
-    void write(QTRACE_FDESCR file, QTRACE_RECORD record)
-    {
-        written_.push_back({false, image_of(record), {}, address_, known_});
-        ASSERT_EQ(QTRACE_FwriteRecord(file, &record), 0) << qtrace_writer_error();
-        if (record.header.control.fld.next_instruction_EA_present) {
-            std::memcpy(&address_, record.next_instruction_ea, 8);
-            known_ = true;
-        } else {
-            address_ += 4;
-        }
-    }
-    void write(QTRACE_FDESCR file, QTRACE_FILE_HDR header, std::optional<std::string> comment = {})
-    {
-        if (comment)
-            header.comment_length = static_cast<QTRACE_UINT16>(comment->size());
-        if (header.control.iar_is_present) {
-            std::memcpy(&address_, header.iar, 8);
-            known_ = true;
-        }
-        written_.push_back({true, image_of(header), comment, address_, known_});
-        header.comment = comment ? comment->data() : nullptr;
-        ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0) << qtrace_writer_error();
-    }
-
-    // A header with a comment, then that many plausible records.
-    void write_plausible(size_t records, uint64_t seed = 1)
-    {
-        Random_Trace chance(seed);
-        const QTRACE_FDESCR file = open();
-        write(file, chance.plausible_header(), "KelvoVer:3");
-        for (size_t i = 0; i < records; ++i)
-            write(file, chance.plausible_record());
-        QTRACE_Fclose(file);
-    }
-
-    Contents read(const std::string &name) const
-    {
-        Contents contents;
-        char *error = nullptr;
-        QTRACE_Reader *reader = qtrace_open(name.c_str(), &error);
-        if (reader == nullptr) {
-            contents.opened = false;
-            contents.open_error = error;
-            free(error);
-            return contents;
-        }
-        const QTRACE_Item *item;
-        QTRACE_ITEM kind;
-        while ((kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR) {
-            EXPECT_EQ(kind, item->kind);
-            if (kind == QTRACE_ITEM_DAMAGE) {
-                contents.damages.push_back(*qtrace_damage(reader));
-                contents.texts.emplace_back(qtrace_error(reader));
-            } else {
-                contents.items.push_back(item_of(*item));
-            }
-        }
-        EXPECT_EQ(kind, QTRACE_ITEM_END);
-        qtrace_close(reader);
-        return contents;
-    }
-    Contents read() const { return read(name_); }
-
-    std::string bytes() const
-    {
-        std::ifstream in(name_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-    void put_bytes(const std::string &bytes) const
-    {
-        std::ofstream(name_, std::ios::binary | std::ios::trunc).write(bytes.data(), std::ssize(bytes));
-    }
-    QTRACE_Info verified() const
-    {
-        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
-        QTRACE_Info info{};
-        EXPECT_EQ(qtrace_verify(reader, &info), 0);
-        qtrace_close(reader);
-        return info;
-    }
-    // Offsets of the blocks of a whole file.
-    std::vector<uint64_t> block_offsets() const
-    {
-        std::vector<uint64_t> offsets;
-        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
-        const QTRACE_Item *item;
-        while (qtrace_next(reader, &item) != QTRACE_ITEM_END)
-            if (offsets.empty() || offsets.back() != item->block_offset)
-                offsets.push_back(item->block_offset);
-        qtrace_close(reader);
-        return offsets;
-    }
-    // The items read are a run of those written, at each place where nothing was lost.
-    void expect_subset(const Contents &contents) const
-    {
-        size_t at = 0;
-        for (const Item &item : contents.items) {
-            while (at < written_.size() && !(written_[at] == item))
-                ++at;
-            ASSERT_LT(at, written_.size()) << "an item that was never written";
-            ++at;
-        }
-    }
-
-    std::filesystem::path folder_;
-    std::string name_;
-    std::vector<Item> written_;
-    uint64_t address_ = 0;
-    bool known_ = false;
-};
 
 // ---- What is written comes back ---------------------------------------------------------------------------------
 
@@ -446,11 +259,16 @@ TEST_F(trace_file, seeking_reaches_every_record_with_its_address)
     for (uint64_t record = 0; record < 2'000; ++record) {
         ASSERT_EQ(qtrace_seek(reader, record), 0);
         const QTRACE_Item *item;
-        do {
-            ASSERT_NE(qtrace_next(reader, &item), QTRACE_ITEM_DAMAGE) << qtrace_error(reader);
+        QTRACE_ITEM kind;
+        while ((kind = qtrace_next(reader, &item)) != QTRACE_ITEM_RECORD) {
             ASSERT_EQ(item->record_number, record);
-            ASSERT_EQ(item_of(*item), written_.at(at++));
-        } while (item->kind == QTRACE_ITEM_HEADER);
+            ASSERT_TRUE(kind == QTRACE_ITEM_HEADER || item->discontinuity.cause == QTRACE_CAUSE_PAUSE);
+            if (kind == QTRACE_ITEM_HEADER) {
+                ASSERT_EQ(item_of(*item), written_.at(at++));
+            }
+        }
+        ASSERT_EQ(item->record_number, record);
+        ASSERT_EQ(item_of(*item), written_.at(at++));
     }
     EXPECT_EQ(qtrace_seek(reader, 2'000), -1);
     EXPECT_EQ(qtrace_next(reader, nullptr), QTRACE_ITEM_END);
@@ -495,7 +313,7 @@ protected:
                                    written_.begin() + items))
                 << size;
             ASSERT_EQ(contents.damages.size(), 1u) << size;
-            ASSERT_TRUE(contents.damages[0].truncated) << size;
+            ASSERT_EQ(contents.damages[0].cause, QTRACE_CAUSE_CUT_END) << size;
             ASSERT_FALSE(verified().clean_end) << size;
         }
     }
@@ -508,7 +326,9 @@ private:
         std::vector<uint64_t> ends;
         QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
         const QTRACE_Item *item;
-        while (qtrace_next(reader, &item) != QTRACE_ITEM_END) {
+        for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
+            if (kind == QTRACE_ITEM_DISCONTINUITY) // a pause
+                continue;
             uint32_t stored;
             std::memcpy(&stored, &whole.at(item->block_offset + STORED_SIZE), sizeof stored);
             ends.push_back(item->block_offset + HEADER + stored);
@@ -596,7 +416,7 @@ TEST_F(trace_file, with_a_damaged_block_loses_that_block_alone_and_counts_it)
         EXPECT_EQ(contents.damages[0].offset, blocks[2]);
         EXPECT_EQ(contents.damages[0].bytes, blocks[3] - blocks[2]);
         EXPECT_TRUE(contents.damages[0].records_known);
-        EXPECT_FALSE(contents.damages[0].truncated);
+        EXPECT_EQ(contents.damages[0].cause, QTRACE_CAUSE_DAMAGE);
         EXPECT_EQ(contents.records() + contents.damages[0].records, 60'000u);
         EXPECT_THAT(contents.texts[0], HasSubstr("byte " + std::to_string(blocks[2]) + ": "));
         EXPECT_EQ(verified().damaged_places, 1u);
@@ -631,11 +451,11 @@ TEST_F(trace_file, seeking_to_a_lost_record_comes_to_the_damage)
     QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
     const QTRACE_Item *item;
     uint64_t first_lost = 0;
-    while (qtrace_next(reader, &item) != QTRACE_ITEM_DAMAGE)
+    while (qtrace_next(reader, &item) != QTRACE_ITEM_DISCONTINUITY)
         first_lost = item->record_number + 1;
     ASSERT_EQ(qtrace_seek(reader, first_lost + lost / 2), 0);
-    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DAMAGE);
-    EXPECT_EQ(qtrace_damage(reader)->records, lost);
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DISCONTINUITY);
+    EXPECT_EQ(item->discontinuity.records, lost);
     EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
     EXPECT_EQ(item->record_number, first_lost + lost);
     qtrace_close(reader);
@@ -652,13 +472,13 @@ TEST_F(trace_file, seeking_to_a_record_behind_damage_comes_to_the_record)
         put_bytes(broken);
         QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
         const QTRACE_Item *item;
-        while (qtrace_next(reader, &item) != QTRACE_ITEM_DAMAGE)
+        while (qtrace_next(reader, &item) != QTRACE_ITEM_DISCONTINUITY)
             ;
         ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
         const uint64_t first = item->record_number;
         // In front of the first one there is still the damage; in front of its neighbour there is the first one.
         ASSERT_EQ(qtrace_seek(reader, first), 0);
-        EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DAMAGE);
+        EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DISCONTINUITY);
         EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
         EXPECT_EQ(item->record_number, first);
         for (const uint64_t record : {first + 1, first + 500}) {
@@ -696,7 +516,7 @@ TEST_F(trace_file, without_its_comment_block_is_damaged)
     EXPECT_EQ(contents.damages[0].bytes, 0u);
     EXPECT_EQ(contents.damages[0].records, 0u);
     EXPECT_TRUE(contents.damages[0].records_known);
-    EXPECT_THAT(contents.texts[0], HasSubstr("the comment block in front of this one is missing"));
+    EXPECT_THAT(contents.texts[0], HasSubstr("the comment block before this one is missing"));
     ASSERT_EQ(contents.items.size(), written_.size());
     EXPECT_EQ(contents.items[2].comment, "");
     for (const size_t i : {0, 1, 3, 12})
@@ -712,7 +532,7 @@ TEST_F(trace_file, with_bytes_behind_its_last_block_is_damaged)
     put_bytes(whole + "x");
     Contents contents = read();
     ASSERT_EQ(contents.damages.size(), 1u);
-    EXPECT_FALSE(contents.damages[0].truncated);
+    EXPECT_EQ(contents.damages[0].cause, QTRACE_CAUSE_DAMAGE);
     EXPECT_EQ(contents.damages[0].offset, whole.size());
     EXPECT_FALSE(verified().clean_end);
     put_bytes(whole + whole);
@@ -785,28 +605,6 @@ TEST_F(trace_file, on_a_full_device_is_not_opened)
     EXPECT_THAT(qtrace_writer_error(), HasSubstr("/dev/full: write: No space left"));
 }
 
-// Files cannot grow beyond a size while it lives.
-class Small_Disk
-{
-public:
-    explicit Small_Disk(rlim_t bytes)
-    {
-        previous_handler_ = std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &previous_);
-        const rlimit small{bytes, previous_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &small);
-    }
-    ~Small_Disk()
-    {
-        setrlimit(RLIMIT_FSIZE, &previous_);
-        std::signal(SIGXFSZ, previous_handler_);
-    }
-
-private:
-    rlimit previous_{};
-    void (*previous_handler_)(int) = nullptr;
-};
-
 TEST_F(trace_file, that_no_longer_fits_keeps_its_sealed_blocks_and_refuses_records)
 {
     Random_Trace chance(8);
@@ -829,7 +627,7 @@ TEST_F(trace_file, that_no_longer_fits_keeps_its_sealed_blocks_and_refuses_recor
     EXPECT_GT(qtrace_writer_failures(), failures + 1);
     const Contents contents = read();
     ASSERT_EQ(contents.damages.size(), 1u);
-    EXPECT_TRUE(contents.damages[0].truncated);
+    EXPECT_EQ(contents.damages[0].cause, QTRACE_CAUSE_CUT_END);
     EXPECT_GT(contents.records(), 0u);
     EXPECT_LE(contents.records(), accepted);
     for (size_t i = 0; i < contents.items.size(); ++i)
@@ -922,14 +720,21 @@ TEST_F(trace_file, tells_what_was_refused_and_goes_on_at_the_right_address)
     ASSERT_NE(reader, nullptr);
     const QTRACE_Item *item = nullptr;
     ASSERT_EQ(qtrace_seek(reader, before + 2), 0);
+    ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DISCONTINUITY);
+    EXPECT_EQ(item->discontinuity.cause, QTRACE_CAUSE_REFUSED);
+    EXPECT_EQ(item->discontinuity.records, 2u);
     ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
     EXPECT_EQ(item->record_number, before + 2);
     EXPECT_TRUE(item->address_known);
     EXPECT_EQ(item->address, 0x1000 + 4 * (before + 2));
     QTRACE_ITEM kind;
     QTRACE_Item last{};
-    while ((kind = qtrace_next(reader, &item)) == QTRACE_ITEM_RECORD)
+    size_t refusals = 0;
+    while ((kind = qtrace_next(reader, &item)) == QTRACE_ITEM_RECORD || kind == QTRACE_ITEM_DISCONTINUITY) {
         last = *item;
+        refusals += kind == QTRACE_ITEM_DISCONTINUITY && last.discontinuity.cause == QTRACE_CAUSE_REFUSED;
+    }
+    EXPECT_EQ(refusals, 1u);
     EXPECT_EQ(kind, QTRACE_ITEM_END);
     EXPECT_EQ(last.header_number, 2u);
     EXPECT_TRUE(last.address_known);

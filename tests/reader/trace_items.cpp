@@ -51,10 +51,14 @@ void put_record(const QTRACE_Item &item)
     put(&record, sizeof record);
 }
 
-void put_damage(const QTRACE_Damage &damage)
+// Pauses, and what the writer or a recovery left out, are no damage: the Python reader does not deliver them.
+void put_discontinuity(const QTRACE_Discontinuity &what)
 {
-    put_numbers({QTRACE_ITEM_DAMAGE, damage.offset, damage.bytes, damage.records,
-                 static_cast<uint64_t>(damage.records_known), static_cast<uint64_t>(damage.truncated)});
+    const bool cut = what.cause == QTRACE_CAUSE_CUT_END;
+    if (what.cause != QTRACE_CAUSE_DAMAGE && !cut)
+        return;
+    put_numbers({QTRACE_ITEM_DISCONTINUITY, what.offset, what.bytes, what.records,
+                 static_cast<uint64_t>(what.records_known), static_cast<uint64_t>(cut)});
 }
 
 bool put_item(QTRACE_Reader *reader)
@@ -67,8 +71,8 @@ bool put_item(QTRACE_Reader *reader)
     case QTRACE_ITEM_RECORD:
         put_record(*item);
         return true;
-    case QTRACE_ITEM_DAMAGE:
-        put_damage(*qtrace_damage(reader));
+    case QTRACE_ITEM_DISCONTINUITY:
+        put_discontinuity(item->discontinuity);
         std::fprintf(stderr, "%s\n", qtrace_error(reader));
         return true;
     case QTRACE_ITEM_ERROR:

@@ -22,7 +22,7 @@ FOLDER = pathlib.Path(__file__).parent
 MASK64 = (1 << 64) - 1
 FILE_START = plain.FILE_MAGIC + struct.pack("<I", 1)
 FILE_START += struct.pack("<I", crc32c(FILE_START))
-LAST, KNOWN, COMMENT, COMMENT_BEFORE, GAP, OPEN_END = (1 << i for i in range(6))
+LAST, KNOWN, COMMENT, COMMENT_BEFORE, GAP, OPEN_END, LEFT_OUT = (1 << i for i in range(7))
 DATA, NEXT = 1 << 43, 1 << 38  # of control words
 LISTS = plain.REGISTER_LISTS
 CODING_ORDER = (9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
@@ -702,6 +702,8 @@ def recovered_cases():
         kept = [with_flags(data, GAP if i == behind else 0) for i, data in enumerate(maker.blocks) if i not in gone]
         name = "-".join(map(str, gone))
         case(f"gap-block-{name}", FILE_START + b"".join(kept), maker.lines(without=gone))
+        marked = [with_flags(data, LEFT_OUT) if i == gone[0] else data for i, data in enumerate(kept)]
+        case(f"left-out-block-{name}", FILE_START + b"".join(marked), maker.lines(without=gone))
         size = sum(map(len, maker.blocks[: gone[0]])) + len(FILE_START)
         junk = b"".join(kept[: gone[0]]) + b"junk" + b"".join(kept[gone[0] :])
         case(f"gap-block-{name}-behind-damage", FILE_START + junk, maker.lines(without=range(gone[0], 4))
@@ -710,6 +712,9 @@ def recovered_cases():
     for i in range(3):
         kept = [*maker.blocks[:i], with_flags(maker.blocks[i], LAST | OPEN_END)]
         case(f"open-end-block-{i}", FILE_START + b"".join(kept), maker.lines(without=range(i + 1, 4)))
+    bad = with_flags(maker.blocks[1], LEFT_OUT)  # without the gap flag it is no block header
+    case("left-out-without-gap", FILE_START + maker.blocks[0] + bad + b"".join(maker.blocks[2:]), [
+        *maker.lines(without=[1, 2, 3]), damage_line(places(maker)[1], len(bad), 2), *maker.lines(without=[0, 1])])  # fmt: skip
     case("gap-without-jump", FILE_START + maker.blocks[0] + with_flags(maker.blocks[1], GAP)
          + b"".join(maker.blocks[2:]), maker.lines())  # fmt: skip
 
