@@ -1,7 +1,6 @@
 """Sessions in places where files cannot be created or written, and with names that ask for trouble."""
 
 import os
-import re
 import resource
 import subprocess
 

@@ -945,13 +945,6 @@ TEST_F(Commit, older_ones_captured_before_execution_are_dropped_and_younger_ones
     EXPECT_EQ(pre_execution[0], nullptr);
 }
 
-TEST_F(Commit, ones_captured_before_execution_are_freed_at_stop)
-{
-    pre_execution[0] = insert_left(captured_before(30, 1), captured_before(40, 2));
-    m.commit({.seq = 6, .pc = 0x1000});
-    m.stop();
-}
-
 // ---- one commit late ----------------------------------------------------------------------------------------
 
 TEST_F(Commit, first_instruction_of_a_thread_writes_nothing_and_the_second_writes_the_first)

@@ -87,11 +87,6 @@ TEST(new_node, has_no_links_and_is_neither_done_nor_committed)
     EXPECT_EQ(node->terminated_seq, 0u);
 }
 
-TEST(freeing_a_node, allows_null)
-{
-    free_node(nullptr);
-}
-
 #ifdef __SANITIZE_ADDRESS__
 // Kept nodes would hide reads of freed ones.
 TEST(freeing_a_node, shows_every_later_read_to_the_sanitizer)

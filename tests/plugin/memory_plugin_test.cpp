@@ -1,5 +1,6 @@
 // Memory that runs out, and memory that must come back: every allocation of the plugin passes here first (linker
 // option --wrap), can be told to fail, and is counted while it lives.
+#include "ordering.h"
 #include "traced_machine.h"
 
 #include <gmock/gmock.h>
@@ -289,6 +290,59 @@ TEST_F(Memory, does_not_grow_with_the_number_of_instructions)
     const size_t blocks = live.size();
     m.commit_run(1000);
     EXPECT_EQ(live.size(), blocks);
+}
+
+// ---- trees of nodes ----------------------------------------------------------------------------------------
+
+Node *node_before(Node *left, Node *right = nullptr)
+{
+    Node *node = new_node();
+    node->left = left;
+    node->right = right;
+    return node;
+}
+
+TEST_F(Memory, of_nothing_is_freed_without_effect)
+{
+    const size_t blocks = live.size();
+    free_node(nullptr);
+    del_tree(nullptr);
+    EXPECT_EQ(live.size(), blocks);
+    drop_spare_nodes();
+    EXPECT_EQ(live.size(), blocks);
+}
+
+TEST_F(Memory, of_a_tree_comes_back_with_its_successors_and_side_chains)
+{
+    Node *side_chain = node_before(node_before(nullptr), node_before(nullptr));
+    Node *tree = node_before(node_before(node_before(nullptr), node_before(nullptr)), side_chain);
+    ASSERT_EQ(live_blocks(sizeof(Node)), nodes_before + 7);
+    del_tree(tree);
+    drop_spare_nodes();
+    expect_everything_freed();
+}
+
+TEST_F(Memory, of_a_long_chain_comes_back)
+{
+    Node *tree = nullptr;
+    for (int i = 0; i < 20000; ++i)
+        tree = node_before(tree);
+    ASSERT_EQ(live_blocks(sizeof(Node)), nodes_before + 20000);
+    del_tree(tree);
+    drop_spare_nodes();
+    expect_everything_freed();
+}
+
+TEST_F(Memory, of_instructions_captured_before_execution_comes_back_at_stop)
+{
+    Traced_Machine m;
+    m.start();
+    pre_execution[0] = node_before(node_before(nullptr));
+    pre_execution[0]->seq = 30;
+    pre_execution[0]->left->seq = 40;
+    m.commit({.seq = 6, .pc = 0x1000});
+    m.stop();
+    expect_everything_freed();
 }
 
 TEST_F(Memory, of_failed_starts_is_not_lost)

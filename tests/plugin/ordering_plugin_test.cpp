@@ -356,34 +356,6 @@ TEST_F(Ordering, insert_right_starts_in_the_middle_of_the_main_chain_as_well)
     EXPECT_EQ(insert_right(tree->left, keep(flushed(9, 1))), nullptr);
 }
 
-// ---- del_tree -----------------------------------------------------------------------------------------------
-
-TEST_F(Ordering, del_tree_of_nothing_does_nothing)
-{
-    del_tree(nullptr);
-}
-
-// Leak detection tells whether something was left.
-TEST_F(Ordering, del_tree_frees_successors_and_side_chains)
-{
-    Node *tree = chain_of({committed(1), committed(2), committed(3)});
-    tree->right = chain_of({flushed(4), flushed(5)});
-    tree->right->right = flushed(6);
-    tree->left->right = flushed(7);
-    del_tree(tree);
-}
-
-TEST_F(Ordering, del_tree_frees_a_long_chain)
-{
-    Node *tree = nullptr;
-    for (uint64_t seq = 20000; seq > 0; --seq) {
-        Node *node = committed(seq);
-        node->left = tree;
-        tree = node;
-    }
-    del_tree(tree);
-}
-
 // ---- flags --------------------------------------------------------------------------------------------------
 
 TEST_F(Ordering, sequential_instructions_that_are_no_branches_have_no_flags_but_the_last_which_terminates)
