@@ -385,6 +385,7 @@ bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address,
     if (!model_)
         model_ = std::make_unique_for_overwrite<Model>();
     model_->reset({address, address_known});
+    std::fill(std::begin(page_versions_), std::end(page_versions_), ++newest_version_);
     bad_ = false;
     return split(payload, size, columns_) && decode_open_header(source(COLUMN_OPEN), open_);
 }
@@ -495,6 +496,7 @@ Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t 
     if (has_address(control, NEXT_ADDRESS))
         store(record.next_instruction_ea,
               op & OP_NEXT ? model.address + unzigzag(source(COLUMN_NEXT).varint()) : code.next);
+    translations_filled_ = !without_translations_ || (more & MORE_ESCAPE) != 0; // rare members may add to them
     if (has_address(control, DATA_ADDRESS))
         decode_translation(record, DATA_ADDRESS, (more & MORE_DATA_TRANSLATION) != 0);
     if (has_address(control, NEXT_ADDRESS))
@@ -514,6 +516,10 @@ void Decoder::clear(QTRACE_RECORD &record)
     } else {
         for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
             if (has_address(filled_, side)) {
+                if (!translations_filled_) {
+                    store(bytes + ADDRESS[side].address, uint64_t{0});
+                    continue;
+                }
                 std::memset(bytes + ADDRESS[side].address, 0, QTRACE_EA_LENGTH + TRANSLATION_BYTES);
                 std::memset(bytes + ADDRESS[side].page_size, 0, 2);
             }
@@ -837,9 +843,11 @@ bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
 
 void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded)
 {
-    Translation &page = model_->page_of(address_in(record, side));
+    const size_t slot = slot_of(address_in(record, side) >> 12, PAGE_BITS);
+    Translation &page = model_->page[slot];
     Translation &last = model_->last[side];
     if (coded) {
+        page_versions_[slot] = ++newest_version_;
         Byte_Source &from = source(COLUMN_TRANSLATION);
         const auto mask = from.number<uint32_t>();
         for (unsigned i = 0; i < 32; ++i)
@@ -849,7 +857,9 @@ void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool 
     } else {
         last = page;
     }
-    put_translation(record, side, last);
+    translation_places_[side] = {slot, page_versions_[slot]};
+    if (translations_filled_)
+        put_translation(record, side, last);
 }
 
 // ---- Members that records seldom carry --------------------------------------------------------------------------

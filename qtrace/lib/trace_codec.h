@@ -100,6 +100,19 @@ public:
     uint64_t address() const { return model_->address; } // of the next record
     bool address_known() const { return model_->address_known; }
     const Open_Header &open_header() const { return open_; }
+    // Of the last record: where its translation of one side stands in the model, with a version that changes whenever
+    // that place does, and what stands there.
+    struct Translation_Place {
+        size_t slot;
+        uint64_t version;
+    };
+    const Translation_Place &translation_place(Address_Side side) const { return translation_places_[side]; }
+    const Translation &translation(Address_Side side) const { return model_->last[side]; }
+    const Register_Places &registers() const { return places_; }
+    // The last record has members that its translations and flags do not name.
+    bool has_rare_members() const { return escaped_; }
+    // Leaves translations out of the records that follow; the model still has them.
+    void leave_out_translations(bool leave_out) { without_translations_ = leave_out; }
     const uint8_t *comment() const { return comment_; }
     bool comment_outside() const { return comment_outside_; }
 
@@ -126,6 +139,11 @@ private:
     Register_Places places_{}; // of the last record
     uint64_t filled_ = 0;      // control of the last record
     bool escaped_ = false;     // the last record had members outside its common ones
+    bool without_translations_ = false;
+    bool translations_filled_ = false; // the last record has them
+    Translation_Place translation_places_[ADDRESS_SIDES]{};
+    uint64_t page_versions_[1 << PAGE_BITS]; // by slot of the model
+    uint64_t newest_version_ = 0;
     Open_Header open_;
     const uint8_t *comment_ = nullptr;
     bool comment_outside_ = false;

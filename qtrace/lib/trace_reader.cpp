@@ -1,5 +1,7 @@
 // The reader of trace files behind qtrace_reader.h.
 #include "qtrace_reader.h"
+
+#include "columns.h"
 #include "trace_codec.h"
 
 #include <algorithm>
@@ -190,6 +192,8 @@ public:
     int seek(uint64_t record);
     int summarize(QTRACE_Info &info, bool payloads);
     const QTRACE_FILE_HDR *open_header() const;
+    Decoder &decoder() { return decoder_; }
+    const std::vector<Place> &index();
 
     std::string text; // of the last discontinuity or error
 
@@ -211,7 +215,6 @@ private:
     void find_context();
     QTRACE_ITEM fail(uint64_t offset);
     void place_at(uint64_t offset, uint64_t record, uint64_t header);
-    const std::vector<Place> &index();
     bool is_item_before(uint64_t record) const;
     template <class Visitor, class Damage_Visitor> void walk(bool payloads, Visitor whole, Damage_Visitor broken);
 
@@ -667,6 +670,11 @@ const QTRACE_FILE_HDR *QTRACE_Reader::open_header() const
     return decoded_ && decoder_.open_header().present ? &decoder_.open_header().header : nullptr;
 }
 
+trace::Decoder &trace::decoder_of(QTRACE_Reader &reader)
+{
+    return reader.decoder();
+}
+
 // ---- C ----------------------------------------------------------------------------------------------------------
 
 extern "C" {
@@ -710,6 +718,20 @@ try {
 } catch (const std::bad_alloc &) {
     reader->text = "out of memory";
     return -1;
+}
+
+uint64_t qtrace_blocks(QTRACE_Reader *reader, QTRACE_Block *to, uint64_t room)
+try {
+    const std::vector<Place> &blocks = reader->index();
+    for (size_t i = 0; i < std::min<uint64_t>(blocks.size(), room); ++i) {
+        const Block_Header &header = blocks[i].header;
+        to[i] = {blocks[i].offset, header.size(),       header.first_record,
+                 header.records,   header.first_header, header.headers};
+    }
+    return blocks.size();
+} catch (const std::bad_alloc &) {
+    reader->text = "out of memory";
+    return 0;
 }
 
 int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info)
