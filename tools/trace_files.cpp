@@ -28,12 +28,12 @@ std::vector<std::string> files_of(const std::vector<std::string> &names)
     return files;
 }
 
-Trace_File::Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader)
-    : run_(run), name_(name), reader_(reader)
+Trace_File::Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader, bool silent)
+    : run_(run), name_(name), silent_(silent), reader_(reader)
 {
 }
 
-std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &name)
+std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &name, bool silent)
 {
     char *reason = nullptr;
     QTRACE_Reader *reader = qtrace_open(name.c_str(), &reason);
@@ -42,7 +42,7 @@ std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &n
         run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
         return nullptr;
     }
-    std::unique_ptr<Trace_File> file(new Trace_File(run, name, reader));
+    std::unique_ptr<Trace_File> file(new Trace_File(run, name, reader, silent));
     if (qtrace_info(reader, &file->info_) != 0) {
         run.fail(qtrace_error(reader));
         return nullptr;
@@ -79,7 +79,8 @@ void Trace_File::note_loss(const QTRACE_Discontinuity &damage)
     else if (damage.cause == QTRACE_CAUSE_CUT_END && damage.records > 0)
         text += fmt::format(" (at least {} records are lost)", damage.records);
     losses_.push_back({damage.offset, text});
-    run_.warn(text);
+    if (!silent_)
+        run_.warn(text);
 }
 
 void Trace_File::verify()

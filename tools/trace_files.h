@@ -20,8 +20,9 @@ std::vector<std::string> files_of(const std::vector<std::string> &names);
 class Trace_File
 {
 public:
-    // Null when the file cannot be read; the run has been told.
-    static std::unique_ptr<Trace_File> open(Tool_Run &run, const std::string &name);
+    // Null when the file cannot be read; the run has been told. A silent reader does not tell the run about losses:
+    // another one reads the same file.
+    static std::unique_ptr<Trace_File> open(Tool_Run &run, const std::string &name, bool silent = false);
 
     const std::string &name() const { return name_; }
     const QTRACE_Info &info() const { return info_; }
@@ -51,12 +52,13 @@ private:
     struct Closer {
         void operator()(QTRACE_Reader *reader) const { qtrace_close(reader); }
     };
-    Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader);
+    Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader, bool silent);
     const QTRACE_Item *next_after(QTRACE_ITEM kind, const QTRACE_Item *item);
     void note_loss(const QTRACE_Discontinuity &damage);
 
     Tool_Run &run_;
     std::string name_;
+    bool silent_;
     std::unique_ptr<QTRACE_Reader, Closer> reader_;
     QTRACE_Info info_{};
     std::vector<Loss> losses_;

@@ -2,32 +2,17 @@
 // lacks.
 #pragma once
 
-#include "record_schema.h"
-#include "trace_files.h"
+#include "diff_side.h"
+#include "record_difference.h"
 
-#include <bitset>
 #include <functional>
-#include <string>
 #include <vector>
 
 namespace qtrace_tool
 {
 
-using namespace trace;
-
-using Difference_Set = std::bitset<DIFFERENCES>;
-
-// A member that differs, with both values.
-struct Detail {
-    std::string name, a, b;
-};
-
-// Kinds in `ignored` are left out of `kinds`.
-Difference_Set kinds_between(const QTRACE_Item &a, const QTRACE_Item &b, const Difference_Set &ignored);
-std::vector<Detail> details_between(const QTRACE_Item &a, const QTRACE_Item &b, const Difference_Set &ignored);
-
-// One place where the traces differ. With `only_a` or `only_b` a run of records that the other does not have begins
-// there; else one record or the headers in front of it differ.
+// One place where the traces differ. With `only_a` or `only_b` records that the other does not have begin there; else
+// one record or the headers before it differ.
 struct Difference_Place {
     uint64_t record_a, record_b; // numbers of the records there
     uint64_t address;            // of the instruction in the first trace, or the second when it is only there
@@ -45,50 +30,40 @@ struct Difference_Counts {
     bool any() const { return differing + only_a + only_b + by_kind[static_cast<size_t>(Difference::header)] > 0; }
 };
 
+// Compares record by record. Where a record differs, hashes of the records that follow say which belong together;
+// where record numbers jump (damage, pieces left out), the numbers do.
 class Trace_Diff
 {
 public:
     using Report = std::function<void(const Difference_Place &)>;
 
     // The report is called for the first `limit` places.
-    Trace_Diff(Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit, Report report);
+    Trace_Diff(Tool_Run &run, Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit,
+               Report report);
 
     // Compares the whole files. `step` is called once a record.
-    Difference_Counts run(const std::function<void()> &step);
+    Difference_Counts run(std::function<void()> step);
 
 private:
-    // One side: the record to be compared next with the headers in front of it.
-    struct Side {
-        Trace_File &file;
-        const QTRACE_Item *item = nullptr; // null: at the end
-        std::vector<std::pair<QTRACE_FILE_HDR, std::string>> headers{};
-        uint64_t records = 0; // so far
-
-        void next();
-        void seek(uint64_t record);
-    };
-    // How many records to leave out of each side until the traces agree again.
-    struct Shift {
-        uint64_t a, b;
-        bool found;
-    };
-
-    bool same_place() const;
-    uint64_t signature(const QTRACE_Item &item) const;
-    std::vector<uint64_t> window(Side &side) const;
-    Shift find_shift();
-    void realign();
+    bool is_equal() const;
+    void align_by_numbers();
+    void align_by_hashes();
+    void pair();
+    void leave_out(uint64_t only_a, uint64_t only_b);
+    void leave_out_rest();
+    Difference_Place here() const;
+    void report_missing(Difference_Place &&place);
     void compare_headers();
     void compare_records();
-    void leave_out(uint64_t only_a, uint64_t only_b);
-    void place(Difference_Place &&place);
+    void report(Difference_Place &&place);
 
-    Side a_, b_;
+    Diff_Side a_, b_;
     Difference_Set ignored_;
     uint64_t limit_;
     Report report_;
+    std::function<void()> step_;
     Difference_Counts counts_;
-    uint64_t pairs_ = 0; // records to be compared although they stand at different places
+    bool addresses_told_ = true; // no record that tells the current addresses is missing on one side alone
 };
 
 } // namespace qtrace_tool

@@ -91,7 +91,7 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
     }
     bool first = true;
     Progress progress(run, name_a, std::min(a->info().records, b->info().records));
-    Trace_Diff diff(*a, *b, ignored(), limit_, [&](const Difference_Place &place) {
+    Trace_Diff diff(run, *a, *b, ignored(), limit_, [&](const Difference_Place &place) {
         run.json ? show_json(run.out, place, first) : show(run, name_a, name_b, place);
         first = false;
     });
@@ -105,7 +105,7 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
 void Diff_Command::show_lines(Tool_Run &run, const std::string &name, uint64_t from, uint64_t count,
                               char mark) const
 {
-    const std::unique_ptr<Trace_File> file = Trace_File::open(run, name);
+    const std::unique_ptr<Trace_File> file = Trace_File::open(run, name, true);
     if (count == 0 || !file || !file->seek(from))
         return;
     static const Field_Selection fields = Field_Selection::usual();
@@ -122,6 +122,15 @@ void Diff_Command::show_lines(Tool_Run &run, const std::string &name, uint64_t f
     }
 }
 
+static void show_detail(Output &out, const Detail &detail)
+{
+    out.print("    {}: ", detail.name);
+    print_visible(out, detail.a);
+    out.put(" | ");
+    print_visible(out, detail.b);
+    out.put('\n');
+}
+
 void Diff_Command::show(Tool_Run &run, const std::string &name_a, const std::string &name_b,
                         const Difference_Place &place) const
 {
@@ -130,10 +139,11 @@ void Diff_Command::show(Tool_Run &run, const std::string &name_a, const std::str
     run.out.print("at record {} | {} ({:016x}): {}", place.record_a, place.record_b, place.address,
                   names_of(place.kinds));
     if (missing)
-        run.out.print(": {} records only in {}, {} only in {}", place.only_a, name_a, place.only_b, name_b);
+        run.out.print(": {} only in {}, {} only in {}", counted(place.only_a, "record"), name_a, place.only_b,
+                      name_b);
     run.out.put('\n');
     for (const Detail &detail : place.details)
-        run.out.print("    {}: {} | {}\n", detail.name, detail.a, detail.b);
+        show_detail(run.out, detail);
     show_lines(run, name_a, place.record_a - before, before, ' ');
     show_lines(run, name_a, place.record_a, missing ? std::min(place.only_a, context_) : 1, '-');
     show_lines(run, name_b, place.record_b, missing ? std::min(place.only_b, context_) : 1, '+');
@@ -154,8 +164,9 @@ void Diff_Command::summarise(Output &out, const Difference_Counts &counts) const
         if (counts.by_kind[i] > 0 && i != static_cast<size_t>(Difference::missing))
             out.print("    {:<14}{:>12}\n", DIFFERENCE_NAMES[i], counts.by_kind[i]);
     if (counts.only_a + counts.only_b > 0)
-        out.print("  missing in {} runs: {} records only on the left, {} only on the right\n",
-                  counts.by_kind[static_cast<size_t>(Difference::missing)], counts.only_a, counts.only_b);
+        out.print("  missing in {}: {} only on the left, {} only on the right\n",
+                  counted(counts.by_kind[static_cast<size_t>(Difference::missing)], "run"),
+                  counted(counts.only_a, "record"), counts.only_b);
 }
 
 void Diff_Command::show_json(Output &out, const Difference_Place &place, bool first) const

@@ -7,6 +7,13 @@
 namespace qtrace_tool
 {
 
+std::string counted(uint64_t count, std::string_view noun, std::string_view nouns)
+{
+    if (count == 1)
+        return fmt::format("1 {}", noun);
+    return nouns.empty() ? fmt::format("{} {}s", count, noun) : fmt::format("{} {}", count, nouns);
+}
+
 // "000102...ff"
 static consteval std::array<char, 512> hex_pairs()
 {

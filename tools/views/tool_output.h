@@ -12,6 +12,9 @@
 namespace qtrace_tool
 {
 
+// "1 record", "2 records"; `nouns` when the plural is not the noun with an s.
+std::string counted(uint64_t count, std::string_view noun, std::string_view nouns = {});
+
 enum class Colour : uint8_t { plain, head, good, bad, added, removed, faint };
 
 class Output

@@ -1,0 +1,298 @@
+// `qtrace diff` on traces made by hand: every kind of difference, headers, pieces that are missing, damage.
+#include "planted_trace.h"
+#include "record_alignment.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <functional>
+
+using namespace planted;
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace
+{
+
+json difference(const std::string &a, const std::string &b, std::vector<std::string> options = {})
+{
+    std::vector<std::string> arguments = {"diff", "--json", a, b};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    return json::parse(qtrace(arguments).out);
+}
+
+// What is found after `change` was made to one of two equal traces; the same from the other side.
+json kinds_after(const std::function<void(Trace &)> &change, Trace trace = good_trace())
+{
+    const Folder folder;
+    const std::string a = folder.write("old0", trace);
+    change(trace);
+    const std::string b = folder.write("new0", trace);
+    EXPECT_EQ(difference(a, b)["kinds"], difference(b, a)["kinds"]);
+    EXPECT_EQ(qtrace({"diff", a, b}).exit_code, 3);
+    return difference(a, b)["kinds"];
+}
+
+// Records with registers that never repeat, in blocks of some thousand records.
+Trace numbered_trace(size_t records)
+{
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    uint64_t noise = 1;
+    for (size_t i = 1; i < records; i++) {
+        Item item{false, {}, "", plain_record(0x7c000214)};
+        item.record.header.control.fld.register_trace_present = 1;
+        item.record.regs.num_gprs_out = 1;
+        noise = noise * 6364136223846793005u + 1442695040888963407u;
+        item.record.regs.gpr_out[0] = {static_cast<uint16_t>(i % 32), noise};
+        trace.push_back(item);
+    }
+    return trace;
+}
+
+const json NOTHING = json::object();
+
+} // namespace
+
+// ---- Kinds ---------------------------------------------------------------------------------------------
+
+TEST(diff_kinds, every_part_of_a_record_belongs_to_a_kind)
+{
+    EXPECT_EQ(kinds_after([](Trace &t) { t[LOAD].record.header.instruction++; }), json({{"instruction", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[CALL].record.next_instruction_ea[1] = 0x40; }),
+              json({{"next-address", 1}, {"address", 2}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[LOAD].record.data_ea[0]++; }), json({{"data-address", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[NESTED_LOAD].record.data_gRTW.GUEST_ra[0]++; }),
+              json({{"translation", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { set_modes(t[LOAD], Side::data, 3, 1); }), json({{"translation", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[STRING].record.regs.vsxr_out[0].value[1]++; }),
+              json({{"registers", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[TAKEN_BRANCH].record.node++; }), json({{"flags", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[FIRST_RECORD].record.processor++; }), json({{"flags", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[PLAIN].record.header.control.fld.exception_code_present = 1; }),
+              json({{"flags", 1}}));
+}
+
+// ---- Headers -------------------------------------------------------------------------------------------
+
+TEST(diff_headers, are_compared_with_all_of_their_members)
+{
+    EXPECT_EQ(kinds_after([](Trace &t) { t[SECOND_HEADER].header.ptcr[0]++; }), json({{"header", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[PARTITION].header.pid[0]++; }), json({{"header", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[FIRST_HEADER].header.sec_ext_controlword.instruction = 5; }),
+              json({{"header", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t[FIRST_HEADER].header.control.barrier_synchronization = 1; }),
+              json({{"header", 1}}));
+}
+
+TEST(diff_headers, comments_are_compared_to_their_end)
+{
+    EXPECT_EQ(kinds_after([](Trace &t) { t[FIRST_HEADER].comment[3] = '!'; }), json({{"header", 1}}));
+    Trace trace = good_trace();
+    trace[FIRST_HEADER].comment = std::string("one\0two", 7);
+    EXPECT_EQ(kinds_after([](Trace &t) { t[FIRST_HEADER].comment[6] = 'x'; }, trace), json({{"header", 1}}));
+}
+
+TEST(diff_headers, count_when_one_is_missing)
+{
+    EXPECT_EQ(kinds_after([](Trace &t) { t.erase(t.begin() + PARTITION); }), json({{"header", 1}}));
+}
+
+TEST(diff_headers, after_the_last_record_are_compared)
+{
+    Trace trace = good_trace();
+    trace.push_back(trace[PARTITION]);
+    EXPECT_EQ(kinds_after([](Trace &t) { t.back().header.lpid[0]++; }, trace), json({{"header", 1}}));
+    EXPECT_EQ(kinds_after([](Trace &t) { t.pop_back(); }, trace), json({{"header", 1}}));
+}
+
+TEST(diff_headers, of_traces_without_records_are_compared)
+{
+    const Trace trace = {good_trace()[FIRST_HEADER]};
+    EXPECT_EQ(kinds_after([](Trace &t) { t[0].header.iar[1]++; }, trace), json({{"header", 1}}));
+}
+
+TEST(diff_headers, a_long_row_of_them_is_compared_to_its_end)
+{
+    const Trace trace(300, good_trace()[PARTITION]);
+    EXPECT_EQ(kinds_after([](Trace &t) { t[299].header.lpid[3]++; }, trace), json({{"header", 1}}));
+}
+
+// ---- Missing records -----------------------------------------------------------------------------------
+
+TEST(diff_missing, pieces_left_out_are_counted_exactly)
+{
+    const Trace whole = numbered_trace(60000);
+    for (const size_t count : {1, 2, 7, 1000, 20000}) {
+        const Folder folder;
+        Trace less = whole;
+        less.erase(less.begin() + 30001, less.begin() + 30001 + static_cast<ptrdiff_t>(count));
+        const std::string a = folder.write("old0", whole), b = folder.write("new0", less);
+        EXPECT_EQ(difference(a, b)["only_a"], count);
+        EXPECT_EQ(difference(a, b)["differing"], 0);
+        EXPECT_EQ(difference(b, a)["only_b"], count);
+        EXPECT_EQ(difference(b, a)["kinds"], json({{"missing", 1}}));
+    }
+}
+
+TEST(diff_missing, rest_of_the_longer_trace_is_counted_on_either_side)
+{
+    const Folder folder;
+    const std::string a = folder.write("old0", numbered_trace(500)), b = folder.write("new0", numbered_trace(620));
+    EXPECT_EQ(difference(a, b)["only_b"], 120);
+    EXPECT_EQ(difference(b, a)["only_a"], 120);
+    EXPECT_EQ(difference(b, a)["only_b"], 0);
+}
+
+// A spin loop says nothing about which of its rounds are missing, but how many.
+TEST(diff_missing, pieces_of_a_loop_that_repeats_itself_are_counted)
+{
+    Trace whole = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    for (size_t i = 0; i < 9000; i++)
+        whole.push_back({false, {}, "", plain_record(0x60000000 + static_cast<uint32_t>(i % 5))});
+    const Trace end = numbered_trace(50);
+    whole.insert(whole.end(), end.begin() + 2, end.end());
+    const Folder folder;
+    Trace less = whole;
+    less.erase(less.begin() + 4000, less.begin() + 4023);
+    const json found = difference(folder.write("old0", whole), folder.write("new0", less));
+    EXPECT_EQ(found["only_a"], 23);
+    EXPECT_EQ(found["only_b"], 0);
+    EXPECT_EQ(found["differing"], 0);
+}
+
+// 40 records in each of which a register differs, among them 3 that are missing.
+TEST(diff_missing, records_beside_a_missing_piece_are_compared_with_their_counterparts)
+{
+    const Folder folder;
+    const Trace whole = numbered_trace(3000);
+    Trace less = whole;
+    for (size_t i = 0; i < 40; i++) {
+        less[1000 + i].record.header.instruction = 0x7c000000 + static_cast<uint32_t>(i);
+        less[1000 + i].record.regs.gpr_out[0].value++;
+    }
+    Trace base = whole;
+    for (size_t i = 0; i < 40; i++)
+        base[1000 + i].record.header.instruction = 0x7c000000 + static_cast<uint32_t>(i);
+    less.erase(less.begin() + 1020, less.begin() + 1023);
+    const json found = difference(folder.write("old0", base), folder.write("new0", less), {"--ignore", "address"});
+    EXPECT_EQ(found["only_a"], 3);
+    EXPECT_EQ(found["only_b"], 0);
+    EXPECT_EQ(found["differing"], 37);
+    EXPECT_EQ(found["kinds"], json({{"registers", 37}, {"missing", 1}}));
+}
+
+// ---- Damage --------------------------------------------------------------------------------------------
+
+TEST(diff_damage, a_lost_block_is_counted_by_its_numbers)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", numbered_trace(40000));
+    std::string bytes = folder.contents("whole0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    const std::string damaged = folder.text("damaged0", bytes), saved = folder.path("saved0");
+    const json lost = json::parse(qtrace({"recover", "--json", damaged, saved}).out)["lost_records"];
+    ASSERT_GT(lost, 1000);
+    for (const std::string &less : {damaged, saved}) {
+        const json found = difference(whole, less);
+        EXPECT_EQ(found["only_a"], lost);
+        EXPECT_EQ(found["only_b"], 0);
+        EXPECT_EQ(found["kinds"], json({{"missing", 1}}));
+        EXPECT_EQ(difference(less, whole)["only_b"], lost);
+    }
+    EXPECT_EQ(difference(damaged, saved)["kinds"], NOTHING);
+}
+
+TEST(diff_damage, files_after_one_another_end)
+{
+    const Folder folder;
+    folder.write("first0", numbered_trace(9000));
+    Trace other = numbered_trace(9000);
+    other[700].record.header.instruction++;
+    folder.write("second0", other);
+    const std::string one = folder.contents("first0"), two = folder.contents("second0");
+    const std::string a = folder.text("a0", one + one), b = folder.text("b0", one + two);
+    const json found = difference(a, b);
+    EXPECT_EQ(found["differing"], 1);
+    EXPECT_EQ(found["only_a"], 0);
+    EXPECT_EQ(difference(a, folder.text("c0", one))["only_a"], 9000);
+}
+
+// ---- Output --------------------------------------------------------------------------------------------
+
+TEST(diff_output, shows_nothing_that_a_terminal_executes)
+{
+    const Folder folder;
+    Trace other = good_trace();
+    other[FIRST_HEADER].comment = "\x1b[2J";
+    const std::string text = qtrace({"diff", folder.write("old0", good_trace()), folder.write("new0", other)}).out;
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    EXPECT_THAT(text, HasSubstr("comment: KelvoVer"));
+    EXPECT_THAT(text, HasSubstr(" | \\x1b[2J\n"));
+}
+
+TEST(diff_output, text_has_each_figure)
+{
+    const Folder folder;
+    Trace other = good_trace();
+    other[STRING].record.regs.gpr_in[1].value++;
+    other.pop_back();
+    const std::string a = folder.write("old0", good_trace()), b = folder.write("new0", other);
+    const std::string text = qtrace({"diff", "--limit", "2", a, b}).out;
+    EXPECT_THAT(text, HasSubstr("at record 10 | 10 (0000000000004004): missing: 1 record only in " + a));
+    EXPECT_THAT(text, HasSubstr("11 | 10 records: they differ\n"
+                                "  records differ             1\n"
+                                "    registers                1\n"
+                                "  missing in 1 run: 1 record only on the left, 0 only on the right\n"));
+}
+
+// ---- Alignment -----------------------------------------------------------------------------------------
+
+namespace
+{
+
+using qtrace_tool::Alignment_Step;
+using qtrace_tool::Record_Key;
+
+// A key for each letter; small and capital letters are different records at the same place.
+std::vector<Record_Key> keys(std::string_view letters)
+{
+    std::vector<Record_Key> keys;
+    for (const char c : letters)
+        keys.push_back({static_cast<uint64_t>(c), static_cast<uint64_t>(c), static_cast<uint64_t>(c & 0x5F)});
+    return keys;
+}
+
+std::vector<Alignment_Step> aligned(std::string_view a, std::string_view b)
+{
+    return qtrace_tool::align_records(keys(a), keys(b), true);
+}
+
+} // namespace
+
+TEST(alignment, equal_ends_leave_what_is_missing_between_them)
+{
+    EXPECT_THAT(aligned("abcdef", "abef"), testing::ElementsAre(Alignment_Step{2, 2, 0}, Alignment_Step{2, 0, 0}));
+    EXPECT_THAT(aligned("abef", "abcdef"), testing::ElementsAre(Alignment_Step{2, 0, 2}, Alignment_Step{2, 0, 0}));
+    EXPECT_THAT(aligned("aaaaa", "aaa"), testing::ElementsAre(Alignment_Step{3, 2, 0}));
+}
+
+TEST(alignment, records_at_the_same_place_are_compared)
+{
+    EXPECT_THAT(aligned("abcd", "aBcd"), testing::ElementsAre(Alignment_Step{4, 0, 0}));
+    EXPECT_THAT(aligned("abxyzcd", "aBcd"), testing::ElementsAre(Alignment_Step{2, 3, 0}, Alignment_Step{2, 0, 0}));
+}
+
+TEST(alignment, as_many_records_on_both_sides_are_compared_one_by_one)
+{
+    EXPECT_THAT(aligned("abcd", "axyd"), testing::ElementsAre(Alignment_Step{4, 0, 0}));
+    EXPECT_THAT(aligned("abcd", "axyzd"), testing::ElementsAre(Alignment_Step{1, 2, 3}, Alignment_Step{1, 0, 0}));
+}
+
+TEST(alignment, the_fewest_edits_are_found_between_equal_ends)
+{
+    EXPECT_THAT(aligned("aPqrSb", "apQRb"), testing::ElementsAre(Alignment_Step{4, 1, 0}, Alignment_Step{1, 0, 0}));
+    EXPECT_THAT(aligned("xAbCdEfGy", "xbcDegHy"),
+                testing::ElementsAre(Alignment_Step{1, 1, 0}, Alignment_Step{4, 1, 0}, Alignment_Step{1, 0, 1},
+                                     Alignment_Step{1, 0, 0}));
+}

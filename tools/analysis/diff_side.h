@@ -1,0 +1,76 @@
+// One of the two traces of a comparison: the record to be compared next, and a look at those that follow.
+#pragma once
+
+#include "record_difference.h"
+#include "trace_files.h"
+
+#include <deque>
+#include <memory>
+
+namespace qtrace_tool
+{
+
+// Reads ahead in a file with a reader of its own, and keeps hashes of what follows.
+class Lookahead
+{
+public:
+    // Records that are looked at together.
+    static constexpr size_t WINDOW = 131072;
+
+    Lookahead(Tool_Run &run, const std::string &name, const Record_Hash &hash) : run_(run), name_(name), hash_(hash)
+    {
+    }
+    // Keys of the records from number `place` of the file on (counted as they come), which has the record number
+    // `record`: at most WINDOW of them, and none after a jump of the record numbers. `may_seek`: record numbers did
+    // not fall up to there. Empty when the file cannot be read a second time.
+    std::vector<Record_Key> keys(uint64_t place, uint64_t record, bool may_seek);
+    // Whether the records of the last keys() were all up to the end of the file.
+    bool at_end() const { return at_end_; }
+
+private:
+    struct Entry {
+        Record_Key key;
+        bool after_jump;
+    };
+    bool go_to(uint64_t place, uint64_t record, bool may_seek);
+    const QTRACE_Item *next_record();
+    void read_entry();
+
+    Tool_Run &run_;
+    std::string name_;
+    Record_Hash hash_;
+    std::unique_ptr<Trace_File> file_;
+    std::deque<Entry> entries_; // those from number first_ on
+    uint64_t first_ = 0;
+    uint64_t expected_ = 0; // record number of the next record
+    bool ended_ = false, at_end_ = false;
+};
+
+class Diff_Side
+{
+public:
+    Diff_Side(Tool_Run &run, Trace_File &from, const Record_Hash &hash) : file(from), ahead_(run, from.name(), hash)
+    {
+    }
+    Diff_Side(const Diff_Side &) = delete;
+    Diff_Side &operator=(const Diff_Side &) = delete;
+
+    void next();
+    std::vector<Record_Key> keys() { return ahead_.keys(records - 1, item->record_number, numbers_rise_); }
+    bool keys_at_end() const { return ahead_.at_end(); }
+    uint64_t record_number() const { return item != nullptr ? item->record_number : expected_; }
+
+    Trace_File &file;
+    const QTRACE_Item *item = nullptr; // null: at the end
+    Header_List headers;               // since they were compared last
+    bool full_header = false;          // directly before the item
+    uint64_t records = 0;              // so far
+    uint64_t jump = 0;                 // records that are missing before the item by their numbers
+
+private:
+    Lookahead ahead_;
+    uint64_t expected_ = 0;
+    bool numbers_rise_ = true;
+};
+
+} // namespace qtrace_tool
