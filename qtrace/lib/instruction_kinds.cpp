@@ -81,6 +81,21 @@ bool may_go_to(uint32_t word, uint64_t address, uint64_t next)
 
 } // namespace
 
+// A branch that leaves the address of the next sequential instruction in the link register. `bcl 20,31,.+4` only
+// reads its own address that way.
+static bool is_call(uint32_t word)
+{
+    constexpr uint32_t READ_ADDRESS = 0x429F0005;
+    return (word & 1) != 0 && word != READ_ADDRESS;
+}
+
+// A branch to the link register whose hint does not deny that it is a return.
+static bool is_return(uint32_t word)
+{
+    constexpr uint32_t OPCODE = 0xFC0007FF, HINT = 3 << 11, TO_LINK_REGISTER = 19u << 26 | 16 << 1;
+    return (word & (OPCODE | HINT)) == TO_LINK_REGISTER;
+}
+
 Instruction_Info instruction_info(uint32_t word)
 {
     const uint32_t primary = word >> 26, extended = word >> 1 & 0x3FF;
@@ -112,6 +127,48 @@ Branch_Outcome branch_outcome(const QTRACE_RECORD &record, uint64_t address)
         return may_go_to(record.header.instruction, address, next) ? Branch_Outcome::taken
                                                                    : Branch_Outcome::not_taken;
     return flags.termination_present ? Branch_Outcome::not_taken : Branch_Outcome::undecided;
+}
+
+// ---- Kinds of a record -------------------------------------------------------------------------------------
+
+static constexpr Kind_Name KIND_ROWS[] = {
+    {"load", QTRACE_KIND_LOAD},     {"store", QTRACE_KIND_STORE},
+    {"branch", QTRACE_KIND_BRANCH}, {"taken", QTRACE_KIND_TAKEN},
+    {"string", QTRACE_KIND_STRING}, {"call", QTRACE_KIND_CALL},
+    {"return", QTRACE_KIND_RETURN}, {"system_call", QTRACE_KIND_SYSTEM_CALL},
+    {"cache", QTRACE_KIND_CACHE},   {"error", QTRACE_KIND_ERROR},
+};
+const std::span<const Kind_Name> KINDS{KIND_ROWS};
+
+static uint32_t kind_if(bool condition, QTRACE_KIND kind)
+{
+    return condition ? static_cast<uint32_t>(kind) : 0;
+}
+
+static uint32_t kinds_of_branch(uint32_t word, Branch_Outcome outcome)
+{
+    const bool went = outcome == Branch_Outcome::taken || outcome == Branch_Outcome::unconditional;
+    return QTRACE_KIND_BRANCH | kind_if(went, QTRACE_KIND_TAKEN) | kind_if(is_call(word), QTRACE_KIND_CALL) |
+           kind_if(is_return(word), QTRACE_KIND_RETURN);
+}
+
+static uint32_t kinds_of_other(uint32_t word, Instruction_Kind kind)
+{
+    constexpr uint32_t SYSTEM_CALL = 17;
+    return kind_if(kind == load, QTRACE_KIND_LOAD) | kind_if(kind == store, QTRACE_KIND_STORE) |
+           kind_if(kind == cache, QTRACE_KIND_CACHE) | kind_if(word >> 26 == SYSTEM_CALL, QTRACE_KIND_SYSTEM_CALL);
+}
+
+uint32_t kinds_of(const QTRACE_RECORD &record, uint64_t address)
+{
+    const auto &flags = record.header.control.fld;
+    const uint32_t word = record.header.instruction;
+    const Instruction_Info info = instruction_info(word);
+    const Branch_Outcome outcome = branch_outcome(record, address);
+    return (outcome == Branch_Outcome::no_branch ? kinds_of_other(word, info.kind)
+                                                 : kinds_of_branch(word, outcome)) |
+           kind_if(flags.length_present || info.string, QTRACE_KIND_STRING) |
+           kind_if(flags.trace_error_code_present, QTRACE_KIND_ERROR);
 }
 
 } // namespace trace

@@ -119,6 +119,29 @@ const char *qtrace_error(const QTRACE_Reader *reader);
 
 void qtrace_close(QTRACE_Reader *reader);
 
+/* ---- What an instruction does ------------------------------------------------------------------------- */
+
+/* Told by the encoding of the instruction word, the record's flags and its next address. */
+typedef enum QTRACE_KIND {
+    QTRACE_KIND_LOAD = 1,
+    QTRACE_KIND_STORE = 2,
+    QTRACE_KIND_BRANCH = 4,
+    QTRACE_KIND_TAKEN = 8,   /* a branch that was taken; never of the last record of a trace segment, unless
+                                    its termination code tells */
+    QTRACE_KIND_STRING = 16, /* moves a number of bytes that the instruction names itself */
+    QTRACE_KIND_CALL = 32,   /* a branch that sets the link register, taken or not */
+    QTRACE_KIND_RETURN = 64, /* a branch to the link register, taken or not */
+    QTRACE_KIND_SYSTEM_CALL = 128,
+    QTRACE_KIND_CACHE = 256, /* cache management */
+    QTRACE_KIND_ERROR = 512  /* the record carries an error code */
+} QTRACE_KIND;
+
+/* The kinds of the instruction of a record item, or-ed; 0 for one that is none of these, and for other items. */
+uint32_t qtrace_kinds(const QTRACE_Item *item);
+
+/* The name of a single kind ("load", "system_call"); null for anything else. */
+const char *qtrace_kind_name(uint32_t kind);
+
 /* ---- Recovery ---------------------------------------------------------------------------------------- */
 
 /* What a recovery kept and what was lost. */

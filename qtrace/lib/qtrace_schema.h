@@ -13,11 +13,11 @@ extern "C" {
 
 /* What a member holds. */
 typedef enum QTRACE_SHAPE {
-    QTRACE_SHAPE_DECIMAL = 0,        /* a number of 1 to 4 bytes, usually shown in decimal */
-    QTRACE_SHAPE_HEXADECIMAL = 1,    /* a number of 4 or 8 bytes, usually shown in hexadecimal */
-    QTRACE_SHAPE_ADDRESS = 2,        /* an address of 8 bytes */
-    QTRACE_SHAPE_VSID = 3,           /* a number of 7 bytes: bits 8 to 63 of the VSID, least significant byte first */
-    QTRACE_SHAPE_HOST_WALKS = 4,     /* QTRACE_RTW[RDX_MAX_2LEVEL_DEPTH] */
+    QTRACE_SHAPE_DECIMAL = 0,     /* a number of 1 to 4 bytes, usually shown in decimal */
+    QTRACE_SHAPE_HEXADECIMAL = 1, /* a number of 4 or 8 bytes, usually shown in hexadecimal */
+    QTRACE_SHAPE_ADDRESS = 2,     /* an address of 8 bytes */
+    QTRACE_SHAPE_VSID = 3,        /* a number of 7 bytes: bits 8 to 63 of the VSID, least significant byte first */
+    QTRACE_SHAPE_HOST_WALKS = 4,  /* QTRACE_RTW[RDX_MAX_2LEVEL_DEPTH] */
     QTRACE_SHAPE_HOST_ADDRESSES = 5, /* QTRACE_RTW_HOST_RA[RDX_MAX_GUEST_LEVELS] */
     QTRACE_SHAPE_GUEST_WALK = 6,     /* QTRACE_RTW_GUEST */
     QTRACE_SHAPE_REGISTERS = 7,      /* QTRACE_REGISTERS; qtrace_register_lists() describes it further */
@@ -26,13 +26,13 @@ typedef enum QTRACE_SHAPE {
 
 /* A member of QTRACE_RECORD or QTRACE_FILE_HDR. */
 typedef struct QTRACE_Member {
-    const char *name;      /* as in qtrace_t.h; bit-fields that share bytes share a row */
-    const char *group;     /* what it belongs to: "data-address", "next-translation", ...; "unused": never filled */
-    uint16_t offset;       /* in the structure, in bytes */
-    uint16_t width;        /* bytes */
+    const char *name;  /* as in qtrace_t.h; bit-fields that share bytes share a row */
+    const char *group; /* what it belongs to: "data-address", "next-translation", ...; "unused": never filled */
+    uint16_t offset;   /* in the structure, in bytes */
+    uint16_t width;    /* bytes */
     QTRACE_SHAPE shape;
     uint64_t control_gate; /* filled when one of these bits of the control word (8 bytes) is set, */
-    uint32_t file_gate;    /* or of the file header's own flags; both 0: always filled, if the group is not "unused" */
+    uint32_t file_gate; /* or of the file header's own flags; both 0: always filled, if the group is not "unused" */
 } QTRACE_Member;
 
 /* What a flag is for. */

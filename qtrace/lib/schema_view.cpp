@@ -1,4 +1,5 @@
-// The rows of the record schema as the tables that C programs read.
+// The record schema and the instruction kinds as C programs read them.
+#include "instruction_kinds.h"
 #include "record_rows.h"
 
 using namespace trace;
@@ -71,4 +72,15 @@ const QTRACE_Flag *qtrace_file_flags(size_t *count)
 const QTRACE_Register_List *qtrace_register_lists(size_t *count)
 {
     return table<QTRACE_Register_List, rows::REGISTER_ROWS>(count);
+}
+
+uint32_t qtrace_kinds(const QTRACE_Item *item)
+{
+    return item->kind == QTRACE_ITEM_RECORD ? kinds_of(item->record, item->address) : 0;
+}
+
+const char *qtrace_kind_name(uint32_t kind)
+{
+    const auto row = std::ranges::find(KINDS, kind, [](const Kind_Name &name) -> uint32_t { return name.kind; });
+    return row == KINDS.end() ? nullptr : row->name.data();
 }

@@ -155,43 +155,6 @@ void Line_Parser::value(std::string_view key, std::string_view text)
 
 // ---- Comparing -----------------------------------------------------------------------------------------
 
-struct Mode_Name {
-    std::string_view name;
-    Mode_Pair pair;
-};
-
-// Modes that have a pair of their own; all others are none/none.
-constexpr Mode_Name MODE_NAMES[] = {
-    {"HypervisorRealModeHRMOR", {3, 2}},
-    {"HypervisorRealModeNoHRMOR", {3, 2}},
-    {"VirtualRealMode", {2, 2}},
-    {"Z7_GuestHptOnHostHpt", {1, 1}},
-    {"Z7_GuestRadixOnHostHpt", {0, 1}},
-    {"Z7_GuestRealOnHostHpt", {2, 1}},
-    {"Z7_GuestRadixOnHostHpt_HVeq1_LPIDneq0", {1, 0}},
-    {"Z7_GuestRadixOnHostHpt_HVeq1_LPIDeq0", {1, 0}},
-    {"Z7_HostHptSTEGroup", {3, 1}},
-    {"Z7_HostHptShortVA", {3, 1}},
-    {"Z7_ProcessTableEntryHostHpt_Primary_LLP", {3, 1}},
-    {"Z7_ProcessTableEntryHostHpt_Secondary_LLP", {3, 1}},
-    {"Z7_GuestRadixOnHostRadix", {0, 0}},
-    {"Z7_GuestRealOnHostRadix", {3, 0}},
-    {"Z7_HostRadixSingleLevel", {3, 0}},
-    {"Z7_HostRadixProcessScoped", {3, 0}},
-    {"Z7_HypervisorRadixSingleLevel", {3, 0}},
-    {"Z7_HypervisorRadixProcessScoped", {3, 0}},
-    {"Z7_HostRadixSingleLevel_PR_0", {3, 0}},
-    {"Z7_HostRadixSingleLevel_MSR_PR", {3, 0}},
-    {"Z7_ProcessTableEntryRadix", {3, 0}},
-    {"RDX_XLATE_MODE_LAST", {0, 0}},
-};
-
-uint64_t pair_of(std::string_view name)
-{
-    const auto mode = std::ranges::find(MODE_NAMES, name, &Mode_Name::name);
-    return mode == std::end(MODE_NAMES) ? Mode_Pair{3, 3}.index() : mode->pair.index();
-}
-
 // The address that a walk entry of the text stands for; none for one that traces do not carry.
 std::optional<uint64_t> entry_in(const Translated_Address &trace, const Text_Translation::Entry &entry)
 {
@@ -338,7 +301,7 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
     differ("text-length", "the presence of a length", line.length.has_value(), flags.length_present);
     if (line.length && flags.length_present)
         differ("text-length", "the length", *line.length, record.length);
-    differ("text-data-mode", "the pair of data modes", pair_of(line.data_mode),
+    differ("text-data-mode", "the pair of data modes", pair_of_mode(line.data_mode).index(),
            data_modes(record.header.control).index());
     if (after_header_) {
         differ("text-partition", "lpid", line.lpid, number(header_.lpid));
@@ -349,8 +312,8 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
     if (header_gives_address_ || previous_) {
         const Translated_Address own =
             header_gives_address_ ? first_address_of(header_) : next_address_of(*previous_);
-        differ("text-instruction-mode", "the pair of instruction modes", pair_of(line.instruction_mode),
-               own.modes.index());
+        differ("text-instruction-mode", "the pair of instruction modes",
+               pair_of_mode(line.instruction_mode).index(), own.modes.index());
         compare_translation("fetch", line.fetch_translation, own);
     }
 }
