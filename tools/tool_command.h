@@ -32,6 +32,7 @@ std::unique_ptr<Command> make_info_command();
 std::unique_ptr<Command> make_dump_command();
 std::unique_ptr<Command> make_check_command();
 std::unique_ptr<Command> make_stats_command();
+std::unique_ptr<Command> make_tlb_command();
 std::unique_ptr<Command> make_diff_command();
 std::unique_ptr<Command> make_recover_command();
 

@@ -56,7 +56,7 @@ Trace long_trace(size_t records)
     return trace;
 }
 
-const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "diff", "recover"};
+const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "tlb", "diff", "recover"};
 
 } // namespace
 
@@ -160,7 +160,7 @@ TEST(command_line, prints_no_colour_and_no_progress_when_not_on_a_terminal)
 {
     const Folder folder;
     const std::string file = folder.write("trace0", good_trace());
-    for (const char *name : {"info", "dump", "check", "stats"}) {
+    for (const char *name : {"info", "dump", "check", "stats", "tlb"}) {
         const Outcome outcome = qtrace({name, file});
         EXPECT_THAT(outcome.out, Not(HasSubstr("\x1b"))) << name;
         EXPECT_EQ(outcome.err, "") << name;

@@ -1,0 +1,342 @@
+// The TLB model on accesses small enough to count by hand, and the command's options.
+#include "planted_trace.h"
+#include "tlb_feed.h"
+#include "tlb_model.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace qtrace_tool;
+using nlohmann::json;
+
+namespace
+{
+
+Translation host_page(uint64_t number, uint64_t real = 0)
+{
+    Translation translation;
+    translation.page = {number << 12, 1, 0, Xlate_Kind::host, 12};
+    translation.real = real;
+    translation.walk.steps = 1;
+    const uint64_t walk[] = {0x100, 0x200, 0x300, 0x1000 + number * 8};
+    std::ranges::copy(walk, translation.walk.host[0]);
+    return translation;
+}
+
+// A walk of four guest levels over host walks of four: 24 entries. Host directories and the guest's root differ by step.
+Translation nested_page(uint64_t number)
+{
+    Translation translation = host_page(number);
+    translation.page.kind = Xlate_Kind::nested;
+    translation.page.lpid = 1;
+    translation.walk.steps = 5;
+    for (uint64_t step = 0; step < 5; step++) {
+        const uint64_t walk[] = {0x100, 0x200, 0x300, 0x10000 + step * 8};
+        std::ranges::copy(walk, translation.walk.host[step]);
+        translation.walk.guest_real[step] = step < 4 ? 0x40000 + step * 0x1000 : number << 12;
+        if (step < 4)
+            translation.walk.guest_entry[step] = 0x80000 + step * 0x1000;
+    }
+    translation.walk.host[4][3] = 0x20000 + number * 8;
+    translation.walk.guest_entry[3] += number * 8;
+    return translation;
+}
+
+Tlb_Options sized(std::vector<Tlb_Size> levels)
+{
+    Tlb_Options options;
+    options.levels = std::move(levels);
+    options.walk_cache = options.nested_cache = 0;
+    return options;
+}
+
+struct Accesses {
+    explicit Accesses(const Tlb_Options &options) : model(options) {}
+    Accesses &data(uint64_t number, uint64_t real = 0)
+    {
+        model.instruction(0x1000);
+        model.access(Access_Side::data, number << 12, host_page(number, real));
+        return *this;
+    }
+    Accesses &data(std::initializer_list<uint64_t> numbers)
+    {
+        for (const uint64_t number : numbers)
+            data(number);
+        return *this;
+    }
+    Tlb_Model model;
+};
+
+} // namespace
+
+TEST(tlb_model, the_least_recently_used_entry_is_replaced)
+{
+    Accesses accesses(sized({{2, 2}}));
+    accesses.data({1, 2, 1, 3, 1, 2}); // 3 replaces 2, 2 replaces 3
+    EXPECT_EQ(accesses.model.finish().walks(), 4u);
+}
+
+TEST(tlb_model, pages_of_one_set_replace_each_other_only)
+{
+    Accesses accesses(sized({{4, 1}})); // sets 0 to 3
+    accesses.data({0, 4, 0, 1, 1});     // 0 and 4 share a set, 1 is alone
+    EXPECT_EQ(accesses.model.finish().walks(), 4u);
+}
+
+TEST(tlb_model, a_second_level_answers_what_the_first_has_lost)
+{
+    Accesses accesses(sized({{1, 1}, {4, 4}}));
+    accesses.data({1, 2, 1});
+    const Tlb_Figures &figures = accesses.model.finish();
+    EXPECT_EQ(figures.levels[0].misses, 3u);
+    EXPECT_EQ(figures.levels[1].lookups, 3u);
+    EXPECT_EQ(figures.levels[1].misses, 2u);
+    EXPECT_EQ(figures.walks(), 2u);
+    EXPECT_EQ(figures.levels[0].most_reach, 4096u);
+    EXPECT_EQ(figures.levels[1].most_reach, 8192u);
+}
+
+TEST(tlb_model, a_split_first_level_keeps_fetches_and_data_apart)
+{
+    for (const bool split : {false, true}) {
+        Tlb_Options options = sized({{1, 1}});
+        options.split = split;
+        Tlb_Model model(options);
+        for (int i = 0; i < 3; i++) {
+            model.instruction(0x1000);
+            model.access(Access_Side::fetch, 0x1000, host_page(1));
+            model.access(Access_Side::data, 0x2000, host_page(2));
+        }
+        EXPECT_EQ(model.finish().walks(), split ? 2u : 6u);
+    }
+}
+
+TEST(tlb_model, a_page_that_is_mapped_anew_misses)
+{
+    Accesses accesses(sized({{4, 4}}));
+    accesses.data(1, 0x5000).data(1, 0x5000).data(1, 0x6000).data(1, 0x6000);
+    const Tlb_Figures &figures = accesses.model.finish();
+    EXPECT_EQ(figures.remapped, 1u);
+    EXPECT_EQ(figures.walks(), 2u);
+    EXPECT_EQ(figures.distances[0].misses(100), 2u);
+}
+
+TEST(tlb_model, the_curve_counts_other_pages_since_the_last_use)
+{
+    Accesses accesses(sized({{4, 4}}));
+    accesses.data({1, 2, 3, 1, 1, 3}); // distances: first, first, first, 2, 0, 1
+    const Distance_Counts distances = accesses.model.finish().distances[0];
+    EXPECT_EQ(distances.misses(1), 5u);
+    EXPECT_EQ(distances.misses(2), 4u);
+    EXPECT_EQ(distances.misses(3), 3u);
+    EXPECT_EQ(distances.sizes(), (std::vector<uint64_t>{1, 2, 3}));
+}
+
+TEST(tlb_model, the_curve_agrees_with_single_sizes_far_beyond_the_recent_pages)
+{
+    const uint32_t entries[] = {1, 15, 16, 17, 100, 999, 3000};
+    std::vector<Accesses> sizes;
+    for (const uint32_t size : entries)
+        sizes.emplace_back(sized({{size, size}}));
+    uint64_t place = 7;
+    for (int i = 0; i < 30000; i++) {
+        place = place * 6364136223846793005u + 1442695040888963407u;
+        const uint64_t number = (place >> 40) % (i % 3 == 0 ? 2000 : 40);
+        for (Accesses &accesses : sizes)
+            accesses.data(number);
+    }
+    for (size_t i = 0; i < sizes.size(); i++) {
+        const Tlb_Figures &figures = sizes[i].model.finish();
+        EXPECT_EQ(figures.distances[0].accesses(), 30000u);
+        EXPECT_EQ(figures.walks(), figures.distances[0].misses(entries[i])) << entries[i];
+    }
+}
+
+TEST(tlb_model, a_switch_flushes_when_asked_to)
+{
+    for (const bool flush : {false, true}) {
+        Tlb_Options options = sized({{4, 4}});
+        options.flush_on_switch = flush;
+        Accesses accesses(options);
+        accesses.model.switch_to({1, 1});
+        accesses.data({1, 2});
+        accesses.model.switch_to({1, 1}); // none
+        accesses.data(1);
+        accesses.model.switch_to({2, 1});
+        accesses.data(1);
+        const Tlb_Figures &figures = accesses.model.finish();
+        EXPECT_EQ(figures.walks(), flush ? 3u : 2u);
+        EXPECT_EQ(figures.switches, 1u);
+        EXPECT_EQ(figures.after_switch.instructions, 1u);
+        EXPECT_EQ(figures.after_switch.cost.walks, flush ? 1u : 0u);
+        EXPECT_EQ(figures.partitions.at(1).accesses, 3u);
+    }
+}
+
+TEST(tlb_model, a_nested_walk_reads_24_entries_without_caches)
+{
+    Tlb_Model model(sized({{4, 4}}));
+    model.instruction(0);
+    model.access(Access_Side::data, 0x1000, nested_page(1));
+    const Walk_Figures &nested = model.finish().kinds[static_cast<size_t>(Xlate_Kind::nested)];
+    EXPECT_EQ(nested.entries, 24u);
+    EXPECT_EQ(nested.read(), 24u);
+    for (size_t level = 0; level < WALK_LEVELS; level++) {
+        EXPECT_EQ(nested.reads[static_cast<size_t>(Walk_Stage::guest)][level], 1u);
+        EXPECT_EQ(nested.reads[static_cast<size_t>(Walk_Stage::host)][level], 5u);
+    }
+}
+
+TEST(tlb_model, the_walk_cache_keeps_all_but_the_last_entries)
+{
+    Tlb_Options options = sized({{1, 1}});
+    options.walk_cache = 64;
+    Tlb_Model model(options);
+    for (const uint64_t number : {1, 2}) {
+        model.instruction(0);
+        model.access(Access_Side::data, number << 12, nested_page(number));
+    }
+    // First: 3 directories, 4 host leaves on the way, 3 guest directories, the guest's and the host's leaf: 12. Second:
+    // the two leaves.
+    EXPECT_EQ(model.finish().read_entries, 14u);
+}
+
+TEST(tlb_model, the_nested_cache_spares_host_walks)
+{
+    Tlb_Options options = sized({{1, 1}});
+    options.nested_cache = 64;
+    Tlb_Model model(options);
+    for (const uint64_t number : {1, 2}) {
+        model.instruction(0);
+        model.access(Access_Side::data, number << 12, nested_page(number));
+    }
+    const Tlb_Figures &figures = model.finish();
+    EXPECT_EQ(figures.nested_cache_hits, 4u);
+    EXPECT_EQ(figures.read_entries, 24u + 4 + 4); // second: the guest's entries and one host walk
+}
+
+TEST(tlb_model, a_region_of_small_pages_is_worth_one_large_page)
+{
+    Accesses accesses(sized({{2, 2}}));
+    accesses.data({0, 1, 2, 0, 1, 2});
+    const Tlb_Figures &figures = accesses.model.finish();
+    ASSERT_EQ(figures.regions.size(), 1u);
+    const Tlb_Region &region = figures.regions.begin()->second;
+    EXPECT_EQ(region.pages, 3u);
+    EXPECT_EQ(region.walks, 6u);
+    EXPECT_EQ(region.walks_if_one, 1u);
+}
+
+TEST(tlb_model, a_page_size_may_be_assumed)
+{
+    Tlb_Options options = sized({{1, 1}});
+    options.page_bits = 21;
+    Accesses accesses(options);
+    accesses.data({0, 1, 511, 512});
+    EXPECT_EQ(accesses.model.finish().walks(), 2u);
+}
+
+TEST(tlb_model, the_series_has_its_last_part)
+{
+    Tlb_Options options = sized({{1, 1}});
+    options.interval = 2;
+    Accesses accesses(options);
+    accesses.data({1, 1, 2, 3, 3});
+    const std::vector<Tlb_Interval> series = accesses.model.finish().series;
+    ASSERT_EQ(series.size(), 3u);
+    EXPECT_EQ(series[0].cost.walks, 1u);
+    EXPECT_EQ(series[1].cost.walks, 2u);
+    EXPECT_EQ(series[2].instructions, 1u);
+    EXPECT_EQ(series[2].cost.walks, 0u);
+}
+
+// ---- Which page an instruction was fetched from --------------------------------------------------------
+
+namespace
+{
+
+using namespace planted;
+
+// Eight instructions from 0x1fff0 on, in pages of 64K: the fifth stands on the next page. A branch at the end goes
+// back to `target`.
+Trace crossing(uint64_t target)
+{
+    Trace trace(1, good_trace()[FIRST_HEADER]);
+    const uint64_t first = 0x1fff0;
+    std::memcpy(trace[0].header.iar, &first, sizeof(first));
+    for (int i = 0; i < 8; i++)
+        trace.push_back({false, {}, "", plain_record(0x60000000)});
+    Item branch = good_trace()[TAKEN_BRANCH];
+    std::memcpy(branch.record.next_instruction_ea, &target, sizeof(target));
+    trace.push_back(branch);
+    trace.push_back({false, {}, "", plain_record(0x60000000)});
+    return trace;
+}
+
+json tlb_of(const Trace &trace)
+{
+    const planted::Folder folder;
+    return json::parse(qtrace({"tlb", "--json", folder.write("trace0", trace)}).out);
+}
+
+} // namespace
+
+TEST(tlb_fetch, a_page_entered_in_sequence_is_not_known_before_a_record_names_it)
+{
+    const json fetches = tlb_of(crossing(0x10000))["fetches"];
+    EXPECT_EQ(fetches["translated"], 5); // four before the crossing, one after the branch
+    EXPECT_EQ(fetches["not_known"], 5);
+}
+
+TEST(tlb_fetch, a_page_entered_in_sequence_takes_its_last_translation)
+{
+    Trace trace = crossing(0x1fff0);
+    const Trace again = crossing(0x20000);
+    trace.insert(trace.end() - 1, again.end() - 2, again.end() - 1); // a branch at 0x1fff0 to 0x20000
+    Item back = again.end()[-2];
+    const uint64_t target = 0x1fffc;
+    std::memcpy(back.record.next_instruction_ea, &target, sizeof(target));
+    trace.insert(trace.end() - 1, back); // and back, close to the crossing
+    trace.push_back(trace.back());       // 0x20000, entered in sequence
+    const json fetches = tlb_of(trace)["fetches"];
+    EXPECT_EQ(fetches["not_known"], 5);
+    EXPECT_EQ(fetches["translated"], 8);
+}
+
+// ---- The command ---------------------------------------------------------------------------------------
+
+TEST(tlb_command, refuses_configurations_that_do_not_exist)
+{
+    const planted::Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    for (const char *entries : {"0x1", "64x0", "64x5", "x4", "64x", "a", "9999999x1", "-4x1"})
+        EXPECT_EQ(qtrace({"tlb", "--entries", entries, file}).exit_code, 2) << entries;
+    EXPECT_EQ(qtrace({"tlb", "--page-sizes", "3K", file}).exit_code, 2);
+    const Outcome wrong = qtrace({"tlb", "--per", "pages", file});
+    EXPECT_EQ(wrong.exit_code, 2);
+    EXPECT_NE(wrong.err.find("did you mean `page`"), std::string::npos) << wrong.err;
+}
+
+TEST(tlb_command, adds_threads_up)
+{
+    const planted::Folder folder;
+    (void)folder.write("trace0", good_trace());
+    (void)folder.write("trace1", good_trace());
+    const std::string out = qtrace({"tlb", "--json", folder.path("trace")}).out;
+    std::istringstream lines(out);
+    std::vector<json> objects;
+    for (std::string line; std::getline(lines, line);)
+        objects.push_back(json::parse(line));
+    ASSERT_EQ(objects.size(), 3u);
+    EXPECT_EQ(objects[2]["file"], "total");
+    EXPECT_EQ(objects[2]["instructions"], 2 * objects[0]["instructions"].get<int>());
+    EXPECT_EQ(objects[2]["walks"], 2 * objects[0]["walks"].get<int>());
+}
+
+TEST(tlb_command, says_what_is_not_modelled)
+{
+    const planted::Folder folder;
+    const Outcome outcome = qtrace({"tlb", folder.write("trace0", good_trace())});
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_NE(outcome.out.find("Not modelled"), std::string::npos);
+}

@@ -1,0 +1,120 @@
+// A model of TLBs and walk caches: it is told of the accesses of one hardware thread in their order, and counts what
+// their translation costs.
+#pragma once
+
+#include "tlb_figures.h"
+#include "tlb_lru.h"
+
+#include <optional>
+
+namespace qtrace_tool
+{
+
+inline constexpr size_t MOST_HOST_WALKS = 5;
+inline constexpr uint64_t AFTER_SWITCH = 1000; // instructions that count as those after a switch
+
+struct Tlb_Size {
+    uint32_t entries, ways;
+};
+
+struct Tlb_Options {
+    std::vector<Tlb_Size> levels{{64, 4}, {1536, 12}};
+    bool split = false; // the first level is one TLB for fetches and one for data, of that size each
+    size_t walk_cache = 16, nested_cache = 16; // entries
+    std::optional<uint8_t> page_bits;          // every page has this size; without: as the trace says
+    bool flush_on_switch = false;
+    uint64_t interval = 0; // instructions; 0: no series
+};
+
+// The table entries that a walk reads, in its order: for each of `steps` host walks the directory entries of levels
+// 1 to 3 (0: the walk has none) and the page-table entry; between the host walks the guest's entries.
+struct Table_Walk {
+    uint8_t steps = 0; // 0: the entries are not known
+    uint64_t host[MOST_HOST_WALKS][WALK_LEVELS] = {};
+    uint64_t guest_real[MOST_HOST_WALKS] = {}; // address that each host walk translates; none in a walk of the host
+    uint64_t guest_entry[MOST_HOST_WALKS - 1] = {}; // host real address of each of the guest's entries
+};
+
+struct Translation {
+    Tlb_Page page;
+    uint64_t real = 0; // of the page's first byte; of nested translations the guest's
+    Table_Walk walk;
+};
+
+enum class Access_Side : uint8_t { fetch, data };
+
+class Tlb_Model
+{
+public:
+    explicit Tlb_Model(const Tlb_Options &options);
+
+    // The next instruction, at `address`; its accesses follow.
+    void instruction(uint64_t address);
+    void access(Access_Side side, uint64_t address, const Translation &translation);
+    void untranslated(Access_Side side) { figures_.untranslated[index(side)]++; }
+    void not_known(Access_Side side) { figures_.not_known[index(side)]++; }
+    void suspect() { figures_.suspect++; }
+    // The following instructions belong to `partition`.
+    void switch_to(const Partition_Key &partition);
+
+    // The counts up to here. To be called once, at the end.
+    const Tlb_Figures &finish();
+
+private:
+    // Levels with the same pages in them: those of the model, and those with larger pages beside it.
+    struct Hierarchy {
+        std::vector<Tlb_Level> levels; // with --split the first two are the first level
+        bool split;
+        Hierarchy(const std::vector<Tlb_Size> &sizes, bool split);
+        Tlb_Level &level(size_t i, Access_Side side)
+        {
+            return levels[split ? i + (i > 0 || side == Access_Side::data) : i];
+        }
+        size_t depth() const { return levels.size() - split; }
+    };
+    struct Page_State {
+        uint64_t real;
+        Tlb_Cost *cost; // of the page, in figures_.pages
+        Tlb_Cost *size_cost;
+        Tlb_Region *region; // null: the page is as large as a region
+        uint32_t large;     // number of the page or region in the other hierarchy
+    };
+    struct Numbers {
+        std::unordered_map<Tlb_Page, uint32_t, Tlb_Page_Hash> of;
+        uint32_t number(const Tlb_Page &page)
+        {
+            return of.try_emplace(page, static_cast<uint32_t>(of.size())).first->second;
+        }
+    };
+    static size_t index(Access_Side side) { return static_cast<size_t>(side); }
+
+    uint32_t page_number(Access_Side side, const Tlb_Page &page, uint64_t real);
+    void new_page(const Tlb_Page &page, uint64_t real);
+    void drop_remapped(uint32_t page, uint64_t real);
+    void charge(Page_State &state, const Tlb_Cost &cost);
+    void count_distance(Access_Side side, uint32_t page);
+    bool look_up(Access_Side side, uint32_t number, const Tlb_Page &page);
+    void look_up_large(Access_Side side, const Page_State &state, const Tlb_Page &page);
+    void walk(const Translation &translation, Page_State &state);
+    void read_host_walk(Walk_Figures &kind, const Table_Walk &walk, size_t step);
+    void read_entry(Walk_Figures &kind, uint64_t address, Walk_Stage stage, size_t level, bool last);
+    void flush();
+
+    Tlb_Options options_;
+    Tlb_Figures figures_;
+    Hierarchy tlb_, large_tlb_;
+    Numbers numbers_, large_numbers_;
+    std::vector<Page_State> pages_;
+    std::array<std::pair<Tlb_Page, uint32_t>, 2> last_; // page of the last access of each side
+    std::array<bool, 2> has_last_{};
+    std::vector<Lru_Distances> distances_;
+    Lru_Keys walk_cache_, nested_cache_;
+    std::optional<Partition_Key> partition_;
+    Tlb_Cost *partition_cost_ = nullptr, *process_cost_ = nullptr;
+    uint64_t address_ = 0;                 // of the instruction
+    uint64_t since_switch_ = AFTER_SWITCH; // instructions, at most AFTER_SWITCH
+    bool after_switch_ = false;
+    Tlb_Interval interval_;
+};
+
+} // namespace qtrace_tool
