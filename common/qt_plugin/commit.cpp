@@ -12,38 +12,30 @@
 
 // ---- A captured node, all zero again ----------------------------------------------------------------------------
 
-// The first host walk and its result, or everything.
-INLINE_BODY void clear_walk_storage(const Xlate_Fields &x, bool whole)
+// The first host walk and its result; with `nested` all of them.
+INLINE_BODY void clear_host_walks(const Xlate_Fields &x, bool nested)
 {
-    if (whole) {
+    if (nested) {
         clear_bytes<sizeof x.hRTW>(x.hRTW);
         clear_bytes<sizeof x.hRTW_host_RA>(x.hRTW_host_RA);
-        clear_bytes<sizeof x.gRTW>(&x.gRTW);
     } else {
         clear_bytes<sizeof x.hRTW[0]>(x.hRTW);
         clear_bytes<sizeof x.hRTW_host_RA[0]>(x.hRTW_host_RA);
     }
 }
 
-static bool has_guest_walk(RDX_XLATE_MODE mode)
-{
-    const XLATE_CASE rule = mode_info(mode).rule;
-    return rule == CASE_GUEST_RADIX || rule == CASE_GUEST_REAL_RADIX;
-}
-
 INLINE_BODY void clear_registers(Plugin_Inst_Registers &registers)
 {
-    for_each_class(
+    for_each_used_class(
         [](auto used) {
-            if (used.num == 0)
-                return;
-            for (int32_t i = 0; i < used.num && i < used.capacity; ++i) {
+            const int32_t filled = std::min<int32_t>(used.num, used.capacity);
+            for (int32_t i = 0; i < filled; ++i) {
                 used.index[i] = 0;
                 used.value[i] = {};
             }
             used.num = 0;
         },
-        register_classes(registers));
+        registers, register_classes(registers));
 }
 
 // Makes a node all zero again that nothing but capture, this file and the tree's flags have written to. A node has 2.6
@@ -52,24 +44,24 @@ INLINE_BODY void clear_registers(Plugin_Inst_Registers &registers)
 WIDE_STORES static void clear_captured(Node *p)
 {
     First_OP_Info &info = p->info;
-    const bool walks = has_guest_walk(p->pc_radix_type) || has_guest_walk(p->data_radix_type) ||
-                       has_guest_walk(p->nextPC_radix_type);
-    clear_walk_storage(pc_fields(p), walks);
-    clear_walk_storage(next_pc_fields(p), walks);
-    clear_walk_storage(data_fields(p), walks);
+    // only a guest's walk of some depth has host walks besides the first
+    const bool nested = p->pc_guest_walkdepth | p->nextPC_guest_walkdepth | p->data_guest_walkdepth;
+    clear_host_walks(pc_fields(p), nested);
+    clear_host_walks(next_pc_fields(p), nested);
+    clear_host_walks(data_fields(p), nested);
     CLEAR_MEMBERS(Node, p, proc_index, PC_hRTW);
-    CLEAR_MEMBERS(Node, p, ptcr, nextPC_hRTW);
-    CLEAR_MEMBERS(Node, p, nextPC_pagesize, reg_in);
+    CLEAR_MEMBERS(Node, p, PC_gRTW, nextPC_hRTW);
+    CLEAR_MEMBERS(Node, p, nextPC_gRTW, reg_in);
     clear_registers(p->reg_in);
     clear_registers(p->reg_out);
     CLEAR_MEMBERS(Node, p, done, info.name);
     if (qfile_in_text)
         clear_bytes<sizeof info.name>(info.name);
     CLEAR_MEMBERS(Node, p, info.branch, info.data_hRTW);
-    clear_bytes<sizeof *p - offsetof(Node, info.data_gpagesize)>(&info.data_gpagesize);
+    clear_bytes<sizeof *p - offsetof(Node, info.data_gRTW)>(&info.data_gRTW);
 }
 
-static void count_instruction(void *iop)
+INLINE_BODY void count_instruction(void *iop)
 {
     if (Is_Inst_VMX(iop)) {
         ++VMX_instr_commited;
@@ -141,11 +133,20 @@ static Node *fix_crack(Node *last)
     return whole;
 }
 
+// What one commit in cycle mode completes: an instruction, or null while a cracked one has more micro-ops to come.
+SELDOM Node *join_micro_ops(Node *p)
+{
+    if (is_cracked_piece(p)) {
+        keep_piece(p);
+        return nullptr;
+    }
+    return crack_inst[p->proc_index] ? fix_crack(p) : p;
+}
+
 // ---- Into the tree ----------------------------------------------------------------------------------------------
 
-static void drain_pre_execution(Node *current)
+SELDOM void drain_pre_execution(Node *&waiting, Node *current)
 {
-    Node *&waiting = pre_execution[current->proc_index];
     while (waiting && waiting->seq <= current->seq) {
         Node *first = waiting;
         if (first->seq == current->seq)
@@ -155,15 +156,15 @@ static void drain_pre_execution(Node *current)
     }
 }
 
-static void take_flushed(int tid)
+SELDOM void take_flushed(int tid)
 {
-    if (flush[tid] && insert_to_list(flush_list[tid], flush[tid]))
+    if (insert_to_list(flush_list[tid], flush[tid]))
         flush[tid] = nullptr;
 }
 
 // What one node knows about its address into what the node before it says about its next address. Walks that the
 // case does not use are zero on both sides.
-static void copy_translation(const Xlate_Fields &to, const Xlate_Fields &from)
+INLINE_BODY void copy_translation(const Xlate_Fields &to, const Xlate_Fields &from)
 {
     const XLATE_CASE rule = dispatched_case(from.radix_type, from.relocation);
     const Xlate_Case_Info &carried = XLATE_CASES[rule];
@@ -215,10 +216,8 @@ static Node *place_flushed(Node *start, Node *flushed)
 }
 
 // Returns 0 when a flushed instruction is still ahead of `current`: then nothing may be written yet.
-static boolean place_all_flushed(Node *current)
+SELDOM boolean place_all_flushed(List *list, Node *start, const Node *current)
 {
-    List *list = flush_list[current->proc_index];
-    Node *start = root[current->proc_index];
     while (!is_list_empty(list)) {
         if (list->list[0]->seq > current->seq)
             return 0;
@@ -227,35 +226,37 @@ static boolean place_all_flushed(Node *current)
     return 1;
 }
 
-static void write_all_before(Node *current, Node *previous)
+// Writes and frees the tree from `first` up to `previous`, the node before the newest one. `plain` is the node that can
+// be cleared member by member, if there is one.
+static void write_all_before(Node *first, Node *previous, const Node *plain)
 {
-    Node *&first = root[current->proc_index];
     dump_tree_right(first);
     previous->left = nullptr;
-    if (first == previous && first == plain_commit[current->proc_index] && !first->right) {
+    if (first == previous && first == plain && !first->right) {
         clear_captured(first);
         free_clear_node(first);
     } else {
         del_tree(first);
     }
-    first = current;
 }
 
-static void link_instruction(Node *current)
+static void link_instruction(int tid, Node *current)
 {
-    const int tid = current->proc_index;
-    if (!root[tid]) {
+    Node *first = root[tid];
+    Node *previous = last_commit[tid];
+    last_commit[tid] = current;
+    if (!first) {
         root[tid] = current;
-        last_commit[tid] = current;
         return;
     }
-    take_flushed(tid);
-    Node *previous = last_commit[tid];
+    if (flush[tid])
+        take_flushed(tid);
     previous->left = current;
-    last_commit[tid] = current;
     fill_next_address(previous, current);
-    if (place_all_flushed(current))
-        write_all_before(current, previous);
+    if (!is_list_empty(flush_list[tid]) && !place_all_flushed(flush_list[tid], first, current))
+        return;
+    write_all_before(first, previous, plain_commit[tid]);
+    root[tid] = current;
 }
 
 // ---- Events -----------------------------------------------------------------------------------------------------
@@ -269,28 +270,35 @@ void Event_Instruction_PreExecution(void *iop)
         In_Cycle_Mode(iop); // nothing is captured before execution; hosts expect the question all the same
 }
 
+// Whether the thread's instructions are captured; a deferred action is carried out first. Nearly always there is none
+// and the thread is not paused. The two calls assert what this test does not find.
+INLINE_BODY bool is_collected(int tid)
+{
+    if (commit_action && paused && tid < hardware_threads() && !commit_action[tid] && !paused[tid])
+        return true;
+    act_on_commit(tid);
+    return !is_thread_paused(tid);
+}
+
 void Event_Instruction_Commit(void *iop)
 {
     if (!init)
         return;
     const int tid = Get_Inst_ThreadId(iop);
-    act_on_commit(tid);
-    if (is_thread_paused(tid))
+    if (!is_collected(tid))
         return;
     Node *current = capture_instruction(tid, iop);
     if (!current)
         return;
     count_instruction(iop);
     if (!current->simple) {
-        if (is_cracked_piece(current)) {
-            keep_piece(current);
+        current = join_micro_ops(current);
+        if (!current)
             return;
-        }
-        if (crack_inst[tid])
-            current = fix_crack(current);
     }
     const bool plain = current->simple && !pre_execution[tid];
-    drain_pre_execution(current);
-    link_instruction(current);
+    if (!plain)
+        drain_pre_execution(pre_execution[tid], current);
+    link_instruction(tid, current);
     plain_commit[tid] = plain ? current : nullptr;
 }

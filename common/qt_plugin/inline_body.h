@@ -3,3 +3,6 @@
 #pragma once
 
 #define INLINE_BODY static inline __attribute__((always_inline))
+
+// For what few instructions need: kept out of its caller, which then saves fewer registers and has no arrays.
+#define SELDOM static __attribute__((noinline, cold))

@@ -1,5 +1,6 @@
 #include "ordering.h"
 
+#include "inline_body.h"
 #include "record.h"
 #include "text.h"
 
@@ -139,16 +140,6 @@ Node *pop(Stack *stack)
     return stack->stack[--stack->stack_index];
 }
 
-boolean is_stack_empty(const Stack *stack)
-{
-    return stack->stack_index == 0;
-}
-
-void reset_stack(Stack *stack)
-{
-    stack->stack_index = 0;
-}
-
 boolean insert_to_list(List *list, Node *node)
 {
     if (!list)
@@ -173,11 +164,6 @@ Node *remove_from_list(List *list)
     --list->list_index;
     memmove(list->list, list->list + 1, static_cast<size_t>(list->list_index) * sizeof(Node *));
     return first;
-}
-
-boolean is_list_empty(const List *list)
-{
-    return !list || list->list_index == 0;
 }
 
 // ---- Chains and side chains ----------------------------------------------------------------------------------
@@ -320,6 +306,18 @@ static void set_flags(Node *node, boolean next_address, boolean number, boolean 
     node->T = termination;
 }
 
+// A node with a successor and no side chain.
+INLINE_BODY void set_flags_before_successor(Node *node, uint8_t &count)
+{
+    const bool sequential = is_next_sequential(node);
+    if (sequential && node->info.branch == '?') {
+        set_flags(node, 0, 0, 0);
+        return;
+    }
+    set_flags(node, !(sequential && node->info.taken != 'Y'), 1, 1);
+    number_node(node, count);
+}
+
 // `count` numbers flushed nodes; s2 holds the nodes with both a successor and a side chain.
 static void set_node_flags(Node *node, uint8_t &count)
 {
@@ -328,13 +326,7 @@ static void set_node_flags(Node *node, uint8_t &count)
         number_node(node, count);
         push(s2, node);
     } else if (node->left) {
-        const boolean falls_through = is_next_sequential(node) && node->info.taken != 'Y';
-        if (is_next_sequential(node) && node->info.branch == '?') {
-            set_flags(node, 0, 0, 0);
-        } else {
-            set_flags(node, !falls_through, 1, 1);
-            number_node(node, count);
-        }
+        set_flags_before_successor(node, count);
     } else if (!node->right) { // the end of a chain; a node with only a side chain keeps what it has
         set_flags(node, 0, 0, 1);
         if (!is_stack_empty(s2))
@@ -359,7 +351,7 @@ void set_NIT_bit(Node *first)
 
 // ---- Writing -------------------------------------------------------------------------------------------------
 
-static void write_node(Node *node, Node *first)
+INLINE_BODY void write_node(Node *node, Node *first)
 {
     if (qfile_in_text)
         dump_node_text(node);
@@ -374,23 +366,19 @@ static bool is_pair(const Node *first)
     return second && !first->right && !second->left && !second->right;
 }
 
-// What the walks below do, for a pair.
-static Node *write_first_of_pair(Node *first)
+// What the walks below do, for a pair: the second node ends the chain.
+INLINE_BODY Node *write_first_of_pair(Node *first)
 {
     Node *second = first->left;
     uint8_t count = 1;
-    reset_stack(s2);
-    set_node_flags(first, count);
-    set_node_flags(second, count);
+    set_flags_before_successor(first, count);
+    set_flags(second, 0, 0, 1);
     write_node(first, first);
     return second;
 }
 
-// Writes the tree in order, all but the last node reached, which is returned.
-static Node *write_all_but_last(Node *first)
+static Node *write_any_tree_but_last(Node *first)
 {
-    if (is_pair(first))
-        return write_first_of_pair(first);
     set_NIT_bit(first);
     reset_stack(s1);
     push(s1, first);
@@ -401,6 +389,12 @@ static Node *write_all_but_last(Node *first)
             return node;
         write_node(node, first);
     }
+}
+
+// Writes the tree in order, all but the last node reached, which is returned.
+INLINE_BODY Node *write_all_but_last(Node *first)
+{
+    return is_pair(first) ? write_first_of_pair(first) : write_any_tree_but_last(first);
 }
 
 void dump_tree_right(Node *first)

@@ -24,14 +24,23 @@ void del_list(List *list);    // null is allowed
 
 void push(Stack *stack, Node *node); // a full stack is reported and stays as it is
 Node *pop(Stack *stack);             // not on an empty stack
-boolean is_stack_empty(const Stack *stack);
-void reset_stack(Stack *stack);
+inline boolean is_stack_empty(const Stack *stack)
+{
+    return stack->stack_index == 0;
+}
+inline void reset_stack(Stack *stack)
+{
+    stack->stack_index = 0;
+}
 
 // Keeps ascending order of terminated_seq; equal keys stay in the order of their insertion. Returns 1; 0 when the
 // list is missing or full (reported), then `node` stays the caller's.
 boolean insert_to_list(List *list, Node *node);
-Node *remove_from_list(List *list);      // the first entry; not on an empty list
-boolean is_list_empty(const List *list); // true also for null
+Node *remove_from_list(List *list);            // the first entry; not on an empty list
+inline boolean is_list_empty(const List *list) // true also for null
+{
+    return !list || list->list_index == 0;
+}
 
 // Puts `node` into a chain (by left) of ascending seq and returns the chain's head. A node whose seq is there
 // already is reported and freed.

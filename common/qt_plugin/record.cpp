@@ -35,14 +35,14 @@ static void put_control(control_word &to, uint64_t bits)
 static uint64_t instruction_modes(RDX_XLATE_MODE mode)
 {
     const Xlate_Mode_Info &info = mode_info(mode);
-    return CONTROL(secondary_extender_present) | CONTROL(guest_xlate_mode_instruction) * (info.guest & 3u) |
-           CONTROL(host_xlate_mode_instruction) * (info.host & 3u);
+    return CONTROL(secondary_extender_present) | CONTROL(guest_xlate_mode_instruction) * info.guest |
+           CONTROL(host_xlate_mode_instruction) * info.host;
 }
 
 static uint64_t data_modes(RDX_XLATE_MODE mode)
 {
     const Xlate_Mode_Info &info = mode_info(mode);
-    return CONTROL(guest_xlate_mode_data) * (info.guest & 3u) | CONTROL(host_xlate_mode_data) * (info.host & 3u);
+    return CONTROL(guest_xlate_mode_data) * info.guest | CONTROL(host_xlate_mode_data) * info.host;
 }
 
 // ---- Addresses with their translation --------------------------------------------------------------------------
@@ -109,8 +109,9 @@ static void put_host_walk_levels(QTRACE_RTW &to, const HostRadixTree &from, uint
     put_value(to.RTPTE_ra, from.RTPTE_ra);
 }
 
-// Each access of the guest's walk with the host walk behind it. Accesses beyond the arrays are left out.
-static void put_nested_walk(const Record_Address &to, const Xlate_Fields &from)
+// Each access of the guest's walk with the host walk that translates it. Accesses beyond the arrays are left out. Takes
+// copies: with references its callers would have to build both views in memory, also for addresses without such a walk.
+static void put_nested_walk(const Record_Address to, const Xlate_Fields from)
 {
     const auto levels = static_cast<uint8_t>(from.host_walkdepth - 1);
     const auto last = static_cast<uint8_t>(from.guest_walkdepth - 1); // number of the final host walk
@@ -209,7 +210,7 @@ static void put_first_instruction(QTRACE_FILE_HDR &header, Node *p)
 }
 
 // The header in front of a stretch of tracing. Returns 1 when it was written.
-static boolean write_file_header(Node *p)
+SELDOM boolean write_file_header(Node *p)
 {
     QTRACE_FILE_HDR header;
     memset(&header, 0, sizeof header);
@@ -227,7 +228,7 @@ static boolean write_file_header(Node *p)
     return 0;
 }
 
-static boolean write_partition_header(const Node *p)
+SELDOM boolean write_partition_header(const Node *p)
 {
     QTRACE_FILE_HDR header;
     memset(&header, 0, sizeof header);
@@ -328,14 +329,25 @@ static int64_t count_registers(const Plugin_Inst_Registers &registers)
     return total;
 }
 
-static uint64_t put_register_trace(QTRACE_RECORD &record, const Node *p)
+// Any registers: a direction has them when its counts add up to more than 0.
+__attribute__((noinline)) static uint64_t put_all_classes(QTRACE_REGISTERS &to, const Node *p)
 {
     const int64_t in = count_registers(p->reg_in), out = count_registers(p->reg_out);
     if (in > 0)
-        put_registers(in_registers(record.regs), p->reg_in);
+        put_registers(in_registers(to), p->reg_in);
     if (out > 0)
-        put_registers(out_registers(record.regs), p->reg_out);
+        put_registers(out_registers(to), p->reg_out);
     return CONTROL(register_trace_present) * (in + out > 0);
+}
+
+// Most instructions have general registers only.
+INLINE_BODY uint64_t put_register_trace(QTRACE_REGISTERS &to, const Node *p)
+{
+    if (other_counts(p->reg_in) | other_counts(p->reg_out))
+        return put_all_classes(to, p);
+    put_class(in_registers(to).gpr, register_classes(p->reg_in).gpr);
+    put_class(out_registers(to).gpr, register_classes(p->reg_out).gpr);
+    return CONTROL(register_trace_present) * (int64_t{p->reg_in.gpr_num} + p->reg_out.gpr_num > 0);
 }
 
 static uint64_t put_data(QTRACE_RECORD &record, Node *p)
@@ -362,15 +374,15 @@ static uint64_t put_string_length(QTRACE_RECORD &record, const First_OP_Info &in
 
 // ---- The record ------------------------------------------------------------------------------------------------
 
-WIDE_STORES static void clear_record(QTRACE_RECORD *record)
+WIDE_STORES static void clear_record(QTRACE_RECORD *to)
 {
-    clear_bytes<sizeof *record>(record);
+    clear_bytes<sizeof *to>(to);
 }
 
 boolean dump_node(Node *p)
 {
-    alignas(64) QTRACE_RECORD record; // cleared whole, whatever the library did to the one before
-    clear_record(&record);
+    alignas(64) static QTRACE_RECORD record;
+    clear_record(&record); // whole for each node, whatever the library did to the one before
     uint64_t flags = 0;
     if (!hdr_write[p->proc_index]) {
         if (!write_file_header(p))
@@ -385,7 +397,7 @@ boolean dump_node(Node *p)
     if (p->partition_change && !write_partition_header(p))
         return 0;
     flags |= put_next_instruction(record, p);
-    flags |= put_register_trace(record, p);
+    flags |= put_register_trace(record.regs, p);
     flags |= put_data(record, p);
     flags |= put_string_length(record, p->info);
     put_control(record.header.control, flags);

@@ -17,14 +17,37 @@ template <class Gpr, class Fpr, class Spr, class Vmx, class Vsx> struct Register
 template <class Gpr, class Fpr, class Spr, class Vmx, class Vsx>
 Register_Classes(Gpr, Fpr, Spr, Vmx, Vsx) -> Register_Classes<Gpr, Fpr, Spr, Vmx, Vsx>;
 
-// Calls visit(gpr of each, ...), visit(fpr of each, ...) and so on.
-template <class Visit, class... Classes> INLINE_BODY void for_each_class(Visit visit, const Classes &...classes)
+template <class Visit, class... Classes>
+INLINE_BODY void visit_other_classes(Visit visit, const Classes &...classes)
 {
-    visit(classes.gpr...);
     visit(classes.fpr...);
     visit(classes.spr...);
     visit(classes.vmx...);
     visit(classes.vsx...);
+}
+
+// Calls visit(gpr of each, ...), visit(fpr of each, ...) and so on.
+template <class Visit, class... Classes> INLINE_BODY void for_each_class(Visit visit, const Classes &...classes)
+{
+    visit(classes.gpr...);
+    visit_other_classes(visit, classes...);
+}
+
+// The counts of all classes but the general registers' as one number, which is 0 when they are.
+INLINE_BODY int32_t other_counts(const Plugin_Inst_Registers &r)
+{
+    return r.fpr_num | r.spr_num | r.vmx_num | r.vsx_num;
+}
+
+// The same as for_each_class where a visit of a class without registers in `r` has no effect. Most instructions have
+// general registers only.
+template <class Visit, class... Classes>
+INLINE_BODY void for_each_used_class(Visit visit, const Plugin_Inst_Registers &r, const Classes &...classes)
+{
+    if (r.gpr_num)
+        visit(classes.gpr...);
+    if (other_counts(r))
+        visit_other_classes(visit, classes...);
 }
 
 // One class of a Plugin_Inst_Registers, where it lies. `num` is the host's count, which may exceed the capacity.

@@ -14,7 +14,7 @@ static char line[16384];
 
 const char *get_xlate_type_string(RDX_XLATE_MODE mode)
 {
-    return mode_info(mode).name;
+    return mode_info(mode).name.data();
 }
 
 // ---- Translation sections --------------------------------------------------------------------------------------
@@ -22,12 +22,13 @@ const char *get_xlate_type_string(RDX_XLATE_MODE mode)
 // The two sections of a line differ on purpose in a few places; readers rely on each difference. What differs is
 // said here, the rest is written once.
 struct Text_Side {
-    const char *label;         // in front of the names of walk items
+    Short_Word label;          // in front of the names of walk items
     bool continues_group;      // hashed-page-table items continue the "(DEA:" group: ", " in front, no parentheses
     bool real_has_page_number; // the host-real item is followed by the page number
     bool guest_real_hpt_on;    // mode 16 with translation on is written like mode 14
-    const char *gra_end;       // what follows the guest real address of a guest-real walk
-    const char *odd_pte_label; // the label of one entry: block 4, host walk of one directory level, first entry
+    Short_Word gra_end;        // what follows the guest real address of a guest-real walk
+    std::string_view
+        odd_pte_label; // the label of one entry: block 4, host walk of one directory level, first entry
 };
 
 static constexpr Text_Side FETCH_TEXT = {"iar_", false, false, false, "", "(vhRTPTE_L2_RA:0x"};
@@ -59,19 +60,19 @@ static char *put_host_real(char *out, const Text_Side &side, const Xlate_Fields 
 
 static char *put_hpt(char *out, const Text_Side &side, const Xlate_Fields &x, bool guest_address, bool guest_page)
 {
-    out = put<"%sVSID:0x%016lX">(out, side.continues_group ? ", " : "(", x.VSID);
+    out = put<"%sVSID:0x%016lX">(out, side.continues_group ? Short_Word(", ") : Short_Word("("), x.VSID);
     if (guest_address)
         out = put<", gRA:0x%016lX">(out, x.gRTW.GUEST_ra);
     out = put<", RPN:0x%08x, HostPageSize:%d">(out, x.RPN, int{x.pagesize});
     if (guest_page)
         out = put<", GuestPageSize:%d">(out, int{x.gpagesize});
-    return put<"%s">(out, side.continues_group ? "" : ") ");
+    return side.continues_group ? out : put<") ">(out);
 }
 
 // One host walk as one item with all its addresses; `levels` other than 1 to 3 have none.
 static char *put_host_walk(char *out, const Text_Side &side, const HostRadixTree &walk, uint8_t levels)
 {
-    const char *l = side.label;
+    const Short_Word &l = side.label;
     if (levels == 1)
         return put<"(%shRTPDE_L1_RA:0x%016lX, %shRTPTE_RA:0x%016lX) ">(out, l, walk.RTPDE_ra_l1, l, walk.RTPTE_ra);
     if (levels == 2)
@@ -131,7 +132,7 @@ static char *put_page_sizes(char *out, const Xlate_Fields &x)
 // A guest walk that cannot be in the arrays (no access, or more than five) has no blocks.
 static char *put_nested_walk(char *out, const Text_Side &side, const Xlate_Fields &x)
 {
-    const char *l = side.label;
+    const Short_Word &l = side.label;
     const GuestRadixTree &guest = x.gRTW;
     const auto levels = static_cast<uint8_t>(x.host_walkdepth - 1);
     out = put<"(%sGuest_RAs: (%sgRTPDE_L1_RA:0x%016lX %sgRTPDE_L2_RA:0x%016lX %sgRTPDE_L3_RA:0x%016lX "
@@ -190,24 +191,24 @@ static char *put_register_value(char *out, const QuadWord &value)
 }
 
 // Both 128-bit classes have the letter v; the order of the classes tells them apart.
-static constexpr Register_Classes CLASS_LETTERS = {"r", "f", "s", "v", "v"};
+static constexpr Register_Classes CLASS_LETTERS = {'r', 'f', 's', 'v', 'v'};
 
-// One class of registers; `ordinal` runs over all classes of a direction.
-template <class Class>
-static char *put_class(char *out, const char *direction, const char *letter, int &ordinal, Class from)
+// One class of registers; `ordinal` runs over all classes of a direction. `item` begins each.
+template <Format item, class Class> static char *put_class(char *out, char letter, int &ordinal, Class from)
 {
-    for (int i = 0; i < std::min<int32_t>(from.num, from.capacity); ++i) {
-        out = put<"(%s Reg %d(%s%d):0x">(out, direction, ordinal++, letter, from.index[i]);
+    const int32_t filled = std::min<int32_t>(from.num, from.capacity);
+    for (int i = 0; i < filled; ++i) {
+        out = put<"%c%d):0x">(put<item>(out, ordinal++), letter, from.index[i]);
         out = put_register_value(out, from.value[i]);
     }
     return out;
 }
 
-static char *put_registers(char *out, const char *direction, const Plugin_Inst_Registers &registers)
+template <Format item> static char *put_registers(char *out, const Plugin_Inst_Registers &registers)
 {
     int ordinal = 0;
-    for_each_class([&](const char *letter, auto from) { out = put_class(out, direction, letter, ordinal, from); },
-                   CLASS_LETTERS, register_classes(registers));
+    for_each_used_class([&](char letter, auto from) { out = put_class<item>(out, letter, ordinal, from); },
+                        registers, CLASS_LETTERS, register_classes(registers));
     return out;
 }
 
@@ -217,7 +218,7 @@ static char *put_header_lines(char *out, const Node *p)
 {
     char comment[AUTO_COMMENT_SIZE];
     auto_comment(p, comment);
-    return put<"*** FILE HEADER INSERTED *** \n%s\n">(out, static_cast<const char *>(comment));
+    return put<"*** FILE HEADER INSERTED *** \n%s\n">(out, std::string_view(comment));
 }
 
 static char *put_partition_change(char *out, const Node *p)
@@ -229,21 +230,20 @@ static char *put_partition_change(char *out, const Node *p)
 
 static char *put_name(char *out, const char (&name)[INST_NAME_SIZE])
 {
-    out = put<"{name:">(out);
-    const size_t length = strnlen(name, sizeof name);
-    memcpy(out, name, length);
-    return put<"} ">(out + length);
+    return put<"{name:%s} ">(out, std::string_view(name, strnlen(name, sizeof name)));
 }
 
 static char *put_identity(char *out, const Node *p)
 {
     const First_OP_Info &info = p->info;
     out = put<"(seq:%ld,tid:%d) (xlatetype_I:%s) (xlatetype_D:%s) ">(
-        out, static_cast<int64_t>(p->seq), p->proc_index, get_xlate_type_string(p->pc_radix_type),
-        get_xlate_type_string(p->data_radix_type));
-    out = put<"(pid:%d,lpid:%ld,ptcr:0x%016lX) (%s,%s) (commit:%d)(instbody:0x%08x) ">(
-        out, static_cast<int32_t>(p->pid), static_cast<int64_t>(p->lpid), p->ptcr, info.kernel ? "KERN" : "USER",
-        p->simple ? "SIMP" : "CYCLE", static_cast<int>(p->commit), info.instbody);
+        out, static_cast<int64_t>(p->seq), p->proc_index, mode_info(p->pc_radix_type).name,
+        mode_info(p->data_radix_type).name);
+    out = put<"(pid:%d,lpid:%ld,ptcr:0x%016lX) ">(out, static_cast<int32_t>(p->pid), static_cast<int64_t>(p->lpid),
+                                                  p->ptcr);
+    out = info.kernel ? put<"(KERN,">(out) : put<"(USER,">(out);
+    out = p->simple ? put<"SIMP) ">(out) : put<"CYCLE) ">(out);
+    out = put<"(commit:%d)(instbody:0x%08x) ">(out, static_cast<int>(p->commit), info.instbody);
     return put_name(out, info.name);
 }
 
@@ -258,11 +258,13 @@ static char *put_flags_and_addresses(char *out, Node *p)
     return out;
 }
 
-static const char *branch_outcome(const First_OP_Info &info)
+static char *put_branch_outcome(char *out, const First_OP_Info &info)
 {
     if (info.branch == '?')
-        return "";
-    return info.taken == 'Y' ? "(branch taken) " : info.taken == 'N' ? "(branch untaken) " : "(unknown) ";
+        return out;
+    if (info.taken == 'Y')
+        return put<"(branch taken) ">(out);
+    return info.taken == 'N' ? put<"(branch untaken) ">(out) : put<"(unknown) ">(out);
 }
 
 static char *put_data_group(char *out, Node *p)
@@ -298,13 +300,14 @@ static char *put_record_line(char *out, Node *p)
 {
     const First_OP_Info &info = p->info;
     out = put_flags_and_addresses(put_identity(out, p), p);
-    out = put<"%s%s">(out, p->done ? "(done) " : "(undone) ", branch_outcome(info));
+    out = p->done ? put<"(done) ">(out) : put<"(undone) ">(out);
+    out = put_branch_outcome(out, info);
     out = put_data_group(out, p);
     if (info.string && info.str_len != UNKNOWN_STRING_LENGTH)
         out = put<"(len:%d) ">(out, int{info.str_len});
     out = put_terminator(out, p);
-    out = put_registers(out, "Input", p->reg_in);
-    out = put_registers(out, "Output", p->reg_out);
+    out = put_registers<"(Input Reg %d(">(out, p->reg_in);
+    out = put_registers<"(Output Reg %d(">(out, p->reg_out);
     return put_neighbours(out, p);
 }
 

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 // Hexadecimal digits are put as the bytes of a word, the first one lowest.
 static_assert(std::endian::native == std::endian::little, "a big-endian machine needs the digits swapped");
@@ -36,28 +37,38 @@ template <size_t N> struct Format {
     }
 };
 
-// Eight hexadecimal digits of `value`, worked on as the eight bytes of one word. `letter` is what a digit above 9
-// lies beyond '0' + digit: 'A' - '9' - 1 or 'a' - '9' - 1.
-inline char *put_hex32(char *out, uint32_t value, uint64_t letter)
+// What a digit above 9 lies beyond '0' + digit.
+inline constexpr char UPPER_CASE = 'A' - '9' - 1;
+inline constexpr char LOWER_CASE = 'a' - '9' - 1;
+
+typedef char Digits __attribute__((vector_size(16)));
+typedef uint64_t Digit_Words __attribute__((vector_size(16)));
+
+// The sixteen hexadecimal digits of `value`, the highest first.
+inline Digits hex_digits(uint64_t value, char letter)
 {
-    uint64_t digits = __builtin_bswap32(value);
-    digits = (digits | digits << 16) & 0x0000FFFF0000FFFFu;
-    digits = (digits | digits << 8) & 0x00FF00FF00FF00FFu;
-    digits = (digits >> 4 & 0x000F000F000F000Fu) | (digits << 8 & 0x0F000F000F000F00u);
-    const uint64_t above_nine = (digits + 0x0606060606060606u) >> 4 & 0x0101010101010101u;
-    digits += 0x3030303030303030u + above_nine * letter;
-    memcpy(out, &digits, sizeof digits);
-    return out + sizeof digits;
+    const uint64_t bytes = __builtin_bswap64(value);
+    const auto high = reinterpret_cast<Digits>(Digit_Words{bytes >> 4, 0});
+    const auto low = reinterpret_cast<Digits>(Digit_Words{bytes, 0});
+    const Digits digits =
+        __builtin_shufflevector(high, low, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23) & 15;
+    return digits + '0' + ((digits > 9) & letter);
 }
 
-inline char *put_hex64(char *out, uint64_t value, uint64_t letter)
+inline char *put_hex64(char *out, uint64_t value, char letter)
 {
-    out = put_hex32(out, static_cast<uint32_t>(value >> 32), letter);
-    return put_hex32(out, static_cast<uint32_t>(value), letter);
+    const Digits digits = hex_digits(value, letter);
+    memcpy(out, &digits, 16);
+    return out + 16;
 }
 
-inline constexpr uint64_t UPPER_CASE = 'A' - '9' - 1;
-inline constexpr uint64_t LOWER_CASE = 'a' - '9' - 1;
+inline char *put_hex32(char *out, uint32_t value, char letter)
+{
+    const Digits digits = hex_digits(uint64_t{value} << 32, letter);
+    memcpy(out, &digits, 8);
+    return out + 8;
+}
+
 inline constexpr size_t DECIMAL_DIGITS = 20; // of any 64-bit number, with its sign
 
 // Most decimal numbers of a line have one digit.
@@ -67,6 +78,31 @@ template <class Number> inline char *put_decimal(char *out, Number value)
         return std::to_chars(out, out + DECIMAL_DIGITS, value).ptr;
     *out = static_cast<char>('0' + value);
     return out + 1;
+}
+
+// A word of at most 8 bytes, copied as a whole whatever its length: there must be room for it.
+struct Short_Word {
+    char text[8];
+    size_t length;
+    // NOLINTNEXTLINE(google-explicit-constructor): string literals are to be used as words as they stand
+    template <size_t N> consteval Short_Word(const char (&literal)[N]) : text{}, length(N - 1)
+    {
+        static_assert(N - 1 <= sizeof text);
+        for (size_t i = 0; i < length; ++i)
+            text[i] = literal[i];
+    }
+};
+
+inline char *put_text(char *out, const Short_Word &word)
+{
+    memcpy(out, word.text, sizeof word.text);
+    return out + word.length;
+}
+
+inline char *put_text(char *out, std::string_view text)
+{
+    memcpy(out, text.data(), text.size());
+    return out + text.size();
 }
 
 // The text from `from` on. Each conversion takes an argument of just its type, so that none is cut or widened
@@ -79,16 +115,18 @@ template <Format format, size_t from = 0> inline char *put(char *out)
 }
 
 template <Format format, size_t from = 0, class First, class... Rest>
-inline char *put(char *out, First first, Rest... rest)
+inline char *put(char *out, const First &first, const Rest &...rest)
 {
     constexpr size_t at = format.find_conversion(from);
     static_assert(at < format.length, "more arguments than conversions");
     memcpy(out, format.text + from, at - from);
     out += at - from;
     if constexpr (format.has("%s", at)) {
-        const size_t length = strlen(first);
-        memcpy(out, first, length); // NOLINT(bugprone-not-null-terminated-result): no terminator is wanted
-        return put<format, at + 2>(out + length, rest...);
+        return put<format, at + 2>(put_text(out, first), rest...);
+    } else if constexpr (format.has("%c", at)) {
+        static_assert(sizeof(First) == sizeof(char));
+        *out = first;
+        return put<format, at + 2>(out + 1, rest...);
     } else if constexpr (format.has("%d", at)) {
         static_assert(sizeof(First) == sizeof(int32_t) && First(-1) < First(0));
         return put<format, at + 2>(put_decimal(out, first), rest...);

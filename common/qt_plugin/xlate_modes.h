@@ -4,7 +4,9 @@
 
 #include "plugin_qtbin.h"
 
+#include <algorithm>
 #include <iterator>
+#include <string_view>
 
 // How an address's translation is captured, copied and written. Only the modes whose row names a case take part.
 enum XLATE_CASE : uint8_t {
@@ -19,9 +21,9 @@ enum XLATE_CASE : uint8_t {
 };
 
 struct Xlate_Mode_Info {
-    const char *name;    // in the text trace
-    XLATE_TYPE kind;     // coarse kind
-    uint8_t guest, host; // mode pair in records: XLATE_TYPE codes, 3 also for "not involved"
+    std::string_view name; // in the text trace; a whole literal, so that its text is terminated
+    XLATE_TYPE kind;       // coarse kind
+    uint8_t guest, host;   // mode pair in records: XLATE_TYPE codes, 3 also for "not involved"
     XLATE_CASE rule;
 };
 
@@ -78,6 +80,8 @@ inline constexpr Xlate_Mode_Info XLATE_MODES[] = { // one row per RDX_XLATE_MODE
 // clang-format on
 inline constexpr unsigned UNKNOWN_XLATE_MODE = std::size(XLATE_MODES) - 1;
 static_assert(UNKNOWN_XLATE_MODE > RDX_XLATE_MODE_LAST);
+static_assert(std::all_of(std::begin(XLATE_MODES), std::end(XLATE_MODES),
+                          [](const Xlate_Mode_Info &info) { return info.guest <= 3 && info.host <= 3; }));
 
 inline const Xlate_Mode_Info &mode_info(RDX_XLATE_MODE mode)
 {
