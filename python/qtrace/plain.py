@@ -866,6 +866,7 @@ class Block:
         fits = version == FORMAT_VERSION and flags <= ALL_BLOCK_FLAGS and zero == 0
         fits = fits and compression <= COMPRESSION_ZSTD and max(stored, raw) <= MAX_BYTES
         fits = fits and flags & (FLAG_GAP | FLAG_LEFT_OUT) != FLAG_LEFT_OUT
+        fits = fits and first_record + records <= MASK64 and first_header + headers <= MASK64
         if not fits or compression == COMPRESSION_NONE and stored != raw:
             return None
         if header_crc != crc32c(data[offset : offset + BLOCK_HEADER.size - 4]):

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <isa-l/crc.h>
+#include <type_traits>
 
 namespace trace
 {
@@ -36,48 +37,57 @@ Start_State judge_file_start(const uint8_t *bytes, size_t size, uint32_t &versio
     return version == FORMAT_VERSION ? Start_State::good : Start_State::other_version;
 }
 
-void store_block_header(const Block_Header &header, uint8_t *to)
+namespace
 {
-    std::copy(BLOCK_MARKER.begin(), BLOCK_MARKER.end(), to);
-    to[4] = FORMAT_VERSION;
-    to[5] = header.flags;
-    to[6] = header.compression;
-    to[7] = 0;
-    store(to + 8, header.stored_size);
-    store(to + 12, header.raw_size);
-    store(to + 16, header.records);
-    store(to + 20, header.headers);
-    store(to + 24, header.first_record);
-    store(to + 32, header.first_header);
-    store(to + 40, header.first_address);
-    store(to + 48, header.payload_crc);
-    store(to + 52, crc32c(to, 52));
+
+constexpr size_t ZERO_BYTE = 7, CHECKSUM = 52;
+
+// Calls visit(offset, member) for every member of the header as it stands in the file.
+template <class Header, class Visitor> void visit_members(Header &header, Visitor visit)
+{
+    visit(4, header.version);
+    visit(5, header.flags);
+    visit(6, header.compression);
+    visit(8, header.stored_size);
+    visit(12, header.raw_size);
+    visit(16, header.records);
+    visit(20, header.headers);
+    visit(24, header.first_record);
+    visit(32, header.first_header);
+    visit(40, header.first_address);
+    visit(48, header.payload_crc);
 }
 
-static bool is_plausible(const Block_Header &header)
+bool is_plausible(const Block_Header &header)
 {
     const bool sizes = header.stored_size <= MAX_PAYLOAD && header.raw_size <= MAX_PAYLOAD &&
                        (header.compression != STORED || header.stored_size == header.raw_size);
-    const bool flags = (header.flags & ~ALL_FLAGS) == 0 && (header.flags & (GAP_BEFORE | LEFT_OUT)) != LEFT_OUT;
-    return sizes && header.compression <= ZSTD && flags;
+    const bool flags = (header.flags & ~ALL_FLAGS) == 0 && (header.has(GAP_BEFORE) || !header.has(LEFT_OUT));
+    // No trace is that long; and so nobody has to think of numbers that wrap.
+    const bool numbers =
+        header.records_after() >= header.first_record && header.headers_after() >= header.first_header;
+    return header.version == FORMAT_VERSION && header.compression <= ZSTD && sizes && flags && numbers;
+}
+
+} // namespace
+
+void store_block_header(const Block_Header &header, uint8_t *to)
+{
+    std::copy(BLOCK_MARKER.begin(), BLOCK_MARKER.end(), to);
+    to[ZERO_BYTE] = 0;
+    visit_members(header, [to](size_t offset, auto member) { store(to + offset, member); });
+    store(to + CHECKSUM, crc32c(to, CHECKSUM));
 }
 
 std::optional<Block_Header> load_block_header(const uint8_t *from)
 {
-    if (!std::equal(BLOCK_MARKER.begin(), BLOCK_MARKER.end(), from) || from[4] != FORMAT_VERSION || from[7] != 0 ||
-        load<uint32_t>(from + 52) != crc32c(from, 52))
+    if (!std::equal(BLOCK_MARKER.begin(), BLOCK_MARKER.end(), from) || from[ZERO_BYTE] != 0 ||
+        load<uint32_t>(from + CHECKSUM) != crc32c(from, CHECKSUM))
         return std::nullopt;
     Block_Header header;
-    header.flags = from[5];
-    header.compression = from[6];
-    header.stored_size = load<uint32_t>(from + 8);
-    header.raw_size = load<uint32_t>(from + 12);
-    header.records = load<uint32_t>(from + 16);
-    header.headers = load<uint32_t>(from + 20);
-    header.first_record = load<uint64_t>(from + 24);
-    header.first_header = load<uint64_t>(from + 32);
-    header.first_address = load<uint64_t>(from + 40);
-    header.payload_crc = load<uint32_t>(from + 48);
+    visit_members(header, [from](size_t offset, auto &member) {
+        member = load<std::remove_reference_t<decltype(member)>>(from + offset);
+    });
     return is_plausible(header) ? std::optional(header) : std::nullopt;
 }
 

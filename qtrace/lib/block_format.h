@@ -45,19 +45,31 @@ enum Block_Flag : uint8_t {
 enum Compression : uint8_t { STORED = 0, ZSTD = 1 };
 
 struct Block_Header {
-    uint8_t flags = 0;          // byte 5
-    uint8_t compression = 0;    // byte 6
-    uint32_t stored_size = 0;   // byte 8: payload in the file
-    uint32_t raw_size = 0;      // byte 12: payload decompressed
-    uint32_t records = 0;       // byte 16: in this block
-    uint32_t headers = 0;       // byte 20
-    uint64_t first_record = 0;  // byte 24: records in the file before this block
-    uint64_t first_header = 0;  // byte 32
-    uint64_t first_address = 0; // byte 40: of the instruction of the block's first record
-    uint32_t payload_crc = 0;   // byte 48: CRC32C of the stored payload
-                                // byte 52: CRC32C of bytes 0 to 51
+    uint8_t version = FORMAT_VERSION; // byte 4, of the payload's encoding
+    uint8_t flags = 0;                // byte 5
+    uint8_t compression = 0;          // byte 6
+    uint32_t stored_size = 0;         // byte 8: payload in the file
+    uint32_t raw_size = 0;            // byte 12: payload decompressed
+    uint32_t records = 0;             // byte 16: in this block
+    uint32_t headers = 0;             // byte 20
+    uint64_t first_record = 0;        // byte 24: records in the file before this block
+    uint64_t first_header = 0;        // byte 32
+    uint64_t first_address = 0;       // byte 40: of the instruction of the block's first record
+    uint32_t payload_crc = 0;         // byte 48: CRC32C of the stored payload
+                                      // byte 52: CRC32C of bytes 0 to 51
 
     size_t size() const { return BLOCK_HEADER_SIZE + stored_size; }
+    uint64_t records_after() const { return first_record + records; }
+    uint64_t headers_after() const { return first_header + headers; }
+    bool has(Block_Flag flag) const { return (flags & flag) != 0; }
+    bool operator==(const Block_Header &) const = default;
+};
+
+// A block by its place in a file.
+struct Block_Place {
+    uint64_t offset = 0;
+    Block_Header header;
+    uint64_t end() const { return offset + header.size(); }
 };
 
 void store_block_header(const Block_Header &header, uint8_t *to);

@@ -12,20 +12,6 @@
 extern "C" {
 #endif
 
-/* ---- Block plan ---------------------------------------------------------------------------------------- */
-
-/* A block of a file, which can be read without those before it. */
-typedef struct QTRACE_Block {
-    uint64_t offset; /* byte in the file */
-    uint64_t size;   /* bytes in the file */
-    uint64_t first_record, records;
-    uint64_t first_header, headers;
-} QTRACE_Block;
-
-/* Copies the blocks of the file, in file order and no more than `room`, from their headers alone: payloads are not
- * read, so some may turn out to be damaged. Returns how many the file has. The position of the reader is kept. */
-uint64_t qtrace_blocks(QTRACE_Reader *reader, QTRACE_Block *to, uint64_t room);
-
 /* ---- Translations -------------------------------------------------------------------------------------- */
 
 /* Which members of a QTRACE_Translation the record gave. */

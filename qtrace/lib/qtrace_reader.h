@@ -90,7 +90,7 @@ typedef struct QTRACE_Info {
 } QTRACE_Info;
 
 /* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text
- * that the caller frees with free(): "NAME: byte OFFSET: REASON". */
+ * that the caller frees with free(): "NAME: REASON" or, where bytes of it are wrong, "NAME: byte OFFSET: REASON". */
 QTRACE_Reader *qtrace_open(const char *name, char **error);
 
 /* The next item, in file order. */
@@ -117,6 +117,7 @@ int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info);
 /* The last discontinuity or error as text, "NAME: byte OFFSET: REASON"; the reader's, valid until its next call. */
 const char *qtrace_error(const QTRACE_Reader *reader);
 
+/* Closes the reader; null is allowed. */
 void qtrace_close(QTRACE_Reader *reader);
 
 /* ---- What an instruction does ------------------------------------------------------------------------- */
@@ -141,6 +142,50 @@ uint32_t qtrace_kinds(const QTRACE_Item *item);
 
 /* The name of a single kind ("load", "system_call"); null for anything else. */
 const char *qtrace_kind_name(uint32_t kind);
+
+/* ---- Blocks of a file, for several readers ------------------------------------------------------------ */
+
+/* Where the blocks of one file are, from their headers alone. It never changes, and any number of threads may use it
+ * at once: each opens a reader of its own by it, and none of these looks for the blocks again. */
+typedef struct QTRACE_Index QTRACE_Index;
+
+/* One step of reading a file: a block with items, and whatever stands between it and the block with items before it
+ * (its comment, damaged bytes). Blocks can be decoded by themselves and in any order. */
+typedef struct QTRACE_Block {
+    uint64_t offset;       /* byte in the file where the step begins */
+    uint64_t size;         /* bytes up to the end of the block */
+    uint64_t first_record; /* records of the trace before the block, lost ones too */
+    uint64_t records;      /* in the block */
+    uint64_t first_header; /* file headers before the block */
+    uint64_t headers;      /* in the block */
+} QTRACE_Block;
+
+/* Opens `name` and reads the headers of its blocks. Null as from qtrace_open. */
+QTRACE_Index *qtrace_index_open(const char *name, char **error);
+
+/* Readers opened by the index may live on; null is allowed. */
+void qtrace_index_close(QTRACE_Index *index);
+
+/* All blocks in file order, and how many; the index's. With damage, blocks whose header cannot be read are not among
+ * them, and of those that are some may turn out to be damaged. */
+const QTRACE_Block *qtrace_index_blocks(const QTRACE_Index *index, uint64_t *count);
+
+/* The same for a reader: copies them, no more than `room`. Returns how many the file has. The position of the reader
+ * is kept. */
+uint64_t qtrace_blocks(QTRACE_Reader *reader, QTRACE_Block *to, uint64_t room);
+
+/* The summary of the file, as qtrace_info. */
+const QTRACE_Info *qtrace_index_info(const QTRACE_Index *index);
+
+/* A reader of the file that the index was made of, at its beginning, also when another file has taken its name since.
+ * Null when memory is short. */
+QTRACE_Reader *qtrace_open_with_index(const QTRACE_Index *index);
+
+/* Restricts the reader to `count` blocks from number `first` on: it delivers what it would deliver of them when it
+ * read the whole file, discontinuities before each included, then QTRACE_ITEM_END. The end of the file belongs to its
+ * last block; a file without blocks has one empty range, (0, 0). So readers of adjacent ranges deliver every item
+ * exactly once. qtrace_seek ends the restriction. Returns 0, or -1 when there are no such blocks. */
+int qtrace_select_blocks(QTRACE_Reader *reader, uint64_t first, uint64_t count);
 
 /* ---- Recovery ---------------------------------------------------------------------------------------- */
 

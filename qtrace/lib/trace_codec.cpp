@@ -373,21 +373,26 @@ bool decode_open_header(Byte_Source &from, Open_Header &open)
 
 } // namespace
 
-Open_Header open_header_of(const uint8_t *payload, size_t size)
+// Version 1 is the only one so far; load_block_header lets no other through.
+Open_Header open_header_of(const uint8_t *payload, const Block_Header &header)
 {
     Byte_Source columns[COLUMNS];
     Open_Header open;
-    return split(payload, size, columns) && decode_open_header(columns[COLUMN_OPEN], open) ? open : Open_Header{};
+    return header.version == 1 && split(payload, header.raw_size, columns) &&
+                   decode_open_header(columns[COLUMN_OPEN], open)
+               ? open
+               : Open_Header{};
 }
 
-bool Decoder::begin_block(const uint8_t *payload, size_t size, uint64_t address, bool address_known)
+bool Decoder::begin_block(const uint8_t *payload, const Block_Header &header)
 {
     if (!model_)
         model_ = std::make_unique_for_overwrite<Model>();
-    model_->reset({address, address_known});
+    model_->reset({header.first_address, header.has(ADDRESS_KNOWN)});
     std::fill(std::begin(page_versions_), std::end(page_versions_), ++newest_version_);
     bad_ = false;
-    return split(payload, size, columns_) && decode_open_header(source(COLUMN_OPEN), open_);
+    return header.version == 1 && split(payload, header.raw_size, columns_) &&
+           decode_open_header(source(COLUMN_OPEN), open_);
 }
 
 bool Decoder::any_bad() const

@@ -23,7 +23,7 @@ struct Open_Header {
 };
 
 // The open header with which the items of a block begin; none when the payload says nothing that can be read.
-Open_Header open_header_of(const uint8_t *payload, size_t size);
+Open_Header open_header_of(const uint8_t *payload, const Block_Header &header);
 
 // Fills the columns of one block after the other. Allocates on the first begin_block only.
 class Encoder
@@ -90,8 +90,9 @@ class Decoder
 public:
     enum class Result { end, record, header, corrupt };
 
-    // False when the payload's columns do not fit its size.
-    bool begin_block(const uint8_t *payload, size_t size, uint64_t address, bool address_known);
+    // Begins the block of that header, in the encoding of its version; `payload` is decompressed. False when the
+    // payload's columns do not fit its size.
+    bool begin_block(const uint8_t *payload, const Block_Header &header);
     // The next item into `record` or `header`. `record` must be the same one in every call, zero at the first,
     // and changed by nobody else: only what the last record filled is cleared. `comment` is set with a header: the
     // text in the payload, null when there is none or when it is `comment_outside`.

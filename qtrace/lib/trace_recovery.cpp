@@ -1,16 +1,13 @@
 // Copies the whole blocks of a damaged file.
-#include "block_format.h"
 #include "qtrace_reader.h"
+#include "replacement_file.h"
+#include "trace_index.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -19,205 +16,157 @@ namespace
 
 using namespace trace;
 
-struct Descriptor {
-    int number = -1;
-    ~Descriptor()
-    {
-        if (number >= 0)
-            ::close(number);
-    }
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
 };
 
-struct Failure {
-    std::string text;
-};
-
-[[noreturn]] void fail(const std::string &name, const char *what)
-{
-    throw Failure{name + ": " + what + ": " + std::strerror(errno)};
-}
-
-// A block that is kept, by its place in the damaged file.
+// A block that is kept: where it is in the damaged file, and its flags in the copy.
 struct Kept_Block {
-    uint64_t offset;
-    Block_Header header;
-    uint64_t end() const { return offset + header.size(); }
+    Block_Place place;
+    uint8_t flags;
 };
-
-std::optional<Block_Header> header_at(int file, const std::string &name, uint64_t offset)
-{
-    uint8_t bytes[BLOCK_HEADER_SIZE];
-    const ssize_t got = ::pread(file, bytes, sizeof bytes, static_cast<off_t>(offset));
-    if (got < 0)
-        fail(name, "read");
-    return got == sizeof bytes ? load_block_header(bytes) : std::nullopt;
-}
 
 // The whole blocks of a file, as its reader passes over them.
 class Block_Keeper
 {
 public:
-    Block_Keeper(int file, const std::string &name) : file_(file), name_(name)
+    explicit Block_Keeper(const Trace_Source &source)
+        : name_(source.name), blocks_(source.file), next_(source.begin)
     {
-        if (header_at(file, name, 0)) // its first bytes are missing
-            behind_ = 0;
     }
-    // The blocks that begin in front of `end` and were not kept yet: the reader found no damage there. Comment
-    // blocks and empty ones deliver no item and are among them.
+
+    // The blocks that begin before `end` and were not kept yet: the reader found no damage there. Comment blocks and
+    // empty ones deliver no item and are among them.
     void keep_up_to(uint64_t end)
     {
-        while (behind_ < end) {
-            const std::optional<Block_Header> header = header_at(file_, name_, behind_);
+        while (next_ < end) {
+            const std::optional<Block_Header> header = blocks_.header_at(next_);
             if (!header)
-                throw Failure{name_ + ": the file changed while it was read"};
-            kept_.push_back({behind_, *header});
-            behind_ = kept_.back().end();
+                fail();
+            kept_.push_back({{next_, *header}, header->flags});
+            next_ = kept_.back().place.end();
         }
     }
     // What begins there, kept or not, is damaged.
     void drop(uint64_t offset, uint64_t bytes)
     {
-        while (!kept_.empty() && kept_.back().offset >= offset)
+        while (!kept_.empty() && kept_.back().place.offset >= offset)
             kept_.pop_back();
-        behind_ = offset + bytes;
+        next_ = offset + bytes;
     }
-    std::vector<Kept_Block> &kept() { return kept_; }
+    // Whether the writer closed the file before this place.
+    bool ended_before(uint64_t offset) const
+    {
+        return !kept_.empty() && kept_.back().place.header.has(LAST_BLOCK) && offset >= kept_.back().place.end();
+    }
+    std::vector<Kept_Block> take() { return std::move(kept_); }
 
 private:
-    int file_;
+    [[noreturn]] void fail() const
+    {
+        if (blocks_.error != 0)
+            throw Failure(located(name_, next_, std::strerror(blocks_.error)));
+        throw Failure(name_ + ": the file changed while it was read");
+    }
+
     const std::string &name_;
+    Block_File blocks_;
     std::vector<Kept_Block> kept_;
-    uint64_t behind_ = FILE_START_SIZE; // the last block or damage
+    uint64_t next_; // where the last block or damage ends
 };
 
-bool is_damage(const QTRACE_Discontinuity &what)
-{
-    return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;
-}
-
-void account(const QTRACE_Discontinuity &damage, bool behind_last, QTRACE_Recovery &result)
+void account(const QTRACE_Discontinuity &damage, bool ended, QTRACE_Recovery &result)
 {
     result.damaged_places++;
     result.lost_bytes += damage.bytes;
     result.lost_records += damage.records;
-    // what stands behind the writer's last block was never part of the trace
-    result.lost_records_known &= damage.records_known | behind_last;
+    // what follows the writer's last block was never part of the trace
+    result.lost_records_known &= damage.records_known | ended;
 }
 
 // Every block whose items can all be read, in file order.
-std::vector<Kept_Block> whole_blocks(int file, const std::string &name, QTRACE_Reader *reader,
-                                     QTRACE_Recovery &result)
+std::vector<Kept_Block> whole_blocks(const Trace_Source &source, QTRACE_Recovery &result)
 {
-    Block_Keeper keeper(file, name);
-    const std::vector<Kept_Block> &kept = keeper.kept();
+    const QTRACE_Index unread{source, nullptr};
+    const std::unique_ptr<QTRACE_Reader, decltype(&qtrace_close)> reader(qtrace_open_with_index(&unread),
+                                                                         &qtrace_close);
+    if (!reader)
+        throw std::bad_alloc();
+    Block_Keeper keeper(source);
     const QTRACE_Item *item = nullptr;
-    for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
+    for (QTRACE_ITEM kind; (kind = qtrace_next(reader.get(), &item)) != QTRACE_ITEM_END;) {
         if (kind == QTRACE_ITEM_ERROR)
-            throw Failure{qtrace_error(reader)};
-        const QTRACE_Discontinuity &damage = item->discontinuity;
-        if (kind != QTRACE_ITEM_DISCONTINUITY || !is_damage(damage)) {
+            throw Failure(qtrace_error(reader.get()));
+        if (kind != QTRACE_ITEM_DISCONTINUITY) {
             keeper.keep_up_to(item->block_offset + 1);
-            continue;
+        } else if (const QTRACE_Discontinuity &what = item->discontinuity; is_damage(what)) {
+            keeper.keep_up_to(what.offset);
+            account(what, keeper.ended_before(what.offset), result);
+            keeper.drop(what.offset, what.bytes);
         }
-        keeper.keep_up_to(damage.offset);
-        const bool behind_last =
-            !kept.empty() && (kept.back().header.flags & LAST_BLOCK) != 0 && damage.offset >= kept.back().end();
-        account(damage, behind_last, result);
-        keeper.drop(damage.offset, damage.bytes);
     }
-    struct stat status;
-    if (::fstat(file, &status) != 0)
-        fail(name, "read");
-    keeper.keep_up_to(static_cast<uint64_t>(status.st_size));
-    return std::move(keeper.kept());
+    keeper.keep_up_to(source.file->size());
+    return keeper.take();
 }
 
 // Numbers stay as they are; the flags say where they jump, and that the end is not the writer's.
 void mark_what_is_lost(std::vector<Kept_Block> &kept, QTRACE_Recovery &result)
 {
-    uint64_t records = 0, headers = 0;
-    Block_Header front;
-    uint64_t front_end = 0;
+    Block_Sequence sequence;
+    uint64_t end = kept.front().place.offset;
     for (Kept_Block &block : kept) {
-        Block_Header &header = block.header;
-        const bool uncommented = (header.flags & COMMENT_BEFORE) != 0 && !is_comment_of(front, header);
-        const bool jump = header.first_record != records || header.first_header != headers || uncommented;
-        // A jump that the writer marked is its own where nothing was left out.
-        if (jump && ((header.flags & GAP_BEFORE) == 0 || (front_end != 0 && front_end != block.offset)))
-            header.flags |= GAP_BEFORE | LEFT_OUT;
-        front = header;
-        front_end = block.end();
-        records = header.first_record + header.records;
-        headers = header.first_header + header.headers;
-        result.records += header.records;
-        result.headers += header.headers;
+        const std::optional<QTRACE_Discontinuity> what = sequence.before(block.place);
+        // A loss that the writer marked is its own where nothing was left out.
+        if (what && (is_damage(*what) || end != block.place.offset))
+            block.flags |= GAP_BEFORE | LEFT_OUT;
+        sequence.take(block.place.header);
+        end = block.place.end();
+        result.records += block.place.header.records;
+        result.headers += block.place.header.headers;
         if (&block != &kept.back())
-            header.flags &= static_cast<uint8_t>(~(LAST_BLOCK | OPEN_END));
+            block.flags &= static_cast<uint8_t>(~(LAST_BLOCK | OPEN_END));
     }
-    Block_Header &last = kept.back().header;
-    if ((last.flags & LAST_BLOCK) == 0)
-        last.flags |= LAST_BLOCK | OPEN_END;
+    uint8_t &last = kept.back().flags;
+    if ((last & LAST_BLOCK) == 0)
+        last |= LAST_BLOCK | OPEN_END;
     result.blocks = kept.size();
-    result.open_end = (last.flags & OPEN_END) != 0;
+    result.open_end = (last & OPEN_END) != 0;
 }
 
-void write_all(int file, const std::string &name, const uint8_t *bytes, size_t size)
+// Every block is read and tested again: the file may have changed since.
+void copy(const Trace_Source &source, const char *to_name, const std::vector<Kept_Block> &kept)
 {
-    while (size > 0) {
-        const ssize_t written = ::write(file, bytes, size);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            fail(name, "write");
-        bytes += written;
-        size -= static_cast<size_t>(written);
-    }
-}
-
-void copy(int from, const std::string &from_name, const std::string &to_name, const std::vector<Kept_Block> &kept)
-{
-    Descriptor to{::open(to_name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
-    if (to.number < 0)
-        fail(to_name, "open");
+    Replacement_File to(to_name);
     const std::array<uint8_t, FILE_START_SIZE> start = file_start();
-    write_all(to.number, to_name, start.data(), start.size());
-    std::vector<uint8_t> block(BLOCK_HEADER_SIZE + MAX_PAYLOAD);
-    for (const Kept_Block &place : kept) {
-        const size_t size = place.header.size();
-        if (::pread(from, block.data(), size, static_cast<off_t>(place.offset)) != static_cast<ssize_t>(size))
-            fail(from_name, "read");
-        store_block_header(place.header, block.data());
-        write_all(to.number, to_name, block.data(), size);
+    to.write(start.data(), start.size());
+    Block_File blocks(source.file);
+    for (const Kept_Block &block : kept) {
+        std::optional<Block_Place> place = blocks.whole_at(block.place.offset);
+        if (blocks.error != 0)
+            throw Failure(located(source.name, block.place.offset, std::strerror(blocks.error)));
+        if (!place || place->header != block.place.header)
+            throw Failure(source.name + ": the file changed while it was read");
+        place->header.flags = block.flags;
+        uint8_t header[BLOCK_HEADER_SIZE];
+        store_block_header(place->header, header);
+        to.write(header, sizeof header);
+        to.write(blocks.stored(), place->header.stored_size);
     }
-    const int descriptor = to.number;
-    to.number = -1;
-    if (::close(descriptor) != 0)
-        fail(to_name, "close");
-}
-
-bool is_same_file(int file, const char *name)
-{
-    struct stat a, b;
-    return ::fstat(file, &a) == 0 && ::stat(name, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+    to.commit();
 }
 
 void recover(const char *from, const char *to, QTRACE_Recovery &result)
 {
-    char *reason = nullptr;
-    const std::unique_ptr<QTRACE_Reader, decltype(&qtrace_close)> reader(qtrace_open(from, &reason), &qtrace_close);
-    const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
-    if (!reader)
-        throw Failure{reason != nullptr ? reason : "out of memory"};
-    const Descriptor file{::open(from, O_RDONLY | O_CLOEXEC)};
-    if (file.number < 0)
-        fail(from, "open");
-    if (is_same_file(file.number, to))
-        throw Failure{std::string(to) + ": is the damaged file itself"};
-    std::vector<Kept_Block> kept = whole_blocks(file.number, from, reader.get(), result);
+    Trace_Source source;
+    if (const std::string reason = open_trace(from, source); !reason.empty())
+        throw Failure(reason);
+    if (source.file->is(to))
+        throw Failure(std::string(to) + ": is the damaged file itself");
+    std::vector<Kept_Block> kept = whole_blocks(source, result);
     if (kept.empty())
-        throw Failure{std::string(from) + ": there is no whole block in it"};
+        throw Failure(source.name + ": there is no whole block in it");
     mark_what_is_lost(kept, result);
-    copy(file.number, from, to, kept);
+    copy(source, to, kept);
 }
 
 } // namespace
@@ -230,10 +179,10 @@ extern "C" int qtrace_recover(const char *from, const char *to, QTRACE_Recovery 
         result->lost_records_known = 1;
         recover(from, to, *result);
         return 0;
-    } catch (const Failure &failure) {
-        text = failure.text;
     } catch (const std::bad_alloc &) {
         text = std::string(from) + ": out of memory";
+    } catch (const std::runtime_error &failure) { // std::system_error is one
+        text = failure.what();
     }
     if (error != nullptr)
         *error = ::strdup(text.c_str());

@@ -48,7 +48,7 @@ uint32_t file_bits(void (*set)(QTRACE_FILE_HDR_CNTRL &))
 
 #define CONTROL(flag)                                                                                              \
     {                                                                                                              \
-#flag, control_bits([](control_word &c) { c.fld.flag--; })                                             \
+#flag, control_bits([](control_word &c) { c.fld.flag--; })                                                 \
     }
 #define FILE_FLAG(flag)                                                                                            \
     {                                                                                                              \

@@ -640,6 +640,14 @@ def order_cases():
             lines += maker.lines(without={0, 1, 2, 3} - {i})
             at, records = at + len(maker.blocks[i]), i * 2 + 2
         case(f"blocks-{name}", FILE_START + b"".join(maker.blocks[i] for i in order), lines)
+    maker = base_blocks()
+    for name, first, lost in (("up-to-the-last", MASK64 - 2, None), ("beyond-the-last", MASK64 - 1, 2)):
+        last = with_numbers(with_flags(maker.blocks[3], GAP), first)
+        at, size = len(FILE_START), len(last)
+        lines = [json.dumps(json.loads(line) | {"record": first + i})
+                 for i, line in enumerate(maker.lines(without=[0, 1, 2]))]  # fmt: skip
+        lost_end = [damage_line(at, size, 0, False, True)]
+        case(f"numbers-{name}", FILE_START + last, lines if lost is None else lost_end)
     maker = Trace_Maker()
     for i in range(4):
         maker.record(instruction=i) if i == 1 else maker.header(control=0x60, lpid=i)
@@ -724,6 +732,12 @@ def with_flags(data, flags):
     head = bytearray(data[:52])
     head[5] |= flags
     return bytes(head) + struct.pack("<I", crc32c(head)) + data[56:]
+
+
+def with_numbers(data, first):
+    """A block with another first record, and the checksum of its header set right."""
+    head = data[:24] + struct.pack("<Q", first) + data[32:52]
+    return head + struct.pack("<I", crc32c(head)) + data[56:]
 
 
 def main():

@@ -1,0 +1,212 @@
+// Recovery under bad conditions: the output is complete or as it was before, whatever the input and the disk do. Reads
+// are intercepted at link time.
+#include "trace_file_fixture.h"
+
+#include <cerrno>
+#include <functional>
+#include <sys/stat.h>
+
+namespace
+{
+
+// Called before every read; what it returns becomes the read's errno, 0 lets it through.
+std::function<int()> before_read;
+
+} // namespace
+
+extern "C" ssize_t __real_pread(int file, void *to, size_t size, off_t offset);
+extern "C" ssize_t __wrap_pread(int file, void *to, size_t size, off_t offset)
+{
+    const int error = before_read ? before_read() : 0;
+    if (error == 0)
+        return __real_pread(file, to, size, offset);
+    errno = error;
+    return -1;
+}
+
+namespace
+{
+
+class recovery : public trace_file
+{
+protected:
+    recovery() : saved_(folder_ / "saved") {}
+    ~recovery() override { before_read = nullptr; }
+
+    // Three damaged places in a file of some blocks.
+    void write_damaged()
+    {
+        setenv("QTRACE_COMPRESSION", "none", 1);
+        write_plausible(36'000);
+        const std::vector<uint64_t> at = block_offsets();
+        ASSERT_GT(at.size(), 5u);
+        damaged_ = bytes();
+        damaged_[at[1]] ^= 1;
+        damaged_[at[3] + 100] ^= 1;
+        put_bytes(damaged_);
+    }
+    int recover() { return recover(name_, saved_); }
+    int recover(const std::string &from, const std::string &to)
+    {
+        char *text = nullptr;
+        const int failed = qtrace_recover(from.c_str(), to.c_str(), &result_, &text);
+        error_ = text != nullptr ? text : "";
+        free(text);
+        return failed;
+    }
+    static std::string contents(const std::filesystem::path &file)
+    {
+        std::ifstream in(file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    size_t files() const
+    {
+        return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder_), {}));
+    }
+
+    const std::filesystem::path saved_;
+    std::string damaged_;
+    QTRACE_Recovery result_{};
+    std::string error_;
+};
+
+TEST_F(recovery, onto_a_full_disk_leaves_what_was_there)
+{
+    write_damaged();
+    std::ofstream(saved_) << "precious";
+    {
+        const Small_Disk disk(100'000);
+        EXPECT_EQ(recover(), -1);
+    }
+    EXPECT_EQ(error_, saved_.string() + ": write: File too large");
+    EXPECT_TRUE(contents(saved_) == "precious");
+    EXPECT_EQ(files(), 2u);
+}
+
+TEST_F(recovery, replaces_the_file_that_a_link_names_and_keeps_its_permissions)
+{
+    write_damaged();
+    const auto target = folder_ / "target";
+    std::ofstream(target) << "old";
+    std::filesystem::permissions(target, std::filesystem::perms{0640});
+    std::filesystem::create_symlink("target", saved_);
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_TRUE(std::filesystem::is_symlink(saved_));
+    EXPECT_EQ(std::filesystem::status(target).permissions(), std::filesystem::perms{0640});
+    EXPECT_TRUE(read(target.string()).damages.empty());
+    EXPECT_EQ(files(), 3u);
+}
+
+TEST_F(recovery, writes_to_a_device_without_replacing_it)
+{
+    write_damaged();
+    EXPECT_EQ(recover(name_, "/dev/null"), 0) << error_;
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+    EXPECT_EQ(recover(name_, "/dev/full"), -1);
+    EXPECT_EQ(error_, "/dev/full: write: No space left on device");
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+}
+
+TEST_F(recovery, of_nothing_says_so_without_a_place)
+{
+    EXPECT_EQ(recover(name_ + ".none", saved_), -1);
+    EXPECT_EQ(error_, name_ + ".none: No such file or directory");
+    EXPECT_EQ(recover(folder_.string(), saved_), -1);
+    EXPECT_EQ(error_, folder_.string() + ": Is a directory");
+    write_damaged();
+    EXPECT_EQ(recover(name_, name_), -1);
+    EXPECT_TRUE(bytes() == damaged_);
+    EXPECT_EQ(recover(name_, (folder_ / "none" / "saved").string()), -1);
+    EXPECT_EQ(error_, (folder_ / "none" / "saved").string() + ": open: No such file or directory");
+    EXPECT_EQ(files(), 1u);
+}
+
+TEST_F(recovery, finds_whole_blocks_after_a_destroyed_first_mebibyte)
+{
+    write_damaged();
+    const uint64_t third = block_offsets()[1], junk = (1 << 20) + 12'345;
+    put_bytes(std::string(junk, '\x8B') + damaged_.substr(third));
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_GT(result_.lost_bytes, junk);
+    EXPECT_EQ(result_.damaged_places, 2u);
+    EXPECT_GT(result_.records, 1'000u);
+    EXPECT_TRUE(read(saved_.string()).damages.empty());
+}
+
+TEST_F(recovery, marks_where_one_file_follows_another)
+{
+    write_plausible(100);
+    put_bytes(bytes() + bytes().substr(16));
+    ASSERT_EQ(recover(), 0) << error_;
+    const Contents contents = read(saved_.string());
+    EXPECT_EQ(contents.records(), 200u);
+    EXPECT_TRUE(contents.damages.empty());
+    ASSERT_EQ(contents.wanted.size(), 1u);
+    EXPECT_EQ(contents.wanted[0].cause, QTRACE_CAUSE_LEFT_OUT);
+}
+
+TEST_F(recovery, is_not_stopped_by_interrupted_reads)
+{
+    write_damaged();
+    unsigned reads = 0;
+    before_read = [&reads] { return ++reads % 3 == 0 ? 0 : EINTR; };
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_GT(reads, 10u);
+    EXPECT_TRUE(read(saved_.string()).damages.empty());
+}
+
+TEST_F(recovery, with_a_failing_read_fails_and_leaves_what_was_there)
+{
+    write_damaged();
+    std::ofstream(saved_) << "precious";
+    for (unsigned failing = 0;; ++failing) {
+        unsigned reads = 0;
+        before_read = [&] { return reads++ == failing ? EIO : 0; };
+        if (recover() == 0) {
+            EXPECT_EQ(reads, failing) << "a failed read went unnoticed";
+            break;
+        }
+        ASSERT_NE(error_.find("Input/output error"), std::string::npos) << error_;
+        ASSERT_TRUE(contents(saved_) == "precious") << failing;
+        ASSERT_EQ(files(), 2u);
+    }
+}
+
+// Something else writes to the file at any moment of the recovery.
+TEST_F(recovery, of_a_file_that_changes_copies_whole_blocks_or_nothing)
+{
+    write_damaged();
+    ASSERT_EQ(recover(), 0);
+    const std::string expected = contents(saved_);
+    const std::string longer = damaged_ + damaged_.substr(16);
+    std::string other = damaged_;
+    for (const uint64_t block : block_offsets())
+        other[block + 80] ^= 4;
+    const std::string none(damaged_.size(), 0);
+    for (const std::string &later : {longer, other, none, damaged_.substr(0, damaged_.size() / 2)}) {
+        bool reached = true;
+        for (unsigned change = 0; reached; ++change) {
+            put_bytes(damaged_);
+            std::ofstream(saved_) << "precious";
+            unsigned reads = 0;
+            before_read = [&] {
+                if (reads++ == change)
+                    put_bytes(later);
+                return 0;
+            };
+            const bool failed = recover() != 0;
+            before_read = nullptr;
+            reached = reads > change;
+            if (failed) {
+                ASSERT_TRUE(contents(saved_) == "precious") << change;
+                continue;
+            }
+            ASSERT_TRUE(read(saved_.string()).damages.empty()) << change;
+            if (later == longer) {
+                ASSERT_TRUE(contents(saved_) == expected) << change;
+            }
+        }
+    }
+}
+
+} // namespace
