@@ -208,11 +208,11 @@ int qtrace_recover(const char *from, const char *to, QTRACE_Recovery *result, ch
 
 /* ---- The writer's errors ----------------------------------------------------------------------------- */
 
-/* Path and reason of the last failed writer operation in this process ("trace0: write: No space left on
- * device"), or an empty text. Valid until the next writer operation. */
+/* Path and reason of the last writer operation that failed on the calling thread ("trace0: write: No space left on
+ * device"), or an empty text. Valid until the thread's next writer operation. */
 const char *qtrace_writer_error(void);
 
-/* Writer operations of this process that failed so far; tells whether QTRACE_Fclose did. */
+/* Writer operations that failed so far, on all threads; tells whether QTRACE_Fclose did. */
 uint64_t qtrace_writer_failures(void);
 
 #ifdef __cplusplus

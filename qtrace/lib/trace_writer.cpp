@@ -3,11 +3,16 @@
 #include "qtrace_reader.h"
 #include "trace_codec.h"
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -22,24 +27,19 @@ using namespace trace;
 
 // ---- Errors ---------------------------------------------------------------------------------------------------
 
-std::string &last_error()
-{
-    static std::string text;
-    return text;
-}
+// Of the last failed operation of this thread. No object: files may still be closed when the thread's objects are gone.
+thread_local char last_error[4096 + 256] = "";
 
-uint64_t failures = 0;
+std::atomic<uint64_t> failures = 0;
 
 constexpr const char *NO_MEMORY = "out of memory";
 
 int fail(std::string_view path, std::string_view what, std::string_view reason)
 {
-    ++failures;
-    try {
-        last_error().assign(path).append(": ").append(what).append(": ").append(reason);
-    } catch (const std::bad_alloc &) {
-        last_error() = NO_MEMORY; // short enough to need none
-    }
+    const auto width = [](std::string_view text) { return static_cast<int>(text.size()); };
+    failures.fetch_add(1, std::memory_order_relaxed);
+    std::snprintf(last_error, sizeof last_error, "%.*s: %.*s: %.*s", width(path), path.data(), width(what),
+                  what.data(), width(reason), reason.data());
     return -1;
 }
 
@@ -81,18 +81,48 @@ bool parse_compression(std::string_view text, Compression_Choice &choice)
            choice.level <= ZSTD_maxCLevel();
 }
 
-// What it takes to seal blocks, for all files.
+// What it takes to seal a block: lent to a file while it seals one. There are as many as threads ever sealed at once.
 struct Press {
     ZSTD_CCtx *context = ZSTD_createCCtx();
     std::vector<uint8_t> payload = std::vector<uint8_t>(MAX_PAYLOAD);
+    Press() = default;
+    Press(const Press &) = delete;
     ~Press() { ZSTD_freeCCtx(context); }
 };
 
-Press &press()
+std::mutex idle_presses_guard;
+// Never destroyed: files may be closed while the program ends.
+std::vector<std::unique_ptr<Press>> &idle_presses()
 {
-    static Press one;
-    return one;
+    static auto *const presses = new std::vector<std::unique_ptr<Press>>;
+    return *presses;
 }
+
+class Press_Loan
+{
+public:
+    Press_Loan()
+    {
+        const std::lock_guard lock(idle_presses_guard);
+        if (idle_presses().empty()) {
+            press_ = std::make_unique<Press>();
+            idle_presses().reserve(idle_presses().capacity() + 1); // giving it back takes no memory
+        } else {
+            press_ = std::move(idle_presses().back());
+            idle_presses().pop_back();
+        }
+    }
+    Press_Loan(const Press_Loan &) = delete;
+    ~Press_Loan()
+    {
+        const std::lock_guard lock(idle_presses_guard);
+        idle_presses().push_back(std::move(press_));
+    }
+    Press &operator*() const { return *press_; }
+
+private:
+    std::unique_ptr<Press> press_;
+};
 
 // ---- One trace file -------------------------------------------------------------------------------------------
 
@@ -125,8 +155,8 @@ private:
     void count_refused(const QTRACE_FILE_HDR &) { ++refused_.headers; }
     int flush();
     void seal(uint8_t flags);
-    void seal_payload(Block_Header header, const uint8_t *payload, size_t size);
-    size_t press_payload(const uint8_t *payload, size_t size, uint8_t *to, Compression &used) const;
+    void seal_payload(Press &press, Block_Header header, const uint8_t *payload, size_t size);
+    size_t press_payload(Press &press, const uint8_t *payload, size_t size, uint8_t *to, Compression &used) const;
     void keep_outside(const QTRACE_FILE_HDR &header);
     void keep_outside(const QTRACE_RECORD &) {}
 
@@ -182,11 +212,12 @@ int Trace_File::flush()
     return 0;
 }
 
-size_t Trace_File::press_payload(const uint8_t *payload, size_t size, uint8_t *to, Compression &used) const
+size_t Trace_File::press_payload(Press &press, const uint8_t *payload, size_t size, uint8_t *to,
+                                 Compression &used) const
 {
-    if (compression_.kind == ZSTD && press().context != nullptr) {
+    if (compression_.kind == ZSTD && press.context != nullptr) {
         const size_t pressed =
-            ZSTD_compressCCtx(press().context, to, ZSTD_compressBound(size), payload, size, compression_.level);
+            ZSTD_compressCCtx(press.context, to, ZSTD_compressBound(size), payload, size, compression_.level);
         used = ZSTD;
         if (!ZSTD_isError(pressed) && pressed < size)
             return pressed;
@@ -197,13 +228,13 @@ size_t Trace_File::press_payload(const uint8_t *payload, size_t size, uint8_t *t
     return size;
 }
 
-void Trace_File::seal_payload(Block_Header header, const uint8_t *payload, size_t size)
+void Trace_File::seal_payload(Press &press, Block_Header header, const uint8_t *payload, size_t size)
 {
     const size_t begin = sealed_.size();
     sealed_.resize(begin + BLOCK_HEADER_SIZE + ZSTD_compressBound(size));
     uint8_t *stored = sealed_.data() + begin + BLOCK_HEADER_SIZE;
     Compression used;
-    header.stored_size = static_cast<uint32_t>(press_payload(payload, size, stored, used));
+    header.stored_size = static_cast<uint32_t>(press_payload(press, payload, size, stored, used));
     header.compression = used;
     header.raw_size = static_cast<uint32_t>(size);
     header.first_record = before_.records;
@@ -216,7 +247,8 @@ void Trace_File::seal_payload(Block_Header header, const uint8_t *payload, size_
 // Moves the encoder's block to sealed_, its outside comment in front of it.
 void Trace_File::seal(uint8_t flags)
 {
-    uint8_t *payload = press().payload.data();
+    const Press_Loan press;
+    uint8_t *payload = (*press).payload.data();
     if (!encoder_.started())
         begin_block();
     sealed_.reserve(2 * (BLOCK_HEADER_SIZE + ZSTD_compressBound(MAX_PAYLOAD)));
@@ -228,7 +260,7 @@ void Trace_File::seal(uint8_t flags)
     if (comment_outside_) {
         Block_Header front = header;
         front.flags |= COMMENT_BLOCK;
-        seal_payload(front, reinterpret_cast<const uint8_t *>(comment_.data()), comment_.size());
+        seal_payload(*press, front, reinterpret_cast<const uint8_t *>(comment_.data()), comment_.size());
         header.flags = address | COMMENT_BEFORE;
         comment_outside_ = false;
     }
@@ -236,7 +268,7 @@ void Trace_File::seal(uint8_t flags)
     header.records = encoder_.records();
     header.headers = encoder_.headers();
     encoder_.collect(payload);
-    seal_payload(header, payload, encoder_.raw_size());
+    seal_payload(*press, header, payload, encoder_.raw_size());
     before_.add({header.records, header.headers});
     gap_before_ = false;
 }
@@ -319,26 +351,54 @@ try {
 
 // ---- Descriptors ----------------------------------------------------------------------------------------------
 
-// A descriptor is an index here; the slots of closed files are used again.
-constinit std::vector<std::unique_ptr<Trace_File>> files;
-
-Trace_File *file_of(QTRACE_FDESCR file)
+// A descriptor is an index here; the slots of closed files are used again. Slots never move, so that threads find
+// their files without a lock while others open and close theirs.
+class File_Table
 {
-    if (file < 0 || static_cast<size_t>(file) >= files.size())
-        return nullptr;
-    return files[static_cast<size_t>(file)].get();
-}
+public:
+    Trace_File *find(QTRACE_FDESCR file) const
+    {
+        if (file < 0 || static_cast<size_t>(file) >= CHUNKS * CHUNK)
+            return nullptr;
+        const auto slot = static_cast<size_t>(file);
+        const Chunk *chunk = chunks_[slot / CHUNK].load(std::memory_order_acquire);
+        return chunk != nullptr ? (*chunk)[slot % CHUNK].load(std::memory_order_acquire) : nullptr;
+    }
+    // -1 when the table is full.
+    QTRACE_FDESCR keep(std::unique_ptr<Trace_File> file)
+    {
+        const std::lock_guard lock(guard_);
+        for (size_t i = 0; i < CHUNKS; ++i) {
+            if (chunks_[i].load(std::memory_order_relaxed) == nullptr)
+                chunks_[i].store(new Chunk(), std::memory_order_release);
+            for (size_t j = 0; j < CHUNK; ++j) {
+                std::atomic<Trace_File *> &slot = (*chunks_[i].load(std::memory_order_relaxed))[j];
+                if (slot.load(std::memory_order_relaxed) != nullptr)
+                    continue;
+                slot.store(file.release(), std::memory_order_release);
+                return static_cast<QTRACE_FDESCR>(i * CHUNK + j);
+            }
+        }
+        return -1;
+    }
+    // Null when another thread took it.
+    std::unique_ptr<Trace_File> take(QTRACE_FDESCR file)
+    {
+        if (find(file) == nullptr)
+            return nullptr;
+        const auto slot = static_cast<size_t>(file);
+        Chunk &chunk = *chunks_[slot / CHUNK].load(std::memory_order_acquire);
+        return std::unique_ptr<Trace_File>(chunk[slot % CHUNK].exchange(nullptr, std::memory_order_acq_rel));
+    }
 
-QTRACE_FDESCR keep(std::unique_ptr<Trace_File> file)
-{
-    size_t slot = 0;
-    while (slot < files.size() && files[slot])
-        ++slot;
-    if (slot == files.size())
-        files.emplace_back();
-    files[slot] = std::move(file);
-    return static_cast<QTRACE_FDESCR>(slot);
-}
+private:
+    static constexpr size_t CHUNK = 256, CHUNKS = 1024;
+    using Chunk = std::array<std::atomic<Trace_File *>, CHUNK>;
+    std::atomic<Chunk *> chunks_[CHUNKS] = {}; // never given back
+    std::mutex guard_;                         // of opening
+};
+
+constinit File_Table files;
 
 QTRACE_FDESCR open_for_writing(const char *name)
 {
@@ -346,9 +406,14 @@ QTRACE_FDESCR open_for_writing(const char *name)
     const char *wish = std::getenv("QTRACE_COMPRESSION");
     if (wish != nullptr && !parse_compression(wish, compression))
         return fail(name, "QTRACE_COMPRESSION", std::string("\"") + wish + "\" is not none, zstd or zstd:LEVEL");
-    press(); // short of memory is better known now than at the first full block
+    { // short of memory is better known now than at the first full block
+        const Press_Loan press;
+    }
     auto file = std::make_unique<Trace_File>(name, compression);
-    return file->open() == 0 ? keep(std::move(file)) : -1;
+    if (file->open() != 0)
+        return -1;
+    const QTRACE_FDESCR descriptor = files.keep(std::move(file));
+    return descriptor < 0 ? fail(name, "open", "too many files are open") : descriptor;
 }
 
 int fail(QTRACE_FDESCR file, std::string_view what, std::string_view reason)
@@ -360,7 +425,7 @@ try {
 
 template <class Item> int write_item(QTRACE_FDESCR file, const Item *item)
 {
-    Trace_File *to = file_of(file);
+    Trace_File *to = files.find(file);
     if (to == nullptr)
         return fail(file, "write", "not open");
     return item == nullptr ? fail(file, "write", "nothing given") : to->write(*item);
@@ -383,12 +448,10 @@ try {
 
 void QTRACE_Fclose(QTRACE_FDESCR file)
 {
-    if (file_of(file) == nullptr) {
+    if (const std::unique_ptr<Trace_File> closing = files.take(file))
+        closing->close();
+    else
         fail(file, "close", "not open");
-        return;
-    }
-    const std::unique_ptr<Trace_File> closing = std::move(files[static_cast<size_t>(file)]);
-    closing->close();
 }
 
 int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)
@@ -403,11 +466,11 @@ int QTRACE_FwriteRecord(QTRACE_FDESCR file, QTRACE_RECORD *record)
 
 const char *qtrace_writer_error(void)
 {
-    return last_error().c_str();
+    return last_error;
 }
 
 uint64_t qtrace_writer_failures(void)
 {
-    return failures;
+    return failures.load(std::memory_order_relaxed);
 }
 }

@@ -1,0 +1,124 @@
+// Writers on several threads, and readers on several threads over one index. Also built with ThreadSanitizer.
+#include "trace_file_fixture.h"
+
+#include <thread>
+
+namespace
+{
+
+constexpr unsigned THREADS = 4;
+
+class threads : public trace_file
+{
+protected:
+    std::string name_of(unsigned thread) const { return name_ + std::to_string(thread); }
+
+    template <class Work> static void run(Work work)
+    {
+        std::vector<std::thread> running;
+        for (unsigned thread = 0; thread < THREADS; ++thread)
+            running.emplace_back([work, thread] { work(thread); });
+        for (std::thread &thread : running)
+            thread.join();
+    }
+
+    // What the records of a thread's file are, one after the other.
+    static QTRACE_RECORD record_of(Random_Trace &chance, unsigned thread)
+    {
+        QTRACE_RECORD record = chance.plausible_record();
+        record.processor = static_cast<QTRACE_UINT8>(thread + 1);
+        return record;
+    }
+    static void write_file(const std::string &name, unsigned thread, int records)
+    {
+        Random_Trace chance(thread);
+        const QTRACE_FDESCR file = QTRACE_Fopen(name.c_str(), QTRACE_WRITE);
+        ASSERT_GE(file, 0) << qtrace_writer_error();
+        QTRACE_FILE_HDR header = chance.plausible_header();
+        std::string comment(40'000, static_cast<char>('a' + thread)); // a block of its own
+        header.comment = comment.data();
+        header.comment_length = static_cast<QTRACE_UINT16>(comment.size());
+        ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
+        for (int i = 0; i < records; ++i) {
+            QTRACE_RECORD record = record_of(chance, thread);
+            ASSERT_EQ(QTRACE_FwriteRecord(file, &record), 0);
+        }
+        QTRACE_Fclose(file);
+    }
+    void expect_file_of(unsigned thread, int records) const
+    {
+        Random_Trace chance(thread);
+        (void)chance.plausible_header();
+        const Contents contents = read(name_of(thread));
+        EXPECT_TRUE(contents.damages.empty());
+        ASSERT_EQ(contents.items.size(), static_cast<size_t>(records) + 1);
+        EXPECT_TRUE(contents.items[0].comment == std::string(40'000, static_cast<char>('a' + thread)));
+        for (int i = 0; i < records; ++i) {
+            const bool same =
+                contents.items[static_cast<size_t>(i) + 1].image == image_of(record_of(chance, thread));
+            ASSERT_TRUE(same) << "record " << i << " of thread " << thread;
+        }
+    }
+};
+
+TEST_F(threads, write_files_of_their_own_at_once)
+{
+    constexpr int RECORDS = 20'000;
+    run([this](unsigned thread) { write_file(name_of(thread), thread, RECORDS); });
+    for (unsigned thread = 0; thread < THREADS; ++thread)
+        expect_file_of(thread, RECORDS);
+}
+
+TEST_F(threads, open_and_close_files_while_others_write)
+{
+    run([this](unsigned thread) {
+        for (int round = 0; round < 20; ++round)
+            write_file(name_of(thread), thread, 200);
+    });
+    for (unsigned thread = 0; thread < THREADS; ++thread)
+        expect_file_of(thread, 200);
+}
+
+TEST_F(threads, have_errors_of_their_own_and_one_count_of_failures)
+{
+    constexpr int FAILURES = 500;
+    const uint64_t before = qtrace_writer_failures();
+    run([this](unsigned thread) {
+        const std::string missing = name_of(thread) + "/no/such";
+        for (int i = 0; i < FAILURES; ++i) {
+            EXPECT_EQ(QTRACE_Fopen(missing.c_str(), QTRACE_WRITE), -1);
+            EXPECT_EQ(qtrace_writer_error(), missing + ": open: No such file or directory");
+        }
+    });
+    EXPECT_EQ(qtrace_writer_failures(), before + THREADS * FAILURES);
+    std::thread([] { EXPECT_STREQ(qtrace_writer_error(), ""); }).join();
+}
+
+TEST_F(threads, read_ranges_of_one_file_by_one_index)
+{
+    write_plausible(60'000);
+    QTRACE_Index *index = qtrace_index_open(name_.c_str(), nullptr);
+    uint64_t count = 0;
+    qtrace_index_blocks(index, &count);
+    ASSERT_GT(count, THREADS);
+    std::vector<std::vector<Item>> parts(THREADS);
+    run([&](unsigned thread) {
+        const uint64_t first = count * thread / THREADS, end = count * (thread + 1) / THREADS;
+        QTRACE_Reader *reader = qtrace_open_with_index(index);
+        ASSERT_EQ(qtrace_select_blocks(reader, first, end - first), 0);
+        const QTRACE_Item *item;
+        while (qtrace_next(reader, &item) != QTRACE_ITEM_END)
+            parts[thread].push_back(item_of(*item));
+        QTRACE_Info info;
+        EXPECT_EQ(qtrace_info(reader, &info), 0);
+        EXPECT_EQ(info.records, 60'000u);
+        qtrace_close(reader);
+    });
+    qtrace_index_close(index);
+    std::vector<Item> all;
+    for (const std::vector<Item> &part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    EXPECT_TRUE(all == written_);
+}
+
+} // namespace
