@@ -1,0 +1,56 @@
+"""The generator of random mutants finds each token that can be changed, and none in comments, strings and types."""
+
+import unittest
+
+import mutant_generator
+
+
+def changed(source, file="a.cpp"):
+    return [(change.line, change.token, change.replacement) for change in mutant_generator.changes(file, source)]
+
+
+class cpp(unittest.TestCase):
+    def test_comparisons_become_their_neighbours(self):
+        self.assertEqual(changed("    if (a < b)\n"), [(1, "<", "<="), (1, "<", ">")])
+        self.assertEqual(changed("    if (a == b)\n"), [(1, "==", "!=")])
+
+    def test_numbers_become_their_neighbours_in_their_notation(self):
+        self.assertEqual(changed("int x = 0x1fu;\n"), [(1, "0x1fu", "0x20u"), (1, "0x1fu", "0x1eu")])
+        self.assertEqual(changed("int x = 0;\n"), [(1, "0", "1")])
+        self.assertEqual(changed("int x = 1'000;\n"), [(1, "1'000", "1001"), (1, "1'000", "999")])
+
+    def test_negations_vanish_and_words_are_exchanged(self):
+        self.assertEqual(changed("    return !done || true;\n"),
+                         [(1, "!", ""), (1, "||", "&&"), (1, "true", "false")])  # fmt: skip
+
+    def test_types_are_left_alone(self):
+        self.assertEqual(changed("std::vector<int> f(const T &x, T *y, T &&z);\n"), [])
+
+    def test_comments_strings_and_directives_are_left_alone(self):
+        self.assertEqual(changed('// a < 1\n/* 2 &&\n 3 */\nf("4 + 5", \'6\');\n#if 7 > 8\nR"(9 < 1)";\n'), [])
+
+    def test_lines_are_counted_over_comments(self):
+        self.assertEqual(changed("/* a\n b */\nx += y;\n"), [(3, "+=", "-="), (3, "+=", "=")])
+
+    def test_identifiers_with_digits_are_no_numbers(self):
+        self.assertEqual(changed("uint64_t crc32c(x1);\n"), [])
+
+    def test_applying_changes_one_place(self):
+        source = "a = 1;\nb = 1;\n"
+        change = mutant_generator.changes("a.cpp", source)[2]
+        self.assertEqual(change.apply(source), "a = 1;\nb = 2;\n")
+        self.assertEqual(change.key(source), ("a.cpp", "b = 1;", "b = 2;"))
+
+
+class python(unittest.TestCase):
+    def test_operators_words_and_numbers(self):
+        self.assertEqual(changed("if not a and b >= 2:\n    pass\n", "a.py"),
+                         [(1, "not", ""), (1, "and", "or"), (1, ">=", ">"), (1, ">=", "=="), (1, "2", "3"),
+                          (1, "2", "1")])  # fmt: skip
+
+    def test_comments_strings_and_definitions_are_left_alone(self):
+        self.assertEqual(changed('# 1 < 2\n"""3 and 4"""\ndef f(a=1):\n    pass\n', "a.py"), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

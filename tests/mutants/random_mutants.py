@@ -1,0 +1,347 @@
+"""Draws random single-token mutants of library, tools, replay host and Python, and runs on each the tests that reach the
+changed line, the quickest first, until one fails. Everything happens in copies of the tree below a work folder."""
+
+import concurrent.futures
+import hashlib
+import json
+import os
+import random
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+
+import mutant_generator
+
+ROOT = Path(__file__).resolve().parents[2]
+EQUIVALENT = Path(__file__).with_name("equivalent.mutants")
+SOURCES = ("qtrace/lib/", "tools/", "replay/", "python/")
+LEFT_OUT = ("install", "test_names", "packages", "faults.killed", "faults.long_run", "faults.hardening", "model.")
+MEMORY_LIMIT = 8 << 30  # bytes of address space
+COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
+PLAIN = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1"]
+COUNTED = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 --coverage -fprofile-update=atomic",
+           "-DCMAKE_C_FLAGS_DEBUG=-O0 --coverage"]  # fmt: skip
+
+
+def run(command, **options):
+    return subprocess.run([*map(str, command)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
+
+
+def tracked_files():
+    listed = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, stdout=subprocess.PIPE, check=True).stdout
+    return [name for name in listed.decode().split("\0") if name and (ROOT / name).is_file()]
+
+
+def copy_tree(target):
+    """The tracked files, in which warnings are no errors; unchanged ones keep their time. Returns a digest of all."""
+    digest = hashlib.sha256()
+    for name in tracked_files():
+        content = (ROOT / name).read_bytes()
+        if name == "CMakeLists.txt":
+            content = content.replace(b" -Werror", b"")
+        digest.update(name.encode() + b"\0" + content)
+        copy = target / name
+        if not copy.exists() or copy.read_bytes() != content:
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            copy.write_bytes(content)
+            shutil.copymode(ROOT / name, copy)
+    return digest.hexdigest()
+
+
+class Place:
+    """A copy of the tree with a build of its own."""
+
+    def __init__(self, folder, flags):
+        self.tree, self.build, self.temporary, self.flags = folder / "tree", folder / "build", folder / "tmp", flags
+
+    def prepare(self):
+        digest = copy_tree(self.tree)
+        compiler_cache = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache", "-DCMAKE_C_COMPILER_LAUNCHER=ccache"]
+        configured = run(["cmake", "-S", self.tree, "-B", self.build, *COMMON, *self.flags,
+                          *(compiler_cache if shutil.which("ccache") else [])])  # fmt: skip
+        if configured.returncode != 0:
+            sys.exit(configured.stdout.decode(errors="replace"))
+        return digest
+
+    def make(self, targets, jobs=1):
+        environment = dict(os.environ, CCACHE_BASEDIR=str(self.tree.parent), CCACHE_NOHASHDIR="1")
+        command = ["cmake", "--build", self.build, "-j", jobs, "--target", *targets]
+        return run(command, env=environment)
+
+    def make_or_exit(self, targets, jobs):
+        built = self.make(targets, jobs)
+        if built.returncode != 0:
+            sys.exit(built.stdout.decode(errors="replace"))
+
+
+class Group:
+    """Tests that one command runs: a test program, or one test of another kind."""
+
+    def __init__(self, name, command, environment, targets):
+        self.name, self.command, self.environment, self.targets = name, command, environment, targets
+        self.seconds = 0.0
+        self.lines = {}  # file -> numbers of the lines that it reaches
+
+    def fails(self, place, origin, limit):
+        """Whether it fails in the place; the command is written for the place `origin`."""
+        def moved(text):
+            return text.replace(str(origin.build), str(place.build)).replace(str(origin.tree), str(place.tree))
+
+        shutil.rmtree(place.temporary, ignore_errors=True)
+        place.temporary.mkdir(parents=True)
+        environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1", TMPDIR=str(place.temporary),
+                           PYTHONDONTWRITEBYTECODE="1")  # fmt: skip
+        environment |= dict(moved(setting).split("=", 1) for setting in self.environment)
+        process = subprocess.Popen([moved(word) for word in self.command], cwd=place.build, env=environment,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                   start_new_session=True, preexec_fn=limit_resources)  # fmt: skip
+        try:
+            return process.wait(limit) not in (0, 77)
+        except subprocess.TimeoutExpired:
+            return True
+        finally:
+            end_session(process)
+
+    def reaches(self, change):
+        """Lines of declarations and tables are counted by nobody: then every test that reaches the file."""
+        lines = self.lines.get(change.file, ())
+        if change.file.endswith(".py") or change.file.endswith(".h") or change.line not in self.all_counted(change.file):
+            return bool(lines)
+        return change.line in lines
+
+    counted = {}  # file -> lines that can be counted, of all groups
+
+    @classmethod
+    def all_counted(cls, file):
+        return cls.counted.get(file, ())
+
+
+def limit_resources():
+    resource.setrlimit(resource.RLIMIT_AS, (MEMORY_LIMIT, MEMORY_LIMIT))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def end_session(process):
+    """Ends what the command started and left, which has its session."""
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
+
+
+# ---- Which tests there are, and what they reach ----
+
+
+def test_groups(place):
+    """From the tests that CMake knows: a program of unit tests is one group, whatever the number of its tests."""
+    listed = subprocess.run(["ctest", "--test-dir", str(place.build), "--show-only=json-v1"], stdout=subprocess.PIPE,
+                            check=True)  # fmt: skip
+    groups = {}
+    for test in json.loads(listed.stdout)["tests"]:
+        if "command" not in test or test["name"].startswith(LEFT_OUT):
+            continue
+        program = Path(test["command"][0])
+        is_unit = any(word.startswith("--gtest_filter") for word in test["command"])
+        if is_unit and ("_plugin_test" in program.name or program.name == "query_floor_test"):
+            continue
+        properties = {one["name"]: one["value"] for one in test.get("properties", [])}
+        name = program.name if is_unit else test["name"]
+        command = [str(program)] if is_unit else test["command"]
+        targets = [program.name] if is_unit else []
+        groups.setdefault(name, Group(name, command, properties.get("ENVIRONMENT", []), targets))
+    return list(groups.values())
+
+
+def programs_of_scripts(place):
+    """What the tests that are no unit tests run."""
+    wanted = ("replay", "qtrace", "plugin_qtbin", "qtrace_library", "trace_items", "random_trace_file", "fail_disk",
+              "fail_memory")  # fmt: skip
+    known = run(["cmake", "--build", place.build, "--target", "help"]).stdout.decode()
+    return [name for name in wanted if f"\n{name}: phony" in known]
+
+
+def lines_reached(place):
+    """File -> lines with a count above 0, and file -> all lines with a count, of the runs since the last removal."""
+    counts = [*place.build.rglob("*.gcda")]
+    reached, counted = {}, {}
+    if counts:
+        out = subprocess.run(["gcov", "--json-format", "--stdout", *map(str, counts)], cwd=place.build,
+                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout  # fmt: skip
+        for text in filter(None, out.splitlines()):
+            for file in json.loads(text)["files"]:
+                path = os.path.relpath(os.path.join(place.build, file["file"]), place.tree)
+                if not path.startswith(SOURCES):
+                    continue
+                for line in file["lines"]:
+                    counted.setdefault(path, set()).add(line["line_number"])
+                    if line["count"]:
+                        reached.setdefault(path, set()).add(line["line_number"])
+    return reached, counted
+
+
+def measure_coverage(place, groups):
+    for group in groups:
+        for counts in place.build.rglob("*.gcda"):
+            counts.unlink()
+        if group.fails(place, place, 900):
+            print(f"fails in the build that counts: {group.name}", flush=True)
+        group.lines, counted = lines_reached(place)
+        for file, lines in counted.items():
+            Group.counted.setdefault(file, set()).update(lines)
+        if "python" in " ".join(group.command):
+            group.lines |= {name: {0} for name in tracked_files() if name.startswith("python/") and uses_module(group)}
+
+
+def uses_module(group):
+    return group.name.startswith(("reader.", "python"))
+
+
+def coverage_of(folder, jobs):
+    """The groups with what they reach; kept until a file of the tree changes."""
+    place = Place(folder / "coverage", COUNTED)
+    digest = place.prepare()
+    groups = test_groups_after_building(place, jobs)
+    kept = folder / "coverage.json"
+    stored = json.loads(kept.read_text()) if kept.exists() else {}
+    if stored.get("digest") == digest:
+        Group.counted = {file: set(lines) for file, lines in stored["counted"].items()}
+        for group in groups:
+            group.lines = {file: set(lines) for file, lines in stored["reached"][group.name].items()}
+        return place, groups
+    measure_coverage(place, groups)
+    kept.write_text(json.dumps({"digest": digest, "counted": as_lists(Group.counted),
+                                "reached": {group.name: as_lists(group.lines) for group in groups}}))  # fmt: skip
+    return place, groups
+
+
+def as_lists(sets):
+    return {file: sorted(lines) for file, lines in sets.items()}
+
+
+def test_groups_after_building(place, jobs):
+    scripts = programs_of_scripts(place)
+    everything = run(["cmake", "--build", place.build, "--target", "help"]).stdout.decode()
+    units = [line.split(":")[0] for line in everything.splitlines()
+             if line.split(":")[0].endswith("_test") and "_plugin_" not in line and ": phony" in line]  # fmt: skip
+    units = [name for name in units if "/" not in name and name not in ("model_test", "long_run_test")]
+    place.make_or_exit([*scripts, *units], jobs)
+    groups = test_groups(place)
+    for group in groups:
+        group.targets = group.targets or scripts
+    return groups
+
+
+# ---- Mutants ----
+
+
+class Round:
+    """One drawing of mutants. The workers take changes from it until enough of them could be built."""
+
+    def __init__(self, seed, wanted):
+        self.sources = {name: (ROOT / name).read_text() for name in tracked_files()
+                        if name.startswith(SOURCES) and name.endswith((".cpp", ".h", ".py"))}  # fmt: skip
+        possible = [change for name in sorted(self.sources) for change in
+                    mutant_generator.changes(name, self.sources[name])]  # fmt: skip
+        random.Random(seed).shuffle(possible)
+        self.order, self.wanted = iter(possible), wanted
+        self.lock = threading.Lock()
+        self.reasons = read_equivalent()
+        self.noticed, self.without_effect, self.survivors = 0, [], []
+
+    def decided(self):
+        return self.noticed + len(self.without_effect) + len(self.survivors)
+
+    def next(self):
+        with self.lock:
+            return None if self.decided() >= self.wanted else next(self.order, None)
+
+    def record(self, change, by, seconds):
+        """`by`: the group that fails, or None."""
+        key = change.key(self.sources[change.file])
+        with self.lock:
+            if self.decided() >= self.wanted:
+                return
+            if by:
+                self.noticed += 1
+                verdict = f"noticed by {by}" + (", although it is listed as without effect" if key in self.reasons else "")
+            elif key in self.reasons:
+                self.without_effect.append(key)
+                verdict = f"without effect: {self.reasons[key]}"
+            else:
+                self.survivors.append((change, key))
+                verdict = "SURVIVES"
+            print(f"{self.decided():3} {change.file}:{change.line}: {key[1]}  ->  {key[2]}\n    {verdict} ({seconds:.0f} s)",
+                  flush=True)  # fmt: skip
+
+
+def read_equivalent():
+    """(file, line, line of the mutant) -> why no test can notice it."""
+    reasons, entry = {}, {}
+    for line in EQUIVALENT.read_text().splitlines():
+        if not line or line.startswith("#"):
+            continue
+        entry[line[0]] = line[2:]
+        if line[0] == "=":
+            reasons[entry["@"], entry["-"], entry["+"]] = entry["="]
+    return reasons
+
+
+def try_change(change, source, place, origin, groups):
+    """The name of the first group that fails, None, or "build"."""
+    file = place.tree / change.file
+    file.write_text(change.apply(source))
+    try:
+        for group in sorted(filter(lambda one: one.reaches(change), groups), key=lambda one: one.seconds):
+            if not change.file.endswith(".py") and place.make(group.targets).returncode != 0:
+                return "build"
+            if group.fails(place, origin, 10 + 10 * group.seconds):
+                return group.name
+        return None
+    finally:
+        file.write_text(source)
+
+
+def work(drawing, place, origin, groups):
+    while change := drawing.next():
+        began = time.monotonic()
+        by = try_change(change, drawing.sources[change.file], place, origin, groups)
+        if by != "build":
+            drawing.record(change, by, time.monotonic() - began)
+
+
+def healthy(groups, place, origin):
+    """The groups that pass without any mutant, with the time that they take."""
+    for group in groups:
+        began = time.monotonic()
+        if group.fails(place, origin, 900):
+            print(f"left out, fails without any mutant: {group.name}", flush=True)
+            group.seconds = None
+        else:
+            group.seconds = time.monotonic() - began
+    return [group for group in groups if group.seconds is not None]
+
+
+def main(seed, wanted, jobs, folder):
+    began = time.monotonic()
+    origin, groups = coverage_of(folder, jobs)
+    places = [Place(folder / f"worker{number}", PLAIN) for number in range(jobs)]
+    for place in places:
+        place.prepare()
+        place.make_or_exit(sorted({target for group in groups for target in group.targets}), jobs)
+    groups = healthy(groups, places[0], origin)
+    print(f"{len(groups)} groups of tests, ready after {time.monotonic() - began:.0f} s", flush=True)
+    drawing = Round(seed, wanted)
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        for done in [pool.submit(work, drawing, place, origin, groups) for place in places]:
+            done.result()
+    print(f"seed {seed}: {drawing.decided()} mutants, {drawing.noticed} noticed, {len(drawing.without_effect)} without effect, "
+          f"{len(drawing.survivors)} survive; {time.monotonic() - began:.0f} s")  # fmt: skip
+    for change, key in drawing.survivors:
+        print(f"@ {change.file}\n- {key[1]}\n+ {key[2]}\n    line {change.line}")
+    return 1 if drawing.survivors else 0
