@@ -29,6 +29,24 @@ install(FILES ${qt_headers} qtrace/src/qtrace.h qtrace/src/qtrace_t.h qtrace/lib
     qtrace/lib/qtrace_columns.h common/qt_plugin/plugin_qtbin.h DESTINATION ${qt_include})
 install(DIRECTORY python/qtrace DESTINATION ${qt_python} FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
 
+# ---- Completions ----
+
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+set(completions)
+foreach(program qtrace replay)
+    set(bash ${CMAKE_BINARY_DIR}/completions/${program})
+    set(zsh ${CMAKE_BINARY_DIR}/completions/_${program})
+    set(writer ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/packaging/completions.py)
+    add_custom_command(OUTPUT ${bash} ${zsh} DEPENDS ${program} packaging/completions.py VERBATIM
+        COMMAND ${CMAKE_COMMAND} -E make_directory completions
+        COMMAND ${writer} bash $<TARGET_FILE:${program}> > ${bash} COMMAND ${writer} zsh $<TARGET_FILE:${program}> > ${zsh})
+    list(APPEND completions ${bash} ${zsh})
+    install(FILES ${bash} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    install(FILES ${zsh} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+endforeach()
+add_custom_target(completions ALL DEPENDS ${completions})
+add_dependencies(products completions)
+
 # ---- Packages ----
 
 install(EXPORT qtrace NAMESPACE qtrace:: FILE qtrace-config.cmake DESTINATION ${qt_package})

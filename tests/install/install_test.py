@@ -87,6 +87,11 @@ class installed_tree(unittest.TestCase):
                 (self.work / "alone.c").write_text(f"#include <{header}>\n")
                 self.run_in_work(CC, "-std=c11", "-Wall", "-Werror", "-fsyntax-only", *flags, "alone.c")
 
+    def test_completions_are_there(self):
+        for name in ("bash-completion/completions/qtrace", "bash-completion/completions/replay",
+                     "zsh/site-functions/_qtrace", "zsh/site-functions/_replay"):  # fmt: skip
+            self.assertGreater((self.tree / "share" / name).stat().st_size, 200, name)
+
     def test_pages_and_documents_are_there(self):
         self.assertTrue(list(self.tree.glob("share/doc/*/trace-format.md")))
         pages = sorted(path.name for path in self.tree.glob("share/man/man*/*"))
