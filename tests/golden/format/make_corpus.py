@@ -7,24 +7,22 @@ here reads a trace: expectations are what was put in. Traces are encoded from do
 
 A NAME.json line is a header or record as JSON, or {"damage": offset, ...}, or {"refused": true}."""
 import json
-import os
 import pathlib
 import struct
 import sys
 
 import zstandard
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../../python"))
-from qtrace import plain  # noqa: E402  (names and offsets of members, and how lines show them)
-from qtrace.plain import crc32c  # noqa: E402
+import corpus_items
+from corpus_items import crc32c
 
 FOLDER = pathlib.Path(__file__).parent
 MASK64 = (1 << 64) - 1
-FILE_START = plain.FILE_MAGIC + struct.pack("<I", 1)
+FILE_START = corpus_items.FILE_MAGIC + struct.pack("<I", 1)
 FILE_START += struct.pack("<I", crc32c(FILE_START))
 LAST, KNOWN, COMMENT, COMMENT_BEFORE, GAP, OPEN_END, LEFT_OUT = (1 << i for i in range(7))
 DATA, NEXT = 1 << 43, 1 << 38  # of control words
-LISTS = plain.REGISTER_LISTS
+LISTS = corpus_items.REGISTER_LISTS
 CODING_ORDER = (9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
 SMALL = ("node", "termination_node", "termination_code", "processor", "error_code", "length")
 OPEN, OP, WORD, SHAPE, NEXTS, DATAS, TRANSLATION, KIND, VALUE, EXTRA = range(10)
@@ -74,7 +72,7 @@ def block(raw, records=0, headers=0, first=0, first_header=0, address=0, flags=0
     """A block around a payload. `change` sets members of the block's header to something else; the checksums are
     right nevertheless, unless it sets these."""
     stored_bytes = raw if stored is None else stored
-    parts = {"marker": plain.BLOCK_MARKER, "version": 1, "flags": flags, "compression": int(stored is not None)}
+    parts = {"marker": corpus_items.BLOCK_MARKER, "version": 1, "flags": flags, "compression": int(stored is not None)}
     parts |= {"zero": 0, "stored": len(stored_bytes), "raw_size": len(raw), "records": records, "headers": headers}
     parts |= {"first": first, "first_header": first_header, "address": address, "crc": crc32c(stored_bytes)}
     parts |= {name: value for name, value in change.items() if name in parts}
@@ -114,8 +112,7 @@ class Trace_Maker:
     # ---- Items ----
 
     def header(self, comment=None, place=None, **members):
-        header = plain.Header()
-        vars(header).update(members)
+        header = corpus_items.Header(**members)
         header.comment = comment
         if comment is not None and "comment_length" not in members:
             header.comment_length = len(comment)
@@ -154,9 +151,7 @@ class Trace_Maker:
                     seldom.pop(side + member, None)
         if seldom:
             second |= 2
-            rest = plain.Record()
-            vars(rest).update(seldom)
-            start[EXTRA] += sparse(rest.image())
+            start[EXTRA] += sparse(corpus_items.Record(**seldom).image())
         start[OP] += bytes([flags | 128, second]) if second else bytes([flags])
         return self
 
@@ -169,8 +164,7 @@ class Trace_Maker:
         return self
 
     def expect(self, **members):
-        record = plain.Record()
-        vars(record).update(members)
+        record = corpus_items.Record(**members)
         record.number, record.header_number = self.records, self.headers
         record.address = self.address if self.known else None
         self.records += 1
@@ -269,38 +263,40 @@ def started():
     return Trace_Maker().header(**FULL_HEADER)
 
 
-def value_of(shape, seed):
+def value_of(member, seed):
     """A value that fills the member, different for each seed."""
-    size = shape.size // (len(shape.zero) if shape.words_a_row else 1)
+    size = 8 if member.row else member.size
 
     def make(i):
         return int.from_bytes(bytes((seed * 37 + i * 11 + b * 29) % 255 + 1 for b in range(size)), "big")
 
-    return tuple(make(i) for i in range(len(shape.zero))) if shape.words_a_row else make(0)
+    return tuple(make(i) for i in range(len(member.zero))) if member.row else make(0)
 
 
 def member_cases():
-    for seed, (name, _, shape) in enumerate(plain.RECORD_MEMBERS):
+    for seed, member in enumerate(corpus_items.RECORD_MEMBERS):
+        name = member.name
         if name in ("instruction", "control"):
             continue
-        value = value_of(shape, seed) & plain.USED_BITS.get(name, MASK64) if not shape.words_a_row else value_of(
-            shape, seed)
+        value = value_of(member, seed)
+        if not member.row:
+            value &= corpus_items.USED_BITS.get(name, MASK64)
         if name == "iar_segment_size_is_valid":
             value = 1
         whole(f"record-seldom-{name}", started().record(instruction=seed, **{name: value}).record(instruction=7))
         for side, present in (("data", DATA), ("next_instruction", NEXT)):
             if name.startswith(side + "_") and name[len(side) :] in (*SIDE_MEMBERS, "_ea"):
                 whole(f"record-{name}", started().record(control=present, **{name: value}).record(control=present))
-    for seed, (name, _, shape) in enumerate(plain.HEADER_MEMBERS):
-        if name not in ("comment_length",):
-            value = value_of(shape, seed)
-            whole(f"header-{name}", Trace_Maker().header(**{name: value}).record(instruction=1))
+    for seed, member in enumerate(corpus_items.HEADER_MEMBERS):
+        if member.name != "comment_length":
+            value = value_of(member, seed)
+            whole(f"header-{member.name}", Trace_Maker().header(**{member.name: value}).record(instruction=1))
 
 
 def flag_cases():
-    for name, bit, width in plain.CONTROL_FLAGS:
+    for name, bit, width in corpus_items.CONTROL_FLAGS:
         whole(f"record-flag-{name}", started().record(control=(1 << width) - 1 << bit).record())
-    for name, bit, width in plain.FILE_FLAGS:
+    for name, bit, width in corpus_items.FILE_FLAGS:
         whole(f"header-flag-{name}", Trace_Maker().header(file_control=(1 << width) - 1 << bit).record())
 
 
@@ -314,9 +310,9 @@ def register_cases():
         behind = (entry(1), entry(2))
         maker = started().record(instruction=i, **{name: behind[:1], count: 1})
         # An entry behind the count travels among the seldom members.
-        size = plain.ENTRY[words].size
-        image = bytearray(plain.RECORD_SIZE)
-        plain.ENTRY[words].pack_into(image, LISTS[i][2] + size, *behind[1])
+        size = corpus_items.ENTRY[words].size
+        image = bytearray(corpus_items.RECORD_SIZE)
+        corpus_items.ENTRY[words].pack_into(image, LISTS[i][2] + size, *behind[1])
         maker.columns[OP][-1:] = bytes([maker.columns[OP][-1] | 128, 2])
         maker.columns[EXTRA] += sparse(image)
         vars(maker.now[-1])[name] = behind
@@ -520,12 +516,12 @@ def damage_cases():
              maker.lines(without=range(gone[0], 4)) + [damage_line(size, 0, 2 * len(gone))]
              + maker.lines(without=range(gone[-1] + 1)))  # fmt: skip
     for i in range(4):
-        for name, junk in (("byte", b"\0"), ("marker", plain.BLOCK_MARKER), ("half-block", maker.blocks[1][:40]),
+        for name, junk in (("byte", b"\0"), ("marker", corpus_items.BLOCK_MARKER), ("half-block", maker.blocks[1][:40]),
                            ("file-start", FILE_START)):  # fmt: skip
             bad = data[: at[i]] + junk + data[at[i] :]
             case(f"inserted-{name}-before-block-{i}", bad, maker.lines(without=range(i, 4)) + [
                 damage_line(at[i], len(junk), 0)] + maker.lines(without=range(i)))
-    other = struct.pack("<8sI", plain.FILE_MAGIC, 2)
+    other = struct.pack("<8sI", corpus_items.FILE_MAGIC, 2)
     case("another-version", other + struct.pack("<I", crc32c(other)) + data[16:], [json.dumps({"refused": True})])
     case("no-trace", b"KelvoVer:3,64bitMode:True\n" * 4, [json.dumps({"refused": True})])
     bare = Trace_Maker().record(instruction=1)
