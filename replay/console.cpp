@@ -1,6 +1,8 @@
 #include "console.h"
 
 #include "command_words.h"
+#include "printable.h"
+#include "stream_input.h"
 
 #include <algorithm>
 #include <charconv>
@@ -28,10 +30,56 @@ namespace
 
 constexpr size_t ANY = 1000000;
 
+// "1 thread", "2 threads"
+std::string counted(uint64_t count, std::string_view thing)
+{
+    return fmt::format("{} {}{}", count, thing, count == 1 ? "" : "s");
+}
+
 std::string complaint_count(uint64_t count)
 {
     return count == 1 ? "the plugin complained" : fmt::format("the plugin complained {} times", count);
 }
+
+// The numbers of the threads for which `is_one` holds, as "0, 3, 5 to 8"; empty when there are none.
+template <class Predicate> std::string thread_list(int threads, Predicate is_one)
+{
+    std::string list;
+    for (int first = 0; first < threads; ++first) {
+        if (!is_one(first))
+            continue;
+        int last = first;
+        while (last + 1 < threads && is_one(last + 1))
+            ++last;
+        list += fmt::format("{}{}", list.empty() ? "" : ", ", first);
+        if (last > first)
+            list += fmt::format("{}{}", last == first + 1 ? ", " : " to ", last);
+        first = last;
+    }
+    return list;
+}
+
+// Commands of the trace plugin, for completion: what may follow the words so far.
+struct Plugin_Word {
+    std::string_view command; // empty: the command itself
+    size_t at;                // place after the plugin's file, from 0
+    std::vector<std::string_view> words;
+    bool wants_file = false;
+};
+
+const Plugin_Word PLUGIN_WORDS[] = {
+    {"", 0, {"start", "stop", "warm", "pause", "resume"}},
+    {"start", 1, {}, true},
+    {"start", 2, {"txt", "pte"}},
+    {"start", 3, {}, true},
+    {"start", 4, {"txt", "pte"}},
+    {"start", 5, {}, true},
+    {"warm", 1, {}, true},
+    {"pause", 1, {"cpu"}},
+    {"pause", 3, {"thread"}},
+    {"resume", 1, {"cpu"}},
+    {"resume", 3, {"thread"}},
+};
 
 } // namespace
 
@@ -61,15 +109,21 @@ const std::vector<Console::Command> &Console::commands()
 
 Console::Console(Player &player, std::ostream &out, std::ostream &err) : player_(player), out_(out), err_(err)
 {
-    host().set_console([this](const Console_Message &message) {
-        if (message.channel == Channel::print) {
-            out_ << message.text;
-            return;
-        }
-        ++complaints_;
-        out_.flush(); // keeps the two in order where both end in one place
-        err_ << description_of(message) << std::flush;
-    });
+    host().set_console([this](const Console_Message &message) { say(message); });
+}
+
+void Console::say(const Console_Message &message)
+{
+    if (running_ && clear_display_)
+        clear_display_();
+    const auto shown = [this](const std::string &text) { return interactive_ ? printable(text, "\n\t") : text; };
+    if (message.channel == Channel::print) {
+        out_ << shown(message.text);
+        return;
+    }
+    ++complaints_;
+    out_.flush(); // keeps the two in order where both end in one place
+    err_ << shown(description_of(message)) << std::flush;
 }
 
 Console::~Console()
@@ -77,8 +131,10 @@ Console::~Console()
     host().set_console({});
 }
 
-void Console::set_run_display(std::function<void()> begin, std::function<void()> finish)
+void Console::set_run_display(std::function<void()> begin, std::function<void()> finish,
+                              std::function<void()> clear)
 {
+    clear_display_ = std::move(clear);
     run_begins_ = std::move(begin);
     run_ends_ = std::move(finish);
 }
@@ -86,8 +142,14 @@ void Console::set_run_display(std::function<void()> begin, std::function<void()>
 bool Console::fail(const std::string &text)
 {
     out_.flush();
-    err_ << where_ << (where_.empty() ? "" : ": ") << text << std::endl;
+    err_ << printable(where_) << (where_.empty() ? "" : ": ") << printable(text, "\t\n") << std::endl;
     return false;
+}
+
+// What a user may want to know; no failure.
+void Console::note(const std::string &text)
+{
+    fail("note: " + text);
 }
 
 bool Console::obey(std::string_view line, const std::string &where)
@@ -105,22 +167,30 @@ try {
         return fail(complaint_count(complaints_ - complaints_before));
     return obeyed;
 } catch (const std::bad_alloc &) {
-    err_ << where << (where.empty() ? "" : ": ") << "out of memory" << std::endl;
-    return false;
+    where_ = where;
+    return fail("out of memory");
 }
 
 bool Console::obey_script(std::istream &in, const std::string &name, bool stop_at_failure)
 {
+    return obey_script([&in](std::string &line) { return static_cast<bool>(std::getline(in, line)); }, name,
+                       stop_at_failure);
+}
+
+bool Console::obey_script(const Next_Line &next, const std::string &name, bool stop_at_failure)
+{
     bool good = true;
     size_t number = 0;
-    for (std::string line; !quitting_ && !player_.stop_requested() && std::getline(in, line);) {
-        good = obey(line, fmt::format("{}:{}", name, ++number)) && good;
-        if (!good && stop_at_failure)
-            break;
-    }
-    if (in.bad()) {
+    try {
+        for (std::string line; !quitting_ && !player_.stop_requested() && next(line);) {
+            good = obey(line, fmt::format("{}:{}", name, ++number)) && good;
+            if (!good && stop_at_failure)
+                break;
+        }
+    } catch (const Input_Interrupted &) {
+    } catch (const Input_Error &problem) {
         where_.clear();
-        good = fail(fmt::format("{}:{}: cannot be read any further", name, number + 1));
+        good = fail(fmt::format("{}:{}: {}", name, number + 1, problem.what()));
     }
     return good && !player_.stop_requested();
 }
@@ -163,7 +233,18 @@ bool Console::execute(const Words &words)
 bool Console::plugin_load(const Words &operands)
 {
     const std::string problem = player_.plugin().load(operands[0]);
-    return problem.empty() || fail(fmt::format("cannot load the plugin: {}", problem));
+    if (!problem.empty())
+        return fail(fmt::format("cannot load the plugin: {}", problem));
+    files_.protect(operands[0], "the loaded plugin");
+    if (interactive_)
+        say_what_was_loaded();
+    return true;
+}
+
+void Console::say_what_was_loaded()
+{
+    const Plugin_Module &plugin = player_.plugin();
+    out_ << fmt::format("loaded {}\nevents {}\n", printable(plugin.file()), fmt::join(plugin.events(), ", "));
 }
 
 bool Console::is_loaded_plugin(const std::string &typed) const
@@ -179,15 +260,31 @@ bool Console::plugin_signal(const Words &operands)
         return fail("no plugin is loaded");
     if (!is_loaded_plugin(operands[0]))
         return fail(fmt::format("the plugin {} is not loaded; {} is", operands[0], player_.plugin().file()));
-    player_.plugin().signal(operands[0], Words(operands.begin() + 1, operands.end()));
+    const Words words(operands.begin() + 1, operands.end());
+    if (const std::string problem = files_.prepare(words); !problem.empty())
+        return fail(problem);
+    player_.plugin().signal(operands[0], words);
+    settle_session_files();
     return true;
+}
+
+void Console::settle_session_files()
+{
+    if (!player_.session_open()) {
+        files_.release();
+        return;
+    }
+    files_.opened();
+    if (const Words &older = files_.older_files(); !older.empty())
+        note(fmt::format("older files that this session does not replace: {}", fmt::join(older, ", ")));
 }
 
 bool Console::plugin_unload(const Words &)
 {
     if (!player_.plugin().loaded())
         return fail("no plugin is loaded");
-    player_.plugin().unload();
+    player_.unload_plugin();
+    files_.release();
     return true;
 }
 
@@ -200,13 +297,20 @@ bool Console::run(const Words &operands)
         if (error != std::errc{} || end != word.data() + word.size())
             return fail(fmt::format("\"{}\" is not a number of events", word));
     }
+    const uint64_t before = player_.events();
+    const bool traced = player_.session_open();
+    running_ = true;
     if (run_begins_)
         run_begins_();
     const Player::End end = player_.run(limit);
+    running_ = false;
     if (run_ends_)
         run_ends_();
     if (end == Player::End::refused_input)
         return fail(fmt::format("{}: {}", player_.file(), player_.error()->text()));
+    if (end == Player::End::end_of_stream && !traced && player_.events() > before)
+        note(fmt::format("{} delivered to the end of the stream while no session was open",
+                         counted(player_.events() - before, "event")));
     return end != Player::End::stopped || fail(fmt::format("interrupted after event {}", player_.events()));
 }
 
@@ -214,24 +318,47 @@ bool Console::status(const Words &)
 {
     const Event_Source &reader = player_.event_source();
     const Machine_Shape &shape = host().shape();
-    out_ << fmt::format("stream    {}", player_.file());
+    out_ << fmt::format("stream    {}", printable(player_.file()));
     if (!player_.source().empty())
-        out_ << fmt::format(": {}", player_.source());
+        out_ << fmt::format(": {}", printable(player_.source()));
     out_ << fmt::format("\nposition  line {}", reader.line_number());
     if (const auto size = reader.input_size(); size && *size > 0)
         out_ << fmt::format(", {:.0f} % of the input read",
                             100.0 * static_cast<double>(reader.bytes_used()) / static_cast<double>(*size));
-    out_ << fmt::format("\nevents    {} delivered: {} commits, {} pre, {} pte, {} rtpte\n", player_.events(),
-                        player_.lines_of(Event_Kind::commit), player_.lines_of(Event_Kind::pre),
+    out_ << fmt::format("\nevents    {} delivered: {}, {} pre, {} pte, {} rtpte\n", player_.events(),
+                        counted(player_.lines_of(Event_Kind::commit), "commit"), player_.lines_of(Event_Kind::pre),
                         player_.lines_of(Event_Kind::pte), player_.lines_of(Event_Kind::rtpte));
-    out_ << fmt::format("machine   {} processors of {} threads, raw time {}\n", shape.processors, shape.threads,
-                        host().raw_time());
+    out_ << fmt::format("machine   {} of {}, raw time {}\n", counted(shape.processors, "processor"),
+                        counted(shape.threads, "thread"), host().raw_time());
     if (player_.plugin().loaded())
-        out_ << fmt::format("plugin    {}, session {}\n", player_.plugin().file(),
+        out_ << fmt::format("plugin    {}, session {}\n", printable(player_.plugin().file()),
                             player_.session_open() ? "open" : "closed");
     else
         out_ << "plugin    none\n";
+    show_threads();
     return true;
+}
+
+// The trace plugin exports its per-thread tables: which threads are paused, and each thread's file of a family. A table
+// is null when there is none of its kind; a file is null when it could not be created.
+void Console::show_threads()
+{
+    const Plugin_Module &plugin = player_.plugin();
+    const int threads = host().thread_count();
+    if (const auto *paused = static_cast<const boolean *const *>(plugin.symbol("paused")); paused && *paused) {
+        const std::string list = thread_list(threads, [&](int tid) { return (*paused)[tid] != 0; });
+        out_ << fmt::format("paused    {}\n", list.empty() ? "no thread" : "threads " + list);
+    }
+    constexpr std::pair<const char *, const char *> FAMILIES[] = {{"qfile_in_text", "text"},
+                                                                  {"qfile_in_pte", "page-table-entry"}};
+    for (const auto &[table, name] : FAMILIES) {
+        const auto *files = static_cast<const void *const *const *>(plugin.symbol(table));
+        if (!files || !*files)
+            continue;
+        const std::string list = thread_list(threads, [&](int tid) { return !(*files)[tid]; });
+        if (!list.empty())
+            out_ << fmt::format("skipped   {} trace of threads {}: the file could not be created\n", name, list);
+    }
 }
 
 bool Console::help(const Words &operands)
@@ -287,6 +414,29 @@ std::vector<std::string> Console::completions(std::string_view line, bool &wants
             found.push_back(name[at]);
     }
     found.erase(std::unique(found.begin(), found.end()), found.end());
+    return words.size() > 2 && words[0] == "plugin" && words[1] == "signal" ? plugin_words(words, wants_file)
+                                                                            : found;
+}
+
+// After `plugin signal`: the loaded plugin's name, then its commands and their words.
+std::vector<std::string> Console::plugin_words(const Words &words, bool &wants_file) const
+{
+    constexpr size_t FILE = 2;
+    const std::string loaded = std::filesystem::path(player_.plugin().file()).filename();
+    if (words.size() == FILE + 1) {
+        wants_file = loaded.empty() || !loaded.starts_with(words.back());
+        return wants_file ? Words{} : Words{loaded};
+    }
+    const size_t at = words.size() - FILE - 2;
+    Words found;
+    for (const Plugin_Word &row : PLUGIN_WORDS) {
+        if (row.at != at || (!row.command.empty() && row.command != words[FILE + 1]))
+            continue;
+        wants_file = row.wants_file;
+        for (const std::string_view word : row.words)
+            if (word.starts_with(words.back()))
+                found.emplace_back(word);
+    }
     return found;
 }
 

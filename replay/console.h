@@ -2,8 +2,8 @@
 #pragma once
 
 #include "player.h"
+#include "session_files.h"
 
-#include <atomic>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -29,17 +29,25 @@ public:
     // `stop_at_failure`. True when nothing failed.
     bool obey_script(std::istream &in, const std::string &name, bool stop_at_failure = false);
 
-    bool quitting() const { return quitting_; } // `quit` was given
+    // The same with lines from `next`: false at the end, or an exception of Line_Source.
+    using Next_Line = std::function<bool(std::string &)>;
+    bool obey_script(const Next_Line &next, const std::string &name, bool stop_at_failure = false);
 
-    // As `quit`, from a signal handler.
-    void leave() { quitting_ = true; }
+    bool quitting() const { return quitting_; } // `quit` was given
 
     // The ways to go on with the last word of a line that is being typed, whole words. Empty where a file name
     // belongs; `wants_file` says so.
     std::vector<std::string> completions(std::string_view line, bool &wants_file) const;
 
-    // Called before and after a run, for a progress display.
-    void set_run_display(std::function<void()> begin, std::function<void()> finish);
+    // Called before and after a run, for a progress display, and before anything is said while it is on.
+    void set_run_display(
+        std::function<void()> begin, std::function<void()> finish, std::function<void()> clear = [] {});
+
+    // A person reads along: what commands did is said, and control characters of the plugin's words are replaced.
+    void set_interactive() { interactive_ = true; }
+
+    // No command may write into this file; `role` says what it is.
+    void protect(const std::string &file, const std::string &role) { files_.protect(file, role); }
 
 private:
     struct Command;
@@ -49,6 +57,12 @@ private:
     bool execute(const Words &words);
     const Command *find_command(const Words &words);
     bool fail(const std::string &text);
+    void note(const std::string &text);
+    void say(const Console_Message &message);
+    void say_what_was_loaded();
+    void settle_session_files();
+    void show_threads();
+    std::vector<std::string> plugin_words(const Words &words, bool &wants_file) const;
     bool is_loaded_plugin(const std::string &typed) const;
 
     bool plugin_load(const Words &words);
@@ -60,13 +74,17 @@ private:
     bool quit(const Words &words);
 
     Player &player_;
+    Session_Files files_;
+    bool interactive_ = false;
     std::ostream &out_;
     std::ostream &err_;
     std::string where_;
     uint64_t complaints_ = 0; // warnings and errors of the plugin so far
-    std::atomic<bool> quitting_ = false;
+    bool quitting_ = false;
     std::function<void()> run_begins_;
     std::function<void()> run_ends_;
+    std::function<void()> clear_display_;
+    bool running_ = false;
 };
 
 } // namespace replay

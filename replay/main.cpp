@@ -1,13 +1,16 @@
 // replay STREAM [SCRIPT]: stands where the simulator stands and plays a recorded commit stream into the plugin.
 
 #include "console.h"
+#include "printable.h"
+#include "standard_descriptors.h"
+#include "stream_input.h"
 #include "terminal.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
+#include <sys/time.h>
 #include <unistd.h>
 
 #ifdef REPLAY_WITH_WRITER
@@ -19,26 +22,43 @@ namespace
 
 constexpr int EXIT_INTERRUPTED = 130; // 128 and the number of SIGINT, as shells have it
 
-replay::Player *running_player = nullptr;
-replay::Console *running_console = nullptr;
+replay::Stop_Request *stop_request = nullptr;
+std::atomic<bool> leaving = false; // the console is not to go on after the present command
+
+// Calls that wait, as for the reader of a FIFO, are interrupted again and again: libraries repeat interrupted ones for a
+// while, and a signal may come just before the call.
+void repeat_interruption(bool on)
+{
+    const timeval interval = {0, on ? 10000 : 0};
+    const itimerval timer = {interval, interval};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
 
 void stop_running(int signal)
 {
-    running_player->stop();
-    if (signal == SIGTERM)
-        running_console->leave();
+    if (signal != SIGINT)
+        leaving = true;
+    stop_request->request();
+    repeat_interruption(true);
+}
+
+void end_interruptions_in_time(int)
+{
+    if (!stop_request->requested())
+        repeat_interruption(false);
 }
 
 // The traces are closed in order also when somebody stops the run or the reader of our output goes away.
-void catch_signals(replay::Player &player, replay::Console &console)
+void catch_signals(replay::Stop_Request &stop)
 {
-    running_player = &player;
-    running_console = &console;
+    stop_request = &stop;
     struct sigaction action {
     };
     action.sa_handler = stop_running;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(signal, &action, nullptr);
+    action.sa_handler = end_interruptions_in_time;
+    sigaction(SIGALRM, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN); // a file at its size limit is a failed write
 }
@@ -55,6 +75,7 @@ void describe(CLI::App &app, Options &options)
         ->required();
     app.add_option("SCRIPT", options.script, "Console commands; - or none is standard input");
     app.add_flag("-e,--stop-at-failure", options.stop_at_failure, "End the script at the first failing command");
+    app.set_version_flag("--version", "replay " REPLAY_VERSION, "Print the version and exit");
     app.footer("Exit status: 0 when every command succeeded, 1 when one failed or the stream was refused,\n"
                "130 when interrupted, 2 for a wrong command line.\n"
                "\n"
@@ -70,25 +91,37 @@ void describe(CLI::App &app, Options &options)
 
 bool complain(const std::string &text)
 {
-    std::cerr << "replay: " << text << std::endl;
+    std::cerr << "replay: " << replay::printable(text, "\t\n") << std::endl;
     return false;
 }
 
-bool obey_commands(replay::Console &console, replay::Player &player, const Options &options)
+bool obey_script(replay::Console &console, replay::Stop_Request &stop, const Options &options)
+try {
+    const bool from_stdin = options.script.empty() || options.script == "-";
+    const std::string name = from_stdin ? "standard input" : options.script;
+    replay::Line_Source lines(from_stdin ? "-" : options.script, &stop);
+    const auto next = [&lines](std::string &line) {
+        std::string_view text;
+        const bool found = lines.next(text);
+        line = found ? text : "";
+        return found;
+    };
+    return console.obey_script(next, name, options.stop_at_failure);
+} catch (const replay::Input_Error &problem) {
+    return complain(options.script + ": cannot be read: " + problem.what());
+}
+
+bool obey_commands(replay::Console &console, replay::Player &player, replay::Stop_Request &stop,
+                   const Options &options)
 {
     const bool from_stdin = options.script.empty() || options.script == "-";
     if (isatty(STDOUT_FILENO) && isatty(STDERR_FILENO))
         replay::show_progress(console, player);
-    if (from_stdin && isatty(STDIN_FILENO)) {
-        replay::obey_terminal(console, player);
-        return true; // a person has seen what failed
-    }
-    if (from_stdin)
-        return console.obey_script(std::cin, "standard input", options.stop_at_failure);
-    std::ifstream script(options.script);
-    if (!script)
-        return complain(options.script + ": cannot be read");
-    return console.obey_script(script, options.script, options.stop_at_failure);
+    if (!from_stdin || !isatty(STDIN_FILENO))
+        return obey_script(console, stop, options);
+    console.set_interactive();
+    replay::obey_terminal(console, stop, leaving);
+    return true; // a person has seen what failed
 }
 
 // The writer has no way to tell that closing a trace failed but this.
@@ -108,18 +141,21 @@ bool output_is_written()
 
 int replay_stream(const Options &options)
 {
-    replay::Player player(options.stream);
+    replay::Stop_Request stop;
+    catch_signals(stop);
+    replay::Player player(options.stream, &stop);
     if (player.error()) {
         complain(options.stream + ": " + player.error()->text());
         return 1;
     }
     replay::Console console(player, std::cout, std::cerr);
-    catch_signals(player, console);
-    const bool obeyed = obey_commands(console, player, options);
-    player.plugin().unload();
+    console.protect(options.stream, "the commit stream");
+    console.protect(options.script, "the script");
+    const bool obeyed = !stop.requested() && obey_commands(console, player, stop, options);
+    player.unload_plugin();
     const bool traced = writer_is_content();
     const bool written = output_is_written();
-    if (player.stop_requested())
+    if (stop.requested() || leaving)
         return EXIT_INTERRUPTED;
     return obeyed && traced && written ? 0 : 1;
 }
@@ -144,6 +180,7 @@ const char *__lsan_default_options()
 
 int main(int argc, char **argv)
 try {
+    occupy_standard_descriptors();
     Options options;
     CLI::App app("Plays a recorded commit stream into a trace plugin, in place of the simulator.", "replay");
     describe(app, options);

@@ -49,6 +49,12 @@ Player::~Player()
     host().set_session_listener({});
 }
 
+void Player::unload_plugin()
+{
+    plugin_.unload();
+    session_open_ = false;
+}
+
 uint64_t Player::events() const
 {
     return lines_of(Event_Kind::commit) + lines_of(Event_Kind::pre) + lines_of(Event_Kind::pte) +

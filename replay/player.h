@@ -46,6 +46,7 @@ public:
     void set_progress(std::function<void()> progress) { progress_ = std::move(progress); }
 
     Plugin_Module &plugin() { return plugin_; }
+    void unload_plugin();                               // closes an open session
     bool session_open() const { return session_open_; } // as far as the plugin has told the host
     const std::string &file() const { return file_; }
     const std::string &source() const { return source_; } // the stream's own word on where it comes from

@@ -1,5 +1,7 @@
 #include "plugin_module.h"
 
+#include "shared_object.h"
+
 #include <dlfcn.h>
 #include <string_view>
 
@@ -39,6 +41,8 @@ std::string Plugin_Module::load(const std::string &file)
 {
     if (loaded())
         return file_ + " is loaded already";
+    if (std::string problem = shared_object_problem(file); !problem.empty())
+        return problem;
     file_ = file;
     library_ = dlopen(as_path(file).c_str(), RTLD_NOW | RTLD_LOCAL | KEEP_MAPPED);
     if (!library_) {
@@ -88,8 +92,10 @@ std::string Plugin_Module::find_handlers(const char *const *names)
             found = find(library_, *names, on_pte_);
         if (!found)
             return file_ + " does not export its handler " + *names;
+        events_.emplace_back(name);
     }
-    find(library_, "Event_RTPTE_Access", on_rtpte_); // stands in no table; a plugin may do without
+    if (find(library_, "Event_RTPTE_Access", on_rtpte_)) // stands in no table; a plugin may do without
+        events_.emplace_back("Event_RTPTE_Access");
     return {};
 }
 
@@ -106,6 +112,7 @@ void Plugin_Module::close_library()
     dlclose(library_);
     library_ = nullptr;
     file_.clear();
+    events_.clear();
     signal_ = nullptr;
     quit_ = nullptr;
     on_commit_ = nullptr;

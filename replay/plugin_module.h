@@ -27,6 +27,7 @@ public:
     void unload();
     bool loaded() const { return library_ != nullptr; }
     const std::string &file() const { return file_; }
+    const std::vector<std::string> &events() const { return events_; } // names of the handlers that were found
 
     // plugin_signal with `words` behind the plugin's file name, or behind what the user typed for it.
     void signal(const std::vector<std::string> &words) { signal(file_, words); }
@@ -47,6 +48,7 @@ private:
     void close_library();
 
     std::string file_;
+    std::vector<std::string> events_;
     void *library_ = nullptr;
     void (*signal_)(int, char **) = nullptr;
     void (*quit_)() = nullptr;

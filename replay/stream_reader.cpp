@@ -1,6 +1,7 @@
 #include "stream_reader.h"
 
 #include "commit_stream_writer.h"
+#include "printable.h"
 
 #include <algorithm>
 #include <array>
@@ -51,10 +52,7 @@ std::string shown(std::string_view token)
         return "an object";
     if (token.starts_with('['))
         return "a list";
-    std::string text(token.substr(0, LONGEST));
-    for (char &c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
-            c = '?';
+    const std::string text = printable(token.substr(0, LONGEST));
     return token.size() > LONGEST ? text + "..." : text;
 }
 
@@ -610,7 +608,7 @@ std::string Stream_Error::text() const
 {
     std::string text = line ? fmt::format("line {}: ", line) : "";
     if (!key.empty())
-        text += fmt::format("key \"{}\": ", key);
+        text += fmt::format("key \"{}\": ", printable(key));
     text += expected;
     if (!found.empty())
         text += ", found " + found;

@@ -81,7 +81,7 @@ class Session_Cases:
 
     def test_every_case_hits_a_file_of_the_session(self):
         for case in self.cases:
-            self.assertIn(case.hit, self.reference.files, case)
+            self.assertIn(case.hit, {*self.reference.files, "out"}, case)  # the folder is searched for older files
 
     def of(self, family, *calls):
         return [case for case in self.cases if case.hit and case.hit.startswith(family) and case.call in calls]

@@ -1,6 +1,7 @@
 // Console commands: grammar, failures, scripts, completion. No plugin is involved here.
 
 #include "console.h"
+#include "printable.h"
 
 #include <filesystem>
 #include <fstream>
@@ -80,7 +81,8 @@ TEST_F(Commands, run_delivers_that_many_events_or_all)
     EXPECT_TRUE(console.obey("run"));
     EXPECT_EQ(player.events(), 3u);
     EXPECT_TRUE(console.obey("run"));
-    EXPECT_EQ(out.str() + err.str(), "");
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(err.str(), "note: 1 event delivered to the end of the stream while no session was open\n");
 }
 
 TEST_F(Commands, run_of_what_is_no_number_fails)
@@ -98,7 +100,7 @@ TEST_F(Commands, status_shows_stream_position_and_machine)
     EXPECT_THAT(out.str(), HasSubstr(file.name() + ": by hand\n"));
     EXPECT_THAT(out.str(), HasSubstr("position  line 3, 80 % of the input read\n"));
     EXPECT_THAT(out.str(), HasSubstr("events    2 delivered: 2 commits, 0 pre, 0 pte, 0 rtpte\n"));
-    EXPECT_THAT(out.str(), HasSubstr("machine   2 processors of 1 threads, raw time 2\n"));
+    EXPECT_THAT(out.str(), HasSubstr("machine   2 processors of 1 thread, raw time 2\n"));
     EXPECT_THAT(out.str(), HasSubstr("plugin    none\n"));
 }
 
@@ -198,6 +200,18 @@ TEST_F(Commands, run_display_is_called_around_a_run)
     EXPECT_EQ(calls, "begin 0 end 2");
 }
 
+TEST_F(Commands, progress_makes_room_for_what_the_plugin_says)
+{
+    std::string calls;
+    console.set_run_display([] { SIM_PRINT("said"); }, [] {},
+                            [&] { calls += "clear, out has \"" + out.str() + "\""; });
+    console.obey("run 1");
+    EXPECT_EQ(calls, "clear, out has \"\"");
+    EXPECT_EQ(out.str(), "said");
+    SIM_PRINT(" later");
+    EXPECT_EQ(calls, "clear, out has \"\"");
+}
+
 TEST_F(Commands, host_output_goes_to_its_stream_and_complaints_fail_the_command)
 {
     console.set_run_display([] { SIM_PRINT("to out\n"); }, [] { sim_do_warning(2, "to err"); });
@@ -231,4 +245,32 @@ TEST_F(Commands, completion_offers_commands_and_says_where_a_file_belongs)
     EXPECT_THAT(complete("help help"), ElementsAre("help"));
     EXPECT_THAT(complete("# ru"), IsEmpty());
     EXPECT_FALSE(wants_file);
+}
+
+TEST_F(Commands, completion_offers_the_words_of_plugin_commands)
+{
+    const std::string signal = "plugin signal p.so ";
+    EXPECT_THAT(complete(signal), ElementsAre("start", "stop", "warm", "pause", "resume"));
+    EXPECT_THAT(complete(signal + "st"), ElementsAre("start", "stop"));
+    EXPECT_FALSE(wants_file);
+    EXPECT_THAT(complete(signal + "start "), IsEmpty());
+    EXPECT_TRUE(wants_file);
+    EXPECT_THAT(complete(signal + "start t "), ElementsAre("txt", "pte"));
+    EXPECT_FALSE(wants_file);
+    EXPECT_THAT(complete(signal + "start t txt x p"), ElementsAre("pte"));
+    EXPECT_THAT(complete(signal + "warm w"), IsEmpty());
+    EXPECT_TRUE(wants_file);
+    EXPECT_THAT(complete(signal + "pause "), ElementsAre("cpu"));
+    EXPECT_THAT(complete(signal + "resume cpu 0 "), ElementsAre("thread"));
+    EXPECT_THAT(complete(signal + "stop "), IsEmpty());
+    EXPECT_FALSE(wants_file);
+}
+
+TEST(shown_text, control_characters_become_question_marks)
+{
+    EXPECT_EQ(printable("a\x1b[2J\x7f\tb\n"), "a?[2J??b?");
+    EXPECT_EQ(printable("a\tb\n\r", "\t\n"), "a\tb\n?");
+    EXPECT_EQ(printable("\xc2\x9b"
+                        "31m \xc2\xa9 \xc3\xa9"),
+              "?31m \xc2\xa9 \xc3\xa9");
 }

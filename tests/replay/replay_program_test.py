@@ -1,0 +1,500 @@
+"""The replay program as its users meet it: terminals, signals, descriptors, and files that are in the way.
+
+    replay_program_test.py PROGRAMS"""
+
+import json
+import os
+import pathlib
+import pty
+import re
+import resource
+import select
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+BIN = pathlib.Path(sys.argv.pop(1)).resolve()
+REPLAY, QTRACE, PLUGIN, FAKE = BIN / "replay", BIN / "qtrace", BIN / "plugin_qtbin.so", BIN / "fake_plugin.so"
+SECONDS = 30  # nothing here takes a tenth of that
+resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def stream(threads=2, commits=20, **machine):
+    lines = [{"t": "machine", "processors": 1, "threads": threads, **machine}]
+    for n in range(commits):
+        lines.append({"t": "commit", "tid": n % threads, "seq": n + 1, "pc": hex(0x1000 + 4 * n), "npc": hex(0x1004 + 4 * n)})
+    return "".join(json.dumps(line) + "\n" for line in lines)
+
+
+class Replay_Test(unittest.TestCase):
+    def setUp(self):
+        place = tempfile.TemporaryDirectory(prefix="replay-program-")
+        self.addCleanup(place.cleanup)
+        self.folder = pathlib.Path(place.name).resolve()
+        self.stream = self.folder / "stream.jsonl"
+        self.stream.write_text(stream())
+
+    def script(self, *commands, load=PLUGIN):
+        """A script; commands of the plugin are written without their first three words."""
+        lines = [f"plugin load {load}"] if load else []
+        for command in commands:
+            own = command.split()[0] in ("run", "status", "plugin", "quit", "help") or not load
+            lines.append(command if own else f"plugin signal {load.name} {command}")
+        path = self.folder / "script"
+        path.write_text("\n".join(lines) + "\n")
+        return path
+
+    def replay(self, *commands, load=PLUGIN, source=None, **options):
+        return subprocess.run([REPLAY, source or self.stream, self.script(*commands, load=load)], cwd=self.folder,
+                              timeout=SECONDS, **{"stdin": subprocess.DEVNULL, "capture_output": True, "text": True,
+                                                  **options})
+
+    def files(self):
+        return {path.name: path.read_bytes() for path in self.folder.iterdir() if path.is_file() and path.name != "script"}
+
+
+class command_line(Replay_Test):
+    def test_version_is_printed(self):
+        done = subprocess.run([REPLAY, "--version"], capture_output=True, text=True, timeout=SECONDS)
+        self.assertRegex(done.stdout, r"^replay \d+\.\d+\.\d+\n$")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+    def test_gzip_stream_is_named(self):
+        self.stream.write_bytes(b"\x1f\x8b\x08\0\0\0\0\0")
+        done = self.replay("run")
+        self.assertEqual(done.stderr, f"replay: {self.stream}: expected plain UTF-8 or zstd data, found gzip data\n")
+        self.assertEqual(done.returncode, 1)
+
+
+class plugins(Replay_Test):
+    def test_shared_object_that_is_cut_is_refused(self):
+        whole = PLUGIN.read_bytes()
+        cut = self.folder / "cut.so"
+        for length in (0, 10, 64, 1000, 4096, 8192, len(whole) // 2):
+            cut.write_bytes(whole[:length])
+            done = self.replay(f"plugin load {cut}", load=None)
+            self.assertEqual(done.returncode, 1, length)
+            self.assertIn("cannot load the plugin: ", done.stderr, length)
+        self.assertRegex(done.stderr, rf"{cut}: cut off: {length} of at least \d+ bytes")
+
+    def test_fifo_is_no_shared_object(self):
+        os.mkfifo(self.folder / "fifo.so")
+        done = self.replay("plugin load fifo.so", load=None)
+        self.assertIn("fifo.so: not a regular file", done.stderr)
+
+    def test_status_shows_paused_threads_and_skipped_files(self):
+        self.stream.write_text(stream(threads=4))
+        (self.folder / "text1").mkdir()
+        (self.folder / "text2").mkdir()
+        done = self.replay("start t txt text", "pause cpu 0 thread 3", "run 1", "status", "stop")
+        self.assertIn("\npaused    threads 3\n", done.stdout)
+        self.assertIn("\nskipped   text trace of threads 1, 2: the file could not be created\n", done.stdout)
+        self.assertIn("machine   1 processor of 4 threads, ", done.stdout)
+        self.assertIn("events    1 delivered: 1 commit, ", done.stdout)
+        self.assertRegex(done.stdout, r"\nplugin    .*plugin_qtbin.so, session open\n")
+
+    def test_signal_for_another_plugin_is_refused(self):
+        done = self.replay("plugin signal other.so start t", load=FAKE)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(f"script:2: the plugin other.so is not loaded; {FAKE} is", done.stderr)
+        self.assertNotIn("signal [", done.stdout)
+
+
+class files_in_the_way(Replay_Test):
+    def expect_refused(self, commands, file, role):
+        before = self.files()
+        done = self.replay(*commands)
+        self.assertEqual(done.returncode, 1, commands)
+        self.assertIn(f"{file} is {role}; it is not written over\n", done.stderr)
+        self.assertNotIn("Start generating", done.stdout)
+        self.assertEqual(self.files(), before)
+
+    def test_start_txt_pte_and_warm_onto_the_stream_are_refused(self):
+        self.stream = self.stream.rename(self.folder / "stream0")
+        for commands in (["start stream"], ["start t txt stream"], ["start t PTEs stream"], ["warm stream0"]):
+            self.expect_refused(commands, "stream0", "the commit stream")
+
+    def test_stream_is_known_by_other_names(self):
+        (self.folder / "alias1").symlink_to(self.stream)
+        os.link(self.stream, self.folder / "hard0")
+        self.expect_refused(["start alias"], "alias1", "the commit stream")
+        self.expect_refused(["start hard"], "hard0", "the commit stream")
+
+    def test_stream_from_standard_input_is_known(self):
+        before = self.files()
+        with self.stream.open() as source:
+            done = self.replay("warm stream.jsonl", source="-", stdin=source)
+        self.assertIn("stream.jsonl is the commit stream", done.stderr)
+        self.assertEqual(self.files(), before)
+
+    def test_script_and_plugin_are_not_written_over(self):
+        self.expect_refused(["warm script"], "script", "the script")
+        self.expect_refused([f"warm {PLUGIN}"], PLUGIN, "the loaded plugin")
+
+    def test_two_traces_into_one_file_are_refused(self):
+        self.expect_refused(["start same txt same"], "same0", "the trace of this session")
+        self.expect_refused(["start a txt same pte same"], "same0", "the text trace of this session")
+        self.expect_refused(["start ./same txt same"], "same0", "the trace of this session")
+        self.stream.write_text(stream(threads=12))
+        self.expect_refused(["start a1 txt a"], "a10", "the trace of this session")
+
+    def test_same_files_without_thread_numbers_are_refused(self):
+        self.stream.write_text(stream(threads=1, options=[450]))
+        self.expect_refused(["start same1 txt same2"], "same", "the trace of this session")
+
+    def test_warm_onto_the_open_trace_is_refused(self):
+        done = self.replay("start t", "warm t1", "run", "stop")
+        self.assertIn("t1 is the trace of this session; it is not written over\n", done.stderr)
+        self.assertEqual(subprocess.run([QTRACE, "check", self.folder / "t"], capture_output=True).returncode, 0)
+
+    def test_warm_onto_a_closed_trace_is_allowed(self):
+        done = self.replay("start t", "run", "stop", "warm t1")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+    def test_next_session_may_have_the_same_name(self):
+        done = self.replay("start t", "run 10", "start t txt x", "run", "stop", "start t", "stop")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+    def test_start_says_which_older_files_stay(self):
+        for name in ("t0", "t2", "t10", "t03", "t2x", "x3"):
+            (self.folder / name).write_text("old")
+        done = self.replay("start t txt x", "run", "stop")
+        self.assertEqual(done.returncode, 0)
+        self.assertEqual(done.stderr, f"{self.folder}/script:2: note: older files that this session does not replace: t2, t10, x3\n")
+
+    def test_second_host_with_the_same_base_name_is_refused(self):
+        os.mkfifo(self.folder / "commands")
+        first = subprocess.Popen([REPLAY, self.stream, "commands"], cwd=self.folder, stdin=subprocess.DEVNULL,
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        with (self.folder / "commands").open("w") as commands:
+            print(f"plugin load {PLUGIN}\nplugin signal plugin_qtbin.so start t txt x\nrun 5", file=commands, flush=True)
+            deadline = time.monotonic() + SECONDS
+            while not (self.folder / "x1").exists() and time.monotonic() < deadline:
+                time.sleep(0.01)
+            for base in ("start t", "start other txt x"):
+                second = self.replay(base, "run", "stop")
+                self.assertRegex(second.stderr, r"script:2: [tx]0 is being written by another replay host\n")
+                self.assertEqual(second.returncode, 1)
+            print("run\nplugin signal plugin_qtbin.so stop", file=commands, flush=True)
+        self.assertEqual(first.communicate(timeout=SECONDS)[1], "")
+        self.assertEqual(subprocess.run([QTRACE, "check", self.folder / "t"], capture_output=True).returncode, 0)
+        self.assertFalse((self.folder / "other0").exists())
+
+    def test_session_that_was_not_opened_leaves_no_file(self):
+        done = self.replay("start t", load=FAKE)
+        self.assertEqual(done.returncode, 0)
+        self.assertEqual(list(self.files()), ["stream.jsonl"])
+
+    def test_file_size_limit_is_an_error_message(self):
+        self.stream.write_text(stream(commits=5000))
+        done = self.replay("start t txt x", "run", "stop",
+                           preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (200, 200)))
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("File too large", done.stderr)
+
+
+class runs_without_a_session(Replay_Test):
+    def test_end_of_the_stream_is_noted(self):
+        done = self.replay("run 3", "run")
+        self.assertEqual(done.returncode, 0)
+        self.assertRegex(done.stderr, "script:3: note: 17 events delivered to the end of the stream while no session was open\n$")
+
+    def test_skipping_before_a_session_is_not(self):
+        done = self.replay("run 3", "start t", "run", "stop")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+
+class standard_descriptors(Replay_Test):
+    def closed(self, descriptors, *arguments, program=REPLAY):
+        def close():
+            for descriptor in descriptors:
+                os.close(descriptor)
+
+        # A shell in between would open them again.
+        pipes = {name: subprocess.PIPE for number, name in enumerate(("stdin", "stdout", "stderr")) if number not in descriptors}
+        process = subprocess.Popen([program, *arguments], cwd=self.folder, preexec_fn=close, **pipes)
+        out, err = process.communicate(b"" if 0 not in descriptors else None, timeout=SECONDS)
+        return process.returncode, (out or b"").decode(), (err or b"").decode()
+
+    def test_stream_is_not_read_as_commands_when_standard_input_is_closed(self):
+        harm = self.folder / "harm"
+        self.stream.write_text(stream() + f"plugin load {harm}\n")
+        code, out, err = self.closed([0], self.stream)
+        self.assertEqual(code, 1)
+        self.assertIn("standard input:1: expected readable input: Bad file descriptor", err)
+        self.assertNotIn("unknown command", err)
+
+    def test_trace_gets_no_warnings_when_output_is_closed(self):
+        self.assertEqual(self.replay("start a", "stop x", "run", "start").returncode, 1)
+        expected = self.replay("start a", "run", "stop")
+        self.assertEqual(expected.returncode, 0)
+        script = self.script("start b", "start", "run", "start", "pause cpu 9", "stop")
+        for closed in ([1, 2], [0, 1, 2], [2]):
+            self.closed(closed, self.stream, script)
+            for n in (0, 1):
+                self.assertEqual((self.folder / f"b{n}").read_bytes(), (self.folder / f"a{n}").read_bytes(), closed)
+
+    def test_closed_standard_output_is_an_error(self):
+        code, _, err = self.closed([1], self.stream, self.script("status"))
+        self.assertEqual((code, err), (1, "replay: standard output cannot be written\n"))
+
+    def test_qtrace_writes_no_message_into_its_output(self):
+        self.replay("start t", "run", "stop")
+        recovered = subprocess.run([QTRACE, "recover", self.folder / "t0", self.folder / "expected0"], capture_output=True)
+        self.assertNotEqual(recovered.stdout + recovered.stderr, b"")
+        self.closed([1, 2], "recover", self.folder / "t0", self.folder / "out0", program=QTRACE)
+        self.assertEqual((self.folder / "out0").read_bytes(), (self.folder / "expected0").read_bytes())
+
+
+class hostile_text(Replay_Test):
+    ESCAPE = "\x1b]0;title\x07\x1b[2J\x9b31m"
+
+    def expect_clean(self, done):
+        self.assertNotRegex(done.stdout + done.stderr, "[\x00-\x08\x0b-\x1f\x7f-\x9f]")
+
+    def test_escape_sequences_of_a_stream_are_not_shown(self):
+        self.stream.write_text(stream(source=self.ESCAPE) + json.dumps({"t": "commit", self.ESCAPE: 1}) + "\n")
+        done = self.replay("status", "run")
+        self.assertIn("]0;title??[2J?31m", done.stdout)
+        self.assertIn('key "?]0;title', done.stderr)
+        self.expect_clean(done)
+
+    def test_escape_sequences_of_commands_and_file_names_are_not_shown(self):
+        done = self.replay(f'"{self.ESCAPE}"', f'plugin load "{self.ESCAPE}"', f'plugin signal "{self.ESCAPE}"',
+                           f'run "{self.ESCAPE}"', f'help "{self.ESCAPE}"', load=None)
+        self.assertEqual(done.stderr.count("?[2J"), 4)
+        self.expect_clean(done)
+        named = self.folder / f"s{self.ESCAPE}"
+        self.expect_clean(self.replay("run", source=named))
+
+
+class signals(Replay_Test):
+    """Whatever the host waits for, a signal ends it at once, with the status of an interrupted program."""
+
+    def expect_end(self, source, script, ready, number):
+        process = subprocess.Popen([REPLAY, source, script], cwd=self.folder, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        ready(process)
+        began = time.monotonic()
+        process.send_signal(number)
+        try:
+            out, err = process.communicate(timeout=10)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.communicate()
+            self.fail(f"signal {number} ended nothing")
+        self.assertEqual(process.returncode, 130, (number, out, err))
+        self.assertLess(time.monotonic() - began, 5)
+        return out, err
+
+    @staticmethod
+    def soon(process):
+        time.sleep(0.2)
+
+    def each_signal(self, *arguments):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(number):
+                yield self.expect_end(*arguments, number)
+
+    def test_waiting_for_a_stream(self):
+        os.mkfifo(self.folder / "fifo")
+        for _ in self.each_signal("fifo", self.script("run"), self.soon):
+            pass
+
+    def test_waiting_for_the_next_line_closes_the_session_in_order(self):
+        os.mkfifo(self.folder / "fifo")
+
+        def write_some(process):
+            self.writer = os.open(self.folder / "fifo", os.O_WRONLY)
+            os.write(self.writer, stream().encode())
+            time.sleep(0.3)
+
+        for _, err in self.each_signal("fifo", self.script("start t", "run", "stop"), write_some):
+            self.assertIn("script:3: interrupted after event 20\n", err)
+            os.close(self.writer)
+            info = subprocess.run([QTRACE, "info", self.folder / "t"], capture_output=True, text=True)
+            self.assertEqual(info.returncode, 0, info.stdout + info.stderr)
+
+    def test_blank_lines_without_end(self):
+        os.mkfifo(self.folder / "fifo")
+
+        def write_blanks(process):
+            writer = os.open(self.folder / "fifo", os.O_WRONLY)
+            self.feeder = subprocess.Popen(["sh", "-c", "cat stream.jsonl; exec yes ''"], cwd=self.folder, stdout=writer,
+                                           stderr=subprocess.DEVNULL)
+            os.close(writer)
+            time.sleep(0.3)
+
+        for _ in self.each_signal("fifo", self.script("run"), write_blanks):
+            self.feeder.wait(timeout=SECONDS)
+
+    def test_start_on_a_fifo_without_a_reader(self):
+        os.mkfifo(self.folder / "out0")
+        os.mkfifo(self.folder / "text0")
+        for _ in self.each_signal(self.stream, self.script("start out", "run", "stop"), self.soon):
+            pass
+        self.expect_end(self.stream, self.script("start t txt text", "run", "stop"), self.soon, signal.SIGTERM)
+
+    def test_script_from_a_fifo(self):
+        os.mkfifo(self.folder / "commands")
+        for _ in self.each_signal(self.stream, self.folder / "commands", self.soon):
+            pass
+        writer = os.open(self.folder / "commands", os.O_RDWR)
+        os.write(writer, b"status\n")
+        out, _ = self.expect_end(self.stream, self.folder / "commands", self.soon, signal.SIGTERM)
+        self.assertIn("stream    ", out)
+        os.close(writer)
+
+
+class Terminal:
+    """A replay on a terminal of its own."""
+
+    def __init__(self, arguments, folder, **environment):
+        self.process, self.terminal = pty.fork()
+        if self.process == 0:
+            try:
+                os.chdir(folder)
+                os.environ.pop("XDG_STATE_HOME", None)
+                os.environ.update({"TERM": "vt100", "HOME": str(folder), "LC_ALL": "C.UTF-8", **environment})
+                os.execv(REPLAY, [str(REPLAY), *map(str, arguments)])
+            finally:
+                os._exit(127)
+        self.shown = ""
+        self.expect("replay> ")
+
+    def expect(self, text):
+        """What is shown up to and with `text`."""
+        deadline = time.monotonic() + SECONDS
+        while text not in self.shown:
+            if not select.select([self.terminal], [], [], max(0, deadline - time.monotonic()))[0]:
+                raise AssertionError(f"{text!r} did not come; shown: {self.shown!r}")
+            try:
+                piece = os.read(self.terminal, 65536)
+            except OSError:
+                piece = b""
+            if not piece:
+                raise AssertionError(f"ended before {text!r}; shown: {self.shown!r}")
+            self.shown += piece.decode("utf-8", "replace")
+        at = self.shown.index(text) + len(text)
+        before, self.shown = self.shown[:at], self.shown[at:]
+        return before
+
+    def type(self, keys):
+        """A terminal holds no more than some 4,000 characters that nobody has read yet: in pieces."""
+        data = keys.encode()
+        while data:
+            if select.select([self.terminal], [], [], 0)[0]:
+                self.shown += os.read(self.terminal, 65536).decode("utf-8", "replace")
+            data = data[os.write(self.terminal, data[:200]):]
+            time.sleep(0.005)
+
+    def end(self):
+        deadline = time.monotonic() + SECONDS
+        while True:
+            ended, status = os.waitpid(self.process, os.WNOHANG)
+            if ended:
+                os.close(self.terminal)
+                return os.waitstatus_to_exitcode(status)
+            if time.monotonic() > deadline:
+                os.kill(self.process, signal.SIGKILL)
+                raise AssertionError("does not end")
+            if select.select([self.terminal], [], [], 0.05)[0]:
+                try:
+                    self.shown += os.read(self.terminal, 65536).decode("utf-8", "replace")
+                except OSError:
+                    time.sleep(0.01)
+
+
+class terminal(Replay_Test):
+    def start(self, source=None):
+        return Terminal([source or self.stream], self.folder)
+
+    def test_line_of_4000_characters_and_tab(self):
+        console = self.start()
+        console.type("x" * 4000 + "\t\n")
+        console.expect("unknown command")
+        console.type("plugin load " + "y" * 4000 + "\t\t\n")
+        console.expect("cannot load the plugin")
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
+
+    def test_tab_completes_commands_files_and_the_plugins_words(self):
+        (self.folder / "own plugin").mkdir()
+        (self.folder / "tracing.so").symlink_to(PLUGIN)
+        console = self.start()
+        console.type("plu\tl\ttrac\t\n")
+        console.expect("loaded tracing.so")
+        console.expect("events Event_Instruction_PreExecution, Event_Instruction_Commit, Event_PTE_Access, Event_RTPTE_Access")
+        console.type("plugin si\ttr\tsta\tout tx\ttext\n")
+        console.expect("Start generating qtrace into file out* and text trace text*")
+        console.type("plugin si\ttr\tpa\tcp\t0 th\t1\n")
+        console.type("status\n")
+        console.expect("paused    threads 1")
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
+
+    def test_tab_shows_what_may_follow(self):
+        console = self.start()
+        console.type("plugin \t")
+        console.expect("load  signal  unload")
+        console.type("\x15quit\n")
+        self.assertEqual(console.end(), 0)
+
+    def test_lines_are_kept_between_sessions(self):
+        console = self.start()
+        console.type("run 7\nquit\n")
+        self.assertEqual(console.end(), 0)
+        console = self.start()
+        console.type("\x1b[A\x1b[A\n")
+        console.expect("replay> ")
+        console.type("status\n")
+        console.expect("7 delivered")
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
+
+    def test_control_c_gives_up_a_line(self):
+        console = self.start()
+        console.type("run 7")
+        console.expect("run 7")
+        console.type("\x03")
+        console.expect("replay> ")
+        console.type("status\n")
+        console.expect("0 delivered")
+        console.type("\x04")
+        self.assertEqual(console.end(), 0)
+
+    def test_control_c_ends_a_run_and_the_prompt_comes_back(self):
+        os.mkfifo(self.folder / "fifo")
+        writer = os.open(self.folder / "fifo", os.O_RDWR)
+        os.write(writer, self.stream.read_bytes())
+        console = self.start("fifo")
+        console.type("run\n")
+        time.sleep(0.3)
+        console.type("\x03")
+        console.expect("interrupted after event 20")
+        console.expect("replay> ")
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
+        os.close(writer)
+
+    def test_termination_and_hangup_leave_the_prompt(self):
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            console = self.start()
+            os.kill(console.process, number)
+            self.assertEqual(console.end(), 130)
+
+    def test_escape_sequences_of_the_plugin_are_not_shown(self):
+        console = self.start()
+        console.type(f"plugin load {FAKE}\n")
+        console.expect("loaded")
+        console.type("plugin signal fake_plugin.so 'a\x16\x1b[2Jb'\n")
+        self.assertIn("[a?[2Jb]", console.expect("[2Jb]"))
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)
