@@ -19,7 +19,7 @@ constexpr Command_Info COMMANDS[] = {
     {"dump",
      "headers and records, one line each",
      {"qtrace dump --count 20 trace0             the first 20 records",
-      "qtrace dump --pc 0x1000-0x1fff --only load trace  loads in a range of addresses, all threads"},
+      "qtrace dump --pc 0x1000-0x1fff --kind load trace  loads in a range of addresses, all threads"},
      make_dump_command},
     {"check",
      "whether traces keep the rules of a good trace",

@@ -1,6 +1,7 @@
 // Trace files as the subcommands use them: names, readers that report what was lost.
 #pragma once
 
+#include "qtrace_columns.h"
 #include "qtrace_reader.h"
 #include "tool_run.h"
 
@@ -36,6 +37,10 @@ public:
     }
     // Goes to that record, to the headers in front of it. False: there is none.
     bool seek(uint64_t record) { return qtrace_seek(reader_.get(), record) == 0; }
+
+    // The header in force at the item delivered last; null before any.
+    const QTRACE_FILE_HDR *context() const { return qtrace_open_header(reader_.get()); }
+    QTRACE_Reader *reader() const { return reader_.get(); }
 
     // A place that could not be read.
     struct Loss {

@@ -328,11 +328,11 @@ TEST(dump, picks_records_by_address_and_kind)
     };
     EXPECT_THAT(picked("--pc", "0x2000-0x2008"), ElementsAre(3, 4, 5));
     EXPECT_THAT(picked("--pc", "2004"), ElementsAre(4));
-    EXPECT_THAT(picked("--only", "load"), ElementsAre(1, 3, 5));
-    EXPECT_THAT(picked("--only", "store"), ElementsAre(7));
-    EXPECT_THAT(picked("--only", "branch"), ElementsAre(2, 4, 6));
-    EXPECT_THAT(picked("--only", "taken"), ElementsAre(2, 6));
-    EXPECT_THAT(picked("--only", "string,error"), ElementsAre(5, 7));
+    EXPECT_THAT(picked("--kind", "load"), ElementsAre(1, 3, 5));
+    EXPECT_THAT(picked("--kind", "store"), ElementsAre(7));
+    EXPECT_THAT(picked("--kind", "branch"), ElementsAre(2, 4, 6));
+    EXPECT_THAT(picked("--kind", "taken"), ElementsAre(2, 6));
+    EXPECT_THAT(picked("--kind", "string,error"), ElementsAre(5, 7));
 }
 
 TEST(dump, shows_the_fields_asked_for_and_no_others)

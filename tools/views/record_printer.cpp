@@ -1,5 +1,7 @@
 #include "record_printer.h"
 
+#include "instruction_kinds.h"
+
 #include <algorithm>
 #include <bit>
 
@@ -514,6 +516,19 @@ void print_header_json(Output &out, const QTRACE_Item &item, std::string_view fi
     out.settle();
 }
 
+static void print_kinds_json(Output &out, uint32_t kinds)
+{
+    out.put(",\"kinds\":[");
+    for (const char *separator = "\""; const Kind_Name &row : KINDS)
+        if ((kinds & row.kind) != 0) {
+            out.put(separator);
+            out.put(row.name);
+            out.put('"');
+            separator = ",\"";
+        }
+    out.put(']');
+}
+
 void print_record_json(Output &out, const QTRACE_Item &item, std::string_view file, const Field_Selection &fields)
 {
     begin_json(out, file);
@@ -524,8 +539,10 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view fi
         out.put_hex(item.address);
         out.put('"');
     }
-    if (fields.shows_flags())
+    if (fields.shows_flags()) {
+        print_kinds_json(out, kinds_of(item.record, item.address));
         print_flags_json(out, CONTROL_FLAG_OF_BIT, flags_of(item.record).control);
+    }
     Member_Set shown = maybe_filled(item.record);
     (shown &= fields.members()).for_each([&](size_t row) {
         if (RECORD_MEMBERS[row].shape == Member_Shape::registers)
