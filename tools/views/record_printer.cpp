@@ -518,6 +518,8 @@ void print_header_json(Output &out, const QTRACE_Item &item, std::string_view fi
 
 static void print_kinds_json(Output &out, uint32_t kinds)
 {
+    if (kinds == 0)
+        return;
     out.put(",\"kinds\":[");
     for (const char *separator = "\""; const Kind_Name &row : KINDS)
         if ((kinds & row.kind) != 0) {
