@@ -55,7 +55,7 @@ TEST_F(record_filter, takes_effective_and_real_addresses_of_accesses)
     EXPECT_THAT(chosen({"--data", "5008"}), ElementsAre(1));
     EXPECT_THAT(chosen({"--data", "5009-7000"}), ElementsAre(3, 7));
     EXPECT_THAT(chosen({"--data", "ffffffffffffffff"}), IsEmpty());
-    EXPECT_THAT(chosen({"--real", "1008"}), ElementsAre(1)); // page number 1
+    EXPECT_THAT(chosen({"--real", "12008"}), ElementsAre(1)); // page number 0x12
     EXPECT_THAT(chosen({"--real", "12000-12fff"}), ElementsAre(1, 3, 7));
 }
 
