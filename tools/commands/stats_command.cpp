@@ -292,7 +292,11 @@ void Stats_Command::print_json(Output &out, const Column &column, const std::vec
                   partition.pid, times);
         separator = ",";
     }
-    out.print("],\"unnamed_fetches\":{}", counts.unnamed_fetches);
+    out.put("],\"total_bytes\":{");
+    for (size_t i = 0; i < FIELD_GROUPS; i++)
+        if (counts.group_bytes[i] != 0)
+            out.print("\"{}\":{},", GROUPS[i].name, counts.group_bytes[i]);
+    out.print("\"in_file\":{}}},\"unnamed_fetches\":{}", counts.file_bytes, counts.unnamed_fetches);
     print_pages_json(out, "hot_fetch_pages", counts.fetch_pages);
     print_pages_json(out, "hot_data_pages", counts.data_pages);
     out.put(",\"hot_targets\":[");
