@@ -84,11 +84,6 @@ struct Byte_Source {
 
     size_t left() const { return static_cast<size_t>(end - at); }
     uint8_t byte() { return has(1) ? *at++ : uint8_t{0}; }
-    void fail()
-    {
-        bad = true;
-        at = end;
-    }
     template <class Number> Number number()
     {
         if (!has(sizeof(Number)))
@@ -105,7 +100,7 @@ struct Byte_Source {
             if (next < 0x80)
                 return value;
         }
-        fail();
+        bad = true;
         return 0;
     }
     uint64_t low_bytes(unsigned count)
@@ -126,10 +121,9 @@ struct Byte_Source {
     }
     bool has(size_t count)
     {
-        if (left() >= count) [[likely]]
-            return true;
-        fail();
-        return false;
+        if (left() < count)
+            bad = true;
+        return !bad;
     }
 };
 
