@@ -3,7 +3,9 @@
 #include "console.h"
 #include "printable.h"
 #include "standard_descriptors.h"
+#include "stream_check.h"
 #include "stream_input.h"
+#include "stream_reader.h"
 #include "terminal.h"
 
 #include <CLI/CLI.hpp>
@@ -67,6 +69,7 @@ struct Options {
     std::string stream;
     std::string script;
     bool stop_at_failure = false;
+    bool check = false;
 };
 
 void describe(CLI::App &app, Options &options)
@@ -75,6 +78,8 @@ void describe(CLI::App &app, Options &options)
         ->required();
     app.add_option("SCRIPT", options.script, "Console commands; - or none is standard input");
     app.add_flag("-e,--stop-at-failure", options.stop_at_failure, "End the script at the first failing command");
+    app.add_flag("--check", options.check,
+                 "Say what in the stream cannot be right and what it holds; load nothing");
     app.set_version_flag("--version", "replay " REPLAY_VERSION, "Print the version and exit");
     app.footer("Exit status: 0 when every command succeeded, 1 when one failed or the stream was refused,\n"
                "130 when interrupted, 2 for a wrong command line.\n"
@@ -139,10 +144,18 @@ bool output_is_written()
     return std::cout.flush() ? true : complain("standard output cannot be written");
 }
 
-int replay_stream(const Options &options)
+int check_stream(const Options &options, replay::Stop_Request &stop)
 {
-    replay::Stop_Request stop;
-    catch_signals(stop);
+    replay::Stream_Reader reader(options.stream, &stop);
+    const replay::Check_Result result = replay::check_stream(reader, options.stream, std::cout);
+    const bool written = output_is_written();
+    if (stop.requested())
+        return EXIT_INTERRUPTED;
+    return result.findings == 0 && result.complete && written ? 0 : 1;
+}
+
+int replay_stream(const Options &options, replay::Stop_Request &stop)
+{
     replay::Player player(options.stream, &stop);
     if (player.error()) {
         complain(options.stream + ": " + player.error()->text());
@@ -189,11 +202,17 @@ try {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
-    if (options.stream == "-" && (options.script.empty() || options.script == "-")) {
+    if (options.check && !options.script.empty()) {
+        complain("--check takes no SCRIPT");
+        return 2;
+    }
+    if (!options.check && options.stream == "-" && (options.script.empty() || options.script == "-")) {
         complain("standard input cannot be both the stream and the commands; name a SCRIPT");
         return 2;
     }
-    return replay_stream(options);
+    replay::Stop_Request stop;
+    catch_signals(stop);
+    return options.check ? check_stream(options, stop) : replay_stream(options, stop);
 } catch (const std::bad_alloc &) {
     std::fputs("replay: out of memory\n", stderr);
     return 1;

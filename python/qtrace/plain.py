@@ -11,7 +11,7 @@ complete, and the C++ reader is compared with it. It needs no compiled code but 
 
     python3 -m qtrace.plain [--from N] [--count N] FILE...
 
-prints headers and records as `qtrace dump --json` does: members and flags that are not zero. Damage goes to
+prints headers and records as `qtrace dump --json` does, without kinds: members and flags that are not zero. Damage goes to
 standard error. Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 losses found.
 """
 import argparse

@@ -2,6 +2,7 @@
 #include "columns.h"
 
 #include "address_view.h"
+#include "instruction_kinds.h"
 
 #include <algorithm>
 #include <cstring>
@@ -158,6 +159,8 @@ static_assert(QTRACE_COLUMN_HAS_ADDRESS == QTRACE_COLUMN_ADDRESS << 1 &&
     put(QTRACE_COLUMN_ERROR, to_.error, row, record.error_code);
     put(QTRACE_COLUMN_PROCESSOR, to_.processor, row, record.processor);
     put(QTRACE_COLUMN_LENGTH, to_.length, row, record.length);
+    if (which_ & QTRACE_COLUMN_KINDS)
+        to_.kinds[row] = static_cast<uint16_t>(kinds_of(record, item.address));
 }
 
 // Records without translations while it lives: columns take these from the predictor.

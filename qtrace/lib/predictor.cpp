@@ -52,6 +52,13 @@ bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Trans
     return difference == 0 && std::memcmp(from + WALKS, translation.word + FIRST_WALK_WORD, 8 * WALK_WORDS) == 0;
 }
 
+void put_guest_address(QTRACE_RECORD &record, Address_Side side, const Translation &translation)
+{
+    uint8_t *to = reinterpret_cast<uint8_t *>(&record) + ADDRESS[side].vsid;
+    store(to + WALKS + WALK_BYTES - 8,
+          fold_guest_address(translation.word[GUEST_ADDRESS_WORD], address_in(record, side)));
+}
+
 void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation)
 {
     auto *base = reinterpret_cast<uint8_t *>(&record);
@@ -62,8 +69,7 @@ void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation
     base[ADDRESS[side].page_size] = static_cast<uint8_t>(small >> 40);
     base[ADDRESS[side].guest_page_size] = static_cast<uint8_t>(small >> 48);
     std::memcpy(to + WALKS, translation.word + 2, WALK_BYTES);
-    store(to + WALKS + WALK_BYTES - 8,
-          fold_guest_address(translation.word[GUEST_ADDRESS_WORD], address_in(record, side)));
+    put_guest_address(record, side, translation);
     store(to + PAGE_NUMBER, static_cast<uint32_t>(small));
 }
 

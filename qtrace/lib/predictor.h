@@ -135,6 +135,8 @@ static_assert(std::ranges::all_of(ADDRESS, [](const Address_Members &side) {
 Translation translation_in(const QTRACE_RECORD &record, Address_Side side);
 bool has_translation(const QTRACE_RECORD &record, Address_Side side, const Translation &translation);
 void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation &translation);
+// The one member of a translation that depends on the address itself, into a record that holds the others.
+void put_guest_address(QTRACE_RECORD &record, Address_Side side, const Translation &translation);
 
 inline uint64_t address_in(const QTRACE_RECORD &record, Address_Side side)
 {

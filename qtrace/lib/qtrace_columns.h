@@ -75,7 +75,8 @@ enum {
     QTRACE_COLUMN_ERROR = 1 << 14,
     QTRACE_COLUMN_PROCESSOR = 1 << 15,
     QTRACE_COLUMN_LENGTH = 1 << 16,
-    QTRACE_COLUMN_ALL = (1 << 17) - 1
+    QTRACE_COLUMN_KINDS = 1 << 17,
+    QTRACE_COLUMN_ALL = (1 << 18) - 1
 };
 
 #define QTRACE_NO_CONTEXT UINT32_MAX
@@ -98,6 +99,7 @@ typedef struct QTRACE_Columns {
     uint32_t *context;          /* number of the last file header before the record; QTRACE_NO_CONTEXT before any */
     uint8_t *node, *termination_node, *termination, *error, *processor;
     uint16_t *length; /* bytes that a string instruction moves */
+    uint16_t *kinds;  /* QTRACE_KIND bits, or-ed */
     /* Results: rows filled, and the number of the first row's record. Numbers of a call's rows are consecutive. */
     uint64_t rows;
     uint64_t first_record;

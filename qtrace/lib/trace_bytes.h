@@ -84,6 +84,11 @@ struct Byte_Source {
 
     size_t left() const { return static_cast<size_t>(end - at); }
     uint8_t byte() { return has(1) ? *at++ : uint8_t{0}; }
+    void fail()
+    {
+        bad = true;
+        at = end;
+    }
     template <class Number> Number number()
     {
         if (!has(sizeof(Number)))
@@ -100,7 +105,7 @@ struct Byte_Source {
             if (next < 0x80)
                 return value;
         }
-        bad = true;
+        fail();
         return 0;
     }
     uint64_t low_bytes(unsigned count)
@@ -121,9 +126,10 @@ struct Byte_Source {
     }
     bool has(size_t count)
     {
-        if (left() < count)
-            bad = true;
-        return !bad;
+        if (left() >= count) [[likely]]
+            return true;
+        fail();
+        return false;
     }
 };
 

@@ -116,6 +116,17 @@ uint64_t data_base(const Bases &bases, uint8_t which)
     return which == BASE_SUM_OF_INPUTS ? bases.previous_input + bases.last_input : 0;
 }
 
+// The page of `side` is about to change; when it is the other side's last translation, that needs a copy.
+[[gnu::noinline]] void keep_last_of_other_side(Model &model, const Translation *(&last)[ADDRESS_SIDES],
+                                               Address_Side side, const Translation &page)
+{
+    const Address_Side other = side == DATA_ADDRESS ? NEXT_ADDRESS : DATA_ADDRESS;
+    if (last[other] != &page)
+        return;
+    model.last[other] = page;
+    last[other] = &model.last[other];
+}
+
 // Flags of an item's second byte, as they stand above those of the first until the item is complete.
 constexpr unsigned more(unsigned flags)
 {
@@ -390,6 +401,8 @@ bool Decoder::begin_block(const uint8_t *payload, const Block_Header &header)
         model_ = std::make_unique_for_overwrite<Model>();
     model_->reset({header.first_address, header.has(ADDRESS_KNOWN)});
     std::fill(std::begin(page_versions_), std::end(page_versions_), ++newest_version_);
+    for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
+        last_[side] = &model_->last[side];
     bad_ = false;
     return header.version == 1 && split(payload, header.raw_size, columns_) &&
            decode_open_header(source(COLUMN_OPEN), open_);
@@ -397,7 +410,10 @@ bool Decoder::begin_block(const uint8_t *payload, const Block_Header &header)
 
 bool Decoder::any_bad() const
 {
-    return bad_ || std::any_of(std::begin(columns_), std::end(columns_), [](const auto &c) { return c.bad; });
+    bool bad = bad_;
+    for (const Byte_Source &column : columns_) // no branch each: every record is asked
+        bad |= column.bad;
+    return bad;
 }
 
 bool Decoder::all_read() const
@@ -470,16 +486,18 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
     return more & MORE_HEADER ? next_header(header) : next_record(record, op, more);
 }
 
-Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t more)
+// Flattened, as adding is.
+[[gnu::flatten]] Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t more)
 {
     Model &model = *model_;
-    clear(record);
     Code_Slot &code = model.code_at(model.address);
     const uint32_t word = op & OP_WORD ? source(COLUMN_WORD).number<uint32_t>() : code.word;
     record.header.instruction = word;
     Shape_Slot &shape = model.shape_of(word);
     const uint64_t control = op & OP_CONTROL ? decode_control() : shape.control;
     store(&record.header.control, control);
+    translations_filled_ = !without_translations_ || (more & MORE_ESCAPE) != 0; // rare members may add to them
+    clear_for(record, control);
     filled_ = control;
     put_members(record, op & OP_MEMBERS ? decode_members() : shape.members);
     if (op & OP_LIST) {
@@ -501,7 +519,6 @@ Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t 
     if (has_address(control, NEXT_ADDRESS))
         store(record.next_instruction_ea,
               op & OP_NEXT ? model.address + unzigzag(source(COLUMN_NEXT).varint()) : code.next);
-    translations_filled_ = !without_translations_ || (more & MORE_ESCAPE) != 0; // rare members may add to them
     if (has_address(control, DATA_ADDRESS))
         decode_translation(record, DATA_ADDRESS, (more & MORE_DATA_TRANSLATION) != 0);
     if (has_address(control, NEXT_ADDRESS))
@@ -512,30 +529,44 @@ Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t 
     return any_bad() ? Result::corrupt : Result::record;
 }
 
-// Back to all zero, at the price of what the last record filled.
-void Decoder::clear(QTRACE_RECORD &record)
+// Clears what the last record filled and the next one, of that control word, does not overwrite.
+void Decoder::clear_for(QTRACE_RECORD &record, uint64_t control)
+{
+    if (escaped_) [[unlikely]] {
+        const QTRACE_HDR header = record.header; // of the next record
+        std::memset(static_cast<void *>(&record), 0, sizeof record);
+        record.header = header;
+        holds_translation_[DATA_ADDRESS] = holds_translation_[NEXT_ADDRESS] = escaped_ = false;
+    } else {
+        clear_addresses(record, control);
+        clear_registers();
+    }
+    places_.total = places_.inputs = 0;
+}
+
+void Decoder::clear_addresses(QTRACE_RECORD &record, uint64_t control)
 {
     auto *bytes = reinterpret_cast<uint8_t *>(&record);
-    if (escaped_) {
-        std::memset(bytes, 0, sizeof record);
-    } else {
-        for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
-            if (has_address(filled_, side)) {
-                if (!translations_filled_) {
-                    store(bytes + ADDRESS[side].address, uint64_t{0});
-                    continue;
-                }
-                std::memset(bytes + ADDRESS[side].address, 0, QTRACE_EA_LENGTH + TRANSLATION_BYTES);
-                std::memset(bytes + ADDRESS[side].page_size, 0, 2);
-            }
-        for (size_t i = 0; i < places_.total; ++i) {
-            places_.place[i].number() = 0;
-            for (unsigned word = 0; word < places_.place[i].list->words; ++word)
-                places_.place[i].value(word) = 0;
-        }
+    for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS}) {
+        const bool stays = has_address(control, side);
+        if (has_address(filled_, side) && !stays)
+            store(bytes + ADDRESS[side].address, uint64_t{0});
+        if (!holds_translation_[side] || (stays && translations_filled_))
+            continue;
+        std::memset(bytes + ADDRESS[side].vsid, 0, TRANSLATION_BYTES);
+        std::memset(bytes + ADDRESS[side].page_size, 0, 2);
+        holds_translation_[side] = false;
     }
-    escaped_ = false;
-    places_.total = places_.inputs = 0;
+}
+
+void Decoder::clear_registers()
+{
+    for (size_t i = 0; i < places_.total; ++i) {
+        places_.place[i].number() = 0;
+        places_.place[i].value(0) = 0;
+        if (places_.place[i].list->words != 1)
+            places_.place[i].value(1) = 0;
+    }
 }
 
 void Encoder::add(const QTRACE_FILE_HDR &header)
@@ -679,14 +710,16 @@ unsigned Encoder::encode_list(const Register_Places &places, const uint8_t *coun
 
 void Decoder::decode_list(QTRACE_RECORD &record)
 {
-    Byte_Source &shape = source(COLUMN_SHAPE);
+    Byte_Source shape = source(COLUMN_SHAPE); // a copy stays in the processor's registers
     auto *counts = reinterpret_cast<uint8_t *>(&record.regs);
-    const uint64_t mask = shape.varint();
-    for (unsigned list = 0; list < REGISTER_LISTS; ++list)
-        counts[list] = mask >> list & 1 ? shape.byte() : uint8_t{0};
+    std::memset(counts, 0, REGISTER_LISTS);
+    constexpr uint64_t ALL_LISTS = (1 << REGISTER_LISTS) - 1;
+    for (uint64_t mask = shape.varint() & ALL_LISTS; mask != 0; mask &= mask - 1)
+        counts[std::countr_zero(mask)] = shape.byte();
     find_registers(record.regs, places_);
     for (size_t i = 0; i < places_.total; ++i)
         places_.place[i].number() = static_cast<uint16_t>(shape.varint());
+    source(COLUMN_SHAPE) = shape;
 }
 
 void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
@@ -829,42 +862,43 @@ bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
         for (unsigned i = 0; i < 32; ++i)
             if (mask >> i & 1)
                 sink(COLUMN_TRANSLATION).varint(zigzag(now.word[i] - last.word[i]));
-        keep_last_of_other_side(side, page);
+        keep_last_of_other_side(*model_, last_, side, page);
         page = now;
     }
     last_[side] = &page; // the same words, and no copy
     return coded;
 }
 
-// The page of `side` is about to change; when it is the other side's last translation, that needs a copy.
-[[gnu::noinline]] void Encoder::keep_last_of_other_side(Address_Side side, const Translation &page)
-{
-    const Address_Side other = side == DATA_ADDRESS ? NEXT_ADDRESS : DATA_ADDRESS;
-    if (last_[other] != &page)
-        return;
-    model_->last[other] = page;
-    last_[other] = &model_->last[other];
-}
-
+// What the record holds already from the record before is not put into it again.
 void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded)
 {
     const size_t slot = slot_of(address_in(record, side) >> 12, PAGE_BITS);
     Translation &page = model_->page[slot];
-    Translation &last = model_->last[side];
-    if (coded) {
-        page_versions_[slot] = ++newest_version_;
-        Byte_Source &from = source(COLUMN_TRANSLATION);
-        const auto mask = from.number<uint32_t>();
-        for (unsigned i = 0; i < 32; ++i)
-            if (mask >> i & 1)
-                last.word[i] += unzigzag(from.varint());
-        page = last;
-    } else {
-        last = page;
-    }
-    translation_places_[side] = {slot, page_versions_[slot]};
-    if (translations_filled_)
-        put_translation(record, side, last);
+    if (coded)
+        decode_page(side, slot);
+    last_[side] = &page; // the same words, and no copy
+    const Translation_Place place{slot, page_versions_[slot]};
+    const bool same = place == translation_places_[side];
+    translation_places_[side] = place;
+    if (!translations_filled_)
+        return;
+    if (holds_translation_[side] && same)
+        return put_guest_address(record, side, page);
+    put_translation(record, side, page);
+    holds_translation_[side] = true;
+}
+
+[[gnu::noinline]] void Decoder::decode_page(Address_Side side, size_t slot)
+{
+    Translation now = *last_[side];
+    Byte_Source &from = source(COLUMN_TRANSLATION);
+    const auto mask = from.number<uint32_t>();
+    for (unsigned i = 0; i < 32; ++i)
+        if (mask >> i & 1)
+            now.word[i] += unzigzag(from.varint());
+    page_versions_[slot] = ++newest_version_;
+    keep_last_of_other_side(*model_, last_, side, model_->page[slot]);
+    model_->page[slot] = now;
 }
 
 // ---- Members that records seldom carry --------------------------------------------------------------------------

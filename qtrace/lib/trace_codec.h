@@ -67,7 +67,6 @@ private:
     void encode_members(const Small_Members &members);
     void encode_value(const Register_Place &place, unsigned word, const Bases &bases);
     bool encode_translation(const QTRACE_RECORD &record, Address_Side side);
-    void keep_last_of_other_side(Address_Side side, const Translation &page);
     void encode_escape(const QTRACE_RECORD &record);
     Byte_Sink &sink(Column column) { return columns_[column]; }
 
@@ -106,9 +105,10 @@ public:
     struct Translation_Place {
         size_t slot;
         uint64_t version;
+        bool operator==(const Translation_Place &) const = default;
     };
     const Translation_Place &translation_place(Address_Side side) const { return translation_places_[side]; }
-    const Translation &translation(Address_Side side) const { return model_->last[side]; }
+    const Translation &translation(Address_Side side) const { return *last_[side]; }
     const Register_Places &registers() const { return places_; }
     // The last record has members that its translations and flags do not name.
     bool has_rare_members() const { return escaped_; }
@@ -120,7 +120,9 @@ public:
 private:
     Result next_record(QTRACE_RECORD &record, uint8_t op, uint8_t more);
     Result next_header(QTRACE_FILE_HDR &header);
-    void clear(QTRACE_RECORD &record);
+    void clear_for(QTRACE_RECORD &record, uint64_t control);
+    void clear_addresses(QTRACE_RECORD &record, uint64_t control);
+    void clear_registers();
     uint64_t decode_control();
     Small_Members decode_members();
     static void put_members(QTRACE_RECORD &record, const Small_Members &members);
@@ -130,6 +132,7 @@ private:
     void decode_inputs(bool coded);
     void decode_value(const Register_Place &place, unsigned word, const Bases &bases);
     void decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded);
+    void decode_page(Address_Side side, size_t slot);
     void decode_escape(QTRACE_RECORD &record);
     Byte_Source &source(Column column) { return columns_[column]; }
     bool any_bad() const;
@@ -141,9 +144,11 @@ private:
     uint64_t filled_ = 0;      // control of the last record
     bool escaped_ = false;     // the last record had members outside its common ones
     bool without_translations_ = false;
-    bool translations_filled_ = false; // the last record has them
+    bool translations_filled_ = false;        // the last record has them
+    bool holds_translation_[ADDRESS_SIDES]{}; // so does the record, of that side, from translation_places_
     Translation_Place translation_places_[ADDRESS_SIDES]{};
-    uint64_t page_versions_[1 << PAGE_BITS]; // by slot of the model
+    const Translation *last_[ADDRESS_SIDES]{}; // in *model_: the place of each side's last translation
+    uint64_t page_versions_[1 << PAGE_BITS];   // by slot of the model
     uint64_t newest_version_ = 0;
     Open_Header open_;
     const uint8_t *comment_ = nullptr;

@@ -45,6 +45,7 @@ public:
 private:
     QTRACE_ITEM advance();
     std::optional<QTRACE_ITEM> advance_in_block();
+    std::optional<QTRACE_ITEM> take_header_or_end(Decoder::Result result);
     std::optional<QTRACE_ITEM> enter_block();
     std::optional<QTRACE_ITEM> pass_damage();
     std::optional<QTRACE_ITEM> enter_block_at_end();
@@ -101,9 +102,27 @@ void QTRACE_Reader::place_at(uint64_t offset, const Block_Sequence &sequence)
     outside_comment_.reset();
 }
 
+// Most calls deliver a record.
+inline std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
+{
+    if (header_held_) [[unlikely]] {
+        header_held_ = false;
+        return QTRACE_ITEM_HEADER;
+    }
+    item_.address = decoder_.address();
+    item_.address_known = decoder_.address_known();
+    item_.header_number = headers_;
+    item_.record_number = records_;
+    const Decoder::Result result = decoder_.next(item_.record, item_.header);
+    if (result != Decoder::Result::record || records_ == block_.header.records_after()) [[unlikely]]
+        return take_header_or_end(result);
+    ++records_;
+    return QTRACE_ITEM_RECORD;
+}
+
 QTRACE_ITEM QTRACE_Reader::next(const QTRACE_Item **item)
 {
-    if (held_)
+    if (held_) [[unlikely]]
         held_ = false;
     else
         item_.kind = advance();
@@ -112,7 +131,7 @@ QTRACE_ITEM QTRACE_Reader::next(const QTRACE_Item **item)
     return item_.kind;
 }
 
-QTRACE_ITEM QTRACE_Reader::advance()
+inline QTRACE_ITEM QTRACE_Reader::advance()
 {
     for (;;) {
         const std::optional<QTRACE_ITEM> kind = in_block_ ? advance_in_block() : enter_block();
@@ -123,34 +142,17 @@ QTRACE_ITEM QTRACE_Reader::advance()
 
 // ---- Items of a block -------------------------------------------------------------------------------------------
 
-std::optional<QTRACE_ITEM> QTRACE_Reader::advance_in_block()
+std::optional<QTRACE_ITEM> QTRACE_Reader::take_header_or_end(Decoder::Result result)
 {
-    if (std::exchange(header_held_, false))
-        return QTRACE_ITEM_HEADER;
-    item_.address = decoder_.address();
-    item_.address_known = decoder_.address_known();
-    item_.header_number = headers_;
-    item_.record_number = records_;
-    switch (decoder_.next(item_.record, item_.header)) {
-    case Decoder::Result::record:
-        if (records_ == block_.header.records_after())
-            return report_corrupt_block();
-        ++records_;
-        return QTRACE_ITEM_RECORD;
-    case Decoder::Result::header:
-        if (headers_ == block_.header.headers_after() || !fill_header())
-            return report_corrupt_block();
-        ++headers_;
-        return item_.header.control.iar_is_present && item_.header_number != 0 ? report_pause()
-                                                                               : QTRACE_ITEM_HEADER;
-    case Decoder::Result::end:
+    if (result == Decoder::Result::end) {
         in_block_ = false;
-        if (records_ != block_.header.records_after() || headers_ != block_.header.headers_after())
-            return report_corrupt_block();
-        return std::nullopt;
-    default:
-        return report_corrupt_block();
+        const bool all = records_ == block_.header.records_after() && headers_ == block_.header.headers_after();
+        return all ? std::nullopt : std::optional(report_corrupt_block());
     }
+    if (result != Decoder::Result::header || headers_ == block_.header.headers_after() || !fill_header())
+        return report_corrupt_block();
+    ++headers_;
+    return item_.header.control.iar_is_present && item_.header_number != 0 ? report_pause() : QTRACE_ITEM_HEADER;
 }
 
 // False when the header says of its comment what cannot be.

@@ -69,7 +69,7 @@ TEST(address_view, names_every_mode_and_its_pair_as_the_producer_does)
         EXPECT_EQ(MODES[mode].name, EXPECTED[mode].name) << mode;
         EXPECT_EQ(MODES[mode].pair, pair) << mode;
         const Xlate_Mode_Info &producer = mode_info(static_cast<RDX_XLATE_MODE>(mode));
-        EXPECT_STREQ(producer.name, EXPECTED[mode].name) << mode;
+        EXPECT_EQ(producer.name, EXPECTED[mode].name) << mode;
         EXPECT_EQ((Mode_Pair{producer.guest, producer.host}), pair) << mode;
     }
 }

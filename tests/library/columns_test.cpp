@@ -53,7 +53,7 @@ struct Frame {
     explicit Frame(uint64_t rows)
         : address(rows), next(rows), data(rows), flags(rows), word(rows), data_translation(rows),
           next_translation(rows), context(rows), has_address(rows), has_next(rows), has_data(rows), node(rows),
-          termination_node(rows), termination(rows), error(rows), processor(rows), length(rows)
+          termination_node(rows), termination(rows), error(rows), processor(rows), length(rows), kinds(rows)
     {
         columns.which = QTRACE_COLUMN_ALL;
     }
@@ -77,6 +77,7 @@ struct Frame {
         columns.error = &error[from];
         columns.processor = &processor[from];
         columns.length = &length[from];
+        columns.kinds = &kinds[from];
         return qtrace_read_columns(reader, rows, &columns, item);
     }
     // The same, past pauses.
@@ -91,7 +92,7 @@ struct Frame {
     std::vector<uint64_t> address, next, data, flags;
     std::vector<uint32_t> word, data_translation, next_translation, context;
     std::vector<uint8_t> has_address, has_next, has_data, node, termination_node, termination, error, processor;
-    std::vector<uint16_t> length;
+    std::vector<uint16_t> length, kinds;
     Table table = new_table();
     QTRACE_Columns columns{};
 };
@@ -161,6 +162,7 @@ void expect_row(const QTRACE_Item &item, const Frame &frame, uint64_t row)
     ASSERT_EQ(frame.error[row], record.error_code);
     ASSERT_EQ(frame.processor[row], record.processor);
     ASSERT_EQ(frame.length[row], record.length);
+    ASSERT_EQ(frame.kinds[row], qtrace_kinds(&item));
 }
 
 uint64_t without_offset(uint64_t guest_address, uint64_t address)

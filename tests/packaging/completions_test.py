@@ -30,7 +30,7 @@ class bash(unittest.TestCase):
         self.assertEqual(offered("replay", "--stop"), ["--stop-at-failure"])
 
     def test_completes_the_words_that_a_value_can_be(self):
-        self.assertEqual(offered("qtrace", "dump", "--only", "st"), ["store", "string"])
+        self.assertEqual(offered("qtrace", "dump", "--kind", "st"), ["store", "string"])
 
     def test_offers_nothing_where_a_number_belongs(self):
         self.assertEqual(offered("qtrace", "dump", "--count", ""), [])

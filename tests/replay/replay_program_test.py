@@ -69,6 +69,30 @@ class command_line(Replay_Test):
         self.assertEqual(done.returncode, 1)
 
 
+class checking_streams(Replay_Test):
+    def check(self, *arguments):
+        return subprocess.run([REPLAY, "--check", *arguments], capture_output=True, text=True, timeout=SECONDS)
+
+    def test_recorded_streams_have_no_findings(self):
+        streams = sorted((pathlib.Path(__file__).parents[2] / "streams").glob("*.jsonl*"))
+        self.assertGreater(len(streams), 5)
+        for path in streams:
+            done = self.check(path)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)
+            self.assertIn("\nfindings   0\n", done.stdout)
+
+    def test_findings_and_refused_lines_set_the_exit_status(self):
+        self.stream.write_text(stream(commits=0))
+        self.assertEqual(self.check(self.stream).returncode, 0)
+        self.stream.write_text(stream(commits=1))
+        done = self.check(self.stream)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(f"{self.stream}: line 2: thread 0: the thread commits before its first context\n", done.stdout)
+        self.stream.write_text("{}\n")
+        self.assertEqual(self.check(self.stream).returncode, 1)
+        self.assertEqual(self.check(self.stream, "script").returncode, 2)
+
+
 class plugins(Replay_Test):
     def test_shared_object_that_is_cut_is_refused(self):
         whole = PLUGIN.read_bytes()

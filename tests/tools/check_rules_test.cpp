@@ -245,8 +245,7 @@ std::vector<std::string> planted_rules()
 {
     std::vector<std::string> names;
     for (const Check_Rule &rule : check_rules())
-        if (!BROKEN_OTHERWISE.contains(rule.name) && rule.scope != Rule_Scope::text &&
-            rule.scope != Rule_Scope::entries)
+        if (!BROKEN_OTHERWISE.contains(rule.name))
             names.push_back(rule.name);
     return names;
 }

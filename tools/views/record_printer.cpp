@@ -1,5 +1,7 @@
 #include "record_printer.h"
 
+#include "instruction_kinds.h"
+
 #include <algorithm>
 #include <bit>
 
@@ -310,6 +312,12 @@ void print_member_json(Output &out, const Trace_Member &member, const Structure 
     print_json_value(out, member, bytes);
 }
 
+void begin_json(Output &out, std::string_view file)
+{
+    out.put("{\"file\":");
+    print_json_text(out, file);
+}
+
 } // namespace
 
 void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
@@ -488,10 +496,10 @@ void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &f
     out.settle();
 }
 
-void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view file)
 {
     const Flag_Words flags = flags_of(item.header);
-    out.put(beginning);
+    begin_json(out, file);
     out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
     print_flags_json(out, FILE_FLAG_OF_BIT, flags.file);
     print_flags_json(out, CONTROL_FLAG_OF_BIT, flags.control);
@@ -508,10 +516,24 @@ void print_header_json(Output &out, const QTRACE_Item &item, std::string_view be
     out.settle();
 }
 
-void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
-                       const Field_Selection &fields)
+static void print_kinds_json(Output &out, uint32_t kinds)
 {
-    out.put(beginning);
+    if (kinds == 0)
+        return;
+    out.put(",\"kinds\":[");
+    for (const char *separator = "\""; const Kind_Name &row : KINDS)
+        if ((kinds & row.kind) != 0) {
+            out.put(separator);
+            out.put(row.name);
+            out.put('"');
+            separator = ",\"";
+        }
+    out.put(']');
+}
+
+void print_record_json(Output &out, const QTRACE_Item &item, std::string_view file, const Field_Selection &fields)
+{
+    begin_json(out, file);
     out.put(",\"record\":");
     out.put_decimal(item.record_number);
     if (item.address_known) {
@@ -519,8 +541,10 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view be
         out.put_hex(item.address);
         out.put('"');
     }
-    if (fields.shows_flags())
+    if (fields.shows_flags()) {
+        print_kinds_json(out, kinds_of(item.record, item.address));
         print_flags_json(out, CONTROL_FLAG_OF_BIT, flags_of(item.record).control);
+    }
     Member_Set shown = maybe_filled(item.record);
     (shown &= fields.members()).for_each([&](size_t row) {
         if (RECORD_MEMBERS[row].shape == Member_Shape::registers)

@@ -1,0 +1,140 @@
+// The options that choose records.
+#include "planted_trace.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstring>
+#include <sstream>
+
+using namespace planted;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace
+{
+
+using Options = std::vector<std::string>;
+
+std::vector<uint64_t> numbers(const std::string &file, Options options)
+{
+    options.insert(options.begin(), {"dump", "--json", "--fields", "flags"});
+    options.push_back(file);
+    const Outcome outcome = qtrace(options);
+    EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
+    std::vector<uint64_t> found;
+    std::istringstream lines(outcome.out);
+    for (std::string line; std::getline(lines, line);)
+        if (const json object = json::parse(line); object.contains("record"))
+            found.push_back(object["record"]);
+    return found;
+}
+
+class record_filter : public testing::Test
+{
+protected:
+    std::vector<uint64_t> chosen(Options options) const { return numbers(file_, std::move(options)); }
+
+    Folder folder_;
+    std::string file_ = folder_.write("trace0", good_trace());
+};
+
+} // namespace
+
+TEST_F(record_filter, takes_ranges_of_instruction_addresses)
+{
+    EXPECT_THAT(chosen({"--pc", "2000-2008"}), ElementsAre(3, 4, 5));
+    EXPECT_THAT(chosen({"--pc", "0x1004,0x2004"}), ElementsAre(1, 4));
+}
+
+TEST_F(record_filter, takes_effective_and_real_addresses_of_accesses)
+{
+    EXPECT_THAT(chosen({"--data", "5008"}), ElementsAre(1));
+    EXPECT_THAT(chosen({"--data", "5009-7000"}), ElementsAre(3, 7));
+    EXPECT_THAT(chosen({"--data", "ffffffffffffffff"}), IsEmpty());
+    EXPECT_THAT(chosen({"--real", "12008"}), ElementsAre(1)); // page number 0x12
+    EXPECT_THAT(chosen({"--real", "12000-12fff"}), ElementsAre(1, 3, 7));
+}
+
+TEST_F(record_filter, takes_any_of_several_kinds_and_none_of_others)
+{
+    EXPECT_THAT(chosen({"--kind", "load"}), ElementsAre(1, 3, 5));
+    EXPECT_THAT(chosen({"--kind", "call,store"}), ElementsAre(6, 7));
+    EXPECT_THAT(chosen({"--kind", "branch", "--not", "taken"}), ElementsAre(4));
+    EXPECT_THAT(chosen({"--not", "load,store,branch"}), ElementsAre(0, 8, 9, 10));
+}
+
+TEST_F(record_filter, takes_instruction_words_under_a_mask)
+{
+    EXPECT_THAT(chosen({"--word", "60000000"}), ElementsAre(8, 10));
+    EXPECT_THAT(chosen({"--word", "0x48000000/0xfc000000"}), ElementsAre(6));
+}
+
+TEST_F(record_filter, takes_registers_that_are_read_or_written)
+{
+    EXPECT_THAT(chosen({"--register", "r4"}), ElementsAre(5));
+    EXPECT_THAT(chosen({"--register", "x34"}), ElementsAre(5));
+    EXPECT_THAT(chosen({"--register", "f4,v34,r34"}), IsEmpty());
+}
+
+TEST_F(record_filter, takes_processes_and_partitions)
+{
+    EXPECT_THAT(chosen({"--pid", "8"}), ElementsAre(5, 6, 7, 8));
+    EXPECT_THAT(chosen({"--lpid", "0x2"}), ElementsAre(5, 6, 7, 8));
+    EXPECT_THAT(chosen({"--lpid", "2", "--pid", "9"}), IsEmpty());
+}
+
+TEST_F(record_filter, intersects_options)
+{
+    EXPECT_THAT(chosen({"--kind", "load", "--pid", "8"}), ElementsAre(5));
+    EXPECT_THAT(chosen({"--kind", "load", "--from", "2"}), ElementsAre(3, 5));
+    EXPECT_THAT(chosen({"--kind", "load", "--count", "2"}), ElementsAre(1, 3));
+}
+
+TEST_F(record_filter, shows_the_kinds_of_a_record_in_json)
+{
+    const Outcome outcome = qtrace({"dump", "--json", "--from", "6", "--count", "1", file_});
+    EXPECT_EQ(json::parse(outcome.out)["kinds"], json({"branch", "taken", "call"}));
+}
+
+TEST_F(record_filter, refuses_values_that_mean_nothing)
+{
+    const auto refusal = [&](const char *option, const char *value) {
+        const Outcome outcome = qtrace({"dump", option, value, file_});
+        EXPECT_EQ(outcome.exit_code, 2) << option;
+        return outcome.err;
+    };
+    EXPECT_THAT(refusal("--kind", "laod"), HasSubstr("did you mean `load`?"));
+    EXPECT_THAT(refusal("--pc", "2000-1000"), HasSubstr("ends before it begins"));
+    EXPECT_THAT(refusal("--data", "1 000"), HasSubstr("is no address"));
+    EXPECT_THAT(refusal("--word", "100000000"), HasSubstr("32 bits"));
+    EXPECT_THAT(refusal("--register", "q1"), HasSubstr("is no register"));
+    EXPECT_THAT(refusal("--pid", "4294967296"), HasSubstr("is no number for --pid"));
+}
+
+// Several blocks of each process: whole blocks are passed over, and none too many.
+TEST(record_filter_in_blocks, finds_every_record_of_a_process)
+{
+    Trace trace = {good_trace()[FIRST_HEADER]};
+    std::vector<uint64_t> expected;
+    uint64_t number = 0;
+    for (unsigned part = 0; part < 6; part++) {
+        Item header = good_trace()[PARTITION];
+        const uint32_t pid = part % 2 == 0 ? 21 : 22;
+        std::memcpy(header.header.pid, &pid, sizeof pid);
+        trace.push_back(header);
+        for (unsigned i = 0; i < 20000 + part; i++, number++) {
+            trace.push_back({false, {}, "", plain_record(0x60000000)});
+            if (pid == 22)
+                expected.push_back(number);
+        }
+    }
+    const Folder folder;
+    const std::string file = folder.write("trace0", trace);
+    EXPECT_EQ(numbers(file, {"--pid", "22"}), expected);
+    const std::vector<uint64_t> later(expected.begin() + 30000, expected.begin() + 30100);
+    EXPECT_EQ(numbers(file, {"--pid", "22", "--count", "100", "--from", std::to_string(later.front())}), later);
+}

@@ -1,0 +1,226 @@
+#include "record_filter.h"
+
+#include "address_view.h"
+#include "instruction_kinds.h"
+#include "tool_command.h"
+
+#include <algorithm>
+
+namespace qtrace_tool
+{
+
+using namespace trace;
+
+// ---- Options -------------------------------------------------------------------------------------------
+
+static uint64_t parse_hexadecimal(std::string_view text)
+{
+    if (const std::optional<uint64_t> number = parse_digits(text, 16))
+        return *number;
+    throw Usage_Error(fmt::format("`{}` is no address: hexadecimal digits expected, with or without 0x", text));
+}
+
+static uint64_t parse_number(std::string_view text, const char *option, uint64_t limit)
+{
+    const std::optional<uint64_t> number = parse_digits(text, text.starts_with("0x") ? 16 : 10);
+    if (!number || *number > limit)
+        throw Usage_Error(fmt::format("`{}` is no number for {}", text, option));
+    return *number;
+}
+
+Record_Filter::Range Record_Filter::parse_range(std::string_view text)
+{
+    const size_t dash = text.find('-');
+    Range range{parse_hexadecimal(text.substr(0, dash)), 0};
+    range.last = dash == std::string_view::npos ? range.first : parse_hexadecimal(text.substr(dash + 1));
+    if (range.last < range.first)
+        throw Usage_Error(fmt::format("`{}` ends before it begins", text));
+    return range;
+}
+
+Record_Filter::Masked_Word Record_Filter::parse_word(std::string_view text)
+{
+    const size_t slash = text.find('/');
+    const uint64_t value = parse_hexadecimal(text.substr(0, slash));
+    const uint64_t mask = slash == std::string_view::npos ? UINT32_MAX : parse_hexadecimal(text.substr(slash + 1));
+    if (value > UINT32_MAX || mask > UINT32_MAX)
+        throw Usage_Error(fmt::format("`{}` is no instruction word: 32 bits expected", text));
+    return {static_cast<uint32_t>(value & mask), static_cast<uint32_t>(mask)};
+}
+
+Record_Filter::Register Record_Filter::parse_register(const std::string &text)
+{
+    const auto has_letter = [&](const Register_Class &kind) { return text.starts_with(kind.letter); };
+    if (text.size() < 2 || std::ranges::none_of(REGISTER_CLASSES, has_letter))
+        throw Usage_Error(fmt::format("`{}` is no register: r, f, s, v or x and a number expected", text));
+    return {text[0],
+            static_cast<uint16_t>(parse_number(std::string_view(text).substr(1), "--register", UINT16_MAX))};
+}
+
+uint32_t Record_Filter::parse_kind(const std::string &name)
+{
+    const auto kind = std::ranges::find(KINDS, name, &Kind_Name::name);
+    if (kind != KINDS.end())
+        return kind->kind;
+    std::vector<std::string> known;
+    for (const Kind_Name &row : KINDS)
+        known.emplace_back(row.name);
+    throw unknown_word("kind of record", name, known);
+}
+
+// An option that takes values separated by commas, and may be repeated.
+template <class Take>
+static void declare_list(CLI::App &app, const char *name, const char *type, const char *description, Take take)
+{
+    app.add_option_function<std::vector<std::string>>(
+           name, [take](const std::vector<std::string> &values) { std::ranges::for_each(values, take); },
+           description)
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->type_name(type);
+}
+
+void Record_Filter::declare(CLI::App &app)
+{
+    declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
+    declare_number(app, "--count", count_, "most records that are taken (of each file)");
+    declare_list(app, "--pid", "PID,...", "only these processes",
+                 [this](const std::string &text) { pids_.push_back(parse_number(text, "--pid", UINT32_MAX)); });
+    declare_list(app, "--lpid", "LPID,...", "only these partitions",
+                 [this](const std::string &text) { lpids_.push_back(parse_number(text, "--lpid", UINT64_MAX)); });
+    declare_list(app, "--pc", "ADDR[-ADDR],...", "only instructions at these addresses (both ends included)",
+                 [this](const std::string &text) { pcs_.push_back(parse_range(text)); });
+    declare_list(app, "--data", "ADDR[-ADDR],...", "only accesses to these effective addresses",
+                 [this](const std::string &text) { datas_.push_back(parse_range(text)); });
+    declare_list(app, "--real", "ADDR[-ADDR],...", "only accesses to these real addresses",
+                 [this](const std::string &text) { reals_.push_back(parse_range(text)); });
+    declare_list(app, "--kind", "KIND,...",
+                 "only these kinds: load, store, branch, taken, string, call, return, system_call, cache, error",
+                 [this](const std::string &text) { kinds_ |= parse_kind(text); });
+    declare_list(app, "--not", "KIND,...", "none of these kinds",
+                 [this](const std::string &text) { not_kinds_ |= parse_kind(text); });
+    declare_list(app, "--word", "WORD[/MASK],...", "only these instruction words; bits outside MASK do not count",
+                 [this](const std::string &text) { words_.push_back(parse_word(text)); });
+    declare_list(app, "--register", "REGISTER,...", "only with one of these registers (r10, f1, s8, v2, x34)",
+                 [this](const std::string &text) { registers_.push_back(parse_register(text)); });
+}
+
+// ---- Matching ------------------------------------------------------------------------------------------
+
+bool Record_Filter::picks() const
+{
+    return asks_for_context() || !pcs_.empty() || !datas_.empty() || !reals_.empty() || kinds_ != 0 ||
+           not_kinds_ != 0 || !words_.empty() || !registers_.empty();
+}
+
+bool Record_Filter::rules_out(const QTRACE_FILE_HDR *context) const
+{
+    if (!asks_for_context())
+        return false;
+    if (context == nullptr)
+        return true;
+    const auto lacks = [](const std::vector<uint64_t> &wanted, uint64_t value) {
+        return !wanted.empty() && std::ranges::find(wanted, value) == wanted.end();
+    };
+    return lacks(lpids_, number(context->lpid)) || lacks(pids_, number(context->pid));
+}
+
+bool Record_Filter::is_in(const Ranges &ranges, uint64_t value)
+{
+    return std::ranges::any_of(ranges, [&](const Range &r) { return value >= r.first && value <= r.last; });
+}
+
+bool Record_Filter::names(const QTRACE_REGISTERS &registers, const Register &wanted)
+{
+    for (const Register_Class &kind : REGISTER_CLASSES) {
+        const unsigned entries = kind.letter[0] == wanted.letter ? kind.entries(registers) : 0;
+        for (unsigned i = 0; i < entries; i++)
+            if (register_entry(kind, registers, i).index == wanted.number)
+                return true;
+    }
+    return false;
+}
+
+bool Record_Filter::matches_access(const QTRACE_RECORD &record) const
+{
+    if (datas_.empty() && reals_.empty())
+        return true;
+    const Translated_Address access = data_address_of(record);
+    const std::optional<uint64_t> real = access.real();
+    return access.present && (datas_.empty() || is_in(datas_, access.address)) &&
+           (reals_.empty() || (real && is_in(reals_, *real)));
+}
+
+bool Record_Filter::matches(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) const
+{
+    const QTRACE_RECORD &record = item.record;
+    const uint32_t word = record.header.instruction;
+    const auto is_word = [word](const Masked_Word &wanted) { return (word & wanted.mask) == wanted.value; };
+    const auto is_named = [&record](const Register &wanted) { return names(record.regs, wanted); };
+    if (!pcs_.empty() && !(item.address_known && is_in(pcs_, item.address)))
+        return false;
+    if ((!words_.empty() && std::ranges::none_of(words_, is_word)) || rules_out(context) || !matches_access(record))
+        return false;
+    if ((kinds_ | not_kinds_) != 0) {
+        const uint32_t kinds = kinds_of(record, item.address);
+        if ((kinds_ != 0 && (kinds & kinds_) == 0) || (kinds & not_kinds_) != 0)
+            return false;
+    }
+    return registers_.empty() || std::ranges::any_of(registers_, is_named);
+}
+
+// ---- Walking -------------------------------------------------------------------------------------------
+
+Record_Walk::Record_Walk(Trace_File &file, const Record_Filter &filter) : file_(file), filter_(filter)
+{
+    if (!filter.asks_for_context())
+        return;
+    blocks_.resize(qtrace_blocks(file.reader(), nullptr, 0));
+    qtrace_blocks(file.reader(), blocks_.data(), blocks_.size());
+    std::erase_if(blocks_, [](const QTRACE_Block &block) { return block.records == 0; });
+}
+
+bool Record_Walk::begin()
+{
+    const auto follows = [this](const QTRACE_Block &block) { return block.first_record > filter_.from(); };
+    block_ = static_cast<size_t>(std::ranges::find_if(blocks_, follows) - blocks_.begin());
+    passed_ = filter_.from();
+    return filter_.from() == 0 || file_.seek(filter_.from());
+}
+
+// `item` is the first record of a block, or comes later. In a block without headers one context holds throughout.
+const QTRACE_Item *Record_Walk::pass_over_blocks(const QTRACE_Item *item)
+{
+    while (item != nullptr && item->kind == QTRACE_ITEM_RECORD && block_ < blocks_.size() &&
+           item->record_number >= blocks_[block_].first_record) {
+        const QTRACE_Block &block = blocks_[block_++];
+        const bool whole = item->record_number == block.first_record && block.headers == 0;
+        if (!whole || block_ == blocks_.size() || !filter_.rules_out(context()))
+            continue;
+        passed_ = blocks_[block_].first_record;
+        item = file_.seek(passed_) ? file_.next() : nullptr;
+    }
+    return item;
+}
+
+const QTRACE_Item *Record_Walk::next_in_wanted_block()
+{
+    return pass_over_blocks(file_.next());
+}
+
+const QTRACE_Item *Record_Walk::next()
+{
+    while (delivered_ < filter_.count()) {
+        const QTRACE_Item *item = next_in_wanted_block();
+        if (item == nullptr || item->kind == QTRACE_ITEM_HEADER)
+            return item;
+        passed_++;
+        if (filter_.matches(*item, filter_.asks_for_context() ? context() : nullptr)) {
+            delivered_++;
+            return item;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace qtrace_tool
