@@ -45,6 +45,11 @@ constexpr Command_Info COMMANDS[] = {
      "the whole blocks of a damaged file as a new file",
      {"qtrace recover broken0 saved0     then: qtrace check saved0", "qtrace recover --json broken0 saved0"},
      make_recover_command},
+    {"export",
+     "traces in the formats of other programs",
+     {"qtrace export --format csv -o loads.csv --kind load trace   a table of all loads",
+      "qtrace export --format callgrind -o profile.out trace0      then: callgrind_annotate profile.out"},
+     make_export_command},
 };
 
 const char *const TOOL_EXAMPLES[2] = {

@@ -35,6 +35,7 @@ std::unique_ptr<Command> make_stats_command();
 std::unique_ptr<Command> make_tlb_command();
 std::unique_ptr<Command> make_diff_command();
 std::unique_ptr<Command> make_recover_command();
+std::unique_ptr<Command> make_export_command();
 
 // The FILE... argument that most subcommands take. One that can do without it sets required(false), and asks
 // require_files() when it cannot.

@@ -1,0 +1,128 @@
+#include "exports/exporter.h"
+#include "record_filter.h"
+#include "record_printer.h"
+#include "tool_command.h"
+#include "trace_files.h"
+
+#include <algorithm>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+constexpr Export_Format EXPORT_FORMATS[] = {
+    {"csv", "chosen fields, a line a record", make_csv_exporter},
+    {"champsim", "input of that simulator", make_champsim_exporter},
+    {"callgrind", "a flat profile for callgrind_annotate", make_callgrind_exporter},
+};
+
+class Export_Command : public Command
+{
+public:
+    void declare(CLI::App &app) override;
+    void run(Tool_Run &run) override;
+
+private:
+    const Export_Format &format() const;
+    std::unique_ptr<Exporter> make(const Export_Format &chosen, Output_File &output) const;
+    void export_file(Tool_Run &run, Trace_File &file, Exporter &exporter);
+
+    std::vector<std::string> files_;
+    std::string format_, output_, address_ = "effective";
+    Export_Options options_;
+    Record_Filter filter_;
+    bool force_ = false;
+    uint64_t records_ = 0;
+};
+
+void Export_Command::declare(CLI::App &app)
+{
+    declare_files(app, files_);
+    app.add_option("--format", format_, "one of: csv, champsim, callgrind")->required()->type_name("FORMAT");
+    app.add_option("-o,--output", output_, "the file to be written")->required()->type_name("OUT");
+    app.add_flag("--force", force_, "replace OUT when it exists");
+    app.add_option("--fields", options_.fields, "csv: the columns")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->type_name("FIELD,...");
+    app.add_flag("--decimal", options_.decimal, "csv: all numbers in decimal");
+    app.add_option("--address", address_, "addresses of champsim: effective, real")->type_name("WHICH");
+    filter_.declare(app);
+}
+
+const Export_Format &Export_Command::format() const
+{
+    const auto row = std::ranges::find(EXPORT_FORMATS, format_, &Export_Format::name);
+    if (row != std::end(EXPORT_FORMATS))
+        return *row;
+    std::vector<std::string> known;
+    for (const Export_Format &one : EXPORT_FORMATS)
+        known.emplace_back(one.name);
+    throw unknown_word("format", format_, known);
+}
+
+// What the format refuses is a mistake of the command line.
+std::unique_ptr<Exporter> Export_Command::make(const Export_Format &chosen, Output_File &output) const
+{
+    try {
+        return chosen.make(output, options_);
+    } catch (const std::invalid_argument &refusal) {
+        throw Usage_Error(refusal.what());
+    }
+}
+
+void Export_Command::run(Tool_Run &run)
+{
+    const Export_Format &chosen = format();
+    if (address_ != "effective" && address_ != "real")
+        throw unknown_word("kind of address", address_, {"effective", "real"});
+    options_.real = address_ == "real";
+    options_.files = files_of(files_);
+    std::vector<std::unique_ptr<Trace_File>> files = open_traces(run, files_);
+    if (files.size() != options_.files.size())
+        return;
+    Output_File output(output_, force_);
+    const std::unique_ptr<Exporter> exporter = make(chosen, output);
+    for (const std::unique_ptr<Trace_File> &file : files)
+        export_file(run, *file, *exporter);
+    exporter->finish();
+    output.finish();
+    for (const std::string &sentence : exporter->shortcomings())
+        run.err.print("qtrace: {}: {}\n", output_, sentence);
+    if (!run.json)
+        return run.out.print("{}: {} records\n", output_, records_);
+    run.out.put("{\"output\":");
+    print_json_text(run.out, output_);
+    run.out.print(",\"records\":{}}}\n", records_);
+}
+
+void Export_Command::export_file(Tool_Run &run, Trace_File &file, Exporter &exporter)
+{
+    Record_Walk walk(file, filter_);
+    exporter.begin_file(file.name());
+    if (!walk.begin())
+        throw std::runtime_error(
+            fmt::format("{}: no record {}: the file has {}", file.name(), filter_.from(), file.info().records));
+    Progress progress(run, file.name(), file.info().records);
+    while (const QTRACE_Item *item = walk.next()) {
+        if (item->kind == QTRACE_ITEM_HEADER) {
+            exporter.header(*item);
+            continue;
+        }
+        progress.step();
+        exporter.record(*item, walk.context());
+        records_++;
+    }
+    if (!file.readable())
+        throw std::runtime_error(file.name() + ": cannot be read to its end");
+}
+
+} // namespace
+
+std::unique_ptr<Command> make_export_command()
+{
+    return std::make_unique<Export_Command>();
+}
+
+} // namespace qtrace_tool

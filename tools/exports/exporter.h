@@ -1,0 +1,48 @@
+// What an output format is to `qtrace export`: a sink of records, and a row in EXPORT_FORMATS.
+#pragma once
+
+#include "output_file.h"
+#include "qtrace_reader.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qtrace_tool
+{
+
+struct Export_Options {
+    std::vector<std::string> fields; // of csv
+    bool decimal = false;            // numbers of csv in decimal
+    bool real = false;               // real addresses in champsim
+    std::vector<std::string> files;  // that will be read, in this order
+};
+
+// Gets the items of all files, one file after the other. Members that throw end the export; the output is dropped.
+class Exporter
+{
+public:
+    virtual ~Exporter() = default;
+    virtual void begin_file(const std::string &name) { static_cast<void>(name); }
+    virtual void header(const QTRACE_Item &item) { static_cast<void>(item); }
+    // `context`: the header in force, null before any.
+    virtual void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) = 0;
+    virtual void finish() {}
+    // Sentences about what the format cannot say of this trace; empty when nothing was left out.
+    virtual std::vector<std::string> shortcomings() const { return {}; }
+};
+
+struct Export_Format {
+    std::string_view name;
+    std::string_view summary;
+    std::unique_ptr<Exporter> (*make)(Output_File &file, const Export_Options &options);
+};
+
+std::unique_ptr<Exporter> make_csv_exporter(Output_File &file, const Export_Options &options);
+std::unique_ptr<Exporter> make_champsim_exporter(Output_File &file, const Export_Options &options);
+std::unique_ptr<Exporter> make_callgrind_exporter(Output_File &file, const Export_Options &options);
+
+} // namespace qtrace_tool

@@ -1,0 +1,92 @@
+#include "output_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <stdexcept>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+// For the signal handler, which may not allocate. Empty: nothing to be removed.
+char unfinished_name[PATH_MAX];
+
+extern "C" void remove_unfinished(int signal)
+{
+    if (unfinished_name[0] != 0)
+        unlink(unfinished_name);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+[[noreturn]] void fail(const std::string &name, int error)
+{
+    throw std::system_error(error, std::generic_category(), name);
+}
+
+int create(const std::string &path, const std::string &name)
+{
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor < 0)
+        fail(name, errno);
+    return descriptor;
+}
+
+const std::string &refuse_existing(const std::string &name, bool replace)
+{
+    if (!replace && access(name.c_str(), F_OK) == 0)
+        throw std::runtime_error(name + " exists already; --force replaces it");
+    return name;
+}
+
+} // namespace
+
+Output_File::Output_File(const std::string &name, bool replace)
+    : name_(refuse_existing(name, replace)), unfinished_(name + ".unfinished-" + std::to_string(getpid())),
+      replace_(replace), descriptor_(create(unfinished_, name_)), out_(descriptor_)
+{
+    if (unfinished_.size() < sizeof unfinished_name)
+        unfinished_.copy(unfinished_name, unfinished_.size());
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, remove_unfinished);
+}
+
+Output_File::~Output_File()
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, SIG_DFL);
+    std::fill(std::begin(unfinished_name), std::end(unfinished_name), '\0');
+    if (!unfinished_.empty())
+        unlink(unfinished_.c_str());
+    if (descriptor_ >= 0)
+        close(descriptor_);
+}
+
+void Output_File::check()
+{
+    if (out_.error() != 0)
+        fail(name_, out_.error());
+}
+
+void Output_File::finish()
+{
+    out_.flush();
+    check();
+    const int descriptor = std::exchange(descriptor_, -1);
+    if (close(descriptor) != 0)
+        fail(name_, errno);
+    // A name that came into being meanwhile is somebody else's file.
+    if (renameat2(AT_FDCWD, unfinished_.c_str(), AT_FDCWD, name_.c_str(), replace_ ? 0 : RENAME_NOREPLACE) != 0)
+        fail(name_, errno);
+    unfinished_.clear();
+}
+
+} // namespace qtrace_tool

@@ -1,0 +1,34 @@
+// A file that appears under its name only when it is complete.
+#pragma once
+
+#include "tool_output.h"
+
+#include <string>
+
+namespace qtrace_tool
+{
+
+class Output_File
+{
+public:
+    // Refuses a name that exists, unless `replace`. Throws std::system_error or std::runtime_error, like all members.
+    Output_File(const std::string &name, bool replace);
+    // Removes what was not finished.
+    ~Output_File();
+    Output_File(const Output_File &) = delete;
+    Output_File &operator=(const Output_File &) = delete;
+
+    Output &out() { return out_; }
+    // Throws when something could not be written so far.
+    void check();
+    // Gives the complete file its name.
+    void finish();
+
+private:
+    std::string name_, unfinished_;
+    bool replace_;
+    int descriptor_;
+    Output out_;
+};
+
+} // namespace qtrace_tool
