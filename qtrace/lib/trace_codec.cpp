@@ -192,6 +192,14 @@ bool is_list(const Register_Places &places, const uint8_t *counts, const Registe
     return difference == 0;
 }
 
+// A bit for each byte that is not zero, the lowest byte first.
+unsigned nonzero_bytes(uint64_t bytes)
+{
+    constexpr uint64_t LOW_BITS = 0x7f7f7f7f7f7f7f7f, GATHER = 0x0102040810204080;
+    const uint64_t high = ((bytes & LOW_BITS) + LOW_BITS) | bytes; // bit 7 of each byte tells
+    return static_cast<unsigned>(((high & ~LOW_BITS) >> 7) * GATHER >> 56);
+}
+
 // Values that need no bytes, in the order of their kinds; `memory` is what was last at the value's place.
 [[gnu::always_inline]] inline uint64_t predicted_value(unsigned kind, uint64_t last, uint64_t memory,
                                                        const Bases &bases)
@@ -695,12 +703,10 @@ unsigned Encoder::encode_list(const Register_Places &places, const uint8_t *coun
     if (is_list(places, counts, list))
         return 0;
     Byte_Sink shape = sink(COLUMN_SHAPE); // a copy stays in the processor's registers
-    unsigned mask = 0;
-    for (unsigned i = 0; i < REGISTER_LISTS; ++i)
-        mask |= static_cast<unsigned>(counts[i] != 0) << i;
-    shape.varint(mask);
-    for (unsigned i = 0; i < REGISTER_LISTS; ++i)
-        shape.number_if(counts[i] != 0, counts[i]);
+    const unsigned lists = nonzero_bytes(load<uint64_t>(counts)) | (counts[8] != 0) << 8 | (counts[9] != 0) << 9;
+    shape.varint(lists);
+    for (unsigned mask = lists; mask != 0; mask &= mask - 1)
+        shape.byte(counts[std::countr_zero(mask)]);
     for (size_t i = 0; i < places.total; ++i)
         shape.varint(places.place[i].number());
     sink(COLUMN_SHAPE) = shape;

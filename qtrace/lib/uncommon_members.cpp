@@ -96,6 +96,7 @@ constexpr size_t WIDE = sizeof(Wide);
 constexpr size_t SUMS = 4;
 struct Sums {
     Wide part[SUMS];
+    uint64_t single; // of what is not read a vector at a time
 };
 
 QT_INLINE const Wide &wide_at(const uint8_t *from)
@@ -160,7 +161,7 @@ template <size_t LIST> QT_INLINE void add_unused_entries(Sums &sums, const uint8
     constexpr Register_List_Info INFO = REGISTER_LIST[LIST];
     const size_t used = std::min(registers[LIST], INFO.capacity);
     for (size_t at = used * INFO.entry_size(); at < INFO.capacity * INFO.entry_size(); at += sizeof(uint64_t))
-        sums.part[0][0] |= load<uint64_t>(registers + INFO.offset + at);
+        sums.single |= load<uint64_t>(registers + INFO.offset + at);
 }
 
 constexpr size_t REGISTERS = offsetof(QTRACE_RECORD, regs);
@@ -181,7 +182,7 @@ template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8
     } else {
         for (size_t i = used; i < INFO.capacity; ++i)
             for (size_t at = i * ENTRY; at < (i + 1) * ENTRY; at += sizeof(uint64_t))
-                sums.part[0][0] |= load<uint64_t>(entries + at);
+                sums.single |= load<uint64_t>(entries + at);
     }
 }
 
@@ -265,7 +266,7 @@ QT_INLINE bool search(const QTRACE_RECORD &record)
     add_unused_registers<4>(sums, registers);
     add_unused_registers<GENERAL_INPUT_LIST>(sums, registers);
     const Wide sum = (sums.part[0] | sums.part[1]) | (sums.part[2] | sums.part[3]);
-    return ((sum[0] | sum[1]) | (sum[2] | sum[3]) | uncommon_sizes(bytes, data, next)) != 0;
+    return ((sum[0] | sum[1]) | (sum[2] | sum[3]) | sums.single | uncommon_sizes(bytes, data, next)) != 0;
 }
 
 bool search_anywhere(const QTRACE_RECORD &record)
