@@ -6,6 +6,7 @@
 //   commit_benchmarks --own-time STREAM              nanoseconds per commit by shared object, as JSON
 //   commit_benchmarks --instructions STREAM COMMITS  commits only, collected when run under callgrind
 //   commit_benchmarks --text-instructions STREAM COMMITS  the same with a text trace
+//   commit_benchmarks --write-trace STREAM COMMITS BASE   a session with the reference writer, collected likewise
 #include "query_floor.h"
 #include "time_samples.h"
 #include "traced_session.h"
@@ -380,6 +381,21 @@ int run_commits_only(const std::string &name, size_t commits, const std::string 
     return 0;
 }
 
+// Instructions of the stream, over and over; what the writer does until its file is closed is collected.
+int write_trace(const std::string &name, size_t commits, const std::string &base)
+{
+    Decoded_Stream stream(stream_file(name), commits);
+    bench::set_writer(&reference_writer());
+    the_plugin().initialize(stream.threads, stream.version, stream.memory);
+    the_plugin().start(base);
+    CALLGRIND_TOGGLE_COLLECT;
+    deliver_repeatedly(the_plugin().commit, stream.instructions, commits);
+    the_plugin().stop();
+    CALLGRIND_TOGGLE_COLLECT;
+    std::printf("%zu\n", commits);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -394,6 +410,8 @@ try {
         return run_commits_only(argv[2], std::stoul(argv[3]), {});
     if (argc == 4 && std::strcmp(argv[1], "--text-instructions") == 0)
         return run_commits_only(argv[2], std::stoul(argv[3]), output_file("text"));
+    if (argc == 5 && std::strcmp(argv[1], "--write-trace") == 0)
+        return write_trace(argv[2], std::stoul(argv[3]), argv[4]);
     return run_benchmarks(argc, argv);
 } catch (const std::exception &error) {
     std::fprintf(stderr, "commit_benchmarks: %s\n", error.what());

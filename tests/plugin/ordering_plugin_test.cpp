@@ -320,7 +320,7 @@ Node *insert_right_one_by_one(Node *start, Node *node)
 TEST_F(Ordering, insert_right_or_below_ends_as_if_each_lower_key_had_been_tried)
 {
     int placed = 0;
-    for (unsigned seed = 1; seed <= 20000; ++seed) {
+    for (unsigned seed = 1; seed <= 3000; ++seed) {
         struct Outcome {
             bool placed;
             uint64_t start, key;
@@ -345,7 +345,7 @@ TEST_F(Ordering, insert_right_or_below_ends_as_if_each_lower_key_had_been_tried)
         ASSERT_TRUE(actual == expected) << "seed " << seed;
         placed += expected.placed;
     }
-    EXPECT_GT(placed, 1000);
+    EXPECT_GT(placed, 150);
 }
 
 TEST_F(Ordering, insert_right_starts_in_the_middle_of_the_main_chain_as_well)
