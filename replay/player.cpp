@@ -1,6 +1,6 @@
 #include "player.h"
 
-#include "stream_reader.h"
+#include "read_ahead.h"
 #include "warm_file.h"
 
 namespace replay
@@ -20,7 +20,7 @@ bool is_event(Event_Kind kind)
 
 Player::Player(const std::string &file, Stop_Request *stop)
     : own_stop_(stop ? nullptr : std::make_unique<Stop_Request>()), stop_(stop ? stop : own_stop_.get()),
-      file_(file), events_(std::make_unique<Stream_Reader>(file, stop_))
+      file_(file), events_(std::make_unique<Read_Ahead>(file, *stop_))
 {
     take_machine();
 }

@@ -176,6 +176,11 @@ bool Line_Source::next(std::string_view &line)
     }
 }
 
+bool Line_Source::line_at_hand() const
+{
+    return at_end_ || std::memchr(buffer_.get() + scanned_, '\n', end_ - scanned_) != nullptr;
+}
+
 uint64_t Line_Source::bytes_used() const
 {
     return source_.bytes_used() - (source_.compressed() ? 0 : end_ - begin_);

@@ -77,6 +77,7 @@ public:
     uint64_t line_number() const { return number_; } // of the last line that was returned, from 1
     uint64_t bytes_used() const;                     // stored bytes up to about the current line
     bool format_known() const { return source_.format_known(); }
+    bool line_at_hand() const; // next() has no need to read input
     std::optional<uint64_t> input_size() const { return source_.size(); }
 
 private:

@@ -621,12 +621,12 @@ struct Stream_Reader::Parser {
     Parser();
 
     json::parser parser{Line_Source::MAX_LINE};
-    Stream_Event event{};
+    Stream_Event *event = nullptr; // being read
     Place place;
     bool machine_known = false;
     std::vector<Thread_Context> contexts; // as of the last line, by thread
 
-    void read(std::string_view line);
+    void read(std::string_view line, Stream_Event &to);
 
 private:
     void make_room(size_t length);
@@ -662,7 +662,7 @@ void Stream_Reader::Parser::check_order(Event_Kind kind) const
 
 int Stream_Reader::Parser::checked_tid() const
 {
-    const int tid = event.instruction.tid;
+    const int tid = event->instruction.tid;
     if (contexts.empty())
         throw Refusal{"no event: the machine has no hardware threads", std::to_string(tid)};
     if (tid < 0 || static_cast<size_t>(tid) >= contexts.size())
@@ -674,31 +674,31 @@ int Stream_Reader::Parser::checked_tid() const
 // thread is looked for first.
 void Stream_Reader::Parser::begin_event(json::object &object)
 {
-    event.instruction = blank_;
-    event.time.reset();
-    if (event.kind == Event_Kind::machine) {
-        event.machine = {0, 0, 0, 0, {}};
-        event.source.clear();
-    } else if (event.kind == Event_Kind::context) {
+    event->instruction = blank_;
+    event->time.reset();
+    if (event->kind == Event_Kind::machine) {
+        event->machine = {0, 0, 0, 0, {}};
+        event->source.clear();
+    } else if (event->kind == Event_Kind::context) {
         place.key = "tid";
         json::value tid;
         const simdjson::error_code missing = object.find_field_unordered("tid").get(tid);
         if (!missing)
-            assign(event.instruction.tid, tid);
+            assign(event->instruction.tid, tid);
         else if (missing != simdjson::NO_SUCH_FIELD)
             throw simdjson::simdjson_error(missing);
-        event.context = contexts[static_cast<size_t>(checked_tid())];
+        event->context = contexts[static_cast<size_t>(checked_tid())];
         object.reset();
-    } else if (event.kind != Event_Kind::commit) {
-        event.pte = {};
-        event.rtpte = {};
+    } else if (event->kind != Event_Kind::commit) {
+        event->pte = {};
+        event->rtpte = {};
     }
 }
 
 void Stream_Reader::Parser::finish_event()
 {
-    if (event.kind == Event_Kind::machine) {
-        const uint64_t threads = uint64_t{event.machine.processors} * event.machine.threads;
+    if (event->kind == Event_Kind::machine) {
+        const uint64_t threads = uint64_t{event->machine.processors} * event->machine.threads;
         place.key = "threads";
         if (threads > MAX_HARDWARE_THREADS)
             throw Refusal{fmt::format("at most {} hardware threads", MAX_HARDWARE_THREADS),
@@ -709,12 +709,13 @@ void Stream_Reader::Parser::finish_event()
     }
     place.key = "tid";
     const int tid = checked_tid();
-    if (event.kind == Event_Kind::context)
-        contexts[static_cast<size_t>(tid)] = event.context;
+    if (event->kind == Event_Kind::context)
+        contexts[static_cast<size_t>(tid)] = event->context;
 }
 
-void Stream_Reader::Parser::read(std::string_view line)
+void Stream_Reader::Parser::read(std::string_view line, Stream_Event &to)
 {
+    event = &to;
     place = {};
     if (line.size() > parser.capacity())
         make_room(std::min(2 * line.size(), Line_Source::MAX_LINE));
@@ -726,12 +727,12 @@ void Stream_Reader::Parser::read(std::string_view line)
         throw Refusal{"the kind of line", "no such key"};
     else if (error)
         throw simdjson::simdjson_error(error);
-    event.kind = kind_called(kind.raw_json_token());
-    check_order(event.kind);
+    event->kind = kind_called(kind.raw_json_token());
+    check_order(event->kind);
     object.reset();
     begin_event(object);
     place.key = {};
-    read_fields(object, KINDS[static_cast<size_t>(event.kind)].keys, place, event);
+    read_fields(object, KINDS[static_cast<size_t>(event->kind)].keys, place, *event);
     place.key = {};
     if (document.current_location().error() != simdjson::OUT_OF_BOUNDS)
         throw Refusal{"nothing behind the object", ""};
@@ -739,7 +740,7 @@ void Stream_Reader::Parser::read(std::string_view line)
 }
 
 Stream_Reader::Stream_Reader(const std::string &file, const Stop_Request *stop)
-    : stop_(stop), parser_(std::make_unique<Parser>())
+    : stop_(stop), parser_(std::make_unique<Parser>()), event_(std::make_unique<Stream_Event>())
 {
     try {
         lines_ = std::make_unique<Line_Source>(file, stop);
@@ -750,33 +751,40 @@ Stream_Reader::Stream_Reader(const std::string &file, const Stop_Request *stop)
 
 Stream_Reader::~Stream_Reader() = default;
 
-// Behind a line that could not be taken in nothing may be delivered: the trace would have a hole.
 const Stream_Event *Stream_Reader::next()
 {
+    return next(*event_) ? event_.get() : nullptr;
+}
+
+// After a line that could not be taken in nothing may be delivered: the trace would lack it.
+bool Stream_Reader::next(Stream_Event &to)
+{
     if (error_)
-        return nullptr;
+        return false;
     try {
-        return read_line();
+        return read_line(to);
     } catch (const std::bad_alloc &) {
         error_ = {line_number(), "", "out of memory", ""};
     }
-    return nullptr;
+    return false;
 }
 
-const Stream_Event *Stream_Reader::read_line()
+bool Stream_Reader::read_line(Stream_Event &to)
 {
     try {
         std::string_view line;
         do {
             if (stop_ && stop_->requested())
-                return nullptr;
-            if (!lines_->next(line))
-                return end();
+                return false;
+            if (!lines_->next(line)) {
+                end();
+                return false;
+            }
         } while (std::all_of(line.begin(), line.end(), is_blank));
-        parser_->read(line);
-        return &parser_->event;
+        parser_->read(line, to);
+        return true;
     } catch (const Input_Interrupted &) {
-        return nullptr;
+        return false;
     } catch (const Input_Error &problem) {
         error_ = {lines_->format_known() ? line_number() + 1 : 0, "", problem.what(), ""};
     } catch (const Refusal &refusal) {
@@ -785,15 +793,15 @@ const Stream_Event *Stream_Reader::read_line()
         const Refusal refusal = refusal_of(error.error());
         refuse_line(refusal.expected, refusal.found);
     }
-    return nullptr;
+    return false;
 }
 
 // A stream must have its first line.
-const Stream_Event *Stream_Reader::end()
+void Stream_Reader::end()
 {
+    at_end_ = true;
     if (!parser_->machine_known)
         error_ = {line_number() + 1, "", "expected \"machine\" in the first line", "the end of the stream"};
-    return nullptr;
 }
 
 void Stream_Reader::refuse_line(const std::string &expected, const std::string &found)

@@ -20,6 +20,17 @@ public:
     ~Stream_Reader() override;
 
     const Stream_Event *next() override;
+
+    // The same into an event of the caller, which no other call touches; false in the place of null. A reader gets all
+    // of its events into the same place or each into another.
+    bool next(Stream_Event &to);
+
+    // Null was returned because the stream ended.
+    bool at_end() const { return at_end_; }
+
+    // The next event may have to wait for input.
+    bool may_wait() const { return !lines_ || !lines_->line_at_hand(); }
+
     const std::optional<Stream_Error> &error() const override { return error_; }
     uint64_t line_number() const override;
     uint64_t bytes_used() const override;
@@ -27,14 +38,16 @@ public:
 
 private:
     struct Parser;
-    const Stream_Event *read_line();
-    const Stream_Event *end();
+    bool read_line(Stream_Event &to);
+    void end();
     void refuse_line(const std::string &expected, const std::string &found);
 
     const Stop_Request *stop_;
     std::unique_ptr<Line_Source> lines_;
     std::unique_ptr<Parser> parser_;
+    std::unique_ptr<Stream_Event> event_; // of next() without a place for it
     std::optional<Stream_Error> error_;
+    bool at_end_ = false;
 };
 
 } // namespace replay
