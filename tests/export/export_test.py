@@ -197,6 +197,56 @@ class Callgrind(Export):
         self.assertEqual(int(totals[4]), walks)
 
 
+class Sqlite(Export):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.database = cls.home / "trace.db"
+        subprocess.run([PROGRAMS / "qtrace", "export", "--format", "sqlite", "--index", "-o", cls.database, cls.trace],
+                       check=True, stdout=subprocess.DEVNULL)
+
+    def rows(self, query):
+        done = subprocess.run(["sqlite3", "-readonly", self.database, query], capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        return [line.split("|") for line in done.stdout.splitlines()]
+
+    def test_is_a_sound_database(self):
+        self.assertEqual(self.rows("PRAGMA integrity_check"), [["ok"]])
+
+    def test_has_every_record_with_null_for_what_is_absent(self):
+        rows = self.rows("SELECT number, address, word, ifnull(data, '') FROM record_hex ORDER BY number")
+        wanted = [[str(record.number), f"0x{record.address:016x}", f"0x{record.instruction:08x}",
+                   f"0x{record.data_ea:016x}" if is_set(record, "data_address_present") else ""]
+                  for record in self.records]
+        self.assertEqual(rows, wanted)
+
+    def test_finds_addresses_above_two_to_the_63(self):
+        wanted = sum(record.address >= 0xC000000000000000 for record in self.records)
+        self.assertGreater(wanted, 0)
+        query = "SELECT count(*) FROM record_hex WHERE address >= '0xc000000000000000'"
+        self.assertEqual(self.rows(query), [[str(wanted)]])
+
+    def test_has_every_register(self):
+        wanted = sum(len(getattr(record, name)) for record in self.records
+                     for name, *_ in plain.REGISTER_LISTS)
+        self.assertEqual(self.rows("SELECT count(*) FROM register"), [[str(wanted)]])
+
+    def test_has_each_translation_once(self):
+        distinct = self.rows("SELECT count(*) - count(DISTINCT guest_mode || '/' || host_mode || ' ' || "
+                             "ifnull(page_number, '-') || ' ' || ifnull(page_size, '-') || ' ' || ifnull(vsid, '-') || ' ' || "
+                             "guest_depth || ' ' || host_depth || ' ' || ifnull(guest_page_size, '-')) FROM translation")
+        self.assertEqual(distinct, [["0"]])
+        wrong = self.rows("SELECT count(*) FROM record WHERE data IS NOT NULL AND data_translation NOT IN "
+                          "(SELECT id FROM translation)")
+        self.assertEqual(wrong, [["0"]])
+
+    def test_sums_are_those_of_stats(self):
+        stats = subprocess.run([PROGRAMS / "qtrace", "stats", "--json", self.trace], capture_output=True, text=True)
+        for kind, key in ((1, "loads"), (2, "stores"), (256, "cache"), (16, "strings")):
+            (count,), = self.rows(f"SELECT count(*) FROM record WHERE kinds & {kind}")
+            self.assertIn(f'"{key}":{count},', stats.stdout)
+
+
 class Output(Export):
     def unfinished(self):
         return list(self.home.glob("*.unfinished-*"))
@@ -228,6 +278,13 @@ class Output(Export):
         process.send_signal(signal.SIGINT)
         self.assertEqual(process.wait(), -signal.SIGINT)
         self.assertFalse((self.home / "long.csv").exists())
+        self.assertEqual(self.unfinished(), [])
+
+    def test_a_database_that_does_not_fit_on_the_disk_is_dropped(self):
+        limited = f'ulimit -f 64; trap "" XFSZ; exec "{PROGRAMS}/qtrace" export --format sqlite -o "{self.home}/db" "{self.trace}"'
+        done = subprocess.run(["bash", "-c", limited], capture_output=True, text=True)
+        self.assertEqual(done.returncode, FAILED, done.stderr)
+        self.assertFalse((self.home / "db").exists())
         self.assertEqual(self.unfinished(), [])
 
     def test_an_unknown_format_gets_a_suggestion(self):

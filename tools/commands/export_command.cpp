@@ -14,6 +14,7 @@ namespace
 constexpr Export_Format EXPORT_FORMATS[] = {
     {"csv", "chosen fields, a line a record", make_csv_exporter},
     {"champsim", "input of that simulator", make_champsim_exporter},
+    {"sqlite", "a database", make_sqlite_exporter},
     {"callgrind", "a flat profile for callgrind_annotate", make_callgrind_exporter},
 };
 
@@ -39,7 +40,9 @@ private:
 void Export_Command::declare(CLI::App &app)
 {
     declare_files(app, files_);
-    app.add_option("--format", format_, "one of: csv, champsim, callgrind")->required()->type_name("FORMAT");
+    app.add_option("--format", format_, "one of: csv, champsim, sqlite, callgrind")
+        ->required()
+        ->type_name("FORMAT");
     app.add_option("-o,--output", output_, "the file to be written")->required()->type_name("OUT");
     app.add_flag("--force", force_, "replace OUT when it exists");
     app.add_option("--fields", options_.fields, "csv: the columns")
@@ -47,6 +50,7 @@ void Export_Command::declare(CLI::App &app)
         ->allow_extra_args(false)
         ->type_name("FIELD,...");
     app.add_flag("--decimal", options_.decimal, "csv: all numbers in decimal");
+    app.add_flag("--index", options_.index, "sqlite: with indexes by address, access and record");
     app.add_option("--address", address_, "addresses of champsim: effective, real")->type_name("WHICH");
     filter_.declare(app);
 }

@@ -18,6 +18,7 @@ struct Export_Options {
     std::vector<std::string> fields; // of csv
     bool decimal = false;            // numbers of csv in decimal
     bool real = false;               // real addresses in champsim
+    bool index = false;              // sqlite: with indexes
     std::vector<std::string> files;  // that will be read, in this order
 };
 
@@ -43,6 +44,7 @@ struct Export_Format {
 
 std::unique_ptr<Exporter> make_csv_exporter(Output_File &file, const Export_Options &options);
 std::unique_ptr<Exporter> make_champsim_exporter(Output_File &file, const Export_Options &options);
+std::unique_ptr<Exporter> make_sqlite_exporter(Output_File &file, const Export_Options &options);
 std::unique_ptr<Exporter> make_callgrind_exporter(Output_File &file, const Export_Options &options);
 
 } // namespace qtrace_tool

@@ -19,6 +19,9 @@ public:
     Output_File &operator=(const Output_File &) = delete;
 
     Output &out() { return out_; }
+    const std::string &name() const { return name_; }
+    // The unfinished file, for a library that writes it by name.
+    const std::string &path() const { return unfinished_; }
     // Throws when something could not be written so far.
     void check();
     // Gives the complete file its name.
