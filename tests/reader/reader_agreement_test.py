@@ -1,9 +1,10 @@
 """The Python reader and the C++ reader deliver the same, item by item.
 
-    reader_agreement_test.py PROGRAMS Corpus|Damage|Random|Streams|Lines|Recovered
+    reader_agreement_test.py PROGRAMS Corpus|Damage|Random|Blocks|Streams|Lines|Recovered
 
 Corpus: the small traces of tests/golden/format, which have an expectation of their own; Damage: some of these with
 every byte changed, cut off and taken out; Random: generated records;
+Blocks: files of blocks changed by chance, with right checksums;
 Streams: recorded streams through the replay program (the first 20,000 lines of each, with QT_LONG=1 all of every
 one); Lines: what `qtrace dump --json` and the command line of qtrace.plain print; Recovered: what `qtrace info` says of the
 small traces, and `qtrace recover` makes of them. QT_LONG=1 takes more of all."""
@@ -18,6 +19,7 @@ import unittest
 
 import zstandard
 
+import block_files
 import reader_agreement
 from reader_agreement import plain
 
@@ -115,6 +117,19 @@ class Random(Agreement):
             path = self.folder / "generated"
             subprocess.run([PROGRAMS / "random_trace_file", path, "100000", str(seed)], check=True)
             self.assertGreater(self.assert_readers_agree(path), 100000)
+
+
+class Blocks(Agreement):
+    def test_of_any_contents_with_right_checksums(self):
+        blocks = block_files.blocks_of(sorted(CORPUS.glob("*.trace")))
+        self.assertGreater(len(blocks), 400)
+        path, items = self.folder / "blocks", 0
+        for seed in range(75000 if LONG else 1500):
+            path.write_bytes(block_files.block_file(seed, blocks))
+            difference, compared = reader_agreement.first_difference(PROGRAMS / "trace_items", path)
+            self.assertIsNone(difference, f"seed {seed}")
+            items += compared
+        self.assertGreater(items, 3 * seed)
 
 
 class Streams(Agreement):
