@@ -175,7 +175,7 @@ struct Position {
     }
 };
 
-struct Model : Position {
+struct Predictor : Position {
     Code_Slot code[1 << CODE_BITS];
     Shape_Slot shape[1 << SHAPE_BITS];
     uint64_t memory[1 << MEMORY_BITS];

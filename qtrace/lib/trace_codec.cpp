@@ -117,14 +117,14 @@ uint64_t data_base(const Bases &bases, uint8_t which)
 }
 
 // The page of `side` is about to change; when it is the other side's last translation, that needs a copy.
-[[gnu::noinline]] void keep_last_of_other_side(Model &model, const Translation *(&last)[ADDRESS_SIDES],
+[[gnu::noinline]] void keep_last_of_other_side(Predictor &predictor, const Translation *(&last)[ADDRESS_SIDES],
                                                Address_Side side, const Translation &page)
 {
     const Address_Side other = side == DATA_ADDRESS ? NEXT_ADDRESS : DATA_ADDRESS;
     if (last[other] != &page)
         return;
-    model.last[other] = page;
-    last[other] = &model.last[other];
+    predictor.last[other] = page;
+    last[other] = &predictor.last[other];
 }
 
 // Flags of an item's second byte, as they stand above those of the first until the item is complete.
@@ -141,19 +141,19 @@ template <class Slot> void prefetch(const Slot &slot)
 }
 
 // What later accesses at `near` are expected to give: the first output, or what the instruction may have stored.
-void remember_memory(Model &model, const Register_Places &places, uint64_t near)
+void remember_memory(Predictor &predictor, const Register_Places &places, uint64_t near)
 {
     if (places.total == 0)
         return;
     const bool outputs = places.total != places.inputs;
     const Register_Place &place = places.place[outputs ? places.inputs : places.last_inputs];
     for (unsigned word = 0; word < place.list->words; ++word)
-        model.memory_at(near + 8 * word) = place.value(word);
+        predictor.memory_at(near + 8 * word) = place.value(word);
 }
 
 // What later records of the same word or address are expected to be; called when the record is complete.
-void remember_record(Model &model, const QTRACE_RECORD &record, const Register_Places &places, const Bases &bases,
-                     Shape_Slot &shape)
+void remember_record(Predictor &predictor, const QTRACE_RECORD &record, const Register_Places &places,
+                     const Bases &bases, Shape_Slot &shape)
 {
     shape.control = control_in(record);
     shape.members = members_of(record);
@@ -161,12 +161,12 @@ void remember_record(Model &model, const QTRACE_RECORD &record, const Register_P
         shape.out_value = places.place[places.inputs].value(0);
         shape.out_distance = shape.out_value - bases.last_input;
     }
-    remember_memory(model, places, bases.near);
-    Code_Slot &code = model.code_at(model.address);
+    remember_memory(predictor, places, bases.near);
+    Code_Slot &code = predictor.code_at(predictor.address);
     code.word = record.header.instruction;
     if (has_address(shape.control, NEXT_ADDRESS))
         code.next = address_in(record, NEXT_ADDRESS);
-    model.follow(record);
+    predictor.follow(record);
 }
 
 void remember_list(const Register_Places &places, const uint8_t *counts, Register_List &list)
@@ -243,8 +243,9 @@ uint64_t sign_extended(uint64_t value, unsigned bytes)
 }
 
 constexpr size_t COLUMN_ROOM = MAX_PAYLOAD + 64;
-constexpr size_t MAX_COMMON = 2048;     // encoded bytes of a record's common sections
-constexpr size_t MAX_ESCAPE = 3072;     // and of the rest of it
+constexpr size_t MAX_COMMON = 2048; // encoded bytes of a record's common sections
+constexpr size_t MAX_PLAIN = 128;   // the same without new translations, of a few registers
+constexpr size_t PLAIN_REGISTERS = 3;
 constexpr size_t MAX_HEADER_ITEM = 512; // of a file header without its comment
 
 bool comment_stays_outside(const QTRACE_FILE_HDR &header)
@@ -282,13 +283,15 @@ void Encoder::begin_block()
     first_ = next_position();
     if (!started()) {
         memory_ = std::make_unique_for_overwrite<uint8_t[]>(COLUMNS * COLUMN_ROOM);
-        model_ = std::make_unique_for_overwrite<Model>();
+        predictor_ = std::make_unique_for_overwrite<Predictor>();
     }
     passed_over_ = false;
-    model_->reset(first_);
+    predictor_->reset(first_);
     for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
-        last_[side] = &model_->last[side];
-    records_ = headers_ = sure_room_ = 0;
+        last_[side] = &predictor_->last[side];
+    records_ = headers_ = 0;
+    sure_room_ = 0;
+    surely_common_ = false;
     for (size_t i = 0; i < COLUMNS; ++i)
         columns_[i].begin = columns_[i].at = memory_.get() + i * COLUMN_ROOM;
     if (open_.present)
@@ -299,16 +302,18 @@ bool Encoder::has_room_for(const QTRACE_RECORD &record)
 {
     if (passed_over_)
         return false;
-    const size_t left = MAX_PAYLOAD - raw_size();
-    sure_room_ = static_cast<uint32_t>(left / (MAX_COMMON + MAX_ESCAPE));
-    return sure_room_ != 0 || (left >= MAX_COMMON && !has_uncommon(record));
+    sure_room_ = MAX_PAYLOAD - raw_size();
+    if (sure_of_room())
+        return true;
+    surely_common_ = sure_room_ >= MAX_COMMON && !has_uncommon(record);
+    return surely_common_;
 }
 
 Position Encoder::next_position() const
 {
     if (passed_over_)
         return behind_;
-    return started() ? static_cast<const Position &>(*model_) : Position{};
+    return started() ? static_cast<const Position &>(*predictor_) : Position{};
 }
 
 template <class Item> void Encoder::pass_over(const Item &item)
@@ -317,6 +322,7 @@ template <class Item> void Encoder::pass_over(const Item &item)
     behind_.follow(item);
     passed_over_ = true;
     sure_room_ = 0;
+    surely_common_ = false;
 }
 
 void Encoder::leave_out(const QTRACE_RECORD &record)
@@ -405,12 +411,12 @@ Open_Header open_header_of(const uint8_t *payload, const Block_Header &header)
 
 bool Decoder::begin_block(const uint8_t *payload, const Block_Header &header)
 {
-    if (!model_)
-        model_ = std::make_unique_for_overwrite<Model>();
-    model_->reset({header.first_address, header.has(ADDRESS_KNOWN)});
+    if (!predictor_)
+        predictor_ = std::make_unique_for_overwrite<Predictor>();
+    predictor_->reset({header.first_address, header.has(ADDRESS_KNOWN)});
     std::fill(std::begin(page_versions_), std::end(page_versions_), ++newest_version_);
     for (const Address_Side side : {DATA_ADDRESS, NEXT_ADDRESS})
-        last_[side] = &model_->last[side];
+        last_[side] = &predictor_->last[side];
     bad_ = false;
     return header.version == 1 && split(payload, header.raw_size, columns_) &&
            decode_open_header(source(COLUMN_OPEN), open_);
@@ -434,13 +440,15 @@ bool Decoder::all_read() const
 // Flattened: the parts are called once each, and their calls would be a tenth of it all.
 [[gnu::flatten]] void Encoder::add(const QTRACE_RECORD &record)
 {
-    Model &model = *model_;
+    Predictor &predictor = *predictor_;
     const uint64_t control = control_in(record);
     const uint32_t word = record.header.instruction;
-    Code_Slot &code = model.code_at(model.address);
-    Shape_Slot &shape = model.shape_of(word);
+    Code_Slot &code = predictor.code_at(predictor.address);
+    Shape_Slot &shape = predictor.shape_of(word);
     prefetch(shape);
-    unsigned op = has_uncommon(record) ? more(MORE_ESCAPE) : 0; // long enough for the slots to arrive
+    const bool uncommon = !surely_common_ && has_uncommon(record); // long enough for the slots to arrive
+    unsigned op = uncommon ? more(MORE_ESCAPE) : 0;
+    surely_common_ = false;
     op |= code.word != word ? OP_WORD : 0;
     sink(COLUMN_WORD).number_if(code.word != word, word);
     op |= encode_static(record, shape, control);
@@ -451,7 +459,7 @@ bool Decoder::all_read() const
     op |= encode_list(places, reinterpret_cast<const uint8_t *>(&record.regs), shape.list);
     op |= encode_inputs(places);
 
-    Bases bases = bases_of(record.regs, shape, model.address);
+    Bases bases = bases_of(record.regs, shape, predictor.address);
     if (has_address(control, DATA_ADDRESS)) {
         bases.near = address_in(record, DATA_ADDRESS);
         op |= encode_data_address(bases, shape);
@@ -461,7 +469,7 @@ bool Decoder::all_read() const
             encode_value(places.place[i], part, bases);
     if (has_address(control, NEXT_ADDRESS) && address_in(record, NEXT_ADDRESS) != code.next) {
         op |= OP_NEXT;
-        sink(COLUMN_NEXT).varint(zigzag(address_in(record, NEXT_ADDRESS) - model.address));
+        sink(COLUMN_NEXT).varint(zigzag(address_in(record, NEXT_ADDRESS) - predictor.address));
     }
     if (has_address(control, DATA_ADDRESS) && encode_translation(record, DATA_ADDRESS))
         op |= more(MORE_DATA_TRANSLATION);
@@ -470,9 +478,10 @@ bool Decoder::all_read() const
     if (op & more(MORE_ESCAPE))
         encode_escape(record);
     put_op(op);
-    remember_record(model, record, places, bases, shape);
-    prefetch(model.code_at(model.address));
-    sure_room_ -= sure_room_ != 0;
+    remember_record(predictor, record, places, bases, shape);
+    prefetch(predictor.code_at(predictor.address));
+    const bool plain = op <= 0xff && places.total <= PLAIN_REGISTERS;
+    sure_room_ -= std::min(sure_room_, plain ? MAX_PLAIN : MAX_RECORD);
     ++records_;
 }
 
@@ -497,11 +506,11 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
 // Flattened, as adding is.
 [[gnu::flatten]] Decoder::Result Decoder::next_record(QTRACE_RECORD &record, uint8_t op, uint8_t more)
 {
-    Model &model = *model_;
-    Code_Slot &code = model.code_at(model.address);
+    Predictor &predictor = *predictor_;
+    Code_Slot &code = predictor.code_at(predictor.address);
     const uint32_t word = op & OP_WORD ? source(COLUMN_WORD).number<uint32_t>() : code.word;
     record.header.instruction = word;
-    Shape_Slot &shape = model.shape_of(word);
+    Shape_Slot &shape = predictor.shape_of(word);
     const uint64_t control = op & OP_CONTROL ? decode_control() : shape.control;
     store(&record.header.control, control);
     translations_filled_ = !without_translations_ || (more & MORE_ESCAPE) != 0; // rare members may add to them
@@ -516,7 +525,7 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
     }
     decode_inputs((op & OP_INPUTS) != 0);
 
-    Bases bases = bases_of(record.regs, shape, model.address);
+    Bases bases = bases_of(record.regs, shape, predictor.address);
     if (has_address(control, DATA_ADDRESS)) {
         bases.near = decode_data_address((op & OP_DATA) != 0, bases, shape);
         store(record.data_ea, bases.near);
@@ -526,12 +535,12 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
             decode_value(places_.place[i], part, bases);
     if (has_address(control, NEXT_ADDRESS))
         store(record.next_instruction_ea,
-              op & OP_NEXT ? model.address + unzigzag(source(COLUMN_NEXT).varint()) : code.next);
+              op & OP_NEXT ? predictor.address + unzigzag(source(COLUMN_NEXT).varint()) : code.next);
     if (has_address(control, DATA_ADDRESS))
         decode_translation(record, DATA_ADDRESS, (more & MORE_DATA_TRANSLATION) != 0);
     if (has_address(control, NEXT_ADDRESS))
         decode_translation(record, NEXT_ADDRESS, (more & MORE_NEXT_TRANSLATION) != 0);
-    remember_record(model, record, places_, bases, shape);
+    remember_record(predictor, record, places_, bases, shape);
     if (more & MORE_ESCAPE)
         decode_escape(record);
     return any_bad() ? Result::corrupt : Result::record;
@@ -588,7 +597,7 @@ void Encoder::add(const QTRACE_FILE_HDR &header)
     if (header.comment != nullptr && !outside)
         extra.bytes(header.comment, header.comment_length);
     open_.follow(header);
-    model_->follow(header);
+    predictor_->follow(header);
     sure_room_ = 0;
     ++headers_;
 }
@@ -606,7 +615,7 @@ Decoder::Result Decoder::next_header(QTRACE_FILE_HDR &header)
     if (place > COMMENT_IN_FRONT || extra.bad)
         return Result::corrupt;
     open_.follow(header);
-    model_->follow(header);
+    predictor_->follow(header);
     return Result::header;
 }
 
@@ -634,30 +643,30 @@ void Encoder::encode_control(uint64_t control)
     Byte_Sink &shape = sink(COLUMN_SHAPE);
     // Few are in use, but those in any order: where one was last spares the search.
     uint8_t &guess = control_numbers_[slot_of(control, CONTROL_BITS)];
-    if (guess < model_->control_count && model_->controls[guess] == control)
+    if (guess < predictor_->control_count && predictor_->controls[guess] == control)
         return shape.byte(guess);
-    const uint64_t *end = model_->controls + model_->control_count;
-    const uint64_t *found = std::find(static_cast<const uint64_t *>(model_->controls), end, control);
-    guess = static_cast<uint8_t>(found - model_->controls);
+    const uint64_t *end = predictor_->controls + predictor_->control_count;
+    const uint64_t *found = std::find(static_cast<const uint64_t *>(predictor_->controls), end, control);
+    guess = static_cast<uint8_t>(found - predictor_->controls);
     shape.byte(guess);
     if (found != end)
         return;
     shape.number(control);
-    if (model_->control_count < MAX_CONTROLS)
-        model_->controls[model_->control_count++] = control;
+    if (predictor_->control_count < MAX_CONTROLS)
+        predictor_->controls[predictor_->control_count++] = control;
 }
 
 uint64_t Decoder::decode_control()
 {
     Byte_Source &shape = source(COLUMN_SHAPE);
     const size_t number = shape.byte();
-    if (number < model_->control_count)
-        return model_->controls[number];
-    if (number > model_->control_count)
+    if (number < predictor_->control_count)
+        return predictor_->controls[number];
+    if (number > predictor_->control_count)
         bad_ = true;
     const auto control = shape.number<uint64_t>();
-    if (model_->control_count < MAX_CONTROLS)
-        model_->controls[model_->control_count++] = control;
+    if (predictor_->control_count < MAX_CONTROLS)
+        predictor_->controls[predictor_->control_count++] = control;
     return control;
 }
 
@@ -743,14 +752,14 @@ unsigned Encoder::encode_inputs(const Register_Places &places)
     uint64_t difference = 0;
     for (size_t i = 0; i < places.inputs; ++i) {
         const Register_Place &place = places.place[i];
-        const uint64_t *last = model_->register_values(*place.list, place.number());
+        const uint64_t *last = predictor_->register_values(*place.list, place.number());
         difference |= place.value(0) ^ last[0];
         if (place.list->words != 1)
             difference |= place.value(1) ^ last[1];
     }
     if (difference == 0)
         return 0;
-    const Bases bases{0, 0, model_->address, 0, 0};
+    const Bases bases{0, 0, predictor_->address, 0, 0};
     for (size_t i = 0; i < places.inputs; ++i)
         for (unsigned word = 0; word < places.place[i].list->words; ++word)
             encode_value(places.place[i], word, bases);
@@ -759,21 +768,21 @@ unsigned Encoder::encode_inputs(const Register_Places &places)
 
 void Decoder::decode_inputs(bool coded)
 {
-    const Bases bases{0, 0, model_->address, 0, 0};
+    const Bases bases{0, 0, predictor_->address, 0, 0};
     for (size_t i = 0; i < places_.inputs; ++i) {
         const Register_Place &place = places_.place[i];
         for (unsigned word = 0; word < place.list->words; ++word)
             if (coded)
                 decode_value(place, word, bases);
             else
-                place.value(word) = model_->register_values(*place.list, place.number())[word];
+                place.value(word) = predictor_->register_values(*place.list, place.number())[word];
     }
 }
 
 void Encoder::encode_value(const Register_Place &place, unsigned word, const Bases &bases)
 {
-    uint64_t &last = model_->register_values(*place.list, place.number())[word];
-    const uint64_t memory = model_->memory_at(bases.near + 8 * word);
+    uint64_t &last = predictor_->register_values(*place.list, place.number())[word];
+    const uint64_t memory = predictor_->memory_at(bases.near + 8 * word);
     const uint64_t value = place.value(word);
     const uint64_t before = last;
     last = value;
@@ -802,7 +811,7 @@ void Encoder::encode_value(const Register_Place &place, unsigned word, const Bas
 
 void Decoder::decode_value(const Register_Place &place, unsigned word, const Bases &bases)
 {
-    uint64_t &last = model_->register_values(*place.list, place.number())[word];
+    uint64_t &last = predictor_->register_values(*place.list, place.number())[word];
     const uint8_t kind = source(COLUMN_KIND).byte();
     Byte_Source &values = source(COLUMN_VALUE);
     const auto from = [&](unsigned first_kind, uint64_t base) {
@@ -810,7 +819,7 @@ void Decoder::decode_value(const Register_Place &place, unsigned word, const Bas
         return base + sign_extended(values.low_bytes(size), size);
     };
     if (kind < VALUE_LITERAL)
-        last = predicted_value(kind, last, model_->memory_at(bases.near + 8 * word), bases);
+        last = predicted_value(kind, last, predictor_->memory_at(bases.near + 8 * word), bases);
     else if (kind < VALUE_FROM_REGISTER)
         last = values.low_bytes(kind - VALUE_LITERAL);
     else if (kind < VALUE_FROM_INPUT)
@@ -856,7 +865,7 @@ uint64_t Decoder::decode_data_address(bool coded, const Bases &bases, Shape_Slot
 // side, and those words' differences.
 bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
 {
-    Translation &page = model_->page_of(address_in(record, side));
+    Translation &page = predictor_->page_of(address_in(record, side));
     const bool coded = !has_translation(record, side, page);
     if (coded) {
         const Translation now = translation_in(record, side);
@@ -868,7 +877,7 @@ bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
         for (unsigned i = 0; i < 32; ++i)
             if (mask >> i & 1)
                 sink(COLUMN_TRANSLATION).varint(zigzag(now.word[i] - last.word[i]));
-        keep_last_of_other_side(*model_, last_, side, page);
+        keep_last_of_other_side(*predictor_, last_, side, page);
         page = now;
     }
     last_[side] = &page; // the same words, and no copy
@@ -879,7 +888,7 @@ bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
 void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded)
 {
     const size_t slot = slot_of(address_in(record, side) >> 12, PAGE_BITS);
-    Translation &page = model_->page[slot];
+    Translation &page = predictor_->page[slot];
     if (coded)
         decode_page(side, slot);
     last_[side] = &page; // the same words, and no copy
@@ -903,8 +912,8 @@ void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool 
         if (mask >> i & 1)
             now.word[i] += unzigzag(from.varint());
     page_versions_[slot] = ++newest_version_;
-    keep_last_of_other_side(*model_, last_, side, model_->page[slot]);
-    model_->page[slot] = now;
+    keep_last_of_other_side(*predictor_, last_, side, predictor_->page[slot]);
+    predictor_->page[slot] = now;
 }
 
 // ---- Members that records seldom carry --------------------------------------------------------------------------

@@ -30,7 +30,7 @@ class Encoder
 {
 public:
     // Whether any record fits, without a look at it. Never before the first block, nor at the start of one.
-    bool sure_of_room() const { return sure_room_ != 0; }
+    bool sure_of_room() const { return sure_room_ >= MAX_RECORD; }
     // Starts an empty block at the place where the last one ended.
     void begin_block();
     // Whether the item still fits; when not, the block has to be sealed first.
@@ -44,7 +44,7 @@ public:
     void add(const QTRACE_RECORD &record);
     void add(const QTRACE_FILE_HDR &header);
 
-    bool started() const { return model_ != nullptr; }
+    bool started() const { return predictor_ != nullptr; }
     bool empty() const { return records_ == 0 && headers_ == 0; }
     bool passed_over() const { return passed_over_; }
     size_t raw_size() const;
@@ -71,16 +71,18 @@ private:
     Byte_Sink &sink(Column column) { return columns_[column]; }
 
     std::unique_ptr<uint8_t[]> memory_; // of all columns
-    std::unique_ptr<Model> model_;
-    const Translation *last_[ADDRESS_SIDES]; // in *model_: the place of each side's last translation
+    std::unique_ptr<Predictor> predictor_;
+    const Translation *last_[ADDRESS_SIDES]; // in *predictor_: the place of each side's last translation
     Byte_Sink columns_[COLUMNS];
     Open_Header open_;
     static constexpr unsigned CONTROL_BITS = 6;
-    uint8_t control_numbers_[1 << CONTROL_BITS]{}; // by control word: where it was last in the model's controls
+    uint8_t control_numbers_[1 << CONTROL_BITS]{}; // by control word: where it was last in the predictor's controls
     uint32_t records_ = 0, headers_ = 0;
-    uint32_t sure_room_ = 0;   // for so many records there is room whatever is in them
-    Position first_, behind_;  // of this block; behind what is left out
-    bool passed_over_ = false; // items behind those of this block
+    static constexpr size_t MAX_RECORD = 5120; // encoded bytes, whatever is in it
+    size_t sure_room_ = 0;                     // so many bytes are left, or more
+    bool surely_common_ = false;               // the next record has no uncommon members
+    Position first_, behind_;                  // of this block; behind what is left out
+    bool passed_over_ = false;                 // items behind those of this block
 };
 
 // Reads the items of one block after the other. The payload must stay where it is while they are read.
@@ -97,10 +99,10 @@ public:
     // text in the payload, null when there is none or when it is `comment_outside`.
     Result next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header);
 
-    uint64_t address() const { return model_->address; } // of the next record
-    bool address_known() const { return model_->address_known; }
+    uint64_t address() const { return predictor_->address; } // of the next record
+    bool address_known() const { return predictor_->address_known; }
     const Open_Header &open_header() const { return open_; }
-    // Of the last record: where its translation of one side stands in the model, with a version that changes whenever
+    // Of the last record: where its translation of one side stands in the predictor, with a version that changes whenever
     // that place does, and what stands there.
     struct Translation_Place {
         size_t slot;
@@ -112,7 +114,7 @@ public:
     const Register_Places &registers() const { return places_; }
     // The last record has members that its translations and flags do not name.
     bool has_rare_members() const { return escaped_; }
-    // Leaves translations out of the records that follow; the model still has them.
+    // Leaves translations out of the records that follow; the predictor still has them.
     void leave_out_translations(bool leave_out) { without_translations_ = leave_out; }
     const uint8_t *comment() const { return comment_; }
     bool comment_outside() const { return comment_outside_; }
@@ -138,7 +140,7 @@ private:
     bool any_bad() const;
     bool all_read() const;
 
-    std::unique_ptr<Model> model_;
+    std::unique_ptr<Predictor> predictor_;
     Byte_Source columns_[COLUMNS];
     Register_Places places_{}; // of the last record
     uint64_t filled_ = 0;      // control of the last record
@@ -147,8 +149,8 @@ private:
     bool translations_filled_ = false;        // the last record has them
     bool holds_translation_[ADDRESS_SIDES]{}; // so does the record, of that side, from translation_places_
     Translation_Place translation_places_[ADDRESS_SIDES]{};
-    const Translation *last_[ADDRESS_SIDES]{}; // in *model_: the place of each side's last translation
-    uint64_t page_versions_[1 << PAGE_BITS];   // by slot of the model
+    const Translation *last_[ADDRESS_SIDES]{}; // in *predictor_: the place of each side's last translation
+    uint64_t page_versions_[1 << PAGE_BITS];   // by slot of the predictor
     uint64_t newest_version_ = 0;
     Open_Header open_;
     const uint8_t *comment_ = nullptr;

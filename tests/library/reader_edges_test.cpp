@@ -1,0 +1,187 @@
+// What a reader meets at the edges: of its search window, of blocks, of what a block header may say.
+#include "trace_file_fixture.h"
+
+#include "block_format.h"
+
+#include <functional>
+
+namespace
+{
+
+class reader_edge : public trace_file
+{
+protected:
+    static QTRACE_FILE_HDR full_header(uint8_t page)
+    {
+        QTRACE_FILE_HDR header{};
+        header.control.iar_is_present = 1;
+        header.iar[1] = page;
+        return header;
+    }
+    // A block as `change` leaves its header, with checksums that are right.
+    static std::string block(const std::string &payload, const std::function<void(trace::Block_Header &)> &change)
+    {
+        trace::Block_Header header;
+        header.flags = trace::LAST_BLOCK;
+        header.stored_size = header.raw_size = static_cast<uint32_t>(payload.size());
+        header.payload_crc = trace::crc32c(payload.data(), payload.size());
+        change(header);
+        std::string bytes(trace::BLOCK_HEADER_SIZE, 0);
+        trace::store_block_header(header, reinterpret_cast<uint8_t *>(bytes.data()));
+        return bytes + payload;
+    }
+    static std::string start()
+    {
+        const auto bytes = trace::file_start();
+        return {bytes.begin(), bytes.end()};
+    }
+    static std::string payload_of(const std::vector<std::string> &columns)
+    {
+        std::string payload;
+        for (size_t i = 0; i < 10; ++i) {
+            const auto size = static_cast<uint32_t>(i < columns.size() ? columns[i].size() : 0);
+            payload.append(reinterpret_cast<const char *>(&size), sizeof size);
+        }
+        for (const std::string &column : columns)
+            payload += column;
+        return payload;
+    }
+};
+
+TEST_F(reader_edge, block_is_found_wherever_its_header_crosses_the_search_window)
+{
+    write_plausible(10);
+    const std::string whole = bytes();
+    constexpr size_t WINDOW = 65536;
+    for (size_t junk = WINDOW - 60; junk <= WINDOW + 4; ++junk)
+        for (const char fill : {'\0', '\x8B'}) {
+            put_bytes(whole.substr(0, 16) + std::string(junk, fill) + whole.substr(16));
+            const Contents contents = read();
+            ASSERT_EQ(contents.records(), 10u) << junk;
+            ASSERT_EQ(contents.damages.size(), 1u);
+            ASSERT_EQ(contents.damages[0].bytes, junk);
+        }
+}
+
+TEST_F(reader_edge, seeking_comes_to_a_header_that_ends_a_block)
+{
+    // The second header's comment needs a block of its own, so that the first one ends the block before.
+    const QTRACE_FDESCR file = open();
+    write(file, full_header(0x10));
+    write(file, QTRACE_RECORD{});
+    write(file, full_header(0x20));
+    write(file, full_header(0x30), std::string(20'000, 'c'));
+    write(file, QTRACE_RECORD{});
+    QTRACE_Fclose(file);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    const QTRACE_Item *item;
+    ASSERT_EQ(qtrace_seek(reader, 1), 0);
+    std::vector<uint8_t> pages;
+    QTRACE_ITEM kind;
+    while ((kind = qtrace_next(reader, &item)) != QTRACE_ITEM_RECORD && kind != QTRACE_ITEM_END)
+        if (kind == QTRACE_ITEM_HEADER)
+            pages.push_back(item->header.iar[1]);
+    EXPECT_EQ(pages, (std::vector<uint8_t>{0x20, 0x30}));
+    EXPECT_EQ(kind, QTRACE_ITEM_RECORD);
+    EXPECT_EQ(item->record_number, 1u);
+    qtrace_close(reader);
+}
+
+TEST_F(reader_edge, each_refusal_is_marked_once)
+{
+    Random_Trace chance(51);
+    const QTRACE_FDESCR file = open();
+    uint64_t refused = 0;
+    {
+        const Small_Disk disk(60'000);
+        while (refused < 2) {
+            QTRACE_RECORD record = chance.wild_record();
+            refused += QTRACE_FwriteRecord(file, &record) != 0;
+        }
+    }
+    for (int i = 0; i < 200; ++i) { // several blocks more
+        QTRACE_RECORD record = chance.wild_record();
+        ASSERT_EQ(QTRACE_FwriteRecord(file, &record), 0);
+    }
+    QTRACE_Fclose(file);
+    const Contents contents = read();
+    ASSERT_EQ(contents.wanted.size(), 1u);
+    EXPECT_EQ(contents.wanted[0].cause, QTRACE_CAUSE_REFUSED);
+    EXPECT_EQ(contents.wanted[0].records, 2u);
+    EXPECT_EQ(verified().left_out, 1u);
+    EXPECT_GT(verified().blocks, 3u);
+}
+
+TEST_F(reader_edge, higher_compression_levels_make_smaller_files)
+{
+    std::vector<uint64_t> sizes;
+    for (const char *level : {"none", "zstd:-50", "zstd", "zstd:3", "zstd:19"}) {
+        setenv("QTRACE_COMPRESSION", level, 1);
+        write_plausible(20'000);
+        sizes.push_back(bytes().size());
+    }
+    for (size_t i = 1; i < sizes.size(); ++i)
+        EXPECT_LT(sizes[i], sizes[i - 1]) << i;
+}
+
+TEST_F(reader_edge, headers_with_unknown_flags_or_impossible_sizes_are_none_even_with_right_checksums)
+{
+    const std::string payload = payload_of({});
+    const std::vector<std::function<void(trace::Block_Header &)>> changes = {
+        [](auto &header) { header.flags |= 128; },
+        [](auto &header) { header.flags |= trace::LEFT_OUT; },
+        [](auto &header) { header.compression = 2; },
+        [](auto &header) { header.version = 2; },
+        [](auto &header) { header.version = 0; },
+        [](auto &header) { header.raw_size = 65537; },
+        [](auto &header) { header.stored_size = 65537; },
+        [](auto &header) { header.stored_size = header.raw_size = 65537; },
+        [](auto &header) { header.raw_size++; },
+        [](auto &header) { header.compression = 1, header.raw_size = 65537; },
+        [](auto &header) { header.first_record = ~uint64_t{0}, header.records = 1; },
+        [](auto &header) { header.first_header = ~uint64_t{0}, header.headers = 1; },
+    };
+    put_bytes(start() + block(payload, [](auto &) {}));
+    EXPECT_TRUE(read().damages.empty());
+    for (size_t i = 0; i < changes.size(); ++i) {
+        put_bytes(start() + block(payload, changes[i]));
+        const Contents contents = read();
+        ASSERT_EQ(contents.damages.size(), 1u) << i;
+        EXPECT_EQ(contents.damages[0].cause, QTRACE_CAUSE_CUT_END) << i;
+        EXPECT_EQ(contents.damages[0].offset, 16u);
+        EXPECT_EQ(contents.damages[0].records, 0u);
+    }
+}
+
+TEST_F(reader_edge, pointers_and_bookkeeping_in_a_file_do_not_reach_the_user)
+{
+    // Sparse images of all ones: of the open header, of a header, and of a record's rare members.
+    const std::string header_image = std::string("\0\xf0\x02", 3) + std::string(368, '\xff') + std::string(2, '\0');
+    const std::string record_image =
+        std::string("\0\xf8\x16", 3) + std::string(2936, '\xff') + std::string(2, '\0');
+    const std::string extra = header_image + std::string(1, '\0') + record_image; // place of the comment: none
+    put_bytes(start() + block(payload_of({header_image, "\x80\x01\x80\x02", "", "", "", "", "", "", "", extra}),
+                              [](auto &header) { header.records = header.headers = 1; }));
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    const QTRACE_Item *item;
+    ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_HEADER) << qtrace_error(reader);
+    EXPECT_EQ(item->header.iar[0], 0xff);
+    EXPECT_EQ(item->header.comment, nullptr);
+    EXPECT_EQ(item->header.app_spec_data, nullptr);
+    ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD) << qtrace_error(reader);
+    EXPECT_EQ(item->record.iar[0], 0xff);
+    EXPECT_EQ(item->record.data, nullptr);
+    EXPECT_EQ(item->record.file_header, nullptr);
+    EXPECT_EQ(item->record.persistent_data, nullptr);
+    EXPECT_EQ(item->record.offset | item->record.record_count | item->record.instr_count |
+                  item->record.exec_instr_count,
+              0u);
+    const QTRACE_FILE_HDR *context = qtrace_open_header(reader);
+    ASSERT_NE(context, nullptr);
+    EXPECT_EQ(context->comment, nullptr);
+    EXPECT_EQ(context->app_spec_data, nullptr);
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_END);
+    qtrace_close(reader);
+}
+
+} // namespace
