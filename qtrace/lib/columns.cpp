@@ -101,20 +101,22 @@ namespace
 
 using namespace trace;
 
-// The columns of one record, each only when it is wanted.
-class Row_Writer
+// The columns of one record, each only when it is wanted. A set of columns that is known to the compiler costs no
+// test per record and column.
+template <uint32_t KNOWN> class Row_Writer
 {
 public:
     Row_Writer(QTRACE_Reader *reader, QTRACE_Columns &to)
-        : decoder_(decoder_of(*reader)), to_(to), which_(to.which), translations_(to.translations)
+        : decoder_(decoder_of(*reader)), to_(to), translations_(to.translations)
     {
     }
     void put(const QTRACE_Item &item, uint64_t row);
 
 private:
+    bool wants(uint32_t column) const { return ((KNOWN != 0 ? KNOWN : to_.which) & column) != 0; }
     template <class Value> void put(uint32_t column, Value *to, uint64_t row, Value value) const
     {
-        if (which_ & column)
+        if (wants(column))
             to[row] = value;
     }
     void put_address(uint32_t column, uint64_t *to, uint8_t *has, uint64_t row, bool present,
@@ -130,7 +132,6 @@ private:
 
     const Decoder &decoder_;
     const QTRACE_Columns to_;
-    const uint32_t which_;
     QTRACE_Translations *translations_;
 };
 
@@ -138,7 +139,8 @@ static_assert(QTRACE_COLUMN_HAS_ADDRESS == QTRACE_COLUMN_ADDRESS << 1 &&
               QTRACE_COLUMN_HAS_NEXT == QTRACE_COLUMN_NEXT << 1 &&
               QTRACE_COLUMN_HAS_DATA == QTRACE_COLUMN_DATA << 1);
 
-[[gnu::always_inline]] inline void Row_Writer::put(const QTRACE_Item &item, uint64_t row)
+template <uint32_t KNOWN>
+[[gnu::always_inline]] inline void Row_Writer<KNOWN>::put(const QTRACE_Item &item, uint64_t row)
 {
     const QTRACE_RECORD &record = item.record;
     const uint64_t control = control_in(record);
@@ -148,9 +150,9 @@ static_assert(QTRACE_COLUMN_HAS_ADDRESS == QTRACE_COLUMN_ADDRESS << 1 &&
     put_address(QTRACE_COLUMN_DATA, to_.data, to_.has_data, row, has_data, address_in(record, DATA_ADDRESS));
     put(QTRACE_COLUMN_WORD, to_.word, row, record.header.instruction);
     put(QTRACE_COLUMN_FLAGS, to_.flags, row, control);
-    if (which_ & QTRACE_COLUMN_DATA_TRANSLATION)
+    if (wants(QTRACE_COLUMN_DATA_TRANSLATION))
         to_.data_translation[row] = translation(record, DATA_ADDRESS, has_data);
-    if (which_ & QTRACE_COLUMN_NEXT_TRANSLATION)
+    if (wants(QTRACE_COLUMN_NEXT_TRANSLATION))
         to_.next_translation[row] = translation(record, NEXT_ADDRESS, has_next);
     put(QTRACE_COLUMN_CONTEXT, to_.context, row, static_cast<uint32_t>(item.header_number - 1));
     put(QTRACE_COLUMN_NODE, to_.node, row, record.node);
@@ -159,7 +161,7 @@ static_assert(QTRACE_COLUMN_HAS_ADDRESS == QTRACE_COLUMN_ADDRESS << 1 &&
     put(QTRACE_COLUMN_ERROR, to_.error, row, record.error_code);
     put(QTRACE_COLUMN_PROCESSOR, to_.processor, row, record.processor);
     put(QTRACE_COLUMN_LENGTH, to_.length, row, record.length);
-    if (which_ & QTRACE_COLUMN_KINDS)
+    if (wants(QTRACE_COLUMN_KINDS))
         to_.kinds[row] = static_cast<uint16_t>(kinds_of(record, item.address));
 }
 
@@ -201,6 +203,29 @@ QTRACE_ITEM for_records(QTRACE_Reader *reader, uint64_t records, const QTRACE_It
     return kind == QTRACE_ITEM_HEADER ? QTRACE_ITEM_RECORD : kind;
 }
 
+template <uint32_t KNOWN>
+QTRACE_ITEM read_columns(QTRACE_Reader *reader, uint64_t rows, QTRACE_Columns &columns, const QTRACE_Item **item)
+{
+    Row_Writer<KNOWN> writer(reader, columns);
+    uint64_t row = 0, first = 0;
+    const QTRACE_ITEM kind = for_records(reader, rows, item, [&](const QTRACE_Item &record) {
+        if (row == 0)
+            first = record.record_number;
+        writer.put(record, row++);
+        return true;
+    });
+    columns.rows = row;
+    columns.first_record = first;
+    return kind;
+}
+
+// Those of a data frame of which nobody says what it should hold.
+constexpr uint32_t USUAL_COLUMNS = QTRACE_COLUMN_ADDRESS | QTRACE_COLUMN_NEXT | QTRACE_COLUMN_HAS_NEXT |
+                                   QTRACE_COLUMN_DATA | QTRACE_COLUMN_HAS_DATA | QTRACE_COLUMN_WORD |
+                                   QTRACE_COLUMN_FLAGS | QTRACE_COLUMN_DATA_TRANSLATION |
+                                   QTRACE_COLUMN_NEXT_TRANSLATION | QTRACE_COLUMN_CONTEXT | QTRACE_COLUMN_NODE |
+                                   QTRACE_COLUMN_TERMINATION | QTRACE_COLUMN_ERROR | QTRACE_COLUMN_LENGTH;
+
 // Into the next row; false when the class is not wanted.
 [[gnu::always_inline]] inline bool put_register(const QTRACE_Register_Columns &to, uint64_t record,
                                                 const Register_Place &place, bool output)
@@ -223,17 +248,12 @@ extern "C" {
 QTRACE_ITEM qtrace_read_columns(QTRACE_Reader *reader, uint64_t rows, QTRACE_Columns *columns,
                                 const QTRACE_Item **item)
 try {
-    columns->rows = 0;
     if (columns->translations != nullptr)
         columns->translations->numbers.forget();
-    Row_Writer writer(reader, *columns);
-    return for_records(reader, rows, item, [&](const QTRACE_Item &record) {
-        if (columns->rows == 0)
-            columns->first_record = record.record_number;
-        writer.put(record, columns->rows++);
-        return true;
-    });
+    return columns->which == USUAL_COLUMNS ? read_columns<USUAL_COLUMNS>(reader, rows, *columns, item)
+                                           : read_columns<0>(reader, rows, *columns, item);
 } catch (const std::bad_alloc &) {
+    columns->rows = 0;
     return QTRACE_ITEM_ERROR;
 }
 

@@ -5,6 +5,7 @@ and plugin, builds a C reader by pkg-config and a C++ reader by find_package, an
 import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -75,6 +76,17 @@ class installed_tree(unittest.TestCase):
         module = self.pkg_config("--variable=pythondir").strip()
         program = "from qtrace import plain; print(sum(isinstance(i, plain.Record) for i in plain.Trace('trace0')))"
         self.assertEqual(self.run_in_work(sys.executable, "-c", program, PYTHONPATH=module), "2000\n")
+
+    def test_the_python_package_finds_the_installed_library(self):
+        module = self.pkg_config("--variable=pythondir").strip()
+        program = (
+            "import qtrace, qtrace._library as l; print(len(qtrace.frame('trace0')), l.LIBRARY._name);"
+            "import qtrace.dask as d; print(d.stats('trace0')[0]['instructions'], d._tool())"
+        )
+        output = self.run_in_work(sys.executable, "-c", program, PYTHONPATH=module)
+        self.assertEqual(re.sub(r" \S+", "", output), "2000\n2000\n")
+        for place in re.findall(r" (\S+)", output):
+            self.assertTrue(pathlib.Path(place).resolve().is_relative_to(self.tree.resolve()), place)
 
     def test_every_header_compiles_alone(self):
         flags = self.pkg_config("--cflags").split()

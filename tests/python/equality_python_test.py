@@ -109,7 +109,7 @@ class Equality(InFolder):
                     self.assert_kinds_equal(f"{base}{thread}")
 
     def assert_dump_equal(self, name):
-        frame = qtrace.frame(name, COLUMNS, count=COUNT)
+        frame = qtrace.frame(name, [*COLUMNS, *qtrace.KINDS], count=COUNT)
         dump = traced_streams.run(PROGRAMS / "qtrace", "dump", "--json", "--count", COUNT, name)
         lines = [line for line in map(json.loads, dump.splitlines()) if "record" in line]
         self.assertEqual([line["record"] for line in lines], frame.index.tolist())
@@ -119,6 +119,9 @@ class Equality(InFolder):
         for column, key in (("node", "node"), ("termination", "termination_code"), ("error", "error_code"),
                             ("length", "length")):  # fmt: skip
             self.assertEqual([line.get(key, 0) for line in lines], frame[column].tolist())
+        for kind in qtrace.KINDS:
+            self.assertEqual([kind in line.get("kinds", ()) for line in lines], frame[kind].tolist(), kind)
+        self.assertEqual(["error" in line.get("kinds", ()) for line in lines], (frame["error"] != 0).tolist())
 
     def assert_kinds_equal(self, name):
         """Sums of the kinds, against what the command counts."""
