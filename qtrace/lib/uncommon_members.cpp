@@ -16,12 +16,18 @@ struct Byte_Range {
     size_t offset, size;
 };
 
-constexpr const Trace_Member *next_row(size_t offset)
+constexpr size_t ROWS = std::size(rows::RECORD_ROWS);
+
+// The row of the first member at or after `offset`; ROWS without one. A number: with sanitizers the compiler does not
+// compare the address of a row while it compiles.
+constexpr size_t next_row(size_t offset)
 {
-    const Trace_Member *next = nullptr;
-    for (const Trace_Member &row : rows::RECORD_ROWS)
-        if (row.offset >= offset && (next == nullptr || row.offset < next->offset))
-            next = &row;
+    size_t next = ROWS;
+    for (size_t i = 0; i < ROWS; ++i) {
+        const size_t place = rows::RECORD_ROWS[i].offset;
+        if (place >= offset && (next == ROWS || place < rows::RECORD_ROWS[next].offset))
+            next = i;
+    }
     return next;
 }
 
@@ -29,10 +35,11 @@ constexpr const Trace_Member *next_row(size_t offset)
 template <class Visitor> constexpr void visit_rare(Visitor visit)
 {
     Byte_Range run{};
-    for (const Trace_Member *row = next_row(0); row != nullptr; row = next_row(row->offset + 1u)) {
-        if (row->coding == Member_Coding::rare) {
-            run.offset = run.size == 0 ? row->offset : run.offset;
-            run.size = row->offset + row->size - run.offset;
+    for (size_t i = next_row(0); i != ROWS; i = next_row(rows::RECORD_ROWS[i].offset + 1u)) {
+        const Trace_Member &row = rows::RECORD_ROWS[i];
+        if (row.coding == Member_Coding::rare) {
+            run.offset = run.size == 0 ? row.offset : run.offset;
+            run.size = row.offset + row.size - run.offset;
         } else if (run.size != 0) {
             visit(run);
             run = {};
