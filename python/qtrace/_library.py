@@ -180,7 +180,7 @@ def candidates() -> Iterator[str]:
     for pattern in ("lib*/libqtrace.so", "lib*/*/libqtrace.so"):
         yield from map(str, sorted(prefix.glob(pattern)))
     yield str(repository / "build/release/bin/libqtrace.so")
-    yield "libqtrace.so"
+    yield "libqtrace.so.0"
 
 
 def load() -> ctypes.CDLL:
