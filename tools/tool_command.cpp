@@ -1,61 +1,66 @@
 #include "tool_command.h"
 
+#include "item_scan.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <numeric>
+#include <thread>
 
 namespace qtrace_tool
 {
+
+// clang-format off
+// The subcommands in the order of the help: name, summary, two examples. Each is a file in commands/.
+#define SUBCOMMANDS(ROW) \
+    ROW(info, "what files hold: headers, counts, gaps, size, whether they end cleanly", \
+        "qtrace info trace                 trace0, trace1, ... one after another", \
+        "qtrace info --json trace0 | jq .  the same facts for a program") \
+    ROW(dump, "headers and records, one line each", \
+        "qtrace dump --count 20 trace0             the first 20 records", \
+        "qtrace dump --pc 0x1000-0x1fff --kind load trace  loads in a range of addresses, all threads") \
+    ROW(check, "whether traces keep the rules of a good trace", \
+        "qtrace check trace                the rules that need nothing but the trace", \
+        "qtrace check trace0 --text text0  compared with the text trace, item by item") \
+    ROW(stats, "what traces are made of: branches, accesses, registers, pages, partitions", \
+        "qtrace stats trace                threads side by side and in total", \
+        "qtrace stats --json trace0        the same for a program") \
+    ROW(tlb, "what address translation costs: a model of TLBs and walk caches", \
+        "qtrace tlb trace                            each thread and in total", \
+        "qtrace tlb --entries 64x4,2048x8 --page-sizes 2M trace0   what if") \
+    ROW(diff, "where two traces differ, by kind of difference", \
+        "qtrace diff old new                        thread by thread", \
+        "qtrace diff --ignore registers old0 new0   control flow and addresses alone") \
+    ROW(recover, "the whole blocks of a damaged file as a new file", \
+        "qtrace recover broken0 saved0     then: qtrace check saved0", \
+        "qtrace recover --json broken0 saved0") \
+    ROW(export, "traces in the formats of other programs", \
+        "qtrace export --format csv -o loads.csv --kind load trace   a table of all loads", \
+        "qtrace export --format callgrind -o profile.out trace0      then: callgrind_annotate profile.out") \
+    ROW(plan, "ranges of records of equal work, for jobs on many machines", \
+        "qtrace plan --parts 4 trace                                  lines: FILE --from A --count B", \
+        "qtrace plan --parts 64 trace | xargs -P8 -L1 qtrace stats --json")
+
+// clang-format on
+#define ROW(name, summary, first_example, second_example) std::unique_ptr<Command> make_##name##_command();
+SUBCOMMANDS(ROW)
+#undef ROW
+
 namespace
 {
 
-constexpr Command_Info COMMANDS[] = {
-    {"info",
-     "what files hold: headers, counts, gaps, size, whether they end cleanly",
-     {"qtrace info trace                 trace0, trace1, ... one after another",
-      "qtrace info --json trace0 | jq .  the same facts for a program"},
-     make_info_command},
-    {"dump",
-     "headers and records, one line each",
-     {"qtrace dump --count 20 trace0             the first 20 records",
-      "qtrace dump --pc 0x1000-0x1fff --kind load trace  loads in a range of addresses, all threads"},
-     make_dump_command},
-    {"check",
-     "whether traces keep the rules of a good trace",
-     {"qtrace check trace                the rules that need nothing but the trace",
-      "qtrace check trace0 --text text0  compared with the text trace, item by item"},
-     make_check_command},
-    {"stats",
-     "what traces are made of: branches, accesses, registers, pages, partitions",
-     {"qtrace stats trace                threads side by side and in total",
-      "qtrace stats --json trace0        the same for a program"},
-     make_stats_command},
-    {"tlb",
-     "what address translation costs: a model of TLBs and walk caches",
-     {"qtrace tlb trace                            each thread and in total",
-      "qtrace tlb --entries 64x4,2048x8 --page-sizes 2M trace0   what if"},
-     make_tlb_command},
-    {"diff",
-     "where two traces differ, by kind of difference",
-     {"qtrace diff old new                        thread by thread",
-      "qtrace diff --ignore registers old0 new0   control flow and addresses alone"},
-     make_diff_command},
-    {"recover",
-     "the whole blocks of a damaged file as a new file",
-     {"qtrace recover broken0 saved0     then: qtrace check saved0", "qtrace recover --json broken0 saved0"},
-     make_recover_command},
-    {"export",
-     "traces in the formats of other programs",
-     {"qtrace export --format csv -o loads.csv --kind load trace   a table of all loads",
-      "qtrace export --format callgrind -o profile.out trace0      then: callgrind_annotate profile.out"},
-     make_export_command},
-};
+#define ROW(name, summary, first_example, second_example)                                                          \
+    {#name, summary, {first_example, second_example}, make_##name##_command},
+constexpr Command_Info COMMANDS[] = {SUBCOMMANDS(ROW)};
+#undef ROW
 
 const char *const TOOL_EXAMPLES[2] = {
     "qtrace info trace                 is it complete? (trace0, trace1, ...)",
     "qtrace dump --count 20 trace0     the first 20 records",
 };
+
+constexpr uint64_t MAX_JOBS = 1024;
 
 const char *const TOOL_FOOTER =
     "A file name without a file behind it is a base name: `trace` means trace0, trace1, ...\n"
@@ -231,6 +236,26 @@ CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &nu
         number = *value;
     };
     return app.add_option_function<std::string>(name, take, description)->type_name("N");
+}
+
+void declare_jobs(CLI::App &app, unsigned &jobs)
+{
+    jobs = std::max(1u, std::thread::hardware_concurrency());
+    const auto take = [&jobs](const std::string &text) {
+        const std::optional<uint64_t> number = parse_digits(text, 10);
+        if (!number || *number == 0 || *number > MAX_JOBS)
+            throw Usage_Error(fmt::format("`{}` is no number for --jobs: 1 to {} expected", text, MAX_JOBS));
+        jobs = static_cast<unsigned>(*number);
+    };
+    app.add_option_function<std::string>("--jobs", take, "threads that read (default: one for each core)")
+        ->type_name("N");
+}
+
+void declare_scan(CLI::App &app, Scan_Options &options)
+{
+    declare_jobs(app, options.jobs);
+    declare_number(app, "--from", options.range.first, "number of the first record, from 0 (of each file)");
+    declare_number(app, "--count", options.range.count, "records to read (of each file)");
 }
 
 int run_qtrace(const std::vector<std::string> &arguments, int out, int err)

@@ -28,15 +28,6 @@ struct Command_Info {
     std::unique_ptr<Command> (*make)();
 };
 
-std::unique_ptr<Command> make_info_command();
-std::unique_ptr<Command> make_dump_command();
-std::unique_ptr<Command> make_check_command();
-std::unique_ptr<Command> make_stats_command();
-std::unique_ptr<Command> make_tlb_command();
-std::unique_ptr<Command> make_diff_command();
-std::unique_ptr<Command> make_recover_command();
-std::unique_ptr<Command> make_export_command();
-
 // The FILE... argument that most subcommands take. One that can do without it sets required(false), and asks
 // require_files() when it cannot.
 CLI::Option *declare_files(CLI::App &app, std::vector<std::string> &files);
@@ -47,6 +38,11 @@ CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &nu
                             const std::string &description);
 // Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.
 std::optional<uint64_t> parse_digits(std::string_view text, int base);
+
+struct Scan_Options;
+void declare_jobs(CLI::App &app, unsigned &jobs);
+// --jobs, --from and --count.
+void declare_scan(CLI::App &app, Scan_Options &options);
 
 // The candidate that `word` was probably meant to be; empty when none is near.
 std::string closest(const std::string &word, const std::vector<std::string> &candidates);

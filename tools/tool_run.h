@@ -58,9 +58,11 @@ public:
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
 
-    void step()
+    void step(uint64_t items = 1)
     {
-        if ((++done_ & 0xFFFF) == 0 && run_.progress)
+        const uint64_t before = done_;
+        done_ += items;
+        if (before >> 16 != done_ >> 16 && run_.progress)
             show();
     }
 

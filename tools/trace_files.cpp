@@ -1,59 +1,163 @@
 #include "trace_files.h"
 
+#include "header_comment.h"
+#include "tool_command.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 
 namespace qtrace_tool
 {
 
-std::vector<std::string> files_of(const std::string &name)
+namespace
 {
+
+namespace fs = std::filesystem;
+
+// Numbers N, without leading zeros, for which there is a file NAME + N.
+std::set<uint64_t> numbers_of(const std::string &name)
+{
+    const fs::path base(name);
+    const fs::path folder = base.has_parent_path() ? base.parent_path() : fs::path(".");
+    const std::string beginning = base.filename().string();
+    std::set<uint64_t> numbers;
     std::error_code ignored;
-    std::vector<std::string> files;
-    if (!std::filesystem::exists(name, ignored) || std::filesystem::is_directory(name, ignored))
-        for (unsigned i = 0; std::filesystem::exists(name + std::to_string(i), ignored); i++)
-            files.push_back(name + std::to_string(i));
-    if (files.empty())
-        files.push_back(name);
-    return files;
+    for (auto entry = fs::directory_iterator(folder, ignored); entry != fs::directory_iterator();
+         entry.increment(ignored)) {
+        const std::string file = entry->path().filename().string();
+        if (!file.starts_with(beginning))
+            continue;
+        const std::string digits = file.substr(beginning.size());
+        const std::optional<uint64_t> number = parse_digits(digits, 10);
+        if (number && std::to_string(*number) == digits)
+            numbers.insert(*number);
+    }
+    return numbers;
 }
 
-std::vector<std::string> files_of(const std::vector<std::string> &names)
+// "trace2, trace5 to trace7"
+std::string missing_before(const std::string &name, const std::set<uint64_t> &numbers)
+{
+    std::string missing;
+    uint64_t next = 0;
+    for (const uint64_t number : numbers) {
+        if (number > next)
+            missing += fmt::format("{}{}{}", missing.empty() ? "" : ", ", name, next);
+        if (number > next + 1)
+            missing += fmt::format(" to {}{}", name, number - 1);
+        next = number + 1;
+    }
+    return missing;
+}
+
+// What a file's first header says of the machine, if it says something.
+std::optional<trace::Header_Comment> machine_of(const std::string &name)
+{
+    const Reader reader(qtrace_open(name.c_str(), nullptr));
+    const QTRACE_Item *item = nullptr;
+    trace::Header_Comment comment;
+    if (!reader || qtrace_next(reader.get(), &item) != QTRACE_ITEM_HEADER || item->header.comment == nullptr ||
+        !trace::parse_comment({item->header.comment, item->header.comment_length}, comment))
+        return std::nullopt;
+    return comment;
+}
+
+std::vector<std::string> names_of(std::vector<Named_File> &&files)
+{
+    std::vector<std::string> names;
+    for (Named_File &file : files)
+        names.push_back(std::move(file.name));
+    return names;
+}
+
+} // namespace
+
+std::vector<Named_File> files_of(Tool_Run &run, const std::string &name)
+{
+    std::error_code ignored;
+    if (fs::exists(name, ignored) && !fs::is_directory(name, ignored))
+        return {{name, ""}};
+    const std::set<uint64_t> numbers = numbers_of(name);
+    if (const std::string missing = missing_before(name, numbers); !missing.empty())
+        run.warn(fmt::format("missing in the row of numbers: {}", missing));
+    std::vector<Named_File> files;
+    for (const uint64_t number : numbers)
+        files.push_back({name + std::to_string(number), std::to_string(number)});
+    return files.empty() ? std::vector<Named_File>{{name, ""}} : files;
+}
+
+std::vector<std::string> files_of(Tool_Run &run, const std::vector<std::string> &names)
 {
     std::vector<std::string> files;
     for (const std::string &name : names)
-        for (std::string &file : files_of(name))
+        for (std::string &file : names_of(files_of(run, name)))
             files.push_back(std::move(file));
     return files;
 }
 
-Trace_File::Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader, bool silent)
-    : run_(run), name_(name), silent_(silent), reader_(reader)
+std::vector<Named_File> traces_of(Tool_Run &run, const std::string &name)
+{
+    std::vector<Named_File> files = files_of(run, name);
+    std::optional<trace::Header_Comment> first;
+    for (size_t i = 0; files.size() > 1 && i < files.size(); i++) {
+        const std::optional<trace::Header_Comment> machine = machine_of(files[i].name);
+        if (first && machine && (first->version != machine->version || first->memory != machine->memory))
+            run.warn(
+                fmt::format("{}: its first header tells of another machine than those before: version {} and {} "
+                            "bytes of memory instead of {} and {}; files of several sessions?",
+                            files[i].name, machine->version, machine->memory, first->version, first->memory));
+        if (!first)
+            first = machine;
+    }
+    return files;
+}
+
+std::vector<std::string> traces_of(Tool_Run &run, const std::vector<std::string> &names)
+{
+    std::vector<std::string> files;
+    for (const std::string &name : names)
+        for (std::string &file : names_of(traces_of(run, name)))
+            files.push_back(std::move(file));
+    return files;
+}
+
+Trace_File::Trace_File(Tool_Run &run, const std::string &name, Index index, bool silent)
+    : run_(run), name_(name), silent_(silent), index_(std::move(index)), reader_(another_reader()),
+      info_(*qtrace_index_info(index_.get()))
 {
 }
 
 std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &name, bool silent)
 {
     char *reason = nullptr;
-    QTRACE_Reader *reader = qtrace_open(name.c_str(), &reason);
+    Index index(qtrace_index_open(name.c_str(), &reason));
     const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
-    if (reader == nullptr) {
-        run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
-        return nullptr;
-    }
-    std::unique_ptr<Trace_File> file(new Trace_File(run, name, reader, silent));
-    if (qtrace_info(reader, &file->info_) != 0) {
-        run.fail(qtrace_error(reader));
-        return nullptr;
-    }
-    return file;
+    std::unique_ptr<Trace_File> file;
+    if (index)
+        file.reset(new Trace_File(run, name, std::move(index), silent));
+    if (file && file->reader_)
+        return file;
+    run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
+    return nullptr;
 }
 
-// The writer and a recovery say themselves what they left out; that is no finding.
-static bool is_damage(const QTRACE_Discontinuity &what)
+std::span<const QTRACE_Block> Trace_File::blocks() const
 {
-    return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;
+    uint64_t count = 0;
+    const QTRACE_Block *first = qtrace_index_blocks(index_.get(), &count);
+    return {first, count};
+}
+
+std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuity &what)
+{
+    std::string text = qtrace_error(reader);
+    const char *least = what.records_known ? "" : "at least ";
+    if (what.records > 0 && (what.records_known || what.cause == QTRACE_CAUSE_CUT_END))
+        text += fmt::format(" ({}{} {} lost)", least, counted(what.records, "record"),
+                            what.records == 1 ? "is" : "are");
+    return text;
 }
 
 const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind, const QTRACE_Item *item)
@@ -73,11 +177,7 @@ void Trace_File::note_loss(const QTRACE_Discontinuity &damage)
 {
     if (std::ranges::find(losses_, damage.offset, &Loss::offset) != losses_.end())
         return;
-    std::string text = qtrace_error(reader_.get());
-    if (damage.records_known && damage.records > 0)
-        text += fmt::format(" ({} records are lost)", damage.records);
-    else if (damage.cause == QTRACE_CAUSE_CUT_END && damage.records > 0)
-        text += fmt::format(" (at least {} records are lost)", damage.records);
+    std::string text = describe_loss(reader_.get(), damage);
     losses_.push_back({damage.offset, text});
     if (!silent_)
         run_.warn(text);
@@ -92,7 +192,7 @@ void Trace_File::verify()
 std::vector<std::unique_ptr<Trace_File>> open_traces(Tool_Run &run, const std::vector<std::string> &names)
 {
     std::vector<std::unique_ptr<Trace_File>> traces;
-    for (const std::string &name : files_of(names))
+    for (const std::string &name : traces_of(run, names))
         if (std::unique_ptr<Trace_File> trace = Trace_File::open(run, name))
             traces.push_back(std::move(trace));
     return traces;

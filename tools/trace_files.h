@@ -5,17 +5,43 @@
 #include "qtrace_reader.h"
 #include "tool_run.h"
 
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 namespace qtrace_tool
 {
 
-// The files that `name` stands for: itself, when there is such a file; else NAME0, NAME1, ... as far as they
-// exist; else itself, so that opening it says what is wrong.
-std::vector<std::string> files_of(const std::string &name);
-std::vector<std::string> files_of(const std::vector<std::string> &names);
+// A file of a thread.
+struct Named_File {
+    std::string name;
+    std::string number; // of the thread, as the base name leaves it; empty for a file that was named itself
+};
+
+// The files that `name` stands for: itself, when there is such a file; else all NAME0, NAME1, ... that exist, in
+// ascending order; else itself, so that opening it says what is wrong. Numbers that are missing in the row are told
+// to the run.
+std::vector<Named_File> files_of(Tool_Run &run, const std::string &name);
+std::vector<std::string> files_of(Tool_Run &run, const std::vector<std::string> &names);
+// The same for traces: the run is told, too, when the first headers of files of one base name tell of different
+// machines, for then they come from different sessions.
+std::vector<Named_File> traces_of(Tool_Run &run, const std::string &name);
+std::vector<std::string> traces_of(Tool_Run &run, const std::vector<std::string> &names);
+
+struct Reader_Closer {
+    void operator()(QTRACE_Reader *reader) const { qtrace_close(reader); }
+};
+using Reader = std::unique_ptr<QTRACE_Reader, Reader_Closer>;
+
+// The writer and a recovery say themselves what they left out; that is no finding.
+inline bool is_damage(const QTRACE_Discontinuity &what)
+{
+    return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;
+}
+// Where, why, and how many records are lost, as far as known: of the discontinuity that was delivered last.
+std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuity &what);
 
 // An open trace file. Damage is told to the run when it is met, and counted here.
 class Trace_File
@@ -27,6 +53,14 @@ public:
 
     const std::string &name() const { return name_; }
     const QTRACE_Info &info() const { return info_; }
+    std::span<const QTRACE_Block> blocks() const;
+    // Number that a record after the last one would have.
+    uint64_t next_record_number() const
+    {
+        return blocks().empty() ? 0 : blocks().back().first_record + blocks().back().records;
+    }
+    // A reader of the same file at its beginning, for another thread. Null when memory is short.
+    Reader another_reader() const { return Reader(qtrace_open_with_index(index_.get())); }
 
     // The next header or record; null at the end. Damage on the way has been reported.
     const QTRACE_Item *next()
@@ -54,23 +88,25 @@ public:
     bool readable() const { return readable_; } // false after an error that ended the reading
 
 private:
-    struct Closer {
-        void operator()(QTRACE_Reader *reader) const { qtrace_close(reader); }
+    struct Index_Closer {
+        void operator()(QTRACE_Index *index) const { qtrace_index_close(index); }
     };
-    Trace_File(Tool_Run &run, const std::string &name, QTRACE_Reader *reader, bool silent);
+    using Index = std::unique_ptr<QTRACE_Index, Index_Closer>;
+    Trace_File(Tool_Run &run, const std::string &name, Index index, bool silent);
     const QTRACE_Item *next_after(QTRACE_ITEM kind, const QTRACE_Item *item);
     void note_loss(const QTRACE_Discontinuity &damage);
 
     Tool_Run &run_;
     std::string name_;
     bool silent_;
-    std::unique_ptr<QTRACE_Reader, Closer> reader_;
+    Index index_;
+    Reader reader_;
     QTRACE_Info info_{};
     std::vector<Loss> losses_;
     bool readable_ = true;
 };
 
-// Readers of all files that the names stand for; those that cannot be opened are left out.
+// Readers of all traces that the names stand for; those that cannot be opened are left out.
 std::vector<std::unique_ptr<Trace_File>> open_traces(Tool_Run &run, const std::vector<std::string> &names);
 
 } // namespace qtrace_tool

@@ -245,7 +245,8 @@ std::vector<std::string> planted_rules()
 {
     std::vector<std::string> names;
     for (const Check_Rule &rule : check_rules())
-        if (!BROKEN_OTHERWISE.contains(rule.name))
+        if (!BROKEN_OTHERWISE.contains(rule.name) && rule.scope != Rule_Scope::text &&
+            rule.scope != Rule_Scope::entries)
             names.push_back(rule.name);
     return names;
 }

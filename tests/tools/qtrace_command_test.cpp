@@ -56,7 +56,7 @@ Trace long_trace(size_t records)
     return trace;
 }
 
-const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "tlb", "diff", "recover", "export"};
+const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "tlb", "diff", "recover", "plan", "export"};
 
 } // namespace
 
@@ -149,11 +149,44 @@ TEST(command_line, a_base_name_stands_for_all_threads)
     const Folder folder;
     folder.write("trace0", good_trace());
     folder.write("trace1", good_trace());
-    folder.write("trace3", good_trace()); // not in a row with the others
-    std::set<std::string> files;
-    for (const json &line : json_lines(qtrace({"info", "--json", folder.path("trace")}).out))
-        files.insert(line["file"]);
+    std::vector<std::string> files;
+    const Outcome outcome = qtrace({"info", "--json", folder.path("trace")});
+    for (const json &line : json_lines(outcome.out))
+        files.push_back(line["file"]);
     EXPECT_THAT(files, ElementsAre(folder.path("trace0"), folder.path("trace1")));
+    EXPECT_EQ(outcome.exit_code, 0);
+}
+
+TEST(command_line, a_number_that_is_missing_in_the_row_is_named_and_hides_no_file)
+{
+    const Folder folder;
+    for (const char *name : {"trace0", "trace2", "trace6", "trace11", "trace02", "trace"})
+        folder.write(name, good_trace());
+    std::filesystem::remove(folder.path("trace"));
+    std::vector<std::string> files;
+    const Outcome outcome = qtrace({"info", "--json", folder.path("trace")});
+    for (const json &line : json_lines(outcome.out))
+        files.push_back(line["file"]);
+    EXPECT_THAT(files, ElementsAre(folder.path("trace0"), folder.path("trace2"), folder.path("trace6"),
+                                   folder.path("trace11")));
+    EXPECT_EQ(outcome.exit_code, 3);
+    const std::string t = folder.path("trace");
+    EXPECT_EQ(outcome.err, "qtrace: missing in the row of numbers: " + t + "1, " + t + "3 to " + t + "5, " + t +
+                               "7 to " + t + "10\n");
+}
+
+TEST(command_line, files_of_sessions_on_different_machines_are_told_apart)
+{
+    const Folder folder;
+    Trace other = good_trace();
+    other[FIRST_HEADER].comment.replace(other[FIRST_HEADER].comment.find("1073741824"), 10, "2147483648");
+    folder.write("trace0", good_trace());
+    folder.write("trace1", good_trace());
+    EXPECT_EQ(qtrace({"stats", folder.path("trace")}).exit_code, 0);
+    folder.write("trace2", other);
+    const Outcome outcome = qtrace({"stats", folder.path("trace")});
+    EXPECT_EQ(outcome.exit_code, 3);
+    EXPECT_THAT(outcome.err, HasSubstr(folder.path("trace2") + ": its first header tells of another machine"));
 }
 
 TEST(command_line, prints_no_colour_and_no_progress_when_not_on_a_terminal)
@@ -510,7 +543,7 @@ TEST(recover, keeps_all_blocks_but_the_damaged_one_and_passes_check)
     EXPECT_GT(object["lost_records"], 0);
     EXPECT_EQ(qtrace({"check", folder.path("saved0")}).exit_code, 0);
     EXPECT_THAT(qtrace({"info", folder.path("saved0")}).out,
-                HasSubstr("missing      records or headers at 1 places"));
+                HasSubstr("missing      records or headers at 1 place"));
 }
 
 TEST(recover, records_keep_their_numbers)
@@ -547,6 +580,32 @@ TEST(recover, copies_an_undamaged_file_as_it_is)
     const std::string file = folder.write("trace0", long_trace(9000));
     EXPECT_EQ(qtrace({"recover", file, folder.path("saved0")}).exit_code, 0);
     EXPECT_EQ(folder.contents("saved0"), folder.contents("trace0"));
+}
+
+TEST(recover, a_base_name_stands_for_all_threads)
+{
+    const Folder folder;
+    for (const char *name : {"trace0", "trace1"})
+        folder.write(name, long_trace(9000));
+    const Outcome outcome = qtrace({"recover", "--json", folder.path("trace"), folder.path("saved")});
+    EXPECT_EQ(outcome.exit_code, 0);
+    ASSERT_EQ(json_lines(outcome.out).size(), 2u);
+    EXPECT_EQ(json_lines(outcome.out)[1]["to"], folder.path("saved1"));
+    EXPECT_EQ(folder.contents("saved1"), folder.contents("trace1"));
+}
+
+TEST(recover, a_cut_end_is_said_to_be_missing_and_not_clean)
+{
+    const Folder folder;
+    folder.write("trace0", long_trace(40000));
+    const std::string bytes = folder.contents("trace0");
+    const Outcome outcome =
+        qtrace({"recover", folder.text("cut0", bytes.substr(0, bytes.size() / 2)), folder.path("saved0")});
+    EXPECT_THAT(outcome.out, HasSubstr("cut0: lost at 1 place: "));
+    const std::string text = qtrace({"info", folder.path("saved0")}).out;
+    EXPECT_THAT(text, Not(HasSubstr("cleanly")));
+    EXPECT_THAT(text,
+                HasSubstr("ends         where a recovery closed the file: the end of the trace is missing\n"));
 }
 
 TEST(recover, refuses_to_write_over_the_damaged_file)
@@ -591,6 +650,47 @@ TEST(check_pte, reports_each_walk_that_the_file_does_not_have_once)
     EXPECT_EQ(json_lines(outcome.out).back()["violations"], json({{"pte-walk", 1}}));
 }
 
+TEST(check_pte, says_what_was_compared_and_what_cannot_be)
+{
+    const Folder folder;
+    const std::string file =
+        folder.write("trace0", good_trace()); // 3 different walks, 2 translations of the short form
+    const std::string empty = folder.text("pte0", std::string(24, '\0'));
+    const std::string text = qtrace({"check", "--ignore", "pte-walk", "--pte", empty, file}).out;
+    EXPECT_THAT(text,
+                HasSubstr("\n  4 different walks compared with the page-table entries; 2 translations by a hashed "
+                          "page table cannot be compared\n"));
+    const json summary = json_lines(qtrace({"check", "--json", "--pte", empty, file}).out).back();
+    EXPECT_EQ(summary["walks_compared"], 4);
+    EXPECT_EQ(summary["hashed_translations"], 2);
+}
+
+TEST(check_pte, a_file_that_cannot_hold_accesses_is_an_error)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    const std::string passwords = "root:x:0:0:root:/root:/bin/bash\nbin:x:1:1:b:/bin"; // 48 bytes
+    ASSERT_EQ(passwords.size() % 8, 0u);
+    for (const std::string &bytes :
+         {passwords, std::string(23, '\0'), std::string(8, '\0'), std::string(32, '\0')}) {
+        const Outcome outcome = qtrace({"check", "--pte", folder.text("pte0", bytes), file});
+        EXPECT_EQ(outcome.exit_code, 1);
+        EXPECT_THAT(outcome.err, HasSubstr("pte0: no page-table-entry file"));
+    }
+    EXPECT_EQ(qtrace({"check", "--pte", "/dev/zero", file}).exit_code, 1);
+    EXPECT_EQ(qtrace({"check", "--text", "/dev/zero", file}).exit_code, 1);
+}
+
+TEST(check_rules_list, names_the_rules_of_every_comparison)
+{
+    const std::string rules = qtrace({"check", "--rules"}).out;
+    EXPECT_THAT(rules, HasSubstr("\ntext-fetch-walk "));
+    EXPECT_THAT(rules, HasSubstr("\npte-walk "));
+    const Outcome outcome = qtrace({"check", "--ignore", "text-adress", "trace0"});
+    EXPECT_EQ(outcome.exit_code, 2);
+    EXPECT_THAT(outcome.err, HasSubstr("did you mean `text-address`?"));
+}
+
 TEST(check_text, compares_item_by_item)
 {
     const Folder folder;
@@ -611,7 +711,7 @@ TEST(check_text, compares_item_by_item)
         "data_hRTPDE_L2_RA:0x0000000000000000, data_hRTPDE_L3_RA:0x0000000000000000, "
         "data_hRTPTE_RA:0x0000000000000200) )(data_RPN:0x00000012)) \n";
     EXPECT_EQ(qtrace({"check", "--text", folder.text("text0", text), file}).out,
-              file + ": 2 records, 1 headers: no rule is broken\n");
+              file + ": 2 records, 1 header: no rule is broken\n");
     const std::pair<std::string, std::string> changes[] = {
         {"instbody:0xe8640008", "text-instruction"},
         {"PC:0x0000000000001004) (n", "text-address"},

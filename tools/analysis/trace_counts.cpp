@@ -3,7 +3,11 @@
 #include "instruction_kinds.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <fmt/format.h>
+#include <functional>
+#include <type_traits>
 
 namespace qtrace_tool
 {
@@ -26,19 +30,31 @@ void Frequent_Keys::add(uint64_t key, uint64_t times)
 void Frequent_Keys::make_room()
 {
     const auto smaller = [](const auto &a, const auto &b) { return a.second < b.second; };
-    const uint64_t least = std::ranges::min_element(counts_, smaller)->second;
-    shortfall_ += least;
-    for (auto entry = counts_.begin(); entry != counts_.end();) {
-        entry->second -= least;
-        entry = entry->second == 0 ? counts_.erase(entry) : std::next(entry);
-    }
+    give_up(std::ranges::min_element(counts_, smaller)->second);
 }
 
+// Too many keys together: every count gives up as much as the first one beyond the capacity has.
 void Frequent_Keys::add(const Frequent_Keys &other)
 {
     for (const auto &[key, count] : other.counts_)
-        add(key, count);
+        counts_[key] += count;
     shortfall_ += other.shortfall_;
+    if (counts_.size() <= CAPACITY)
+        return;
+    std::vector<uint64_t> counts;
+    for (const auto &[key, count] : counts_)
+        counts.push_back(count);
+    std::ranges::nth_element(counts, counts.begin() + CAPACITY, std::ranges::greater());
+    give_up(counts[CAPACITY]);
+}
+
+void Frequent_Keys::give_up(uint64_t amount)
+{
+    shortfall_ += amount;
+    for (auto entry = counts_.begin(); entry != counts_.end();) {
+        entry->second -= std::min(entry->second, amount);
+        entry = entry->second == 0 ? counts_.erase(entry) : std::next(entry);
+    }
 }
 
 std::vector<std::pair<uint64_t, uint64_t>> Frequent_Keys::top(size_t count) const
@@ -74,43 +90,86 @@ Page Trace_Counts::page_of(const Translated_Address &address) const
     return {real >> bits << bits, nested ? partition_.lpid + 1 : 0, address.page_size};
 }
 
-// ---- Items ---------------------------------------------------------------------------------------------
+// ---- Where instructions are fetched from ---------------------------------------------------------------
+
+void Trace_Counts::enter(const Fetch &fetch)
+{
+    fetch_told_ = true;
+    fetch_ = fetch;
+    fetch_count_ = fetch.named ? &fetch_pages[fetch.page] : nullptr;
+}
 
 void Trace_Counts::enter(const Translated_Address &address, uint64_t effective)
 {
-    fetch_case_ = address.modes.index();
-    fetch_page_ = nullptr;
-    if ((address.pieces & PIECE_RPN) == 0)
-        return;
-    fetch_mask_ = ~uint64_t{0} << sizes_.bits(address.page_size);
-    fetch_first_ = effective & fetch_mask_;
-    fetch_page_ = &fetch_pages[page_of(address)];
+    Fetch fetch{address.modes.index(), (address.pieces & PIECE_RPN) != 0, {}, 0, 0};
+    if (fetch.named) {
+        fetch.mask = ~uint64_t{0} << sizes_.bits(address.page_size);
+        fetch.first = effective & fetch.mask;
+        fetch.page = page_of(address);
+    }
+    enter(fetch);
+}
+
+void Trace_Counts::set_partition(const QTRACE_FILE_HDR *header)
+{
+    partition_ = header != nullptr ? Partition{number(header->lpid), number(header->pid)} : Partition{0, 0};
+    partition_count_ = header != nullptr ? &partitions[partition_] : nullptr;
+}
+
+void Trace_Counts::begin(const QTRACE_FILE_HDR *context)
+{
+    fetch_told_ = false;
+    set_partition(context);
+}
+
+void Trace_Counts::loss(const QTRACE_FILE_HDR *context)
+{
+    enter(Fetch{});
+    set_partition(context);
 }
 
 void Trace_Counts::header(const QTRACE_FILE_HDR &header)
 {
     const bool full = header.control.iar_is_present;
     (full ? full_headers : partition_headers)++;
-    partition_ = {number(header.lpid), number(header.pid)};
-    partition_count_ = &partitions[partition_];
+    set_partition(&header);
     if (full)
         enter(first_address_of(header), number(header.iar));
 }
 
-void Trace_Counts::loss()
+void Trace_Counts::count_fetch(uint64_t address)
 {
-    fetch_case_ = UNKNOWN_CASE;
-    fetch_page_ = nullptr;
-}
-
-void Trace_Counts::count_fetch(const QTRACE_Item &item)
-{
-    fetch_cases[fetch_case_]++;
-    if (fetch_page_ != nullptr && (item.address & fetch_mask_) == fetch_first_)
-        (*fetch_page_)++;
+    if (!fetch_told_) {
+        if (before_told_.empty() || address != before_told_.back().first + 4 * before_told_.back().count)
+            before_told_.push_back({address, 0});
+        before_told_.back().count++;
+        return;
+    }
+    fetch_cases[fetch_.mode_case]++;
+    if (fetch_count_ != nullptr && (address & fetch_.mask) == fetch_.first)
+        (*fetch_count_)++;
     else
         unnamed_fetches++;
 }
+
+void Trace_Counts::count_fetches(const Run &run)
+{
+    if (!fetch_told_)
+        before_told_.push_back(run);
+    for (uint64_t i = 0; i < run.count && fetch_told_; i++)
+        count_fetch(run.first + 4 * i);
+}
+
+void Trace_Counts::append(const Trace_Counts &next)
+{
+    for (const Run &run : next.before_told_)
+        count_fetches(run);
+    add(next);
+    if (next.fetch_told_)
+        enter(next.fetch_);
+}
+
+// ---- Items ---------------------------------------------------------------------------------------------
 
 void Trace_Counts::count_branch(const QTRACE_Item &item)
 {
@@ -183,10 +242,11 @@ void Trace_Counts::count_members(const QTRACE_RECORD &record, const Flag_Words &
 {
     group_bytes[static_cast<size_t>(Field_Group::instruction)] += sizeof(record.header.instruction);
     group_bytes[static_cast<size_t>(Field_Group::flags)] += sizeof(record.header.control);
-    for (const Trace_Member &member : RECORD_MEMBERS)
-        if (member.gated() && flags.any_of(member.gate))
-            group_bytes[static_cast<size_t>(member.group)] += bytes_of(member, record);
-    if (flags.control != 0 && record.header.control.fld.register_trace_present)
+    gated_by(flags).for_each([&](size_t row) {
+        const Trace_Member &member = RECORD_MEMBERS[row];
+        group_bytes[static_cast<size_t>(member.group)] += bytes_of(member, record);
+    });
+    if (record.header.control.fld.register_trace_present)
         for (size_t i = 0; i < REGISTER_CLASSES.size(); i++)
             registers[i] += REGISTER_CLASSES[i].entries(record.regs);
 }
@@ -198,7 +258,7 @@ void Trace_Counts::record(const QTRACE_Item &item)
     instructions++;
     if (partition_count_ != nullptr)
         (*partition_count_)++;
-    count_fetch(item);
+    count_fetch(item.address);
     count_branch(item);
     const Instruction_Info info = instruction_info(record.header.instruction);
     loads += info.kind == Instruction_Kind::load;
@@ -213,26 +273,21 @@ void Trace_Counts::record(const QTRACE_Item &item)
         enter(next_address_of(record), number(record.next_instruction_ea));
 }
 
+// The sums are nothing but numbers: none can be left out here.
+void Trace_Sums::add(const Trace_Sums &other)
+{
+    static_assert(std::has_unique_object_representations_v<Trace_Sums> && alignof(Trace_Sums) == sizeof(uint64_t));
+    using Numbers = std::array<uint64_t, sizeof(Trace_Sums) / sizeof(uint64_t)>;
+    auto sums = std::bit_cast<Numbers>(*this);
+    const auto others = std::bit_cast<Numbers>(other);
+    for (size_t i = 0; i < sums.size(); i++)
+        sums[i] += others[i];
+    *this = std::bit_cast<Trace_Sums>(sums);
+}
+
 void Trace_Counts::add(const Trace_Counts &other)
 {
-    static constexpr uint64_t Trace_Counts::*NUMBERS[] = {
-        &Trace_Counts::file_bytes,  &Trace_Counts::instructions,      &Trace_Counts::full_headers,
-        &Trace_Counts::taken,       &Trace_Counts::partition_headers, &Trace_Counts::not_taken,
-        &Trace_Counts::loads,       &Trace_Counts::unconditional,     &Trace_Counts::undecided,
-        &Trace_Counts::stores,      &Trace_Counts::other_jumps,       &Trace_Counts::cache,
-        &Trace_Counts::strings,     &Trace_Counts::string_bytes,      &Trace_Counts::data_addresses,
-        &Trace_Counts::data_errors, &Trace_Counts::unnamed_fetches,
-    };
-    const auto sum = [](auto &to, const auto &from) {
-        for (size_t i = 0; i < std::size(to); i++)
-            to[i] += from[i];
-    };
-    for (uint64_t Trace_Counts::*member : NUMBERS)
-        this->*member += other.*member;
-    sum(registers, other.registers);
-    sum(fetch_cases, other.fetch_cases);
-    sum(data_cases, other.data_cases);
-    sum(group_bytes, other.group_bytes);
+    Trace_Sums::add(other);
     for (const auto &[key, count] : other.partitions)
         partitions[key] += count;
     for (const auto &[page, count] : other.fetch_pages)

@@ -31,6 +31,7 @@ public:
 
 private:
     void make_room();
+    void give_up(uint64_t amount); // of every count
 
     std::unordered_map<uint64_t, uint64_t> counts_;
     uint64_t shortfall_ = 0;
@@ -70,22 +71,13 @@ struct Partition {
 
 inline constexpr size_t UNKNOWN_CASE = 16; // behind the 16 mode pairs
 
-class Trace_Counts
-{
-public:
-    explicit Trace_Counts(const Page_Sizes &sizes) : sizes_(sizes) {}
-
-    void header(const QTRACE_FILE_HDR &header);
-    void record(const QTRACE_Item &item);
-    void loss(); // what is known of the current page, mode and partition does not hold any more
-    // Adds what another trace has; afterwards only the counts mean something.
-    void add(const Trace_Counts &other);
-
+// Plain sums. All of them are added up when traces are taken together.
+struct Trace_Sums {
     uint64_t file_bytes = 0;
     uint64_t instructions = 0;
     uint64_t full_headers = 0, partition_headers = 0;
     uint64_t taken = 0, not_taken = 0, unconditional = 0, undecided = 0; // branches
-    uint64_t other_jumps = 0; // changes of address that no branch made: interrupts, exceptions
+    uint64_t other_jumps = 0; // control-flow changes that no branch made: interrupts, exceptions
     uint64_t loads = 0, stores = 0, cache = 0, strings = 0, string_bytes = 0;
     uint64_t data_addresses = 0, data_errors = 0;
     uint64_t registers[10] = {};                 // as REGISTER_CLASSES
@@ -93,24 +85,60 @@ public:
     uint64_t data_cases[UNKNOWN_CASE] = {};      // data addresses
     uint64_t group_bytes[FIELD_GROUPS] = {};     // of filled members, before any encoding
     uint64_t unnamed_fetches = 0; // instructions on a page that was entered in sequence: records name no page then
+
+    void add(const Trace_Sums &other);
+    uint64_t branches() const { return taken + not_taken + unconditional + undecided; }
+};
+
+class Trace_Counts : public Trace_Sums
+{
+public:
+    explicit Trace_Counts(const Page_Sizes &sizes) : sizes_(sizes) {}
+
+    // Counting begins in the middle of a trace, with this header in force (null: none). What instructions were
+    // fetched from is told by what was counted before, or else is not known.
+    void begin(const QTRACE_FILE_HDR *context);
+    void header(const QTRACE_FILE_HDR &header);
+    void record(const QTRACE_Item &item);
+    // What is known of the current page, mode and partition does not hold any more; the context tells the partition.
+    void loss(const QTRACE_FILE_HDR *context);
+    // Adds what follows in the same trace.
+    void append(const Trace_Counts &next);
+    // Adds what another trace has; afterwards only the counts mean something.
+    void add(const Trace_Counts &other);
+
     std::map<Partition, uint64_t> partitions; // instructions
     Page_Counts fetch_pages, data_pages;
     Frequent_Keys targets; // of taken and unconditional branches
 
-    uint64_t branches() const { return taken + not_taken + unconditional + undecided; }
-
 private:
+    // From where instructions are fetched.
+    struct Fetch {
+        size_t mode_case = UNKNOWN_CASE;
+        bool named = false; // the page is known:
+        Page page;
+        uint64_t first = 0, mask = 0; // its effective addresses
+    };
+    // Instructions one after another.
+    struct Run {
+        uint64_t first, count;
+    };
+
+    void enter(const Translated_Address &address, uint64_t effective);
+    void enter(const Fetch &fetch);
+    void set_partition(const QTRACE_FILE_HDR *header);
+    void count_fetch(uint64_t address);
+    void count_fetches(const Run &run);
     void count_branch(const QTRACE_Item &item);
     void count_members(const QTRACE_RECORD &record, const Flag_Words &flags);
     void count_data(const QTRACE_RECORD &record);
-    void count_fetch(const QTRACE_Item &item);
-    void enter(const Translated_Address &address, uint64_t effective);
     Page page_of(const Translated_Address &address) const;
 
     Page_Sizes sizes_;
-    size_t fetch_case_ = UNKNOWN_CASE;
-    uint64_t *fetch_page_ = nullptr;            // count of the page that is being executed; in fetch_pages
-    uint64_t fetch_first_ = 0, fetch_mask_ = 0; // its effective addresses
+    bool fetch_told_ = true; // by this part of the trace
+    std::vector<Run> before_told_;
+    Fetch fetch_;
+    uint64_t *fetch_count_ = nullptr; // of fetch_.page; in fetch_pages
     Page last_data_page_;
     uint64_t *last_data_count_ = nullptr;
     Partition partition_{0, 0};

@@ -1,43 +1,59 @@
 #include "check_pte.h"
 
-#include "record_schema.h"
-
-#include <bit>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <deque>
+#include <fmt/format.h>
 #include <memory>
+#include <sys/stat.h>
 
 namespace qtrace_tool
 {
-
-using namespace trace;
-
-bool Pte_Accesses::read(const std::string &name, std::string &error)
+namespace
 {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(name.c_str(), "rb"), &std::fclose);
-    if (!file) {
-        error = name + ": " + std::strerror(errno);
-        return false;
+
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
+
+constexpr size_t WALK_WORDS = 5, HASHED_WORDS = 3;
+
+// Whether the words so far can be a row of accesses: of five addresses each, or of an address and two words.
+class Plausibility
+{
+public:
+    void take(uint64_t word)
+    {
+        addresses_ = is_address(word) ? addresses_ + 1 : 0;
+        for (size_t i = WALK_WORDS; i > 0; i--)
+            ends_[i] = ends_[i - 1];
+        for (size_t i = HASHED_WORDS; i > 0; i--)
+            address_[i] = address_[i - 1];
+        address_[1] = is_address(word);
+        ends_[0] =
+            (ends_[WALK_WORDS] && addresses_ >= WALK_WORDS) || (ends_[HASHED_WORDS] && address_[HASHED_WORDS]);
     }
-    std::deque<uint64_t> last; // five words in a row: a walk and the address that it was made for
-    uint64_t word;
-    while (std::fread(&word, sizeof(word), 1, file.get()) == 1) {
-        last.push_back(__builtin_bswap64(word)); // the file is big-endian
-        if (last.size() < 5)
-            continue;
-        by_entry_.emplace(last[3], Radix_Walk{{last[0], last[1], last[2]}, last[3]});
-        last.pop_front();
+    bool ends_an_access() const { return ends_[0]; }
+
+private:
+    static bool is_address(uint64_t word) { return word >> 60 == 0; } // real addresses have 60 bits
+
+    std::array<bool, WALK_WORDS + 1> ends_{true};  // whether an access can end so many words ago
+    std::array<bool, HASHED_WORDS + 1> address_{}; // whether the word so many ago, the last being 1, is an address
+    size_t addresses_ = 0;                         // in a row
+};
+
+File open_regular(const std::string &name)
+{
+    struct stat status;
+    File file(std::fopen(name.c_str(), "rbe"), &std::fclose);
+    if (file && fstat(fileno(file.get()), &status) == 0 && !S_ISREG(status.st_mode)) {
+        file.reset();
+        errno = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
     }
-    if (std::ferror(file.get()) != 0) {
-        error = name + ": " + std::strerror(errno);
-        return false;
-    }
-    return true;
+    return file;
 }
 
-static bool agrees(const Radix_Walk &trace, const Radix_Walk &access)
+bool agrees(const Radix_Walk &trace, const Radix_Walk &access)
 {
     for (size_t level = 0; level < std::size(trace.directory); level++)
         if (trace.directory[level] != 0 && trace.directory[level] != access.directory[level])
@@ -45,34 +61,76 @@ static bool agrees(const Radix_Walk &trace, const Radix_Walk &access)
     return trace.entry == access.entry;
 }
 
-bool Pte_Accesses::has(const Radix_Walk &walk) const
-{
-    const auto [begin, end] = by_entry_.equal_range(walk.entry);
-    for (auto access = begin; access != end; ++access)
-        if (agrees(walk, access->second))
-            return true;
-    return false;
-}
+} // namespace
 
-size_t Pte_Checker::Hash::operator()(const Radix_Walk &walk) const
+void Pte_Checker::add(const trace::Translated_Address &address, std::string_view of, const QTRACE_Item &item)
 {
-    uint64_t hash = walk.entry;
-    for (const uint64_t word : walk.directory)
-        hash = std::rotl(hash, 17) * 0x9E3779B97F4A7C15u ^ word;
-    return hash;
-}
-
-std::vector<Radix_Walk> Pte_Checker::missing(const QTRACE_RTW *walks)
-{
-    std::vector<Radix_Walk> missing;
+    using trace::number;
+    if (!address.present)
+        return;
+    hashed_ += address.pair().walk == trace::Walk_Kind::none && (address.pieces & trace::PIECE_RPN) != 0;
     for (size_t i = 0; i < RDX_MAX_2LEVEL_DEPTH; i++) {
-        const Radix_Walk walk{
-            {number(walks[i].RTPDE_ra_l1), number(walks[i].RTPDE_ra_l2), number(walks[i].RTPDE_ra_l3)},
-            number(walks[i].RTPTE_ra)};
-        // a walk that came to no entry was not one access
-        if (walk.entry != 0 && seen_.insert(walk).second && !accesses_.has(walk))
-            missing.push_back(walk);
+        const QTRACE_RTW &walk = address.walks[i];
+        add(Radix_Walk{{number(walk.RTPDE_ra_l1), number(walk.RTPDE_ra_l2), number(walk.RTPDE_ra_l3)},
+                       number(walk.RTPTE_ra)},
+            of, item);
     }
+}
+
+void Pte_Checker::add(const Radix_Walk &walk, std::string_view of, const QTRACE_Item &item)
+{
+    if (walk.entry == 0) // a walk that came to no entry was not one access
+        return;
+    const auto [begin, end] = by_entry_.equal_range(walk.entry);
+    for (auto known = begin; known != end; ++known)
+        if (walks_[known->second].walk == walk)
+            return;
+    if (walks_.size() == MAX_WALKS) {
+        beyond_limit_++;
+        return;
+    }
+    by_entry_.emplace(walk.entry, walks_.size());
+    walks_.push_back({walk, of, item.record_number, item.address, item.kind == QTRACE_ITEM_HEADER, false});
+}
+
+void Pte_Checker::look_for(const Radix_Walk &access)
+{
+    const auto [begin, end] = by_entry_.equal_range(access.entry);
+    for (auto known = begin; known != end; ++known)
+        walks_[known->second].found |= agrees(walks_[known->second].walk, access);
+}
+
+bool Pte_Checker::search(const std::string &name, std::string &error)
+{
+    const File file = open_regular(name);
+    if (!file) {
+        error = name + ": " + std::strerror(errno);
+        return false;
+    }
+    Plausibility plausible;
+    std::array<uint64_t, WALK_WORDS> last{}; // a walk and the address that it was made for
+    uint64_t word, words = 0;
+    size_t got;
+    while ((got = std::fread(&word, 1, sizeof(word), file.get())) == sizeof(word)) {
+        std::memmove(last.data(), last.data() + 1, sizeof(last) - sizeof(word));
+        last.back() = __builtin_bswap64(word); // the file is big-endian
+        plausible.take(last.back());
+        if (++words >= WALK_WORDS)
+            look_for({{last[0], last[1], last[2]}, last[3]});
+    }
+    if (std::ferror(file.get()) != 0)
+        error = name + ": " + std::strerror(errno);
+    else if (got != 0 || !plausible.ends_an_access())
+        error = name + ": no page-table-entry file: accesses of three or five words do not fill it";
+    return error.empty();
+}
+
+std::vector<Traced_Walk> Pte_Checker::missing() const
+{
+    std::vector<Traced_Walk> missing;
+    for (const Traced_Walk &walk : walks_)
+        if (!walk.found)
+            missing.push_back(walk);
     return missing;
 }
 

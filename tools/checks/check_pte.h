@@ -1,16 +1,26 @@
 // Radix walks of a trace against the page-table-entry file of the same thread.
 #pragma once
 
-#include "qtrace_t.h"
+#include "address_view.h"
+#include "qtrace_reader.h"
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace qtrace_tool
 {
+
+// What the comparison reports, as a rule that `check` lists.
+struct Entry_Rule {
+    std::string_view name;
+    const char *sentence;
+};
+inline constexpr Entry_Rule ENTRY_RULES[] = {
+    {"pte-walk", "the page-table-entry file has no such walk"},
+};
 
 // One walk: directory entries of levels 1 to 3, page-table entry. 0: no such level.
 struct Radix_Walk {
@@ -19,37 +29,41 @@ struct Radix_Walk {
     bool operator==(const Radix_Walk &) const = default;
 };
 
-// The accesses of a page-table-entry file. Its records carry no tags, so any five words in a row may be a walk: a
-// walk that is in the file is always found, and one that is not is found only by a freak.
-class Pte_Accesses
-{
-public:
-    // Reads the whole file. On failure returns false and says why.
-    bool read(const std::string &name, std::string &error);
-
-    // Whether the file has an access to that page-table entry by way of those directory entries. A level that the
-    // trace does not carry (0) may be any.
-    bool has(const Radix_Walk &walk) const;
-
-private:
-    std::unordered_multimap<uint64_t, Radix_Walk> by_entry_;
+// A walk and the item that had it first.
+struct Traced_Walk {
+    Radix_Walk walk;
+    std::string_view of; // "data address"
+    uint64_t record, address;
+    bool in_header;
+    bool found; // in the file
 };
 
-// Finds the walks of a trace that the file does not have; each one once.
+// Collects the walks of a trace, each once, and then looks for all of them in one pass over the file. The file's
+// records carry no tags, so any five words in a row may be a walk: a walk that is in the file is always found, and
+// one that is not is found only by chance.
 class Pte_Checker
 {
 public:
-    explicit Pte_Checker(const Pte_Accesses &accesses) : accesses_(accesses) {}
+    static constexpr size_t MAX_WALKS = 1000000; // distinct ones that are kept
 
-    // The walks of these (five, of one address) that have no access in the file and were not missing before.
-    std::vector<Radix_Walk> missing(const QTRACE_RTW *walks);
+    // The translation of an address of the item.
+    void add(const trace::Translated_Address &address, std::string_view of, const QTRACE_Item &item);
+    // Looks for the walks. On failure, also when the file cannot be such a file, returns false and says why.
+    bool search(const std::string &name, std::string &error);
+
+    std::vector<Traced_Walk> missing() const;
+    uint64_t compared() const { return walks_.size(); }
+    // Addresses translated by a hashed page table: their accesses have the form of three words, which names no walk.
+    uint64_t hashed() const { return hashed_; }
+    uint64_t beyond_limit() const { return beyond_limit_; } // walks that were not compared
 
 private:
-    struct Hash {
-        size_t operator()(const Radix_Walk &walk) const;
-    };
-    const Pte_Accesses &accesses_;
-    std::unordered_set<Radix_Walk, Hash> seen_; // found or reported
+    void add(const Radix_Walk &walk, std::string_view of, const QTRACE_Item &item);
+    void look_for(const Radix_Walk &access);
+
+    std::vector<Traced_Walk> walks_;
+    std::unordered_multimap<uint64_t, size_t> by_entry_; // places in walks_
+    uint64_t hashed_ = 0, beyond_limit_ = 0;
 };
 
 } // namespace qtrace_tool

@@ -1,6 +1,8 @@
 #include "check_rules.h"
 
 #include "address_view.h"
+#include "check_pte.h"
+#include "check_text.h"
 #include "header_comment.h"
 #include "record_printer.h"
 
@@ -12,28 +14,6 @@ namespace qtrace_tool
 {
 
 using namespace trace;
-
-// What has passed in the file, as far as rules ask for it.
-struct Check_State {
-    // Place and flags of the last record.
-    struct Place {
-        uint64_t record, address;
-        bool address_known, continued; // continued: it says how the trace goes on
-    };
-
-    bool header_seen = false;    // a full one
-    bool open_header = false;    // a header whose record has not come yet
-    bool open_partition = false; // the same, of a partition header
-    bool opened = false;         // the next record is the first after a full header
-    bool torn = false;           // something in front of the next item is missing
-    bool address_known = false;
-    uint64_t address = 0; // of the next record, by the records so far
-    std::optional<uint8_t> processor;
-    uint8_t last_node = 0;
-    std::optional<Header_Comment> machine;
-    std::optional<Place> last;
-    uint64_t records = 0; // up to here
-};
 
 // ---- Records -------------------------------------------------------------------------------------------
 
@@ -146,20 +126,21 @@ struct Record_Rule {
     const char *sentence;
     const char *shows; // names of members, separated by blanks
     bool (*broken)(const Record_View &view);
+    Rule_Values values = Rule_Values::members;
 };
 
 const Record_Rule RECORD_RULES[] = {
     // flags and members that are not for use
     {"reserved-flags", "reserved flags are set", "",
-     [](const Record_View &v) { return (v.words.control & RESERVED) != 0; }},
+     [](const Record_View &v) { return (v.words.control & RESERVED) != 0; }, Rule_Values::flags},
     {"unused-flags", "a flag is set that no producer sets", "",
-     [](const Record_View &v) { return (v.words.control & UNUSED) != 0; }},
+     [](const Record_View &v) { return (v.words.control & UNUSED) != 0; }, Rule_Values::flags},
     {"header-flags-in-record", "the record claims a register that only headers carry", "",
      [](const Record_View &v) { return (v.words.control & HEADER_ONLY) != 0; }},
     {"extender-missing", "secondary_extender_present is clear, although every record has a translation mode", "",
      [](const Record_View &v) { return !v.flags.secondary_extender_present; }},
     {"unused-members", "a member is filled that no producer fills", "",
-     [](const Record_View &v) { return any_filled(unused_in_records(), v.record); }},
+     [](const Record_View &v) { return any_filled(unused_in_records(), v.record); }, Rule_Values::unused_members},
     // how the trace goes on: change (I), node (N), termination (T), next address
     {"change-without-node", "the address changes, but there is no node number", "",
      [](const Record_View &v) { return v.flags.iar_change_present && !v.flags.node_present; }},
@@ -191,7 +172,7 @@ const Record_Rule RECORD_RULES[] = {
      [](const Record_View &v) { return v.has_next() && (v.next & 3) != 0; }},
     {"node-order", "the node number is neither 0 nor 1 nor one more than the last", "node",
      [](const Record_View &v) {
-         return v.flags.node_present && v.record.node > 1 && !v.before.torn &&
+         return v.flags.node_present && v.record.node > 1 && !v.before.discontinuous &&
                 v.record.node != static_cast<uint8_t>(v.before.last_node + 1);
      }},
     {"termination-node", "the run ends at another node than the record's", "node termination_node",
@@ -224,7 +205,7 @@ const Record_Rule RECORD_RULES[] = {
     {"processor-missing", "the first record after a file header does not name its processor", "",
      [](const Record_View &v) { return v.before.opened && !v.flags.processor_present; }},
     {"processor-repeated", "a record names its processor that is not the first after a file header", "processor",
-     [](const Record_View &v) { return !v.before.opened && !v.before.torn && v.flags.processor_present; }},
+     [](const Record_View &v) { return !v.before.opened && !v.before.discontinuous && v.flags.processor_present; }},
     {"processor-changed", "the processor is not that of the records before", "processor",
      [](const Record_View &v) {
          return v.flags.processor_present && v.before.processor && *v.before.processor != v.record.processor;
@@ -263,6 +244,7 @@ const Record_Rule RECORD_RULES[] = {
 } // namespace
 
 struct Header_View {
+    const QTRACE_Item &item;
     const QTRACE_FILE_HDR &header;
     Flag_Words words;
     bool full; // opens a stretch of tracing; else it names a new partition or process
@@ -271,9 +253,9 @@ struct Header_View {
     bool comment_good;
     const Check_State &before;
 
-    Header_View(const QTRACE_FILE_HDR &from, const Check_State &state)
-        : header(from), words(flags_of(from)), full(words.file != 0),
-          text(from.comment != nullptr ? from.comment : ""), comment_good(parse_comment(text, comment)),
+    Header_View(const QTRACE_Item &from, const Check_State &state)
+        : item(from), header(from.header), words(flags_of(header)), full(words.file != 0),
+          text(header.comment != nullptr ? header.comment : ""), comment_good(parse_comment(text, comment)),
           before(state)
     {
     }
@@ -297,21 +279,25 @@ struct Header_Rule {
     const char *sentence;
     const char *shows;
     bool (*broken)(const Header_View &view);
+    Rule_Values values = Rule_Values::members;
 };
 
 const Header_Rule HEADER_RULES[] = {
     {"header-reserved-flags", "reserved flags are set in a file header", "",
      [](const Header_View &v) {
          return v.full && ((v.words.control & RESERVED) != 0 || (v.words.file & FILE_RESERVED) != 0);
-     }},
+     },
+     Rule_Values::flags},
     {"header-unused-flags", "a flag is set in a file header that no producer sets", "",
      [](const Header_View &v) {
          return v.full && ((v.words.control & ~(FULL_FLAGS | RESERVED)) != 0 || (v.words.file & FILE_UNUSED) != 0);
-     }},
+     },
+     Rule_Values::flags},
     {"header-unused-members", "a member of a file header is filled that no producer fills", "",
      [](const Header_View &v) {
          return any_filled(unused_in_headers(), v.header) || v.header.sec_ext_controlword.instruction != 0;
-     }},
+     },
+     Rule_Values::unused_members},
     {"header-address", "a file header has no instruction address", "",
      [](const Header_View &v) {
          return v.full && !v.header.control.iar_is_present && first_address_of(v.header).pieces == 0;
@@ -336,7 +322,7 @@ const Header_Rule HEADER_RULES[] = {
      }},
     {"header-comment", "the comment does not consist of the known keys in their order", "comment",
      [](const Header_View &v) { return v.header.control.comment_present && !v.comment_good; }},
-    {"header-machine", "the simulator version or the memory size is not that of the headers before", "comment",
+    {"header-machine", "the simulator version or the memory size is not that of the header before", "comment",
      [](const Header_View &v) {
          return v.header.control.comment_present && v.comment_good && v.before.machine &&
                 (v.before.machine->version != v.comment.version || v.before.machine->memory != v.comment.memory);
@@ -344,7 +330,7 @@ const Header_Rule HEADER_RULES[] = {
     {"header-without-record", "no record follows a file header", "",
      [](const Header_View &v) { return v.full && v.before.open_header && v.before.header_seen; }},
     {"partition-flags", "a partition header carries something else than lpid and pid", "",
-     [](const Header_View &v) { return !v.full && v.words.control != PARTITION_FLAGS; }},
+     [](const Header_View &v) { return !v.full && v.words.control != PARTITION_FLAGS; }, Rule_Values::flags},
     {"partition-before-header", "a partition header stands in front of the first file header", "lpid pid",
      [](const Header_View &v) { return !v.full && !v.before.header_seen; }},
     {"partition-repeated", "two partition headers stand in front of one record", "lpid pid",
@@ -485,10 +471,16 @@ struct End_Rule {
     const char *sentence;
 };
 constexpr End_Rule END_RULES[] = {
-    {"stretch-continued", "the last record of a stretch of tracing says how it goes on"},
+    {"stretch-continued", "the last record of a trace segment says how it goes on"},
     {"file-whole", "a part of the file is damaged or missing"},
 };
-enum End : size_t { STRETCH_CONTINUED, FILE_WHOLE };
+enum End : size_t { SEGMENT_CONTINUED, FILE_WHOLE };
+
+template <class Rows> void add_companion_rows(std::vector<Check_Rule> &rules, const Rows &rows, Rule_Scope scope)
+{
+    for (const auto &row : rows)
+        rules.push_back({std::string(row.name), row.sentence, scope, {}});
+}
 
 struct Rule_Book {
     std::vector<Check_Rule> rules;
@@ -524,7 +516,7 @@ size_t Rule_Book::add_rows(const Rows &rows, Rule_Scope scope, std::span<const T
 {
     const size_t first = rules.size();
     for (const auto &row : rows)
-        rules.push_back({row.name, row.sentence, scope, members_named(row.shows, "", members)});
+        rules.push_back({row.name, row.sentence, scope, members_named(row.shows, "", members), row.values});
     return first;
 }
 
@@ -582,6 +574,8 @@ Rule_Book::Rule_Book()
     first_end = rules.size();
     for (const End_Rule &row : END_RULES)
         rules.push_back({row.name, row.sentence, Rule_Scope::end, {}});
+    add_companion_rows(rules, TEXT_RULES, Rule_Scope::text);
+    add_companion_rows(rules, ENTRY_RULES, Rule_Scope::entries);
 }
 
 const Rule_Book &book()
@@ -636,9 +630,9 @@ template <class Structure>
 std::string explanation(const Check_Rule &rule, const Structure &structure, const Flag_Words &flags,
                         std::span<const Trace_Member> rows)
 {
-    if (rule.name.ends_with("-flags"))
+    if (rule.values == Rule_Values::flags)
         return flag_names(flags.control, CONTROL_FLAGS) + flag_names(flags.file, FILE_FLAGS);
-    if (rule.name.ends_with("unused-members"))
+    if (rule.values == Rule_Values::unused_members)
         return values_of(members_in(rows, Field_Group::unused), structure);
     return values_of(rule.shows, structure);
 }
@@ -650,93 +644,182 @@ const std::vector<Check_Rule> &check_rules()
     return book().rules;
 }
 
-Trace_Checker::Trace_Checker(Report report) : report_(std::move(report)), state_(std::make_unique<Check_State>())
+void Check_State::complete(const Check_State &before)
+{
+    if (!told.items) {
+        open_header = before.open_header;
+        open_partition = before.open_partition;
+    }
+    if (!told.segment) {
+        opened = before.opened;
+        discontinuous = before.discontinuous;
+        address_known = before.address_known;
+        address = before.address;
+        last = before.last;
+    }
+    if (!told.processor)
+        processor = before.processor;
+    if (!told.node)
+        last_node = before.last_node;
+    if (!told.machine)
+        machine = before.machine;
+    header_seen |= before.header_seen;
+    records = std::max(records, before.records);
+    told = {told.items || before.told.items, told.segment || before.told.segment,
+            told.processor || before.told.processor, told.node || before.told.node,
+            told.machine || before.told.machine};
+}
+
+Trace_Checker::Trace_Checker(Report report, Defer defer) : report_(std::move(report)), defer_(std::move(defer))
 {
 }
 
-Trace_Checker::~Trace_Checker() = default;
-
-void Trace_Checker::header(const QTRACE_Item &item)
+void Trace_Checker::begin(const QTRACE_FILE_HDR *context)
 {
-    const Header_View view(item.header, *state_);
+    state_ = {};
+    state_.told = {false, false, false, false, false};
+    state_.header_seen = context != nullptr;
+}
+
+bool Trace_Checker::must_defer(const Header_View &view) const
+{
+    const Check_State::Told &told = state_.told;
+    return !told.items || (view.full && (!told.segment || (view.comment_good && !told.machine)));
+}
+
+bool Trace_Checker::must_defer(const Record_View &view) const
+{
+    const Check_State::Told &told = state_.told;
+    return !told.segment || (view.flags.processor_present && !told.processor) ||
+           (view.flags.node_present && !told.node);
+}
+
+void Trace_Checker::defer(const QTRACE_Item &item)
+{
+    const bool comment = item.kind == QTRACE_ITEM_HEADER && item.header.comment != nullptr;
+    defer_({item, comment ? std::string(item.header.comment, item.header.comment_length) : "", state_});
+}
+
+void Trace_Checker::judge(const Deferred_Item &deferred)
+{
+    Check_State state = deferred.state;
+    state.complete(state_);
+    QTRACE_Item item = deferred.item;
+    if (item.kind == QTRACE_ITEM_RECORD)
+        return judge(Record_View(item, state));
+    if (item.header.comment != nullptr)
+        item.header.comment = const_cast<char *>(deferred.comment.c_str());
+    judge(Header_View(item, state));
+}
+
+void Trace_Checker::append(const Trace_Checker &next)
+{
+    Check_State state = next.state_;
+    state.complete(state_);
+    state_ = state;
+}
+
+void Trace_Checker::judge(const Header_View &view)
+{
     const auto broken = [&](size_t rule) {
         const Check_Rule &row = book().rules[rule];
-        report_({row, item.record_number,
-                 view.header.control.iar_is_present ? number(item.header.iar) : item.address,
-                 view.header.control.iar_is_present || item.address_known, true,
-                 explanation(row, item.header, view.words, HEADER_MEMBERS)});
+        report_({row, view.item.record_number,
+                 view.header.control.iar_is_present ? number(view.header.iar) : view.item.address,
+                 view.header.control.iar_is_present || view.item.address_known, true,
+                 explanation(row, view.header, view.words, HEADER_MEMBERS)});
     };
     for (size_t i = 0; i < std::size(HEADER_RULES); i++)
         if (HEADER_RULES[i].broken(view))
             broken(book().first_header + i);
-    for_broken_side_rules(HEADER_SIDE, first_address_of(item.header), broken);
-    for_broken_gates(book().header_gates, item.header, view.words, broken);
+    for_broken_side_rules(HEADER_SIDE, first_address_of(view.header), broken);
+    for_broken_gates(book().header_gates, view.header, view.words, broken);
     if (view.full)
-        end_stretch();
+        end_segment(view.before.last);
+}
+
+void Trace_Checker::header(const QTRACE_Item &item)
+{
+    const Header_View view(item, state_);
+    must_defer(view) ? defer(item) : judge(view);
     follow(view);
 }
 
 // What the next item is measured against, after a header.
 void Trace_Checker::follow(const Header_View &view)
 {
-    state_->open_header = true;
-    state_->open_partition = !view.full;
+    state_.told.items = true;
+    state_.open_header = true;
+    state_.open_partition = !view.full;
     if (!view.full)
         return;
-    state_->header_seen = state_->opened = true;
-    state_->torn = false;
-    state_->address_known = view.header.control.iar_is_present;
-    state_->address = number(view.header.iar);
-    if (view.comment_good && !state_->machine)
-        state_->machine = view.comment;
+    state_.told.segment = true;
+    state_.header_seen = state_.opened = true;
+    state_.discontinuous = false;
+    state_.last.reset();
+    state_.address_known = view.header.control.iar_is_present;
+    state_.address = number(view.header.iar);
+    if (view.comment_good) {
+        state_.machine = view.comment;
+        state_.told.machine = true;
+    }
 }
 
-void Trace_Checker::record(const QTRACE_Item &item)
+void Trace_Checker::judge(const Record_View &view)
 {
-    const Record_View view(item, *state_);
     const auto broken = [&](size_t rule) {
         const Check_Rule &row = book().rules[rule];
-        report_({row, item.record_number, item.address, item.address_known != 0, false,
-                 explanation(row, item.record, view.words, RECORD_MEMBERS)});
+        report_({row, view.item.record_number, view.item.address, view.item.address_known != 0, false,
+                 explanation(row, view.record, view.words, RECORD_MEMBERS)});
     };
     for (size_t i = 0; i < std::size(RECORD_RULES); i++)
         if (RECORD_RULES[i].broken(view))
             broken(book().first_record + i);
-    for_broken_side_rules(NEXT_SIDE, next_address_of(item.record), broken);
-    for_broken_side_rules(DATA_SIDE, data_address_of(item.record), broken);
-    for_broken_gates(book().record_gates, item.record, view.words, broken);
+    for_broken_side_rules(NEXT_SIDE, next_address_of(view.record), broken);
+    for_broken_side_rules(DATA_SIDE, data_address_of(view.record), broken);
+    for_broken_gates(book().record_gates, view.record, view.words, broken);
+}
+
+void Trace_Checker::record(const QTRACE_Item &item)
+{
+    const Record_View view(item, state_);
+    must_defer(view) ? defer(item) : judge(view);
     follow(view);
 }
 
 void Trace_Checker::follow(const Record_View &view)
 {
-    Check_State &state = *state_;
+    Check_State &state = state_;
     const bool continued = view.flags.iar_change_present || view.flags.node_present ||
                            view.flags.termination_present || view.has_next();
     state.last = {view.item.record_number, view.item.address, view.item.address_known != 0, continued};
     state.address_known = view.item.address_known != 0 || view.has_next();
     state.address = view.has_next() ? view.next : view.item.address + 4;
-    if (view.flags.processor_present)
+    if (view.flags.processor_present) {
         state.processor = view.record.processor;
-    if (view.flags.node_present)
+        state.told.processor = true;
+    }
+    if (view.flags.node_present) {
         state.last_node = view.record.node;
+        state.told.node = true;
+    }
     state.records = view.item.record_number + 1;
-    state.open_header = state.open_partition = state.opened = state.torn = false;
+    state.open_header = state.open_partition = state.opened = state.discontinuous = false;
+    state.told.items = state.told.segment = true;
 }
 
-void Trace_Checker::end_stretch()
+void Trace_Checker::end_segment(const std::optional<Check_State::Place> &last)
 {
-    if (state_->last && state_->last->continued)
-        report_({book().rules[book().first_end + STRETCH_CONTINUED], state_->last->record, state_->last->address,
-                 state_->last->address_known, false, ""});
-    state_->last.reset();
+    if (last && last->continued)
+        report_({book().rules[book().first_end + SEGMENT_CONTINUED], last->record, last->address,
+                 last->address_known, false, ""});
 }
 
 void Trace_Checker::loss()
 {
-    state_->torn = state_->header_seen = true;
-    state_->opened = state_->open_header = state_->open_partition = state_->address_known = false;
-    state_->last.reset();
+    state_.discontinuous = state_.header_seen = true;
+    state_.opened = state_.open_header = state_.open_partition = state_.address_known = false;
+    state_.last.reset();
+    state_.told.items = state_.told.segment = true;
 }
 
 void Trace_Checker::damage(uint64_t record, const std::string &reason)
@@ -747,11 +830,11 @@ void Trace_Checker::damage(uint64_t record, const std::string &reason)
 
 void Trace_Checker::end()
 {
-    if (!state_->torn)
-        end_stretch();
-    if (state_->open_header) {
+    if (!state_.discontinuous)
+        end_segment(state_.last);
+    if (state_.open_header) {
         const auto rule = std::ranges::find(book().rules, std::string("header-without-record"), &Check_Rule::name);
-        report_({*rule, state_->records, state_->address, state_->address_known, true, ""});
+        report_({*rule, state_.records, state_.address, state_.address_known, true, ""});
     }
 }
 

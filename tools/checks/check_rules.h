@@ -1,11 +1,12 @@
 // The rules of a good trace, and the walk over a file that applies them.
 #pragma once
 
+#include "header_comment.h"
 #include "qtrace_reader.h"
 #include "record_schema.h"
 
 #include <functional>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,15 +15,24 @@ namespace qtrace_tool
 
 using namespace trace;
 
-// Where a rule looks: at each record, at each header, or at the end of a stretch of tracing.
-enum class Rule_Scope : uint8_t { record, header, end };
+// Where a rule looks: at each record, at each header, at the end of a trace segment, or at the text trace or the
+// page-table-entry file beside the trace.
+enum class Rule_Scope : uint8_t { record, header, end, text, entries };
 
-// A rule. A trace is good when no rule is broken.
+// What explains a violation.
+enum class Rule_Values : uint8_t {
+    members,        // those that the rule names
+    flags,          // the set flags that are not for use
+    unused_members, // those of them that are filled
+};
+
+// A rule. All trace invariants hold when no rule is broken.
 struct Check_Rule {
     std::string name;
     std::string sentence; // what is wrong where the rule is broken
     Rule_Scope scope;
     std::vector<const Trace_Member *> shows; // members whose values explain a violation
+    Rule_Values values = Rule_Values::members;
 };
 
 // Every rule, in the order in which `check --rules` lists them.
@@ -38,35 +48,87 @@ struct Violation {
     std::string values; // members that explain it, "node 3 termination_node 4"
 };
 
-struct Check_State;
+// What has passed in the file, as far as rules ask for it. A checker that begins in the middle of a file does not know
+// all of it.
+struct Check_State {
+    // Place and flags of the last record.
+    struct Place {
+        uint64_t record, address;
+        bool address_known, continued; // continued: it says how the trace goes on
+    };
+    // What the items so far have told.
+    struct Told {
+        bool items = true;     // of what kind the last item is
+        bool segment = true;   // the last record, and whether a segment was opened since
+        bool processor = true; // any record with one
+        bool node = true;
+        bool machine = true; // any comment
+    };
+
+    Told told;
+    bool header_seen = false;    // a full one
+    bool open_header = false;    // a header whose record has not come yet
+    bool open_partition = false; // the same, of a partition header
+    bool opened = false;         // the next record is the first after a full header
+    bool discontinuous = false;  // something before the next item is missing
+    bool address_known = false;
+    uint64_t address = 0; // of the next record, by the records so far
+    std::optional<uint8_t> processor;
+    uint8_t last_node = 0;
+    std::optional<Header_Comment> machine;
+    std::optional<Place> last;
+    uint64_t records = 0; // up to here
+
+    // Takes what is not told from the items before.
+    void complete(const Check_State &before);
+};
 struct Header_View;
 struct Record_View;
 
-// Applies the rules to the items of one file, in file order.
+// An item that cannot be judged before the items that precede it are known.
+struct Deferred_Item {
+    QTRACE_Item item;
+    std::string comment; // of a header
+    Check_State state;   // before it
+};
+
+// Applies the rules to items of one file, in file order.
 class Trace_Checker
 {
 public:
     using Report = std::function<void(const Violation &)>;
-    explicit Trace_Checker(Report report);
-    ~Trace_Checker();
+    using Defer = std::function<void(Deferred_Item &&)>;
+    explicit Trace_Checker(Report report, Defer defer = nullptr);
 
+    // The items are not the first ones of the file: those that cannot be judged yet are deferred. `context`: the
+    // header in force.
+    void begin(const QTRACE_FILE_HDR *context);
     void header(const QTRACE_Item &item);
     void record(const QTRACE_Item &item);
-    // Something in front of the next item is missing, as the file itself says: what rules expect of neighbours does
-    // not hold there.
+    // Something before the next item is missing: what rules expect of neighbours does not hold there.
     void loss();
-    // The same, as damage that the file does not own up to. `record`: the number of records read so far.
+    // The same, as damage that the file itself does not declare. `record`: the number of records before it.
     void damage(uint64_t record, const std::string &reason);
     // The file ended. After a loss() nothing is expected of its end.
     void end();
 
+    // Judges an item that a checker of the following items deferred, and goes on with that checker's state.
+    void judge(const Deferred_Item &deferred);
+    void append(const Trace_Checker &next);
+
 private:
+    bool must_defer(const Record_View &view) const;
+    bool must_defer(const Header_View &view) const;
+    void defer(const QTRACE_Item &item);
+    void judge(const Record_View &view);
+    void judge(const Header_View &view);
     void follow(const Header_View &view);
     void follow(const Record_View &view);
-    void end_stretch();
+    void end_segment(const std::optional<Check_State::Place> &last);
 
     Report report_;
-    std::unique_ptr<Check_State> state_;
+    Defer defer_;
+    Check_State state_;
 };
 
 } // namespace qtrace_tool

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <filesystem>
+#include <limits>
 
 namespace qtrace_tool
 {
@@ -202,13 +203,15 @@ bool parse_text_line(std::string_view line, Text_Line &parsed)
     return true;
 }
 
-// A stream opens a directory, which then is just empty.
+// Regular files alone: a device may have no end.
 static int open_error_of(const std::ifstream &file, const std::string &name)
 {
     std::error_code ignored;
     if (!file.is_open())
         return errno != 0 ? errno : EIO;
-    return std::filesystem::is_directory(name, ignored) ? EISDIR : 0;
+    if (std::filesystem::is_directory(name, ignored))
+        return EISDIR;
+    return std::filesystem::is_regular_file(name, ignored) ? 0 : ESPIPE;
 }
 
 Text_Checker::Text_Checker(const std::string &name, Report report)
@@ -216,10 +219,27 @@ Text_Checker::Text_Checker(const std::string &name, Report report)
 {
 }
 
+// Of a line that is longer than any line of a text trace, the rest is left out.
+bool Text_Checker::read_line(std::string &line)
+{
+    line.resize(LONGEST_LINE);
+    file_.getline(line.data(), LONGEST_LINE);
+    const auto got = static_cast<size_t>(file_.gcount());
+    const bool cut = file_.fail() && got == LONGEST_LINE - 1;
+    if (file_.fail() && !cut)
+        return false;
+    line.resize(cut || file_.eof() ? got : got - 1); // the newline counts, unless the file ends without one
+    if (cut) {
+        file_.clear();
+        file_.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
+    }
+    return true;
+}
+
 bool Text_Checker::next_line(std::string &line)
 {
     do {
-        if (ended_ || !std::getline(file_, line)) {
+        if (ended_ || !read_line(line)) {
             ended_ = true;
             return false;
         }
@@ -308,13 +328,13 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
         differ("text-partition", "pid", line.pid, number(header_.pid));
     }
     compare_registers(record.regs, line);
-    compare_translation("data", line.data_translation, data_address_of(record));
+    compare_translation(true, line.data_translation, data_address_of(record));
     if (header_gives_address_ || previous_) {
         const Translated_Address own =
             header_gives_address_ ? first_address_of(header_) : next_address_of(*previous_);
         differ("text-instruction-mode", "the pair of instruction modes",
                pair_of_mode(line.instruction_mode).index(), own.modes.index());
-        compare_translation("fetch", line.fetch_translation, own);
+        compare_translation(false, line.fetch_translation, own);
     }
 }
 
@@ -372,12 +392,13 @@ void Text_Checker::compare_registers(const QTRACE_REGISTERS &registers, const Te
     }
 }
 
-void Text_Checker::compare_translation(const std::string &side, const Text_Translation &text,
-                                       const Translated_Address &trace)
+void Text_Checker::compare_translation(bool data, const Text_Translation &text, const Translated_Address &trace)
 {
+    const Text_Rule rule = data ? Text_Rule("text-data-translation") : Text_Rule("text-fetch-translation");
+    const Text_Rule walk_rule = data ? Text_Rule("text-data-walk") : Text_Rule("text-fetch-walk");
     const auto compare = [&](const char *what, const std::optional<uint64_t> &value, uint8_t piece, uint64_t own) {
         if (value && (trace.pieces & piece) != 0)
-            differ("text-" + side + "-translation", what, *value, own);
+            differ(rule, what, *value, own);
     };
     compare("the VSID", text.vsid, PIECE_VSID, trace.vsid);
     compare("the page number", text.page_number, PIECE_RPN, trace.page_number);
@@ -387,7 +408,7 @@ void Text_Checker::compare_translation(const std::string &side, const Text_Trans
         return;
     for (const Text_Translation::Entry &entry : text.entries)
         if (const std::optional<uint64_t> own = entry_in(trace, entry); own && trace.pieces != 0)
-            differ("text-" + side + "-walk", entry.label, entry.address, *own);
+            differ(walk_rule, entry.label, entry.address, *own);
 }
 
 } // namespace qtrace_tool

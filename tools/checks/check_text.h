@@ -51,12 +51,57 @@ struct Text_Line {
 // False: the line is no record line.
 bool parse_text_line(std::string_view line, Text_Line &parsed);
 
+// What a comparison with another file reports, as a rule that `check` lists.
+struct Companion_Rule {
+    std::string_view name;
+    const char *sentence;
+};
+
+inline constexpr Companion_Rule TEXT_RULES[] = {
+    {"text-header", "the text trace has no file header where the trace has one"},
+    {"text-comment", "the text trace has another comment"},
+    {"text-partition", "the text trace has another lpid or pid"},
+    {"text-end", "the text trace ends before the trace or goes on after it"},
+    {"text-line", "a line of the text trace is no record line"},
+    {"text-instruction", "the instruction words differ"},
+    {"text-address", "the instruction addresses differ"},
+    {"text-change", "the flag I (control-flow change) differs"},
+    {"text-node", "the flag N (node number) differs"},
+    {"text-termination", "the flag T (termination) differs"},
+    {"text-node-number", "the node numbers differ"},
+    {"text-next-address", "the next addresses differ"},
+    {"text-branch", "the text trace names another branch outcome"},
+    {"text-data-address", "the data addresses differ, or only one has one"},
+    {"text-length", "the lengths differ, or only one has one"},
+    {"text-registers", "the registers differ"},
+    {"text-data-mode", "the translation modes of the data addresses differ"},
+    {"text-data-translation", "the translations of the data addresses differ"},
+    {"text-data-walk", "the walks of the data addresses differ"},
+    {"text-instruction-mode", "the translation modes of the instruction addresses differ"},
+    {"text-fetch-translation", "the translations of the instruction addresses differ"},
+    {"text-fetch-walk", "the walks of the instruction addresses differ"},
+};
+
+// The name of one of them.
+struct Text_Rule {
+    std::string_view name;
+
+    consteval Text_Rule(const char *row) : name(row)
+    {
+        bool listed = false;
+        for (const Companion_Rule &rule : TEXT_RULES)
+            listed |= rule.name == name;
+        if (!listed)
+            throw "no such rule"; // does not compile
+    }
+};
+
 // Reads the text trace beside the items of a trace.
 class Text_Checker
 {
 public:
-    // Called with what differs: a name ("text-data-address"), and both values.
-    using Report = std::function<void(std::string_view name, const std::string &what)>;
+    // Called with the rule that is broken, and both values.
+    using Report = std::function<void(Text_Rule rule, const std::string &what)>;
 
     Text_Checker(const std::string &name, Report report);
     // Why the file cannot be read, as an errno; 0 when it can.
@@ -69,17 +114,19 @@ public:
     uint64_t line() const { return line_; } // number of the line read last
 
 private:
+    static constexpr size_t LONGEST_LINE = 1 << 17; // a comment has up to 65,535 bytes
+
+    bool read_line(std::string &line);
     bool next_line(std::string &line);
     void compare(const QTRACE_Item &item, const Text_Line &line);
     void compare_list(const QTRACE_REGISTERS &registers, const Register_Class &kind,
                       const std::vector<Text_Register> &listed, size_t begin);
     void compare_registers(const QTRACE_REGISTERS &registers, const Text_Line &line);
-    void compare_translation(const std::string &side, const Text_Translation &text,
-                             const Translated_Address &trace);
-    void differ(std::string_view name, std::string_view what, uint64_t text, uint64_t trace)
+    void compare_translation(bool data, const Text_Translation &text, const Translated_Address &trace);
+    void differ(Text_Rule rule, std::string_view what, uint64_t text, uint64_t trace)
     {
         if (text != trace)
-            report_(name, fmt::format("{} is 0x{:x} in the text, 0x{:x} in the trace", what, text, trace));
+            report_(rule, fmt::format("{} is 0x{:x} in the text, 0x{:x} in the trace", what, text, trace));
     }
 
     std::ifstream file_;

@@ -1,6 +1,7 @@
 #include "check_pte.h"
 #include "check_rules.h"
 #include "check_text.h"
+#include "item_scan.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
@@ -23,6 +24,24 @@ struct Finding {
     std::optional<uint64_t> address;
 };
 
+// Findings of a group of blocks: kept up to a limit for each rule, counted all. Items that only the items before them
+// can judge keep their place between them.
+struct Group_Findings {
+    struct Entry {
+        std::optional<Finding> finding;
+        std::optional<Deferred_Item> deferred;
+    };
+    std::vector<Entry> entries;
+    std::map<std::string_view, uint64_t> counts;
+    uint64_t records = 0, headers = 0;
+
+    void add(Finding &&finding, uint64_t limit)
+    {
+        if (++counts[finding.rule] <= limit)
+            entries.push_back({std::move(finding), std::nullopt});
+    }
+};
+
 // Findings of one file: printed up to a limit for each rule, counted all.
 class Findings
 {
@@ -33,11 +52,14 @@ public:
     }
 
     void add(const Finding &finding);
-    void summarise(uint64_t records, uint64_t headers) const;
+    // Those that a group counted and did not keep.
+    void add_uncounted(std::string_view rule, uint64_t count);
+    void summarise(uint64_t records, uint64_t headers, const Pte_Checker *entries) const;
 
 private:
     void print(const Finding &finding) const;
     void print_json(const Finding &finding) const;
+    void summarise_json(uint64_t records, uint64_t headers, const Pte_Checker *entries) const;
 
     Tool_Run &run_;
     std::string file_;
@@ -56,6 +78,14 @@ void Findings::add(const Finding &finding)
         return;
     run_.json ? print_json(finding) : print(finding);
     run_.out.settle();
+}
+
+void Findings::add_uncounted(std::string_view rule, uint64_t count)
+{
+    if (count == 0 || ignored_.contains(rule))
+        return;
+    run_.found();
+    counts_.try_emplace(std::string(rule), 0).first->second += count;
 }
 
 void Findings::print(const Finding &finding) const
@@ -87,21 +117,29 @@ void Findings::print_json(const Finding &finding) const
     out.put("}\n");
 }
 
-void Findings::summarise(uint64_t records, uint64_t headers) const
+void Findings::summarise_json(uint64_t records, uint64_t headers, const Pte_Checker *entries) const
 {
     Output &out = run_.out;
-    if (run_.json) {
-        out.put("{\"file\":");
-        print_json_text(out, file_);
-        out.print(",\"records\":{},\"headers\":{},\"violations\":{{", records, headers);
-        for (bool first = true; const auto &[rule, count] : counts_) {
-            out.print("{}\"{}\":{}", first ? "" : ",", rule, count);
-            first = false;
-        }
-        out.put("}}\n");
-        return;
+    out.put("{\"file\":");
+    print_json_text(out, file_);
+    out.print(",\"records\":{},\"headers\":{},\"violations\":{{", records, headers);
+    for (bool first = true; const auto &[rule, count] : counts_) {
+        out.print("{}\"{}\":{}", first ? "" : ",", rule, count);
+        first = false;
     }
-    out.print("{}: {} records, {} headers: ", file_, records, headers);
+    out.put('}');
+    if (entries != nullptr)
+        out.print(",\"walks_compared\":{},\"walks_not_compared\":{},\"hashed_translations\":{}",
+                  entries->compared(), entries->beyond_limit(), entries->hashed());
+    out.put("}\n");
+}
+
+void Findings::summarise(uint64_t records, uint64_t headers, const Pte_Checker *entries) const
+{
+    if (run_.json)
+        return summarise_json(records, headers, entries);
+    Output &out = run_.out;
+    out.print("{}: {}, {}: ", file_, counted(records, "record"), counted(headers, "header"));
     out.paint(counts_.empty() ? Colour::good : Colour::bad);
     out.put(counts_.empty() ? "no rule is broken" : "rules are broken");
     out.paint(Colour::plain);
@@ -109,6 +147,14 @@ void Findings::summarise(uint64_t records, uint64_t headers) const
     for (const auto &[rule, count] : counts_)
         out.print("  {:<40} {}{}\n", rule, count,
                   count > limit_ ? fmt::format(" ({} shown, --limit shows more)", limit_) : "");
+    if (entries == nullptr)
+        return;
+    out.print("  {} compared with the page-table entries", counted(entries->compared(), "different walk"));
+    if (entries->beyond_limit() > 0)
+        out.print("; {} not compared: too many different ones", counted(entries->beyond_limit(), "walk"));
+    if (entries->hashed() > 0)
+        out.print("; {} by a hashed page table cannot be compared", counted(entries->hashed(), "translation"));
+    out.put('\n');
 }
 
 class Check_Command : public Command
@@ -127,6 +173,7 @@ public:
             ->type_name("RULE,...");
         declare_number(app, "--limit", limit_, "violations to show of each rule (of each file)")->default_str("10");
         app.add_flag("--rules", list_, "list the rules");
+        declare_scan(app, scan_);
     }
 
     void run(Tool_Run &run) override;
@@ -142,6 +189,7 @@ private:
     std::vector<std::string> files_, texts_, ptes_, ignore_;
     uint64_t limit_ = 10;
     bool list_ = false;
+    Scan_Options scan_;
 };
 
 void list_rules(Tool_Run &run)
@@ -163,15 +211,16 @@ std::set<std::string, std::less<>> Check_Command::ignored() const
     for (const Check_Rule &rule : check_rules())
         known.push_back(rule.name);
     for (const std::string &name : ignore_)
-        if (std::ranges::find(known, name) == known.end() && !name.starts_with("text-") && name != "pte-walk")
+        if (std::ranges::find(known, name) == known.end())
             throw unknown_word("rule", name, known);
     return {ignore_.begin(), ignore_.end()};
 }
 
 // One companion for each of `count` files, or none at all.
-std::vector<std::string> companions(const std::vector<std::string> &names, size_t count, const char *what)
+std::vector<std::string> companions(Tool_Run &run, const std::vector<std::string> &names, size_t count,
+                                    const char *what)
 {
-    std::vector<std::string> files = files_of(names);
+    std::vector<std::string> files = files_of(run, names);
     if (!names.empty() && files.size() != count)
         throw Usage_Error(fmt::format("{} {} for {} trace files", files.size(), what, count));
     files.resize(count);
@@ -186,140 +235,207 @@ void Check_Command::run(Tool_Run &run)
     }
     require_files(files_);
     (void)ignored();
-    const std::vector<std::string> files = files_of(files_);
-    const std::vector<std::string> texts = companions(texts_, files.size(), "text files");
-    const std::vector<std::string> ptes = companions(ptes_, files.size(), "page-table-entry files");
+    const std::vector<std::string> files = traces_of(run, files_);
+    const std::vector<std::string> texts = companions(run, texts_, files.size(), "text files");
+    const std::vector<std::string> ptes = companions(run, ptes_, files.size(), "page-table-entry files");
     for (size_t i = 0; i < files.size(); i++)
         if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, files[i]))
             check(run, *file, {texts[i], ptes[i]});
 }
 
-// Everything that one trace is checked against, item by item.
-class Item_Checks
+std::string sentence_of(const Violation &violation)
+{
+    return violation.values.empty() ? violation.rule.sentence
+                                    : fmt::format("{} ({})", violation.rule.sentence, violation.values);
+}
+
+Finding finding_of(const Violation &violation)
+{
+    return {violation.rule.name, sentence_of(violation), violation.in_header, violation.record,
+            violation.address_known ? std::optional(violation.address) : std::nullopt};
+}
+
+// The text trace and the page-table entries beside one trace. They are read along with it, by one thread.
+class Beside
 {
 public:
-    Item_Checks(Tool_Run &run, Findings &findings) : run_(run), findings_(findings) {}
-
-    bool open(const std::string &text, const std::string &pte);
+    Beside(Findings &findings) : findings_(findings) {}
+    // False: the run has been told why a file cannot be read.
+    bool open(Tool_Run &run, const std::string &text, const std::string &pte);
+    bool any() const { return text_ || entries_; }
     void item(const QTRACE_Item &item);
-    void damage(uint64_t record, const std::string &reason) { rules_.damage(record, reason); }
-    void loss() { rules_.loss(); }
-    void end();
+    void end(Tool_Run &run);
+    const Pte_Checker *entries() const { return entries_.get(); }
 
 private:
-    void report(const Violation &violation);
-    void walks(const QTRACE_Item &item, const QTRACE_RTW *walks, const char *of);
+    void walks(const QTRACE_Item &item);
 
-    Tool_Run &run_;
     Findings &findings_;
-    Trace_Checker rules_{[this](const Violation &violation) { report(violation); }};
     std::unique_ptr<Text_Checker> text_;
-    Pte_Accesses accesses_;
-    std::unique_ptr<Pte_Checker> pte_;
+    std::unique_ptr<Pte_Checker> entries_;
+    std::string entries_name_;
     const QTRACE_Item *item_ = nullptr; // being checked
 };
 
-bool Item_Checks::open(const std::string &text, const std::string &pte)
+bool Beside::open(Tool_Run &run, const std::string &text, const std::string &pte)
 {
     if (!text.empty()) {
-        text_ = std::make_unique<Text_Checker>(text, [this](std::string_view name, const std::string &what) {
-            findings_.add({name, fmt::format("text line {}: {}", text_->line(), what), false,
+        text_ = std::make_unique<Text_Checker>(text, [this](Text_Rule rule, const std::string &what) {
+            findings_.add({rule.name, fmt::format("text line {}: {}", text_->line(), what), false,
                            item_ != nullptr ? item_->record_number : 0,
                            item_ != nullptr ? std::optional(item_->address) : std::nullopt});
         });
         if (const int error = text_->open_error(); error != 0) {
-            run_.fail(fmt::format("{}: {}", text, std::strerror(error)));
+            run.fail(fmt::format("{}: {}", text, std::strerror(error)));
             return false;
         }
     }
-    std::string error;
-    if (!pte.empty() && !accesses_.read(pte, error)) {
-        run_.fail(error);
-        return false;
-    }
     if (!pte.empty())
-        pte_ = std::make_unique<Pte_Checker>(accesses_);
+        entries_ = std::make_unique<Pte_Checker>();
+    entries_name_ = pte;
     return true;
 }
 
-void Item_Checks::report(const Violation &violation)
+void Beside::walks(const QTRACE_Item &item)
 {
-    std::string text = violation.rule.sentence;
-    if (!violation.values.empty())
-        text += " (" + violation.values + ")";
-    findings_.add({violation.rule.name, text, violation.in_header, violation.record,
-                   violation.address_known ? std::optional(violation.address) : std::nullopt});
+    if (item.kind == QTRACE_ITEM_HEADER)
+        return entries_->add(first_address_of(item.header), "first address", item);
+    entries_->add(next_address_of(item.record), "next address", item);
+    entries_->add(data_address_of(item.record), "data address", item);
 }
 
-void Item_Checks::walks(const QTRACE_Item &item, const QTRACE_RTW *walks, const char *of)
-{
-    for (const Radix_Walk &walk : pte_->missing(walks))
-        findings_.add({"pte-walk",
-                       fmt::format("the walk of the {} by {:x}, {:x}, {:x} to the entry {:x} is not in the file",
-                                   of, walk.directory[0], walk.directory[1], walk.directory[2], walk.entry),
-                       item.kind == QTRACE_ITEM_HEADER, item.record_number, item.address});
-}
-
-void Item_Checks::item(const QTRACE_Item &item)
+void Beside::item(const QTRACE_Item &item)
 {
     item_ = &item;
-    if (item.kind == QTRACE_ITEM_HEADER) {
-        rules_.header(item);
-        if (text_)
-            text_->header(item);
-        if (pte_)
-            walks(item, item.header.iar_hRTW, "first address");
-        return;
-    }
-    rules_.record(item);
     if (text_)
-        text_->record(item);
-    if (pte_ && item.record.header.control.fld.next_instruction_EA_present)
-        walks(item, item.record.next_instruction_hRTW, "next address");
-    if (pte_ && item.record.header.control.fld.data_address_present)
-        walks(item, item.record.data_hRTW, "data address");
+        item.kind == QTRACE_ITEM_HEADER ? text_->header(item) : text_->record(item);
+    if (entries_)
+        walks(item);
+    item_ = nullptr;
 }
 
-void Item_Checks::end()
+void Beside::end(Tool_Run &run)
 {
-    item_ = nullptr;
-    rules_.end();
     if (text_)
         text_->end();
+    std::string error;
+    if (!entries_)
+        return;
+    if (!entries_->search(entries_name_, error))
+        return run.fail(error);
+    for (const Traced_Walk &walk : entries_->missing())
+        findings_.add(
+            {"pte-walk",
+             fmt::format("the walk of the {} by {:x}, {:x}, {:x} to the entry {:x} is not in the file", walk.of,
+                         walk.walk.directory[0], walk.walk.directory[1], walk.walk.directory[2], walk.walk.entry),
+             walk.in_header, walk.record, walk.address});
 }
 
-void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &beside) const
+// A group of blocks against the rules.
+class Check_Sink : public Item_Sink
+{
+public:
+    Check_Sink(Beside *beside, uint64_t limit) : beside_(beside), limit_(limit) {}
+
+    void begin(const Group_Start &start) override
+    {
+        if (!start.at_start)
+            checker.begin(start.context);
+        else if (start.context != nullptr)
+            checker.loss(); // the range begins in the middle of the file
+    }
+    void header(const QTRACE_Item &item) override
+    {
+        findings.headers++;
+        checker.header(item);
+        if (beside_ != nullptr)
+            beside_->item(item);
+    }
+    void record(const QTRACE_Item &item) override
+    {
+        findings.records++;
+        checker.record(item);
+        if (beside_ != nullptr)
+            beside_->item(item);
+    }
+    void loss(const QTRACE_Item &item, const std::string &text) override
+    {
+        text.empty() ? checker.loss() : checker.damage(item.record_number, text);
+    }
+
+    Group_Findings findings;
+    Trace_Checker checker{[this](const Violation &violation) { findings.add(finding_of(violation), limit_); },
+                          [this](Deferred_Item &&item) {
+                              findings.entries.push_back({std::nullopt, std::move(item)});
+                          }};
+
+private:
+    Beside *beside_;
+    uint64_t limit_;
+};
+
+// Puts the findings of groups together in file order.
+class Check_Merge
+{
+public:
+    explicit Check_Merge(Findings &findings) : findings_(findings) {}
+
+    void append(const Check_Sink &group)
+    {
+        std::map<std::string_view, uint64_t> kept;
+        for (const Group_Findings::Entry &entry : group.findings.entries) {
+            if (entry.deferred) {
+                checker_.judge(*entry.deferred);
+                continue;
+            }
+            kept[entry.finding->rule]++;
+            findings_.add(*entry.finding);
+        }
+        for (const auto &[rule, count] : group.findings.counts)
+            findings_.add_uncounted(rule, count - kept[rule]);
+        records += group.findings.records;
+        headers += group.findings.headers;
+        checker_.append(group.checker);
+    }
+    void end(bool open_end)
+    {
+        if (open_end)
+            checker_.loss();
+        checker_.end();
+    }
+
+    uint64_t records = 0, headers = 0;
+
+private:
+    Findings &findings_;
+    Trace_Checker checker_{[this](const Violation &violation) { findings_.add(finding_of(violation)); }};
+};
+
+void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &names) const
 {
     const std::set<std::string, std::less<>> unwanted = ignored();
     Findings findings(run, file.name(), unwanted, limit_);
-    Item_Checks checks(run, findings);
-    if (!checks.open(beside.text, beside.pte))
+    Beside beside(findings);
+    if (!beside.open(run, names.text, names.pte))
         return;
-    Progress progress(run, file.name(), file.info().records);
-    uint64_t records = 0, headers = 0, losses = 0;
-    uint64_t next_record = 0, next_header = 0;
-    const auto account_losses = [&](uint64_t at) {
-        for (; losses < file.losses().size(); losses++)
-            checks.damage(at, file.losses()[losses].text);
-    };
-    while (const QTRACE_Item *item = file.next()) {
-        const bool jump = item->record_number != next_record || item->header_number != next_header;
-        if (jump && losses == file.losses().size())
-            checks.loss(); // refused by the writer, or left out by a recovery
-        account_losses(records);
-        checks.item(*item);
-        const bool header = item->kind == QTRACE_ITEM_HEADER;
-        (header ? headers : records)++;
-        next_record = item->record_number + !header;
-        next_header = item->header_number + header;
-        progress.step();
+    Scan_Options options = scan_;
+    if (beside.any()) { // files that are read from their beginning to their end
+        options.jobs = 1;
+        options.blocks = std::numeric_limits<unsigned>::max();
     }
-    account_losses(records);
-    if (file.info().open_end)
-        checks.loss();
-    if (file.readable())
-        checks.end();
-    findings.summarise(records, headers);
+    Check_Merge merge(findings);
+    const bool readable = scan<Check_Sink>(
+        run, file, options, [&] { return std::make_unique<Check_Sink>(beside.any() ? &beside : nullptr, limit_); },
+        [&](const Check_Sink &group) {
+            merge.append(group);
+            return true;
+        });
+    const bool to_the_end = !scan_.range.ends_before(file.next_record_number());
+    if (readable && to_the_end)
+        merge.end(file.info().open_end);
+    if (readable)
+        beside.end(run);
+    findings.summarise(merge.records, merge.headers, beside.entries());
 }
 
 } // namespace

@@ -66,13 +66,21 @@ Difference_Set Diff_Command::ignored() const
 void Diff_Command::run(Tool_Run &run)
 {
     (void)ignored();
-    const std::vector<std::string> a = files_of(a_), b = files_of(b_);
-    for (size_t i = 0; i < std::min(a.size(), b.size()); i++)
-        compare(run, a[i], b[i]);
-    for (size_t i = b.size(); i < a.size(); i++)
-        run.warn(fmt::format("{}: there is no such thread in {}", a[i], b_));
-    for (size_t i = a.size(); i < b.size(); i++)
-        run.warn(fmt::format("{}: there is no such thread in {}", b[i], a_));
+    const std::vector<Named_File> a = traces_of(run, a_), b = traces_of(run, b_);
+    const bool by_number = a.size() > 1 || b.size() > 1;
+    const auto same_thread = [&](const Named_File &one, const Named_File &other) {
+        return !by_number || one.number == other.number;
+    };
+    for (const Named_File &file : a) {
+        const auto other = std::ranges::find_if(b, [&](const Named_File &f) { return same_thread(file, f); });
+        if (other != b.end())
+            compare(run, file.name, other->name);
+        else
+            run.warn(fmt::format("{}: there is no such thread in {}", file.name, b_));
+    }
+    for (const Named_File &file : b)
+        if (std::ranges::none_of(a, [&](const Named_File &f) { return same_thread(file, f); }))
+            run.warn(fmt::format("{}: there is no such thread in {}", file.name, a_));
 }
 
 void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::string &name_b) const

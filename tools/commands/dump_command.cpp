@@ -1,9 +1,13 @@
+#include "item_scan.h"
+#include "item_view.h"
 #include "record_filter.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -19,12 +23,17 @@ public:
     {
         declare_files(app, files_)->required(false);
         filter_.declare(app);
+        declare_jobs(app, scan_.jobs);
         app.add_option("--fields", fields_,
                        "what a line shows: groups or members, separated by commas; `all`; `help` lists")
             ->delimiter(',')
             ->allow_extra_args(false)
             ->type_name("FIELD,...");
         app.add_flag("--explain", explain_, "a legend first");
+        app.add_option(
+               "--format", format_,
+               fmt::format("what lines look like: {} (text, or json with --json)", fmt::join(item_formats(), ", ")))
+            ->type_name("FORMAT");
     }
 
     void run(Tool_Run &run) override
@@ -36,9 +45,9 @@ public:
         }
         require_files(files_);
         prepare(run);
-        if (explain_ && !run.json)
+        if (explain_ && format_ == "text")
             run.out.put(LINE_LEGEND);
-        const std::vector<std::string> files = files_of(files_);
+        const std::vector<std::string> files = traces_of(run, files_);
         for (const std::string &name : files)
             if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
                 dump(run, *file, files.size() > 1);
@@ -50,46 +59,99 @@ private:
 
     std::vector<std::string> files_, fields_;
     Record_Filter filter_;
+    Scan_Options scan_;
     bool explain_ = false;
+    std::string format_;
     Field_Selection shown_;
 };
 
 void Dump_Command::prepare(const Tool_Run &run)
 {
+    if (format_.empty())
+        format_ = run.json ? "json" : "text";
+    if (const std::vector<std::string> known = item_formats(); std::ranges::find(known, format_) == known.end())
+        throw unknown_word("output format", format_, known);
     std::string unknown;
     if (fields_.empty())
-        shown_ = run.json ? Field_Selection::all() : Field_Selection::usual();
+        shown_ = format_ != "text" ? Field_Selection::all() : Field_Selection::usual();
     else if (const auto selection = Field_Selection::parse(fields_, unknown))
         shown_ = *selection;
     else
         throw unknown_word("field", unknown, Field_Selection::names());
 }
 
+constexpr uint64_t EVERY_RECORD = std::numeric_limits<uint64_t>::max();
+
+// Lines of a group of blocks.
+class Dump_Sink : public Item_Sink
+{
+public:
+    // Keeps no more than `most` records.
+    Dump_Sink(const Item_View &view, const Record_Filter &filter, uint64_t most, bool colour)
+        : view_(view), filter_(filter), picks_(filter.picks()), most_(most), lines_(-1, colour)
+    {
+    }
+    void begin(const Group_Start &start) override
+    {
+        passed_over_ = start.headers == 0 && filter_.rules_out(start.context);
+    }
+    void header(const QTRACE_Item &item) override
+    {
+        if (!picks_)
+            view_.header(lines_, item);
+    }
+    void record(const QTRACE_Item &item) override
+    {
+        if (picks_ && !filter_.matches(item, filter_.asks_for_context() ? context() : nullptr))
+            return;
+        view_.record(lines_, item);
+        if (picks_ && most_ != EVERY_RECORD)
+            ends_.push_back(lines_.size());
+        records_++;
+    }
+    void loss(const QTRACE_Item &, const std::string &) override {}
+    bool wants_more() const override { return records_ < most_ && !passed_over_; }
+
+    // Prints the lines of at most so many records. Returns how many these are.
+    uint64_t print(Output &out, uint64_t most)
+    {
+        const std::string lines = lines_.take();
+        const bool cut = most < records_ && !ends_.empty();
+        out.put(cut ? std::string_view(lines).substr(0, most == 0 ? 0 : ends_[most - 1]) : lines);
+        out.settle();
+        return std::min(most, records_);
+    }
+
+private:
+    const Item_View &view_;
+    const Record_Filter &filter_;
+    bool picks_, passed_over_ = false; // the whole group belongs to others
+    uint64_t most_, records_ = 0;
+    Output lines_;
+    std::vector<size_t> ends_; // of the records in lines_, where some may be too many
+};
+
 void Dump_Command::dump(Tool_Run &run, Trace_File &file, bool named) const
 {
-    if (named && !run.json)
-        run.out.print("# {}\n", file.name());
-    Record_Walk walk(file, filter_);
-    if (!walk.begin()) {
+    if (filter_.from() > 0 && filter_.from() >= file.next_record_number()) {
         run.fail(
             fmt::format("{}: no record {}: the file has {}", file.name(), filter_.from(), file.info().records));
         return;
     }
-    Progress progress(run, file.name(), file.info().records - std::min(filter_.from(), file.info().records));
-    while (const QTRACE_Item *item = walk.next()) {
-        if (run.out.error() != 0)
-            break;
-        if (item->kind == QTRACE_ITEM_HEADER) {
-            if (!filter_.picks())
-                run.json ? print_header_json(run.out, *item, file.name()) : print_header(run.out, *item);
-            continue;
-        }
-        progress.step();
-        if (run.json)
-            print_record_json(run.out, *item, file.name(), shown_);
-        else
-            print_record(run.out, *item, shown_);
-    }
+    const std::unique_ptr<Item_View> view = make_item_view(format_, file.name(), shown_);
+    view->begin(run.out, named);
+    Scan_Options options = scan_;
+    options.range.first = filter_.from();
+    uint64_t left = filter_.count();
+    if (!filter_.picks()) // then the range ends before the headers that follow the last record
+        options.range.count = std::exchange(left, EVERY_RECORD);
+    scan<Dump_Sink>(
+        run, file, options,
+        [&, most = left] { return std::make_unique<Dump_Sink>(*view, filter_, most, run.out.coloured()); },
+        [&](Dump_Sink &group) {
+            left -= group.print(run.out, left);
+            return left > 0;
+        });
 }
 
 } // namespace

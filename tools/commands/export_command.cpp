@@ -82,8 +82,11 @@ void Export_Command::run(Tool_Run &run)
     if (address_ != "effective" && address_ != "real")
         throw unknown_word("kind of address", address_, {"effective", "real"});
     options_.real = address_ == "real";
-    options_.files = files_of(files_);
-    std::vector<std::unique_ptr<Trace_File>> files = open_traces(run, files_);
+    options_.files = traces_of(run, files_);
+    std::vector<std::unique_ptr<Trace_File>> files;
+    for (const std::string &name : options_.files)
+        if (std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
+            files.push_back(std::move(file));
     if (files.size() != options_.files.size())
         return;
     Output_File output(output_, force_);

@@ -161,16 +161,16 @@ void print_full_header(Output &out, const Placed_Header &placed)
 void print_ending(Output &out, const QTRACE_Info &info)
 {
     out.put("  ends         ");
-    out.paint(info.clean_end && info.damaged_places == 0 ? Colour::good : Colour::bad);
-    out.put(info.clean_end ? "cleanly"
-                           : "not cleanly: it was cut, its writer died, or something follows its last block");
+    out.paint(info.clean_end && !info.open_end && info.damaged_places == 0 ? Colour::good : Colour::bad);
+    out.put(!info.clean_end ? "not cleanly: it was cut, its writer died, or something follows its last block"
+            : info.open_end ? "where a recovery closed the file: the end of the trace is missing"
+                            : "cleanly");
     if (info.damaged_places > 0)
-        out.print("; damaged places: {} (`qtrace recover` saves the rest)", info.damaged_places);
+        out.print("; {} (`qtrace recover` saves the rest)", counted(info.damaged_places, "damaged place"));
     out.paint(Colour::plain);
     out.put('\n');
-    if (info.left_out > 0 || info.open_end)
-        out.print("  missing      records or headers at {} places{}\n", info.left_out,
-                  info.open_end ? "; the end of the trace is missing" : "");
+    if (info.left_out > 0)
+        out.print("  missing      records or headers at {}\n", counted(info.left_out, "place"));
 }
 
 class Info_Command : public Command
@@ -186,7 +186,7 @@ public:
 
     void run(Tool_Run &run) override
     {
-        for (const std::string &name : files_of(files_))
+        for (const std::string &name : traces_of(run, files_))
             if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
                 tell(run, *file);
     }
@@ -226,8 +226,8 @@ void Info_Command::print_text(Output &out, const std::string &name, const File_S
               summary.full_headers, summary.partition_changes());
     out.print("  gaps         {}{}\n", summary.gaps(),
               summary.gaps() == 0 ? "" : " (tracing was paused and resumed that often)");
-    out.print("  size         {} ({}) in {} blocks, {:.2f} bytes a record\n", info.size, bytes_in_words(info.size),
-              info.blocks, summary.bytes_per_record());
+    out.print("  size         {} ({}) in {}, {:.2f} bytes a record\n", info.size, bytes_in_words(info.size),
+              counted(info.blocks, "block"), summary.bytes_per_record());
     print_ending(out, info);
     uint64_t listed = 0;
     for (const Placed_Header &header : summary.headers)

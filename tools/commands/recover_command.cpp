@@ -14,60 +14,65 @@ class Recover_Command : public Command
 public:
     void declare(CLI::App &app) override
     {
-        app.add_option("IN", in_, "the damaged file")->required();
-        app.add_option("OUT", out_, "the file to be written; replaced when it exists")->required();
+        app.add_option("IN", in_, "the damaged file, or a base name")->required();
+        app.add_option("OUT", out_, "the file to be written, or a base name like IN; replaced when it exists")
+            ->required();
     }
 
+    // Of a base name, each file becomes one of the other base name.
     void run(Tool_Run &run) override
     {
-        QTRACE_Recovery recovery;
-        char *reason = nullptr;
-        const int result = qtrace_recover(in_.c_str(), out_.c_str(), &recovery, &reason);
-        const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
-        if (result != 0) {
-            run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
-            return;
-        }
-        if (recovery.damaged_places > 0)
-            run.found();
-        run.json ? tell_json(run.out, recovery) : tell(run.out, recovery);
+        for (const Named_File &file : traces_of(run, in_))
+            recover(run, file.name, out_ + file.number);
     }
 
 private:
-    void tell(Output &out, const QTRACE_Recovery &recovery) const;
-    void tell_json(Output &out, const QTRACE_Recovery &recovery) const;
+    static void recover(Tool_Run &run, const std::string &from, const std::string &to);
 
     std::string in_, out_;
 };
 
-void Recover_Command::tell(Output &out, const QTRACE_Recovery &recovery) const
+void tell(Output &out, const std::string &from, const std::string &to, const QTRACE_Recovery &recovery)
 {
-    out.print("{}: {} records and {} headers in {} blocks\n", out_, recovery.records, recovery.headers,
-              recovery.blocks);
+    out.print("{}: {} and {} in {}\n", to, counted(recovery.records, "record"), counted(recovery.headers, "header"),
+              counted(recovery.blocks, "block"));
     if (recovery.damaged_places == 0) {
-        out.print("{}: nothing is damaged, nothing was lost\n", in_);
+        out.print("{}: nothing is damaged, nothing was lost\n", from);
         return;
     }
     out.paint(Colour::bad);
-    out.print("{}: lost at {} places: {} bytes, ", in_, recovery.damaged_places, recovery.lost_bytes);
-    if (recovery.lost_records_known)
-        out.print("{} records", recovery.lost_records);
-    else
-        out.print("at least {} records", recovery.lost_records);
+    out.print("{}: lost at {}: {}, {}{}", from, counted(recovery.damaged_places, "place"),
+              counted(recovery.lost_bytes, "byte"), recovery.lost_records_known ? "" : "at least ",
+              counted(recovery.lost_records, "record"));
     out.put(recovery.open_end ? "; the end of the trace is missing\n" : "\n");
     out.paint(Colour::plain);
 }
 
-void Recover_Command::tell_json(Output &out, const QTRACE_Recovery &recovery) const
+void tell_json(Output &out, const std::string &from, const std::string &to, const QTRACE_Recovery &recovery)
 {
     out.put("{\"from\":");
-    print_json_text(out, in_);
+    print_json_text(out, from);
     out.put(",\"to\":");
-    print_json_text(out, out_);
+    print_json_text(out, to);
     out.print(",\"blocks\":{},\"records\":{},\"headers\":{},\"damaged_places\":{},\"lost_bytes\":{},"
               "\"lost_records\":{},\"lost_records_known\":{},\"open_end\":{}}}\n",
               recovery.blocks, recovery.records, recovery.headers, recovery.damaged_places, recovery.lost_bytes,
               recovery.lost_records, recovery.lost_records_known != 0, recovery.open_end != 0);
+}
+
+void Recover_Command::recover(Tool_Run &run, const std::string &from, const std::string &to)
+{
+    QTRACE_Recovery recovery;
+    char *reason = nullptr;
+    const int result = qtrace_recover(from.c_str(), to.c_str(), &recovery, &reason);
+    const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
+    if (result != 0) {
+        run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
+        return;
+    }
+    if (recovery.damaged_places > 0)
+        run.found();
+    run.json ? tell_json(run.out, from, to, recovery) : tell(run.out, from, to, recovery);
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "item_scan.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_counts.h"
@@ -152,6 +153,7 @@ public:
             ->allow_extra_args(false)
             ->check(CLI::Range(12, 63))
             ->type_name("BITS,...");
+        declare_scan(app, scan_);
     }
 
     void run(Tool_Run &run) override;
@@ -172,24 +174,35 @@ private:
     uint64_t top_ = 10;
     std::vector<uint32_t> bits_;
     Page_Sizes sizes_;
+    Scan_Options scan_;
+};
+
+// Counts of a group of blocks.
+class Stats_Sink : public Item_Sink
+{
+public:
+    explicit Stats_Sink(const Page_Sizes &sizes) : counts(sizes) {}
+    void begin(const Group_Start &start) override
+    {
+        start.at_start ? counts.loss(start.context) : counts.begin(start.context);
+    }
+    void header(const QTRACE_Item &item) override { counts.header(item.header); }
+    void record(const QTRACE_Item &item) override { counts.record(item); }
+    void loss(const QTRACE_Item &item, const std::string &) override { counts.loss(item.discontinuity.context); }
+
+    Trace_Counts counts;
 };
 
 std::unique_ptr<Trace_Counts> Stats_Command::count_file(Tool_Run &run, Trace_File &file) const
 {
     auto counts = std::make_unique<Trace_Counts>(sizes_);
     counts->file_bytes = file.info().size;
-    Progress progress(run, file.name(), file.info().records);
-    size_t losses = 0;
-    while (const QTRACE_Item *item = file.next()) {
-        if (file.losses().size() != losses)
-            counts->loss();
-        losses = file.losses().size();
-        if (item->kind == QTRACE_ITEM_HEADER)
-            counts->header(item->header);
-        else
-            counts->record(*item);
-        progress.step();
-    }
+    scan<Stats_Sink>(
+        run, file, scan_, [&] { return std::make_unique<Stats_Sink>(sizes_); },
+        [&](const Stats_Sink &group) {
+            counts->append(group.counts);
+            return true;
+        });
     return counts;
 }
 
@@ -199,7 +212,7 @@ void Stats_Command::run(Tool_Run &run)
         sizes_ = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
     std::vector<Column> columns;
     auto total = std::make_unique<Trace_Counts>(sizes_);
-    for (const std::string &name : files_of(files_))
+    for (const std::string &name : traces_of(run, files_))
         if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name)) {
             columns.push_back({name, count_file(run, *file)});
             total->add(*columns.back().counts);

@@ -312,12 +312,6 @@ void print_member_json(Output &out, const Trace_Member &member, const Structure 
     print_json_value(out, member, bytes);
 }
 
-void begin_json(Output &out, std::string_view file)
-{
-    out.put("{\"file\":");
-    print_json_text(out, file);
-}
-
 } // namespace
 
 void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
@@ -496,10 +490,10 @@ void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &f
     out.settle();
 }
 
-void print_header_json(Output &out, const QTRACE_Item &item, std::string_view file)
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
 {
     const Flag_Words flags = flags_of(item.header);
-    begin_json(out, file);
+    out.put(beginning);
     out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
     print_flags_json(out, FILE_FLAG_OF_BIT, flags.file);
     print_flags_json(out, CONTROL_FLAG_OF_BIT, flags.control);
@@ -531,9 +525,10 @@ static void print_kinds_json(Output &out, uint32_t kinds)
     out.put(']');
 }
 
-void print_record_json(Output &out, const QTRACE_Item &item, std::string_view file, const Field_Selection &fields)
+void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
+                       const Field_Selection &fields)
 {
-    begin_json(out, file);
+    out.put(beginning);
     out.put(",\"record\":");
     out.put_decimal(item.record_number);
     if (item.address_known) {

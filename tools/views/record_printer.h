@@ -42,9 +42,10 @@ private:
 
 void print_header(Output &out, const QTRACE_Item &item);
 void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields);
-// One object a line; `file` is its first member.
-void print_header_json(Output &out, const QTRACE_Item &item, std::string_view file);
-void print_record_json(Output &out, const QTRACE_Item &item, std::string_view file, const Field_Selection &fields);
+// One object a line, whose first members are there already.
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning);
+void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
+                       const Field_Selection &fields);
 
 // One member's value as text lines show it.
 void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes);

@@ -25,7 +25,11 @@ public:
     explicit Output(int descriptor, bool colour = false) : descriptor_(descriptor), colour_(colour) {}
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
-    ~Output() { flush(); }
+    ~Output()
+    {
+        if (descriptor_ >= 0)
+            flush();
+    }
 
     void put(char c) { buffer_.push_back(c); }
     void put(std::string_view text)
@@ -58,12 +62,14 @@ public:
     // To be called after each line or so: hands a full buffer on.
     void settle()
     {
-        if (buffer_.size() >= CAPACITY)
+        if (buffer_.size() >= CAPACITY && descriptor_ >= 0)
             flush();
     }
     // Hands everything on. A failure is kept; nothing is written after it.
     void flush();
-    int error() const { return error_; } // errno of the first failure; 0: none
+    bool coloured() const { return colour_; }
+    size_t size() const { return buffer_.size(); } // of what was put and not handed on
+    int error() const { return error_; }           // errno of the first failure; 0: none
 
 private:
     static constexpr size_t CAPACITY = 256 * 1024;

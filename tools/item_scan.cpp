@@ -1,0 +1,271 @@
+#include "item_scan.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+struct Group {
+    uint64_t first_block, blocks;
+    bool at_start;    // the first one that is read
+    uint64_t headers; // in the blocks and between them
+};
+
+// What came out of a group.
+struct Group_Result {
+    std::unique_ptr<Item_Sink> sink;
+    std::vector<std::string> losses;
+    std::string error; // that ended the reading
+    uint64_t items = 0;
+    std::exception_ptr exception;
+};
+
+bool overlaps(const QTRACE_Block &block, const Record_Range &range)
+{
+    return !range.ends_before(block.first_record) && block.first_record + block.records >= range.first;
+}
+
+uint64_t headers_in(std::span<const QTRACE_Block> blocks)
+{
+    return blocks.back().first_header + blocks.back().headers - blocks.front().first_header;
+}
+
+// Groups begin at multiples of their size, wherever the range begins.
+std::vector<Group> plan_groups(std::span<const QTRACE_Block> blocks, const Scan_Options &options)
+{
+    std::vector<Group> groups;
+    for (uint64_t first = 0; first < blocks.size(); first += options.blocks) {
+        const uint64_t count = std::min<uint64_t>(options.blocks, blocks.size() - first);
+        const auto group = blocks.subspan(first, count);
+        if (std::ranges::any_of(group, [&](const QTRACE_Block &block) { return overlaps(block, options.range); }))
+            groups.push_back({first, count, groups.empty(), headers_in(group)});
+    }
+    if (blocks.empty())
+        groups.push_back({0, 0, true, 0});
+    return groups;
+}
+
+// Reads one group after the other with a reader of its own.
+class Group_Reader
+{
+public:
+    Group_Reader(Reader reader, const Record_Range &range) : reader_(std::move(reader)), range_(range) {}
+    Group_Result read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make);
+
+private:
+    void read_items(const Group &group, Group_Result &result);
+    bool is_before_range(const QTRACE_Item &item) const;
+    const QTRACE_FILE_HDR *context_before(const QTRACE_Item &item) const;
+    void deliver(const QTRACE_Item &item, Group_Result &result);
+    void deliver_loss(const QTRACE_Item &item, Group_Result &result);
+
+    Reader reader_;
+    Record_Range range_;
+    bool begun_ = false;
+};
+
+Group_Result Group_Reader::read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make)
+{
+    Group_Result result;
+    try {
+        result.sink = make();
+        result.sink->read_by(reader_.get());
+        read_items(group, result);
+    } catch (...) {
+        result.exception = std::current_exception();
+    }
+    return result;
+}
+
+// What was lost just before the range belongs to it.
+bool Group_Reader::is_before_range(const QTRACE_Item &item) const
+{
+    const uint64_t lost = item.kind == QTRACE_ITEM_DISCONTINUITY ? item.discontinuity.records : 0;
+    return item.record_number < range_.first && range_.first - item.record_number > lost;
+}
+
+const QTRACE_FILE_HDR *Group_Reader::context_before(const QTRACE_Item &item) const
+{
+    const bool first = item.kind == QTRACE_ITEM_HEADER && item.header_number == 0;
+    return first ? nullptr : qtrace_open_header(reader_.get());
+}
+
+void Group_Reader::read_items(const Group &group, Group_Result &result)
+{
+    const QTRACE_Item *item = nullptr;
+    QTRACE_ITEM kind = QTRACE_ITEM_ERROR;
+    begun_ = false;
+    if (reader_ == nullptr || qtrace_select_blocks(reader_.get(), group.first_block, group.blocks) != 0) {
+        result.error = "out of memory";
+        return;
+    }
+    while ((kind = qtrace_next(reader_.get(), &item)) != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR) {
+        if (is_before_range(*item))
+            continue;
+        if (range_.ends_before(item->record_number) || !result.sink->wants_more())
+            return;
+        if (!begun_)
+            result.sink->begin({context_before(*item), group.at_start, group.headers});
+        begun_ = true;
+        deliver(*item, result);
+    }
+    if (kind == QTRACE_ITEM_ERROR)
+        result.error = qtrace_error(reader_.get());
+    if (!begun_)
+        result.sink->begin({nullptr, group.at_start, group.headers});
+}
+
+void Group_Reader::deliver(const QTRACE_Item &item, Group_Result &result)
+{
+    result.items++;
+    if (item.kind == QTRACE_ITEM_RECORD)
+        result.sink->record(item);
+    else if (item.kind == QTRACE_ITEM_HEADER)
+        result.sink->header(item);
+    else if (item.discontinuity.cause != QTRACE_CAUSE_PAUSE)
+        deliver_loss(item, result);
+}
+
+void Group_Reader::deliver_loss(const QTRACE_Item &item, Group_Result &result)
+{
+    if (is_damage(item.discontinuity)) {
+        result.losses.push_back(describe_loss(reader_.get(), item.discontinuity));
+        result.sink->loss(item, result.losses.back());
+    } else {
+        result.sink->loss(item, "");
+    }
+}
+
+// ---- Merging in order ----------------------------------------------------------------------------------
+
+class Scan
+{
+public:
+    Scan(Tool_Run &run, Trace_File &file, const Scan_Options &options, const std::vector<Group> &groups)
+        : run_(run), file_(file), options_(options), groups_(groups),
+          progress_(run, file.name(), file.info().records)
+    {
+    }
+    using Make = std::function<std::unique_ptr<Item_Sink>()>;
+    using Merge = std::function<bool(Item_Sink &)>;
+    bool run_alone(const Make &make, const Merge &merge);
+    bool run_threads(unsigned threads, const Make &make, const Merge &merge);
+
+private:
+    // Groups that are read ahead of the merge, for each thread.
+    static constexpr size_t AHEAD = 2;
+
+    bool merge_one(Group_Result &result, const Merge &merge);
+    void work(unsigned threads, const Make &make);
+    Group_Result take(size_t number);
+    void stop();
+
+    Tool_Run &run_;
+    Trace_File &file_;
+    const Scan_Options &options_;
+    const std::vector<Group> &groups_;
+    Progress progress_;
+    bool readable_ = true;
+
+    std::mutex mutex_; // guards what follows
+    std::condition_variable changed_;
+    std::map<size_t, Group_Result> results_;
+    size_t next_ = 0, merged_ = 0;
+    bool stopped_ = false;
+};
+
+// False: no further group is wanted.
+bool Scan::merge_one(Group_Result &result, const Merge &merge)
+{
+    if (result.exception)
+        std::rethrow_exception(result.exception);
+    for (const std::string &loss : result.losses)
+        run_.warn(loss);
+    const bool more = merge(*result.sink);
+    if (!result.error.empty())
+        run_.fail(result.error);
+    readable_ &= result.error.empty();
+    progress_.step(result.items);
+    return more && result.error.empty() && run_.out.error() == 0;
+}
+
+bool Scan::run_alone(const Make &make, const Merge &merge)
+{
+    Group_Reader reader(file_.another_reader(), options_.range);
+    for (const Group &group : groups_) {
+        Group_Result result = reader.read(group, make);
+        if (!merge_one(result, merge))
+            break;
+    }
+    return readable_;
+}
+
+void Scan::work(unsigned threads, const Make &make)
+{
+    Group_Reader reader(file_.another_reader(), options_.range);
+    for (;;) {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return stopped_ || next_ < merged_ + AHEAD * threads; });
+        if (stopped_ || next_ == groups_.size())
+            return;
+        const size_t number = next_++;
+        lock.unlock();
+        Group_Result result = reader.read(groups_[number], make);
+        lock.lock();
+        results_.emplace(number, std::move(result));
+        changed_.notify_all();
+    }
+}
+
+Group_Result Scan::take(size_t number)
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return results_.contains(number); });
+    Group_Result result = std::move(results_.extract(number).mapped());
+    merged_ = number + 1;
+    changed_.notify_all();
+    return result;
+}
+
+void Scan::stop()
+{
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+    changed_.notify_all();
+}
+
+bool Scan::run_threads(unsigned threads, const Make &make, const Merge &merge)
+{
+    std::vector<std::jthread> workers;
+    const std::unique_ptr<Scan, void (*)(Scan *)> stopper(this, [](Scan *scan) { scan->stop(); });
+    for (unsigned i = 0; i < threads; i++)
+        workers.emplace_back([this, threads, &make] { work(threads, make); });
+    for (size_t number = 0; number < groups_.size(); number++) {
+        Group_Result result = take(number);
+        if (!merge_one(result, merge))
+            break;
+    }
+    return readable_;
+}
+
+} // namespace
+
+bool scan_groups(Tool_Run &run, Trace_File &file, const Scan_Options &options,
+                 const std::function<std::unique_ptr<Item_Sink>()> &make,
+                 const std::function<bool(Item_Sink &)> &merge)
+{
+    const std::vector<Group> groups = plan_groups(file.blocks(), options);
+    const auto threads = static_cast<unsigned>(std::min<size_t>(options.jobs, groups.size()));
+    Scan scan(run, file, options, groups);
+    return threads <= 1 ? scan.run_alone(make, merge) : scan.run_threads(threads, make, merge);
+}
+
+} // namespace qtrace_tool
