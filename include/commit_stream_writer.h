@@ -278,16 +278,28 @@ static inline char *commit_stream_put_signed(char *at, int64_t value)
     return commit_stream_put_NUMBER(at, value < 0 ? 0 - (uint64_t)value : (uint64_t)value);
 }
 
+/* Hexadecimal digits of `value` without leading zeros. */
+static inline int commit_stream_digits(uint64_t value)
+{
+#ifdef __GNUC__
+    return (67 - __builtin_clzll(value | 1)) / 4;
+#else
+    int count = 1;
+    while (value >>= 4)
+        ++count;
+    return count;
+#endif
+}
+
 static inline char *commit_stream_put_WORD(char *at, uint64_t value)
 {
-    int shift = 0;
-    at = COMMIT_STREAM_PUT(at, "\"0x");
-    while (shift < 60 && value >> shift >> 4)
-        shift += 4;
-    for (; shift >= 0; shift -= 4)
-        *at++ = "0123456789abcdef"[value >> shift & 15];
-    *at++ = '"';
-    return at;
+    char *const end = COMMIT_STREAM_PUT(at, "\"0x") + commit_stream_digits(value);
+    char *digit = end;
+    do
+        *--digit = "0123456789abcdef"[value & 15];
+    while (value >>= 4);
+    *end = '"';
+    return end + 1;
 }
 
 static inline char *commit_stream_put_TRUTH(char *at, uint64_t value)
@@ -398,6 +410,32 @@ static inline size_t commit_stream_character(const unsigned char *text)
     return length;
 }
 
+/* One character of a JSON string, unless the text ends there or there is no room left. */
+static inline void commit_stream_put_character(commit_stream *stream, const unsigned char **text, size_t *left)
+{
+    const unsigned char *from = *text;
+    const size_t length = commit_stream_character(from);
+    char *at = stream->end;
+    if (!*from || *left < 6)
+        return;
+    if (*from == '"' || *from == '\\') {
+        *at++ = '\\';
+        *at++ = (char)*from;
+    } else if (*from < ' ') {
+        at = COMMIT_STREAM_PUT(at, "\\u00");
+        *at++ = "01"[*from >> 4];
+        *at++ = "0123456789abcdef"[*from & 15];
+    } else if (length == 0) {
+        *at++ = '?';
+    } else {
+        memcpy(at, from, length);
+        at += length;
+    }
+    *text = from + (length ? length : 1);
+    *left -= (size_t)(at - stream->end);
+    stream->end = at;
+}
+
 /* `text` as a JSON string: control characters escaped, bytes that are no UTF-8 as '?', cut where it is too long. */
 static inline void commit_stream_put_text(commit_stream *stream, const char *text)
 {
@@ -406,23 +444,12 @@ static inline void commit_stream_put_text(commit_stream *stream, const char *tex
     *stream->end++ = '"';
     while (*from && left >= 6) {
         char *at = commit_stream_room(stream);
-        const size_t length = commit_stream_character(from);
-        if (*from == '"' || *from == '\\') {
-            *at++ = '\\';
+        char *const most = at + (left < 1024 ? left : 1024) - 6;
+        for (; at < most && *from >= ' ' && *from < 0x80 && *from != '"' && *from != '\\'; ++from)
             *at++ = (char)*from;
-        } else if (*from < ' ') {
-            at = COMMIT_STREAM_PUT(at, "\\u00");
-            *at++ = "01"[*from >> 4];
-            *at++ = "0123456789abcdef"[*from & 15];
-        } else if (length == 0) {
-            *at++ = '?';
-        } else {
-            memcpy(at, from, length);
-            at += length;
-        }
-        from += length ? length : 1;
         left -= (size_t)(at - stream->end);
         stream->end = at;
+        commit_stream_put_character(stream, &from, &left);
     }
     *stream->end++ = '"';
 }

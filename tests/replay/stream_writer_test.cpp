@@ -4,10 +4,12 @@
 #include "commit_stream_writer.h"
 #include "stream_reader.h"
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <sstream>
 #include <unistd.h>
 
@@ -269,4 +271,46 @@ TEST_F(Written_Stream, flush_hands_on_whole_lines)
         ASSERT_NE(reader.next(), nullptr) << name;
         EXPECT_EQ(commit_stream_close(stream), nullptr);
     }
+}
+
+// ---- speed ----------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+double seconds_of(const std::function<void()> &work)
+{
+    timespec begin{}, end{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+    work();
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+    return static_cast<double>(end.tv_sec - begin.tv_sec) + 1e-9 * static_cast<double>(end.tv_nsec - begin.tv_nsec);
+}
+
+} // namespace
+
+TEST_F(Written_Stream, is_written_at_least_as_fast_as_it_is_read)
+{
+    constexpr int COMMITS = 20000;
+    double ratio = 0;
+    for (int attempt = 0; attempt < 5 && ratio < 1; ++attempt) { // other programs disturb
+        const double writing = seconds_of([this] {
+            commit_stream *stream = commit_stream_open(file.c_str());
+            commit_stream_machine machine{};
+            machine.processors = 1;
+            machine.threads = 2;
+            commit_stream_write_machine(stream, &machine);
+            for (int n = 0; n < COMMITS; ++n)
+                write_full_commit(stream);
+            EXPECT_EQ(commit_stream_close(stream), nullptr);
+        });
+        const double reading = seconds_of([this] {
+            Stream_Reader reader(file);
+            while (reader.next()) {
+            }
+        });
+        ratio = reading / writing;
+    }
+    std::cout << "reading takes " << ratio << " times as long as writing\n";
+    EXPECT_GE(ratio, 1);
 }
