@@ -12,6 +12,7 @@ CAUSES = ("pause", "refused", "left out", "damage", "cut end")  # by QTRACE_CAUS
 HEADER_SIZE, RECORD_SIZE = 368, 2936
 NO_CONTEXT = 0xFFFFFFFF
 MAX_REGISTERS = 90  # of one record
+BINARY_INTERFACE = 0  # version of the library's binary interface, the end of its file name
 
 
 class Discontinuity(Structure):
@@ -170,17 +171,20 @@ FUNCTIONS = {
 
 
 def candidates() -> Iterator[str]:
-    """Where the library may be: named by QTRACE_LIBRARY, of the installed tree, of the build, of the system."""
+    """Where the library may be: named by QTRACE_LIBRARY, of the build, of the installed tree, of the system."""
     named = os.environ.get("QTRACE_LIBRARY")
     if named:
         yield named
         return
     package = pathlib.Path(__file__).resolve().parent
     prefix, repository = package.parents[3] if len(package.parents) > 3 else package, package.parents[1]
-    for pattern in ("lib*/libqtrace.so", "lib*/*/libqtrace.so"):
-        yield from map(str, sorted(prefix.glob(pattern)))
     yield str(repository / "build/release/bin/libqtrace.so")
-    yield "libqtrace.so.0"
+    # The name that programs are bound to comes first: the other one may be there for building only.
+    names = (f"libqtrace.so.{BINARY_INTERFACE}", "libqtrace.so")
+    for name in names:
+        for folder in ("lib*", "lib*/*"):
+            yield from map(str, sorted(prefix.glob(f"{folder}/{name}")))
+    yield from names
 
 
 def load() -> ctypes.CDLL:
