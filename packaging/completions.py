@@ -29,16 +29,21 @@ def help_of(program, *words):
     return subprocess.run([program, *words, "--help"], stdout=subprocess.PIPE, text=True, check=True).stdout
 
 
+COLUMN = 30  # where descriptions begin; one whose option is too long has a line of its own
+
+
 def rows(text, section):
-    """(left column, right column) of a section; a right column goes on in lines that have no left one."""
+    """(left column, right column) of each row of a section."""
     found = re.search(rf"^{section}:\n((?:  .*\n|\n(?=  ))*)", text, re.M)
+    lines = [line for line in found[1].splitlines() if line.strip()] if found else []
     table = []
-    for line in found[1].splitlines() if found else ():
-        left, right = re.fullmatch(r"  (\S(?:.*?\S)?)?(?:\s{2,}(.*))?", line.rstrip()).groups()
-        if left is None and table:
-            table[-1][1] = f"{table[-1][1]} {line.strip()}"
-        elif left:
-            table.append([left, right or ""])
+    for line, following in zip(lines, [*lines[1:], ""]):
+        if not line[:COLUMN].strip():
+            table[-1][1] = line.strip()
+        elif following and not following[:COLUMN].strip():
+            table.append([line.strip(), ""])
+        else:
+            table.append([line[:COLUMN].strip(), line[COLUMN:].strip()])
     return table
 
 

@@ -49,7 +49,10 @@ class zsh(unittest.TestCase):
         text = (COMPLETIONS / "_qtrace").read_text()
         for subcommand in ("info", "dump", "check", "stats", "diff", "recover"):
             self.assertIn(f"    {subcommand})\n", text)
-        self.assertIn("'--count[records to print (of each file)]:N:'", text)
+        self.assertIn("'--explain[a legend first]'", text)
+
+    def test_describes_options_of_every_length(self):
+        self.assertNotIn("[]", (COMPLETIONS / "_qtrace").read_text())
 
 
 if __name__ == "__main__":
