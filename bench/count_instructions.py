@@ -154,7 +154,7 @@ def main():
     parser.add_argument("--accept", action="store_true", help="write the counts into the baseline")
     parser.add_argument("--profile", action="store_true", help="print the costs by function")
     parser.add_argument("--json", type=pathlib.Path, help="write the counts here, too; nothing is a failure then")
-    arguments = parser.parse_args()
+    arguments = parser.parse_intermixed_args()
 
     names = [name for name in COUNTS if not arguments.words or any(word in name for word in arguments.words)]
     baseline = json.loads(arguments.baseline.read_text()) if arguments.baseline.exists() else {}

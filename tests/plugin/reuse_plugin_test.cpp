@@ -99,6 +99,39 @@ TEST_P(Reuse, a_record_holds_nothing_of_the_one_before)
 
 INSTANTIATE_TEST_SUITE_P(every_mode, Reuse, testing::Range(0, static_cast<int>(RDX_XLATE_MODE_LAST) + 2));
 
+// Which of an instruction's two addresses has a guest's walk.
+struct Walks {
+    bool fetch, data;
+};
+
+Instruction instruction_with(Walks walks, uint64_t seq)
+{
+    replay::Address_Answers without_walk;
+    without_walk.mode = Z7_GuestRadixOnHostRadix;
+    Instruction instruction = rich_instruction(Z7_GuestRadixOnHostRadix);
+    instruction.seq = seq;
+    if (!walks.fetch)
+        instruction.fetch = without_walk;
+    if (!walks.data)
+        instruction.data = without_walk;
+    return instruction;
+}
+
+TEST(Reuse_of_nodes, a_guest_walk_of_one_address_alone_is_cleared)
+{
+    const Walks none{false, false}, fetch{true, false}, data{false, true};
+    // the second of a pair tells the first its next address
+    for (const auto &[first, second] : {std::pair{fetch, none}, {data, none}, {none, fetch}}) {
+        Traced_Machine machine;
+        machine.start();
+        machine.commit(instruction_with(first, 1));
+        machine.commit(instruction_with(second, 2));
+        Node *next = new_node(); // the first one's
+        EXPECT_TRUE(is_all_zero(next)) << first.fetch << first.data << second.fetch;
+        free_node(next);
+    }
+}
+
 TEST(Reuse_of_nodes, a_node_from_elsewhere_comes_back_all_zero)
 {
     Traced_Machine machine;
