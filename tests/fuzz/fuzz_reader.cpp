@@ -80,6 +80,24 @@ uint64_t read_all(QTRACE_Reader *reader, size_t size)
     }
 }
 
+// Every block by a reader of its own.
+void read_blocks(const char *name, size_t size)
+{
+    QTRACE_Index *index = qtrace_index_open(name, nullptr);
+    if (index == nullptr)
+        abort();
+    uint64_t count = 0;
+    qtrace_index_blocks(index, &count);
+    for (uint64_t block = 0; block < count; ++block) {
+        QTRACE_Reader *reader = qtrace_open_with_index(index);
+        if (qtrace_select_blocks(reader, block, 1) != 0)
+            abort();
+        read_all(reader, size);
+        qtrace_close(reader);
+    }
+    qtrace_index_close(index);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -104,5 +122,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     qtrace_open_header(reader);
     qtrace_close(reader);
+    read_blocks(memory.name(), size);
     return 0;
 }
