@@ -10,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <unistd.h>
@@ -187,15 +186,19 @@ std::map<std::pair<uint32_t, bool>, Keys> table_of_the_page()
 {
     std::ifstream page(COMMIT_STREAM_PAGE);
     std::map<std::pair<uint32_t, bool>, Keys> table;
-    const std::regex row(R"(^\| ([\d ]+) \| (yes|no) \| (.*) \|$)"), number(R"(\d+)"), key(R"(`(\w+)`)");
     for (std::string line; std::getline(page, line);) {
-        std::smatch found;
-        if (!std::regex_match(line, found, row))
+        std::istringstream cells(line);
+        std::string before, modes, two_level, keys;
+        for (std::string *cell : {&before, &modes, &two_level, &keys})
+            std::getline(cells, *cell, '|');
+        if (two_level != " yes " && two_level != " no ")
             continue;
-        const std::string modes = found[1], keys = found[3];
-        for (std::sregex_iterator mode(modes.begin(), modes.end(), number), end; mode != end; ++mode)
-            for (std::sregex_iterator word(keys.begin(), keys.end(), key); word != std::sregex_iterator(); ++word)
-                table[{static_cast<uint32_t>(std::stoul(mode->str())), found[2] == "yes"}].insert((*word)[1]);
+        std::istringstream numbers(modes);
+        for (uint32_t mode; numbers >> mode;) {
+            std::istringstream words(keys);
+            for (std::string word; words >> word;)
+                table[{mode, two_level == " yes "}].insert(word.substr(1, word.size() - 2));
+        }
     }
     return table;
 }
