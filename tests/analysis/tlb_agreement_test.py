@@ -26,7 +26,7 @@ def trace_recorded(replay, plugin, stream, folder):
     commands = base + ".commands"
     name = os.path.basename(plugin)
     with open(commands, "w", encoding="utf-8") as file:
-        file.write(f"plugin load {plugin}\nplugin signal {name} start {base}\n")
+        file.write(f'plugin load "{plugin}"\nplugin signal {name} start "{base}"\n')
         file.write(f"run {RECORDS * 3}\nplugin signal {name} stop\n")
     run(replay, stream, commands)
     return base + "0"

@@ -20,8 +20,8 @@ EXAMPLE = re.compile(r"(<!-- example: ([a-z-]+) -->\n```[a-z]*\n)(.*?)(```)", re
 
 def trace(stream, base, more=""):
     pathlib.Path("commands").write_text(
-        f"plugin load {BIN}/plugin_qtbin.so\nplugin signal {BIN}/plugin_qtbin.so start {base}{more}\nrun\n"
-        f"plugin signal {BIN}/plugin_qtbin.so stop\n", encoding="utf-8")
+        f'plugin load "{BIN}/plugin_qtbin.so"\nplugin signal plugin_qtbin.so start "{base}"{more}\nrun\n'
+        "plugin signal plugin_qtbin.so stop\n", encoding="utf-8")
     subprocess.run([BIN / "replay", stream, "commands"], check=True, stdout=subprocess.DEVNULL)
 
 

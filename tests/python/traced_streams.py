@@ -33,7 +33,7 @@ def replay(name, folder, commands=("run",)):
     """Plays a stream into the plugin; returns the base name of its traces. text and pte files stand beside them."""
     base, plugin = pathlib.Path(folder) / name, PROGRAMS / "plugin_qtbin.so"
     signal = f"plugin signal {plugin.name}"
-    lines = [f"plugin load {plugin}", f"{signal} start {base}. txt {base}.text pte {base}.pte"]
+    lines = [f'plugin load "{plugin}"', f'{signal} start "{base}." txt "{base}.text" pte "{base}.pte"']
     lines += [command.replace("SIGNAL", signal) for command in commands] + [f"{signal} stop"]
     console = pathlib.Path(f"{base}.console")
     console.write_text("\n".join(lines) + "\n")

@@ -36,7 +36,7 @@ class Stream_Test(unittest.TestCase):
         self.folder = pathlib.Path(place.name)
         self.stream = self.folder / "stream.jsonl"
         self.script = self.folder / "script"
-        self.script.write_text(f"plugin load {BIN}/plugin_qtbin.so\nplugin signal plugin_qtbin.so start {self.folder}/t\n"
+        self.script.write_text(f'plugin load "{BIN}/plugin_qtbin.so"\nplugin signal plugin_qtbin.so start "{self.folder}/t"\n'
                                "run\nplugin signal plugin_qtbin.so stop\n")
 
     def expect_good(self, stream, commits):

@@ -6,7 +6,6 @@ import json
 import os
 import pathlib
 import pty
-import re
 import resource
 import select
 import signal
@@ -39,7 +38,7 @@ class Replay_Test(unittest.TestCase):
 
     def script(self, *commands, load=PLUGIN):
         """A script; commands of the plugin are written without their first three words."""
-        lines = [f"plugin load {load}"] if load else []
+        lines = [f'plugin load "{load}"'] if load else []
         for command in commands:
             own = command.split()[0] in ("run", "status", "plugin", "quit", "help") or not load
             lines.append(command if own else f"plugin signal {load.name} {command}")
@@ -99,7 +98,7 @@ class plugins(Replay_Test):
         cut = self.folder / "cut.so"
         for length in (0, 10, 64, 1000, 4096, 8192, len(whole) // 2):
             cut.write_bytes(whole[:length])
-            done = self.replay(f"plugin load {cut}", load=None)
+            done = self.replay(f'plugin load "{cut}"', load=None)
             self.assertEqual(done.returncode, 1, length)
             self.assertIn("cannot load the plugin: ", done.stderr, length)
         self.assertRegex(done.stderr, rf"{cut}: cut off: {length} of at least \d+ bytes")
@@ -156,7 +155,7 @@ class files_in_the_way(Replay_Test):
 
     def test_script_and_plugin_are_not_written_over(self):
         self.expect_refused(["warm script"], "script", "the script")
-        self.expect_refused([f"warm {PLUGIN}"], PLUGIN, "the loaded plugin")
+        self.expect_refused([f'warm "{PLUGIN}"'], PLUGIN, "the loaded plugin")
 
     def test_two_traces_into_one_file_are_refused(self):
         self.expect_refused(["start same txt same"], "same0", "the trace of this session")
@@ -194,7 +193,7 @@ class files_in_the_way(Replay_Test):
         first = subprocess.Popen([REPLAY, self.stream, "commands"], cwd=self.folder, stdin=subprocess.DEVNULL,
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         with (self.folder / "commands").open("w") as commands:
-            print(f"plugin load {PLUGIN}\nplugin signal plugin_qtbin.so start t txt x\nrun 5", file=commands, flush=True)
+            print(f'plugin load "{PLUGIN}"\nplugin signal plugin_qtbin.so start t txt x\nrun 5', file=commands, flush=True)
             deadline = time.monotonic() + SECONDS
             while not (self.folder / "x1").exists() and time.monotonic() < deadline:
                 time.sleep(0.01)
@@ -512,7 +511,7 @@ class terminal(Replay_Test):
 
     def test_escape_sequences_of_the_plugin_are_not_shown(self):
         console = self.start()
-        console.type(f"plugin load {FAKE}\n")
+        console.type(f'plugin load "{FAKE}"\n')
         console.expect("loaded")
         console.type("plugin signal fake_plugin.so 'a\x16\x1b[2Jb'\n")
         self.assertIn("[a?[2Jb]", console.expect("[2Jb]"))

@@ -31,8 +31,8 @@ def stream_lines():
 
 def trace(stream, base):
     with open("commands", "w", encoding="utf-8") as commands:
-        commands.write(f"plugin load {PLUGIN}\nplugin signal {PLUGIN} start {base}\nrun\n")
-        commands.write(f"plugin signal {PLUGIN} stop\n")
+        commands.write(f'plugin load "{PLUGIN}"\nplugin signal plugin_qtbin.so start "{base}"\nrun\n')
+        commands.write("plugin signal plugin_qtbin.so stop\n")
     run(REPLAY, stream, "commands")
 
 
