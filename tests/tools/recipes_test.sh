@@ -65,7 +65,7 @@ sed -i 's|^const Record_Rule RECORD_RULES\[\] = {|&\n    {"word-zero", "the inst
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DQT_TESTS=OFF -DQT_BENCHMARKS=OFF >/dev/null
 cmake --build build --target qtrace >log || { cat log; exit 1; }
 tool=build/bin/qtrace
-trace=$source/tests/golden/format/comment-200.trace
+trace=$source/tests/golden/format/address-wraps.trace
 test "$($tool greet)" = greetings
 $tool --help | grep -q '^  greet'
 $tool check --rules | grep -q '^word-zero  *the instruction word is 0$'
