@@ -84,6 +84,11 @@ void Record_Filter::declare(CLI::App &app)
 {
     declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
     declare_number(app, "--count", count_, "most records that are taken (of each file)");
+    declare_choices(app);
+}
+
+void Record_Filter::declare_choices(CLI::App &app)
+{
     declare_list(app, "--pid", "PID,...", "only these processes",
                  [this](const std::string &text) { pids_.push_back(parse_number(text, "--pid", UINT32_MAX)); });
     declare_list(app, "--lpid", "LPID,...", "only these partitions",

@@ -18,6 +18,9 @@ class Record_Filter
 {
 public:
     void declare(CLI::App &app);
+    // All but the range of numbers, which the command has itself.
+    void declare_choices(CLI::App &app);
+    void begin_at(uint64_t record) { from_ = record; }
 
     uint64_t from() const { return from_; }
     // Most records that are delivered of each file.

@@ -100,6 +100,22 @@ TEST_F(record_filter, shows_the_kinds_of_a_record_in_json)
     EXPECT_EQ(json::parse(outcome.out)["kinds"], json({"branch", "taken", "call"}));
 }
 
+TEST_F(record_filter, limits_what_statistics_count)
+{
+    const auto counted = [&](Options options) {
+        options.insert(options.begin(), {"stats", "--json"});
+        options.push_back(file_);
+        return json::parse(qtrace(options).out);
+    };
+    const json loads = counted({"--kind", "load"}), process = counted({"--pid", "8"});
+    EXPECT_EQ(loads["instructions"], 3);
+    EXPECT_EQ(loads["loads"], 3);
+    EXPECT_EQ(loads["stores"], 0);
+    EXPECT_EQ(process["instructions"], 4);
+    EXPECT_EQ(process["partitions"], json::parse(R"([{"lpid":"0x2","pid":8,"instructions":4}])"));
+    EXPECT_EQ(counted({"--from", "2", "--count", "3"})["instructions"], 3);
+}
+
 TEST_F(record_filter, refuses_values_that_mean_nothing)
 {
     const auto refusal = [&](const char *option, const char *value) {

@@ -1,4 +1,5 @@
 #include "item_scan.h"
+#include "record_filter.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_counts.h"
@@ -154,6 +155,7 @@ public:
             ->check(CLI::Range(12, 63))
             ->type_name("BITS,...");
         declare_scan(app, scan_);
+        filter_.declare_choices(app);
     }
 
     void run(Tool_Run &run) override;
@@ -164,6 +166,7 @@ private:
         std::unique_ptr<Trace_Counts> counts;
     };
     std::unique_ptr<Trace_Counts> count_file(Tool_Run &run, Trace_File &file) const;
+    std::unique_ptr<Trace_Counts> count_chosen(Tool_Run &run, Trace_File &file) const;
     void print_table(Output &out, const std::vector<Column> &columns, const std::vector<Metric> &metrics) const;
     void print_lists(Output &out, const Trace_Counts &total) const;
     void print_pages(Output &out, const char *title, const Page_Counts &pages) const;
@@ -175,6 +178,7 @@ private:
     std::vector<uint32_t> bits_;
     Page_Sizes sizes_;
     Scan_Options scan_;
+    Record_Filter filter_;
 };
 
 // Counts of a group of blocks.
@@ -195,6 +199,8 @@ public:
 
 std::unique_ptr<Trace_Counts> Stats_Command::count_file(Tool_Run &run, Trace_File &file) const
 {
+    if (filter_.picks())
+        return count_chosen(run, file);
     auto counts = std::make_unique<Trace_Counts>(sizes_);
     counts->file_bytes = file.info().size;
     scan<Stats_Sink>(
@@ -203,6 +209,36 @@ std::unique_ptr<Trace_Counts> Stats_Command::count_file(Tool_Run &run, Trace_Fil
             counts->append(group.counts);
             return true;
         });
+    return counts;
+}
+
+// Headers say what the chosen records run under, and are not counted.
+std::unique_ptr<Trace_Counts> Stats_Command::count_chosen(Tool_Run &run, Trace_File &file) const
+{
+    auto counts = std::make_unique<Trace_Counts>(sizes_);
+    counts->file_bytes = file.info().size;
+    Record_Filter filter = filter_;
+    filter.begin_at(scan_.range.first);
+    Record_Walk walk(file, filter);
+    if (!walk.begin()) {
+        run.fail(fmt::format("{}: no record {}: the file has {}", file.name(), filter.from(), file.info().records));
+        return counts;
+    }
+    uint64_t following = 0;
+    while (const QTRACE_Item *item = walk.next()) {
+        if (item->kind == QTRACE_ITEM_HEADER) {
+            counts->header(item->header);
+            continue;
+        }
+        if (scan_.range.ends_before(item->record_number))
+            break;
+        if (item->record_number != following)
+            counts->loss(walk.context());
+        counts->record(*item);
+        following = item->record_number + 1;
+    }
+    counts->full_headers = counts->partition_headers = 0;
+    std::erase_if(counts->partitions, [](const auto &partition) { return partition.second == 0; });
     return counts;
 }
 
