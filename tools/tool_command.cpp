@@ -29,6 +29,9 @@ namespace qtrace_tool
     ROW(tlb, "what address translation costs: a model of TLBs and walk caches", \
         "qtrace tlb trace                            each thread and in total", \
         "qtrace tlb --entries 64x4,2048x8 --page-sizes 2M trace0   what if") \
+    ROW(report, "one page to look at: time, addresses, working set, translation, hot places", \
+        "qtrace report -o report.html trace          all threads of a trace", \
+        "qtrace report -o report.html old new        and what differs between two") \
     ROW(diff, "where two traces differ, by kind of difference", \
         "qtrace diff old new                        thread by thread", \
         "qtrace diff --ignore registers old0 new0   control flow and addresses alone") \

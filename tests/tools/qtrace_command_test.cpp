@@ -56,7 +56,7 @@ Trace long_trace(size_t records)
     return trace;
 }
 
-const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "tlb", "diff", "recover", "plan", "export"};
+const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "tlb", "report", "diff", "recover", "plan", "export"};
 
 } // namespace
 

@@ -59,6 +59,8 @@ public:
 
     // The counts up to here. To be called once, at the end.
     const Tlb_Figures &finish();
+    // The counts so far.
+    const Tlb_Figures &figures() const { return figures_; }
 
 private:
     // Levels with the same pages in them: those of the model, and those with larger pages beside it.

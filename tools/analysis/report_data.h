@@ -1,0 +1,132 @@
+// What a report shows of one hardware thread, collected in one pass and in bounded memory.
+#pragma once
+
+#include "tlb_feed.h"
+#include "trace_counts.h"
+
+#include <array>
+#include <deque>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace qtrace_tool
+{
+
+inline constexpr size_t REPORT_BINS = 240; // of every picture over time
+
+// Accesses by address and time. Addresses are in ranges of 64 KiB; while there are too many, pairs are merged.
+class Heat_Map
+{
+public:
+    using Row = std::array<uint32_t, REPORT_BINS>;
+    void count(uint64_t address, size_t bin);
+    // Halves the number of ranges until there are at most so many.
+    void shrink(size_t most);
+    unsigned range_bits() const { return bits_; }
+    const std::map<uint64_t, Row> &rows() const { return rows_; } // by first address
+
+private:
+    static constexpr size_t MOST_ROWS = 512;
+    void merge_pairs();
+
+    unsigned bits_ = 16;
+    std::map<uint64_t, Row> rows_;
+    uint64_t last_first_ = 1; // never a first address
+    Row *last_row_ = nullptr;
+};
+
+// How many different keys were counted since the last start: exact up to MOST, then at least so many.
+class Distinct_Keys
+{
+public:
+    static constexpr uint32_t MOST = 60000;
+    explicit Distinct_Keys(size_t slots = 131072) : slots_(slots) {}
+    void start();
+    void add(uint64_t key);
+    uint32_t count() const { return count_; }
+
+private:
+    struct Slot {
+        uint64_t key = 0;
+        uint32_t round = 0;
+    };
+    std::vector<Slot> slots_;
+    uint32_t round_ = 0, count_ = 0;
+};
+
+inline constexpr uint8_t WORKING_SET_BITS[] = {12, 16, 21};
+
+struct Branch_Counts {
+    uint64_t times = 0, taken = 0;
+};
+
+// A place where tracing does not simply go on.
+struct Report_Gap {
+    uint64_t record; // the next one
+    std::string text;
+};
+
+class Thread_Data
+{
+public:
+    // `records`: how many are expected, for the bins of time. Call finish() before figures are asked for.
+    Thread_Data(std::string name, const Page_Sizes &sizes, uint64_t records);
+    Thread_Data(const Thread_Data &) = delete;
+
+    void item(const QTRACE_Item &item);
+    // `context`: the header in force from there on.
+    void loss(const QTRACE_Item &next, const std::string &text, const QTRACE_FILE_HDR *context);
+    void finish();
+
+    uint64_t bin_records() const { return bin_records_; }
+    size_t bins() const { return last_bin_ + 1; }
+
+    std::string name;
+    std::vector<std::string> damage; // as the reader described it
+    bool clean_end = true;
+    Trace_Counts counts;
+    Heat_Map fetches, reads, writes;
+    std::map<Partition_Key, std::array<uint32_t, REPORT_BINS>> processes; // instructions by time
+    uint64_t unlisted_processes = 0; // instructions of processes beyond those of the map
+    std::vector<Report_Gap> gaps;    // the first ones
+    uint64_t gap_count = 0;
+    std::array<std::array<uint32_t, std::size(WORKING_SET_BITS)>, REPORT_BINS> working_set{};
+    Frequent_Keys addresses, data_pages;                  // instructions; accesses by 64 KiB
+    std::unordered_map<uint64_t, uint64_t> first_record;  // of those 64 KiB
+    std::unordered_map<uint64_t, Branch_Counts> branches; // by address
+    uint64_t unlisted_branches = 0;                       // executions of branches beyond those of the map
+
+    // The model as traced, then what if all pages had 4K, 64K, 2M. They stop together when they would grow too large.
+    static constexpr size_t MODELS = 4;
+    static Tlb_Options model_options(size_t model);
+    const Tlb_Figures &figures(size_t model) const { return figures_[model]; }
+    uint64_t modelled() const { return figures_[0].instructions; }
+
+private:
+    void header(const QTRACE_Item &item);
+    void record(const QTRACE_Item &item);
+    void count_branch(const QTRACE_Item &item);
+    void count_data(const QTRACE_Item &item);
+    void start_bin(size_t bin);
+
+    struct Model {
+        Tlb_Model tlb;
+        Tlb_Feed feed;
+        Model(size_t which, const Page_Sizes &sizes) : tlb(model_options(which)), feed(tlb, sizes) {}
+    };
+    bool models_full() const;
+
+    std::deque<Model> models_;
+    std::vector<Tlb_Figures> figures_;
+    bool modelling_ = true;
+    uint64_t bin_records_;
+    size_t last_bin_ = 0;
+    std::array<Distinct_Keys, std::size(WORKING_SET_BITS)> distinct_;
+    uint64_t last_fetch_page_ = 1, last_data_page_ = 1; // 4 KiB pages, added to the working set already
+    std::array<uint32_t, REPORT_BINS> *process_ = nullptr;
+    bool header_seen_ = false;
+};
+
+} // namespace qtrace_tool

@@ -1,0 +1,133 @@
+#include "report_page.h"
+#include "tool_command.h"
+#include "trace_files.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+class Report_Command : public Command
+{
+public:
+    void declare(CLI::App &app) override
+    {
+        declare_files(app, files_);
+        app.add_option("-o,--output", output_, "the page to write")->required()->type_name("FILE.html");
+        app.add_option("--symbols", symbols_,
+                       "names of addresses: lines of `ADDRESS [TYPE] NAME`, as nm prints them")
+            ->type_name("FILE");
+        app.add_option(
+               "--page-bits", bits_,
+               "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
+            ->delimiter(',')
+            ->allow_extra_args(false)
+            ->check(CLI::Range(12, 63))
+            ->type_name("BITS,...");
+    }
+    void run(Tool_Run &run) override;
+
+private:
+    bool read_symbols(Tool_Run &run, Report &report) const;
+    std::unique_ptr<Thread_Data> collect(Tool_Run &run, Trace_File &file, const Page_Sizes &sizes) const;
+    void write(Tool_Run &run, const std::string &page) const;
+
+    std::vector<std::string> files_;
+    std::string output_, symbols_;
+    std::vector<uint32_t> bits_;
+};
+
+bool Report_Command::read_symbols(Tool_Run &run, Report &report) const
+{
+    if (symbols_.empty())
+        return true;
+    std::ifstream file(symbols_);
+    if (!file) {
+        run.fail(fmt::format("{}: {}", symbols_, std::strerror(errno)));
+        return false;
+    }
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string address, name;
+        words >> address;
+        for (std::string word; words >> word;)
+            name = word;
+        if (const std::optional<uint64_t> first = parse_digits(address, 16); first && !name.empty())
+            report.symbols.push_back({*first, name});
+    }
+    std::ranges::stable_sort(report.symbols, {}, &Report_Symbol::first);
+    return true;
+}
+
+std::unique_ptr<Thread_Data> Report_Command::collect(Tool_Run &run, Trace_File &file, const Page_Sizes &sizes) const
+{
+    auto data = std::make_unique<Thread_Data>(file.name(), sizes, file.info().records);
+    data->counts.file_bytes = file.info().size;
+    data->clean_end = file.info().clean_end != 0 && file.info().open_end == 0;
+    Progress progress(run, file.name(), file.info().records);
+    uint64_t next_record = 0, next_header = 0;
+    while (const QTRACE_Item *item = file.next()) {
+        const size_t known = data->damage.size();
+        for (size_t i = known; i < file.losses().size(); i++)
+            data->damage.push_back(file.losses()[i].text);
+        if (item->record_number != next_record || item->header_number != next_header)
+            data->loss(*item, known < data->damage.size() ? data->damage.back() : "records are missing",
+                       file.context());
+        data->item(*item);
+        const bool header = item->kind == QTRACE_ITEM_HEADER;
+        next_record = item->record_number + !header;
+        next_header = item->header_number + header;
+        progress.step();
+    }
+    for (size_t i = data->damage.size(); i < file.losses().size(); i++)
+        data->damage.push_back(file.losses()[i].text);
+    data->finish();
+    return data;
+}
+
+void Report_Command::write(Tool_Run &run, const std::string &page) const
+{
+    std::ofstream file(output_, std::ios::binary);
+    file << page;
+    file.close();
+    if (!file)
+        run.fail(fmt::format("{}: {}", output_, std::strerror(errno)));
+}
+
+void Report_Command::run(Tool_Run &run)
+{
+    Report report;
+    if (!bits_.empty())
+        report.sizes = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
+    if (!read_symbols(run, report))
+        return;
+    for (const std::string &name : files_) {
+        Report_Trace trace{name, {}};
+        for (const Named_File &named : traces_of(run, name))
+            if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, named.name))
+                trace.threads.push_back(collect(run, *file, report.sizes));
+        if (!trace.threads.empty())
+            report.traces.push_back(std::move(trace));
+    }
+    if (report.traces.empty())
+        return;
+    const std::string page = report_page(report);
+    write(run, page);
+    if (run.json)
+        run.out.print("{{\"file\":{},\"bytes\":{}}}\n", nlohmann::json(output_).dump(), page.size());
+}
+
+} // namespace
+
+std::unique_ptr<Command> make_report_command()
+{
+    return std::make_unique<Report_Command>();
+}
+
+} // namespace qtrace_tool
