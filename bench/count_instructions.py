@@ -13,6 +13,7 @@ Words pick the counts whose name contains one of them.
 
 import argparse
 import concurrent.futures
+import functools
 import json
 import os
 import pathlib
@@ -40,8 +41,12 @@ class Bench:
     def __init__(self, programs, folder):
         self.programs, self.folder = pathlib.Path(programs).resolve(), pathlib.Path(folder)
         self.replay, self.qtrace = self.programs / "replay", self.programs / "qtrace"
-        help_text = subprocess.run([self.qtrace, "stats", "--help"], capture_output=True, text=True, check=True).stdout
-        self.one_job = ["--jobs", "1"] if "--jobs" in help_text else []
+
+    @functools.cache
+    def jobs(self, subcommand, count=1):
+        """The option that sets the number of threads; nothing where the subcommand has no such option."""
+        help_text = subprocess.run([self.qtrace, subcommand, "--help"], capture_output=True, text=True, check=True).stdout
+        return ["--jobs", str(count)] if "--jobs" in help_text else []
 
     def trace(self, records):
         """The base name of a trace of boot-user's instructions, repeated as often as needed."""
@@ -85,7 +90,7 @@ def tool_count(bench, *command, files=1, accept=(0,)):
     profiles = []
     for records in RECORDS:
         base = bench.trace(records)
-        profiles.append(callgrind_profile.run(bench.qtrace, *command, *bench.one_job, *[f"{base}0"] * files,
+        profiles.append(callgrind_profile.run(bench.qtrace, *command, *bench.jobs(command[0]), *[f"{base}0"] * files,
                                               accept=accept)[0])
     costs = profiles[1].all_costs()
     costs.subtract(profiles[0].all_costs())

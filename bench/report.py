@@ -72,12 +72,13 @@ class Measurements:
 
     def with_two_jobs(self, tool, what):
         """Thread CPU time against that of one job; None where the tool takes no --jobs."""
-        if not self.bench.one_job:
+        subcommand, *options = tool.split()
+        if not self.bench.jobs(subcommand):
             return None
         if tool not in self._one_job:
             files = [f"{self.bench.trace(JOBS_RECORDS)}0"] * (2 if tool == "diff" else 1)
-            one, two = (thread_times.run(self.bench.qtrace, *tool.split(), "--jobs", jobs, *files, accept=(0, 3))
-                        for jobs in (1, 2))
+            one, two = (thread_times.run(self.bench.qtrace, subcommand, *options, *self.bench.jobs(subcommand, jobs), *files,
+                                         accept=(0, 3)) for jobs in (1, 2))
             self._one_job[tool] = {"busiest": sum(two[:2]) / sum(one), "total": sum(two) / sum(one)}
         return Measured(self._one_job[tool][what])
 
@@ -88,7 +89,7 @@ def quartiles(values):
 
 def marginal_costs(bench, *command):
     """Instructions per record between each two sizes of a trace, so that the start of the program does not count."""
-    totals = [callgrind_profile.run(bench.qtrace, *command, *bench.one_job, f"{bench.trace(records)}0")[0].total()
+    totals = [callgrind_profile.run(bench.qtrace, *command, *bench.jobs(command[0]), f"{bench.trace(records)}0")[0].total()
               for records in GROWTH_RECORDS]
     return [(more - less) / (GROWTH_RECORDS[i + 1] - GROWTH_RECORDS[i])
             for i, (less, more) in enumerate(zip(totals, totals[1:]))]
