@@ -3,7 +3,8 @@ instead of linked slots, every size of the curve by looking at a list, no short 
 
     figures = tlb_plain.replay(items, **options)
 
-`items` are the objects that `qtrace dump --json` prints; the result has the members of `qtrace tlb --json`.
+`items` are the objects that `qtrace dump --json` prints. Where items are missing, the next one may have a member
+`context`, the partition and the process in force before it. The result has the members of `qtrace tlb --json`.
 """
 
 PAGE_BITS = {0: 12, 1: 16, 2: 21, 3: 30, 4: 24}
@@ -274,6 +275,8 @@ class Feed:
             if self.record_lost(item, header) or (header and self.headers not in (item["header"], None)):
                 self.told, self.fresh, self.current = "nothing", False, None
                 self.headers = None  # a record does not tell how many headers were lost
+                if "context" in item:
+                    self.enter(*item["context"])
             self.records = item["before_record"] if header else item["record"] + 1
             if header:
                 self.headers = item["header"] + 1
@@ -335,10 +338,13 @@ class Feed:
         self.fresh = isinstance(self.named, dict)
         self.told = "page" if self.fresh else self.named
 
-    def header(self, item):
-        self.lpid, self.pid = number(item.get("lpid", "0x0")), number(item.get("pid", 0))
+    def enter(self, lpid, pid):
+        self.lpid, self.pid = lpid, pid
         self.moved = True
-        self.model.switch_to(self.lpid, self.pid)
+        self.model.switch_to(lpid, pid)
+
+    def header(self, item):
+        self.enter(number(item.get("lpid", "0x0")), number(item.get("pid", 0)))
         if "iar_is_present" in item:
             modes = item.get("guest_xlate_mode_instruction", 0), item.get("host_xlate_mode_instruction", 0)
             self.name(item, "iar", "iar_rpn_is_present" in item, modes, number(item.get("iar", "0x0")))

@@ -98,7 +98,7 @@ void Thread_Data::loss(const QTRACE_Item &next, const std::string &text, const Q
 {
     counts.loss(context);
     for (Model &model : models_)
-        model.feed.loss(nullptr);
+        model.feed.loss(context);
     gap_count++;
     if (gaps.size() < MOST_GAPS)
         gaps.push_back({next.record_number, text});

@@ -344,7 +344,7 @@ std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file
     uint64_t next_record = 0, next_header = 0;
     while (const QTRACE_Item *item = file.next()) {
         if (item->record_number != next_record || item->header_number != next_header)
-            feed.loss(nullptr);
+            feed.loss(file.context());
         const bool header = item->kind == QTRACE_ITEM_HEADER;
         header ? feed.header(item->header) : feed.record(*item);
         next_record = item->record_number + !header;
