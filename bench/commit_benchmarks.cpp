@@ -280,7 +280,7 @@ void run_long_session(benchmark::State &state)
     set_commits(state, commits);
 }
 
-// Every thread executes the same stretch; after each instruction it is the next thread's turn.
+// Every thread executes the same instructions; after each instruction it is the next thread's turn.
 void run_interleaved(benchmark::State &state)
 {
     const auto threads = static_cast<uint32_t>(state.range(0));

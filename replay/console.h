@@ -22,7 +22,7 @@ public:
     ~Console();
 
     // Obeys one line. False when it failed: a mistake in the line, something that could not be done, or a warning
-    // or error of the plugin while it was done. `where` ("script:12") goes in front of the console's complaints.
+    // or error of the plugin while it was done. `where` ("script:12") goes before the console's messages.
     bool obey(std::string_view line, const std::string &where = {});
 
     // Obeys lines until the end, `quit`, or a Player::stop(). A failing line does not end the script unless

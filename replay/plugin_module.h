@@ -29,7 +29,7 @@ public:
     const std::string &file() const { return file_; }
     const std::vector<std::string> &events() const { return events_; } // names of the handlers that were found
 
-    // plugin_signal with `words` behind the plugin's file name, or behind what the user typed for it.
+    // plugin_signal with `words` after the plugin's file name, or after what the user typed for it.
     void signal(const std::vector<std::string> &words) { signal(file_, words); }
     void signal(const std::string &typed, const std::vector<std::string> &words);
 

@@ -163,7 +163,7 @@ bool Line_Source::next(std::string_view &line)
         if (stop - begin_ > MAX_LINE)
             throw Input_Error("expected a line of at most " + std::to_string(MAX_LINE) + " bytes");
         if (found || (at_end_ && stop > begin_)) {
-            buffer_[stop] = '\0'; // what stands behind a line is no business of its parser
+            buffer_[stop] = '\0'; // what stands after a line is no business of its parser
             line = {buffer_.get() + begin_, stop - begin_};
             ++number_;
             begin_ = scanned_ = found ? stop + 1 : stop;
@@ -186,7 +186,7 @@ uint64_t Line_Source::bytes_used() const
     return source_.bytes_used() - (source_.compressed() ? 0 : end_ - begin_);
 }
 
-// Moves what is not handed out yet to the front of a buffer that takes a refill behind it.
+// Moves what is not handed out yet to the front of a buffer that takes a refill after it.
 void Line_Source::make_room()
 {
     const size_t waiting = end_ - begin_;

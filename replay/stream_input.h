@@ -67,7 +67,7 @@ class Line_Source
 {
 public:
     static constexpr size_t MAX_LINE = 1 << 20; // bytes, without the line end
-    static constexpr size_t PADDING = 64;       // readable bytes behind every line
+    static constexpr size_t PADDING = 64;       // readable bytes after every line
 
     explicit Line_Source(const std::string &file, const Stop_Request *stop = nullptr);
 

@@ -33,7 +33,7 @@ struct Command_Info {
 CLI::Option *declare_files(CLI::App &app, std::vector<std::string> &files);
 void require_files(const std::vector<std::string> &files);
 
-// An option that takes a number: decimal, or hexadecimal behind 0x, and below 2^64.
+// An option that takes a number: decimal, or hexadecimal after 0x, and below 2^64.
 CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &number,
                             const std::string &description);
 // Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.

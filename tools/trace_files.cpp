@@ -172,7 +172,7 @@ const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind, const QTRACE_Item *i
     return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : nullptr;
 }
 
-// A place is met again when the reader goes back in front of it.
+// A place is met again when the reader goes back before it.
 void Trace_File::note_loss(const QTRACE_Discontinuity &damage)
 {
     if (std::ranges::find(losses_, damage.offset, &Loss::offset) != losses_.end())

@@ -69,7 +69,7 @@ public:
         const QTRACE_ITEM kind = qtrace_next(reader_.get(), &item);
         return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : next_after(kind, item);
     }
-    // Goes to that record, to the headers in front of it. False: there is none.
+    // Goes to that record, to the headers before it. False: there is none.
     bool seek(uint64_t record) { return qtrace_seek(reader_.get(), record) == 0; }
 
     // The header in force at the item delivered last; null before any.
@@ -81,7 +81,7 @@ public:
         uint64_t offset;
         std::string text; // where, why, and how many records, when that is known
     };
-    // Those met so far, each once; a new one stands in front of the item delivered last.
+    // Those met so far, each once; a new one stands before the item delivered last.
     const std::vector<Loss> &losses() const { return losses_; }
     // Reads the payloads of all blocks too, so that info() knows of every damaged place.
     void verify();

@@ -260,7 +260,7 @@ void del_tree(Node *node)
 {
     if (s1)
         reset_stack(s1);
-    // Needs no stack, so that it works also where none could be made: a side chain is moved in front of its
+    // Needs no stack, so that it works also where none could be made: a side chain is moved before its
     // owner's successor, and what is left is a plain chain.
     while (node) {
         if (node->right) {

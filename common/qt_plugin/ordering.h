@@ -57,7 +57,7 @@ Node *insert_right_or_below(Node *start, Node *node);
 // Frees everything reachable from `node`. Null is allowed.
 void del_tree(Node *node);
 
-// Writes every node of the tree but the last one reached (the newest commit), side chains right behind the node
+// Writes every node of the tree but the last one reached (the newest commit), side chains right after the node
 // that flushed them.
 void dump_tree_right(Node *first);
 

@@ -140,7 +140,7 @@ static bool drops_thread_number()
     return enable_qt_remove_permanent_thread0_id_from_trace_file && processor_num == 1 && thread_num == 1;
 }
 
-// A thread's file: the user's name with the thread's index behind it, or, for the only thread of a machine when so
+// A thread's file: the user's name with the thread's index after it, or, for the only thread of a machine when so
 // configured, without its last character. Returns false, with a report, when the name has no place.
 static bool build_file_name(char (&name)[MAX_FILE_NAME], const char *base, int tid)
 {
@@ -480,7 +480,7 @@ void resume_all_collection()
 
 // ---- Commands: start, stop, warm --------------------------------------------------------------------------------
 
-// The operand behind the word argv[at]; null, with a report, when there is none.
+// The operand after the word argv[at]; null, with a report, when there is none.
 static const char *file_operand(int argc, char **argv, int at, const char *missing)
 {
     if (at + 1 < argc)
@@ -489,7 +489,7 @@ static const char *file_operand(int argc, char **argv, int at, const char *missi
     return nullptr;
 }
 
-// Reads the pairs behind the binary file's name. A missing name ends the scan, not the command.
+// Reads the pairs after the binary file's name. A missing name ends the scan, not the command.
 static void read_start_pairs(int argc, char **argv, const char *&txt_file, const char *&pte_file)
 {
     int at = 3;

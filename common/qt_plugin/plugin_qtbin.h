@@ -40,7 +40,7 @@ typedef enum PARTITION_TYPE { HOST = 0, GUEST = 1 } PARTITION_TYPE;
 #define UNKNOWN_STRING_LENGTH 0xFFFF
 #define SAMPLE_RATE           262144 /* instructions between two throughput lines */
 #define MAX_FILE_NAME         256    /* bytes of an output file's name, terminator included */
-#define HOST_WALKS            5      /* host walks behind one guest translation */
+#define HOST_WALKS            5      /* host walks of one guest translation */
 #define GUEST_LEVELS          4      /* guest table entries that a host walk translates */
 
 /* ---- Records ----------------------------------------------------------------------------------------- */

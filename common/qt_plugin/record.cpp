@@ -209,7 +209,7 @@ static void put_first_instruction(QTRACE_FILE_HDR &header, Node *p)
     put_control(header.sec_ext_controlword.control, instruction_modes(p->pc_radix_type));
 }
 
-// The header in front of a stretch of tracing. Returns 1 when it was written.
+// The header before a trace segment. Returns 1 when it was written.
 SELDOM boolean write_file_header(Node *p)
 {
     QTRACE_FILE_HDR header;

@@ -1,4 +1,4 @@
-// A node into a trace record, with the file headers that belong in front of it. Asks the host nothing.
+// A node into a trace record, with the file headers that belong before it. Asks the host nothing.
 #pragma once
 
 #include "plugin_qtbin.h"

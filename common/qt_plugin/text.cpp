@@ -22,7 +22,7 @@ const char *get_xlate_type_string(RDX_XLATE_MODE mode)
 // The two sections of a line differ on purpose in a few places; readers rely on each difference. What differs is
 // said here, the rest is written once.
 struct Text_Side {
-    Short_Word label;          // in front of the names of walk items
+    Short_Word label;          // before the names of walk items
     bool continues_group;      // hashed-page-table items continue the "(DEA:" group: ", " in front, no parentheses
     bool real_has_page_number; // the host-real item is followed by the page number
     bool guest_real_hpt_on;    // mode 16 with translation on is written like mode 14

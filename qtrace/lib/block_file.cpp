@@ -79,7 +79,7 @@ const uint8_t *Block_File::unpack(const Block_Header &header)
 {
     if (header.compression == STORED)
         return stored_.data();
-    // The library would take frames behind one another, and pass over those to be skipped, without a word.
+    // The library would take several frames, and pass over those to be skipped, without a word.
     if (!context_ || header.stored_size < sizeof(uint32_t) || load<uint32_t>(stored_.data()) != ZSTD_MAGICNUMBER ||
         ZSTD_findFrameCompressedSize(stored_.data(), header.stored_size) != header.stored_size)
         return nullptr;

@@ -1,4 +1,4 @@
-// Records as columns, behind qtrace_columns.h.
+// Records as columns: the functions of qtrace_columns.h.
 #include "columns.h"
 
 #include "address_view.h"

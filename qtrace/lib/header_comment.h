@@ -18,7 +18,7 @@ struct Header_Comment {
 };
 
 // Takes `text` apart. False when it is not exactly such a comment: every key once, in order, with a value of its
-// kind, page sizes in ascending order, nothing behind.
+// kind, page sizes in ascending order, nothing after.
 bool parse_comment(std::string_view text, Header_Comment &comment);
 
 } // namespace trace

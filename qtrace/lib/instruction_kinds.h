@@ -22,9 +22,9 @@ struct Instruction_Info {
 // By the encoding of the traced machine's instruction set.
 Instruction_Info instruction_info(uint32_t word);
 
-// How a record's branch went. `undecided`: the last record of a stretch of tracing does not tell.
+// How a record's branch went. `undecided`: the last record of a trace segment does not tell.
 enum class Branch_Outcome : uint8_t { no_branch, undecided, not_taken, taken, unconditional };
-// An interrupt behind an untaken branch changes the address too; where the target is in the word it is told apart.
+// An interrupt after an untaken branch changes the address too; where the target is in the word it is told apart.
 Branch_Outcome branch_outcome(const QTRACE_RECORD &record, uint64_t address);
 
 // ---- Kinds of a record -------------------------------------------------------------------------------------

@@ -73,7 +73,7 @@ void put_translation(QTRACE_RECORD &record, Address_Side side, const Translation
     store(to + PAGE_NUMBER, static_cast<uint32_t>(small));
 }
 
-// The entries of one list behind those found before.
+// The entries of one list after those found before.
 static void add_list(uint8_t *registers, size_t list, Register_Places &places)
 {
     const Register_List_Info &info = REGISTER_LIST[list];

@@ -108,7 +108,7 @@ const Trace_Member *find_record_member(std::string_view name)
 namespace
 {
 
-// A record is looked at word by word in two places: up to the register entries, whose counts say enough, and behind
+// A record is looked at word by word in two places: up to the register entries, whose counts say enough, and after
 // them. Most words are zero, and so four are passed over at once.
 constexpr size_t WORD = sizeof(uint64_t);
 constexpr size_t PIECE = 4 * WORD;

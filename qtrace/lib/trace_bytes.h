@@ -47,7 +47,7 @@ struct Byte_Sink {
         store(at, value);
         at += sizeof value;
     }
-    // Without a branch, for what cannot be foreseen. The bytes behind `at` are overwritten in any case.
+    // Without a branch, for what cannot be foreseen. The bytes after `at` are overwritten in any case.
     template <class Number> void number_if(bool wanted, Number value)
     {
         store(at, value);
@@ -68,7 +68,7 @@ struct Byte_Sink {
             std::memcpy(at, from, count);
         at += count;
     }
-    // The lowest `count` bytes of `value`, 0 to 8. Eight bytes behind `at` are overwritten.
+    // The lowest `count` bytes of `value`, 0 to 8. Eight bytes after `at` are overwritten.
     void low_bytes(uint64_t value, unsigned count)
     {
         store(at, value);

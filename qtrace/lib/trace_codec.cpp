@@ -19,7 +19,7 @@ struct Byte_Range {
     size_t offset, size;
 };
 
-// The next run at or after `from`: begins with a byte that is set, ends behind one.
+// The next run at or after `from`: begins with a byte that is set, ends after one.
 Byte_Range next_run(const uint8_t *image, size_t from, size_t size)
 {
     while (from < size && image[from] == 0)
@@ -31,7 +31,7 @@ Byte_Range next_run(const uint8_t *image, size_t from, size_t size)
     return {from, end - from};
 }
 
-// Per run: zero bytes in front of it, its size, its bytes; a size of 0 ends the image.
+// Per run: zero bytes before it, its size, its bytes; a size of 0 ends the image.
 void encode_image(Byte_Sink &to, const void *structure, size_t size)
 {
     const auto *image = static_cast<const uint8_t *>(structure);

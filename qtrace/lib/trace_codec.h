@@ -36,7 +36,7 @@ public:
     // Whether the item still fits; when not, the block has to be sealed first.
     bool has_room_for(const QTRACE_RECORD &record);
     bool has_room_for(const QTRACE_FILE_HDR &header) const;
-    // Goes on as behind an item that is left out of the trace. The block has no more room then: the next one begins
+    // Goes on as after an item that is left out of the trace. The block has no more room then: the next one begins
     // with the address and the open header of that place.
     void leave_out(const QTRACE_RECORD &record);
     void leave_out(const QTRACE_FILE_HDR &header);
@@ -81,8 +81,8 @@ private:
     static constexpr size_t MAX_RECORD = 5120; // encoded bytes, whatever is in it
     size_t sure_room_ = 0;                     // so many bytes are left, or more
     bool surely_common_ = false;               // the next record has no uncommon members
-    Position first_, behind_;                  // of this block; behind what is left out
-    bool passed_over_ = false;                 // items behind those of this block
+    Position first_, behind_;                  // of this block; after what is left out
+    bool passed_over_ = false;                 // items after those of this block
 };
 
 // Reads the items of one block after the other. The payload must stay where it is while they are read.

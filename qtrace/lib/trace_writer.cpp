@@ -128,7 +128,7 @@ private:
 
 // Items gather in the encoder. A full block is sealed into `sealed_` and written from there; what could not be
 // written stays there, and every later operation goes on with it first, where it stopped. So a failed write never
-// leaves a torn block in front of a whole one, and only items that were refused are missing.
+// leaves a torn block before a whole one, and only items that were refused are missing.
 class Trace_File
 {
 public:
@@ -176,9 +176,9 @@ private:
             headers += more.headers;
         }
     };
-    Counts before_;           // items in front of the encoder's block, written or refused
-    Counts refused_;          // items behind it
-    bool gap_before_ = false; // refused ones are in front of it, and no block has said so yet
+    Counts before_;           // items before the encoder's block, written or refused
+    Counts refused_;          // items after it
+    bool gap_before_ = false; // refused ones are before it, and no block has said so yet
 };
 
 int Trace_File::open()
@@ -244,7 +244,7 @@ void Trace_File::seal_payload(Press &press, Block_Header header, const uint8_t *
     sealed_.resize(begin + header.size());
 }
 
-// Moves the encoder's block to sealed_, its outside comment in front of it.
+// Moves the encoder's block to sealed_, its outside comment before it.
 void Trace_File::seal(uint8_t flags)
 {
     const Press_Loan press;

@@ -193,7 +193,7 @@ template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8
     }
 }
 
-// `GENERAL` is the last list of five; the other four stand in front of it.
+// `GENERAL` is the last list of five; the other four stand before it.
 template <size_t GENERAL> QT_INLINE void add_unused_registers(Sums &sums, const uint8_t *registers)
 {
     const auto others = load<uint32_t>(registers + GENERAL - 4);

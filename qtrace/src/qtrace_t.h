@@ -48,7 +48,7 @@ typedef uint8_t QTRACE_PID[QTRACE_PID_LENGTH];
 
 /* ---- Radix walks ------------------------------------------------------------------------------------- */
 
-#define RDX_MAX_2LEVEL_DEPTH 5 /* host walks behind one guest translation: its table entries and the final one */
+#define RDX_MAX_2LEVEL_DEPTH 5 /* host walks of one guest translation: its table entries and the final one */
 #define RDX_MAX_GUEST_LEVELS 4 /* guest table entries that a host walk translates */
 
 /* One host walk: real addresses of the directory entries of levels 1 to 3 and of the page-table entry. */
@@ -256,7 +256,7 @@ typedef struct QTRACE_REGISTERS {
 
 /* ---- File header ------------------------------------------------------------------------------------- */
 
-/* Stands before the first record of a stretch of tracing, and (with nothing but lpid and pid) wherever the
+/* Stands before the first record of a trace segment, and (with nothing but lpid and pid) wherever the
  * partition or process changes. */
 typedef struct QTRACE_FILE_HDR {
     QTRACE_FILE_HDR_CNTRL control;

@@ -91,7 +91,7 @@ class Killed(faults.Fault_Test):
                 lines_here, is_cut = self.check_text(tid)
                 cut_lines += is_cut
                 records_here, cut = self.check_trace(tid)
-                # a record is written right behind its line, but kept until its block is full
+                # a record is written right after its line, but kept until its block is full
                 self.assertLessEqual(records_here, lines_here)
                 lines, records = lines + lines_here, records + records_here
                 torn += cut

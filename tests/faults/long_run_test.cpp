@@ -161,7 +161,7 @@ private:
 
     int tid_;
     bool paused_ = false;
-    bool header_due_ = true; // in front of the next record
+    bool header_due_ = true; // before the next record
     uint64_t number_ = 0;
     uint32_t told_pid_ = 0;
     replay::Thread_Context context_;

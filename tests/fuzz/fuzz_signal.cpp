@@ -1,7 +1,7 @@
 // Whatever words a command has and whenever it comes, the plugin does what its model does: the same calls of the
 // writer, the same texts, files and state after every step.
 //
-// The first byte of an input is the machine. Every line behind it is a step, or several: a line that begins with '!'
+// The first byte of an input is the machine. Every line after it is a step, or several: a line that begins with '!'
 // has an event a byte, any other is a command of words with one blank between them, so that two blanks make an empty
 // word and an empty line a command without any.
 //
@@ -9,7 +9,7 @@
 // - A pause or resume of a thread whose earlier request still waits for a commit, and a session of a plugin that is not
 //   loaded: both end the process by assertion. Plugin_Model::would_abort knows them, and the run skips them.
 // - What is in a file that two streams of a session have opened under one name: they write over one another.
-// - Filtered instructions: each leaves its node behind by design, and millions would fill the memory.
+// - Filtered instructions: each leaks its node by design, and millions would fill the memory.
 
 #include "model_run.h"
 #include "model_steps.h"

@@ -476,7 +476,7 @@ TEST_F(trace_file, seeking_to_a_record_behind_damage_comes_to_the_record)
             ;
         ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
         const uint64_t first = item->record_number;
-        // In front of the first one there is still the damage; in front of its neighbour there is the first one.
+        // Before the first one there is still the damage; before its neighbour there is the first one.
         ASSERT_EQ(qtrace_seek(reader, first), 0);
         EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DISCONTINUITY);
         EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
@@ -485,7 +485,7 @@ TEST_F(trace_file, seeking_to_a_record_behind_damage_comes_to_the_record)
             ASSERT_EQ(qtrace_seek(reader, record), 0);
             ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_RECORD);
             EXPECT_EQ(item->record_number, record);
-            EXPECT_EQ(item_of(*item), written_.at(record + 1)); // a header stands in front of all
+            EXPECT_EQ(item_of(*item), written_.at(record + 1)); // a header stands before all
         }
         qtrace_close(reader);
     }

@@ -30,7 +30,7 @@ HostRadixTree by_depth(const HostRadixTree &walk, uint8_t host_depth)
     return kept;
 }
 
-// The entries of a guest's walk and of the host walks behind it that the depths say are there.
+// The entries of a guest's walk and of the host walks after it that the depths say are there.
 template <class Walks, class Real_Addresses>
 void copy_nested_walk(Translation &to, const Walks &host_walk, const Real_Addresses &host_ra,
                       const GuestRadixTree &guest, uint8_t host_depth, uint8_t guest_depth)

@@ -76,7 +76,7 @@ void add_control(Members &members, const std::string &prefix, size_t offset)
               {"unused bits", 16}});
 }
 
-// The walks of an address block stand behind each other; `offset` is that of the first host walk.
+// The walks of an address block stand after each other; `offset` is that of the first host walk.
 void add_walks(Members &members, const std::string &prefix, size_t offset)
 {
     const auto add = [&](const std::string &name) {

@@ -38,7 +38,7 @@ struct Rtpte_Access {
     RTPTE_Event_Info info{};
 };
 
-// The words behind the plugin's file name. A leading '@' stands for the run's folder and a slash.
+// The words after the plugin's file name. A leading '@' stands for the run's folder and a slash.
 struct Console_Command {
     std::vector<std::string> words;
 };

@@ -217,7 +217,7 @@ size_t aligned(size_t offset, size_t align)
     return (offset + align - 1) / align * align;
 }
 
-// The members come in this order, each as wide as it must be, with nothing but alignment between and behind them.
+// The members come in this order, each as wide as it must be, with nothing but alignment between and after them.
 void expect_layout(const std::vector<Member> &members, size_t record_size)
 {
     size_t end = 0, widest = 1;

@@ -21,7 +21,7 @@ extern "C" {
 size_t __real_fwrite(const void *data, size_t size, size_t count, FILE *stream);
 size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *stream)
 {
-    if (qfile_in_pte) // other code writes too, the coverage run time even behind the end of main
+    if (qfile_in_pte) // other code writes too, the coverage run time even after the end of main
         blocks_written.emplace_back(size, count);
     return __real_fwrite(data, size, count, stream);
 }

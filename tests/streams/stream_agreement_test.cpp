@@ -52,7 +52,7 @@ std::string contents_of(const fs::path &file)
     return contents.str();
 }
 
-// Items of a trace file: the headers in front of a record, and the record.
+// Items of a trace file: the headers before a record, and the record.
 struct Trace_Entry {
     std::vector<QTRACE_FILE_HDR> headers;
     std::vector<std::string> comments;

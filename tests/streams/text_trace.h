@@ -28,7 +28,7 @@ struct Text_Line {
     Recorded_Registers in, out; // in the order of the line: vector before vector-scalar, both of kind 'v'
 };
 
-// The lines of one record: what stands in front of it, and its own.
+// The lines of one record: what stands before it, and its own.
 struct Text_Entry {
     std::optional<std::string> comment;          // after the line of a file header
     std::optional<std::string> partition_change; // the whole line

@@ -44,6 +44,6 @@ private:
 // A completed and committed instruction word 0x60000000 at 0x1000, seq 7, user mode, not a branch, no access.
 Node plain_node();
 
-// `text` with every '~' replaced by as many zeros as make the hexadecimal digits behind it sixteen:
+// `text` with every '~' replaced by as many zeros as make the hexadecimal digits after it sixteen:
 // "0x~A01" is "0x0000000000000A01".
 std::string full(const std::string &text);

@@ -69,7 +69,7 @@ struct Partition {
     auto operator<=>(const Partition &) const = default; // NOLINT(modernize-use-nullptr): there is no 0
 };
 
-inline constexpr size_t UNKNOWN_CASE = 16; // behind the 16 mode pairs
+inline constexpr size_t UNKNOWN_CASE = 16; // after the 16 mode pairs
 
 // Plain sums. All of them are added up when traces are taken together.
 struct Trace_Sums {

@@ -247,7 +247,7 @@ struct Header_View {
     const QTRACE_Item &item;
     const QTRACE_FILE_HDR &header;
     Flag_Words words;
-    bool full; // opens a stretch of tracing; else it names a new partition or process
+    bool full; // opens a trace segment; else it names a new partition or process
     std::string_view text;
     Header_Comment comment;
     bool comment_good;
@@ -380,7 +380,7 @@ unsigned walks_of(const Translated_Address &a)
     return std::min<unsigned>(a.guest_depth, RDX_MAX_2LEVEL_DEPTH);
 }
 
-// Directory entries behind the first `levels` of a host walk.
+// Directory entries after the first `levels` of a host walk.
 bool has_directory_behind(const QTRACE_RTW &walk, unsigned levels)
 {
     return filled(&walk.RTPDE_ra_l1 + levels, 3 - levels);

@@ -41,7 +41,7 @@ const std::vector<Check_Rule> &check_rules();
 // One place where a rule is broken.
 struct Violation {
     const Check_Rule &rule;
-    uint64_t record;  // of a header: of the record behind it
+    uint64_t record;  // of a header: of the record after it
     uint64_t address; // of the record
     bool address_known;
     bool in_header;

@@ -13,7 +13,7 @@ namespace
 
 // ---- Parsing -------------------------------------------------------------------------------------------
 
-// Decimal, or hexadecimal behind "0x". Negative numbers as 64-bit patterns.
+// Decimal, or hexadecimal after "0x". Negative numbers as 64-bit patterns.
 uint64_t parse_number(std::string_view text)
 {
     const bool hex = text.starts_with("0x");
@@ -57,7 +57,7 @@ private:
 
     Text_Line &line_;
     bool branch_ = false;    // the word before was "branch"
-    bool registers_ = false; // behind the first register item
+    bool registers_ = false; // after the first register item
     bool output_ = false;
     std::string_view register_; // "r8"
     size_t host_walk_ = 0;
@@ -309,7 +309,7 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
         differ("text-node-number", "the node number at the end", *line.nn, record.termination_node);
     if (flags.next_instruction_EA_present)
         differ("text-next-address", "the next address", line.next, number(record.next_instruction_ea));
-    // (an interrupt behind an untaken branch changes the address too)
+    // (an interrupt after an untaken branch changes the address too)
     if (line.branch && *line.branch == "untaken" && line.next == item.address + 4)
         differ("text-branch", "the change of address behind an untaken branch", 0, flags.iar_change_present);
     else if (line.branch && *line.branch == "taken" && flags.termination_present)

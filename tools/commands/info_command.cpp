@@ -13,7 +13,7 @@ namespace
 // A header and where it stands.
 struct Placed_Header {
     uint64_t number;        // headers before it
-    uint64_t before_record; // the record it stands in front of
+    uint64_t before_record; // the record it stands before
     QTRACE_FILE_HDR header;
     std::string comment;
 
@@ -52,8 +52,8 @@ private:
     std::vector<Placed_Header> headers_;
 };
 
-// Headers in front of the records `from` to `to` - 1, of which `headers_before` stand in front of record `from` and
-// those before it, without the ones directly in front of it.
+// Headers before the records `from` to `to` - 1, of which `headers_before` stand before record `from` and
+// those before it, without the ones directly before it.
 void Header_Finder::search(uint64_t from, uint64_t to, uint64_t before, uint64_t after)
 {
     if (before == after)

@@ -1,4 +1,4 @@
-// Where the tool's data goes: a buffer in front of a file descriptor, filled without formatting machinery where
+// Where the tool's data goes: a buffer before a file descriptor, filled without formatting machinery where
 // speed matters.
 #pragma once
 
