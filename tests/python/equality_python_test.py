@@ -1,6 +1,7 @@
 """Every column of every record is what the plain reader and `qtrace dump --json` say."""
 import itertools
 import json
+import os
 import subprocess
 
 import traced_streams
@@ -10,8 +11,9 @@ import numpy as np
 import qtrace
 from qtrace import plain
 
-WHOLE = ("sample", "guest")  # read whole by the plain reader; of the others every fourth block
-COUNT = 20000  # records of each stream whose JSON lines are compared
+LONG = os.environ.get("QT_LONG") == "1"
+WHOLE = STREAMS if LONG else ("sample", "guest")  # read whole by the plain reader; of the others every fourth block
+COUNT = 1_000_000 if LONG else 20_000  # records of each stream whose JSON lines are compared
 MODES = ("radix", "hpt", "real", "none")
 COLUMNS = [name for name in (*qtrace.DEFAULT_COLUMNS, "has_address", "termination_node", "processor")]
 SIMPLE = {"word": "instruction", "flags": "control", "node": "node", "termination_node": "termination_node",
