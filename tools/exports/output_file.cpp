@@ -32,11 +32,32 @@ extern "C" void remove_unfinished(int signal)
     throw std::system_error(error, std::generic_category(), name);
 }
 
+// From here on an interrupt removes the file of this name.
+void arm(const std::string &path)
+{
+    if (path.size() < sizeof unfinished_name)
+        path.copy(unfinished_name, path.size());
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, remove_unfinished);
+}
+
+void disarm()
+{
+    std::fill(std::begin(unfinished_name), std::end(unfinished_name), '\0');
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, SIG_DFL);
+}
+
+// Armed first, so that there is no moment in which an interrupt would leave the file.
 int create(const std::string &path, const std::string &name)
 {
+    arm(path);
     const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (descriptor < 0)
-        fail(name, errno);
+    if (descriptor < 0) {
+        const int error = errno;
+        disarm();
+        fail(name, error);
+    }
     return descriptor;
 }
 
@@ -53,19 +74,13 @@ Output_File::Output_File(const std::string &name, bool replace)
     : name_(refuse_existing(name, replace)), unfinished_(name + ".unfinished-" + std::to_string(getpid())),
       replace_(replace), descriptor_(create(unfinished_, name_)), out_(descriptor_)
 {
-    if (unfinished_.size() < sizeof unfinished_name)
-        unfinished_.copy(unfinished_name, unfinished_.size());
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(signal, remove_unfinished);
 }
 
 Output_File::~Output_File()
 {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        std::signal(signal, SIG_DFL);
-    std::fill(std::begin(unfinished_name), std::end(unfinished_name), '\0');
     if (!unfinished_.empty())
         unlink(unfinished_.c_str());
+    disarm();
     if (descriptor_ >= 0)
         close(descriptor_);
 }
