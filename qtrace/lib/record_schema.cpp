@@ -1,5 +1,10 @@
 #include "record_rows.h"
 
+#include <type_traits>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace trace
 {
 namespace
@@ -150,8 +155,22 @@ consteval std::array<Member_Set, 64> members_of_control_bits()
                 members[bit].add(row);
     return members;
 }
-constexpr std::array<Member_Set, 64> MEMBERS_OF_CONTROL_BIT = members_of_control_bits();
 static_assert(std::size(RECORD_ROWS) <= Member_Set::CAPACITY);
+
+// By byte of the control word and its value: a record's flags are looked up a byte at a time.
+using Members_Of_Bytes = std::array<std::array<Member_Set, 256>, sizeof(control_word)>;
+consteval Members_Of_Bytes members_of_control_bytes()
+{
+    const std::array<Member_Set, 64> members_of_bit = members_of_control_bits();
+    Members_Of_Bytes members;
+    for (size_t byte = 0; byte < members.size(); byte++)
+        for (size_t value = 1; value < members[byte].size(); value++) {
+            members[byte][value] = members[byte][value & (value - 1)];
+            members[byte][value] |= members_of_bit[8 * byte + static_cast<size_t>(std::countr_zero(value))];
+        }
+    return members;
+}
+constexpr Members_Of_Bytes MEMBERS_OF_CONTROL_BYTE = members_of_control_bytes();
 
 } // namespace
 
@@ -169,7 +188,7 @@ static uint64_t any_of_piece(const uint8_t *bytes)
     return any != 0 ? 1 : 0;
 }
 
-Member_Set maybe_filled(const QTRACE_RECORD &record)
+static Member_Set search_anywhere(const QTRACE_RECORD &record)
 {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
     uint64_t pieces = any_of_piece(bytes + LAST_PIECE) << FRONT_PIECES;
@@ -185,26 +204,93 @@ Member_Set maybe_filled(const QTRACE_RECORD &record)
     return members;
 }
 
+#if defined(__x86_64__)
+[[gnu::target("avx2")]] static inline __m256i wide_at(const uint8_t *bytes)
+{
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(bytes));
+}
+
+[[gnu::target("avx2")]] static inline void add_piece(Member_Set &members, const uint8_t *bytes, size_t piece)
+{
+    const __m256i zero = _mm256_cmpeq_epi64(wide_at(bytes + piece_offset(piece)), _mm256_setzero_si256());
+    auto words = static_cast<unsigned>(_mm256_movemask_pd(_mm256_castsi256_pd(zero))) ^ 0xF;
+    for (; words != 0; words &= words - 1)
+        members |= MEMBERS_OF_WORD[piece][static_cast<size_t>(std::countr_zero(words))];
+}
+
+// Four pieces at once are passed over where all are zero.
+[[gnu::target("avx2")]] static Member_Set search_with_avx2(const QTRACE_RECORD &record)
+{
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    Member_Set members;
+    size_t piece = 0;
+    for (; piece + 4 <= FRONT_PIECES; piece += 4) {
+        const uint8_t *from = bytes + piece * PIECE;
+        const __m256i any = _mm256_or_si256(_mm256_or_si256(wide_at(from), wide_at(from + PIECE)),
+                                            _mm256_or_si256(wide_at(from + 2 * PIECE), wide_at(from + 3 * PIECE)));
+        if (_mm256_testz_si256(any, any) == 0)
+            for (size_t i = piece; i < piece + 4; i++)
+                add_piece(members, bytes, i);
+    }
+    for (; piece < PIECES; piece++)
+        add_piece(members, bytes, piece);
+    return members;
+}
+#endif
+
+static Member_Set (*fastest_search())(const QTRACE_RECORD &)
+{
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2"))
+        return search_with_avx2;
+#endif
+    return search_anywhere;
+}
+
+Member_Set maybe_filled(const QTRACE_RECORD &record)
+{
+    static Member_Set (*const search)(const QTRACE_RECORD &) = fastest_search();
+    return search(record);
+}
+
 Member_Set gated_by(const Flag_Words &flags)
 {
     Member_Set members;
-    for (uint64_t left = flags.control; left != 0; left &= left - 1)
-        members |= MEMBERS_OF_CONTROL_BIT[static_cast<size_t>(std::countr_zero(left))];
+    for (size_t byte = 0; byte < sizeof(flags.control); byte++)
+        members |= MEMBERS_OF_CONTROL_BYTE[byte][flags.control >> 8 * byte & 0xFF];
     return members;
+}
+
+// The last bytes are read with some of those before them, so that there is no loop over single ones.
+template <class Word> static bool is_zero_by(const uint8_t *bytes, size_t size)
+{
+    const auto at = [bytes](size_t offset) {
+        Word word;
+        std::memcpy(&word, bytes + offset, sizeof(word));
+        return word;
+    };
+    Word any = at(size - sizeof(Word));
+    for (size_t i = 0; i + sizeof(Word) < size; i += sizeof(Word))
+        any |= at(i);
+    if constexpr (std::is_integral_v<Word>)
+        return any == 0;
+    else
+        return (any[0] | any[1]) == 0;
 }
 
 bool is_zero(const uint8_t *bytes, size_t size)
 {
-    uint64_t any = 0;
-    size_t i = 0;
-    for (; i + 8 <= size; i += 8) {
-        uint64_t word;
-        std::memcpy(&word, bytes + i, 8);
-        any |= word;
-    }
-    for (; i < size; i++)
-        any |= bytes[i];
-    return any == 0;
+    using Pair = uint64_t __attribute__((vector_size(16)));
+    if (size >= sizeof(Pair))
+        return is_zero_by<Pair>(bytes, size);
+    if (size >= sizeof(uint64_t))
+        return is_zero_by<uint64_t>(bytes, size);
+    if (size >= sizeof(uint32_t))
+        return is_zero_by<uint32_t>(bytes, size);
+    if (size >= sizeof(uint16_t))
+        return is_zero_by<uint16_t>(bytes, size);
+    return size == 0 || bytes[0] == 0;
 }
 
 uint64_t member_value(const Trace_Member &member, const uint8_t *bytes)
