@@ -80,14 +80,14 @@ static void declare_list(CLI::App &app, const char *name, const char *type, cons
         ->type_name(type);
 }
 
-void Record_Filter::declare(CLI::App &app)
+void Record_Filter::declare(CLI::App &app, const Take_Word &take_kind)
 {
     declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
     declare_number(app, "--count", count_, "most records that are taken (of each file)");
-    declare_choices(app);
+    declare_choices(app, take_kind);
 }
 
-void Record_Filter::declare_choices(CLI::App &app)
+void Record_Filter::declare_choices(CLI::App &app, const Take_Word &take_kind)
 {
     declare_list(app, "--pid", "PID,...", "only these processes",
                  [this](const std::string &text) { pids_.push_back(parse_number(text, "--pid", UINT32_MAX)); });
@@ -101,7 +101,10 @@ void Record_Filter::declare_choices(CLI::App &app)
                  [this](const std::string &text) { reals_.push_back(parse_range(text)); });
     declare_list(app, "--kind", "KIND,...",
                  "only these kinds: load, store, branch, taken, string, call, return, system_call, cache, error",
-                 [this](const std::string &text) { kinds_ |= parse_kind(text); });
+                 [this, take_kind](const std::string &text) {
+                     if (!take_kind || !take_kind(text))
+                         kinds_ |= parse_kind(text);
+                 });
     declare_list(app, "--not", "KIND,...", "none of these kinds",
                  [this](const std::string &text) { not_kinds_ |= parse_kind(text); });
     declare_list(app, "--word", "WORD[/MASK],...", "only these instruction words; bits outside MASK do not count",

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <functional>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -17,9 +18,11 @@ namespace qtrace_tool
 class Record_Filter
 {
 public:
-    void declare(CLI::App &app);
+    // `take_kind` gets each word of --kind first, and returns whether it has taken it.
+    using Take_Word = std::function<bool(const std::string &)>;
+    void declare(CLI::App &app, const Take_Word &take_kind = {});
     // All but the range of numbers, which the command has itself.
-    void declare_choices(CLI::App &app);
+    void declare_choices(CLI::App &app, const Take_Word &take_kind = {});
     void begin_at(uint64_t record) { from_ = record; }
 
     uint64_t from() const { return from_; }

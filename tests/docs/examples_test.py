@@ -26,7 +26,7 @@ def trace(stream, base, more=""):
 
 
 def make_sample():
-    trace(SOURCE / "streams/sample.jsonl", "trace")
+    trace(SOURCE / "streams/sample.jsonl", "trace", " txt text pte pte")
 
 
 def make_two_cpu():

@@ -56,7 +56,18 @@ Trace long_trace(size_t records)
     return trace;
 }
 
-const std::string SUBCOMMANDS[] = {"info", "dump", "check", "stats", "tlb", "report", "diff", "recover", "plan", "export"};
+// The bytes of a page-table-entry file.
+std::string big_endian(std::initializer_list<uint64_t> words)
+{
+    std::string bytes;
+    for (const uint64_t word : words)
+        for (int shift = 56; shift >= 0; shift -= 8)
+            bytes += static_cast<char>(word >> shift & 0xFF);
+    return bytes;
+}
+
+const std::string SUBCOMMANDS[] = {"info",   "dump", "check",   "stats", "tlb",
+                                   "report", "diff", "recover", "plan",  "export"};
 
 } // namespace
 
@@ -634,17 +645,10 @@ TEST(check_pte, reports_each_walk_that_the_file_does_not_have_once)
         trace[place] = {false, {}, "", plain_record(0x60000000)};
     trace[CALL] = trace[SUSPECT_STORE] = trace[NESTED_LOAD];
     const std::string file = folder.write("trace0", trace);
-    const auto words = [](std::initializer_list<uint64_t> values) {
-        std::string bytes;
-        for (const uint64_t value : values)
-            for (int shift = 56; shift >= 0; shift -= 8)
-                bytes += static_cast<char>(value >> shift & 0xFF);
-        return bytes;
-    };
-    // an access of the other kind in front, then the walk of the header and the load
-    const std::string good = folder.text("pte0", words({1, 2, 3, 0x100, 0, 0, 0x200, 0x12008}));
+    // an access of the other kind first, then the walk of the header and the load
+    const std::string good = folder.text("pte0", big_endian({1, 2, 3, 0x100, 0, 0, 0x200, 0x12008}));
     EXPECT_EQ(qtrace({"check", "--pte", good, file}).exit_code, 0);
-    const std::string bad = folder.text("other0", words({1, 2, 3, 0x108, 0, 0, 0x200, 0x12008}));
+    const std::string bad = folder.text("other0", big_endian({1, 2, 3, 0x108, 0, 0, 0x200, 0x12008}));
     const Outcome outcome = qtrace({"check", "--json", "--pte", bad, file});
     EXPECT_EQ(outcome.exit_code, 3);
     EXPECT_EQ(json_lines(outcome.out).back()["violations"], json({{"pte-walk", 1}}));
@@ -679,6 +683,89 @@ TEST(check_pte, a_file_that_cannot_hold_accesses_is_an_error)
     }
     EXPECT_EQ(qtrace({"check", "--pte", "/dev/zero", file}).exit_code, 1);
     EXPECT_EQ(qtrace({"check", "--text", "/dev/zero", file}).exit_code, 1);
+}
+
+TEST(dump_pte, shows_radix_walks_with_their_names)
+{
+    const Folder folder;
+    const std::string file =
+        folder.text("pte0", big_endian({0xc10000, 0xc20000, 0, 0xc40010, 0x12008, 1, 2, 3, 4, 0x0fffffffffffffff}));
+    const Outcome outcome = qtrace({"dump", "--pte", file, "--kind", "radix"});
+    EXPECT_EQ(outcome.out, "         0 directories 0000000000c10000 0000000000c20000 0000000000000000"
+                           " entry 0000000000c40010 address 0000000000012008\n"
+                           "         1 directories 0000000000000001 0000000000000002 0000000000000003"
+                           " entry 0000000000000004 address 0fffffffffffffff\n");
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.exit_code, 0);
+    EXPECT_EQ(json_lines(qtrace({"dump", "--json", "--kind", "radix", "--pte", file}).out)[0],
+              json({{"file", file},
+                    {"access", 0},
+                    {"directory_1", "0xc10000"},
+                    {"directory_2", "0xc20000"},
+                    {"directory_3", "0x0"},
+                    {"entry", "0xc40010"},
+                    {"address", "0x12008"}}));
+}
+
+TEST(dump_pte, shows_hashed_entries_and_plain_words)
+{
+    const Folder folder;
+    const std::string file = folder.text("pte0", big_endian({0x5000, 0x8000000000000001, 0x1122334455667788}));
+    EXPECT_EQ(qtrace({"dump", "--pte", file, "--kind", "hpt"}).out,
+              "         0 address 0000000000005000 entry 8000000000000001 1122334455667788\n");
+    EXPECT_EQ(json_lines(qtrace({"dump", "--json", "--pte", file, "--kind", "hpt"}).out)[0],
+              json({{"file", file},
+                    {"access", 0},
+                    {"address", "0x5000"},
+                    {"upper", "0x8000000000000001"},
+                    {"lower", "0x1122334455667788"}}));
+    const std::string words =
+        "         0 0000000000005000\n         1 8000000000000001\n         2 1122334455667788\n";
+    EXPECT_EQ(qtrace({"dump", "--pte", file, "--kind", "words"}).out, words);
+    EXPECT_EQ(qtrace({"dump", "--pte", file}).out, words);
+}
+
+TEST(dump_pte, takes_base_names_and_a_range_of_accesses)
+{
+    const Folder folder;
+    folder.text("pte0", big_endian({10, 11, 12, 13}));
+    folder.text("pte1", big_endian({20, 21}));
+    const std::string base = folder.path("pte");
+    const Outcome outcome = qtrace({"dump", "--pte", base, "--from", "1", "--count", "2"});
+    EXPECT_EQ(outcome.out, "# " + base + "0\n         1 000000000000000b\n         2 000000000000000c\n# " + base +
+                               "1\n         1 0000000000000015\n");
+    EXPECT_EQ(outcome.exit_code, 0);
+    const Outcome beyond = qtrace({"dump", "--pte", base + "1", "--from", "2"});
+    EXPECT_EQ(beyond.exit_code, 1);
+    EXPECT_EQ(beyond.err, "qtrace: " + base + "1: no access 2: the file has 2\n");
+}
+
+TEST(dump_pte, reports_what_is_no_access_of_the_kind)
+{
+    const Folder folder;
+    const std::string file = folder.text("pte0", big_endian({1, 2, 3, 4, 5, 6, 7, 1ull << 60, 9, 10}) + "abc");
+    const Outcome walks = qtrace({"dump", "--pte", file, "--kind", "radix"});
+    EXPECT_EQ(walks.exit_code, 3);
+    EXPECT_EQ(walks.err, "qtrace: " + file +
+                             ": access 1: directory_3 is 0x1000000000000000, which is no real address: not all "
+                             "accesses are radix\nqtrace: " +
+                             file + ": offset 80: 3 bytes left, no whole access of 40 bytes\n");
+    EXPECT_EQ(std::ranges::count(walks.out, '\n'), 2);
+    EXPECT_EQ(qtrace({"dump", "--pte", file, "--kind", "radix", "--count", "1"}).exit_code, 0);
+    EXPECT_EQ(qtrace({"dump", "--pte", "/dev/zero"}).exit_code, 1);
+    EXPECT_EQ(qtrace({"dump", "--pte", folder.path("none")}).exit_code, 1);
+}
+
+TEST(dump_pte, takes_no_options_of_records)
+{
+    EXPECT_THAT(qtrace({"dump", "--pte", "pte0", "trace0"}).err, HasSubstr("FILE cannot be used with --pte"));
+    const Outcome filtered = qtrace({"dump", "--pte", "pte0", "--pc", "1000"});
+    EXPECT_EQ(filtered.exit_code, 2);
+    EXPECT_THAT(filtered.err, HasSubstr("--pc cannot be used with --pte"));
+    const Outcome mistyped = qtrace({"dump", "--kind", "radx", "--pte", "pte0"});
+    EXPECT_EQ(mistyped.exit_code, 2);
+    EXPECT_THAT(mistyped.err, HasSubstr("`radx` is no kind of page-table-entry access; did you mean `radix`?"));
+    EXPECT_EQ(qtrace({"dump", "--kind", "radix", "trace0"}).exit_code, 2);
 }
 
 TEST(check_rules_list, names_the_rules_of_every_comparison)

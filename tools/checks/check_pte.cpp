@@ -1,19 +1,15 @@
 #include "check_pte.h"
 
+#include "pte_file.h"
+
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fmt/format.h>
-#include <memory>
-#include <sys/stat.h>
 
 namespace qtrace_tool
 {
 namespace
 {
-
-using File = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 
 constexpr size_t WALK_WORDS = 5, HASHED_WORDS = 3;
 
@@ -23,35 +19,22 @@ class Plausibility
 public:
     void take(uint64_t word)
     {
-        addresses_ = is_address(word) ? addresses_ + 1 : 0;
+        addresses_ = is_real_address(word) ? addresses_ + 1 : 0;
         for (size_t i = WALK_WORDS; i > 0; i--)
             ends_[i] = ends_[i - 1];
         for (size_t i = HASHED_WORDS; i > 0; i--)
             address_[i] = address_[i - 1];
-        address_[1] = is_address(word);
+        address_[1] = is_real_address(word);
         ends_[0] =
             (ends_[WALK_WORDS] && addresses_ >= WALK_WORDS) || (ends_[HASHED_WORDS] && address_[HASHED_WORDS]);
     }
     bool ends_an_access() const { return ends_[0]; }
 
 private:
-    static bool is_address(uint64_t word) { return word >> 60 == 0; } // real addresses have 60 bits
-
     std::array<bool, WALK_WORDS + 1> ends_{true};  // whether an access can end so many words ago
     std::array<bool, HASHED_WORDS + 1> address_{}; // whether the word so many ago, the last being 1, is an address
     size_t addresses_ = 0;                         // in a row
 };
-
-File open_regular(const std::string &name)
-{
-    struct stat status;
-    File file(std::fopen(name.c_str(), "rbe"), &std::fclose);
-    if (file && fstat(fileno(file.get()), &status) == 0 && !S_ISREG(status.st_mode)) {
-        file.reset();
-        errno = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
-    }
-    return file;
-}
 
 bool agrees(const Radix_Walk &trace, const Radix_Walk &access)
 {
@@ -102,25 +85,22 @@ void Pte_Checker::look_for(const Radix_Walk &access)
 
 bool Pte_Checker::search(const std::string &name, std::string &error)
 {
-    const File file = open_regular(name);
-    if (!file) {
-        error = name + ": " + std::strerror(errno);
+    Pte_File file(name, error);
+    if (!file.is_open())
         return false;
-    }
     Plausibility plausible;
     std::array<uint64_t, WALK_WORDS> last{}; // a walk and the address that it was made for
     uint64_t word, words = 0;
-    size_t got;
-    while ((got = std::fread(&word, 1, sizeof(word), file.get())) == sizeof(word)) {
+    while (file.next(word)) {
         std::memmove(last.data(), last.data() + 1, sizeof(last) - sizeof(word));
-        last.back() = __builtin_bswap64(word); // the file is big-endian
-        plausible.take(last.back());
+        last.back() = word;
+        plausible.take(word);
         if (++words >= WALK_WORDS)
             look_for({{last[0], last[1], last[2]}, last[3]});
     }
-    if (std::ferror(file.get()) != 0)
+    if (file.failed())
         error = name + ": " + std::strerror(errno);
-    else if (got != 0 || !plausible.ends_an_access())
+    else if (file.left_over() != 0 || !plausible.ends_an_access())
         error = name + ": no page-table-entry file: accesses of three or five words do not fill it";
     return error.empty();
 }

@@ -1,5 +1,6 @@
 #include "item_scan.h"
 #include "item_view.h"
+#include "pte_printer.h"
 #include "record_filter.h"
 #include "record_printer.h"
 #include "tool_command.h"
@@ -22,7 +23,14 @@ public:
     void declare(CLI::App &app) override
     {
         declare_files(app, files_)->required(false);
-        filter_.declare(app);
+        app_ = &app;
+        app.add_option("--pte", pte_,
+                       "a page-table-entry file (or its base name) instead of traces; --kind radix, hpt or "
+                       "words (default) says what it holds");
+        filter_.declare(app, [this](const std::string &kind) { return take_pte_kind(kind); });
+        app.get_option("--kind")->description(
+            "only these kinds (the last three with --pte): load, store, branch, taken, string, call, return, "
+            "system_call, cache, error, radix, hpt, words");
         declare_jobs(app, scan_.jobs);
         app.add_option("--fields", fields_,
                        "what a line shows: groups or members, separated by commas; `all`; `help` lists")
@@ -43,6 +51,10 @@ public:
                 run.json ? run.out.print("{{\"field\":\"{}\"}}\n", name) : run.out.print("{}\n", name);
             return;
         }
+        if (!pte_.empty()) {
+            dump_accesses(run);
+            return;
+        }
         require_files(files_);
         prepare(run);
         if (explain_ && format_ == "text")
@@ -54,16 +66,54 @@ public:
     }
 
 private:
+    bool take_pte_kind(const std::string &name);
+    void refuse_options_of_records() const;
+    void dump_accesses(Tool_Run &run) const;
     void prepare(const Tool_Run &run);
     void dump(Tool_Run &run, Trace_File &file, bool named) const;
 
     std::vector<std::string> files_, fields_;
+    const CLI::App *app_ = nullptr;
+    std::string pte_;
+    const Pte_Kind *pte_kind_ = &pte_kinds().back();
     Record_Filter filter_;
     Scan_Options scan_;
     bool explain_ = false;
     std::string format_;
     Field_Selection shown_;
 };
+
+// --pte is declared before --kind, so that it is known here.
+bool Dump_Command::take_pte_kind(const std::string &name)
+{
+    if (pte_.empty())
+        return false;
+    const auto kind = std::ranges::find(pte_kinds(), name, &Pte_Kind::name);
+    if (kind == pte_kinds().end())
+        throw unknown_word("kind of page-table-entry access", name, {"radix", "hpt", "words"});
+    pte_kind_ = &*kind;
+    return true;
+}
+
+// Accesses are no records: most options have no meaning for them.
+void Dump_Command::refuse_options_of_records() const
+{
+    static constexpr std::string_view TAKEN[] = {"--pte", "--kind", "--from", "--count", "--json", "--jobs"};
+    for (const CLI::Option *option : app_->get_options())
+        if (option->count() > 0 && std::ranges::find(TAKEN, option->get_name()) == std::end(TAKEN))
+            throw Usage_Error(fmt::format("{} cannot be used with --pte", option->get_name()));
+}
+
+void Dump_Command::dump_accesses(Tool_Run &run) const
+{
+    refuse_options_of_records();
+    const std::vector<Named_File> files = files_of(run, pte_);
+    for (const Named_File &file : files) {
+        if (files.size() > 1 && !run.json)
+            run.out.print("# {}\n", file.name);
+        dump_pte(run, file.name, *pte_kind_, filter_.from(), filter_.count());
+    }
+}
 
 void Dump_Command::prepare(const Tool_Run &run)
 {
