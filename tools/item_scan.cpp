@@ -130,7 +130,9 @@ void Group_Reader::deliver(const QTRACE_Item &item, Group_Result &result)
         result.sink->record(item);
     else if (item.kind == QTRACE_ITEM_HEADER)
         result.sink->header(item);
-    else if (item.discontinuity.cause != QTRACE_CAUSE_PAUSE)
+    else if (item.discontinuity.cause == QTRACE_CAUSE_PAUSE)
+        result.sink->pause(item);
+    else
         deliver_loss(item, result);
 }
 

@@ -36,6 +36,8 @@ public:
     virtual void begin(const Group_Start &start) = 0;
     virtual void header(const QTRACE_Item &item) = 0;
     virtual void record(const QTRACE_Item &item) = 0;
+    // Tracing was paused before the header that comes next.
+    virtual void pause(const QTRACE_Item &) {}
     // What is before the next item was lost or left out; `text` says what and where when it is damage, and is empty
     // otherwise.
     virtual void loss(const QTRACE_Item &item, const std::string &text) = 0;

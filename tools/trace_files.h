@@ -1,6 +1,7 @@
 // Trace files as the subcommands use them: names, readers that report what was lost.
 #pragma once
 
+#include "block_sequence.h"
 #include "qtrace_columns.h"
 #include "qtrace_reader.h"
 #include "tool_run.h"
@@ -35,11 +36,7 @@ struct Reader_Closer {
 };
 using Reader = std::unique_ptr<QTRACE_Reader, Reader_Closer>;
 
-// The writer and a recovery say themselves what they left out; that is no finding.
-inline bool is_damage(const QTRACE_Discontinuity &what)
-{
-    return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;
-}
+using trace::is_damage;
 // Where, why, and how many records are lost, as far as known: of the discontinuity that was delivered last.
 std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuity &what);
 

@@ -8,7 +8,6 @@ from ctypes import CFUNCTYPE, POINTER, Structure, byref, c_char_p, c_int, c_uint
 from typing import Iterator, Optional
 
 ITEM_END, ITEM_HEADER, ITEM_RECORD, ITEM_DISCONTINUITY, ITEM_ERROR = range(5)
-CAUSES = ("pause", "refused", "left out", "damage", "cut end")  # by QTRACE_CAUSE
 HEADER_SIZE, RECORD_SIZE = 368, 2936
 NO_CONTEXT = 0xFFFFFFFF
 MAX_REGISTERS = 90  # of one record
@@ -151,6 +150,7 @@ class Flag(Structure):
 FUNCTIONS = {
     "qtrace_open": (c_void_p, c_char_p, POINTER(c_void_p)),
     "qtrace_close": (None, c_void_p),
+    "qtrace_cause_name": (c_char_p, c_int),
     "qtrace_seek": (c_int, c_void_p, c_uint64),
     "qtrace_error": (c_char_p, c_void_p),
     "qtrace_open_header": (c_void_p, c_void_p),

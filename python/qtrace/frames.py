@@ -87,7 +87,7 @@ class DamageError(ValueError):
 def _discontinuity(item: _library.Item) -> Discontinuity:
     what = item.discontinuity
     return Discontinuity(
-        _library.CAUSES[what.cause], item.record_number, what.records, bool(what.records_known), what.headers,
+        _library.LIBRARY.qtrace_cause_name(what.cause).decode(), item.record_number, what.records, bool(what.records_known), what.headers,
         what.offset, what.bytes, (what.reason or b"").decode(),
     )  # fmt: skip
 

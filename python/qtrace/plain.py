@@ -7,12 +7,12 @@ complete, and the C++ reader is compared with it. It needs no compiled code but 
         match item:
             case plain.Record():  print(item.number, item.address, item.instruction)
             case plain.Header():  print(item.iar, item.comment)
-            case plain.Damage():  print(item)
+            case plain.Discontinuity():  print(item.cause, item)
 
     python3 -m qtrace.plain [--from N] [--count N] FILE...
 
-prints headers and records as `qtrace dump --json` does, without kinds: members and flags that are not zero. Damage goes to
-standard error. Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 losses found.
+prints headers, records and discontinuities as `qtrace dump --json` does, without kinds: members and flags that are not
+zero. Damage goes to standard error too. Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 losses found.
 """
 import argparse
 import itertools
@@ -29,6 +29,8 @@ BLOCK_MARKER = b"\x8bQB\n"
 FILE_START = struct.Struct("<8sII")
 BLOCK_HEADER = struct.Struct("<4s4B4I3Q2I")
 MAX_BYTES = 65536  # of a payload, stored or raw
+
+PAUSE, REFUSED, LEFT_OUT, DAMAGE, CUT_END = "pause", "refused", "left out", "damage", "cut end"
 
 FLAG_LAST, FLAG_ADDRESS_KNOWN, FLAG_COMMENT_BLOCK, FLAG_COMMENT_BEFORE, FLAG_GAP = 1, 2, 4, 8, 16
 FLAG_LEFT_OUT = 64
@@ -315,9 +317,11 @@ class Header(Item):
     def flags(self):
         return flags_of(self.file_control, FILE_FLAGS) | flags_of(self.control, CONTROL_FLAGS)
 
+    def contents_for_json(self):
+        return self.flags() | self.members_for_json(without=("file_control", "control"))
+
     def for_json(self):
-        line = {"header": self.number, "before_record": self.record_number, **self.flags()}
-        line |= self.members_for_json(without=("file_control", "control"))
+        line = {"header": self.number, "before_record": self.record_number, **self.contents_for_json()}
         if self.comment is not None:
             line["comment"] = self.comment.decode("latin-1")
         return line
@@ -370,17 +374,39 @@ for name, count, *_ in REGISTER_LISTS:
     setattr(Record, count, 0)
 
 
-class Damage:
-    """A place that could not be read. `records` were lost there, exactly so many when `records_known`; `truncated`
-    says that the file ends without its last block."""
+class Discontinuity:
+    """A place where the trace does not simply go on. `record_number` records and `header_number` headers stand before
+    it; `records` and `headers` were lost there, exactly so many records when `records_known`. `offset` is the first
+    damaged byte, or where the following block begins; `context` the open header from here on (a Header), None where
+    nothing tells it.
 
-    def __init__(self, offset, size, reason, records=0, records_known=False, truncated=False):
-        self.offset, self.bytes, self.reason = offset, size, reason
-        self.records, self.records_known, self.truncated = records, records_known, truncated
+    cause: "pause" (tracing was paused and resumed), "refused" (the writer had no room), "left out" (a recovery or a
+    cut left blocks out), "damage" (bytes cannot be read, or blocks are missing) or "cut end" (the file has no end).
+    """
+
+    header_number = record_number = 0
+    context = None
+
+    def __init__(self, cause, offset, reason, size=0, records=0, records_known=False, headers=0):
+        self.cause, self.offset, self.bytes, self.reason = cause, offset, size, reason
+        self.records, self.records_known, self.headers = records, records_known, headers
+
+    @property
+    def is_damage(self):
+        """Whether the file is not as it was written."""
+        return self.cause in (DAMAGE, CUT_END)
 
     def __str__(self):
         lost = f", {self.records} records" if self.records_known else ""
         return f"byte {self.offset}: {self.reason} ({self.bytes} bytes{lost} lost)"
+
+    def for_json(self):
+        line = {"discontinuity": self.cause, "at_record": self.record_number, "lost_records": self.records,
+                "lost_records_known": self.records_known, "lost_headers": self.headers, "offset": self.offset,
+                "lost_bytes": self.bytes}  # fmt: skip
+        if self.context is not None:
+            line["context"] = self.context.contents_for_json()
+        return line
 
 
 # ---- Bytes ---------------------------------------------------------------------------------------------
@@ -567,7 +593,7 @@ class Payload:
         self.page = [NO_TRANSLATION] * 128
         self.last_translation = {DATA_SIDE: NO_TRANSLATION, NEXT_SIDE: NO_TRANSLATION}
         self.controls = []
-        self.open_header = None
+        self.open_header = None  # the last header with an address
         if self.open.at < self.open.end:
             self.open_header = item_of_image(Header, self.open.sparse_image(HEADER_SIZE))
             if self.open.at != self.open.end:
@@ -596,7 +622,8 @@ class Payload:
             raise MalformedError("columns that are not used up")
 
     def header(self):
-        header = item_of_image(Header, self.extra.sparse_image(HEADER_SIZE))
+        image = self.extra.sparse_image(HEADER_SIZE)
+        header = item_of_image(Header, image)
         place = self.extra.byte()
         if place == 1:
             header.comment = self.extra.take(header.comment_length)
@@ -612,6 +639,7 @@ class Payload:
         elif place != 0:
             raise MalformedError("a comment in no known place")
         if header.file_control & FILE_IAR:
+            self.open_header = item_of_image(Header, image)
             self.address, self.address_known = header.iar, True
         return header
 
@@ -911,7 +939,7 @@ class Block:
 
 
 class Trace:
-    """A trace file. Iterating delivers Header, Record and Damage items in file order."""
+    """A trace file. Iterating delivers Header, Record and Discontinuity items in file order."""
 
     def __init__(self, name):
         self.name = name
@@ -941,38 +969,65 @@ class Trace:
         return None
 
     def blocks(self):
-        """The whole blocks, and what is damaged between them."""
-        offset, records, headers, ended, before = self.start, 0, 0, False, None
+        """The whole blocks, and how those that do not follow the one before them fail to."""
+        offset, records, headers, before = self.start, 0, 0, None
         while block := self.next_block(offset):
-            jump = block.first_record != records or block.first_header != headers
-            uncommented = block.flags & FLAG_COMMENT_BEFORE and not (before and before.is_comment_of(block))
-            if block.offset > offset or ended or (jump or uncommented) and not block.flags & FLAG_GAP:
-                yield self.damage_before(block, offset, records, ended, jump)
+            if found := self.discontinuity_before(block, offset, records, headers, before):
+                found.record_number, found.header_number = records, headers
+                found.context = self.context_at(block.offset)
+                yield found
             yield block
             offset, records, headers = block.end, block.first_record + block.records, block.first_header + block.headers
-            ended, before = bool(block.flags & FLAG_LAST), block
+            before = block
+        ended = before and before.flags & FLAG_LAST
         if not ended or offset < len(self.data):
-            yield self.damage_at_end(offset, ended)
+            found = self.damage_at_end(offset, ended)
+            found.record_number, found.header_number = records, headers
+            yield found
 
     @staticmethod
-    def damage_before(block, offset, records, ended, jump):
+    def discontinuity_before(block, offset, records, headers, before):
+        """What keeps a block from following `before`, which ends at `offset` with these numbers, or None."""
         skipped, lost = block.offset - offset, block.first_record - records
+        jump = lost or block.first_header != headers
+        loss = max(lost, 0), lost >= 0, max(block.first_header - headers, 0)
         if skipped:
-            return Damage(offset, skipped, "damaged bytes", max(lost, 0), lost >= 0)
-        if ended:  # whatever it counts, it need not count from here
-            return Damage(offset, 0, "a block follows the last one")
-        return Damage(offset, 0, "missing blocks" if jump else "a missing comment block", max(lost, 0), lost >= 0)
+            return Discontinuity(DAMAGE, offset, "damaged bytes", skipped, *loss)
+        if before and before.flags & FLAG_LAST:  # whatever it counts, it need not count from here
+            return Discontinuity(DAMAGE, offset, "a block follows the last one")
+        if block.flags & FLAG_LEFT_OUT:
+            return Discontinuity(LEFT_OUT, offset, "a recovery or a cut left out blocks", 0, *loss)
+        if block.flags & FLAG_GAP:
+            return Discontinuity(REFUSED, offset, "the writer had no room", 0, *loss)
+        if jump:
+            return Discontinuity(DAMAGE, offset, "missing blocks", 0, *loss)
+        if block.flags & FLAG_COMMENT_BEFORE and not (before and before.is_comment_of(block)):
+            return Discontinuity(DAMAGE, offset, "a missing comment block", 0, *loss)
+        return None
 
     def damage_at_end(self, offset, ended):
-        cut = Block.at(self.data, offset)
-        lost = cut.records if cut else 0
-        reason = "bytes after the last block" if ended else "the file ends without its last block"
-        return Damage(offset, len(self.data) - offset, reason, lost, False, not ended)
+        cut, size = Block.at(self.data, offset), len(self.data) - offset
+        lost = (cut.records, False, cut.headers) if cut else ()
+        if ended:
+            return Discontinuity(DAMAGE, offset, "bytes after the last block", size, *lost)
+        return Discontinuity(CUT_END, offset, "the file ends without its last block", size, *lost)
+
+    def context_at(self, offset):
+        """The open header that the block at a place restates, or the one after it when it is a comment block."""
+        block = Block.at(self.data, offset)
+        if block and block.flags & FLAG_COMMENT_BLOCK and block.is_whole(self.data):
+            block = Block.at(self.data, block.end)
+        if not block or block.flags & FLAG_COMMENT_BLOCK or not block.is_whole(self.data):
+            return None
+        try:
+            return Payload(block.payload(self.data), 0, False, None).open_header
+        except MalformedError:
+            return None
 
     def __iter__(self):
         before = None  # the preceding block
         for block in self.blocks():
-            if isinstance(block, Damage):
+            if isinstance(block, Discontinuity):
                 yield block
                 continue
             if block.flags & FLAG_COMMENT_BLOCK:
@@ -980,6 +1035,7 @@ class Trace:
             else:
                 lost = yield from self.items(block, self.comment_for(block, before))
             if lost:
+                lost.context = self.context_at(block.end)
                 yield lost
             before = None if lost else block
 
@@ -988,8 +1044,17 @@ class Trace:
         try:
             block.payload(self.data)
         except MalformedError as reason:
-            return Damage(block.offset, block.end - block.offset, str(reason), 0, True)
+            return self.damage_of(block, reason, 0, 0)
         return None
+
+    @staticmethod
+    def damage_of(block, reason, records, headers):
+        """The damage of a block of which so many items could be read."""
+        lost = max(block.records - records, 0), True, max(block.headers - headers, 0)
+        damage = Discontinuity(DAMAGE, block.offset, str(reason), block.end - block.offset, *lost)
+        damage.record_number = block.first_record + min(records, block.records)
+        damage.header_number = block.first_header + min(headers, block.headers)
+        return damage
 
     def comment_for(self, block, before):
         """The comment that precedes a block, LOST_COMMENT, or None where none belongs to it."""
@@ -1002,7 +1067,8 @@ class Trace:
         records = headers = 0
         try:
             known = bool(block.flags & FLAG_ADDRESS_KNOWN)
-            for item in Payload(block.payload(self.data), block.first_address, known, comment):
+            payload = Payload(block.payload(self.data), block.first_address, known, comment)
+            for item in payload:
                 item.block_offset = block.offset
                 if isinstance(item, Header):
                     item.number, item.record_number = block.first_header + headers, block.first_record + records
@@ -1012,35 +1078,49 @@ class Trace:
                     records += 1
                 if records > block.records or headers > block.headers:
                     raise MalformedError("more items than the block's header says")
+                if isinstance(item, Header) and item.file_control & FILE_IAR and item.number:
+                    yield self.pause_before(item, payload.open_header)
                 yield item
             if records != block.records or headers != block.headers:
                 raise MalformedError("fewer items than the block's header says")
         except MalformedError as reason:
-            lost = max(block.records - records, 0)
-            return Damage(block.offset, block.end - block.offset, str(reason), lost, True)
+            return self.damage_of(block, reason, records, headers)
         return None
+
+    @staticmethod
+    def pause_before(header, context):
+        pause = Discontinuity(PAUSE, header.block_offset, "tracing was paused and resumed", 0, 0, True)
+        pause.record_number, pause.header_number, pause.context = header.record_number, header.number, context
+        return pause
 
 
 # ---- Command line --------------------------------------------------------------------------------------
 
 
+def is_before(item, first):
+    """Whether an item precedes the records from number `first` on; what was lost directly before them does not."""
+    match item:
+        case Record():
+            return item.number < first
+        case Discontinuity():
+            return item.record_number < first and first - item.record_number > item.records
+    return item.record_number < first
+
+
 def print_trace(name, arguments):
     """Prints a trace; tells whether something was lost."""
-    printed = lost = 0
+    printed, lost = 0, False
     for item in Trace(name):
-        if isinstance(item, Damage):
-            lost += 1
-            print(f"{name}: {item}", file=sys.stderr)
-            continue
-        is_record = isinstance(item, Record)
-        number = item.number if is_record else item.record_number
-        if number < arguments.first:
+        if is_before(item, arguments.first):
             continue
         if printed == arguments.count:
             break
-        printed += is_record
+        printed += isinstance(item, Record)
+        if isinstance(item, Discontinuity) and item.is_damage:
+            lost = True
+            print(f"{name}: {item}", file=sys.stderr)
         print(json.dumps({"file": name, **item.for_json()}, separators=(",", ":")))
-    return lost > 0
+    return lost
 
 
 def main():

@@ -12,6 +12,7 @@ namespace trace
 // A discontinuity without a loss.
 QTRACE_Discontinuity discontinuity(QTRACE_CAUSE cause, const char *reason, uint64_t offset);
 
+// The writer and a recovery say themselves what they left out; that is no finding.
 inline bool is_damage(const QTRACE_Discontinuity &what)
 {
     return what.cause == QTRACE_CAUSE_DAMAGE || what.cause == QTRACE_CAUSE_CUT_END;

@@ -40,6 +40,9 @@ typedef enum QTRACE_CAUSE {
     QTRACE_CAUSE_CUT_END = 4   /* the file ends without its last block: it was cut, or its writer died */
 } QTRACE_CAUSE;
 
+/* The name of a cause ("pause", "refused", "left out", "damage", "cut end"); null for anything else. */
+const char *qtrace_cause_name(QTRACE_CAUSE cause);
+
 /* A place where a trace does not simply go on, and what is lost there. */
 typedef struct QTRACE_Discontinuity {
     QTRACE_CAUSE cause;

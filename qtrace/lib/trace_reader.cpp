@@ -490,6 +490,23 @@ int qtrace_api_version(void)
     return QTRACE_API_VERSION;
 }
 
+const char *qtrace_cause_name(QTRACE_CAUSE cause)
+{
+    switch (cause) {
+    case QTRACE_CAUSE_PAUSE:
+        return "pause";
+    case QTRACE_CAUSE_REFUSED:
+        return "refused";
+    case QTRACE_CAUSE_LEFT_OUT:
+        return "left out";
+    case QTRACE_CAUSE_DAMAGE:
+        return "damage";
+    case QTRACE_CAUSE_CUT_END:
+        return "cut end";
+    }
+    return nullptr;
+}
+
 QTRACE_Reader *qtrace_open(const char *name, char **error)
 {
     return open_with(name, error, [](Trace_Source source) { return new QTRACE_Reader(std::move(source)); });

@@ -102,6 +102,16 @@ TEST_F(discontinuity, api_of_the_library_is_the_one_that_was_compiled_against)
     EXPECT_EQ(QTRACE_API_VERSION, 2);
 }
 
+TEST_F(discontinuity, causes_have_names)
+{
+    EXPECT_STREQ(qtrace_cause_name(QTRACE_CAUSE_PAUSE), "pause");
+    EXPECT_STREQ(qtrace_cause_name(QTRACE_CAUSE_REFUSED), "refused");
+    EXPECT_STREQ(qtrace_cause_name(QTRACE_CAUSE_LEFT_OUT), "left out");
+    EXPECT_STREQ(qtrace_cause_name(QTRACE_CAUSE_DAMAGE), "damage");
+    EXPECT_STREQ(qtrace_cause_name(QTRACE_CAUSE_CUT_END), "cut end");
+    EXPECT_EQ(qtrace_cause_name(static_cast<QTRACE_CAUSE>(5)), nullptr);
+}
+
 TEST_F(discontinuity, pause_is_delivered_before_every_full_header_but_the_first)
 {
     const QTRACE_FDESCR file = open();

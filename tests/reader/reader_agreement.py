@@ -1,5 +1,5 @@
 """Reads traces with the Python reader and with the C++ reader (by the program trace_items), and compares every item:
-kinds, numbers, addresses, block offsets, the bytes of the structures, comments, damage."""
+kinds, numbers, addresses, block offsets, the bytes of the structures, comments, discontinuities with their context."""
 import itertools
 import os
 import struct
@@ -10,11 +10,13 @@ sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../python"))
 from qtrace import plain  # noqa: E402
 
 NUMBERS = struct.Struct("<6Q")
-END, HEADER, RECORD, DAMAGE, REFUSED = range(5)
+LOSS = struct.Struct("<4Q")
+END, HEADER, RECORD, DISCONTINUITY, REFUSED = range(5)
+CAUSES = ("pause", "refused", "left out", "damage", "cut end")
 
 
 def cpp_items(program, name):
-    """The C++ reader's items, each (numbers, image, comment)."""
+    """The C++ reader's items, each (numbers, image, comment); of a discontinuity the context's image, and more numbers."""
     with subprocess.Popen([program, name], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as process:
         while (numbers := NUMBERS.unpack(process.stdout.read(NUMBERS.size)))[0] != END:
             image, comment = b"", None
@@ -24,6 +26,9 @@ def cpp_items(program, name):
                     comment = process.stdout.read(int.from_bytes(image[336:338], "little"))
             elif numbers[0] == RECORD:
                 image = process.stdout.read(plain.RECORD_SIZE)
+            elif numbers[0] == DISCONTINUITY:
+                comment = LOSS.unpack(process.stdout.read(LOSS.size))
+                image = process.stdout.read(plain.HEADER_SIZE) if comment[3] else b""
             yield numbers, image, comment
         process.stdout.close()
 
@@ -45,7 +50,9 @@ def as_numbers(item):
         known = item.address is not None
         numbers = (RECORD, item.number, item.header_number, item.address or 0, known, item.block_offset)
         return numbers, item.image(), None
-    return (DAMAGE, item.offset, item.bytes, item.records, item.records_known, item.truncated), b"", None
+    numbers = (DISCONTINUITY, item.offset, item.bytes, item.records, item.records_known, CAUSES.index(item.cause))
+    more = (item.headers, item.record_number, item.header_number, item.context is not None)
+    return numbers, item.context.image() if item.context else b"", more
 
 
 def member_bits(kind):
@@ -63,6 +70,7 @@ def member_bits(kind):
 
 
 MEMBER_BITS = {HEADER: member_bits(plain.Header), RECORD: member_bits(plain.Record)}
+MEMBER_BITS[DISCONTINUITY] = MEMBER_BITS[HEADER]
 
 
 def comparable(item):
@@ -88,4 +96,4 @@ def describe(mine, other):
     if mine is None or other is None or mine[0] != other[0]:
         return f"Python {mine and mine[0]}, C++ {other and other[0]}"
     places = [i for i, (a, b) in enumerate(zip(mine[1], other[1])) if a != b]
-    return f"bytes {places[:10]} differ; comments {mine[2]} and {other[2]}"
+    return f"bytes {places[:10]} differ; comments or losses {mine[2]} and {other[2]}"

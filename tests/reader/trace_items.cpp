@@ -1,7 +1,8 @@
 // Writes every item of a trace file to standard output, as the C++ reader delivers it: per item six u64 (kind,
 // first and second number, address, whether that is known, block offset) and its structure with pointers and
-// bookkeeping cleared; a header's comment follows it. For damage the numbers are offset, bytes, records, whether
-// these are known, whether the file is truncated. A file that is refused gives one item of kind 4.
+// bookkeeping cleared; a header's comment follows it. For a discontinuity the numbers are offset, bytes, records, whether
+// these are known, cause; four more follow: headers lost, record number, header number, whether there is a context, whose
+// structure comes last. A file that is refused gives one item of kind 4.
 #include "qtrace_reader.h"
 
 #include <array>
@@ -24,18 +25,23 @@ void put_numbers(const std::array<uint64_t, 6> &numbers)
     put(numbers.data(), sizeof numbers);
 }
 
+void put_structure(const QTRACE_FILE_HDR &from)
+{
+    QTRACE_FILE_HDR header;
+    std::memcpy(&header, &from, sizeof header);
+    header.comment = nullptr;
+    header.app_spec_data = nullptr;
+    put(&header, sizeof header);
+}
+
 void put_header(const QTRACE_Item &item)
 {
     const char *const comment = item.header.comment;
     const uint64_t has_comment = comment != nullptr;
     put_numbers({QTRACE_ITEM_HEADER, item.header_number, item.record_number, has_comment, 0, item.block_offset});
-    QTRACE_FILE_HDR header;
-    std::memcpy(&header, &item.header, sizeof header);
-    header.comment = nullptr;
-    header.app_spec_data = nullptr;
-    put(&header, sizeof header);
+    put_structure(item.header);
     if (comment != nullptr)
-        put(comment, header.comment_length);
+        put(comment, item.header.comment_length);
 }
 
 void put_record(const QTRACE_Item &item)
@@ -51,14 +57,16 @@ void put_record(const QTRACE_Item &item)
     put(&record, sizeof record);
 }
 
-// Pauses, and what the writer or a recovery left out, are no damage: the Python reader does not deliver them.
-void put_discontinuity(const QTRACE_Discontinuity &what)
+void put_discontinuity(const QTRACE_Item &item)
 {
-    const bool cut = what.cause == QTRACE_CAUSE_CUT_END;
-    if (what.cause != QTRACE_CAUSE_DAMAGE && !cut)
-        return;
+    const QTRACE_Discontinuity &what = item.discontinuity;
     put_numbers({QTRACE_ITEM_DISCONTINUITY, what.offset, what.bytes, what.records,
-                 static_cast<uint64_t>(what.records_known), static_cast<uint64_t>(cut)});
+                 static_cast<uint64_t>(what.records_known), static_cast<uint64_t>(what.cause)});
+    const std::array<uint64_t, 4> more = {what.headers, item.record_number, item.header_number,
+                                          what.context != nullptr};
+    put(more.data(), sizeof more);
+    if (what.context != nullptr)
+        put_structure(*what.context);
 }
 
 bool put_item(QTRACE_Reader *reader)
@@ -72,7 +80,7 @@ bool put_item(QTRACE_Reader *reader)
         put_record(*item);
         return true;
     case QTRACE_ITEM_DISCONTINUITY:
-        put_discontinuity(item->discontinuity);
+        put_discontinuity(*item);
         std::fprintf(stderr, "%s\n", qtrace_error(reader));
         return true;
     case QTRACE_ITEM_ERROR:

@@ -342,7 +342,7 @@ TEST(dump, json_names_flags_registers_and_walks)
 {
     const Folder folder;
     const auto lines = json_lines(qtrace({"dump", "--json", folder.write("trace0", good_trace())}).out);
-    ASSERT_EQ(lines.size(), 14u);
+    ASSERT_EQ(lines.size(), 15u); // the pause is one
     EXPECT_EQ(lines[0]["comment_present"], 1);
     EXPECT_EQ(lines[0]["iar"], "0x1000");
     EXPECT_EQ(lines[4]["data_hRTW"][2], json({"0x10010", "0x20010", "0x30010", "0x40010"}));

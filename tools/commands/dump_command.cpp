@@ -159,7 +159,12 @@ public:
             ends_.push_back(lines_.size());
         records_++;
     }
-    void loss(const QTRACE_Item &, const std::string &) override {}
+    void pause(const QTRACE_Item &item) override
+    {
+        if (!picks_)
+            view_.discontinuity(lines_, item);
+    }
+    void loss(const QTRACE_Item &item, const std::string &) override { pause(item); }
     bool wants_more() const override { return records_ < most_ && !passed_over_; }
 
     // Prints the lines of at most so many records. Returns how many these are.

@@ -20,6 +20,8 @@ public:
     virtual void begin(Output &out, bool named) const = 0;
     virtual void header(Output &out, const QTRACE_Item &item) const = 0;
     virtual void record(Output &out, const QTRACE_Item &item) const = 0;
+    // Where the trace does not simply go on; nothing for a format that has no line for it.
+    virtual void discontinuity(Output &, const QTRACE_Item &) const {}
 };
 
 // Names of all formats.

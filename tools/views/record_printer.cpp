@@ -1,5 +1,6 @@
 #include "record_printer.h"
 
+#include "block_sequence.h"
 #include "instruction_kinds.h"
 
 #include <algorithm>
@@ -490,18 +491,57 @@ void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &f
     out.settle();
 }
 
-void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
+void print_discontinuity(Output &out, const QTRACE_Item &item)
 {
-    const Flag_Words flags = flags_of(item.header);
-    out.put(beginning);
-    out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
+    const QTRACE_Discontinuity &what = item.discontinuity;
+    out.paint(is_damage(what) ? Colour::bad : Colour::head);
+    out.print("         - {}", qtrace_cause_name(what.cause));
+    const char *before = ": ";
+    if (what.records > 0 || !what.records_known) {
+        out.print("{}{}{} lost", before, what.records_known ? "" : "at least ", counted(what.records, "record"));
+        before = ", ";
+    }
+    if (what.headers > 0)
+        out.print("{}{} lost", before, counted(what.headers, "header"));
+    out.paint(Colour::plain);
+    out.put('\n');
+    out.settle();
+}
+
+static void print_header_members_json(Output &out, const QTRACE_FILE_HDR &header)
+{
+    const Flag_Words flags = flags_of(header);
     print_flags_json(out, FILE_FLAG_OF_BIT, flags.file);
     print_flags_json(out, CONTROL_FLAG_OF_BIT, flags.control);
-    if (item.header.sec_ext_controlword.instruction != 0)
-        out.print(",\"instruction\":\"0x{:x}\"", item.header.sec_ext_controlword.instruction);
+    if (header.sec_ext_controlword.instruction != 0)
+        out.print(",\"instruction\":\"0x{:x}\"", header.sec_ext_controlword.instruction);
     for (const Trace_Member &member : HEADER_MEMBERS)
         if (member.shape != Member_Shape::text)
-            print_member_json(out, member, item.header);
+            print_member_json(out, member, header);
+}
+
+void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
+{
+    const QTRACE_Discontinuity &what = item.discontinuity;
+    out.put(beginning);
+    out.print(",\"discontinuity\":\"{}\",\"at_record\":{},\"lost_records\":{},\"lost_records_known\":{},"
+              "\"lost_headers\":{},\"offset\":{},\"lost_bytes\":{}",
+              qtrace_cause_name(what.cause), item.record_number, what.records, what.records_known != 0,
+              what.headers, what.offset, what.bytes);
+    if (what.context != nullptr) {
+        Output members(-1);
+        print_header_members_json(members, *what.context);
+        out.print(",\"context\":{{{}}}", members.take().substr(1)); // an address is one of them
+    }
+    out.put("}\n");
+    out.settle();
+}
+
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
+{
+    out.put(beginning);
+    out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
+    print_header_members_json(out, item.header);
     if (item.header.comment != nullptr) {
         out.put(",\"comment\":");
         print_json_bytes(out, {item.header.comment, item.header.comment_length});
@@ -565,7 +605,8 @@ const char *const LINE_LEGEND =
 # error      8: the data address is suspect, its translation failed
 # in, out    registers read and written: r general, f floating-point, s special, v vector, x vector-scalar
 # processor  the hardware thread, in the first record after a header
-# Lines without a number are file headers: `header` opens a stretch of tracing, `partition` names a new lpid and pid.
+# Lines without a number are file headers (`header` opens a trace segment, `partition` names a new lpid and pid), or
+# tell why the trace does not simply go on: `pause`, `refused`, `left out`, `damage`, `cut end`, with what is lost there.
 )";
 
 } // namespace qtrace_tool

@@ -42,8 +42,10 @@ private:
 
 void print_header(Output &out, const QTRACE_Item &item);
 void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields);
+void print_discontinuity(Output &out, const QTRACE_Item &item);
 // One object a line, whose first members are there already.
 void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning);
+void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_view beginning);
 void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
                        const Field_Selection &fields);
 

@@ -5,7 +5,7 @@ here reads a trace: expectations are what was put in. Traces are encoded from do
     make_corpus.py            writes NAME.trace and NAME.json into this folder
     make_corpus.py --check    tells whether the folder holds what would be written (exit code 1 when not)
 
-A NAME.json line is a header or record as JSON, or {"damage": offset, ...}, or {"refused": true}."""
+A NAME.json line is a header or record as JSON, or {"discontinuity": cause, ...}, or {"refused": true}."""
 import json
 import pathlib
 import struct
@@ -236,7 +236,11 @@ def line(item):
 
 
 def damage_line(offset, size, records=0, known=True, truncated=False):
-    return json.dumps({"damage": offset, "bytes": size, "records": records, "known": known, "truncated": truncated})
+    return loss_line("cut end" if truncated else "damage", offset, size, records, known)
+
+
+def loss_line(cause, offset, size=0, records=0, known=True):
+    return json.dumps({"discontinuity": cause, "offset": offset, "bytes": size, "records": records, "known": known})
 
 
 # ---- Cases ---------------------------------------------------------------------------------------------
@@ -453,6 +457,18 @@ def file_cases():
          maker.lines(without=[2, 3]) + [damage_line(at, 0, 0, False)] + maker.lines(without=[0, 1, 2]))  # fmt: skip
 
 
+def pause_cases():
+    """Headers with an address that are not the first one."""
+    later = FULL_HEADER | {"iar": 0x20002000, "pid": 78}
+    maker = started().record(instruction=1).header(**later).header(**later).header(control=0x20, pid=79)
+    maker.record(instruction=2).end(LAST)
+    first, pause, lines = maker.lines()[:2], [loss_line("pause", 16)], maker.lines()[2:]
+    case("pauses-in-a-block", FILE_START + b"".join(maker.blocks), [*first, *pause, lines[0], *pause, *lines[1:]])
+    maker = started().record(instruction=1).end().header(**later).record(instruction=2).end(LAST)
+    case("pause-between-blocks", FILE_START + b"".join(maker.blocks), [
+        *maker.lines(without=[1]), loss_line("pause", places(maker)[1]), *maker.lines(without=[0])])  # fmt: skip
+
+
 def base_blocks():
     """Four blocks of two records each; the first has a header too."""
     maker = started()
@@ -643,7 +659,8 @@ def order_cases():
         lines = [json.dumps(json.loads(line) | {"record": first + i})
                  for i, line in enumerate(maker.lines(without=[0, 1, 2]))]  # fmt: skip
         lost_end = [damage_line(at, size, 0, False, True)]
-        case(f"numbers-{name}", FILE_START + last, lines if lost is None else lost_end)
+        refused = [loss_line("refused", at, 0, first)]
+        case(f"numbers-{name}", FILE_START + last, refused + lines if lost is None else lost_end)
     maker = Trace_Maker()
     for i in range(4):
         maker.record(instruction=i) if i == 1 else maker.header(control=0x60, lpid=i)
@@ -679,13 +696,13 @@ def comment_block_cases():
     maker.items[2][0].comment, maker.items[2][0].comment_length = b"", 0
     before, behind = maker.lines(without=[2, 3]), maker.lines(without=[0, 1])
     case("comment-block-missing", begin + first + last, [*before, damage_line(at[1], 0), *behind])
-    case("comment-block-left-out", begin + with_flags(first, GAP) + last, before + behind)
+    case("comment-block-left-out", begin + with_flags(first, GAP) + last, [*before, loss_line("refused", at[1]), *behind])
     case("comment-block-damaged", begin + bad + first + last, [*before, damage_line(at[1], len(bad)), *behind])
     other = Trace_Maker().comment_block(b"text").blocks[0]
     case("comment-block-before-another", FILE_START + other + ahead + first + last, [
         *before, damage_line(at[1] + len(other), 0), *behind])  # fmt: skip
     case("comment-block-of-another-before-gap", FILE_START + other + with_flags(first, GAP) + last,
-         maker.lines(without=[0]))  # fmt: skip
+         [loss_line("refused", 16 + len(other), 0, 1), *maker.lines(without=[0])])  # fmt: skip
     # What no writer makes.
     for name, maker, delivered in (
         ("of-another-length", commented({"comment_length": 5}), 0),
@@ -705,10 +722,15 @@ def recovered_cases():
         maker, behind = base_blocks(), gone[-1] + 1
         kept = [with_flags(data, GAP if i == behind else 0) for i, data in enumerate(maker.blocks) if i not in gone]
         name = "-".join(map(str, gone))
-        case(f"gap-block-{name}", FILE_START + b"".join(kept), maker.lines(without=gone))
-        marked = [with_flags(data, LEFT_OUT) if i == gone[0] else data for i, data in enumerate(kept)]
-        case(f"left-out-block-{name}", FILE_START + b"".join(marked), maker.lines(without=gone))
         size = sum(map(len, maker.blocks[: gone[0]])) + len(FILE_START)
+
+        def around(cause):
+            loss = loss_line(cause, size, 0, 2 * len(gone))  # noqa: B023
+            return [*maker.lines(without=range(gone[0], 4)), loss, *maker.lines(without=range(behind))]  # noqa: B023
+
+        case(f"gap-block-{name}", FILE_START + b"".join(kept), around("refused"))
+        marked = [with_flags(data, LEFT_OUT) if i == gone[0] else data for i, data in enumerate(kept)]
+        case(f"left-out-block-{name}", FILE_START + b"".join(marked), around("left out"))
         junk = b"".join(kept[: gone[0]]) + b"junk" + b"".join(kept[gone[0] :])
         case(f"gap-block-{name}-behind-damage", FILE_START + junk, maker.lines(without=range(gone[0], 4))
              + [damage_line(size, 4, 2 * len(gone))] + maker.lines(without=range(behind)))  # fmt: skip
@@ -720,7 +742,8 @@ def recovered_cases():
     case("left-out-without-gap", FILE_START + maker.blocks[0] + bad + b"".join(maker.blocks[2:]), [
         *maker.lines(without=[1, 2, 3]), damage_line(places(maker)[1], len(bad), 2), *maker.lines(without=[0, 1])])  # fmt: skip
     case("gap-without-jump", FILE_START + maker.blocks[0] + with_flags(maker.blocks[1], GAP)
-         + b"".join(maker.blocks[2:]), maker.lines())  # fmt: skip
+         + b"".join(maker.blocks[2:]), [*maker.lines(without=[1, 2, 3]), loss_line("refused", places(maker)[1]),
+                                        *maker.lines(without=[0])])  # fmt: skip
 
 
 def with_flags(data, flags):
@@ -739,7 +762,7 @@ def with_numbers(data, first):
 def main():
     for cases in (member_cases, flag_cases, register_cases, value_kind_cases, expectation_cases, translation_cases,
                   file_cases, damage_cases, malformed_cases, order_cases,
-                  comment_block_cases, recovered_cases):  # fmt: skip
+                  comment_block_cases, recovered_cases, pause_cases):  # fmt: skip
         cases()
     wanted = {f"{name}.trace": data for name, (data, _) in CASES.items()}
     wanted |= {f"{name}.json": "".join(text + "\n" for text in lines).encode() for name, (_, lines) in CASES.items()}

@@ -26,6 +26,10 @@ public:
     {
         print_record_json(out, item, beginning_, fields_);
     }
+    void discontinuity(Output &out, const QTRACE_Item &item) const override
+    {
+        print_discontinuity_json(out, item, beginning_);
+    }
 
 private:
     std::string beginning_;

@@ -16,6 +16,7 @@ public:
     }
     void header(Output &out, const QTRACE_Item &item) const override { print_header(out, item); }
     void record(Output &out, const QTRACE_Item &item) const override { print_record(out, item, fields_); }
+    void discontinuity(Output &out, const QTRACE_Item &item) const override { print_discontinuity(out, item); }
 
 private:
     std::string file_;
