@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """diff_streams_test.py REPLAY PLUGIN QTRACE LEAVE_OUT STREAM: leaves out pieces of 1 to 20,000 records at many places
-of a stream's traces, and pieces of its commits before they are traced; `qtrace diff` must count exactly these."""
+of a stream's traces, and pieces of its commits before they are traced; `qtrace diff` must count exactly these, in bounded memory."""
 import json
 import os
 import random
@@ -9,6 +9,12 @@ import sys
 import tempfile
 
 REPLAY, PLUGIN, QTRACE, LEAVE_OUT, STREAM = map(os.path.abspath, sys.argv[1:6])
+MOST_MEMORY = 128 << 10  # KiB of a comparison; the records of the larger traces take more
+# Tells the most memory that a command took; started by a small process, for its own beginning counts too.
+MEASURE = """import os, resource, subprocess, sys
+os.environ["ASAN_OPTIONS"] = "quarantine_size_mb=1"
+subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL)
+print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)"""
 SIZES = [1, 2, 3, 5, 8, 17, 40, 130, 700, 3000, 20000]
 
 
@@ -108,6 +114,8 @@ def main():
             for seed in range(4):
                 check_records_left_out(name, len(whole), seed)
             compared = [check_commits_left_out(lines, thread, whole, seed) for seed in range(2)]
+            memory = int(run(sys.executable, "-c", MEASURE, QTRACE, "diff", name, "less0"))
+            assert memory < MOST_MEMORY, memory
             print(name, len(whole), "records", "and commits" if all(compared) else "")
 
 

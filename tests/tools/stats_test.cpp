@@ -92,6 +92,10 @@ TEST(stats_after_losses, translation_modes_are_unknown_until_they_are_named)
     EXPECT_EQ(counts["fetch_none/radix"].get<uint64_t>() + counts["fetch_unknown"].get<uint64_t>(),
               counts["instructions"].get<uint64_t>());
     EXPECT_GT(counts["fetch_unknown"], 0);
+    qtrace({"recover", folder.path("damaged0"), folder.path("saved0")});
+    const json saved = columns({folder.path("saved0")}).at(0);
+    EXPECT_EQ(saved["fetch_unknown"], counts["fetch_unknown"]);
+    EXPECT_EQ(saved["fetch_none/radix"], counts["fetch_none/radix"]);
 }
 
 TEST(stats_total, is_the_sum_of_every_counter)
