@@ -68,49 +68,37 @@ uint32_t Record_Filter::parse_kind(const std::string &name)
     throw unknown_word("kind of record", name, known);
 }
 
-// An option that takes values separated by commas, and may be repeated.
-template <class Take>
-static void declare_list(CLI::App &app, const char *name, const char *type, const char *description, Take take)
-{
-    app.add_option_function<std::vector<std::string>>(
-           name, [take](const std::vector<std::string> &values) { std::ranges::for_each(values, take); },
-           description)
-        ->delimiter(',')
-        ->allow_extra_args(false)
-        ->type_name(type);
-}
-
-void Record_Filter::declare(CLI::App &app, const Take_Word &take_kind)
+void Record_Filter::declare(Options &app, const Take_Word &take_kind)
 {
     declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
     declare_number(app, "--count", count_, "most records that are taken (of each file)");
     declare_choices(app, take_kind);
 }
 
-void Record_Filter::declare_choices(CLI::App &app, const Take_Word &take_kind)
+void Record_Filter::declare_choices(Options &app, const Take_Word &take_kind)
 {
-    declare_list(app, "--pid", "PID,...", "only these processes",
-                 [this](const std::string &text) { pids_.push_back(parse_number(text, "--pid", UINT32_MAX)); });
-    declare_list(app, "--lpid", "LPID,...", "only these partitions",
-                 [this](const std::string &text) { lpids_.push_back(parse_number(text, "--lpid", UINT64_MAX)); });
-    declare_list(app, "--pc", "ADDR[-ADDR],...", "only instructions at these addresses (both ends included)",
-                 [this](const std::string &text) { pcs_.push_back(parse_range(text)); });
-    declare_list(app, "--data", "ADDR[-ADDR],...", "only accesses to these effective addresses",
-                 [this](const std::string &text) { datas_.push_back(parse_range(text)); });
-    declare_list(app, "--real", "ADDR[-ADDR],...", "only accesses to these real addresses",
-                 [this](const std::string &text) { reals_.push_back(parse_range(text)); });
-    declare_list(app, "--kind", "KIND,...",
-                 "only these kinds: load, store, branch, taken, string, call, return, system_call, cache, error",
-                 [this, take_kind](const std::string &text) {
-                     if (!take_kind || !take_kind(text))
-                         kinds_ |= parse_kind(text);
-                 });
-    declare_list(app, "--not", "KIND,...", "none of these kinds",
-                 [this](const std::string &text) { not_kinds_ |= parse_kind(text); });
-    declare_list(app, "--word", "WORD[/MASK],...", "only these instruction words; bits outside MASK do not count",
-                 [this](const std::string &text) { words_.push_back(parse_word(text)); });
-    declare_list(app, "--register", "REGISTER,...", "only with one of these registers (r10, f1, s8, v2, x34)",
-                 [this](const std::string &text) { registers_.push_back(parse_register(text)); });
+    app.add_values("--pid", "PID,...", "only these processes",
+                   [this](const std::string &text) { pids_.push_back(parse_number(text, "--pid", UINT32_MAX)); });
+    app.add_values("--lpid", "LPID,...", "only these partitions",
+                   [this](const std::string &text) { lpids_.push_back(parse_number(text, "--lpid", UINT64_MAX)); });
+    app.add_values("--pc", "ADDR[-ADDR],...", "only instructions at these addresses (both ends included)",
+                   [this](const std::string &text) { pcs_.push_back(parse_range(text)); });
+    app.add_values("--data", "ADDR[-ADDR],...", "only accesses to these effective addresses",
+                   [this](const std::string &text) { datas_.push_back(parse_range(text)); });
+    app.add_values("--real", "ADDR[-ADDR],...", "only accesses to these real addresses",
+                   [this](const std::string &text) { reals_.push_back(parse_range(text)); });
+    app.add_values("--kind", "KIND,...",
+                   "only these kinds: load, store, branch, taken, string, call, return, system_call, cache, error",
+                   [this, take_kind](const std::string &text) {
+                       if (!take_kind || !take_kind(text))
+                           kinds_ |= parse_kind(text);
+                   });
+    app.add_values("--not", "KIND,...", "none of these kinds",
+                   [this](const std::string &text) { not_kinds_ |= parse_kind(text); });
+    app.add_values("--word", "WORD[/MASK],...", "only these instruction words; bits outside MASK do not count",
+                   [this](const std::string &text) { words_.push_back(parse_word(text)); });
+    app.add_values("--register", "REGISTER,...", "only with one of these registers (r10, f1, s8, v2, x34)",
+                   [this](const std::string &text) { registers_.push_back(parse_register(text)); });
 }
 
 // ---- Matching ------------------------------------------------------------------------------------------

@@ -1,9 +1,8 @@
 // Which records a command looks at: one set of options, and a walk over a trace that delivers those records.
 #pragma once
 
+#include "command_options.h"
 #include "trace_files.h"
-
-#include <CLI/CLI.hpp>
 
 #include <functional>
 #include <limits>
@@ -20,9 +19,9 @@ class Record_Filter
 public:
     // `take_kind` gets each word of --kind first, and returns whether it has taken it.
     using Take_Word = std::function<bool(const std::string &)>;
-    void declare(CLI::App &app, const Take_Word &take_kind = {});
+    void declare(Options &app, const Take_Word &take_kind = {});
     // All but the range of numbers, which the command has itself.
-    void declare_choices(CLI::App &app, const Take_Word &take_kind = {});
+    void declare_choices(Options &app, const Take_Word &take_kind = {});
     void begin_at(uint64_t record) { from_ = record; }
 
     uint64_t from() const { return from_; }

@@ -2,6 +2,8 @@
 
 #include "item_scan.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -158,7 +160,7 @@ struct Command_Line {
             subcommand->add_flag("--json", run.json, "for machines: JSON, on standard output");
             subcommand->footer(TOOL_FOOTER);
             commands.push_back(info.make());
-            commands.back()->declare(*subcommand);
+            commands.back()->declare(options.emplace_back(*subcommand));
         }
     }
     size_t chosen() const
@@ -170,6 +172,7 @@ struct Command_Line {
 
     CLI::App app{"Looks into, checks, compares and mends instruction traces.", "qtrace"};
     std::vector<std::unique_ptr<Command>> commands; // in the order of COMMANDS
+    std::deque<Options> options;                    // of each
 };
 
 std::string chosen_name(const CLI::App &app)
@@ -208,9 +211,9 @@ Usage_Error unknown_word(const std::string &what, const std::string &unknown, co
     return Usage_Error(fmt::format("`{}` is no {}{}", unknown, what, hint));
 }
 
-CLI::Option *declare_files(CLI::App &app, std::vector<std::string> &files)
+Option *declare_files(Options &app, std::vector<std::string> &files)
 {
-    return app.add_option("FILE", files, "trace files, or base names of them")->required();
+    return app.add_arguments("FILE", files, "trace files, or base names of them");
 }
 
 void require_files(const std::vector<std::string> &files)
@@ -229,8 +232,7 @@ std::optional<uint64_t> parse_digits(std::string_view text, int base)
     return error == std::errc{} && stop == end ? std::optional(value) : std::nullopt;
 }
 
-CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &number,
-                            const std::string &description)
+Option *declare_number(Options &app, const std::string &name, uint64_t &number, const std::string &description)
 {
     const auto take = [name, &number](const std::string &text) {
         const std::optional<uint64_t> value = parse_digits(text, text.starts_with("0x") ? 16 : 10);
@@ -238,10 +240,10 @@ CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &nu
             throw Usage_Error(fmt::format("`{}` is no number for {}: digits expected", text, name));
         number = *value;
     };
-    return app.add_option_function<std::string>(name, take, description)->type_name("N");
+    return app.add_value(name, "N", description, take);
 }
 
-void declare_jobs(CLI::App &app, unsigned &jobs)
+void declare_jobs(Options &app, unsigned &jobs)
 {
     jobs = std::max(1u, std::thread::hardware_concurrency());
     const auto take = [&jobs](const std::string &text) {
@@ -250,11 +252,10 @@ void declare_jobs(CLI::App &app, unsigned &jobs)
             throw Usage_Error(fmt::format("`{}` is no number for --jobs: 1 to {} expected", text, MAX_JOBS));
         jobs = static_cast<unsigned>(*number);
     };
-    app.add_option_function<std::string>("--jobs", take, "threads that read (default: one for each core)")
-        ->type_name("N");
+    app.add_value("--jobs", "N", "threads that read (default: one for each core)", take);
 }
 
-void declare_scan(CLI::App &app, Scan_Options &options)
+void declare_scan(Options &app, Scan_Options &options)
 {
     declare_jobs(app, options.jobs);
     declare_number(app, "--from", options.range.first, "number of the first record, from 0 (of each file)");

@@ -1,9 +1,8 @@
 // The subcommands of `qtrace`. Each declares its options, and does its work with a run.
 #pragma once
 
+#include "command_options.h"
 #include "tool_run.h"
-
-#include <CLI/CLI.hpp>
 
 #include <memory>
 #include <optional>
@@ -17,7 +16,7 @@ class Command
 {
 public:
     virtual ~Command() = default;
-    virtual void declare(CLI::App &app) = 0;
+    virtual void declare(Options &app) = 0;
     virtual void run(Tool_Run &run) = 0;
 };
 
@@ -30,19 +29,18 @@ struct Command_Info {
 
 // The FILE... argument that most subcommands take. One that can do without it sets required(false), and asks
 // require_files() when it cannot.
-CLI::Option *declare_files(CLI::App &app, std::vector<std::string> &files);
+Option *declare_files(Options &app, std::vector<std::string> &files);
 void require_files(const std::vector<std::string> &files);
 
 // An option that takes a number: decimal, or hexadecimal after 0x, and below 2^64.
-CLI::Option *declare_number(CLI::App &app, const std::string &name, uint64_t &number,
-                            const std::string &description);
+Option *declare_number(Options &app, const std::string &name, uint64_t &number, const std::string &description);
 // Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.
 std::optional<uint64_t> parse_digits(std::string_view text, int base);
 
 struct Scan_Options;
-void declare_jobs(CLI::App &app, unsigned &jobs);
+void declare_jobs(Options &app, unsigned &jobs);
 // --jobs, --from and --count.
-void declare_scan(CLI::App &app, Scan_Options &options);
+void declare_scan(Options &app, Scan_Options &options);
 
 // The candidate that `word` was probably meant to be; empty when none is near.
 std::string closest(const std::string &word, const std::vector<std::string> &candidates);

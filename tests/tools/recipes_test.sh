@@ -19,7 +19,7 @@ namespace
 class Greet_Command : public Command
 {
 public:
-    void declare(CLI::App &) override {}
+    void declare(Options &) override {}
     void run(Tool_Run &run) override { run.out.put("greetings\n"); }
 };
 } // namespace

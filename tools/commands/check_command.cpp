@@ -6,6 +6,7 @@
 #include "tool_command.h"
 #include "trace_files.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
@@ -160,17 +161,12 @@ void Findings::summarise(uint64_t records, uint64_t headers, const Pte_Checker *
 class Check_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         declare_files(app, files_)->required(false);
-        app.add_option("--text", texts_, "the text trace (or its base name) to compare with")
-            ->allow_extra_args(false);
-        app.add_option("--pte", ptes_, "the page-table-entry file (or its base name) that must have every walk")
-            ->allow_extra_args(false);
-        app.add_option("--ignore", ignore_, "rules not to apply, separated by commas")
-            ->delimiter(',')
-            ->allow_extra_args(false)
-            ->type_name("RULE,...");
+        app.add_repeated("--text", texts_, "the text trace (or its base name) to compare with");
+        app.add_repeated("--pte", ptes_, "the page-table-entry file (or its base name) that must have every walk");
+        app.add_list("--ignore", ignore_, "rules not to apply, separated by commas")->type_name("RULE,...");
         declare_number(app, "--limit", limit_, "violations to show of each rule (of each file)")->default_str("10");
         app.add_flag("--rules", list_, "list the rules");
         declare_scan(app, scan_);

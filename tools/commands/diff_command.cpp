@@ -2,6 +2,8 @@
 #include "tool_command.h"
 #include "trace_diff.h"
 
+#include <algorithm>
+
 namespace qtrace_tool
 {
 namespace
@@ -19,14 +21,12 @@ std::string names_of(const Difference_Set &kinds)
 class Diff_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         app.add_option("A", a_, "trace file or base name")->required();
         app.add_option("B", b_, "what it is compared with")->required();
-        app.add_option("--ignore", ignore_,
-                       fmt::format("kinds of difference to pass over: {}", fmt::join(DIFFERENCE_NAMES, ", ")))
-            ->delimiter(',')
-            ->allow_extra_args(false)
+        app.add_list("--ignore", ignore_,
+                     fmt::format("kinds of difference to pass over: {}", fmt::join(DIFFERENCE_NAMES, ", ")))
             ->type_name("KIND,...");
         declare_number(app, "--limit", limit_, "differences to show (of each thread)")->default_str("1");
         declare_number(app, "--context", context_, "records to show before and after a difference")

@@ -20,22 +20,21 @@ namespace
 class Dump_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         declare_files(app, files_)->required(false);
-        app_ = &app;
+        options_ = &app;
         app.add_option("--pte", pte_,
                        "a page-table-entry file (or its base name) instead of traces; --kind radix, hpt or "
                        "words (default) says what it holds");
         filter_.declare(app, [this](const std::string &kind) { return take_pte_kind(kind); });
-        app.get_option("--kind")->description(
+        app.describe(
+            "--kind",
             "only these kinds (the last three with --pte): load, store, branch, taken, string, call, return, "
             "system_call, cache, error, radix, hpt, words");
         declare_jobs(app, scan_.jobs);
-        app.add_option("--fields", fields_,
-                       "what a line shows: groups or members, separated by commas; `all`; `help` lists")
-            ->delimiter(',')
-            ->allow_extra_args(false)
+        app.add_list("--fields", fields_,
+                     "what a line shows: groups or members, separated by commas; `all`; `help` lists")
             ->type_name("FIELD,...");
         app.add_flag("--explain", explain_, "a legend first");
         app.add_option(
@@ -73,7 +72,7 @@ private:
     void dump(Tool_Run &run, Trace_File &file, bool named) const;
 
     std::vector<std::string> files_, fields_;
-    const CLI::App *app_ = nullptr;
+    const Options *options_ = nullptr;
     std::string pte_;
     const Pte_Kind *pte_kind_ = &pte_kinds().back();
     Record_Filter filter_;
@@ -99,9 +98,9 @@ bool Dump_Command::take_pte_kind(const std::string &name)
 void Dump_Command::refuse_options_of_records() const
 {
     static constexpr std::string_view TAKEN[] = {"--pte", "--kind", "--from", "--count", "--json", "--jobs"};
-    for (const CLI::Option *option : app_->get_options())
-        if (option->count() > 0 && std::ranges::find(TAKEN, option->get_name()) == std::end(TAKEN))
-            throw Usage_Error(fmt::format("{} cannot be used with --pte", option->get_name()));
+    for (const std::string &name : options_->given())
+        if (std::ranges::find(TAKEN, name) == std::end(TAKEN))
+            throw Usage_Error(fmt::format("{} cannot be used with --pte", name));
 }
 
 void Dump_Command::dump_accesses(Tool_Run &run) const

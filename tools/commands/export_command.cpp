@@ -21,7 +21,7 @@ constexpr Export_Format EXPORT_FORMATS[] = {
 class Export_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override;
+    void declare(Options &app) override;
     void run(Tool_Run &run) override;
 
 private:
@@ -37,7 +37,7 @@ private:
     uint64_t records_ = 0;
 };
 
-void Export_Command::declare(CLI::App &app)
+void Export_Command::declare(Options &app)
 {
     declare_files(app, files_);
     app.add_option("--format", format_, "one of: csv, champsim, sqlite, callgrind")
@@ -45,10 +45,7 @@ void Export_Command::declare(CLI::App &app)
         ->type_name("FORMAT");
     app.add_option("-o,--output", output_, "the file to be written")->required()->type_name("OUT");
     app.add_flag("--force", force_, "replace OUT when it exists");
-    app.add_option("--fields", options_.fields, "csv: the columns")
-        ->delimiter(',')
-        ->allow_extra_args(false)
-        ->type_name("FIELD,...");
+    app.add_list("--fields", options_.fields, "csv: the columns")->type_name("FIELD,...");
     app.add_flag("--decimal", options_.decimal, "csv: all numbers in decimal");
     app.add_flag("--index", options_.index, "sqlite: with indexes by address, access and record");
     app.add_option("--address", address_, "addresses of champsim: effective, real")->type_name("WHICH");

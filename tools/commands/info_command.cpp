@@ -176,7 +176,7 @@ void print_ending(Output &out, const QTRACE_Info &info)
 class Info_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         declare_files(app, files_);
         app.add_flag("--verify", verify_, "read all blocks, not only their headers, for damage");

@@ -48,7 +48,7 @@ std::string quoted(const std::string &name)
 class Plan_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         declare_files(app, files_);
         declare_number(app, "--parts", parts_, "about how many lines to print")->required();

@@ -12,7 +12,7 @@ namespace
 class Recover_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         app.add_option("IN", in_, "the damaged file, or a base name")->required();
         app.add_option("OUT", out_, "the file to be written, or a base name like IN; replaced when it exists")

@@ -16,19 +16,16 @@ namespace
 class Report_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         declare_files(app, files_);
         app.add_option("-o,--output", output_, "the page to write")->required()->type_name("FILE.html");
         app.add_option("--symbols", symbols_,
                        "names of addresses: lines of `ADDRESS [TYPE] NAME`, as nm prints them")
             ->type_name("FILE");
-        app.add_option(
-               "--page-bits", bits_,
+        app.add_numbers(
+               "--page-bits", bits_, 12, 63,
                "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
-            ->delimiter(',')
-            ->allow_extra_args(false)
-            ->check(CLI::Range(12, 63))
             ->type_name("BITS,...");
     }
     void run(Tool_Run &run) override;

@@ -142,17 +142,14 @@ std::vector<std::pair<Page, uint64_t>> hottest(const Page_Counts &pages, size_t 
 class Stats_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override
+    void declare(Options &app) override
     {
         declare_files(app, files_);
         declare_number(app, "--top", top_, "pages and branch targets to list")->default_str("10");
-        app.add_option(
-               "--page-bits", bits_,
+        app.add_numbers(
+               "--page-bits", bits_, 12, 63,
                "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
                "4K, 64K, 2M, 1G, 16M)")
-            ->delimiter(',')
-            ->allow_extra_args(false)
-            ->check(CLI::Range(12, 63))
             ->type_name("BITS,...");
         declare_scan(app, scan_);
         filter_.declare_choices(app);

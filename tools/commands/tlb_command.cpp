@@ -258,12 +258,12 @@ constexpr const char *NOT_MODELLED =
 class Tlb_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override;
+    void declare(Options &app) override;
     void run(Tool_Run &run) override;
 
 private:
-    void declare_model(CLI::App &app);
-    void declare_output(CLI::App &app);
+    void declare_model(Options &app);
+    void declare_output(Options &app);
     void read_options();
     std::unique_ptr<Tlb_Figures> replay(Tool_Run &run, Trace_File &file) const;
     void print(Tool_Run &run, const std::string &name, const Tlb_Figures &figures) const;
@@ -277,18 +277,16 @@ private:
     Tlb_Lists lists_;
 };
 
-void Tlb_Command::declare(CLI::App &app)
+void Tlb_Command::declare(Options &app)
 {
     declare_files(app, files_);
     declare_model(app);
     declare_output(app);
 }
 
-void Tlb_Command::declare_model(CLI::App &app)
+void Tlb_Command::declare_model(Options &app)
 {
-    app.add_option("--entries", entries_, "levels of the TLB, first to last (default 64x4,1536x12)")
-        ->delimiter(',')
-        ->allow_extra_args(false)
+    app.add_list("--entries", entries_, "levels of the TLB, first to last (default 64x4,1536x12)")
         ->type_name("ENTRIESxWAYS,...");
     app.add_flag("--split", options_.split, "the first level is one TLB for fetches and one for data");
     declare_number(app, "--walk-cache", walk_cache_, "table entries that walks find cached")->default_str("16");
@@ -299,20 +297,16 @@ void Tlb_Command::declare_model(CLI::App &app)
         ->default_str("as-traced");
     app.add_flag("--flush-on-switch", options_.flush_on_switch,
                  "empty everything where the partition or the process changes");
-    app.add_option("--page-bits", bits_,
-                   "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
-        ->delimiter(',')
-        ->allow_extra_args(false)
-        ->check(CLI::Range(12, 63))
+    app.add_numbers(
+           "--page-bits", bits_, 12, 63,
+           "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
         ->type_name("BITS,...");
 }
 
-void Tlb_Command::declare_output(CLI::App &app)
+void Tlb_Command::declare_output(Options &app)
 {
-    app.add_option("--per", per_,
-                   "tables to show: partition, process, page-size, instruction, page (default instruction,page)")
-        ->delimiter(',')
-        ->allow_extra_args(false)
+    app.add_list("--per", per_,
+                 "tables to show: partition, process, page-size, instruction, page (default instruction,page)")
         ->type_name("TABLE,...");
     declare_number(app, "--interval", options_.interval,
                    "instructions of each row of a series; without: no series");
