@@ -29,6 +29,12 @@ Option *Option::default_str(const std::string &text)
     return this;
 }
 
+Option *Option::in_order()
+{
+    option_->trigger_on_parse();
+    return this;
+}
+
 Option *Options::keep(CLI::Option *option)
 {
     return &options_.emplace_back(option);

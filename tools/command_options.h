@@ -25,6 +25,8 @@ public:
     // What the help calls the value.
     Option *type_name(const std::string &name);
     Option *default_str(const std::string &text);
+    // It may be repeated, and each value is taken where it stands among those of the other options of this kind.
+    Option *in_order();
 
 private:
     CLI::Option *option_;

@@ -1,6 +1,7 @@
 #include "tool_command.h"
 
 #include "item_scan.h"
+#include "symbol_names.h"
 
 #include <CLI/CLI.hpp>
 
@@ -253,6 +254,33 @@ void declare_jobs(Options &app, unsigned &jobs)
         jobs = static_cast<unsigned>(*number);
     };
     app.add_value("--jobs", "N", "threads that read (default: one for each core)", take);
+}
+
+void declare_symbols(Options &app, Symbol_Options &options)
+{
+    const auto add = [&options](const std::string &argument) {
+        try {
+            options.add(argument);
+        } catch (const std::invalid_argument &refusal) {
+            throw Usage_Error(refusal.what());
+        }
+    };
+    const auto move = [&options](const std::string &text) {
+        const std::optional<uint64_t> address = parse_digits(text, 16);
+        if (!address)
+            throw Usage_Error(fmt::format("`{}` is no address for --load-address: digits expected", text));
+        if (options.files.empty() || options.files.back().load_address)
+            throw Usage_Error("--load-address stands after the --symbols FILE that was moved");
+        options.files.back().load_address = address;
+    };
+    app.add_value(
+           "--symbols", "FILE",
+           "names of addresses: an ELF file, or lines `ADDRESS [SIZE] [TYPE] NAME`; of a partition or process "
+           "alone: lpid=N,pid=N:FILE",
+           add)
+        ->in_order();
+    app.add_value("--load-address", "ADDR", "where the lowest segment of the ELF file before it was put", move)
+        ->in_order();
 }
 
 void declare_scan(Options &app, Scan_Options &options)

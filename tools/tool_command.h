@@ -37,6 +37,10 @@ Option *declare_number(Options &app, const std::string &name, uint64_t &number, 
 // Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.
 std::optional<uint64_t> parse_digits(std::string_view text, int base);
 
+struct Symbol_Options;
+// --symbols, and --load-address for the file of the --symbols before it.
+void declare_symbols(Options &app, Symbol_Options &options);
+
 struct Scan_Options;
 void declare_jobs(Options &app, unsigned &jobs);
 // --jobs, --from and --count.

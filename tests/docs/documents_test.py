@@ -71,6 +71,8 @@ def make_manual():
     make_sample()
     make_changed()
     make_damaged()
+    pathlib.Path("kernel.map").write_text("c000000000002000 T kernel\n", encoding="utf-8")
+    pathlib.Path("program.map").write_text("10001000 T program\n", encoding="utf-8")
 
 
 def make_console():

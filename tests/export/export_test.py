@@ -6,6 +6,7 @@ import csv
 import os
 import pathlib
 import re
+import shutil
 import signal
 import struct
 import subprocess
@@ -303,7 +304,8 @@ class Page(Export):
         environment = os.environ | {"PATH": f"{PROGRAMS}:{os.environ['PATH']}"}
         for command in re.findall(r"^\$ (.*)$", block, re.M):
             for name in re.findall(r"-o (\S+)", command):
-                (self.home / name).unlink(missing_ok=True)
+                out = self.home / name
+                shutil.rmtree(out) if out.is_dir() else out.unlink(missing_ok=True)
             done = subprocess.run(command, shell=True, cwd=self.home, env=environment, text=True,
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
             lines.append(f"$ {command}\n{done.stdout}")

@@ -43,8 +43,8 @@ class Words_View : public Item_View
 {
 public:
     void begin(Output &, bool) const override {}
-    void header(Output &, const QTRACE_Item &) const override {}
-    void record(Output &out, const QTRACE_Item &item) const override
+    void header(Output &, const QTRACE_Item &, const Item_Notes &) const override {}
+    void record(Output &out, const QTRACE_Item &item, const Item_Notes &) const override
     {
         out.put_hex(item.record.header.instruction, 8);
         out.put('\n');

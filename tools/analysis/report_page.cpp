@@ -172,7 +172,7 @@ private:
     Json thread_json(Thread_Data &thread);
     Json heat_json(Heat_Map &map, const Thread_Data &thread, const char *what, bool pc);
     size_t heat_rows() const { return std::clamp<size_t>(240 / std::max<size_t>(1, threads_.size()), 24, 96); }
-    std::string named(uint64_t address) const { return symbol_of(report_.symbols, address); }
+    std::string named(uint64_t address) const { return report_.names->text(address); }
 
     Report &report_;
     std::vector<Thread_Data *> threads_;
@@ -533,12 +533,13 @@ void Page_Builder::mix()
 
 void Page_Builder::hot_functions()
 {
-    if (report_.symbols.empty())
+    if (!report_.names->any())
         return;
     std::map<std::string, std::pair<uint64_t, uint64_t>> functions; // times, an address
     for (const Thread_Data *thread : threads_)
         for (const auto &[address, times] : thread->addresses.top(SIZE_MAX)) {
-            auto &function = functions[named(address)];
+            const Symbol *const symbol = report_.names->find(address);
+            auto &function = functions[symbol != nullptr ? symbol->name : ""];
             function.first += times;
             function.second = address;
         }
@@ -844,12 +845,6 @@ std::string Page_Builder::build()
 }
 
 } // namespace
-
-std::string symbol_of(const std::vector<Report_Symbol> &symbols, uint64_t address)
-{
-    const auto after = std::ranges::upper_bound(symbols, address, {}, &Report_Symbol::first);
-    return after == symbols.begin() ? "" : std::prev(after)->name;
-}
 
 std::string report_page(Report &report)
 {

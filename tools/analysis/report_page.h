@@ -2,6 +2,7 @@
 #pragma once
 
 #include "report_data.h"
+#include "symbol_names.h"
 
 #include <memory>
 #include <string>
@@ -10,14 +11,6 @@
 namespace qtrace_tool
 {
 
-// A name for addresses from `first` on, up to the next one.
-struct Report_Symbol {
-    uint64_t first;
-    std::string name;
-};
-// The symbol that `address` belongs to; empty when there is none. `symbols` ascend by address.
-std::string symbol_of(const std::vector<Report_Symbol> &symbols, uint64_t address);
-
 struct Report_Trace {
     std::string name;
     std::vector<std::unique_ptr<Thread_Data>> threads;
@@ -25,7 +18,7 @@ struct Report_Trace {
 
 struct Report {
     std::vector<Report_Trace> traces; // two are compared
-    std::vector<Report_Symbol> symbols;
+    Name_Finder *names;               // of addresses of any process; the caller's
     Page_Sizes sizes;
 };
 

@@ -72,8 +72,13 @@ void Trace_Diff::leave_out_rest()
 
 Difference_Place Trace_Diff::here() const
 {
-    const QTRACE_Item *at = a_.item != nullptr ? a_.item : b_.item;
-    return {a_.record_number(), b_.record_number(), at != nullptr ? at->address : 0, {}, {}};
+    const Diff_Side &side = a_.item != nullptr ? a_ : b_;
+    return {a_.record_number(),
+            b_.record_number(),
+            side.item != nullptr ? side.item->address : 0,
+            Address_Space(side.file.context()),
+            {},
+            {}};
 }
 
 void Trace_Diff::report_missing(Difference_Place &&place)

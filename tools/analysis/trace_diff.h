@@ -4,6 +4,7 @@
 
 #include "diff_side.h"
 #include "record_difference.h"
+#include "symbol_names.h"
 
 #include <functional>
 #include <vector>
@@ -16,6 +17,7 @@ namespace qtrace_tool
 struct Difference_Place {
     uint64_t record_a, record_b; // numbers of the records there
     uint64_t address;            // of the instruction in the first trace, or the second when it is only there
+    Address_Space space;         // that it belongs to
     Difference_Set kinds;
     std::vector<Detail> details;
     uint64_t only_a = 0, only_b = 0;

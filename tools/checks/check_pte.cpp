@@ -73,7 +73,7 @@ void Pte_Checker::add(const Radix_Walk &walk, std::string_view of, const QTRACE_
         return;
     }
     by_entry_.emplace(walk.entry, walks_.size());
-    walks_.push_back({walk, of, item.record_number, item.address, item.kind == QTRACE_ITEM_HEADER, false});
+    walks_.push_back({walk, of, item.record_number, item.address, space_, item.kind == QTRACE_ITEM_HEADER, false});
 }
 
 void Pte_Checker::look_for(const Radix_Walk &access)

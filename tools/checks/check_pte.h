@@ -3,6 +3,7 @@
 
 #include "address_view.h"
 #include "qtrace_reader.h"
+#include "symbol_names.h"
 
 #include <cstdint>
 #include <string>
@@ -34,6 +35,7 @@ struct Traced_Walk {
     Radix_Walk walk;
     std::string_view of; // "data address"
     uint64_t record, address;
+    Address_Space space; // of the item's address
     bool in_header;
     bool found; // in the file
 };
@@ -46,6 +48,8 @@ class Pte_Checker
 public:
     static constexpr size_t MAX_WALKS = 1000000; // distinct ones that are kept
 
+    // The items that follow belong to it.
+    void enter(const Address_Space &space) { space_ = space; }
     // The translation of an address of the item.
     void add(const trace::Translated_Address &address, std::string_view of, const QTRACE_Item &item);
     // Looks for the walks. On failure, also when the file cannot be such a file, returns false and says why.
@@ -61,6 +65,7 @@ private:
     void add(const Radix_Walk &walk, std::string_view of, const QTRACE_Item &item);
     void look_for(const Radix_Walk &access);
 
+    Address_Space space_;
     std::vector<Traced_Walk> walks_;
     std::unordered_multimap<uint64_t, size_t> by_entry_; // places in walks_
     uint64_t hashed_ = 0, beyond_limit_ = 0;

@@ -23,6 +23,7 @@ struct Finding {
     bool in_header = false;
     uint64_t record = 0;
     std::optional<uint64_t> address;
+    Address_Space space{}; // that it belongs to
 };
 
 // Findings of a group of blocks: kept up to a limit for each rule, counted all. Items that only the items before them
@@ -31,6 +32,7 @@ struct Group_Findings {
     struct Entry {
         std::optional<Finding> finding;
         std::optional<Deferred_Item> deferred;
+        Address_Space space{}; // of that item
     };
     std::vector<Entry> entries;
     std::map<std::string_view, uint64_t> counts;
@@ -39,7 +41,7 @@ struct Group_Findings {
     void add(Finding &&finding, uint64_t limit)
     {
         if (++counts[finding.rule] <= limit)
-            entries.push_back({std::move(finding), std::nullopt});
+            entries.push_back({std::move(finding), std::nullopt, {}});
     }
 };
 
@@ -47,10 +49,15 @@ struct Group_Findings {
 class Findings
 {
 public:
-    Findings(Tool_Run &run, std::string file, const std::set<std::string, std::less<>> &ignored, uint64_t limit)
-        : run_(run), file_(std::move(file)), ignored_(ignored), limit_(limit)
+    Findings(Tool_Run &run, std::string file, const std::set<std::string, std::less<>> &ignored, uint64_t limit,
+             const Symbol_Names &names)
+        : run_(run), file_(std::move(file)), ignored_(ignored), limit_(limit), names_(names)
     {
+        if (names_.any())
+            notes_.names = &names_;
     }
+    Findings(const Findings &) = delete;
+    Findings &operator=(const Findings &) = delete;
 
     void add(const Finding &finding);
     // Those that a group counted and did not keep.
@@ -66,6 +73,8 @@ private:
     std::string file_;
     const std::set<std::string, std::less<>> &ignored_;
     uint64_t limit_;
+    Name_Finder names_;
+    Item_Notes notes_;
     std::map<std::string, uint64_t, std::less<>> counts_;
 };
 
@@ -77,6 +86,7 @@ void Findings::add(const Finding &finding)
     const auto count = counts_.try_emplace(std::string(finding.rule), 0).first;
     if (++count->second > limit_)
         return;
+    names_.enter(finding.space);
     run_.json ? print_json(finding) : print(finding);
     run_.out.settle();
 }
@@ -93,8 +103,10 @@ void Findings::print(const Finding &finding) const
 {
     Output &out = run_.out;
     out.print("{}: {}record {}", file_, finding.in_header ? "header before " : "", finding.record);
-    if (finding.address)
+    if (finding.address) {
         out.print(" at {:016x}", *finding.address);
+        print_name(out, notes_, *finding.address);
+    }
     out.put(": ");
     print_visible(out, finding.text);
     out.put(" [");
@@ -111,8 +123,10 @@ void Findings::print_json(const Finding &finding) const
     print_json_text(out, file_);
     out.print(",\"rule\":\"{}\",\"{}\":{}", finding.rule, finding.in_header ? "before_record" : "record",
               finding.record);
-    if (finding.address)
+    if (finding.address) {
         out.print(",\"address\":\"0x{:x}\"", *finding.address);
+        print_name_json(out, notes_, "symbol", *finding.address);
+    }
     out.put(",\"sentence\":");
     print_json_text(out, finding.text);
     out.put("}\n");
@@ -170,6 +184,7 @@ public:
         declare_number(app, "--limit", limit_, "violations to show of each rule (of each file)")->default_str("10");
         app.add_flag("--rules", list_, "list the rules");
         declare_scan(app, scan_);
+        declare_symbols(app, symbols_);
     }
 
     void run(Tool_Run &run) override;
@@ -179,13 +194,14 @@ private:
     struct Companions {
         std::string text, pte;
     };
-    void check(Tool_Run &run, Trace_File &file, const Companions &beside) const;
+    void check(Tool_Run &run, Trace_File &file, const Companions &beside, const Symbol_Names &names) const;
     std::set<std::string, std::less<>> ignored() const;
 
     std::vector<std::string> files_, texts_, ptes_, ignore_;
     uint64_t limit_ = 10;
     bool list_ = false;
     Scan_Options scan_;
+    Symbol_Options symbols_;
 };
 
 void list_rules(Tool_Run &run)
@@ -231,12 +247,13 @@ void Check_Command::run(Tool_Run &run)
     }
     require_files(files_);
     (void)ignored();
+    const Symbol_Names names(run, symbols_);
     const std::vector<std::string> files = traces_of(run, files_);
     const std::vector<std::string> texts = companions(run, texts_, files.size(), "text files");
     const std::vector<std::string> ptes = companions(run, ptes_, files.size(), "page-table-entry files");
     for (size_t i = 0; i < files.size(); i++)
         if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, files[i]))
-            check(run, *file, {texts[i], ptes[i]});
+            check(run, *file, {texts[i], ptes[i]}, names);
 }
 
 std::string sentence_of(const Violation &violation)
@@ -245,10 +262,14 @@ std::string sentence_of(const Violation &violation)
                                     : fmt::format("{} ({})", violation.rule.sentence, violation.values);
 }
 
-Finding finding_of(const Violation &violation)
+Finding finding_of(const Violation &violation, const Address_Space &space)
 {
-    return {violation.rule.name, sentence_of(violation), violation.in_header, violation.record,
-            violation.address_known ? std::optional(violation.address) : std::nullopt};
+    return {violation.rule.name,
+            sentence_of(violation),
+            violation.in_header,
+            violation.record,
+            violation.address_known ? std::optional(violation.address) : std::nullopt,
+            space};
 }
 
 // The text trace and the page-table entries beside one trace. They are read along with it, by one thread.
@@ -259,7 +280,7 @@ public:
     // False: the run has been told why a file cannot be read.
     bool open(Tool_Run &run, const std::string &text, const std::string &pte);
     bool any() const { return text_ || entries_; }
-    void item(const QTRACE_Item &item);
+    void item(const QTRACE_Item &item, const Address_Space &space);
     void end(Tool_Run &run);
     const Pte_Checker *entries() const { return entries_.get(); }
 
@@ -271,6 +292,7 @@ private:
     std::unique_ptr<Pte_Checker> entries_;
     std::string entries_name_;
     const QTRACE_Item *item_ = nullptr; // being checked
+    Address_Space space_;               // that it belongs to
 };
 
 bool Beside::open(Tool_Run &run, const std::string &text, const std::string &pte)
@@ -279,7 +301,7 @@ bool Beside::open(Tool_Run &run, const std::string &text, const std::string &pte
         text_ = std::make_unique<Text_Checker>(text, [this](Text_Rule rule, const std::string &what) {
             findings_.add({rule.name, fmt::format("text line {}: {}", text_->line(), what), false,
                            item_ != nullptr ? item_->record_number : 0,
-                           item_ != nullptr ? std::optional(item_->address) : std::nullopt});
+                           item_ != nullptr ? std::optional(item_->address) : std::nullopt, space_});
         });
         if (const int error = text_->open_error(); error != 0) {
             run.fail(fmt::format("{}: {}", text, std::strerror(error)));
@@ -294,15 +316,17 @@ bool Beside::open(Tool_Run &run, const std::string &text, const std::string &pte
 
 void Beside::walks(const QTRACE_Item &item)
 {
+    entries_->enter(space_);
     if (item.kind == QTRACE_ITEM_HEADER)
         return entries_->add(first_address_of(item.header), "first address", item);
     entries_->add(next_address_of(item.record), "next address", item);
     entries_->add(data_address_of(item.record), "data address", item);
 }
 
-void Beside::item(const QTRACE_Item &item)
+void Beside::item(const QTRACE_Item &item, const Address_Space &space)
 {
     item_ = &item;
+    space_ = space;
     if (text_)
         item.kind == QTRACE_ITEM_HEADER ? text_->header(item) : text_->record(item);
     if (entries_)
@@ -324,7 +348,7 @@ void Beside::end(Tool_Run &run)
             {"pte-walk",
              fmt::format("the walk of the {} by {:x}, {:x}, {:x} to the entry {:x} is not in the file", walk.of,
                          walk.walk.directory[0], walk.walk.directory[1], walk.walk.directory[2], walk.walk.entry),
-             walk.in_header, walk.record, walk.address});
+             walk.in_header, walk.record, walk.address, walk.space});
 }
 
 // A group of blocks against the rules.
@@ -335,6 +359,7 @@ public:
 
     void begin(const Group_Start &start) override
     {
+        space = Address_Space(start.context);
         if (!start.at_start)
             checker.begin(start.context);
         else if (start.context != nullptr)
@@ -343,27 +368,31 @@ public:
     void header(const QTRACE_Item &item) override
     {
         findings.headers++;
+        space = Address_Space(context());
         checker.header(item);
         if (beside_ != nullptr)
-            beside_->item(item);
+            beside_->item(item, space);
     }
     void record(const QTRACE_Item &item) override
     {
         findings.records++;
         checker.record(item);
         if (beside_ != nullptr)
-            beside_->item(item);
+            beside_->item(item, space);
     }
     void loss(const QTRACE_Item &item, const std::string &text) override
     {
+        space = Address_Space(item.discontinuity.context);
         text.empty() ? checker.loss() : checker.damage(item.record_number, text);
     }
 
     Group_Findings findings;
-    Trace_Checker checker{[this](const Violation &violation) { findings.add(finding_of(violation), limit_); },
-                          [this](Deferred_Item &&item) {
-                              findings.entries.push_back({std::nullopt, std::move(item)});
-                          }};
+    Address_Space space; // of the item that is checked
+    Trace_Checker checker{
+        [this](const Violation &violation) { findings.add(finding_of(violation, space), limit_); },
+        [this](Deferred_Item &&item) {
+            findings.entries.push_back({std::nullopt, std::move(item), space});
+        }};
 
 private:
     Beside *beside_;
@@ -381,6 +410,7 @@ public:
         std::map<std::string_view, uint64_t> kept;
         for (const Group_Findings::Entry &entry : group.findings.entries) {
             if (entry.deferred) {
+                space_ = entry.space;
                 checker_.judge(*entry.deferred);
                 continue;
             }
@@ -392,6 +422,7 @@ public:
         records += group.findings.records;
         headers += group.findings.headers;
         checker_.append(group.checker);
+        space_ = group.space;
     }
     void end(bool open_end)
     {
@@ -404,15 +435,17 @@ public:
 
 private:
     Findings &findings_;
-    Trace_Checker checker_{[this](const Violation &violation) { findings_.add(finding_of(violation)); }};
+    Address_Space space_; // of the item that is judged
+    Trace_Checker checker_{[this](const Violation &violation) { findings_.add(finding_of(violation, space_)); }};
 };
 
-void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &names) const
+void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &companions,
+                          const Symbol_Names &names) const
 {
     const std::set<std::string, std::less<>> unwanted = ignored();
-    Findings findings(run, file.name(), unwanted, limit_);
+    Findings findings(run, file.name(), unwanted, limit_, names);
     Beside beside(findings);
-    if (!beside.open(run, names.text, names.pte))
+    if (!beside.open(run, companions.text, companions.pte))
         return;
     Scan_Options options = scan_;
     if (beside.any()) { // files that are read from their beginning to their end

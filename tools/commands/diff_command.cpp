@@ -31,22 +31,30 @@ public:
         declare_number(app, "--limit", limit_, "differences to show (of each thread)")->default_str("1");
         declare_number(app, "--context", context_, "records to show before and after a difference")
             ->default_str("3");
+        declare_symbols(app, symbols_);
     }
 
     void run(Tool_Run &run) override;
 
 private:
     Difference_Set ignored() const;
-    void compare(Tool_Run &run, const std::string &name_a, const std::string &name_b) const;
-    void show(Tool_Run &run, const std::string &name_a, const std::string &name_b,
-              const Difference_Place &place) const;
-    void show_lines(Tool_Run &run, const std::string &name, uint64_t from, uint64_t count, char mark) const;
-    void show_json(Output &out, const Difference_Place &place, bool first) const;
+    void compare(Tool_Run &run, const std::string &name_a, const std::string &name_b, Name_Finder &names) const;
+    // Whose places and lines are shown next to each other.
+    struct Shown {
+        Tool_Run &run;
+        const std::string &name_a, &name_b;
+        Name_Finder &names;
+        Item_Notes notes() const { return {names.any() ? &names : nullptr}; }
+    };
+    void show(const Shown &shown, const Difference_Place &place) const;
+    void show_lines(const Shown &shown, const std::string &name, uint64_t from, uint64_t count, char mark) const;
+    void show_json(const Shown &shown, const Difference_Place &place, bool first) const;
     void summarise(Output &out, const Difference_Counts &counts) const;
     void summarise_json(Output &out, const Difference_Counts &counts) const;
 
     std::string a_, b_;
     std::vector<std::string> ignore_;
+    Symbol_Options symbols_;
     uint64_t limit_ = 1, context_ = 3;
 };
 
@@ -66,6 +74,8 @@ Difference_Set Diff_Command::ignored() const
 void Diff_Command::run(Tool_Run &run)
 {
     (void)ignored();
+    const Symbol_Names names(run, symbols_);
+    Name_Finder finder(names);
     const std::vector<Named_File> a = traces_of(run, a_), b = traces_of(run, b_);
     const bool by_number = a.size() > 1 || b.size() > 1;
     const auto same_thread = [&](const Named_File &one, const Named_File &other) {
@@ -74,7 +84,7 @@ void Diff_Command::run(Tool_Run &run)
     for (const Named_File &file : a) {
         const auto other = std::ranges::find_if(b, [&](const Named_File &f) { return same_thread(file, f); });
         if (other != b.end())
-            compare(run, file.name, other->name);
+            compare(run, file.name, other->name, finder);
         else
             run.warn(fmt::format("{}: there is no such thread in {}", file.name, b_));
     }
@@ -83,7 +93,8 @@ void Diff_Command::run(Tool_Run &run)
             run.warn(fmt::format("{}: there is no such thread in {}", file.name, a_));
 }
 
-void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::string &name_b) const
+void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::string &name_b,
+                           Name_Finder &names) const
 {
     const std::unique_ptr<Trace_File> a = Trace_File::open(run, name_a), b = Trace_File::open(run, name_b);
     if (!a || !b)
@@ -98,9 +109,10 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
         run.out.print("{} | {}\n", name_a, name_b);
     }
     bool first = true;
+    const Shown shown{run, name_a, name_b, names};
     Progress progress(run, name_a, std::min(a->info().records, b->info().records));
     Trace_Diff diff(run, *a, *b, ignored(), limit_, [&](const Difference_Place &place) {
-        run.json ? show_json(run.out, place, first) : show(run, name_a, name_b, place);
+        run.json ? show_json(shown, place, first) : show(shown, place);
         first = false;
     });
     const Difference_Counts counts = diff.run([&progress] { progress.step(); });
@@ -110,9 +122,10 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
 }
 
 // Records of a file from a reader of its own, so that the comparison stays where it is.
-void Diff_Command::show_lines(Tool_Run &run, const std::string &name, uint64_t from, uint64_t count,
+void Diff_Command::show_lines(const Shown &shown, const std::string &name, uint64_t from, uint64_t count,
                               char mark) const
 {
+    Tool_Run &run = shown.run;
     const std::unique_ptr<Trace_File> file = Trace_File::open(run, name, true);
     if (count == 0 || !file || !file->seek(from))
         return;
@@ -122,10 +135,11 @@ void Diff_Command::show_lines(Tool_Run &run, const std::string &name, uint64_t f
             return;
         run.out.paint(mark == '-' ? Colour::removed : mark == '+' ? Colour::added : Colour::plain);
         run.out.put(mark);
+        shown.names.enter(file->context());
         if (item->kind == QTRACE_ITEM_HEADER)
-            print_header(run.out, *item);
+            print_header(run.out, *item, shown.notes());
         else
-            print_record(run.out, *item, fields);
+            print_record(run.out, *item, fields, shown.notes());
         run.out.paint(Colour::plain);
     }
 }
@@ -139,23 +153,25 @@ static void show_detail(Output &out, const Detail &detail)
     out.put('\n');
 }
 
-void Diff_Command::show(Tool_Run &run, const std::string &name_a, const std::string &name_b,
-                        const Difference_Place &place) const
+void Diff_Command::show(const Shown &shown, const Difference_Place &place) const
 {
+    Output &out = shown.run.out;
     const uint64_t before = std::min(context_, place.record_a);
     const bool missing = place.only_a + place.only_b > 0;
-    run.out.print("at record {} | {} ({:016x}): {}", place.record_a, place.record_b, place.address,
-                  names_of(place.kinds));
+    shown.names.enter(place.space);
+    out.print("at record {} | {} ({:016x}", place.record_a, place.record_b, place.address);
+    print_name(out, shown.notes(), place.address);
+    out.print("): {}", names_of(place.kinds));
     if (missing)
-        run.out.print(": {} only in {}, {} only in {}", counted(place.only_a, "record"), name_a, place.only_b,
-                      name_b);
-    run.out.put('\n');
+        out.print(": {} only in {}, {} only in {}", counted(place.only_a, "record"), shown.name_a, place.only_b,
+                  shown.name_b);
+    out.put('\n');
     for (const Detail &detail : place.details)
-        show_detail(run.out, detail);
-    show_lines(run, name_a, place.record_a - before, before, ' ');
-    show_lines(run, name_a, place.record_a, missing ? std::min(place.only_a, context_) : 1, '-');
-    show_lines(run, name_b, place.record_b, missing ? std::min(place.only_b, context_) : 1, '+');
-    show_lines(run, name_a, place.record_a + (missing ? place.only_a : 1), context_, ' ');
+        show_detail(out, detail);
+    show_lines(shown, shown.name_a, place.record_a - before, before, ' ');
+    show_lines(shown, shown.name_a, place.record_a, missing ? std::min(place.only_a, context_) : 1, '-');
+    show_lines(shown, shown.name_b, place.record_b, missing ? std::min(place.only_b, context_) : 1, '+');
+    show_lines(shown, shown.name_a, place.record_a + (missing ? place.only_a : 1), context_, ' ');
 }
 
 void Diff_Command::summarise(Output &out, const Difference_Counts &counts) const
@@ -177,10 +193,14 @@ void Diff_Command::summarise(Output &out, const Difference_Counts &counts) const
                   counted(counts.only_a, "record"), counts.only_b);
 }
 
-void Diff_Command::show_json(Output &out, const Difference_Place &place, bool first) const
+void Diff_Command::show_json(const Shown &shown, const Difference_Place &place, bool first) const
 {
-    out.print("{}{{\"record_a\":{},\"record_b\":{},\"address\":\"0x{:x}\",\"kinds\":[", first ? "" : ",",
-              place.record_a, place.record_b, place.address);
+    Output &out = shown.run.out;
+    out.print("{}{{\"record_a\":{},\"record_b\":{},\"address\":\"0x{:x}\"", first ? "" : ",", place.record_a,
+              place.record_b, place.address);
+    shown.names.enter(place.space);
+    print_name_json(out, shown.notes(), "symbol", place.address);
+    out.put(",\"kinds\":[");
     for (size_t i = 0, listed = 0; i < DIFFERENCES; i++)
         if (place.kinds[i])
             out.print("{}\"{}\"", listed++ == 0 ? "" : ",", DIFFERENCE_NAMES[i]);

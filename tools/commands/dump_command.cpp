@@ -33,6 +33,7 @@ public:
             "only these kinds (the last three with --pte): load, store, branch, taken, string, call, return, "
             "system_call, cache, error, radix, hpt, words");
         declare_jobs(app, scan_.jobs);
+        declare_symbols(app, symbols_);
         app.add_list("--fields", fields_,
                      "what a line shows: groups or members, separated by commas; `all`; `help` lists")
             ->type_name("FIELD,...");
@@ -58,10 +59,11 @@ public:
         prepare(run);
         if (explain_ && format_ == "text")
             run.out.put(LINE_LEGEND);
+        const Symbol_Names names(run, symbols_);
         const std::vector<std::string> files = traces_of(run, files_);
         for (const std::string &name : files)
             if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
-                dump(run, *file, files.size() > 1);
+                dump(run, *file, names, files.size() > 1);
     }
 
 private:
@@ -69,7 +71,7 @@ private:
     void refuse_options_of_records() const;
     void dump_accesses(Tool_Run &run) const;
     void prepare(const Tool_Run &run);
-    void dump(Tool_Run &run, Trace_File &file, bool named) const;
+    void dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, bool named) const;
 
     std::vector<std::string> files_, fields_;
     const Options *options_ = nullptr;
@@ -77,6 +79,7 @@ private:
     const Pte_Kind *pte_kind_ = &pte_kinds().back();
     Record_Filter filter_;
     Scan_Options scan_;
+    Symbol_Options symbols_;
     bool explain_ = false;
     std::string format_;
     Field_Selection shown_;
@@ -136,9 +139,12 @@ class Dump_Sink : public Item_Sink
 {
 public:
     // Keeps no more than `most` records.
-    Dump_Sink(const Item_View &view, const Record_Filter &filter, uint64_t most, bool colour)
-        : view_(view), filter_(filter), picks_(filter.picks()), most_(most), lines_(-1, colour)
+    Dump_Sink(const Item_View &view, const Record_Filter &filter, const Symbol_Names &names, uint64_t most,
+              bool colour)
+        : view_(view), filter_(filter), names_(names), picks_(filter.picks()), most_(most), lines_(-1, colour)
     {
+        if (names_.any())
+            notes_.names = &names_;
     }
     void begin(const Group_Start &start) override
     {
@@ -147,13 +153,13 @@ public:
     void header(const QTRACE_Item &item) override
     {
         if (!picks_)
-            view_.header(lines_, item);
+            view_.header(lines_, item, notes());
     }
     void record(const QTRACE_Item &item) override
     {
         if (picks_ && !filter_.matches(item, filter_.asks_for_context() ? context() : nullptr))
             return;
-        view_.record(lines_, item);
+        view_.record(lines_, item, notes());
         if (picks_ && most_ != EVERY_RECORD)
             ends_.push_back(lines_.size());
         records_++;
@@ -177,15 +183,24 @@ public:
     }
 
 private:
+    const Item_Notes &notes()
+    {
+        if (notes_.names != nullptr)
+            names_.enter(context());
+        return notes_;
+    }
+
     const Item_View &view_;
     const Record_Filter &filter_;
+    Name_Finder names_;
+    Item_Notes notes_;
     bool picks_, passed_over_ = false; // the whole group belongs to others
     uint64_t most_, records_ = 0;
     Output lines_;
     std::vector<size_t> ends_; // of the records in lines_, where some may be too many
 };
 
-void Dump_Command::dump(Tool_Run &run, Trace_File &file, bool named) const
+void Dump_Command::dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, bool named) const
 {
     if (filter_.from() > 0 && filter_.from() >= file.next_record_number()) {
         run.fail(
@@ -201,7 +216,7 @@ void Dump_Command::dump(Tool_Run &run, Trace_File &file, bool named) const
         options.range.count = std::exchange(left, EVERY_RECORD);
     scan<Dump_Sink>(
         run, file, options,
-        [&, most = left] { return std::make_unique<Dump_Sink>(*view, filter_, most, run.out.coloured()); },
+        [&, most = left] { return std::make_unique<Dump_Sink>(*view, filter_, names, most, run.out.coloured()); },
         [&](Dump_Sink &group) {
             left -= group.print(run.out, left);
             return left > 0;

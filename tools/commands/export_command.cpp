@@ -12,10 +12,11 @@ namespace
 {
 
 constexpr Export_Format EXPORT_FORMATS[] = {
-    {"csv", "chosen fields, a line a record", make_csv_exporter},
-    {"champsim", "input of that simulator", make_champsim_exporter},
-    {"sqlite", "a database", make_sqlite_exporter},
-    {"callgrind", "a flat profile for callgrind_annotate", make_callgrind_exporter},
+    {"csv", "chosen fields, a line a record", make_csv_exporter, nullptr},
+    {"champsim", "input of that simulator", make_champsim_exporter, nullptr},
+    {"sqlite", "a database", make_sqlite_exporter, nullptr},
+    {"callgrind", "a flat profile for callgrind_annotate", make_callgrind_exporter, nullptr},
+    {"ctf", "a folder for babeltrace2 and trace viewers", nullptr, make_ctf_exporter},
 };
 
 class Export_Command : public Command
@@ -26,13 +27,18 @@ public:
 
 private:
     const Export_Format &format() const;
-    std::unique_ptr<Exporter> make(const Export_Format &chosen, Output_File &output) const;
+    std::vector<std::unique_ptr<Trace_File>> open_files(Tool_Run &run);
+    template <class Output, class Make>
+    std::unique_ptr<Exporter> export_to(Tool_Run &run, Output &output, Make make);
+    void report(Tool_Run &run, const Exporter &exporter) const;
     void export_file(Tool_Run &run, Trace_File &file, Exporter &exporter);
 
     std::vector<std::string> files_;
     std::string format_, output_, address_ = "effective";
     Export_Options options_;
     Record_Filter filter_;
+    Symbol_Options symbols_;
+    std::vector<std::unique_ptr<Trace_File>> traces_;
     bool force_ = false;
     uint64_t records_ = 0;
 };
@@ -40,16 +46,17 @@ private:
 void Export_Command::declare(Options &app)
 {
     declare_files(app, files_);
-    app.add_option("--format", format_, "one of: csv, champsim, sqlite, callgrind")
+    app.add_option("--format", format_, "one of: csv, champsim, sqlite, callgrind, ctf")
         ->required()
         ->type_name("FORMAT");
-    app.add_option("-o,--output", output_, "the file to be written")->required()->type_name("OUT");
+    app.add_option("-o,--output", output_, "the file (ctf: folder) to be written")->required()->type_name("OUT");
     app.add_flag("--force", force_, "replace OUT when it exists");
     app.add_list("--fields", options_.fields, "csv: the columns")->type_name("FIELD,...");
     app.add_flag("--decimal", options_.decimal, "csv: all numbers in decimal");
     app.add_flag("--index", options_.index, "sqlite: with indexes by address, access and record");
     app.add_option("--address", address_, "addresses of champsim: effective, real")->type_name("WHICH");
     filter_.declare(app);
+    declare_symbols(app, symbols_);
 }
 
 const Export_Format &Export_Command::format() const
@@ -63,14 +70,31 @@ const Export_Format &Export_Command::format() const
     throw unknown_word("format", format_, known);
 }
 
-// What the format refuses is a mistake of the command line.
-std::unique_ptr<Exporter> Export_Command::make(const Export_Format &chosen, Output_File &output) const
+std::vector<std::unique_ptr<Trace_File>> Export_Command::open_files(Tool_Run &run)
 {
+    options_.files = traces_of(run, files_);
+    std::vector<std::unique_ptr<Trace_File>> files;
+    for (const std::string &name : options_.files)
+        if (std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
+            files.push_back(std::move(file));
+    return files;
+}
+
+// What the format refuses is a mistake of the command line.
+template <class Output, class Make>
+std::unique_ptr<Exporter> Export_Command::export_to(Tool_Run &run, Output &output, Make make)
+{
+    std::unique_ptr<Exporter> exporter;
     try {
-        return chosen.make(output, options_);
+        exporter = make(output, options_);
     } catch (const std::invalid_argument &refusal) {
         throw Usage_Error(refusal.what());
     }
+    for (const std::unique_ptr<Trace_File> &file : traces_)
+        export_file(run, *file, *exporter);
+    exporter->finish();
+    output.finish();
+    return exporter;
 }
 
 void Export_Command::run(Tool_Run &run)
@@ -79,26 +103,36 @@ void Export_Command::run(Tool_Run &run)
     if (address_ != "effective" && address_ != "real")
         throw unknown_word("kind of address", address_, {"effective", "real"});
     options_.real = address_ == "real";
-    options_.files = traces_of(run, files_);
-    std::vector<std::unique_ptr<Trace_File>> files;
-    for (const std::string &name : options_.files)
-        if (std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
-            files.push_back(std::move(file));
-    if (files.size() != options_.files.size())
+    const Symbol_Names names(run, symbols_);
+    options_.names = &names;
+    traces_ = open_files(run);
+    if (traces_.size() != options_.files.size())
         return;
-    Output_File output(output_, force_);
-    const std::unique_ptr<Exporter> exporter = make(chosen, output);
-    for (const std::unique_ptr<Trace_File> &file : files)
-        export_file(run, *file, *exporter);
-    exporter->finish();
-    output.finish();
-    for (const std::string &sentence : exporter->shortcomings())
+    if (chosen.make != nullptr) {
+        Output_File output(output_, force_);
+        report(run, *export_to(run, output, chosen.make));
+    } else {
+        Output_Folder output(output_, force_);
+        report(run, *export_to(run, output, chosen.make_folder));
+    }
+}
+
+void Export_Command::report(Tool_Run &run, const Exporter &exporter) const
+{
+    for (const std::string &sentence : exporter.shortcomings())
         run.err.print("qtrace: {}: {}\n", output_, sentence);
     if (!run.json)
         return run.out.print("{}: {} records\n", output_, records_);
     run.out.put("{\"output\":");
     print_json_text(run.out, output_);
     run.out.print(",\"records\":{}}}\n", records_);
+}
+
+// Tells the exporter what was lost since it was told last.
+static void pass_losses_on(const Trace_File &file, size_t &told, Exporter &exporter)
+{
+    for (; told < file.lost_records().size(); told++)
+        exporter.lost(file.lost_records()[told].first, std::max<uint64_t>(1, file.lost_records()[told].count));
 }
 
 void Export_Command::export_file(Tool_Run &run, Trace_File &file, Exporter &exporter)
@@ -109,15 +143,18 @@ void Export_Command::export_file(Tool_Run &run, Trace_File &file, Exporter &expo
         throw std::runtime_error(
             fmt::format("{}: no record {}: the file has {}", file.name(), filter_.from(), file.info().records));
     Progress progress(run, file.name(), file.info().records);
+    size_t told = file.lost_records().size();
     while (const QTRACE_Item *item = walk.next()) {
+        pass_losses_on(file, told, exporter);
         if (item->kind == QTRACE_ITEM_HEADER) {
-            exporter.header(*item);
+            exporter.header(*item, walk.context());
             continue;
         }
         progress.step();
         exporter.record(*item, walk.context());
         records_++;
     }
+    pass_losses_on(file, told, exporter);
     if (!file.readable())
         throw std::runtime_error(file.name() + ": cannot be read to its end");
 }

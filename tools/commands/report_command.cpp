@@ -1,4 +1,5 @@
 #include "report_page.h"
+#include "symbol_names.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
@@ -6,7 +7,6 @@
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace qtrace_tool
 {
@@ -20,9 +20,7 @@ public:
     {
         declare_files(app, files_);
         app.add_option("-o,--output", output_, "the page to write")->required()->type_name("FILE.html");
-        app.add_option("--symbols", symbols_,
-                       "names of addresses: lines of `ADDRESS [TYPE] NAME`, as nm prints them")
-            ->type_name("FILE");
+        declare_symbols(app, symbols_);
         app.add_numbers(
                "--page-bits", bits_, 12, 63,
                "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
@@ -31,36 +29,14 @@ public:
     void run(Tool_Run &run) override;
 
 private:
-    bool read_symbols(Tool_Run &run, Report &report) const;
     std::unique_ptr<Thread_Data> collect(Tool_Run &run, Trace_File &file, const Page_Sizes &sizes) const;
     void write(Tool_Run &run, const std::string &page) const;
 
     std::vector<std::string> files_;
-    std::string output_, symbols_;
+    std::string output_;
+    Symbol_Options symbols_;
     std::vector<uint32_t> bits_;
 };
-
-bool Report_Command::read_symbols(Tool_Run &run, Report &report) const
-{
-    if (symbols_.empty())
-        return true;
-    std::ifstream file(symbols_);
-    if (!file) {
-        run.fail(fmt::format("{}: {}", symbols_, std::strerror(errno)));
-        return false;
-    }
-    for (std::string line; std::getline(file, line);) {
-        std::istringstream words(line);
-        std::string address, name;
-        words >> address;
-        for (std::string word; words >> word;)
-            name = word;
-        if (const std::optional<uint64_t> first = parse_digits(address, 16); first && !name.empty())
-            report.symbols.push_back({*first, name});
-    }
-    std::ranges::stable_sort(report.symbols, {}, &Report_Symbol::first);
-    return true;
-}
 
 std::unique_ptr<Thread_Data> Report_Command::collect(Tool_Run &run, Trace_File &file, const Page_Sizes &sizes) const
 {
@@ -99,11 +75,12 @@ void Report_Command::write(Tool_Run &run, const std::string &page) const
 
 void Report_Command::run(Tool_Run &run)
 {
-    Report report;
+    const Symbol_Names names(run, symbols_);
+    Name_Finder finder(names);
+    finder.enter_any();
+    Report report{{}, &finder, {}};
     if (!bits_.empty())
         report.sizes = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
-    if (!read_symbols(run, report))
-        return;
     for (const std::string &name : files_) {
         Report_Trace trace{name, {}};
         for (const Named_File &named : traces_of(run, name))

@@ -1,3 +1,4 @@
+#include "function_counts.h"
 #include "item_scan.h"
 #include "record_filter.h"
 #include "record_printer.h"
@@ -153,22 +154,34 @@ public:
             ->type_name("BITS,...");
         declare_scan(app, scan_);
         filter_.declare_choices(app);
+        declare_symbols(app, symbols_);
     }
 
     void run(Tool_Run &run) override;
 
 private:
     struct Column {
+        Column(std::string of, const Page_Sizes &sizes, const Symbol_Names &names)
+            : name(std::move(of)), counts(std::make_unique<Trace_Counts>(sizes)),
+              functions(std::make_unique<Function_Counts>(names)), targets(names)
+        {
+            targets.enter_any();
+        }
         std::string name;
         std::unique_ptr<Trace_Counts> counts;
+        std::unique_ptr<Function_Counts> functions;
+        mutable Name_Finder targets; // names of branch targets, which are counted over all processes
+        Item_Notes notes() const { return {targets.any() ? &targets : nullptr}; }
     };
-    std::unique_ptr<Trace_Counts> count_file(Tool_Run &run, Trace_File &file) const;
-    std::unique_ptr<Trace_Counts> count_chosen(Tool_Run &run, Trace_File &file) const;
+    void count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
+    void count_chosen(Tool_Run &run, Trace_File &file, Column &to) const;
     void print_table(Output &out, const std::vector<Column> &columns, const std::vector<Metric> &metrics) const;
-    void print_lists(Output &out, const Trace_Counts &total) const;
+    void print_lists(Output &out, const Column &total) const;
+    void print_functions(Output &out, const Column &total) const;
     void print_pages(Output &out, const char *title, const Page_Counts &pages) const;
     void print_json(Output &out, const Column &column, const std::vector<Metric> &metrics) const;
     void print_pages_json(Output &out, const char *key, const Page_Counts &pages) const;
+    void print_functions_json(Output &out, const Column &column) const;
 
     std::vector<std::string> files_;
     uint64_t top_ = 10;
@@ -176,50 +189,55 @@ private:
     Page_Sizes sizes_;
     Scan_Options scan_;
     Record_Filter filter_;
+    Symbol_Options symbols_;
 };
 
 // Counts of a group of blocks.
 class Stats_Sink : public Item_Sink
 {
 public:
-    explicit Stats_Sink(const Page_Sizes &sizes) : counts(sizes) {}
+    Stats_Sink(const Page_Sizes &sizes, const Symbol_Names &names) : counts(sizes), functions(names) {}
     void begin(const Group_Start &start) override
     {
         start.at_start ? counts.loss(start.context) : counts.begin(start.context);
     }
     void header(const QTRACE_Item &item) override { counts.header(item.header); }
-    void record(const QTRACE_Item &item) override { counts.record(item); }
+    void record(const QTRACE_Item &item) override
+    {
+        counts.record(item);
+        if (functions.any())
+            functions.add(item, context());
+    }
     void loss(const QTRACE_Item &item, const std::string &) override { counts.loss(item.discontinuity.context); }
 
     Trace_Counts counts;
+    Function_Counts functions;
 };
 
-std::unique_ptr<Trace_Counts> Stats_Command::count_file(Tool_Run &run, Trace_File &file) const
+void Stats_Command::count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const
 {
+    to.counts->file_bytes = file.info().size;
     if (filter_.picks())
-        return count_chosen(run, file);
-    auto counts = std::make_unique<Trace_Counts>(sizes_);
-    counts->file_bytes = file.info().size;
+        return count_chosen(run, file, to);
     scan<Stats_Sink>(
-        run, file, scan_, [&] { return std::make_unique<Stats_Sink>(sizes_); },
+        run, file, scan_, [&] { return std::make_unique<Stats_Sink>(sizes_, names); },
         [&](const Stats_Sink &group) {
-            counts->append(group.counts);
+            to.counts->append(group.counts);
+            to.functions->add(group.functions);
             return true;
         });
-    return counts;
 }
 
 // Headers say what the chosen records run under, and are not counted.
-std::unique_ptr<Trace_Counts> Stats_Command::count_chosen(Tool_Run &run, Trace_File &file) const
+void Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) const
 {
-    auto counts = std::make_unique<Trace_Counts>(sizes_);
-    counts->file_bytes = file.info().size;
+    Trace_Counts *const counts = to.counts.get();
     Record_Filter filter = filter_;
     filter.begin_at(scan_.range.first);
     Record_Walk walk(file, filter);
     if (!walk.begin()) {
         run.fail(fmt::format("{}: no record {}: the file has {}", file.name(), filter.from(), file.info().records));
-        return counts;
+        return;
     }
     uint64_t following = 0;
     while (const QTRACE_Item *item = walk.next()) {
@@ -232,32 +250,35 @@ std::unique_ptr<Trace_Counts> Stats_Command::count_chosen(Tool_Run &run, Trace_F
         if (item->record_number != following)
             counts->loss(walk.context());
         counts->record(*item);
+        if (to.functions->any())
+            to.functions->add(*item, walk.context());
         following = item->record_number + 1;
     }
     counts->full_headers = counts->partition_headers = 0;
     std::erase_if(counts->partitions, [](const auto &partition) { return partition.second == 0; });
-    return counts;
 }
 
 void Stats_Command::run(Tool_Run &run)
 {
     if (!bits_.empty())
         sizes_ = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
+    const Symbol_Names names(run, symbols_);
     std::vector<Column> columns;
-    auto total = std::make_unique<Trace_Counts>(sizes_);
+    Column total("total", sizes_, names);
     for (const std::string &name : traces_of(run, files_))
         if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name)) {
-            columns.push_back({name, count_file(run, *file)});
-            total->add(*columns.back().counts);
+            count_file(run, *file, names, columns.emplace_back(name, sizes_, names));
+            total.counts->add(*columns.back().counts);
+            total.functions->add(*columns.back().functions);
         }
     if (columns.empty())
         return;
-    const std::vector<Metric> metrics = metrics_of(*total, sizes_);
+    const std::vector<Metric> metrics = metrics_of(*total.counts, sizes_);
     if (columns.size() > 1)
-        columns.push_back({"total", std::move(total)});
+        columns.push_back(std::move(total));
     if (!run.json) {
         print_table(run.out, columns, metrics);
-        print_lists(run.out, *columns.back().counts);
+        print_lists(run.out, columns.back());
         return;
     }
     for (const Column &column : columns)
@@ -293,19 +314,36 @@ void Stats_Command::print_pages(Output &out, const char *title, const Page_Count
                   page.guest == 0 ? "" : fmt::format("  in partition {}", page.guest - 1));
 }
 
-void Stats_Command::print_lists(Output &out, const Trace_Counts &total) const
+void Stats_Command::print_functions(Output &out, const Column &total) const
 {
+    if (!total.functions->any())
+        return;
+    out.put("hot functions (instructions)\n");
+    for (const auto &[symbol, times] : total.functions->top(top_)) {
+        out.print("  {:>12}  {:5.1f} %  ", times, 100.0 * per_instruction(*total.counts, times));
+        print_visible(out, symbol != nullptr ? symbol->name : "(no symbol)");
+        out.put('\n');
+    }
+}
+
+void Stats_Command::print_lists(Output &out, const Column &column) const
+{
+    const Trace_Counts &total = *column.counts;
     out.put("partitions (instructions)\n");
     for (const auto &[partition, times] : total.partitions)
         out.print("  lpid 0x{:<6x} pid {:<10} {:>12}  {:5.1f} %\n", partition.lpid, partition.pid, times,
                   100.0 * per_instruction(total, times));
+    print_functions(out, column);
     print_pages(out, "hot pages, fetched (real address, size, instructions)", total.fetch_pages);
     if (total.unnamed_fetches > 0)
         out.print("  on pages entered in sequence, which records do not name: {}\n", total.unnamed_fetches);
     print_pages(out, "hot pages, data (real address, size, accesses)", total.data_pages);
     out.put("hot branch targets (address, times)\n");
-    for (const auto &[target, times] : total.targets.top(top_))
-        out.print("  {:016x}  {:>21}\n", target, times);
+    for (const auto &[target, times] : total.targets.top(top_)) {
+        out.print("  {:016x}  {:>21}", target, times);
+        print_name(out, column.notes(), target);
+        out.put('\n');
+    }
     if (total.targets.shortfall() > 0)
         out.print("  (counts may be too low, by at most {})\n", total.targets.shortfall());
 }
@@ -319,6 +357,23 @@ void Stats_Command::print_pages_json(Output &out, const char *key, const Page_Co
         if (page.guest != 0)
             out.print(",\"lpid\":\"0x{:x}\"", page.guest - 1);
         out.put('}');
+        separator = ",";
+    }
+    out.put(']');
+}
+
+void Stats_Command::print_functions_json(Output &out, const Column &column) const
+{
+    if (!column.functions->any())
+        return;
+    out.put(",\"hot_functions\":[");
+    for (const char *separator = ""; const auto &[symbol, times] : column.functions->top(top_)) {
+        out.put(separator);
+        out.put("{\"symbol\":");
+        symbol != nullptr ? print_json_text(out, symbol->name) : out.put("null");
+        if (symbol != nullptr)
+            out.print(",\"address\":\"0x{:x}\"", symbol->first);
+        out.print(",\"instructions\":{}}}", times);
         separator = ",";
     }
     out.put(']');
@@ -343,11 +398,14 @@ void Stats_Command::print_json(Output &out, const Column &column, const std::vec
         if (counts.group_bytes[i] != 0)
             out.print("\"{}\":{},", GROUPS[i].name, counts.group_bytes[i]);
     out.print("\"in_file\":{}}},\"unnamed_fetches\":{}", counts.file_bytes, counts.unnamed_fetches);
+    print_functions_json(out, column);
     print_pages_json(out, "hot_fetch_pages", counts.fetch_pages);
     print_pages_json(out, "hot_data_pages", counts.data_pages);
     out.put(",\"hot_targets\":[");
     for (const char *separator = ""; const auto &[target, times] : counts.targets.top(top_)) {
-        out.print("{}{{\"address\":\"0x{:x}\",\"times\":{}}}", separator, target, times);
+        out.print("{}{{\"address\":\"0x{:x}\"", separator, target);
+        print_name_json(out, column.notes(), "symbol", target);
+        out.print(",\"times\":{}}}", times);
         separator = ",";
     }
     out.print("],\"target_shortfall\":{}}}\n", counts.targets.shortfall());

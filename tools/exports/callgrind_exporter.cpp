@@ -1,10 +1,13 @@
-// A flat profile in the format of callgrind: what was executed and accessed at each address, by page.
+// A flat profile in the format of callgrind: what was executed and accessed at each address, by function or page.
 #include "exporter.h"
 
 #include "address_view.h"
 #include "instruction_kinds.h"
+#include "record_printer.h"
 
 #include <map>
+#include <string>
+#include <tuple>
 
 namespace qtrace_tool
 {
@@ -12,6 +15,8 @@ namespace
 {
 
 using namespace trace;
+
+const std::string NO_OBJECT = "trace"; // of instructions without a name
 
 struct Costs {
     uint64_t instructions = 0, loads = 0, stores = 0, walks = 0;
@@ -32,23 +37,39 @@ bool has_walk(const Translated_Address &address)
 class Callgrind_Exporter : public Exporter
 {
 public:
-    explicit Callgrind_Exporter(Output_File &file) : file_(file) {}
+    Callgrind_Exporter(Output_File &file, const Export_Options &options) : file_(file), names_(*options.names) {}
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void finish() override;
 
 private:
+    // An instruction address, and the symbol that it belongs to; the same address may belong to several processes.
+    struct Place {
+        const Symbol *symbol; // null: none
+        uint64_t address;
+        uint64_t page() const { return address >> Translated_Address::PAGE_NUMBER_BITS; }
+        bool operator<(const Place &other) const;
+    };
     void put(const Costs &costs);
+    void put_object(const std::string &object);
+    void put_function(const Place &place);
 
     Output_File &file_;
-    std::map<uint64_t, Costs> costs_; // by instruction address
+    Name_Finder names_;
+    std::map<Place, Costs> costs_;
+    std::string object_ = NO_OBJECT; // of the function that was put last
 };
 
-void Callgrind_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
+void Callgrind_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
     const uint32_t kinds = kinds_of(item.record, item.address);
     const uint64_t walks =
         uint64_t{has_walk(data_address_of(item.record))} + has_walk(next_address_of(item.record));
-    costs_[item.address].add({1, (kinds & QTRACE_KIND_LOAD) != 0, (kinds & QTRACE_KIND_STORE) != 0, walks});
+    Place place{nullptr, item.address};
+    if (names_.any()) {
+        names_.enter(context);
+        place.symbol = names_.find(item.address);
+    }
+    costs_[place].add({1, (kinds & QTRACE_KIND_LOAD) != 0, (kinds & QTRACE_KIND_STORE) != 0, walks});
 }
 
 void Callgrind_Exporter::put(const Costs &costs)
@@ -56,20 +77,54 @@ void Callgrind_Exporter::put(const Costs &costs)
     file_.out().print("{} {} {} {}\n", costs.instructions, costs.loads, costs.stores, costs.walks);
 }
 
+// By address; the same one in different processes by name.
+bool Callgrind_Exporter::Place::operator<(const Place &other) const
+{
+    if (address != other.address || symbol == other.symbol)
+        return address < other.address;
+    if (symbol == nullptr || other.symbol == nullptr)
+        return symbol == nullptr;
+    return std::tie(*symbol->file, symbol->name, symbol->first) <
+           std::tie(*other.symbol->file, other.symbol->name, other.symbol->first);
+}
+
+// Functions of one name in different files are different functions. The file is no source, which readers would show.
+void Callgrind_Exporter::put_object(const std::string &object)
+{
+    if (object == object_)
+        return;
+    object_ = object;
+    file_.out().put("ob=");
+    print_visible(file_.out(), object);
+    file_.out().put('\n');
+}
+
+void Callgrind_Exporter::put_function(const Place &place)
+{
+    Output &out = file_.out();
+    if (place.symbol == nullptr) {
+        put_object(NO_OBJECT);
+        return out.print("fn=page_{:x}\n", place.page() << Translated_Address::PAGE_NUMBER_BITS);
+    }
+    put_object(*place.symbol->file);
+    out.put("fn=");
+    print_visible(out, place.symbol->name);
+    out.put('\n');
+}
+
 void Callgrind_Exporter::finish()
 {
-    constexpr unsigned PAGE_BITS = Translated_Address::PAGE_NUMBER_BITS;
     Output &out = file_.out();
     out.put("# callgrind format\nversion: 1\ncreator: qtrace\n"
             "event: Ir : instructions\nevent: Dr : loads\nevent: Dw : stores\nevent: Twalk : table walks recorded\n"
             "positions: instr line\nevents: Ir Dr Dw Twalk\n\nfl=(1) trace\n");
     Costs total;
-    for (uint64_t page = ~uint64_t{0}; const auto &[address, costs] : costs_) {
-        if (address >> PAGE_BITS != page) {
-            page = address >> PAGE_BITS;
-            out.print("fn=page_{:x}\n", page << PAGE_BITS);
-        }
-        out.print("0x{:x} 0 ", address);
+    for (const Place *last = nullptr; const auto &[place, costs] : costs_) {
+        if (last == nullptr || place.symbol != last->symbol ||
+            (place.symbol == nullptr && place.page() != last->page()))
+            put_function(place);
+        last = &place;
+        out.print("0x{:x} 0 ", place.address);
         put(costs);
         total.add(costs);
         out.settle();
@@ -81,9 +136,9 @@ void Callgrind_Exporter::finish()
 
 } // namespace
 
-std::unique_ptr<Exporter> make_callgrind_exporter(Output_File &file, const Export_Options &)
+std::unique_ptr<Exporter> make_callgrind_exporter(Output_File &file, const Export_Options &options)
 {
-    return std::make_unique<Callgrind_Exporter>(file);
+    return std::make_unique<Callgrind_Exporter>(file, options);
 }
 
 } // namespace qtrace_tool

@@ -78,7 +78,7 @@ class Champsim_Exporter : public Exporter
 {
 public:
     Champsim_Exporter(Output_File &file, const Export_Options &options);
-    void header(const QTRACE_Item &item) override;
+    void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     std::vector<std::string> shortcomings() const override;
 
@@ -116,7 +116,7 @@ void Champsim_Exporter::enter(const Translated_Address &address)
     real_page_ = real.value_or(0) >> PAGE_BITS;
 }
 
-void Champsim_Exporter::header(const QTRACE_Item &item)
+void Champsim_Exporter::header(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
 {
     if (item.header.control.iar_is_present)
         enter(first_address_of(item.header));

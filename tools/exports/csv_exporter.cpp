@@ -52,11 +52,20 @@ private:
     void put_next_real(const Row &row, const Column &) { put_real(next_address_of(row.item.record)); }
     void put_real(const Translated_Address &address);
     void put_member(const Row &row, const Column &column);
+    void put_symbol(const Row &row, const Column &) { put_name(row, row.item.address_known, row.item.address); }
+    void put_next_symbol(const Row &row, const Column &) { put_name(row, next_address_of(row.item.record)); }
+    void put_data_symbol(const Row &row, const Column &) { put_name(row, data_address_of(row.item.record)); }
+    void put_name(const Row &row, const Translated_Address &address)
+    {
+        put_name(row, address.present, address.address);
+    }
+    void put_name(const Row &row, bool known, uint64_t address);
     void put_registers(const Row &row, const Column &column);
 
     Output_File &file_;
     Output &out_;
     bool decimal_;
+    Name_Finder names_;
     std::vector<Column> columns_;
     size_t file_number_ = static_cast<size_t>(-1);
 };
@@ -74,6 +83,9 @@ std::vector<Csv_Exporter::Column> Csv_Exporter::known_columns()
         {"flags", &C::put_flags},
         {"next_real", &C::put_next_real},
         {"data_real", &C::put_data_real},
+        {"symbol", &C::put_symbol},
+        {"next_symbol", &C::put_next_symbol},
+        {"data_symbol", &C::put_data_symbol},
     };
     for (const Trace_Member &member : RECORD_MEMBERS)
         if (member.size <= sizeof(uint64_t))
@@ -84,13 +96,16 @@ std::vector<Csv_Exporter::Column> Csv_Exporter::known_columns()
 }
 
 Csv_Exporter::Csv_Exporter(Output_File &file, const Export_Options &options)
-    : file_(file), out_(file.out()), decimal_(options.decimal)
+    : file_(file), out_(file.out()), decimal_(options.decimal), names_(*options.names)
 {
     static const std::vector<std::string> USUAL = {"file",    "record",    "address", "instruction",
                                                    "kinds",   "lpid",      "pid",     "next_instruction_ea",
                                                    "data_ea", "data_real", "length"};
     const std::vector<Column> known = known_columns();
-    for (const std::string &name : options.fields.empty() ? USUAL : options.fields) {
+    std::vector<std::string> wanted = options.fields.empty() ? USUAL : options.fields;
+    if (options.fields.empty() && names_.any())
+        wanted.insert(wanted.end(), {"symbol", "next_symbol", "data_symbol"});
+    for (const std::string &name : wanted) {
         const auto column = std::ranges::find(known, name, &Column::name);
         if (column == known.end())
             throw std::invalid_argument(fmt::format("`{}` is no field of csv", name));
@@ -142,6 +157,22 @@ void Csv_Exporter::put_real(const Translated_Address &address)
 {
     if (const std::optional<uint64_t> real = address.real())
         put_number(*real, true);
+}
+
+// A name may have the characters that separate fields: then it stands in quotes.
+void Csv_Exporter::put_name(const Row &row, bool known, uint64_t address)
+{
+    names_.enter(row.context);
+    const std::string name = known ? names_.text(address) : "";
+    if (name.find_first_of(",\"\r\n") == std::string::npos)
+        return out_.put(name);
+    out_.put('"');
+    for (const char c : name) {
+        out_.put(c);
+        if (c == '"')
+            out_.put(c);
+    }
+    out_.put('"');
 }
 
 void Csv_Exporter::put_member(const Row &row, const Column &column)

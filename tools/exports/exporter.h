@@ -2,7 +2,9 @@
 #pragma once
 
 #include "output_file.h"
+#include "output_folder.h"
 #include "qtrace_reader.h"
+#include "symbol_names.h"
 
 #include <cstdint>
 #include <memory>
@@ -20,6 +22,7 @@ struct Export_Options {
     bool real = false;               // real addresses in champsim
     bool index = false;              // sqlite: with indexes
     std::vector<std::string> files;  // that will be read, in this order
+    const Symbol_Names *names;       // of addresses; there may be none
 };
 
 // Gets the items of all files, one file after the other. Members that throw end the export; the output is dropped.
@@ -28,23 +31,36 @@ class Exporter
 public:
     virtual ~Exporter() = default;
     virtual void begin_file(const std::string &name) { static_cast<void>(name); }
-    virtual void header(const QTRACE_Item &item) { static_cast<void>(item); }
     // `context`: the header in force, null before any.
+    virtual void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+    {
+        static_cast<void>(item);
+        static_cast<void>(context);
+    }
     virtual void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) = 0;
+    // Before the item after them: so many records (1 when it is not known) from this number on are missing.
+    virtual void lost(uint64_t first, uint64_t count)
+    {
+        static_cast<void>(first);
+        static_cast<void>(count);
+    }
     virtual void finish() {}
     // Sentences about what the format cannot say of this trace; empty when nothing was left out.
     virtual std::vector<std::string> shortcomings() const { return {}; }
 };
 
+// A format that is one file, or one that is a folder of files: the other function is null.
 struct Export_Format {
     std::string_view name;
     std::string_view summary;
     std::unique_ptr<Exporter> (*make)(Output_File &file, const Export_Options &options);
+    std::unique_ptr<Exporter> (*make_folder)(Output_Folder &folder, const Export_Options &options);
 };
 
 std::unique_ptr<Exporter> make_csv_exporter(Output_File &file, const Export_Options &options);
 std::unique_ptr<Exporter> make_champsim_exporter(Output_File &file, const Export_Options &options);
 std::unique_ptr<Exporter> make_sqlite_exporter(Output_File &file, const Export_Options &options);
 std::unique_ptr<Exporter> make_callgrind_exporter(Output_File &file, const Export_Options &options);
+std::unique_ptr<Exporter> make_ctf_exporter(Output_Folder &folder, const Export_Options &options);
 
 } // namespace qtrace_tool

@@ -8,6 +8,13 @@
 namespace qtrace_tool
 {
 
+// From here on an interrupt removes the file or folder (`metadata`, `stream0`, `stream1`, ...) of this name.
+void arm_removal(const std::string &path);
+void disarm_removal();
+
+// `name`; throws std::runtime_error when it exists, unless `replace`.
+const std::string &refuse_existing(const std::string &name, bool replace);
+
 class Output_File
 {
 public:

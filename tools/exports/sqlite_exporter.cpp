@@ -32,6 +32,15 @@ CREATE TABLE translation (id INTEGER PRIMARY KEY, guest_mode TEXT, host_mode TEX
 CREATE TABLE register (file INTEGER, record INTEGER, output INTEGER, class TEXT, number INTEGER, value INTEGER,
     second_value INTEGER);
 CREATE TABLE kind (bit INTEGER PRIMARY KEY, name TEXT);
+CREATE TABLE symbol (id INTEGER PRIMARY KEY, name TEXT, first INTEGER, last INTEGER, source TEXT);
+CREATE TABLE record_symbol (file INTEGER, number INTEGER, symbol INTEGER, next_symbol INTEGER, data_symbol INTEGER,
+    PRIMARY KEY (file, number)) WITHOUT ROWID;
+CREATE VIEW record_name AS SELECT r.file, r.number,
+    s.name || printf('+0x%x', r.address - s.first) AS symbol,
+    n.name || printf('+0x%x', r.next - n.first) AS next_symbol,
+    d.name || printf('+0x%x', r.data - d.first) AS data_symbol
+    FROM record r JOIN record_symbol USING (file, number) LEFT JOIN symbol s ON s.id = record_symbol.symbol
+    LEFT JOIN symbol n ON n.id = record_symbol.next_symbol LEFT JOIN symbol d ON d.id = record_symbol.data_symbol;
 CREATE VIEW record_hex AS SELECT file, number, printf('0x%016x', address) AS address, printf('0x%08x', word) AS word,
     (SELECT group_concat(name, ' ') FROM kind WHERE kinds & bit) AS kinds, lpid, pid,
     CASE WHEN next IS NOT NULL THEN printf('0x%016x', next) END AS next,
@@ -57,7 +66,7 @@ class Sqlite_Exporter : public Exporter
 public:
     Sqlite_Exporter(Output_File &file, const Export_Options &options);
     void begin_file(const std::string &name) override;
-    void header(const QTRACE_Item &item) override;
+    void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void finish() override;
 
@@ -84,13 +93,18 @@ private:
         check(sqlite3_reset(statement.get()));
     }
     Number translation_row(const Translated_Address &address);
+    Number symbol_row(bool known, uint64_t address);
+    void insert_symbols(const QTRACE_Item &item, const QTRACE_FILE_HDR *context);
     void insert_registers(const QTRACE_Item &item) const;
 
     Output_File &output_;
     bool index_;
     std::unique_ptr<sqlite3, Closer> database_;
-    Statement insert_header_, insert_record_, insert_translation_, insert_register_;
+    Statement insert_header_, insert_record_, insert_translation_, insert_register_, insert_symbol_,
+        insert_record_symbol_;
     std::map<Translation, uint64_t> translations_;
+    Name_Finder names_;
+    std::map<const Symbol *, uint64_t> symbols_; // rows of them
     uint64_t file_ = 0, records_ = 0;
 };
 
@@ -124,7 +138,7 @@ void Sqlite_Exporter::bind(sqlite3_stmt *statement, int place, std::string_view 
 }
 
 Sqlite_Exporter::Sqlite_Exporter(Output_File &file, const Export_Options &options)
-    : output_(file), index_(options.index)
+    : output_(file), index_(options.index), names_(*options.names)
 {
     sqlite3 *database = nullptr;
     const int code = sqlite3_open_v2(file.path().c_str(), &database, SQLITE_OPEN_READWRITE, nullptr);
@@ -135,6 +149,8 @@ Sqlite_Exporter::Sqlite_Exporter(Output_File &file, const Export_Options &option
     insert_record_ = insertion("record", 14);
     insert_translation_ = insertion("translation", 9);
     insert_register_ = insertion("register", 7);
+    insert_symbol_ = insertion("symbol", 5);
+    insert_record_symbol_ = insertion("record_symbol", 5);
     const Statement kind = insertion("kind", 2);
     for (const Kind_Name &row : KINDS)
         insert(kind, Number(row.kind), row.name);
@@ -145,7 +161,7 @@ void Sqlite_Exporter::begin_file(const std::string &name)
     insert(insertion("file", 2), Number(file_++), std::string_view(name));
 }
 
-void Sqlite_Exporter::header(const QTRACE_Item &item)
+void Sqlite_Exporter::header(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
 {
     const QTRACE_FILE_HDR &header = item.header;
     const auto &flags = header.sec_ext_controlword.control.fld;
@@ -190,6 +206,30 @@ void Sqlite_Exporter::insert_registers(const QTRACE_Item &item) const
         }
 }
 
+Sqlite_Exporter::Number Sqlite_Exporter::symbol_row(bool known, uint64_t address)
+{
+    const Symbol *const symbol = known ? names_.find(address) : nullptr;
+    if (symbol == nullptr)
+        return std::nullopt;
+    const auto [row, is_new] = symbols_.try_emplace(symbol, symbols_.size() + 1);
+    if (is_new)
+        insert(insert_symbol_, Number(row->second), std::string_view(symbol->name), Number(symbol->first),
+               Number(symbol->last), std::string_view(*symbol->file));
+    return row->second;
+}
+
+void Sqlite_Exporter::insert_symbols(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+{
+    if (!names_.any())
+        return;
+    names_.enter(context);
+    const Translated_Address next = next_address_of(item.record), data = data_address_of(item.record);
+    const Number own = symbol_row(item.address_known, item.address);
+    const Number of_next = symbol_row(next.present, next.address);
+    insert(insert_record_symbol_, Number(file_ - 1), Number(item.record_number), own, of_next,
+           symbol_row(data.present, data.address));
+}
+
 void Sqlite_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
     const QTRACE_RECORD &record = item.record;
@@ -205,6 +245,7 @@ void Sqlite_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *con
            number_if(flags.length_present, record.length),
            number_if(flags.trace_error_code_present, record.error_code));
     insert_registers(item);
+    insert_symbols(item, context);
     records_++;
 }
 

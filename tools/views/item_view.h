@@ -18,8 +18,8 @@ public:
     virtual ~Item_View() = default;
     // Before the first line; `named`: other files are shown too.
     virtual void begin(Output &out, bool named) const = 0;
-    virtual void header(Output &out, const QTRACE_Item &item) const = 0;
-    virtual void record(Output &out, const QTRACE_Item &item) const = 0;
+    virtual void header(Output &out, const QTRACE_Item &item, const Item_Notes &notes) const = 0;
+    virtual void record(Output &out, const QTRACE_Item &item, const Item_Notes &notes) const = 0;
     // Where the trace does not simply go on; nothing for a format that has no line for it.
     virtual void discontinuity(Output &, const QTRACE_Item &) const {}
 };

@@ -249,7 +249,7 @@ bool is_implied(const Trace_Member &member, const QTRACE_RECORD &record)
 }
 
 void print_member(Output &out, const Trace_Member &member, const QTRACE_RECORD &record,
-                  const Field_Selection &fields)
+                  const Field_Selection &fields, const Item_Notes &notes)
 {
     if (member.shape == Member_Shape::registers) {
         print_registers(out, record.regs, fields);
@@ -259,6 +259,8 @@ void print_member(Output &out, const Trace_Member &member, const QTRACE_RECORD &
     out.put(member.label);
     out.put(' ');
     print_value(out, member, record);
+    if (member.shape == Member_Shape::address)
+        print_name(out, notes, member_value(member, record));
     if (member.group == Field_Group::next_address)
         print_modes(out, instruction_modes(record.header.control));
     if (member.group == Field_Group::data_address)
@@ -303,14 +305,24 @@ void print_json_value(Output &out, const Trace_Member &member, const uint8_t *by
     }
 }
 
+// The key of the name of an address: "next_symbol" beside "next_instruction_ea".
+std::string_view symbol_key(const Trace_Member &member)
+{
+    return member.group == Field_Group::next_address   ? "next_symbol"
+           : member.group == Field_Group::data_address ? "data_symbol"
+                                                       : "symbol";
+}
+
 template <class Structure>
-void print_member_json(Output &out, const Trace_Member &member, const Structure &structure)
+void print_member_json(Output &out, const Trace_Member &member, const Structure &structure, const Item_Notes &notes)
 {
     const uint8_t *bytes = member.at(structure);
     if (is_zero(bytes, member.size))
         return;
     print_key(out, member.name);
     print_json_value(out, member, bytes);
+    if (member.shape == Member_Shape::address)
+        print_name_json(out, notes, symbol_key(member), member_value(member, bytes));
 }
 
 } // namespace
@@ -438,7 +450,27 @@ void print_visible(Output &out, std::string_view text)
 
 // ---- Lines ---------------------------------------------------------------------------------------------
 
-void print_header(Output &out, const QTRACE_Item &item)
+void print_name(Output &out, const Item_Notes &notes, uint64_t address)
+{
+    const Symbol *const symbol = notes.names != nullptr ? notes.names->find(address) : nullptr;
+    if (symbol == nullptr)
+        return;
+    out.put(" <");
+    print_visible(out, symbol->name);
+    out.put("+0x");
+    out.put_hex(address - symbol->first);
+    out.put('>');
+}
+
+void print_name_json(Output &out, const Item_Notes &notes, std::string_view key, uint64_t address)
+{
+    if (notes.names == nullptr || notes.names->find(address) == nullptr)
+        return;
+    print_key(out, key);
+    print_json_text(out, notes.names->text(address));
+}
+
+void print_header(Output &out, const QTRACE_Item &item, const Item_Notes &notes)
 {
     const QTRACE_FILE_HDR &header = item.header;
     const Flag_Words flags = flags_of(header);
@@ -456,6 +488,8 @@ void print_header(Output &out, const QTRACE_Item &item)
         out.put(member.label);
         out.put(' ');
         print_value(out, member, header);
+        if (member.shape == Member_Shape::address)
+            print_name(out, notes, member_value(member, header));
         if (member.label == "address")
             print_modes(out, instruction_modes(header.sec_ext_controlword.control));
     }
@@ -464,7 +498,7 @@ void print_header(Output &out, const QTRACE_Item &item)
     out.settle();
 }
 
-void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields)
+void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields, const Item_Notes &notes)
 {
     const QTRACE_RECORD &record = item.record;
     const Flag_Words flags = flags_of(record);
@@ -482,10 +516,12 @@ void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &f
         out.put(record.header.control.fld.node_present ? 'N' : '-');
         out.put(end_letter(record));
     }
+    if (item.address_known)
+        print_name(out, notes, item.address);
     Member_Set shown = maybe_filled(record);
     ((shown |= gated_by(flags)) &= fields.members()).for_each([&](size_t row) {
         if (is_shown(RECORD_MEMBERS[row], record, flags))
-            print_member(out, RECORD_MEMBERS[row], record, fields);
+            print_member(out, RECORD_MEMBERS[row], record, fields, notes);
     });
     out.put('\n');
     out.settle();
@@ -508,7 +544,7 @@ void print_discontinuity(Output &out, const QTRACE_Item &item)
     out.settle();
 }
 
-static void print_header_members_json(Output &out, const QTRACE_FILE_HDR &header)
+static void print_header_members_json(Output &out, const QTRACE_FILE_HDR &header, const Item_Notes &notes)
 {
     const Flag_Words flags = flags_of(header);
     print_flags_json(out, FILE_FLAG_OF_BIT, flags.file);
@@ -517,7 +553,7 @@ static void print_header_members_json(Output &out, const QTRACE_FILE_HDR &header
         out.print(",\"instruction\":\"0x{:x}\"", header.sec_ext_controlword.instruction);
     for (const Trace_Member &member : HEADER_MEMBERS)
         if (member.shape != Member_Shape::text)
-            print_member_json(out, member, header);
+            print_member_json(out, member, header, notes);
 }
 
 void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
@@ -530,18 +566,18 @@ void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_
               what.headers, what.offset, what.bytes);
     if (what.context != nullptr) {
         Output members(-1);
-        print_header_members_json(members, *what.context);
+        print_header_members_json(members, *what.context, {});
         out.print(",\"context\":{{{}}}", members.take().substr(1)); // an address is one of them
     }
     out.put("}\n");
     out.settle();
 }
 
-void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning, const Item_Notes &notes)
 {
     out.put(beginning);
     out.print(",\"header\":{},\"before_record\":{}", item.header_number, item.record_number);
-    print_header_members_json(out, item.header);
+    print_header_members_json(out, item.header, notes);
     if (item.header.comment != nullptr) {
         out.put(",\"comment\":");
         print_json_bytes(out, {item.header.comment, item.header.comment_length});
@@ -566,7 +602,7 @@ static void print_kinds_json(Output &out, uint32_t kinds)
 }
 
 void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
-                       const Field_Selection &fields)
+                       const Field_Selection &fields, const Item_Notes &notes)
 {
     out.put(beginning);
     out.put(",\"record\":");
@@ -575,6 +611,7 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view be
         out.put(",\"address\":\"0x");
         out.put_hex(item.address);
         out.put('"');
+        print_name_json(out, notes, "symbol", item.address);
     }
     if (fields.shows_flags()) {
         print_kinds_json(out, kinds_of(item.record, item.address));
@@ -585,7 +622,7 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view be
         if (RECORD_MEMBERS[row].shape == Member_Shape::registers)
             print_registers_json(out, item.record.regs, fields);
         else
-            print_member_json(out, RECORD_MEMBERS[row], item.record);
+            print_member_json(out, RECORD_MEMBERS[row], item.record, notes);
     });
     out.put("}\n");
     out.settle();
@@ -601,6 +638,7 @@ const char *const LINE_LEGEND =
 #   vsid      virtual segment, without its lowest 8 bits     page, guest-page  page-size codes of the simulator
 #   rpn       real page number (guest's in radix/radix)      host-depth, guest-depth  levels of the walks
 #   host-walks, guest-walk, host-addresses  real addresses of the table entries (--fields next-walk,data-walk)
+# <name+0x10>  the symbol of the instruction's address after the letters, else of the address before it (--symbols)
 # length     bytes that a string instruction moves
 # error      8: the data address is suspect, its translation failed
 # in, out    registers read and written: r general, f floating-point, s special, v vector, x vector-scalar

@@ -3,6 +3,7 @@
 
 #include "qtrace_reader.h"
 #include "record_schema.h"
+#include "symbol_names.h"
 #include "tool_output.h"
 
 #include <bitset>
@@ -40,14 +41,26 @@ private:
     std::bitset<16> registers_;
 };
 
-void print_header(Output &out, const QTRACE_Item &item);
-void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields);
+// What is shown of an item beside what it carries itself.
+struct Item_Notes {
+    Name_Finder *names = nullptr; // that has entered the context of the item; null: addresses have no names
+};
+
+void print_header(Output &out, const QTRACE_Item &item, const Item_Notes &notes = {});
+void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields,
+                  const Item_Notes &notes = {});
 void print_discontinuity(Output &out, const QTRACE_Item &item);
 // One object a line, whose first members are there already.
-void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning);
+void print_header_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
+                       const Item_Notes &notes = {});
 void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_view beginning);
 void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
-                       const Field_Selection &fields);
+                       const Field_Selection &fields, const Item_Notes &notes = {});
+
+// ` <name+0x10>`; nothing when the address has no name.
+void print_name(Output &out, const Item_Notes &notes, uint64_t address);
+// `,"KEY":"name+0x10"`; nothing when the address has no name.
+void print_name_json(Output &out, const Item_Notes &notes, std::string_view key, uint64_t address);
 
 // One member's value as text lines show it.
 void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes);

@@ -21,10 +21,13 @@ public:
     {
     }
     void begin(Output &, bool) const override {}
-    void header(Output &out, const QTRACE_Item &item) const override { print_header_json(out, item, beginning_); }
-    void record(Output &out, const QTRACE_Item &item) const override
+    void header(Output &out, const QTRACE_Item &item, const Item_Notes &notes) const override
     {
-        print_record_json(out, item, beginning_, fields_);
+        print_header_json(out, item, beginning_, notes);
+    }
+    void record(Output &out, const QTRACE_Item &item, const Item_Notes &notes) const override
+    {
+        print_record_json(out, item, beginning_, fields_, notes);
     }
     void discontinuity(Output &out, const QTRACE_Item &item) const override
     {

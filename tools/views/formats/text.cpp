@@ -14,8 +14,14 @@ public:
         if (named)
             out.print("# {}\n", file_);
     }
-    void header(Output &out, const QTRACE_Item &item) const override { print_header(out, item); }
-    void record(Output &out, const QTRACE_Item &item) const override { print_record(out, item, fields_); }
+    void header(Output &out, const QTRACE_Item &item, const Item_Notes &notes) const override
+    {
+        print_header(out, item, notes);
+    }
+    void record(Output &out, const QTRACE_Item &item, const Item_Notes &notes) const override
+    {
+        print_record(out, item, fields_, notes);
+    }
     void discontinuity(Output &out, const QTRACE_Item &item) const override { print_discontinuity(out, item); }
 
 private:
