@@ -23,6 +23,8 @@ Tool_Run::Tool_Run(int out_descriptor, int err_descriptor)
 void Tool_Run::message(std::string_view text)
 {
     out.flush(); // so that data and messages on one terminal keep their order
+    if (before_message)
+        before_message();
     err.print("qtrace: {}\n", text);
     err.flush();
 }
@@ -49,23 +51,34 @@ Exit_Code Tool_Run::exit_code()
 
 Progress::Progress(Tool_Run &run, std::string_view what, uint64_t total) : run_(run), what_(what), total_(total)
 {
+    run_.before_message = [this] { erase(); };
+    run_.out.before_writing(run_.before_message);
 }
 
 Progress::~Progress()
 {
-    if (visible_) {
-        run_.err.put("\r\x1b[K");
-        run_.err.flush();
-    }
+    erase();
+    run_.before_message = nullptr;
+    run_.out.before_writing(nullptr);
+}
+
+void Progress::erase()
+{
+    if (!visible_)
+        return;
+    visible_ = false;
+    run_.err.put("\r\x1b[K");
+    run_.err.flush();
 }
 
 void Progress::show()
 {
     using Seconds = std::chrono::duration<double>;
     const Clock::time_point now = Clock::now();
-    if (now - shown_ < std::chrono::milliseconds(visible_ ? 200 : 1000))
+    if (now - shown_ < std::chrono::milliseconds(shown_ > start_ ? 200 : 1000))
         return;
     shown_ = now;
+    run_.out.flush();
     visible_ = true;
     const double rate = static_cast<double>(done_) / Seconds(now - start_).count();
     run_.err.print("\r\x1b[K{}: {} records", what_, done_);

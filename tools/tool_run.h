@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +34,8 @@ public:
     bool json = false;
     bool progress = false; // a progress line is wanted: messages go to a terminal
 
+    std::function<void()> before_message; // called before each
+
     void found() { findings_ = true; }
     // Says "qtrace: TEXT" on the message stream.
     void fail(std::string_view text);
@@ -48,7 +51,7 @@ private:
 };
 
 // A line on a terminal that tells how far a long command is: records, percent, rate, time left. Nothing is shown
-// before a second has passed.
+// before a second has passed. It makes room for data and messages that the run prints meanwhile.
 class Progress
 {
 public:
@@ -69,6 +72,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     void show();
+    void erase();
 
     Tool_Run &run_;
     std::string what_;

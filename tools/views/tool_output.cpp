@@ -68,6 +68,8 @@ void Output::flush()
 {
     const char *next = buffer_.data();
     size_t left = error_ == 0 ? buffer_.size() : 0;
+    if (left > 0 && before_writing_)
+        before_writing_();
     while (left > 0) {
         const ssize_t written = write(descriptor_, next, left);
         if (written < 0 && errno == EINTR)

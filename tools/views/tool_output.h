@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -59,6 +60,9 @@ public:
     // What follows is in that colour, up to the next call.
     void paint(Colour colour);
 
+    // `action` is called before anything is handed on.
+    void before_writing(std::function<void()> action) { before_writing_ = std::move(action); }
+
     // To be called after each line or so: hands a full buffer on.
     void settle()
     {
@@ -85,6 +89,7 @@ private:
     int descriptor_;
     bool colour_;
     int error_ = 0;
+    std::function<void()> before_writing_;
     fmt::memory_buffer buffer_;
 };
 
