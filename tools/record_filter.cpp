@@ -70,17 +70,27 @@ uint32_t Record_Filter::parse_kind(const std::string &name)
 
 void Record_Filter::declare(Options &app, const Take_Word &take_kind)
 {
-    declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
-    declare_number(app, "--count", count_, "most records that are taken (of each file)");
+    declare_range(app);
     declare_choices(app, take_kind);
 }
 
-void Record_Filter::declare_choices(Options &app, const Take_Word &take_kind)
+void Record_Filter::declare_range(Options &app)
+{
+    declare_number(app, "--from", from_, "number of the first record, from 0 (of each file)");
+    declare_number(app, "--count", count_, "most records that are taken (of each file)");
+}
+
+void Record_Filter::declare_contexts(Options &app)
 {
     app.add_values("--pid", "PID,...", "only these processes",
                    [this](const std::string &text) { pids_.push_back(parse_number(text, "--pid", UINT32_MAX)); });
     app.add_values("--lpid", "LPID,...", "only these partitions",
                    [this](const std::string &text) { lpids_.push_back(parse_number(text, "--lpid", UINT64_MAX)); });
+}
+
+void Record_Filter::declare_choices(Options &app, const Take_Word &take_kind)
+{
+    declare_contexts(app);
     app.add_values("--pc", "ADDR[-ADDR],...", "only instructions at these addresses (both ends included)",
                    [this](const std::string &text) { pcs_.push_back(parse_range(text)); });
     app.add_values("--data", "ADDR[-ADDR],...", "only accesses to these effective addresses",

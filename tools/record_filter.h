@@ -22,11 +22,16 @@ public:
     void declare(Options &app, const Take_Word &take_kind = {});
     // All but the range of numbers, which the command has itself.
     void declare_choices(Options &app, const Take_Word &take_kind = {});
+    // Parts of these: the range of numbers; partitions and processes.
+    void declare_range(Options &app);
+    void declare_contexts(Options &app);
     void begin_at(uint64_t record) { from_ = record; }
 
     uint64_t from() const { return from_; }
     // Most records that are delivered of each file.
     uint64_t count() const { return count_; }
+    const std::vector<uint64_t> &lpids() const { return lpids_; }
+    const std::vector<uint64_t> &pids() const { return pids_; }
     // Whether anything but a range of numbers is asked for; headers are not shown then.
     bool picks() const;
     // Whether partition or process of that context is not wanted.

@@ -41,6 +41,9 @@ namespace qtrace_tool
     ROW(recover, "the whole blocks of a damaged file as a new file", \
         "qtrace recover broken0 saved0     then: qtrace check saved0", \
         "qtrace recover --json broken0 saved0") \
+    ROW(cut, "some records of a trace as a trace", \
+        "qtrace cut --from 1000000 --count 50000 -o part trace     all threads of a trace", \
+        "qtrace cut --every 1000000 --window 20000 -o sample0 trace0   every millionth record and those after it") \
     ROW(export, "traces in the formats of other programs", \
         "qtrace export --format csv -o loads.csv --kind load trace   a table of all loads", \
         "qtrace export --format callgrind -o profile.out trace0      then: callgrind_annotate profile.out") \

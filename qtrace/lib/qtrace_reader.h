@@ -87,9 +87,9 @@ typedef struct QTRACE_Info {
     uint64_t damaged_places;
     int clean_end; /* the writer's last block is there, whole, and nothing follows it */
     /* Without damage, for it was known to whoever wrote the file: */
-    uint64_t left_out; /* places where the writer refused items or a recovery left out lost blocks; there the
+    uint64_t left_out; /* places where the writer refused items or a recovery or a cut left out some; there the
                           numbers of items jump */
-    int open_end;      /* the file was closed by a recovery: the trace went on */
+    int open_end;      /* the file was closed by a recovery or a cut: the trace went on */
 } QTRACE_Info;
 
 /* Opens `name`. Returns null when it is not a readable trace file; then *error (when not null) receives a text
@@ -208,6 +208,39 @@ typedef struct QTRACE_Recovery {
  * (when not null) receives a text that the caller frees with free(). Nothing is written when there is no whole
  * block, or when both are the same file. */
 int qtrace_recover(const char *from, const char *to, QTRACE_Recovery *result, char **error);
+
+/* ---- Cutting ----------------------------------------------------------------------------------------- */
+
+/* Which records a cut keeps: those that satisfy all of it. A file header belongs to the record that follows it; the
+ * file's first header, which describes the machine, is always kept. */
+typedef struct QTRACE_Cut {
+    uint64_t from;          /* records from this number on */
+    uint64_t most;          /* so many records at most; UINT64_MAX: all */
+    uint64_t every, window; /* of `every` record numbers, counted from `from`, the first `window`; every 0: all */
+    const uint64_t *lpids;  /* of these partitions; of any when lpid_count is 0 */
+    uint64_t lpid_count;
+    const uint64_t *pids; /* of these processes */
+    uint64_t pid_count;
+    /* Takes the next bytes of the new file. 0, or an errno, which ends the cut. */
+    int (*write)(void *user, const void *bytes, size_t size);
+    /* Called from time to time with the number of records passed so far; may be null. */
+    void (*progress)(void *user, uint64_t records);
+    void *user;
+} QTRACE_Cut;
+
+/* What a cut kept, and the damage that it met; what comes after the last record kept is not looked at. */
+typedef struct QTRACE_Cut_Result {
+    uint64_t blocks, records, headers; /* kept */
+    uint64_t damaged_places;           /* left out */
+    int open_end;                      /* what belongs after the last item kept was left out */
+} QTRACE_Cut_Result;
+
+/* Writes the chosen items of the trace file `from` as a trace file that reads without damage: the numbers of records
+ * and headers stay what they were, and blocks that follow something left out say so and restate the header in force.
+ * Blocks are copied as they are where all of them is kept; what a block's numbers or its context rule out is not
+ * decoded. Choosing everything copies the file, and cutting the result in the same way copies that. Returns 0, or -1;
+ * then *error (when not null) receives a text that the caller frees with free(). */
+int qtrace_cut(const char *from, const QTRACE_Cut *what, QTRACE_Cut_Result *result, char **error);
 
 /* ---- The writer's errors ----------------------------------------------------------------------------- */
 

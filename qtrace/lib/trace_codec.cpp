@@ -336,6 +336,15 @@ void Encoder::leave_out(const QTRACE_FILE_HDR &header)
     open_.follow(header);
 }
 
+void Encoder::continue_at(const Position &place, const Open_Header &open)
+{
+    behind_ = place;
+    open_ = open;
+    passed_over_ = true;
+    sure_room_ = 0;
+    surely_common_ = false;
+}
+
 bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const
 {
     if (passed_over_)

@@ -40,6 +40,8 @@ public:
     // with the address and the open header of that place.
     void leave_out(const QTRACE_RECORD &record);
     void leave_out(const QTRACE_FILE_HDR &header);
+    // Goes on at that place of a trace, with that open header, in a new block.
+    void continue_at(const Position &place, const Open_Header &open);
     // Add an item that fits. A comment longer than MAX_COMMENT_IN_BLOCK stays out of the block.
     void add(const QTRACE_RECORD &record);
     void add(const QTRACE_FILE_HDR &header);
@@ -100,6 +102,7 @@ public:
     Result next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header);
 
     uint64_t address() const { return predictor_->address; } // of the next record
+    const Position &position() const { return *predictor_; } // of the next record
     bool address_known() const { return predictor_->address_known; }
     const Open_Header &open_header() const { return open_; }
     // Of the last record: where its translation of one side stands in the predictor, with a version that changes whenever

@@ -1,4 +1,5 @@
 // The four writer operations on trace files.
+#include "block_press.h"
 #include "qtrace.h"
 #include "qtrace_reader.h"
 #include "trace_codec.h"
@@ -55,15 +56,6 @@ private:
 
 // ---- Compression ----------------------------------------------------------------------------------------------
 
-// Columns are short of repetitions that zstd could find by trying harder: its usual level takes three times as long
-// to save a quarter of the file.
-constexpr int DEFAULT_LEVEL = -5;
-
-struct Compression_Choice {
-    Compression kind = ZSTD;
-    int level = DEFAULT_LEVEL;
-};
-
 // "none", "zstd" or "zstd:LEVEL"; false for anything else.
 bool parse_compression(std::string_view text, Compression_Choice &choice)
 {
@@ -81,15 +73,7 @@ bool parse_compression(std::string_view text, Compression_Choice &choice)
            choice.level <= ZSTD_maxCLevel();
 }
 
-// What it takes to seal a block: lent to a file while it seals one. There are as many as threads ever sealed at once.
-struct Press {
-    ZSTD_CCtx *context = ZSTD_createCCtx();
-    std::vector<uint8_t> payload = std::vector<uint8_t>(MAX_PAYLOAD);
-    Press() = default;
-    Press(const Press &) = delete;
-    ~Press() { ZSTD_freeCCtx(context); }
-};
-
+// Lent to a file while it seals a block. There are as many as threads ever sealed at once.
 std::mutex idle_presses_guard;
 // Never destroyed: files may be closed while the program ends.
 std::vector<std::unique_ptr<Press>> &idle_presses()
@@ -156,7 +140,6 @@ private:
     int flush();
     void seal(uint8_t flags);
     void seal_payload(Press &press, Block_Header header, const uint8_t *payload, size_t size);
-    size_t press_payload(Press &press, const uint8_t *payload, size_t size, uint8_t *to, Compression &used) const;
     void keep_outside(const QTRACE_FILE_HDR &header);
     void keep_outside(const QTRACE_RECORD &) {}
 
@@ -212,36 +195,11 @@ int Trace_File::flush()
     return 0;
 }
 
-size_t Trace_File::press_payload(Press &press, const uint8_t *payload, size_t size, uint8_t *to,
-                                 Compression &used) const
-{
-    if (compression_.kind == ZSTD && press.context != nullptr) {
-        const size_t pressed =
-            ZSTD_compressCCtx(press.context, to, ZSTD_compressBound(size), payload, size, compression_.level);
-        used = ZSTD;
-        if (!ZSTD_isError(pressed) && pressed < size)
-            return pressed;
-    }
-    used = STORED;
-    if (size != 0)
-        std::memcpy(to, payload, size);
-    return size;
-}
-
 void Trace_File::seal_payload(Press &press, Block_Header header, const uint8_t *payload, size_t size)
 {
-    const size_t begin = sealed_.size();
-    sealed_.resize(begin + BLOCK_HEADER_SIZE + ZSTD_compressBound(size));
-    uint8_t *stored = sealed_.data() + begin + BLOCK_HEADER_SIZE;
-    Compression used;
-    header.stored_size = static_cast<uint32_t>(press_payload(press, payload, size, stored, used));
-    header.compression = used;
-    header.raw_size = static_cast<uint32_t>(size);
     header.first_record = before_.records;
     header.first_header = before_.headers;
-    header.payload_crc = crc32c(stored, header.stored_size);
-    store_block_header(header, sealed_.data() + begin);
-    sealed_.resize(begin + header.size());
+    press.append_block(sealed_, header, compression_, payload, size);
 }
 
 // Moves the encoder's block to sealed_, its outside comment before it.

@@ -1,0 +1,320 @@
+// What a cut keeps, by a reader of the source and of the result; the choice is made again here, item by item.
+#include "trace_file_fixture.h"
+
+#include <cerrno>
+#include <functional>
+#include <limits>
+
+namespace
+{
+
+constexpr uint64_t ALL = std::numeric_limits<uint64_t>::max();
+
+// An item with its numbers and the partition and process in force at it.
+struct Numbered_Item {
+    Item item;
+    uint64_t record, header;
+    uint64_t lpid = 0, pid = 0;
+    bool operator==(const Numbered_Item &other) const
+    {
+        return item == other.item && record == other.record && header == other.header;
+    }
+};
+
+struct Place {
+    QTRACE_CAUSE cause;
+    uint64_t record, records;
+    bool operator==(const Place &) const = default;
+};
+
+struct Listing {
+    std::vector<Numbered_Item> items;
+    std::vector<Place> left_out; // places, without pauses
+    QTRACE_Info info{};
+};
+
+class cut : public trace_file
+{
+protected:
+    using Wanted = std::function<bool(const Numbered_Item &)>;
+
+    Listing list(const std::string &bytes)
+    {
+        const std::string name = (folder_ / "listed").string();
+        std::ofstream(name, std::ios::binary).write(bytes.data(), std::ssize(bytes));
+        Listing listing;
+        QTRACE_Reader *reader = qtrace_open(name.c_str(), nullptr);
+        const QTRACE_Item *item;
+        while (qtrace_next(reader, &item) != QTRACE_ITEM_END)
+            add(listing, *item, qtrace_open_header(reader));
+        EXPECT_EQ(qtrace_verify(reader, &listing.info), 0);
+        qtrace_close(reader);
+        return listing;
+    }
+    static void add(Listing &listing, const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+    {
+        if (item.kind == QTRACE_ITEM_DISCONTINUITY) {
+            if (item.discontinuity.cause != QTRACE_CAUSE_PAUSE)
+                listing.left_out.push_back(
+                    {item.discontinuity.cause, item.record_number, item.discontinuity.records});
+            return;
+        }
+        Numbered_Item own{item_of(item), item.record_number, item.header_number};
+        if (context != nullptr) {
+            std::memcpy(&own.lpid, context->lpid, 8);
+            std::memcpy(&own.pid, context->pid, 4);
+        }
+        listing.items.push_back(own);
+    }
+    static QTRACE_Cut all()
+    {
+        QTRACE_Cut choice{};
+        choice.most = ALL;
+        return choice;
+    }
+    std::string cut_of(const std::string &source, QTRACE_Cut choice)
+    {
+        const std::string name = (folder_ / "source").string();
+        std::ofstream(name, std::ios::binary).write(source.data(), std::ssize(source));
+        std::string bytes;
+        choice.user = &bytes;
+        choice.write = [](void *user, const void *from, size_t size) {
+            static_cast<std::string *>(user)->append(static_cast<const char *>(from), size);
+            return 0;
+        };
+        char *error = nullptr;
+        EXPECT_EQ(qtrace_cut(name.c_str(), &choice, &result_, &error), 0) << error;
+        return bytes;
+    }
+    // The result has the items that are wanted and the first header, reads without damage, and stays what it is.
+    Listing expect_cut(const std::string &source, const QTRACE_Cut &choice, const Wanted &wanted)
+    {
+        std::vector<Numbered_Item> expected;
+        for (const Numbered_Item &item : list(source).items)
+            if (wanted(item) || (item.item.is_header && item.header == 0))
+                expected.push_back(item);
+        const std::string once = cut_of(source, choice);
+        const QTRACE_Cut_Result result = result_;
+        Listing listing = list(once);
+        EXPECT_TRUE(listing.items == expected) << listing.items.size() << " items, not " << expected.size();
+        EXPECT_EQ(listing.info.damaged_places, 0u);
+        EXPECT_EQ(listing.info.clean_end, 1);
+        EXPECT_EQ(listing.info.records, result.records);
+        EXPECT_EQ(listing.info.headers, result.headers);
+        EXPECT_EQ(listing.info.open_end, result.open_end);
+        EXPECT_TRUE(cut_of(once, choice) == once);
+        return listing;
+    }
+    Listing expect_range(const std::string &source, uint64_t from, uint64_t most)
+    {
+        QTRACE_Cut choice = all();
+        choice.from = from;
+        choice.most = most;
+        return expect_cut(source, choice, [=](const Numbered_Item &item) {
+            return item.record >= from && item.record - from < most;
+        });
+    }
+    // Records of partitions 0 and 1 and of processes 7 and 8, some hundred at a time.
+    void write_partitions(size_t changes)
+    {
+        Random_Trace chance(5);
+        const QTRACE_FDESCR file = open();
+        write(file, chance.plausible_header(), "KelvoVer:3");
+        for (size_t i = 0; i < changes; ++i) {
+            QTRACE_FILE_HDR change{};
+            change.sec_ext_controlword.control.fld.lpid_is_present = 1;
+            change.sec_ext_controlword.control.fld.pid_is_present = 1;
+            change.lpid[0] = i & 1;
+            change.pid[0] = static_cast<uint8_t>(7 + (i >> 1 & 1));
+            write(file, change);
+            for (size_t records = chance.below(900); records > 0; --records)
+                write(file, chance.plausible_record());
+        }
+        QTRACE_Fclose(file);
+    }
+
+    QTRACE_Cut_Result result_{};
+};
+
+TEST_F(cut, of_everything_is_the_file_itself)
+{
+    for (const char *compression : {"none", "zstd"}) {
+        setenv("QTRACE_COMPRESSION", compression, 1);
+        write_plausible(20'000);
+        EXPECT_TRUE(cut_of(bytes(), all()) == bytes());
+        EXPECT_EQ(result_.records, 20'000u);
+        EXPECT_EQ(result_.headers, 1u);
+        EXPECT_EQ(result_.open_end, 0);
+    }
+    QTRACE_Fclose(open());
+    EXPECT_TRUE(cut_of(bytes(), all()) == bytes());
+}
+
+TEST_F(cut, keeps_a_range_with_its_numbers_addresses_and_context)
+{
+    write_plausible(30'000);
+    const Listing middle = expect_range(bytes(), 9'000, 12'000);
+    EXPECT_EQ(middle.items.size(), 12'001u);
+    EXPECT_EQ(middle.left_out, (std::vector<Place>{{QTRACE_CAUSE_LEFT_OUT, 0, 9'000}}));
+    EXPECT_EQ(middle.info.open_end, 1);
+    EXPECT_EQ(expect_range(bytes(), 1, ALL).left_out, (std::vector<Place>{{QTRACE_CAUSE_LEFT_OUT, 0, 1}}));
+    EXPECT_EQ(expect_range(bytes(), 0, 1).left_out.size(), 0u);
+    EXPECT_EQ(expect_range(bytes(), 0, 0).items.size(), 1u);
+    EXPECT_EQ(expect_range(bytes(), 29'999, 5).info.open_end, 0);
+    EXPECT_EQ(expect_range(bytes(), 0, 30'000).info.open_end, 0);
+}
+
+TEST_F(cut, copies_blocks_that_are_kept_whole)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(36'000);
+    const std::vector<uint64_t> at = block_offsets();
+    ASSERT_GT(at.size(), 5u);
+    QTRACE_Cut choice = all();
+    choice.from = 1;
+    const std::string source = bytes(), tail = source.substr(at[1]);
+    EXPECT_TRUE(cut_of(source, choice).ends_with(tail));
+}
+
+TEST_F(cut, keeps_samples_that_are_counted_from_the_first_record)
+{
+    write_plausible(20'000);
+    for (const auto &[every, window, from] :
+         {std::array<uint64_t, 3>{1'000, 100, 0}, {7, 3, 5}, {6'000, 5'999, 2}, {1, 1, 4}, {19'000, 1, 100}}) {
+        QTRACE_Cut choice = all();
+        choice.from = from;
+        choice.every = every;
+        choice.window = window;
+        const Listing sample = expect_cut(bytes(), choice, [=](const Numbered_Item &item) {
+            return item.record >= from && (item.record - from) % every < window;
+        });
+        EXPECT_GT(sample.items.size(), 1u);
+    }
+    QTRACE_Cut choice = all();
+    choice.every = 1'000;
+    choice.window = 100;
+    choice.most = 250;
+    const Listing some = list(cut_of(bytes(), choice));
+    EXPECT_EQ(some.info.records, 250u);
+    EXPECT_EQ(some.items.back().record, 2'049u);
+    EXPECT_EQ(some.left_out,
+              (std::vector<Place>{{QTRACE_CAUSE_LEFT_OUT, 100, 900}, {QTRACE_CAUSE_LEFT_OUT, 1'100, 900}}));
+}
+
+TEST_F(cut, keeps_partitions_and_processes_by_the_context)
+{
+    write_partitions(60);
+    const uint64_t one = 1, both[] = {8, 7}, none = 3;
+    QTRACE_Cut choice = all();
+    choice.lpids = &one;
+    choice.lpid_count = 1;
+    const auto in_one = [](const Numbered_Item &item) { return item.lpid == 1; };
+    const Listing second = expect_cut(bytes(), choice, in_one);
+    EXPECT_GT(second.items.size(), 5'000u);
+    EXPECT_GT(second.left_out.size(), 10u);
+    choice.pids = both;
+    choice.pid_count = 1;
+    expect_cut(bytes(), choice, [](const Numbered_Item &item) { return item.lpid == 1 && item.pid == 8; });
+    choice.pid_count = 2;
+    expect_cut(bytes(), choice, in_one);
+    choice.lpids = &none;
+    EXPECT_EQ(expect_cut(bytes(), choice, [](const Numbered_Item &) { return false; }).items.size(), 1u);
+}
+
+TEST_F(cut, takes_so_many_records_of_a_partition_at_most)
+{
+    write_partitions(60);
+    const uint64_t one = 1;
+    QTRACE_Cut choice = all();
+    choice.lpids = &one;
+    choice.lpid_count = 1;
+    choice.most = 3'000;
+    uint64_t left = 3'000;
+    expect_cut(bytes(), choice, [&](const Numbered_Item &item) {
+        const bool wanted = left > 0 && item.lpid == 1;
+        left -= wanted && !item.item.is_header;
+        return wanted;
+    });
+}
+
+TEST_F(cut, keeps_items_of_any_kind_and_long_comments)
+{
+    Random_Trace chance(11);
+    const QTRACE_FDESCR file = open();
+    for (int i = 0; i < 3'000; ++i) {
+        if (i % 40 == 0)
+            write(file, chance.wild_header(), chance.comment(i % 80 == 0 ? 20'000 : 300));
+        write(file, chance.below(3) == 0 ? chance.wild_record() : chance.plausible_record());
+    }
+    QTRACE_Fclose(file);
+    EXPECT_TRUE(cut_of(bytes(), all()) == bytes());
+    for (const uint64_t from : {1u, 39u, 40u, 41u, 79u, 80u, 81u, 1'000u, 2'999u}) {
+        expect_range(bytes(), from, 120);
+        expect_range(bytes(), from, 1);
+        expect_range(bytes(), from, ALL);
+    }
+}
+
+TEST_F(cut, of_everything_of_a_damaged_file_is_its_recovery)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(36'000);
+    const std::vector<uint64_t> at = block_offsets();
+    std::string damaged = bytes();
+    damaged[at[1]] ^= 1;
+    damaged[at[3] + 100] ^= 1;
+    for (const std::string &source :
+         {damaged, damaged.substr(0, at[5] + 50), damaged.substr(0, at[5]), damaged.substr(at[2])}) {
+        put_bytes(source);
+        QTRACE_Recovery recovery;
+        ASSERT_EQ(qtrace_recover(name_.c_str(), (folder_ / "saved").c_str(), &recovery, nullptr), 0);
+        std::ifstream in(folder_ / "saved", std::ios::binary);
+        const std::string saved{std::istreambuf_iterator<char>(in), {}};
+        EXPECT_TRUE(cut_of(source, all()) == saved);
+        EXPECT_EQ(result_.damaged_places, recovery.damaged_places);
+        EXPECT_TRUE(cut_of(saved, all()) == saved);
+        expect_range(source, 100, ALL);
+    }
+}
+
+TEST_F(cut, does_not_look_at_what_is_ruled_out)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(36'000);
+    const std::vector<uint64_t> at = block_offsets();
+    std::string damaged = bytes();
+    damaged[at[1] + 100] ^= 1; // payloads
+    damaged[at[5] + 100] ^= 1;
+    const Listing whole = list(bytes());
+    const auto first_of = [&](size_t block) {
+        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+        std::vector<QTRACE_Block> blocks(qtrace_blocks(reader, nullptr, 0));
+        qtrace_blocks(reader, blocks.data(), blocks.size());
+        qtrace_close(reader);
+        return blocks[block].first_record;
+    };
+    QTRACE_Cut choice = all();
+    choice.from = first_of(2) + 10;
+    choice.most = first_of(4) - choice.from;
+    EXPECT_TRUE(cut_of(damaged, choice) == cut_of(bytes(), choice));
+    EXPECT_EQ(result_.damaged_places, 0u);
+    choice.from = first_of(1) + 1;
+    cut_of(damaged, choice);
+    EXPECT_EQ(result_.damaged_places, 1u);
+}
+
+TEST_F(cut, fails_with_the_reason)
+{
+    write_plausible(10);
+    char *error = nullptr;
+    QTRACE_Cut choice = all();
+    choice.write = [](void *, const void *, size_t) { return ENOSPC; };
+    EXPECT_EQ(qtrace_cut(name_.c_str(), &choice, &result_, &error), -1);
+    EXPECT_STREQ(error, "No space left on device");
+    free(error);
+    EXPECT_EQ(qtrace_cut((name_ + ".none").c_str(), &choice, &result_, &error), -1);
+    EXPECT_EQ(std::string(error), name_ + ".none: No such file or directory");
+    free(error);
+}
+
+} // namespace
