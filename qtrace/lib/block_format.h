@@ -37,7 +37,7 @@ enum Block_Flag : uint8_t {
     COMMENT_BLOCK = 4,  // the payload is the comment of the first header of the next block
     COMMENT_BEFORE = 8, // the first header's comment is the payload of the comment block in front
     GAP_BEFORE = 16,    // what belongs before it is not in the file, on purpose: the numbers jump
-    OPEN_END = 32,      // of the last block: a recovery closed the file; the trace went on
+    OPEN_END = 32,      // of the last block: a recovery or a cut closed the file; the trace went on
     LEFT_OUT = 64,      // with GAP_BEFORE: a recovery or a cut left it out; without, the writer refused it
     ALL_FLAGS = 127
 };

@@ -245,6 +245,9 @@ void New_File::finish()
     write_last();
 }
 
+// Parts predict little: zstd has to make up for it, and there are few of them.
+constexpr int PART_LEVEL = 6;
+
 // ---- Parts of blocks --------------------------------------------------------------------------------------------
 
 // Encodes chosen items of one block, in blocks of their own.
@@ -276,7 +279,7 @@ private:
     void keep_comment(const QTRACE_RECORD &) {}
     void append(const Block_Header &header, const uint8_t *payload, size_t size)
     {
-        press_.append_block(bytes_, header, {static_cast<Compression>(source_.compression), DEFAULT_LEVEL}, payload,
+        press_.append_block(bytes_, header, {static_cast<Compression>(source_.compression), PART_LEVEL}, payload,
                             size);
     }
 
@@ -389,6 +392,7 @@ private:
     Choice choice_;
     QTRACE_Cut_Result &result_;
     New_File to_;
+    uint64_t passed_ = 0;              // records
     Block_Sequence sequence_;          // of the source
     std::unique_ptr<Comment> comment_; // read, and what becomes of it depends on the next block
     Block_Items items_;
@@ -470,8 +474,9 @@ bool Cutter::take(const Block_Place &place)
         add_comment();
         leave_out();
     }
+    passed_ += header.records;
     if (what_.progress != nullptr)
-        what_.progress(what_.user, header.records_after());
+        what_.progress(what_.user, passed_);
     return true;
 }
 

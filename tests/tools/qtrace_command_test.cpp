@@ -616,7 +616,7 @@ TEST(recover, a_cut_end_is_said_to_be_missing_and_not_clean)
     const std::string text = qtrace({"info", folder.path("saved0")}).out;
     EXPECT_THAT(text, Not(HasSubstr("cleanly")));
     EXPECT_THAT(text,
-                HasSubstr("ends         where a recovery closed the file: the end of the trace is missing\n"));
+                HasSubstr("ends         where a recovery or a cut closed the file: the end of the trace is missing\n"));
 }
 
 TEST(recover, refuses_to_write_over_the_damaged_file)

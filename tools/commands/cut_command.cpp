@@ -29,8 +29,6 @@ struct Cut_Output {
     static void step(void *user, uint64_t records)
     {
         auto *self = static_cast<Cut_Output *>(user);
-        if (records <= self->passed)
-            return;
         self->progress.step(records - self->passed);
         self->passed = records;
     }
@@ -114,7 +112,7 @@ void Cut_Command::cut(Tool_Run &run, const std::string &from, const std::string 
         return run.fail(
             fmt::format("{}: no record {}: the file has {}", from, filter_.from(), file->info().records));
     Output_File output(to, force_);
-    Progress progress(run, from, file->next_record_number());
+    Progress progress(run, from, file->info().records);
     Cut_Output user{output, progress};
     QTRACE_Cut choice = this->choice();
     choice.write = Cut_Output::write;

@@ -163,7 +163,7 @@ void print_ending(Output &out, const QTRACE_Info &info)
     out.put("  ends         ");
     out.paint(info.clean_end && !info.open_end && info.damaged_places == 0 ? Colour::good : Colour::bad);
     out.put(!info.clean_end ? "not cleanly: it was cut, its writer died, or something follows its last block"
-            : info.open_end ? "where a recovery closed the file: the end of the trace is missing"
+            : info.open_end ? "where a recovery or a cut closed the file: the end of the trace is missing"
                             : "cleanly");
     if (info.damaged_places > 0)
         out.print("; {} (`qtrace recover` saves the rest)", counted(info.damaged_places, "damaged place"));
