@@ -20,6 +20,7 @@ import numpy as np
 import pandas as pd
 
 from . import _library, frames
+from .choice import Choice
 from .frames import DEFAULT_COLUMNS, DamageError, Discontinuity, Name, Trace, thread_of
 
 DEFAULT = tuple(name for name in DEFAULT_COLUMNS if not name.endswith("_translation")) + ("thread",)
@@ -78,9 +79,14 @@ def _partitions(name: str, rows: int) -> List[_Partition]:
     return [_Partition(name, thread, start, stop - start) for start, stop in zip(starts, stops)]
 
 
-def _read(part: _Partition, columns: Sequence[str], on_damage: str) -> pd.DataFrame:
+def _read(part: _Partition, columns: Sequence[str], on_damage: str, choice: Dict[str, Any]) -> pd.DataFrame:
     own = [name for name in columns if name != "thread"]
-    result = frames.frame(part.name, own, part.start, part.count, on_damage)
+    if chosen := Choice(**choice):
+        limits = (part.start, part.start + part.count)
+        trace = Trace(part.name)
+        result = trace._chosen_frame(chosen, own, limits, None, on_damage, 1)  # pylint: disable=protected-access
+    else:
+        result = frames.frame(part.name, own, part.start, part.count, on_damage)
     result.index = pd.Index(np.asarray(result.index, np.int64) + key(part.thread, 0), name="key")
     if "thread" in columns:
         result.insert(list(columns).index("thread"), "thread", np.uint16(part.thread))
@@ -106,7 +112,7 @@ def _empty_frame(columns: Sequence[str], on_damage: str) -> pd.DataFrame:
 
 
 def frame(
-    name: Name, rows: int = 2_000_000, columns: Optional[Sequence[str]] = None, on_damage: str = "raise"
+    name: Name, rows: int = 2_000_000, columns: Optional[Sequence[str]] = None, on_damage: str = "raise", **choice
 ) -> dd.DataFrame:
     """The records of all threads of a session as a dask data frame.
 
@@ -115,6 +121,7 @@ def frame(
     columns    as in `qtrace.frame`; without: the default ones but for data_translation and next_translation (each
                worker numbers translations in its own way), and `thread` (uint16)
     on_damage  as in `qtrace.frame`; it shows when a partition is computed. `losses` tells what is lost
+    choice     as in `qtrace.frame`; partitions hold the chosen ones of their records
 
     The index is `key(thread, record)`, int64; divisions are known, so `.loc` reads only the partitions that it needs.
     Raises FileNotFoundError, OSError, ValueError.
@@ -122,6 +129,7 @@ def frame(
     frames._checked_policy(on_damage, 1)  # pylint: disable=protected-access
     if rows < 1:
         raise ValueError("a partition needs at least one row")
+    Choice(**choice)  # refuses what makes no sense
     columns = _checked_columns(columns)
     meta = _empty_frame(columns, on_damage)
     parts = [part for file in files_of(name) for part in _partitions(file, rows)]
@@ -130,7 +138,7 @@ def frame(
         return dd.from_pandas(meta, npartitions=1)
     divisions = [key(part.thread, part.start) for part in parts]
     divisions.append(key(parts[-1].thread, parts[-1].start + parts[-1].count - 1))
-    return dd.from_map(_read, parts, columns=list(columns), on_damage=on_damage, meta=meta, divisions=divisions)
+    return dd.from_map(_read, parts, columns=list(columns), on_damage=on_damage, choice=choice, meta=meta, divisions=divisions)
 
 
 # ---- What is lost --------------------------------------------------------------------------------------

@@ -13,6 +13,7 @@ import pandas as pd
 
 from . import _library
 from ._library import ITEM_DISCONTINUITY, ITEM_END, ITEM_HEADER, Reader
+from .choice import Choice, Found
 
 Name = Union[str, os.PathLike]
 
@@ -424,11 +425,17 @@ class Trace:
         count: Optional[int] = None,
         on_damage: str = "raise",
         threads: int = 1,
+        **choice,
     ) -> pd.DataFrame:
         """As `qtrace.frame`."""
         columns = _checked_columns(columns)
         stop = _checked_range(start, count, self._stop)
         _checked_policy(on_damage, threads)
+        if chosen := Choice(**choice):
+            return self._chosen_frame(chosen, columns, (start, self._stop), count, on_damage, threads)
+        return self._frame(columns, start, stop, on_damage, threads)
+
+    def _frame(self, columns: Sequence[str], start: int, stop: int, on_damage: str, threads: int) -> pd.DataFrame:
         base = _base_columns(columns)
         ranges = self._ranges(start, stop, threads)
         rows = sum(wanted.records for wanted in ranges)
@@ -441,6 +448,52 @@ class Trace:
                 numbers = [translations.numbers_of(part.translations) for part in parts]
                 list(pool.map(_renumber, parts, numbers))
         return self._assemble(parts, arrays, columns, (start, stop), on_damage)
+
+    # ---- Chosen records ----
+
+    def _chosen_parts(self, chosen: Choice, columns, limits, most, on_damage, threads, rows) -> Iterator[pd.DataFrame]:
+        """The chosen records of a range, `most` of them at most, from so many rows at a time."""
+        own = list(dict.fromkeys([*columns, *chosen.columns])) or ["node"]
+        shown = [*columns, *(["discontinuity"] if on_damage == "mark" else [])]
+        marks = marked = 0  # discontinuities before the next row, and before the last one that was chosen
+        left = self.records if most is None else most
+        for first in range(*limits, rows) if self._in_order else limits[:1]:
+            if left <= 0:
+                return
+            last = min(first + rows, limits[1]) if self._in_order else limits[1]
+            part = self._frame(own, first, last, on_damage, threads)
+            places = np.flatnonzero(chosen.of(part, self._found(first, last)))[:left]
+            result = part.iloc[places][shown]
+            if on_damage == "mark":
+                before = marks + np.cumsum(part["discontinuity"].to_numpy())
+                marks = before[-1] if len(before) else marks
+                before = before[places]
+                result["discontinuity"] = np.diff(before, prepend=marked) > 0
+                marked = before[-1] if len(before) else marked
+            left -= len(places)
+            result.attrs.update(part.attrs)
+            yield result
+
+    def _found(self, first: int, last: int) -> Found:
+        def registers(classes):
+            lists = [f"{name}_{way}" for name in classes for way in ("in", "out")]
+            return self.registers(lists, first, last - first, "skip")
+
+        return Found(lambda: self.headers, _translations_of(self.name).rows, registers)
+
+    def _chosen_frame(self, chosen: Choice, columns, limits, most, on_damage, threads) -> pd.DataFrame:
+        parts = list(self._chosen_parts(chosen, columns, limits, most, on_damage, threads, _CHOICE_ROWS))
+        parts = parts or [self._frame(columns, 0, 0, on_damage, 1)]
+        # What pandas concatenates has attributes only where all parts have the same ones.
+        attributes = {
+            name: tuple(dict.fromkeys(what for part in parts for what in part.attrs[name])) for name in ("damage", "gaps")
+        }
+        for part in parts:
+            part.attrs.clear()
+        frame = parts[0] if len(parts) == 1 else pd.concat(parts)
+        frame.index.name = "record"
+        frame.attrs.update(attributes)
+        return frame
 
     def _fill(self, part: _Part, wanted: _Range, translations: Optional[_FileTranslations]) -> None:
         if translations is not None:
@@ -488,6 +541,7 @@ class Trace:
         count: Optional[int] = None,
         on_damage: str = "raise",
         threads: int = 1,
+        **choice,
     ) -> Iterator[pd.DataFrame]:
         """As `qtrace.batches`."""
         stop = _checked_range(start, count, self._stop)
@@ -495,8 +549,15 @@ class Trace:
             raise ValueError("a batch needs at least one row")
         if not self._in_order:
             raise ValueError(f"{self.name}: its blocks are not in order; `frame` reads them")
-        for first in range(start, stop, rows):
-            batch = self.frame(columns, first, min(rows, stop - first), on_damage, threads)
+        columns = _checked_columns(columns)
+        _checked_policy(on_damage, threads)
+        if chosen := Choice(**choice):
+            limits = (start, self._stop)
+            batches_of = self._chosen_parts(chosen, columns, limits, count, on_damage, threads, rows)
+        else:
+            ranges = ((first, min(first + rows, stop)) for first in range(start, stop, rows))
+            batches_of = (self._frame(columns, *limits, on_damage, threads) for limits in ranges)
+        for batch in batches_of:
             yield batch
             # The caller still holds it: without this, two batches would be in memory at a time.
             _empty(batch)
@@ -511,6 +572,7 @@ class Trace:
         count: Optional[int] = None,
         on_damage: str = "raise",
         threads: int = 1,
+        **choice,
     ) -> pd.DataFrame:
         """As `qtrace.registers`."""
         masks = _class_masks(classes)
@@ -518,6 +580,26 @@ class Trace:
         _checked_policy(on_damage, threads)
         if on_damage == "mark":
             raise ValueError('registers have no mark; on_damage is "raise" or "skip"')
+        if chosen := Choice(**choice):
+            return self._chosen_registers(chosen, masks, start, count, on_damage, threads)
+        return self._registers(masks, start, stop, on_damage, threads)
+
+    def _chosen_registers(self, chosen: Choice, masks, start, count, on_damage, threads) -> pd.DataFrame:
+        if not self._in_order:
+            raise ValueError(f"{self.name}: its blocks are not in order, so registers cannot be chosen")
+        records = self._chosen_frame(chosen, (), (start, self._stop), count, on_damage, threads)
+        parts = []
+        for first in range(start, self._stop, _CHOICE_ROWS):
+            wanted = records.index[(records.index >= first) & (records.index < first + _CHOICE_ROWS)].to_numpy()
+            if len(wanted):
+                part = self._registers(masks, int(wanted[0]), int(wanted[-1]) + 1, on_damage, threads)
+                part.attrs.clear()
+                parts.append(part[np.isin(part["record"].to_numpy().astype(np.int64), wanted)])
+        frame = pd.concat(parts, ignore_index=True) if parts else self._registers(masks, 0, 0, on_damage, 1)
+        frame.attrs.update(records.attrs)
+        return frame
+
+    def _registers(self, masks: Tuple[int, int], start: int, stop: int, on_damage: str, threads: int) -> pd.DataFrame:
         ranges = self._ranges(start, stop, threads)
         with ThreadPoolExecutor(threads) if threads > 1 else _Alone() as pool:
             parts = list(pool.map(lambda wanted: _read_registers(self.name, wanted, masks, self._in_order), ranges))
@@ -550,6 +632,7 @@ class Trace:
 
 
 _BATCH = 1 << 16
+_CHOICE_ROWS = 1 << 20  # from which records are chosen at a time
 
 
 class _Alone:
@@ -747,7 +830,7 @@ def open(name: Name) -> Trace:  # pylint: disable=redefined-builtin
     return Trace(name)
 
 
-def frame(name: Name, columns=None, start=0, count=None, on_damage="raise", threads=1) -> pd.DataFrame:
+def frame(name: Name, columns=None, start=0, count=None, on_damage="raise", threads=1, **choice) -> pd.DataFrame:
     """Records of a trace file as a data frame, index = record number.
 
     columns   names, in the order wanted; without: the 14 up to `length`, 55 bytes a row
@@ -773,27 +856,41 @@ def frame(name: Name, columns=None, start=0, count=None, on_damage="raise", thre
                                     uint8   codes
         thread                      uint16  the number at the end of the file's name
 
-    start, count  which records: from number `start` on, `count` numbers (those that are lost included)
+    start, count  which records: from number `start` on, `count` numbers (those that are lost included); with a choice:
+                  at most `count` records
     on_damage     "raise": DamageError where the file is damaged; "skip": the records that are there; "mark": the same
                   with a column `discontinuity` (bool), True in the first row after each discontinuity
     threads       decodes so many block ranges side by side
 
+    choice    further arguments, as the options of `qtrace dump`: records that satisfy every one that is given. Each takes
+              one value or a list of values, of which any will do, or a text with commas
+
+        pid, lpid         numbers of processes, of partitions
+        pc, data, real    addresses of instructions; effective, real addresses of accesses: 0x1000, (0x1000, 0x1fff),
+                          "1000-1fff" (hexadecimal), both ends included
+        kind, not_        kinds, of which a record has any, none: load, store, branch, taken, string, call, return,
+                          system_call, cache, error
+        word              instruction words, or words and masks: 0x39400004, (0xe8000000, 0xfc000000),
+                          "e8000000/fc000000"; bits outside the mask do not count
+        register          "r10", "f1", "s8", "v2", "x34": read or written
+
     `frame.attrs["damage"]` and `frame.attrs["gaps"]` tell what was lost (`Discontinuity`); the index shows where.
     Raises FileNotFoundError, OSError (no trace file), DamageError, ValueError and TypeError (arguments).
     """
-    return Trace(name).frame(columns, start, count, on_damage, threads)
+    return Trace(name).frame(columns, start, count, on_damage, threads, **choice)
 
 
-def batches(name: Name, rows=1_000_000, columns=None, start=0, count=None, on_damage="raise", threads=1):
-    """Frames of up to `rows` records each, one after the other, in bounded memory. The rest is as in `frame`.
+def batches(name: Name, rows=1_000_000, columns=None, start=0, count=None, on_damage="raise", threads=1, **choice):
+    """Frames of up to `rows` records each, one after the other, in bounded memory. The rest is as in `frame`; with a
+    choice, a frame holds the chosen ones of `rows` records.
 
     A batch becomes empty when the next one is asked for, so that only one is in memory: what has to stay is to be
     taken from it before (a column, a selection, or `batch.copy()`).
     """
-    return Trace(name).batches(rows, columns, start, count, on_damage, threads)
+    return Trace(name).batches(rows, columns, start, count, on_damage, threads, **choice)
 
 
-def registers(name: Name, classes=None, start=0, count=None, on_damage="raise", threads=1) -> pd.DataFrame:
+def registers(name: Name, classes=None, start=0, count=None, on_damage="raise", threads=1, **choice) -> pd.DataFrame:
     """The registers that records name, one row each: those read, then those written.
 
     record     uint64    number of the record
@@ -804,9 +901,9 @@ def registers(name: Name, classes=None, start=0, count=None, on_damage="raise", 
     high       uint64    second 64 bits of a 128-bit register, else 0
 
     classes    names like "gpr_in", "vsxr_out"; without: all ten
-    The other arguments, errors and `attrs` are those of `frame`; there is no "mark".
+    The other arguments, errors and `attrs` are those of `frame`; there is no "mark". `count` counts records.
     """
-    return Trace(name).registers(classes, start, count, on_damage, threads)
+    return Trace(name).registers(classes, start, count, on_damage, threads, **choice)
 
 
 def translations(name: Name) -> pd.DataFrame:

@@ -32,11 +32,14 @@ class Lines:
 
     def __init__(self, name, *options):
         text = qtrace("dump", "--json", *options, name).stdout
-        self.headers, self.records = {}, {}
+        self.headers, self.records, self.discontinuities = {}, {}, []
         for line in text.splitlines():
             line = line.split(",", 1)[1]
             kind, number = line.split(",", 1)[0].split(":")
-            (self.records if kind == '"record"' else self.headers)[int(number)] = line
+            if kind == '"discontinuity"':
+                self.discontinuities.append(json.loads("{" + line))
+            else:
+                (self.records if kind == '"record"' else self.headers)[int(number)] = line
 
 
 class CutStreams(unittest.TestCase):
@@ -51,6 +54,25 @@ class CutStreams(unittest.TestCase):
         subprocess.run([PROGRAMS / "replay", STREAM, "console"], check=True, stdout=subprocess.DEVNULL)
         cls.traces = sorted(path.name for path in pathlib.Path().glob("trace*"))
         cls.lines = {name: Lines(name) for name in cls.traces}
+        cls.contexts = {name: cls.contexts_of(cls.lines[name]) for name in cls.traces}
+
+    @staticmethod
+    def contexts_of(lines):
+        """By number of a record: the partition and process at it, and at what stands before it, from the headers."""
+        changes = {}
+        lpid, pid = "0x0", 0
+        for line in lines.headers.values():
+            header = json.loads("{" + line)
+            if header.get("iar_is_present"):
+                lpid, pid = header.get("lpid", "0x0"), header.get("pid", 0)
+            lpid = header.get("lpid", "0x0") if header.get("lpid_is_present") else lpid
+            pid = header.get("pid", 0) if header.get("pid_is_present") else pid
+            changes.setdefault(header["before_record"], []).append((lpid, pid))
+        contexts, here = {}, None
+        for number in lines.records:
+            contexts[number] = [here, *changes.get(number, [])]
+            here = contexts[number][-1]
+        return contexts
 
     def setUp(self):
         for name in ("once", "twice"):
@@ -72,7 +94,7 @@ class CutStreams(unittest.TestCase):
         for number, line in cut.headers.items():
             self.assertEqual(line, whole.headers[number])
         self.expect_size(name, cut)
-        self.expect_discontinuities(cut)
+        self.expect_discontinuities(name, cut)
         pathlib.Path("once").unlink()
 
     @staticmethod
@@ -97,15 +119,22 @@ class CutStreams(unittest.TestCase):
                 share += (block.end - block.offset) * kept / block.records
         self.assertLessEqual(os.path.getsize("once"), 1.3 * share, (name, runs[:3]))
 
-    def expect_discontinuities(self, cut):
-        """As many as the numbers of records have gaps, and more only where headers were left out alone."""
-        info = json.loads(qtrace("info", "--json", "once").stdout)
+    def expect_discontinuities(self, name, cut):
+        """One where the numbers of records jump, with the partition and process of the record that follows."""
         numbers = sorted(cut.records)
-        jumps = len(self.lengths(numbers)) - bool(numbers and numbers[0] == 0)
-        self.assertGreaterEqual(info["left_out"], jumps)
-        self.assertEqual(info["damaged_places"], 0)
-        headers = sorted(cut.headers)
-        self.assertLessEqual(info["left_out"], jumps + len(self.lengths(headers)))
+        jumps = {}
+        for before, number in zip([-1, *numbers], numbers):
+            if number != before + 1:
+                jumps[before + 1] = number - before - 1
+        found = [what for what in cut.discontinuities if what["discontinuity"] == "left out"]
+        self.assertEqual({what["at_record"]: what["lost_records"] for what in found if what["lost_records"]}, jumps)
+        for what in cut.discontinuities:
+            self.assertIn(what["discontinuity"], ("left out", "pause"))
+        whole = self.contexts[name]
+        for what in found:
+            context, number = what["context"], what["at_record"] + what["lost_records"]
+            if number in whole:
+                self.assertIn((context.get("lpid", "0x0"), context.get("pid", 0)), whole[number])
 
     def test_everything_is_the_file_itself(self):
         for name in self.traces:
@@ -140,7 +169,9 @@ class CutStreams(unittest.TestCase):
         for name in self.traces:
             self.cut(name, "--every", 700, "--window", 20, "--count", 400)
             items = list(plain.Trace("once"))
-            self.assertFalse([item for item in items if isinstance(item, plain.Damage)])
+            left_out = [item for item in items if isinstance(item, plain.Discontinuity) and item.cause != "pause"]
+            self.assertEqual({item.cause for item in left_out} - {"left out"}, set())
+            self.assertEqual([item.records for item in left_out], [680] * len(left_out))
             records = [item for item in items if isinstance(item, plain.Record)]
             self.assertEqual(len(records), min(400, sum(n % 700 < 20 for n in self.lines[name].records)))
             for record in records:

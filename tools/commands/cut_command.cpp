@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <limits>
 #include <string>
 
 namespace qtrace_tool
@@ -29,6 +30,8 @@ struct Cut_Output {
     static void step(void *user, uint64_t records)
     {
         auto *self = static_cast<Cut_Output *>(user);
+        if (records <= self->passed)
+            return;
         self->progress.step(records - self->passed);
         self->passed = records;
     }
@@ -37,7 +40,7 @@ struct Cut_Output {
 class Cut_Command : public Command
 {
 public:
-    void declare(CLI::App &app) override;
+    void declare(Options &app) override;
     void run(Tool_Run &run) override;
 
 private:
@@ -49,11 +52,12 @@ private:
 
     std::string in_, out_;
     Record_Filter filter_;
-    uint64_t every_ = 0, window_ = 0;
-    bool sampled_ = false, force_ = false;
+    static constexpr uint64_t NOT_GIVEN = std::numeric_limits<uint64_t>::max();
+    uint64_t every_ = NOT_GIVEN, window_ = NOT_GIVEN;
+    bool force_ = false;
 };
 
-void Cut_Command::declare(CLI::App &app)
+void Cut_Command::declare(Options &app)
 {
     app.add_option("FILE", in_, "a trace file, or a base name")->required();
     app.add_option("-o,--output", out_, "the trace file to be written, or a base name like FILE")
@@ -62,18 +66,14 @@ void Cut_Command::declare(CLI::App &app)
     app.add_flag("--force", force_, "replace OUT when it exists");
     filter_.declare_range(app);
     filter_.declare_contexts(app);
-    CLI::Option *every =
-        declare_number(app, "--every", every_, "samples: of every N records, counted from the first one");
-    CLI::Option *window = declare_number(app, "--window", window_, "samples: that many, from the first on");
-    every->needs(window);
-    window->needs(every);
-    every->each([this](const std::string &) { sampled_ = true; });
+    declare_number(app, "--every", every_, "samples: of every N records, counted from the first one");
+    declare_number(app, "--window", window_, "samples: that many, from the first on")->type_name("M");
 }
 
 void Cut_Command::require_sample() const
 {
-    if (!sampled_)
-        return;
+    if ((every_ == NOT_GIVEN) != (window_ == NOT_GIVEN))
+        throw Usage_Error(every_ == NOT_GIVEN ? "--window requires --every" : "--every requires --window");
     if (every_ == 0 || window_ == 0)
         throw Usage_Error(
             fmt::format("`0` is no number for --{}: 1 or more expected", every_ == 0 ? "every" : "window"));
@@ -94,7 +94,7 @@ QTRACE_Cut Cut_Command::choice() const
     QTRACE_Cut choice{};
     choice.from = filter_.from();
     choice.most = filter_.count();
-    choice.every = every_;
+    choice.every = every_ == NOT_GIVEN ? 0 : every_;
     choice.window = window_;
     choice.lpids = filter_.lpids().data();
     choice.lpid_count = filter_.lpids().size();
@@ -112,7 +112,7 @@ void Cut_Command::cut(Tool_Run &run, const std::string &from, const std::string 
         return run.fail(
             fmt::format("{}: no record {}: the file has {}", from, filter_.from(), file->info().records));
     Output_File output(to, force_);
-    Progress progress(run, from, file->info().records);
+    Progress progress(run, from, file->next_record_number());
     Cut_Output user{output, progress};
     QTRACE_Cut choice = this->choice();
     choice.write = Cut_Output::write;
