@@ -61,19 +61,41 @@ const std::vector<std::vector<std::string>> COMMANDS = {
     {"check", "--from", "12345", "--count", "23456"},
 };
 
+const std::vector<std::vector<std::string>> COMPARISONS = {
+    {"diff", "--limit", "30"},
+    {"diff", "--json", "--limit", "100000"},
+    {"diff", "--ignore", "header,missing"},
+};
+
+void expect_equal_output(const std::vector<std::string> &command, const std::vector<std::string> &files)
+{
+    const auto with_jobs = [&](const char *jobs) {
+        std::vector<std::string> words = command;
+        words.insert(words.end(), {"--jobs", jobs});
+        words.insert(words.end(), files.begin(), files.end());
+        return qtrace(words);
+    };
+    const Outcome alone = with_jobs("1");
+    EXPECT_NE(alone.out, "") << testing::PrintToString(command);
+    for (const char *jobs : {"2", "3", "7"}) {
+        const Outcome together = with_jobs(jobs);
+        EXPECT_TRUE(together.out == alone.out) << testing::PrintToString(command);
+        EXPECT_EQ(together.err, alone.err) << testing::PrintToString(command);
+        EXPECT_EQ(together.exit_code, alone.exit_code) << testing::PrintToString(command);
+    }
+}
+
 void expect_equal_output(const std::string &file)
 {
-    for (std::vector<std::string> command : COMMANDS) {
-        command.insert(command.end(), {"--jobs", "1", file});
-        const Outcome alone = qtrace(command);
-        EXPECT_NE(alone.out, "") << testing::PrintToString(command);
-        for (const char *jobs : {"2", "3", "7"}) {
-            command[command.size() - 2] = jobs;
-            const Outcome together = qtrace(command);
-            EXPECT_TRUE(together.out == alone.out) << testing::PrintToString(command);
-            EXPECT_EQ(together.err, alone.err) << testing::PrintToString(command);
-            EXPECT_EQ(together.exit_code, alone.exit_code) << testing::PrintToString(command);
-        }
+    for (const std::vector<std::string> &command : COMMANDS)
+        expect_equal_output(command, {file});
+}
+
+void expect_equal_comparison(const std::string &a, const std::string &b)
+{
+    for (const std::vector<std::string> &command : COMPARISONS) {
+        expect_equal_output(command, {a, b});
+        expect_equal_output(command, {b, a});
     }
 }
 
@@ -98,6 +120,41 @@ TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
     expect_equal_output(folder.text("twice0", bytes + bytes));
     qtrace({"recover", folder.path("spoilt0"), folder.path("saved0")});
     expect_equal_output(folder.path("saved0"));
+}
+
+// Blocks at the beginning are the same, then records differ, are missing on one side, or headers differ.
+TEST(jobs, any_number_gives_the_same_comparison_of_whole_traces)
+{
+    const Folder folder;
+    const Trace trace = mixed_trace();
+    const std::string whole = folder.write("trace0", trace);
+    expect_equal_comparison(whole, whole);
+    Trace changed = trace;
+    changed[55000].record.header.instruction ^= 1;
+    expect_equal_comparison(whole, folder.write("changed0", changed));
+    changed.erase(changed.begin() + 40000, changed.begin() + 40010);
+    expect_equal_comparison(whole, folder.write("missing0", changed));
+    changed = trace;
+    for (size_t i = 30000; i < changed.size(); i++)
+        if (changed[i].is_header)
+            changed[i].header.pid[1] = 1;
+    expect_equal_comparison(whole, folder.write("headers0", changed));
+    expect_equal_comparison(whole, folder.write("begun0", {trace.begin(), trace.begin() + 50000}));
+}
+
+TEST(jobs, any_number_gives_the_same_comparison_of_damaged_traces)
+{
+    const Folder folder;
+    const std::string whole = folder.write("trace0", mixed_trace());
+    const std::string bytes = folder.contents("trace0");
+    std::string spoilt = bytes;
+    spoilt[spoilt.size() * 3 / 4] ^= 0x55;
+    expect_equal_comparison(whole, folder.text("spoilt0", spoilt));
+    expect_equal_comparison(whole, folder.text("cut0", bytes.substr(0, bytes.size() * 2 / 3)));
+    expect_equal_comparison(whole, folder.text("twice0", bytes + bytes));
+    expect_equal_comparison(folder.path("spoilt0"), folder.path("spoilt0"));
+    qtrace({"recover", folder.path("spoilt0"), folder.path("saved0")});
+    expect_equal_comparison(whole, folder.path("saved0"));
 }
 
 // The same records in one block and in many: borders between blocks change nothing.

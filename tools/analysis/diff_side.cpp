@@ -71,6 +71,19 @@ std::vector<Record_Key> Lookahead::keys(uint64_t place, uint64_t record, bool ma
 
 // ---- The record to be compared -------------------------------------------------------------------------
 
+void Diff_Side::pass_over(uint64_t block, uint64_t passed)
+{
+    records += passed;
+    expected_ += passed;
+    (void)qtrace_select_blocks(file.reader(), block,
+                               file.blocks().size() - block); // there is such a block, or the end
+}
+
+bool Diff_Side::is_at(uint64_t record, uint64_t header) const
+{
+    return numbers_rise_ && expected_ == record && (item != nullptr ? item->header_number : 0) == header;
+}
+
 void Diff_Side::next()
 {
     full_header = false;

@@ -56,8 +56,13 @@ public:
     Diff_Side &operator=(const Diff_Side &) = delete;
 
     void next();
+    // Passes over the items up to the block of that number, with so many records among them; a record comes last.
+    void pass_over(uint64_t block, uint64_t passed);
+    // Every item up to that place was met, in ascending order.
+    bool is_at(uint64_t record, uint64_t header) const;
     std::vector<Record_Key> keys() { return ahead_.keys(records - 1, item->record_number, numbers_rise_); }
     bool keys_at_end() const { return ahead_.at_end(); }
+    uint64_t record_number_after() const { return expected_; } // of the item
     uint64_t record_number() const { return item != nullptr ? item->record_number : expected_; }
 
     Trace_File &file;

@@ -1,5 +1,7 @@
 #include "trace_diff.h"
 
+#include "record_equality.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -108,8 +110,6 @@ void Trace_Diff::report(Difference_Place &&place)
 
 void Trace_Diff::compare_headers()
 {
-    if (a_.headers.empty() && b_.headers.empty())
-        return;
     std::vector<Detail> details = details_between(a_.headers, b_.headers);
     a_.headers.clear();
     b_.headers.clear();
@@ -126,7 +126,7 @@ bool Trace_Diff::is_equal() const
 {
     return (!addresses_told_ ||
             (a_.item->address == b_.item->address && a_.item->address_known == b_.item->address_known)) &&
-           std::memcmp(&a_.item->record, &b_.item->record, offsetof(QTRACE_RECORD, offset)) == 0;
+           have_same_members(a_.item->record, b_.item->record);
 }
 
 void Trace_Diff::compare_records()
@@ -148,32 +148,99 @@ void Trace_Diff::compare_records()
 // Compares the current records, and goes on to the next ones.
 void Trace_Diff::pair()
 {
-    addresses_told_ |= a_.full_header && b_.full_header;
-    compare_headers();
-    if (!is_equal())
+    compare(is_equal());
+    advance();
+}
+
+void Trace_Diff::compare(bool equal)
+{
+    const bool told_before = std::exchange(addresses_told_, addresses_told_ || (a_.full_header && b_.full_header));
+    if (!a_.headers.empty() || !b_.headers.empty())
+        compare_headers();
+    if (told_before != addresses_told_) // then it was found without the addresses
+        equal = is_equal();
+    if (!equal)
         compare_records();
     addresses_told_ |= a_.item->record.header.control.fld.next_instruction_EA_present &&
                        b_.item->record.header.control.fld.next_instruction_EA_present;
-    a_.next();
-    b_.next();
-    step_();
 }
 
-Difference_Counts Trace_Diff::run(std::function<void()> step)
+void Trace_Diff::advance()
+{
+    if ((a_.records & 0xFFF) == 0)
+        tell_progress();
+    a_.next();
+    b_.next();
+}
+
+void Trace_Diff::tell_progress()
+{
+    step_(a_.records - std::exchange(told_records_, a_.records));
+}
+
+bool Trace_Diff::stands_before(const Block_Group &group) const
+{
+    return addresses_told_ && a_.is_at(group.first_record, group.first_header) &&
+           b_.is_at(group.first_record, group.first_header);
+}
+
+// Called just before the first item of a group, or later. The next item is read here in any case.
+void Trace_Diff::pass_over_equal_groups()
+{
+    constexpr unsigned TOO_MANY = 8; // groups that differ: then it is quicker to look at each record here alone
+    const std::vector<Block_Group> &groups = equal_->groups();
+    while (group_ < groups.size() && groups[group_].first_record < a_.record_number_after())
+        group_++;
+    if (group_ < groups.size() && stands_before(groups[group_])) {
+        const size_t first = group_;
+        uint64_t passed = 0;
+        for (; group_ < groups.size() && equal_->is_equal(group_); group_++)
+            passed += groups[group_].records;
+        if (group_ > first)
+            pass_over(groups[group_ - 1].first_block + groups[group_ - 1].blocks, passed);
+        different_ = group_ > first ? 1 : different_ + 1;
+    }
+    if (different_ == TOO_MANY)
+        equal_->stop();
+    group_++;
+    group_begin_ = group_ < groups.size() && different_ < TOO_MANY ? groups[group_].first_record : NONE;
+}
+
+void Trace_Diff::pass_over(uint64_t up_to_block, uint64_t records)
+{
+    a_.pass_over(up_to_block, records);
+    b_.pass_over(up_to_block, records);
+    tell_progress();
+}
+
+// Only here groups are passed over: an alignment has counted the records that follow.
+void Trace_Diff::pair_equal()
+{
+    compare(true);
+    if (a_.item->record_number + 1 >= group_begin_)
+        pass_over_equal_groups();
+    advance();
+}
+
+Difference_Counts Trace_Diff::run(unsigned jobs, std::function<void(uint64_t)> step)
 {
     step_ = std::move(step);
+    equal_ = std::make_unique<Equal_Blocks>(a_.file, b_.file, jobs);
+    if (!equal_->groups().empty())
+        pass_over_equal_groups();
     a_.next();
     b_.next();
     while (a_.item != nullptr && b_.item != nullptr) {
         if (a_.jump != b_.jump)
             align_by_numbers();
         else if (is_equal())
-            pair();
+            pair_equal();
         else
             align_by_hashes();
     }
     leave_out_rest();
     compare_headers();
+    tell_progress();
     counts_.records_a = a_.records;
     counts_.records_b = b_.records;
     return counts_;

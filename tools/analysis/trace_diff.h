@@ -3,10 +3,13 @@
 #pragma once
 
 #include "diff_side.h"
+#include "equal_blocks.h"
 #include "record_difference.h"
 #include "symbol_names.h"
 
 #include <functional>
+#include <limits>
+#include <memory>
 #include <vector>
 
 namespace qtrace_tool
@@ -43,14 +46,24 @@ public:
     Trace_Diff(Tool_Run &run, Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit,
                Report report);
 
-    // Compares the whole files. `step` is called once a record.
-    Difference_Counts run(std::function<void()> step);
+    // Compares the whole files; with several jobs, threads find out which blocks need not be looked at here. `step` is
+    // called now and then, with the records since the last call.
+    Difference_Counts run(unsigned jobs, std::function<void(uint64_t)> step);
 
 private:
+    static constexpr uint64_t NONE = std::numeric_limits<uint64_t>::max();
+
     bool is_equal() const;
     void align_by_numbers();
     void align_by_hashes();
     void pair();
+    void pair_equal();
+    void compare(bool equal);
+    void advance();
+    bool stands_before(const Block_Group &group) const;
+    void pass_over_equal_groups();
+    void pass_over(uint64_t up_to_block, uint64_t records);
+    void tell_progress();
     void leave_out(uint64_t only_a, uint64_t only_b);
     void leave_out_rest();
     Difference_Place here() const;
@@ -63,7 +76,12 @@ private:
     Difference_Set ignored_;
     uint64_t limit_;
     Report report_;
-    std::function<void()> step_;
+    std::function<void(uint64_t)> step_;
+    uint64_t told_records_ = 0; // to step_
+    std::unique_ptr<Equal_Blocks> equal_;
+    size_t group_ = 0;            // of equal_, whose beginning was not reached yet
+    unsigned different_ = 0;      // groups in a row
+    uint64_t group_begin_ = NONE; // number of its first record
     Difference_Counts counts_;
     bool addresses_told_ = true; // no record that tells the current addresses is missing on one side alone
 };

@@ -32,6 +32,7 @@ public:
         declare_number(app, "--context", context_, "records to show before and after a difference")
             ->default_str("3");
         declare_symbols(app, symbols_);
+        declare_jobs(app, jobs_);
     }
 
     void run(Tool_Run &run) override;
@@ -56,6 +57,7 @@ private:
     std::vector<std::string> ignore_;
     Symbol_Options symbols_;
     uint64_t limit_ = 1, context_ = 3;
+    unsigned jobs_ = 1;
 };
 
 Difference_Set Diff_Command::ignored() const
@@ -115,7 +117,7 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
         run.json ? show_json(shown, place, first) : show(shown, place);
         first = false;
     });
-    const Difference_Counts counts = diff.run([&progress] { progress.step(); });
+    const Difference_Counts counts = diff.run(jobs_, [&progress](uint64_t records) { progress.step(records); });
     if (counts.any())
         run.found();
     run.json ? summarise_json(run.out, counts) : summarise(run.out, counts);

@@ -1,0 +1,136 @@
+#include "equal_blocks.h"
+
+#include "record_difference.h"
+#include "record_equality.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace qtrace_tool
+{
+namespace
+{
+
+constexpr size_t GROUP = 2; // blocks
+
+bool have_same_numbers(const QTRACE_Block &a, const QTRACE_Block &b)
+{
+    return a.first_record == b.first_record && a.records == b.records && a.first_header == b.first_header &&
+           a.headers == b.headers;
+}
+
+bool follows(const QTRACE_Block &block, const QTRACE_Block &before)
+{
+    return block.first_record == before.first_record + before.records &&
+           block.first_header == before.first_header + before.headers;
+}
+
+// Blocks at the beginning of both files that have the same numbers of items, none missing.
+size_t common_blocks(std::span<const QTRACE_Block> a, std::span<const QTRACE_Block> b)
+{
+    size_t common = 0;
+    while (common < std::min(a.size(), b.size()) && have_same_numbers(a[common], b[common]) &&
+           (common == 0 ? a[0].first_record + a[0].first_header == 0 : follows(a[common], a[common - 1])))
+        common++;
+    return common;
+}
+
+std::vector<Block_Group> plan_groups(std::span<const QTRACE_Block> blocks)
+{
+    std::vector<Block_Group> groups;
+    for (size_t first = 0; first < blocks.size(); first += GROUP) {
+        const auto group = blocks.subspan(first, std::min(GROUP, blocks.size() - first));
+        const uint64_t end = group.back().first_record + group.back().records;
+        groups.push_back({first, group.size(), group.front().first_record, end - group.front().first_record,
+                          group.front().first_header});
+    }
+    return groups;
+}
+
+bool is_same_header(const QTRACE_FILE_HDR &a, const QTRACE_FILE_HDR &b)
+{
+    Header_List one, other;
+    one.add(a);
+    other.add(b);
+    return details_between(one, other).empty();
+}
+
+bool is_same_record(const QTRACE_Item &a, const QTRACE_Item &b)
+{
+    return a.record_number == b.record_number && a.address == b.address && a.address_known == b.address_known &&
+           have_same_members(a.record, b.record);
+}
+
+bool is_same(const QTRACE_Item &a, const QTRACE_Item &b)
+{
+    switch (a.kind) {
+    case QTRACE_ITEM_RECORD:
+        return is_same_record(a, b);
+    case QTRACE_ITEM_HEADER:
+        return is_same_header(a.header, b.header);
+    default:
+        return a.kind == QTRACE_ITEM_DISCONTINUITY && a.discontinuity.cause == QTRACE_CAUSE_PAUSE &&
+               b.discontinuity.cause == QTRACE_CAUSE_PAUSE;
+    }
+}
+
+bool select(const Reader &reader, const Block_Group &group)
+{
+    return reader != nullptr && qtrace_select_blocks(reader.get(), group.first_block, group.blocks) == 0;
+}
+
+// A header that comes last belongs to the record of the next group.
+bool compare(const Reader &a, const Reader &b, const Block_Group &group)
+{
+    if (!select(a, group) || !select(b, group))
+        return false;
+    const QTRACE_Item *one = nullptr, *other = nullptr;
+    for (bool record_last = false;; record_last = one->kind == QTRACE_ITEM_RECORD) {
+        const QTRACE_ITEM kind = qtrace_next(a.get(), &one);
+        if (qtrace_next(b.get(), &other) != kind)
+            return false;
+        if (kind == QTRACE_ITEM_END)
+            return record_last;
+        if (kind == QTRACE_ITEM_ERROR || !is_same(*one, *other))
+            return false;
+    }
+}
+
+} // namespace
+
+Equal_Blocks::Equal_Blocks(const Trace_File &a, const Trace_File &b, unsigned jobs)
+{
+    if (jobs > 1)
+        groups_ = plan_groups(a.blocks().first(common_blocks(a.blocks(), b.blocks())));
+    verdicts_.resize(groups_.size(), Verdict::open);
+    for (size_t i = 0; i < std::min<size_t>(jobs, groups_.size()); i++)
+        workers_.emplace_back([this, &a, &b] { work(a, b); });
+}
+
+void Equal_Blocks::work(const Trace_File &a, const Trace_File &b)
+{
+    const Reader one = a.another_reader(), other = b.another_reader();
+    for (std::unique_lock lock(mutex_); !stopped_ && next_ < groups_.size(); judged_.notify_all()) {
+        const size_t group = next_++;
+        lock.unlock();
+        const bool equal = compare(one, other, groups_[group]);
+        lock.lock();
+        verdicts_[group] = equal ? Verdict::equal : Verdict::different;
+    }
+}
+
+bool Equal_Blocks::is_equal(size_t group)
+{
+    std::unique_lock lock(mutex_);
+    judged_.wait(lock, [&] { return stopped_ || verdicts_[group] != Verdict::open; });
+    return verdicts_[group] == Verdict::equal;
+}
+
+void Equal_Blocks::stop()
+{
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+}
+
+} // namespace qtrace_tool
