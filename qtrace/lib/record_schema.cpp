@@ -293,20 +293,41 @@ bool is_zero(const uint8_t *bytes, size_t size)
     return size == 0 || bytes[0] == 0;
 }
 
+template <class Number> static Number number_at(const uint8_t *bytes)
+{
+    Number number;
+    std::memcpy(&number, bytes, sizeof(number));
+    return number;
+}
+
+// Copies of a known length are single instructions.
 uint64_t member_value(const Trace_Member &member, const uint8_t *bytes)
 {
     uint64_t value = 0;
-    std::memcpy(&value, bytes, member.size < 8 ? member.size : 8);
-    return value;
+    switch (member.size) {
+    case 1:
+        return bytes[0];
+    case 2:
+        return number_at<uint16_t>(bytes);
+    case 4:
+        return number_at<uint32_t>(bytes);
+    case QTRACE_VSID_LENGTH:
+        std::memcpy(&value, bytes, QTRACE_VSID_LENGTH);
+        return value;
+    default:
+        if (member.size >= sizeof(value))
+            return number_at<uint64_t>(bytes);
+        std::memcpy(&value, bytes, member.size);
+        return value;
+    }
 }
 
 Register_Entry register_entry(const Register_Class &kind, const QTRACE_REGISTERS &registers, unsigned i)
 {
     const uint8_t *bytes = kind.entry(registers, i);
-    Register_Entry entry{};
-    std::memcpy(&entry.index, bytes, sizeof(entry.index));
-    std::memcpy(entry.value, bytes + offsetof(QTRACE_REGISTER_INFO, value), kind.words * sizeof(uint64_t));
-    return entry;
+    const uint8_t *value = bytes + offsetof(QTRACE_REGISTER_INFO, value);
+    return {number_at<uint16_t>(bytes),
+            {number_at<uint64_t>(value), kind.words == 2 ? number_at<uint64_t>(value + sizeof(uint64_t)) : 0}};
 }
 
 } // namespace trace

@@ -2,9 +2,12 @@
 
 #include "block_sequence.h"
 #include "instruction_kinds.h"
+#include "record_rows.h"
+#include "text_in_place.h"
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -145,26 +148,6 @@ void print_table(Output &out, const Trace_Member &member, const uint8_t *bytes)
         out.put('-');
 }
 
-void print_table_json(Output &out, const Trace_Member &member, const uint8_t *bytes)
-{
-    const Table_Shape table = table_of(member);
-    const unsigned used = used_rows(table, bytes);
-    const bool nested = member.shape == Member_Shape::host_walks;
-    out.put('[');
-    for (unsigned row = 0; row < used; row++) {
-        if (nested)
-            out.put(row > 0 ? ",[" : "[");
-        for (unsigned column = 0; column < table.columns; column++) {
-            out.put(column > 0 ? ",\"0x" : "\"0x");
-            out.put_hex(word_at(bytes, row * table.columns + column));
-            out.put('"');
-        }
-        if (nested)
-            out.put(']');
-    }
-    out.put(']');
-}
-
 void print_registers(Output &out, const QTRACE_REGISTERS &registers, const Field_Selection &fields)
 {
     std::string_view lead[] = {" in", " out"};
@@ -186,39 +169,6 @@ void print_registers(Output &out, const QTRACE_REGISTERS &registers, const Field
             else
                 out.put_hex(entry.value[0]);
         }
-    }
-}
-
-void print_key(Output &out, std::string_view name)
-{
-    out.put(",\"");
-    out.put(name);
-    out.put("\":");
-}
-
-void print_registers_json(Output &out, const QTRACE_REGISTERS &registers, const Field_Selection &fields)
-{
-    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++) {
-        const Register_Class &kind = REGISTER_CLASSES[i];
-        const unsigned entries = fields.shows_registers(i) ? kind.entries(registers) : 0;
-        if (entries == 0)
-            continue;
-        print_key(out, kind.name);
-        out.put('[');
-        for (unsigned n = 0; n < entries; n++) {
-            const Register_Entry entry = register_entry(kind, registers, n);
-            out.put(n > 0 ? ",[" : "[");
-            out.put_decimal(entry.index);
-            for (unsigned word = 0; word < kind.words; word++) {
-                out.put(",\"0x");
-                out.put_hex(entry.value[word]);
-                out.put('"');
-            }
-            out.put(']');
-        }
-        out.put(']');
-        if (kind.held(registers) > kind.capacity)
-            out.print(",\"{}_count\":{}", kind.name, kind.held(registers));
     }
 }
 
@@ -277,31 +227,176 @@ bool is_shown(const Trace_Member &member, const QTRACE_RECORD &record, const Fla
                                             is_zero(member.at(record), member.size));
 }
 
-void print_flags_json(Output &out, const std::array<const Trace_Flag *, 64> &flag_of_bit, uint64_t word)
+// ---- JSON ----------------------------------------------------------------------------------------------
+// A record's members are put together where nothing has to be asked for room, and handed on as one text.
+
+// Characters that the members of a record or header can take at most.
+consteval size_t json_room(std::span<const Trace_Member> rows)
 {
-    while (word != 0) {
-        const Trace_Flag &flag = *flag_of_bit[static_cast<size_t>(std::countr_zero(word))];
-        print_key(out, flag.name);
-        out.put_decimal(flag.value(word));
-        word &= ~flag.mask();
+    constexpr size_t VALUE = 32;                                           // with quotes, brackets and a comma
+    size_t room = 64 * Padded_Text::CAPACITY + 16 * Padded_Text::CAPACITY; // flags and kinds
+    for (const Trace_Member &row : rows)
+        room += Padded_Text::CAPACITY + (row.size / sizeof(uint64_t) + 1) * VALUE;
+    return room + rows::REGISTER_ROWS.size() * (2 * Padded_Text::CAPACITY + VALUE);
+}
+
+class Json_Line
+{
+public:
+    explicit Json_Line(Output &to) : to_(to) {}
+    template <size_t N> void put(const char (&literal)[N])
+    {
+        std::memcpy(end_, literal, N - 1);
+        end_ += N - 1;
+    }
+    void put(const Padded_Text &text)
+    {
+        std::memcpy(end_, text.text, Padded_Text::CAPACITY);
+        end_ += text.size;
+    }
+    void put_decimal(uint64_t value) { end_ = decimal_text(end_, value); }
+    void put_hex(uint64_t value) { end_ = hex_text(end_, value); }
+    // The output, which then has everything.
+    Output &handed_on()
+    {
+        to_.put(std::string_view(text_, std::exchange(end_, text_)));
+        return to_;
+    }
+
+private:
+    Output &to_;
+    char text_[std::max(json_room(rows::RECORD_ROWS), json_room(rows::HEADER_ROWS)) + Padded_Text::CAPACITY];
+    char *end_ = text_;
+};
+
+Padded_Text json_key(std::string_view name, std::string_view value = "")
+{
+    return Padded_Text(fmt::format(",\"{}\":{}", name, value));
+}
+
+using Register_Keys = std::array<Padded_Text, std::tuple_size_v<decltype(REGISTER_CLASSES)>>;
+
+const Register_Keys REGISTER_KEYS = [] {
+    Register_Keys keys;
+    std::ranges::transform(REGISTER_CLASSES, keys.begin(),
+                           [](const Register_Class &kind) { return json_key(kind.name, "["); });
+    return keys;
+}();
+
+const Register_Keys COUNT_KEYS = [] {
+    Register_Keys keys;
+    std::ranges::transform(REGISTER_CLASSES, keys.begin(),
+                           [](const Register_Class &kind) { return json_key(fmt::format("{}_count", kind.name)); });
+    return keys;
+}();
+
+void print_entries_json(Json_Line &out, const Register_Class &kind, const QTRACE_REGISTERS &registers,
+                        unsigned entries)
+{
+    for (unsigned n = 0; n < entries; n++) {
+        const Register_Entry entry = register_entry(kind, registers, n);
+        n > 0 ? out.put(",[") : out.put("[");
+        out.put_decimal(entry.index);
+        for (unsigned word = 0; word < kind.words; word++) {
+            out.put(",\"0x");
+            out.put_hex(entry.value[word]);
+            out.put("\"");
+        }
+        out.put("]");
     }
 }
 
-void print_json_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
+void print_registers_json(Json_Line &out, const QTRACE_REGISTERS &registers, const Field_Selection &fields)
 {
-    switch (member.shape) {
-    case Member_Shape::decimal:
-        out.put_decimal(member_value(member, bytes));
-        break;
-    case Member_Shape::host_walks:
-    case Member_Shape::host_addresses:
-    case Member_Shape::guest_walk:
-        print_table_json(out, member, bytes);
-        break;
-    default:
+    for (size_t i = 0; i < REGISTER_CLASSES.size(); i++) {
+        const Register_Class &kind = REGISTER_CLASSES[i];
+        if (kind.held(registers) == 0 || !fields.shows_registers(i))
+            continue;
+        out.put(REGISTER_KEYS[i]);
+        print_entries_json(out, kind, registers, kind.entries(registers));
+        out.put("]");
+        if (kind.held(registers) > kind.capacity) {
+            out.put(COUNT_KEYS[i]);
+            out.put_decimal(kind.held(registers));
+        }
+    }
+}
+
+void print_table_json(Json_Line &out, const Trace_Member &member, const uint8_t *bytes)
+{
+    const Table_Shape table = table_of(member);
+    const unsigned used = used_rows(table, bytes);
+    const bool nested = member.shape == Member_Shape::host_walks;
+    out.put("[");
+    for (unsigned row = 0; row < used; row++) {
+        if (nested)
+            row > 0 ? out.put(",[") : out.put("[");
+        for (unsigned column = 0; column < table.columns; column++) {
+            column > 0 ? out.put(",\"0x") : out.put("\"0x");
+            out.put_hex(word_at(bytes, row * table.columns + column));
+            out.put("\"");
+        }
+        if (nested)
+            out.put("]");
+    }
+    out.put("]");
+}
+
+// A flag, or a bit of one that has several, as a member of a JSON object: ready but for the value of the latter.
+struct Json_Flag {
+    Padded_Text text;
+    uint64_t others; // all bits that are not the flag's
+    const Trace_Flag *flag;
+};
+using Json_Flags = std::array<Json_Flag, 64>;
+
+Json_Flags json_flags(const std::array<const Trace_Flag *, 64> &flag_of_bit)
+{
+    Json_Flags flags{};
+    for (size_t bit = 0; bit < flags.size(); bit++)
+        if (const Trace_Flag *flag = flag_of_bit[bit])
+            flags[bit] = {json_key(flag->name, flag->width == 1 ? "1" : ""), ~flag->mask(), flag};
+    return flags;
+}
+
+const Json_Flags CONTROL_JSON = json_flags(CONTROL_FLAG_OF_BIT);
+const Json_Flags FILE_JSON = json_flags(FILE_FLAG_OF_BIT);
+
+void print_flags_json(Json_Line &out, const Json_Flags &flags, uint64_t word)
+{
+    while (word != 0) {
+        const Json_Flag &flag = flags[static_cast<size_t>(std::countr_zero(word))];
+        out.put(flag.text);
+        if (flag.flag->width > 1)
+            out.put_decimal(flag.flag->value(word));
+        word &= flag.others;
+    }
+}
+
+std::vector<Padded_Text> json_keys(std::span<const Trace_Member> members)
+{
+    std::vector<Padded_Text> keys;
+    for (const Trace_Member &member : members)
+        keys.push_back(json_key(member.name));
+    return keys;
+}
+
+const std::vector<Padded_Text> RECORD_KEYS = json_keys(RECORD_MEMBERS), HEADER_KEYS = json_keys(HEADER_MEMBERS);
+
+bool is_table(const Trace_Member &member)
+{
+    return member.shape == Member_Shape::host_walks || member.shape == Member_Shape::host_addresses ||
+           member.shape == Member_Shape::guest_walk;
+}
+
+void print_number_json(Json_Line &out, const Trace_Member &member, uint64_t value)
+{
+    if (member.shape == Member_Shape::decimal) {
+        out.put_decimal(value);
+    } else {
         out.put("\"0x");
-        out.put_hex(member_value(member, bytes));
-        out.put('"');
+        out.put_hex(value);
+        out.put("\"");
     }
 }
 
@@ -314,15 +409,20 @@ std::string_view symbol_key(const Trace_Member &member)
 }
 
 template <class Structure>
-void print_member_json(Output &out, const Trace_Member &member, const Structure &structure, const Item_Notes &notes)
+void print_member_json(Json_Line &out, const Padded_Text &key, const Trace_Member &member,
+                       const Structure &structure, const Item_Notes &notes)
 {
-    const uint8_t *bytes = member.at(structure);
-    if (is_zero(bytes, member.size))
-        return;
-    print_key(out, member.name);
-    print_json_value(out, member, bytes);
-    if (member.shape == Member_Shape::address)
-        print_name_json(out, notes, symbol_key(member), member_value(member, bytes));
+    if (!is_table(member)) {
+        if (const uint64_t value = member_value(member, structure); value != 0) {
+            out.put(key);
+            print_number_json(out, member, value);
+            if (member.shape == Member_Shape::address && notes.names != nullptr)
+                print_name_json(out.handed_on(), notes, symbol_key(member), value);
+        }
+    } else if (!is_zero(member.at(structure), member.size)) {
+        out.put(key);
+        print_table_json(out, member, member.at(structure));
+    }
 }
 
 } // namespace
@@ -466,7 +566,9 @@ void print_name_json(Output &out, const Item_Notes &notes, std::string_view key,
 {
     if (notes.names == nullptr || notes.names->find(address) == nullptr)
         return;
-    print_key(out, key);
+    out.put(",\"");
+    out.put(key);
+    out.put("\":");
     print_json_text(out, notes.names->text(address));
 }
 
@@ -478,8 +580,7 @@ void print_header(Output &out, const QTRACE_Item &item, const Item_Notes &notes)
     out.paint(Colour::head);
     out.put(full ? "         - header" : "         - partition");
     for (const Trace_Member &member : HEADER_MEMBERS) {
-        const bool walk = member.shape == Member_Shape::host_walks ||
-                          member.shape == Member_Shape::host_addresses || member.shape == Member_Shape::guest_walk;
+        const bool walk = is_table(member);
         const bool filled = member.gated() && flags.any_of(member.gate);
         if (walk || member.label == "comment-length" || (!filled && is_zero(member.at(header), member.size)) ||
             (filled && member.label == "version" && header.version == 0))
@@ -544,16 +645,21 @@ void print_discontinuity(Output &out, const QTRACE_Item &item)
     out.settle();
 }
 
-static void print_header_members_json(Output &out, const QTRACE_FILE_HDR &header, const Item_Notes &notes)
+static void print_header_members_json(Output &to, const QTRACE_FILE_HDR &header, const Item_Notes &notes)
 {
     const Flag_Words flags = flags_of(header);
-    print_flags_json(out, FILE_FLAG_OF_BIT, flags.file);
-    print_flags_json(out, CONTROL_FLAG_OF_BIT, flags.control);
-    if (header.sec_ext_controlword.instruction != 0)
-        out.print(",\"instruction\":\"0x{:x}\"", header.sec_ext_controlword.instruction);
-    for (const Trace_Member &member : HEADER_MEMBERS)
-        if (member.shape != Member_Shape::text)
-            print_member_json(out, member, header, notes);
+    Json_Line out(to);
+    print_flags_json(out, FILE_JSON, flags.file);
+    print_flags_json(out, CONTROL_JSON, flags.control);
+    if (header.sec_ext_controlword.instruction != 0) {
+        out.put(",\"instruction\":\"0x");
+        out.put_hex(header.sec_ext_controlword.instruction);
+        out.put("\"");
+    }
+    for (size_t row = 0; row < HEADER_MEMBERS.size(); row++)
+        if (HEADER_MEMBERS[row].shape != Member_Shape::text)
+            print_member_json(out, HEADER_KEYS[row], HEADER_MEMBERS[row], header, notes);
+    out.handed_on();
 }
 
 void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_view beginning)
@@ -586,46 +692,60 @@ void print_header_json(Output &out, const QTRACE_Item &item, std::string_view be
     out.settle();
 }
 
-static void print_kinds_json(Output &out, uint32_t kinds)
+// By the number of the kind's bit.
+static const std::array<Padded_Text, 32> KIND_TEXTS = [] {
+    std::array<Padded_Text, 32> texts;
+    for (const Kind_Name &row : KINDS)
+        texts[static_cast<size_t>(std::countr_zero(static_cast<uint32_t>(row.kind)))] =
+            Padded_Text(fmt::format("\"{}\"", row.name));
+    return texts;
+}();
+
+static void print_kinds_json(Json_Line &out, uint32_t kinds)
 {
     if (kinds == 0)
         return;
     out.put(",\"kinds\":[");
-    for (const char *separator = "\""; const Kind_Name &row : KINDS)
-        if ((kinds & row.kind) != 0) {
-            out.put(separator);
-            out.put(row.name);
-            out.put('"');
-            separator = ",\"";
-        }
-    out.put(']');
+    for (uint32_t left = kinds; left != 0; left &= left - 1) {
+        if (left != kinds)
+            out.put(",");
+        out.put(KIND_TEXTS[static_cast<size_t>(std::countr_zero(left))]);
+    }
+    out.put("]");
+}
+
+static void print_place_json(Json_Line &out, const QTRACE_Item &item, const Item_Notes &notes)
+{
+    out.put(",\"record\":");
+    out.put_decimal(item.record_number);
+    if (item.address_known) {
+        out.put(",\"address\":\"0x");
+        out.put_hex(item.address);
+        out.put("\"");
+        if (notes.names != nullptr)
+            print_name_json(out.handed_on(), notes, "symbol", item.address);
+    }
 }
 
 void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
                        const Field_Selection &fields, const Item_Notes &notes)
 {
     out.put(beginning);
-    out.put(",\"record\":");
-    out.put_decimal(item.record_number);
-    if (item.address_known) {
-        out.put(",\"address\":\"0x");
-        out.put_hex(item.address);
-        out.put('"');
-        print_name_json(out, notes, "symbol", item.address);
-    }
+    Json_Line line(out);
+    print_place_json(line, item, notes);
     if (fields.shows_flags()) {
-        print_kinds_json(out, kinds_of(item.record, item.address));
-        print_flags_json(out, CONTROL_FLAG_OF_BIT, flags_of(item.record).control);
+        print_kinds_json(line, kinds_of(item.record, item.address));
+        print_flags_json(line, CONTROL_JSON, flags_of(item.record).control);
     }
     Member_Set shown = maybe_filled(item.record);
     (shown &= fields.members()).for_each([&](size_t row) {
         if (RECORD_MEMBERS[row].shape == Member_Shape::registers)
-            print_registers_json(out, item.record.regs, fields);
+            print_registers_json(line, item.record.regs, fields);
         else
-            print_member_json(out, RECORD_MEMBERS[row], item.record, notes);
+            print_member_json(line, RECORD_KEYS[row], RECORD_MEMBERS[row], item.record, notes);
     });
-    out.put("}\n");
-    out.settle();
+    line.put("}\n");
+    line.handed_on().settle();
 }
 
 const char *const LINE_LEGEND =

@@ -1,6 +1,7 @@
 #include "tool_output.h"
 
-#include <array>
+#include "text_in_place.h"
+
 #include <cerrno>
 #include <unistd.h>
 
@@ -14,38 +15,22 @@ std::string counted(uint64_t count, std::string_view noun, std::string_view noun
     return nouns.empty() ? fmt::format("{} {}s", count, noun) : fmt::format("{} {}", count, nouns);
 }
 
-// "000102...ff"
-static consteval std::array<char, 512> hex_pairs()
-{
-    std::array<char, 512> pairs{};
-    for (size_t i = 0; i < pairs.size(); i++)
-        pairs[i] = "0123456789abcdef"[i % 2 == 0 ? i / 32 : i / 2 % 16];
-    return pairs;
-}
-static constexpr std::array<char, 512> HEX_PAIRS = hex_pairs();
-
 void Output::put_decimal(uint64_t value)
 {
-    if (value < 10) {
-        put(static_cast<char>('0' + value));
-        return;
-    }
-    const fmt::format_int text(value);
-    put({text.data(), text.size()});
+    char text[NUMBER_ROOM];
+    put(std::string_view(text, decimal_text(text, value)));
 }
 
 void Output::put_hex(uint64_t value)
 {
-    put_hex(value, value == 0 ? 1 : (67 - static_cast<unsigned>(__builtin_clzll(value))) / 4);
+    char text[NUMBER_ROOM];
+    put(std::string_view(text, hex_text(text, value)));
 }
 
 void Output::put_hex(uint64_t value, unsigned digits)
 {
-    char *to = room(digits);
-    for (; digits >= 2; value >>= 8)
-        std::memcpy(to + (digits -= 2), &HEX_PAIRS[2 * (value & 0xFF)], 2);
-    if (digits == 1)
-        *to = HEX_PAIRS[2 * (value & 0xF) + 1];
+    char text[NUMBER_ROOM];
+    put(std::string_view(text, hex_text(text, value, digits)));
 }
 
 void Output::put_padded(uint64_t value, unsigned width)
@@ -53,7 +38,7 @@ void Output::put_padded(uint64_t value, unsigned width)
     const fmt::format_int text(value);
     for (size_t n = text.size(); n < width; n++)
         put(' ');
-    put({text.data(), text.size()});
+    put(std::string_view{text.data(), text.size()});
 }
 
 void Output::paint(Colour colour)
