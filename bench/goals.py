@@ -68,6 +68,7 @@ GOALS = [
       for stream in STREAMS],
     *[Goal(f"commit/text / write, {stream}", 1.6, None, 1.4, time_ratio(f"commit/text:{stream}", f"write:{stream}"), False)
       for stream in STREAMS],
+    Goal("stream: written by commit_stream_writer.h / read by replay", None, 1, 0.5, time_ratio("stream:write", "stream:read"), False),
     Goal("reference writer's own time / plugin's own time", 1.04, 1.5, 0.7, own_time_ratio, False),
     Goal("growth of time per commit from 10^4 to 10^7 commits", 1.10, 1.3, 1.1, time_growth("commits"), False),
     Goal("growth of time per commit from 1 to 128 threads", 0.90, 1.3, 1.1, time_growth("threads"), False),

@@ -5,6 +5,7 @@
 #include "player.h"
 #include "qtrace_reader.h"
 #include "stream_input.h"
+#include "stream_writing.h"
 
 #include <benchmark/benchmark.h>
 
@@ -25,6 +26,8 @@ namespace
 
 constexpr const char *COMPRESSED_STREAM = STREAM_FOLDER "/boot-user.jsonl.zst";
 constexpr const char *PLAIN_STREAM = OUTPUT_FOLDER "/boot-user.jsonl";
+constexpr const char *WRITTEN_STREAM = OUTPUT_FOLDER "/written.jsonl";
+constexpr size_t WRITTEN_COMMITS = 20000;
 constexpr const char *TRACE = OUTPUT_FOLDER "/replayed";
 constexpr const char *FIRST_TRACE_FILE = OUTPUT_FOLDER "/replayed0";
 
@@ -79,6 +82,18 @@ void run_read(benchmark::State &state)
                                          static_cast<double>(state.iterations()) / static_cast<double>(records);
 }
 
+// Writes a stream as a simulator does, or reads that stream.
+void run_stream(benchmark::State &state, const bench::Stream_Writing &commits, bool reading)
+{
+    uint64_t lines = 0;
+    if (reading)
+        commits.write(WRITTEN_STREAM);
+    for ([[maybe_unused]] auto iteration : state)
+        lines += reading ? bench::read_stream(WRITTEN_STREAM) : commits.write(WRITTEN_STREAM);
+    state.SetItemsProcessed(static_cast<int64_t>(lines));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(std::filesystem::file_size(WRITTEN_STREAM)));
+}
+
 void write_plain_stream()
 {
     std::ofstream plain(PLAIN_STREAM, std::ios::binary);
@@ -112,6 +127,12 @@ try {
     benchmark::RegisterBenchmark("replay:jsonl", run_replay, PLAIN_STREAM)->MeasureProcessCPUTime();
     benchmark::RegisterBenchmark("replay:jsonl.zst", run_replay, COMPRESSED_STREAM)->MeasureProcessCPUTime();
     benchmark::RegisterBenchmark("read", run_read)->MeasureProcessCPUTime();
+    const bench::Stream_Writing commits(COMPRESSED_STREAM, WRITTEN_COMMITS);
+    for (const bool reading : {false, true})
+        benchmark::RegisterBenchmark(reading ? "stream:read" : "stream:write", [&commits,
+                                                                                reading](benchmark::State &s) {
+            run_stream(s, commits, reading);
+        })->MeasureProcessCPUTime();
     benchmark::RunSpecifiedBenchmarks();
     return 0;
 } catch (const std::exception &error) {
