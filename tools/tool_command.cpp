@@ -247,6 +247,19 @@ Option *declare_number(Options &app, const std::string &name, uint64_t &number, 
     return app.add_value(name, "N", description, take);
 }
 
+void declare_page_bits(Options &app, std::vector<uint32_t> &bits)
+{
+    app.add_numbers("--page-bits", bits, 12, 63,
+                    "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
+                    "4K, 64K, 2M, 1G, 16M)")
+        ->type_name("BITS,...");
+}
+
+Page_Sizes page_sizes(const std::vector<uint32_t> &bits)
+{
+    return bits.empty() ? Page_Sizes() : Page_Sizes(std::vector<uint8_t>(bits.begin(), bits.end()));
+}
+
 void declare_jobs(Options &app, unsigned &jobs)
 {
     jobs = std::max(1u, std::thread::hardware_concurrency());

@@ -3,6 +3,7 @@
 
 #include "command_options.h"
 #include "tool_run.h"
+#include "trace_counts.h"
 
 #include <memory>
 #include <optional>
@@ -36,6 +37,10 @@ void require_files(const std::vector<std::string> &files);
 Option *declare_number(Options &app, const std::string &name, uint64_t &number, const std::string &description);
 // Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.
 std::optional<uint64_t> parse_digits(std::string_view text, int base);
+
+// --page-bits, the sizes that page-size codes stand for; page_sizes() makes them of what it was given.
+void declare_page_bits(Options &app, std::vector<uint32_t> &bits);
+Page_Sizes page_sizes(const std::vector<uint32_t> &bits);
 
 struct Symbol_Options;
 // --symbols, and --load-address for the file of the --symbols before it.

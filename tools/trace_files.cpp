@@ -97,6 +97,16 @@ std::vector<std::string> files_of(Tool_Run &run, const std::vector<std::string> 
     return files;
 }
 
+std::vector<std::string> threads_of(const std::string &file)
+{
+    const std::string base = file.substr(0, file.find_last_not_of("0123456789") + 1);
+    const std::set<uint64_t> numbers = numbers_of(base);
+    std::vector<std::string> files;
+    for (const uint64_t number : numbers)
+        files.push_back(base + std::to_string(number));
+    return std::ranges::find(files, file) != files.end() ? files : std::vector<std::string>{file};
+}
+
 std::vector<Named_File> traces_of(Tool_Run &run, const std::string &name)
 {
     std::vector<Named_File> files = files_of(run, name);

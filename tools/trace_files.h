@@ -31,6 +31,10 @@ std::vector<std::string> files_of(Tool_Run &run, const std::vector<std::string> 
 std::vector<Named_File> traces_of(Tool_Run &run, const std::string &name);
 std::vector<std::string> traces_of(Tool_Run &run, const std::vector<std::string> &names);
 
+// The files of all threads of the trace that `file` is of, itself among them, in ascending order: those that differ
+// from it in the number at the end of the name. A file without such a number stands alone.
+std::vector<std::string> threads_of(const std::string &file);
+
 struct Reader_Closer {
     void operator()(QTRACE_Reader *reader) const { qtrace_close(reader); }
 };

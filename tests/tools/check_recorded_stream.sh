@@ -14,7 +14,7 @@ plugin signal plugin_qtbin.so stop
 END
 "$replay" "$stream" commands > /dev/null
 "$qtrace" info trace
-"$qtrace" check trace --text text
+"$qtrace" check --deep trace --text text
 "$qtrace" stats trace > /dev/null
 "$qtrace" diff trace trace > /dev/null
 lines=$("$qtrace" dump trace | grep -c '^ *[0-9]')

@@ -52,6 +52,7 @@ const std::vector<std::vector<std::string>> COMMANDS = {
     {"stats", "--json", "--top", "1000"},
     {"check", "--limit", "3"},
     {"check", "--json", "--limit", "100000"},
+    {"check", "--json", "--deep", "--limit", "100000"},
     {"dump"},
     {"dump", "--json"},
     {"dump", "--kind", "branch", "--count", "900"},

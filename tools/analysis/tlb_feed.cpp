@@ -13,83 +13,16 @@ using trace::Translated_Address;
 
 constexpr size_t MOST_KNOWN_PAGES = 65536;
 
-Xlate_Kind kind_of(const Translated_Address &address)
-{
-    switch (address.pair().walk) {
-    case trace::Walk_Kind::nested:
-        return Xlate_Kind::nested;
-    case trace::Walk_Kind::single: // a guest's real address has a guest depth; the host's own have none
-        return address.guest_depth > 0 ? Xlate_Kind::guest_real : Xlate_Kind::host;
-    default:
-        return Xlate_Kind::hash;
-    }
-}
-
-void read_host_walks(const Translated_Address &address, Table_Walk &walk)
-{
-    for (size_t step = 0; step < walk.steps; step++) {
-        const QTRACE_RTW &from = address.walks[step];
-        walk.host[step][0] = number(from.RTPDE_ra_l1);
-        walk.host[step][1] = number(from.RTPDE_ra_l2);
-        walk.host[step][2] = number(from.RTPDE_ra_l3);
-        walk.host[step][3] = number(from.RTPTE_ra);
-    }
-}
-
-void read_walk(const Translated_Address &address, Xlate_Kind kind, Table_Walk &walk)
-{
-    walk.steps = kind == Xlate_Kind::hash ? 0 : 1;
-    if (kind == Xlate_Kind::nested)
-        walk.steps = static_cast<uint8_t>(std::clamp<size_t>(address.guest_depth, 1, MOST_HOST_WALKS));
-    read_host_walks(address, walk);
-    if (walk.steps == 0)
-        return;
-    const QTRACE_RTW_GUEST &guest = *address.guest;
-    const uint64_t directories[] = {number(guest.RTPDE_GUEST_ra_l1), number(guest.RTPDE_GUEST_ra_l2),
-                                    number(guest.RTPDE_GUEST_ra_l3)};
-    const size_t entries = walk.steps - 1u;
-    for (size_t entry = 0; entry < entries; entry++) {
-        walk.guest_real[entry] = entry + 1 == entries ? number(guest.RTPTE_GUEST_ra) : directories[entry];
-        walk.guest_entry[entry] = number(address.host_addresses[entry].ra);
-    }
-    walk.guest_real[entries] = number(guest.GUEST_ra);
-}
-
 } // namespace
 
 // ---- Naming --------------------------------------------------------------------------------------------
 
-// Kernel addresses, those with the two highest bits set, are translated by the tables of process 0.
-void Tlb_Feed::set_space(Tlb_Page &page, bool in_guest) const
-{
-    page.lpid = in_guest ? partition_.lpid : 0;
-    if (page.kind == Xlate_Kind::guest_real)
-        page.space = 0;
-    else if (page.kind != Xlate_Kind::hash)
-        page.space = page.first >> 62 == 3 ? 0 : partition_.pid;
-}
-
 Told Tlb_Feed::read(const Translated_Address &address, uint64_t effective, Named &named) const
 {
-    constexpr uint8_t REAL = 2, NOT_INVOLVED = 3;
-    if (address.modes.host == REAL && address.pair().exists)
-        return Told::untranslated;
-    if ((address.pieces & trace::PIECE_RPN) == 0 || (address.pair().pieces & trace::PIECE_RPN) == 0)
-        return Told::nothing;
-    Tlb_Page &page = named.translation.page;
-    page.kind = kind_of(address);
-    unsigned bits = sizes_.bits(address.page_size);
-    if ((address.pair().pieces & trace::PIECE_GUEST_PAGE) != 0)
-        bits = std::min(bits, sizes_.bits(address.guest_page_size));
-    page.bits = static_cast<uint8_t>(bits);
-    page.first = effective >> bits << bits;
-    named.translation.real = uint64_t{address.page_number} << 12 >> bits << bits;
-    named.in_guest = page.kind == Xlate_Kind::guest_real || address.modes.guest != NOT_INVOLVED;
-    if (page.kind == Xlate_Kind::hash)
-        page.space = address.vsid;
-    set_space(page, named.in_guest);
-    read_walk(address, page.kind, named.translation.walk);
-    return Told::page;
+    const Told told = read_translation(address, effective, sizes_, named);
+    if (told == Told::page)
+        set_space(named.translation.page, named.in_guest, partition_);
+    return told;
 }
 
 void Tlb_Feed::name_fetch(const Translated_Address &address, uint64_t effective)
@@ -138,7 +71,7 @@ void Tlb_Feed::record(const QTRACE_Item &item)
 void Tlb_Feed::remember_named()
 {
     Tlb_Page &page = named_.translation.page;
-    set_space(page, named_.in_guest);
+    set_space(page, named_.in_guest, partition_);
     named_.order = ++order_;
     if (current_ == nullptr || !(current_->translation.page == page)) {
         if (known_.size() >= MOST_KNOWN_PAGES && !known_.contains(page))
@@ -160,7 +93,7 @@ Tlb_Feed::Named *Tlb_Feed::last_named(uint64_t address)
         Tlb_Page page = space_;
         page.bits = static_cast<uint8_t>(std::countr_zero(left));
         page.first = address >> page.bits << page.bits;
-        set_space(page, space_in_guest_);
+        set_space(page, space_in_guest_, partition_);
         const auto found = known_.find(page);
         if (found != known_.end() && (last == nullptr || found->second.order > last->order))
             last = &found->second;

@@ -5,13 +5,10 @@
 #include "address_view.h"
 #include "qtrace_reader.h"
 #include "tlb_model.h"
-#include "trace_counts.h"
+#include "translation.h"
 
 namespace qtrace_tool
 {
-
-// How far a record tells the translation of an address.
-enum class Told : uint8_t { nothing, untranslated, page };
 
 class Tlb_Feed
 {
@@ -25,14 +22,10 @@ public:
     void loss(const QTRACE_FILE_HDR *context);
 
 private:
-    // A translation whose address space depends on the partition that runs.
-    struct Named {
-        Translation translation;
-        bool in_guest = false; // the address space belongs to a partition
-        uint64_t order = 0;    // of naming; higher is later
+    struct Named : Named_Translation {
+        uint64_t order = 0; // of naming; higher is later
     };
     Told read(const trace::Translated_Address &address, uint64_t effective, Named &named) const;
-    void set_space(Tlb_Page &page, bool in_guest) const;
     void name_fetch(const trace::Translated_Address &address, uint64_t effective);
     void enter_partition(const QTRACE_FILE_HDR &header);
     void fetch(const QTRACE_Item &item);

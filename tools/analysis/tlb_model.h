@@ -4,13 +4,13 @@
 
 #include "tlb_figures.h"
 #include "tlb_lru.h"
+#include "translation.h"
 
 #include <optional>
 
 namespace qtrace_tool
 {
 
-inline constexpr size_t MOST_HOST_WALKS = 5;
 inline constexpr uint64_t AFTER_SWITCH = 1000; // instructions that count as those after a switch
 
 struct Tlb_Size {
@@ -24,21 +24,6 @@ struct Tlb_Options {
     std::optional<uint8_t> page_bits;          // every page has this size; without: as the trace says
     bool flush_on_switch = false;
     uint64_t interval = 0; // instructions; 0: no series
-};
-
-// The table entries that a walk reads, in its order: for each of `steps` host walks the directory entries of levels
-// 1 to 3 (0: the walk has none) and the page-table entry; between the host walks the guest's entries.
-struct Table_Walk {
-    uint8_t steps = 0; // 0: the entries are not known
-    uint64_t host[MOST_HOST_WALKS][WALK_LEVELS] = {};
-    uint64_t guest_real[MOST_HOST_WALKS] = {}; // address that each host walk translates; none in a walk of the host
-    uint64_t guest_entry[MOST_HOST_WALKS - 1] = {}; // host real address of each of the guest's entries
-};
-
-struct Translation {
-    Tlb_Page page;
-    uint64_t real = 0; // of the page's first byte; of nested translations the guest's
-    Table_Walk walk;
 };
 
 enum class Access_Side : uint8_t { fetch, data };

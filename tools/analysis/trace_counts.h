@@ -56,6 +56,7 @@ class Page_Sizes
 public:
     Page_Sizes() : bits_{12, 16, 21, 30, 24} {}
     explicit Page_Sizes(std::vector<uint8_t> bits) : bits_(std::move(bits)) {}
+    bool knows(uint8_t code) const { return code < bits_.size(); }
     unsigned bits(uint8_t code) const { return code < bits_.size() ? bits_[code] : 12u; }
     std::string name(uint8_t code) const; // "64K", "code 9"
 

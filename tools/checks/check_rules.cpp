@@ -3,6 +3,7 @@
 #include "address_view.h"
 #include "check_pte.h"
 #include "check_text.h"
+#include "deep_rules.h"
 #include "header_comment.h"
 #include "record_printer.h"
 
@@ -476,7 +477,7 @@ constexpr End_Rule END_RULES[] = {
 };
 enum End : size_t { SEGMENT_CONTINUED, FILE_WHOLE };
 
-template <class Rows> void add_companion_rows(std::vector<Check_Rule> &rules, const Rows &rows, Rule_Scope scope)
+template <class Rows> void add_named_rows(std::vector<Check_Rule> &rules, const Rows &rows, Rule_Scope scope)
 {
     for (const auto &row : rows)
         rules.push_back({std::string(row.name), row.sentence, scope, {}});
@@ -574,8 +575,9 @@ Rule_Book::Rule_Book()
     first_end = rules.size();
     for (const End_Rule &row : END_RULES)
         rules.push_back({row.name, row.sentence, Rule_Scope::end, {}});
-    add_companion_rows(rules, TEXT_RULES, Rule_Scope::text);
-    add_companion_rows(rules, ENTRY_RULES, Rule_Scope::entries);
+    add_named_rows(rules, DEEP_RULES, Rule_Scope::deep);
+    add_named_rows(rules, TEXT_RULES, Rule_Scope::text);
+    add_named_rows(rules, ENTRY_RULES, Rule_Scope::entries);
 }
 
 const Rule_Book &book()
@@ -642,6 +644,11 @@ std::string explanation(const Check_Rule &rule, const Structure &structure, cons
 const std::vector<Check_Rule> &check_rules()
 {
     return book().rules;
+}
+
+size_t rule_number(std::string_view name)
+{
+    return static_cast<size_t>(std::ranges::find(check_rules(), name, &Check_Rule::name) - check_rules().begin());
 }
 
 void Check_State::complete(const Check_State &before)

@@ -15,9 +15,9 @@ namespace qtrace_tool
 
 using namespace trace;
 
-// Where a rule looks: at each record, at each header, at the end of a trace segment, or at the text trace or the
-// page-table-entry file beside the trace.
-enum class Rule_Scope : uint8_t { record, header, end, text, entries };
+// Where a rule looks: at each record, at each header, at the end of a trace segment, at what a record says of those
+// before it (only when asked to), or at the text trace or the page-table-entry file beside the trace.
+enum class Rule_Scope : uint8_t { record, header, end, deep, text, entries };
 
 // What explains a violation.
 enum class Rule_Values : uint8_t {
@@ -37,6 +37,8 @@ struct Check_Rule {
 
 // Every rule, in the order in which `check --rules` lists them.
 const std::vector<Check_Rule> &check_rules();
+// The place in it of the rule with this name, which there is.
+size_t rule_number(std::string_view name);
 
 // One place where a rule is broken.
 struct Violation {

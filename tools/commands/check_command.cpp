@@ -1,6 +1,7 @@
 #include "check_pte.h"
 #include "check_rules.h"
 #include "check_text.h"
+#include "deep_rules.h"
 #include "item_scan.h"
 #include "record_printer.h"
 #include "tool_command.h"
@@ -62,12 +63,20 @@ public:
     void add(const Finding &finding);
     // Those that a group counted and did not keep.
     void add_uncounted(std::string_view rule, uint64_t count);
-    void summarise(uint64_t records, uint64_t headers, const Pte_Checker *entries) const;
+    // What was compared beside the rules; null: nothing of that kind.
+    struct Compared {
+        const Pte_Checker *entries = nullptr;
+        const Deep_Checker *deep = nullptr;
+    };
+    void summarise(uint64_t records, uint64_t headers, const Compared &compared) const;
 
 private:
     void print(const Finding &finding) const;
     void print_json(const Finding &finding) const;
-    void summarise_json(uint64_t records, uint64_t headers, const Pte_Checker *entries) const;
+    void summarise_json(uint64_t records, uint64_t headers, const Compared &compared) const;
+    void summarise_deep(const Deep_Checker &deep) const;
+    void summarise_deep_json(const Deep_Checker &deep) const;
+    void summarise_entries(const Pte_Checker &entries) const;
 
     Tool_Run &run_;
     std::string file_;
@@ -132,7 +141,16 @@ void Findings::print_json(const Finding &finding) const
     out.put("}\n");
 }
 
-void Findings::summarise_json(uint64_t records, uint64_t headers, const Pte_Checker *entries) const
+void Findings::summarise_deep_json(const Deep_Checker &deep) const
+{
+    Output &out = run_.out;
+    out.put(",\"checks\":{");
+    for (size_t rule = 0; rule < DEEP_RULE_COUNT; rule++)
+        out.print("{}\"{}\":{}", rule == 0 ? "" : ",", DEEP_RULES[rule].name, deep.checks(rule));
+    out.print("}},\"forgotten\":{},\"other_threads_unknown\":{}", deep.forgotten(), deep.others_unknown());
+}
+
+void Findings::summarise_json(uint64_t records, uint64_t headers, const Compared &compared) const
 {
     Output &out = run_.out;
     out.put("{\"file\":");
@@ -143,16 +161,41 @@ void Findings::summarise_json(uint64_t records, uint64_t headers, const Pte_Chec
         first = false;
     }
     out.put('}');
-    if (entries != nullptr)
+    if (compared.deep != nullptr)
+        summarise_deep_json(*compared.deep);
+    if (const Pte_Checker *entries = compared.entries; entries != nullptr)
         out.print(",\"walks_compared\":{},\"walks_not_compared\":{},\"hashed_translations\":{}",
                   entries->compared(), entries->beyond_limit(), entries->hashed());
     out.put("}\n");
 }
 
-void Findings::summarise(uint64_t records, uint64_t headers, const Pte_Checker *entries) const
+void Findings::summarise_deep(const Deep_Checker &deep) const
+{
+    Output &out = run_.out;
+    for (size_t rule = 0; rule < DEEP_RULE_COUNT; rule++)
+        out.print("  {:<40} {}\n", DEEP_RULES[rule].name, counted(deep.checks(rule), "check"));
+    if (deep.others_unknown())
+        out.put("  walks and code are not checked: not all stores of the trace's other threads are known\n");
+    if (deep.forgotten() > 0)
+        out.print("  too many different pages, table entries or instructions: forgotten {}, and learned anew\n",
+                  counted(deep.forgotten(), "time"));
+}
+
+void Findings::summarise_entries(const Pte_Checker &entries) const
+{
+    Output &out = run_.out;
+    out.print("  {} compared with the page-table entries", counted(entries.compared(), "different walk"));
+    if (entries.beyond_limit() > 0)
+        out.print("; {} not compared: too many different ones", counted(entries.beyond_limit(), "walk"));
+    if (entries.hashed() > 0)
+        out.print("; {} by a hashed page table cannot be compared", counted(entries.hashed(), "translation"));
+    out.put('\n');
+}
+
+void Findings::summarise(uint64_t records, uint64_t headers, const Compared &compared) const
 {
     if (run_.json)
-        return summarise_json(records, headers, entries);
+        return summarise_json(records, headers, compared);
     Output &out = run_.out;
     out.print("{}: {}, {}: ", file_, counted(records, "record"), counted(headers, "header"));
     out.paint(counts_.empty() ? Colour::good : Colour::bad);
@@ -162,14 +205,10 @@ void Findings::summarise(uint64_t records, uint64_t headers, const Pte_Checker *
     for (const auto &[rule, count] : counts_)
         out.print("  {:<40} {}{}\n", rule, count,
                   count > limit_ ? fmt::format(" ({} shown, --limit shows more)", limit_) : "");
-    if (entries == nullptr)
-        return;
-    out.print("  {} compared with the page-table entries", counted(entries->compared(), "different walk"));
-    if (entries->beyond_limit() > 0)
-        out.print("; {} not compared: too many different ones", counted(entries->beyond_limit(), "walk"));
-    if (entries->hashed() > 0)
-        out.print("; {} by a hashed page table cannot be compared", counted(entries->hashed(), "translation"));
-    out.put('\n');
+    if (compared.deep != nullptr)
+        summarise_deep(*compared.deep);
+    if (compared.entries != nullptr)
+        summarise_entries(*compared.entries);
 }
 
 class Check_Command : public Command
@@ -183,6 +222,8 @@ public:
         app.add_list("--ignore", ignore_, "rules not to apply, separated by commas")->type_name("RULE,...");
         declare_number(app, "--limit", limit_, "violations to show of each rule (of each file)")->default_str("10");
         app.add_flag("--rules", list_, "list the rules");
+        app.add_flag("--deep", deep_, "follow registers, translations and code from record to record too");
+        declare_page_bits(app, bits_);
         declare_scan(app, scan_);
         declare_symbols(app, symbols_);
     }
@@ -194,12 +235,15 @@ private:
     struct Companions {
         std::string text, pte;
     };
-    void check(Tool_Run &run, Trace_File &file, const Companions &beside, const Symbol_Names &names) const;
+    void check(Tool_Run &run, Trace_File &file, const Companions &beside, const Symbol_Names &names);
     std::set<std::string, std::less<>> ignored() const;
 
     std::vector<std::string> files_, texts_, ptes_, ignore_;
     uint64_t limit_ = 10;
-    bool list_ = false;
+    bool list_ = false, deep_ = false;
+    std::vector<uint32_t> bits_;
+    Page_Sizes sizes_;
+    Threads_Beside threads_;
     Scan_Options scan_;
     Symbol_Options symbols_;
 };
@@ -246,6 +290,7 @@ void Check_Command::run(Tool_Run &run)
         return;
     }
     require_files(files_);
+    sizes_ = page_sizes(bits_);
     (void)ignored();
     const Symbol_Names names(run, symbols_);
     const std::vector<std::string> files = traces_of(run, files_);
@@ -355,7 +400,8 @@ void Beside::end(Tool_Run &run)
 class Check_Sink : public Item_Sink
 {
 public:
-    Check_Sink(Beside *beside, uint64_t limit) : beside_(beside), limit_(limit) {}
+    // `beside` and `deep` are the caller's, or null; they take the items of all groups.
+    Check_Sink(Beside *beside, Deep_Checker *deep, uint64_t limit) : beside_(beside), deep_(deep), limit_(limit) {}
 
     void begin(const Group_Start &start) override
     {
@@ -364,12 +410,16 @@ public:
             checker.begin(start.context);
         else if (start.context != nullptr)
             checker.loss(); // the range begins in the middle of the file
+        if (deep_ != nullptr)
+            begin_deep(start);
     }
     void header(const QTRACE_Item &item) override
     {
         findings.headers++;
         space = Address_Space(context());
         checker.header(item);
+        if (deep_ != nullptr)
+            deep_->header(item);
         if (beside_ != nullptr)
             beside_->item(item, space);
     }
@@ -377,6 +427,8 @@ public:
     {
         findings.records++;
         checker.record(item);
+        if (deep_ != nullptr)
+            deep_->record(item);
         if (beside_ != nullptr)
             beside_->item(item, space);
     }
@@ -384,6 +436,8 @@ public:
     {
         space = Address_Space(item.discontinuity.context);
         text.empty() ? checker.loss() : checker.damage(item.record_number, text);
+        if (deep_ != nullptr)
+            deep_->loss(context());
     }
 
     Group_Findings findings;
@@ -395,7 +449,16 @@ public:
         }};
 
 private:
+    void begin_deep(const Group_Start &start)
+    {
+        deep_->report_to(
+            [this](const Violation &violation) { findings.add(finding_of(violation, space), limit_); });
+        if (start.at_start)
+            deep_->loss(start.context);
+    }
+
     Beside *beside_;
+    Deep_Checker *deep_;
     uint64_t limit_;
 };
 
@@ -439,32 +502,35 @@ private:
     Trace_Checker checker_{[this](const Violation &violation) { findings_.add(finding_of(violation, space_)); }};
 };
 
-void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &companions,
-                          const Symbol_Names &names) const
+void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &companions, const Symbol_Names &names)
 {
     const std::set<std::string, std::less<>> unwanted = ignored();
     Findings findings(run, file.name(), unwanted, limit_, names);
     Beside beside(findings);
     if (!beside.open(run, companions.text, companions.pte))
         return;
+    std::optional<Deep_Checker> deep;
+    if (deep_)
+        deep.emplace(sizes_, threads_.of(file.name(), sizes_));
     Scan_Options options = scan_;
-    if (beside.any()) { // files that are read from their beginning to their end
+    if (beside.any() || deep) // what follows the trace from its beginning to its end
         options.jobs = 1;
+    if (beside.any())
         options.blocks = std::numeric_limits<unsigned>::max();
-    }
+    const auto make = [&] {
+        return std::make_unique<Check_Sink>(beside.any() ? &beside : nullptr, deep ? &*deep : nullptr, limit_);
+    };
     Check_Merge merge(findings);
-    const bool readable = scan<Check_Sink>(
-        run, file, options, [&] { return std::make_unique<Check_Sink>(beside.any() ? &beside : nullptr, limit_); },
-        [&](const Check_Sink &group) {
-            merge.append(group);
-            return true;
-        });
+    const bool readable = scan<Check_Sink>(run, file, options, make, [&](const Check_Sink &group) {
+        merge.append(group);
+        return true;
+    });
     const bool to_the_end = !scan_.range.ends_before(file.next_record_number());
     if (readable && to_the_end)
         merge.end(file.info().open_end);
     if (readable)
         beside.end(run);
-    findings.summarise(merge.records, merge.headers, beside.entries());
+    findings.summarise(merge.records, merge.headers, {beside.entries(), deep ? &*deep : nullptr});
 }
 
 } // namespace

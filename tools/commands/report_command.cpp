@@ -21,10 +21,7 @@ public:
         declare_files(app, files_);
         app.add_option("-o,--output", output_, "the page to write")->required()->type_name("FILE.html");
         declare_symbols(app, symbols_);
-        app.add_numbers(
-               "--page-bits", bits_, 12, 63,
-               "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
-            ->type_name("BITS,...");
+        declare_page_bits(app, bits_);
     }
     void run(Tool_Run &run) override;
 
@@ -78,9 +75,7 @@ void Report_Command::run(Tool_Run &run)
     const Symbol_Names names(run, symbols_);
     Name_Finder finder(names);
     finder.enter_any();
-    Report report{{}, &finder, {}};
-    if (!bits_.empty())
-        report.sizes = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
+    Report report{{}, &finder, page_sizes(bits_)};
     for (const std::string &name : files_) {
         Report_Trace trace{name, {}};
         for (const Named_File &named : traces_of(run, name))

@@ -147,11 +147,7 @@ public:
     {
         declare_files(app, files_);
         declare_number(app, "--top", top_, "pages and branch targets to list")->default_str("10");
-        app.add_numbers(
-               "--page-bits", bits_, 12, 63,
-               "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
-               "4K, 64K, 2M, 1G, 16M)")
-            ->type_name("BITS,...");
+        declare_page_bits(app, bits_);
         declare_scan(app, scan_);
         filter_.declare_choices(app);
         declare_symbols(app, symbols_);
@@ -260,8 +256,7 @@ void Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) co
 
 void Stats_Command::run(Tool_Run &run)
 {
-    if (!bits_.empty())
-        sizes_ = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
+    sizes_ = page_sizes(bits_);
     const Symbol_Names names(run, symbols_);
     std::vector<Column> columns;
     Column total("total", sizes_, names);

@@ -297,10 +297,7 @@ void Tlb_Command::declare_model(Options &app)
         ->default_str("as-traced");
     app.add_flag("--flush-on-switch", options_.flush_on_switch,
                  "empty everything where the partition or the process changes");
-    app.add_numbers(
-           "--page-bits", bits_, 12, 63,
-           "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24)")
-        ->type_name("BITS,...");
+    declare_page_bits(app, bits_);
 }
 
 void Tlb_Command::declare_output(Options &app)
@@ -326,8 +323,7 @@ void Tlb_Command::read_options()
     options_.nested_cache = nested_cache_;
     options_.page_bits = parse_page_size(page_size_);
     lists_ = {parse_tables(per_), top_};
-    if (!bits_.empty())
-        sizes_ = Page_Sizes(std::vector<uint8_t>(bits_.begin(), bits_.end()));
+    sizes_ = page_sizes(bits_);
 }
 
 std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file) const
