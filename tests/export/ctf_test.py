@@ -31,14 +31,6 @@ class Ctf(Export):
         out, _ = self.babeltrace(folder, "--component=sink.utils.counter", "--params=step=+0")
         return {kind: int(count.replace(",", "")) for count, kind in re.findall(r"^ *([\d,]+) ([A-Z][a-z ]+?) messages?", out, re.M)}
 
-    def recorded(self, stream, base):
-        script = self.home / f"{base}.console"
-        script.write_text(
-            f'plugin load "{PROGRAMS / "plugin_qtbin.so"}"\nplugin signal plugin_qtbin.so start {base}\nrun\n'
-            "plugin signal plugin_qtbin.so stop\n")
-        subprocess.run([PROGRAMS / "replay", stream, script], cwd=self.home, check=True, stdout=subprocess.DEVNULL)
-        return sorted(self.home.glob(f"{base}[0-9]*"))
-
     def numbers(self, file):
         """Of the records that can be read."""
         out = subprocess.run([PROGRAMS / "qtrace", "dump", file], capture_output=True, text=True).stdout

@@ -45,6 +45,15 @@ class Export(unittest.TestCase):
         self.assertEqual(done.returncode, code, done.stderr)
         return out, done.stderr
 
+    def recorded(self, stream, base):
+        """The traces of another stream, one for each thread."""
+        script = self.home / f"{base}.console"
+        script.write_text(
+            f'plugin load "{PROGRAMS / "plugin_qtbin.so"}"\nplugin signal plugin_qtbin.so start {base}\nrun\n'
+            "plugin signal plugin_qtbin.so stop\n")
+        subprocess.run([PROGRAMS / "replay", stream, script], cwd=self.home, check=True, stdout=subprocess.DEVNULL)
+        return sorted(self.home.glob(f"{base}[0-9]*"))
+
 
 def is_set(record, flag):
     return bool(record.flags().get(flag, 0))

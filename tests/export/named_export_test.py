@@ -4,12 +4,13 @@ prints or that are written here."""
 import bisect
 import collections
 import csv
+import json
 import re
 import subprocess
 import sys
 import unittest
 
-from export_test import PROGRAMS, Export, is_set
+from export_test import PROGRAMS, STREAM, Export, is_set
 
 
 def lookup(symbols, address):
@@ -109,6 +110,43 @@ class Callgrind(Named):
         out, _ = self.export("callgrind", "addresses.out", "--symbols", self.map, self.trace)
         costs = {int(line.split()[0], 16): int(line.split()[2]) for line in out.read_text().splitlines() if line.startswith("0x")}
         self.assertEqual(costs, dict(collections.Counter(record.address for record in self.records)))
+
+
+class Streams(Named):
+    """Every recorded stream, and a file that is damaged."""
+
+    def traces(self):
+        for stream in sorted(p for p in STREAM.parent.iterdir() if p.name.endswith((".jsonl", ".jsonl.zst"))):
+            yield from self.recorded(stream, stream.name.split(".")[0])
+        damaged = self.home / "damaged0"
+        content = bytearray((self.home / "boot-user0").read_bytes())
+        content[len(content) // 2] ^= 0x55
+        damaged.write_bytes(content)
+        yield damaged
+
+    def output(self, *arguments):
+        return subprocess.run([PROGRAMS / "qtrace", *arguments, "--symbols", self.map], capture_output=True, text=True).stdout
+
+    def test_functions_of_stats_and_callgrind_agree_and_add_up(self):
+        traces = list(self.traces())
+        self.assertGreaterEqual(len(traces), 8)
+        for trace in traces:
+            stats = json.loads(self.output("stats", "--json", "--top", "100", trace))
+            out, _ = self.export("callgrind", f"{trace.name}.out", "--symbols", self.map, trace, code=3 if trace.name == "damaged0" else 0)
+            found, function = collections.Counter(), None
+            for line in out.read_text().splitlines():
+                if line.startswith("fn="):
+                    function = None if line.startswith("fn=page_") else line[3:]
+                elif line.startswith("0x"):
+                    found[function] += int(line.split()[2])
+            self.assertEqual(found, {f["symbol"]: f["instructions"] for f in stats["hot_functions"]}, trace)
+            self.assertEqual(found.total(), stats["instructions"], trace)
+
+    def test_names_are_all_that_symbols_add_to_lines(self):
+        for trace in self.traces():
+            plain_lines = subprocess.run([PROGRAMS / "qtrace", "dump", "--count", "20000", trace], capture_output=True, text=True).stdout
+            named = self.output("dump", "--count", "20000", trace)
+            self.assertEqual(re.sub(r" <(?:user|kernel)[^>]*\+0x[0-9a-f]+>", "", named), plain_lines, trace)
 
 
 class Elf(Named):

@@ -522,7 +522,8 @@ TEST(commands_with_symbols, dump_names_instructions_and_the_addresses_that_they_
     const Named_Trace named;
     const std::string out = named.run({"dump", named.trace}).out;
     EXPECT_THAT(out, HasSubstr("header address 0000000000001000 <start+0x0> "));
-    EXPECT_THAT(out, HasSubstr(" 0000000000001004 e8640008 --- <start+0x4> data 0000000000005008 <table+0x8> none/radix"));
+    EXPECT_THAT(
+        out, HasSubstr(" 0000000000001004 e8640008 --- <start+0x4> data 0000000000005008 <table+0x8> none/radix"));
     EXPECT_THAT(out, HasSubstr(" <start+0x8> next 0000000000002000 <common+0x0> "));
     EXPECT_THAT(out, HasSubstr(" 0000000000003004 60000000 ---\n"));
 }
@@ -577,9 +578,8 @@ TEST(commands_with_symbols, stats_adds_functions_up_over_threads_and_groups_of_b
 TEST(commands_with_symbols, check_names_the_place_of_a_finding)
 {
     const Named_Trace named;
-    const std::string wrong = named.changed(planted::STRING, [](planted::Item &item) {
-        item.record.header.control.fld.length_present = 0;
-    });
+    const std::string wrong = named.changed(
+        planted::STRING, [](planted::Item &item) { item.record.header.control.fld.length_present = 0; });
     const auto outcome = named.run({"check", wrong});
     EXPECT_EQ(outcome.exit_code, 3);
     EXPECT_THAT(outcome.out, HasSubstr("record 5 at 0000000000002008 <guest+0x8>: "));
@@ -598,27 +598,40 @@ TEST(commands_with_symbols, diff_names_the_place_of_a_difference_and_its_records
                 HasSubstr("\"address\":\"0x200c\",\"symbol\":\"guest+0xc\",\"kinds\""));
 }
 
+TEST(commands_with_symbols, a_report_lists_the_hottest_functions_and_names_hot_places)
+{
+    const Named_Trace named;
+    const Folder folder;
+    EXPECT_EQ(named.run({"report", "-o", folder.path("page.html"), named.trace}).exit_code, 0);
+    const std::string page = folder.contents("page.html");
+    EXPECT_THAT(page, HasSubstr("aria-label=\"Hot functions\""));
+    EXPECT_THAT(page, HasSubstr("start+0x4"));
+    EXPECT_EQ(planted::qtrace({"report", "-o", folder.path("plain.html"), named.trace}).exit_code, 0);
+    EXPECT_THAT(folder.contents("plain.html"), testing::Not(HasSubstr("aria-label=\"Hot functions\"")));
+}
+
 TEST(commands_with_symbols, a_load_address_belongs_to_the_file_before_it)
 {
     const Named_Trace named;
     const Folder folder;
-    const std::string program = folder.text("program", elf({}, {{"entry", 0x10000, 0x10}, {"helper", 0x11000, 0x10}}));
+    const std::string program =
+        folder.text("program", elf({}, {{"entry", 0x10000, 0x10}, {"helper", 0x11000, 0x10}}));
     const auto dump = [&](const std::vector<std::string> &options) {
         std::vector<std::string> arguments = {"dump", named.trace};
         arguments.insert(arguments.end(), options.begin(), options.end());
         return planted::qtrace(arguments);
     };
-    const std::string out =
-        dump({"--symbols", program, "--load-address", "1000", "--symbols", "pid=8:" + program, "--load-address=0x2000"})
-            .out;
+    const std::string out = dump({"--symbols", program, "--load-address", "1000", "--symbols", "pid=8:" + program,
+                                  "--load-address=0x2000"})
+                                .out;
     EXPECT_THAT(out, HasSubstr(" 0000000000001004 e8640008 --- <entry+0x4>"));
     EXPECT_THAT(out, HasSubstr(" 0000000000002004 41820010 -NT <helper+0x4>"));
     EXPECT_THAT(out, HasSubstr(" 0000000000002008 7c6484aa --- <entry+0x8>"));
-    for (const std::vector<std::string> &wrong : std::vector<std::vector<std::string>>{
-             {"--load-address", "0"},
-             {"--symbols", program, "--load-address", "0", "--load-address", "0"},
-             {"--symbols", program, "--load-address", "here"},
-             {"--symbols", "pid=x:" + program}})
+    for (const std::vector<std::string> &wrong :
+         std::vector<std::vector<std::string>>{{"--load-address", "0"},
+                                               {"--symbols", program, "--load-address", "0", "--load-address", "0"},
+                                               {"--symbols", program, "--load-address", "here"},
+                                               {"--symbols", "pid=x:" + program}})
         EXPECT_EQ(dump(wrong).exit_code, 2);
 }
 
