@@ -59,13 +59,14 @@ class Group_Reader
 public:
     Group_Reader(Reader reader, const Record_Range &range) : reader_(std::move(reader)), range_(range) {}
     Group_Result read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make);
+    void read(const Group &group, Item_Sink &sink, Group_Result &result);
 
 private:
-    void read_items(const Group &group, Group_Result &result);
+    void read_items(const Group &group, Item_Sink &sink, Group_Result &result);
     bool is_before_range(const QTRACE_Item &item) const;
     const QTRACE_FILE_HDR *context_before(const QTRACE_Item &item) const;
-    void deliver(const QTRACE_Item &item, Group_Result &result);
-    void deliver_loss(const QTRACE_Item &item, Group_Result &result);
+    void deliver(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result);
+    void deliver_loss(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result);
 
     Reader reader_;
     Record_Range range_;
@@ -77,12 +78,17 @@ Group_Result Group_Reader::read(const Group &group, const std::function<std::uni
     Group_Result result;
     try {
         result.sink = make();
-        result.sink->read_by(reader_.get());
-        read_items(group, result);
+        read(group, *result.sink, result);
     } catch (...) {
         result.exception = std::current_exception();
     }
     return result;
+}
+
+void Group_Reader::read(const Group &group, Item_Sink &sink, Group_Result &result)
+{
+    sink.read_by(reader_.get());
+    read_items(group, sink, result);
 }
 
 // What was lost just before the range belongs to it.
@@ -98,7 +104,7 @@ const QTRACE_FILE_HDR *Group_Reader::context_before(const QTRACE_Item &item) con
     return first ? nullptr : qtrace_open_header(reader_.get());
 }
 
-void Group_Reader::read_items(const Group &group, Group_Result &result)
+void Group_Reader::read_items(const Group &group, Item_Sink &sink, Group_Result &result)
 {
     const QTRACE_Item *item = nullptr;
     QTRACE_ITEM kind = QTRACE_ITEM_ERROR;
@@ -110,39 +116,39 @@ void Group_Reader::read_items(const Group &group, Group_Result &result)
     while ((kind = qtrace_next(reader_.get(), &item)) != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR) {
         if (is_before_range(*item))
             continue;
-        if (range_.ends_before(item->record_number) || !result.sink->wants_more())
+        if (range_.ends_before(item->record_number) || !sink.wants_more())
             return;
         if (!begun_)
-            result.sink->begin({context_before(*item), group.at_start, group.headers});
+            sink.begin({context_before(*item), group.at_start, group.headers});
         begun_ = true;
-        deliver(*item, result);
+        deliver(*item, sink, result);
     }
     if (kind == QTRACE_ITEM_ERROR)
         result.error = qtrace_error(reader_.get());
     if (!begun_)
-        result.sink->begin({nullptr, group.at_start, group.headers});
+        sink.begin({nullptr, group.at_start, group.headers});
 }
 
-void Group_Reader::deliver(const QTRACE_Item &item, Group_Result &result)
+void Group_Reader::deliver(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result)
 {
     result.items++;
     if (item.kind == QTRACE_ITEM_RECORD)
-        result.sink->record(item);
+        sink.record(item);
     else if (item.kind == QTRACE_ITEM_HEADER)
-        result.sink->header(item);
+        sink.header(item);
     else if (item.discontinuity.cause == QTRACE_CAUSE_PAUSE)
-        result.sink->pause(item);
+        sink.pause(item);
     else
-        deliver_loss(item, result);
+        deliver_loss(item, sink, result);
 }
 
-void Group_Reader::deliver_loss(const QTRACE_Item &item, Group_Result &result)
+void Group_Reader::deliver_loss(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result)
 {
     if (is_damage(item.discontinuity)) {
         result.losses.push_back(describe_loss(reader_.get(), item.discontinuity));
-        result.sink->loss(item, result.losses.back());
+        sink.loss(item, result.losses.back());
     } else {
-        result.sink->loss(item, "");
+        sink.loss(item, "");
     }
 }
 
@@ -160,11 +166,14 @@ public:
     using Merge = std::function<bool(Item_Sink &)>;
     bool run_alone(const Make &make, const Merge &merge);
     bool run_threads(unsigned threads, const Make &make, const Merge &merge);
+    bool run_in_order(Item_Sink &sink);
 
 private:
     // Groups that are read ahead of the merge, for each thread.
     static constexpr size_t AHEAD = 2;
 
+    void tell_losses(const Group_Result &result);
+    bool finish(const Group_Result &result);
     bool merge_one(Group_Result &result, const Merge &merge);
     void work(unsigned threads, const Make &make);
     Group_Result take(size_t number);
@@ -184,19 +193,43 @@ private:
     bool stopped_ = false;
 };
 
+void Scan::tell_losses(const Group_Result &result)
+{
+    for (const std::string &loss : result.losses)
+        run_.warn(loss);
+}
+
+// False: no further group can be read or shown.
+bool Scan::finish(const Group_Result &result)
+{
+    if (!result.error.empty())
+        run_.fail(result.error);
+    readable_ &= result.error.empty();
+    progress_.step(result.items);
+    return result.error.empty() && run_.out.error() == 0;
+}
+
 // False: no further group is wanted.
 bool Scan::merge_one(Group_Result &result, const Merge &merge)
 {
     if (result.exception)
         std::rethrow_exception(result.exception);
-    for (const std::string &loss : result.losses)
-        run_.warn(loss);
+    tell_losses(result);
     const bool more = merge(*result.sink);
-    if (!result.error.empty())
-        run_.fail(result.error);
-    readable_ &= result.error.empty();
-    progress_.step(result.items);
-    return more && result.error.empty() && run_.out.error() == 0;
+    return finish(result) && more;
+}
+
+bool Scan::run_in_order(Item_Sink &sink)
+{
+    Group_Reader reader(file_.another_reader(), options_.range);
+    for (const Group &group : groups_) {
+        Group_Result result;
+        reader.read(group, sink, result);
+        tell_losses(result);
+        if (!finish(result) || sink.has_all())
+            break;
+    }
+    return readable_;
 }
 
 bool Scan::run_alone(const Make &make, const Merge &merge)
@@ -268,6 +301,14 @@ bool scan_groups(Tool_Run &run, Trace_File &file, const Scan_Options &options,
     const auto threads = static_cast<unsigned>(std::min<size_t>(options.jobs, groups.size()));
     Scan scan(run, file, options, groups);
     return threads <= 1 ? scan.run_alone(make, merge) : scan.run_threads(threads, make, merge);
+}
+
+bool scan_in_order(Tool_Run &run, Trace_File &file, const Record_Range &range, Item_Sink &sink)
+{
+    Scan_Options options;
+    options.range = range;
+    const std::vector<Group> groups = plan_groups(file.blocks(), options);
+    return Scan(run, file, options, groups).run_in_order(sink);
 }
 
 } // namespace qtrace_tool

@@ -32,7 +32,7 @@ class Item_Sink
 {
 public:
     virtual ~Item_Sink() = default;
-    // Once, first.
+    // Once for a group, first.
     virtual void begin(const Group_Start &start) = 0;
     virtual void header(const QTRACE_Item &item) = 0;
     virtual void record(const QTRACE_Item &item) = 0;
@@ -41,7 +41,10 @@ public:
     // What is before the next item was lost or left out; `text` says what and where when it is damage, and is empty
     // otherwise.
     virtual void loss(const QTRACE_Item &item, const std::string &text) = 0;
+    // Whether anything that follows in the group is wanted.
     virtual bool wants_more() const { return true; }
+    // Whether nothing is wanted any more, of later groups neither. Only scan_in_order() asks.
+    virtual bool has_all() const { return false; }
 
     void read_by(QTRACE_Reader *reader) { reader_ = reader; }
 
@@ -74,5 +77,8 @@ bool scan(Tool_Run &run, Trace_File &file, const Scan_Options &options, Make mak
         run, file, options, [&]() -> std::unique_ptr<Item_Sink> { return make(); },
         [&](Item_Sink &sink) { return merge(static_cast<Sink &>(sink)); });
 }
+
+// The same with one sink, which is given all groups in file order on the calling thread; begin() is called for each.
+bool scan_in_order(Tool_Run &run, Trace_File &file, const Record_Range &range, Item_Sink &sink);
 
 } // namespace qtrace_tool

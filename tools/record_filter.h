@@ -1,8 +1,8 @@
-// Which records a command looks at: one set of options, and a walk over a trace that delivers those records.
+// Which records a command looks at: one set of options, and a sink that gets those records.
 #pragma once
 
 #include "command_options.h"
-#include "trace_files.h"
+#include "item_scan.h"
 
 #include <functional>
 #include <limits>
@@ -25,7 +25,6 @@ public:
     // Parts of these: the range of numbers; partitions and processes.
     void declare_range(Options &app);
     void declare_contexts(Options &app);
-    void begin_at(uint64_t record) { from_ = record; }
 
     uint64_t from() const { return from_; }
     // Most records that are delivered of each file.
@@ -70,31 +69,37 @@ private:
     std::vector<Register> registers_;
 };
 
-// The items of a file that a filter wants, in file order: headers and matching records. Blocks whose context is not
-// wanted are passed over without decoding them.
-class Record_Walk
+// Gets all headers of a file and the records that a filter wants, in file order. Blocks whose context is not wanted
+// are passed over without decoding them.
+class Chosen_Sink : public Item_Sink
 {
 public:
-    Record_Walk(Trace_File &file, const Record_Filter &filter);
+    // The filter is the caller's.
+    explicit Chosen_Sink(const Record_Filter &filter) : filter_(filter) {}
+    void begin(const Group_Start &start) override
+    {
+        passed_over_ = start.headers == 0 && filter_.rules_out(start.context);
+    }
+    void record(const QTRACE_Item &item) override
+    {
+        if (!filter_.matches(item, filter_.asks_for_context() ? context() : nullptr))
+            return;
+        taken_++;
+        chosen(item);
+    }
+    void loss(const QTRACE_Item &, const std::string &) override {}
+    bool wants_more() const override { return !passed_over_ && !has_all(); }
+    bool has_all() const override { return taken_ >= filter_.count(); }
 
-    // Goes to the first record wanted. False: the file has no such record.
-    bool begin();
-    // Null at the end, or after as many records as are wanted.
-    const QTRACE_Item *next();
-    // The header in force at the item delivered last; null before any header.
-    const QTRACE_FILE_HDR *context() const { return file_.context(); }
-    // Records read or passed over so far.
-    uint64_t passed() const { return passed_; }
+    uint64_t taken() const { return taken_; }
+
+protected:
+    virtual void chosen(const QTRACE_Item &record) = 0;
 
 private:
-    const QTRACE_Item *next_in_wanted_block();
-    const QTRACE_Item *pass_over_blocks(const QTRACE_Item *item);
-
-    Trace_File &file_;
     const Record_Filter &filter_;
-    std::vector<QTRACE_Block> blocks_; // empty unless blocks may be passed over
-    size_t block_ = 0;                 // the next one to be entered
-    uint64_t delivered_ = 0, passed_ = 0;
+    bool passed_over_ = false; // the whole group belongs to others
+    uint64_t taken_ = 0;
 };
 
 } // namespace qtrace_tool

@@ -302,8 +302,13 @@ void declare_symbols(Options &app, Symbol_Options &options)
 void declare_scan(Options &app, Scan_Options &options)
 {
     declare_jobs(app, options.jobs);
-    declare_number(app, "--from", options.range.first, "number of the first record, from 0 (of each file)");
-    declare_number(app, "--count", options.range.count, "records to read (of each file)");
+    declare_range(app, options.range);
+}
+
+void declare_range(Options &app, Record_Range &range)
+{
+    declare_number(app, "--from", range.first, "number of the first record, from 0 (of each file)");
+    declare_number(app, "--count", range.count, "records to read (of each file)");
 }
 
 int run_qtrace(const std::vector<std::string> &arguments, int out, int err)

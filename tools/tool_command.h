@@ -47,6 +47,9 @@ struct Symbol_Options;
 void declare_symbols(Options &app, Symbol_Options &options);
 
 struct Scan_Options;
+struct Record_Range;
+// --from and --count.
+void declare_range(Options &app, Record_Range &range);
 void declare_jobs(Options &app, unsigned &jobs);
 // --jobs, --from and --count.
 void declare_scan(Options &app, Scan_Options &options);

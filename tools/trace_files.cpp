@@ -160,6 +160,11 @@ std::span<const QTRACE_Block> Trace_File::blocks() const
     return {first, count};
 }
 
+std::string Trace_File::no_record(uint64_t record) const
+{
+    return fmt::format("{}: no record {}: the file has {}", name_, record, info_.records);
+}
+
 std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuity &what)
 {
     std::string text = qtrace_error(reader);

@@ -60,6 +60,9 @@ public:
     {
         return blocks().empty() ? 0 : blocks().back().first_record + blocks().back().records;
     }
+    // Whether reading can begin at that record; and that it cannot, as text.
+    bool has_record(uint64_t record) const { return record == 0 || record < next_record_number(); }
+    std::string no_record(uint64_t record) const;
     // A reader of the same file at its beginning, for another thread. Null when memory is short.
     Reader another_reader() const { return Reader(qtrace_open_with_index(index_.get())); }
 

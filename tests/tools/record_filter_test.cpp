@@ -154,3 +154,21 @@ TEST(record_filter_in_blocks, finds_every_record_of_a_process)
     const std::vector<uint64_t> later(expected.begin() + 30000, expected.begin() + 30100);
     EXPECT_EQ(numbers(file, {"--pid", "22", "--count", "100", "--from", std::to_string(later.front())}), later);
 }
+
+// What runs at the beginning of a range is not lost: the range begins with the context that is in force there.
+TEST_F(record_filter, limits_what_the_model_of_tlbs_reads)
+{
+    const auto figures = [&](std::vector<std::string> options) {
+        options.insert(options.begin(), {"tlb", "--json"});
+        options.push_back(file_);
+        return json::parse(qtrace(options).out);
+    };
+    const json whole = figures({});
+    EXPECT_EQ(figures({"--from", "0", "--count", "1000"}), whole);
+    const json first = figures({"--count", "4"}), rest = figures({"--from", "4"});
+    EXPECT_EQ(first["instructions"], 4);
+    EXPECT_EQ(rest["instructions"], whole["instructions"].get<uint64_t>() - 4);
+    const Outcome beyond = qtrace({"tlb", "--from", "1000", file_});
+    EXPECT_EQ(beyond.exit_code, 1);
+    EXPECT_THAT(beyond.err, testing::HasSubstr("no record 1000"));
+}

@@ -94,14 +94,14 @@ void Thread_Data::item(const QTRACE_Item &item)
     item.kind == QTRACE_ITEM_HEADER ? header(item) : record(item);
 }
 
-void Thread_Data::loss(const QTRACE_Item &next, const std::string &text, const QTRACE_FILE_HDR *context)
+void Thread_Data::loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context)
 {
     counts.loss(context);
     for (Model &model : models_)
         model.feed.loss(context);
     gap_count++;
     if (gaps.size() < MOST_GAPS)
-        gaps.push_back({next.record_number, text});
+        gaps.push_back({next, text});
 }
 
 void Thread_Data::header(const QTRACE_Item &item)

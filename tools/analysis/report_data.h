@@ -76,8 +76,8 @@ public:
     Thread_Data(const Thread_Data &) = delete;
 
     void item(const QTRACE_Item &item);
-    // `context`: the header in force from there on.
-    void loss(const QTRACE_Item &next, const std::string &text, const QTRACE_FILE_HDR *context);
+    // `next`: number of the next record; `context`: the header in force from there on.
+    void loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context);
     void finish();
 
     uint64_t bin_records() const { return bin_records_; }

@@ -202,11 +202,8 @@ private:
 
 void Dump_Command::dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, bool named) const
 {
-    if (filter_.from() > 0 && filter_.from() >= file.next_record_number()) {
-        run.fail(
-            fmt::format("{}: no record {}: the file has {}", file.name(), filter_.from(), file.info().records));
-        return;
-    }
+    if (!file.has_record(filter_.from()))
+        return run.fail(file.no_record(filter_.from()));
     const std::unique_ptr<Item_View> view = make_item_view(format_, file.name(), shown_);
     view->begin(run.out, named);
     Scan_Options options = scan_;

@@ -128,34 +128,35 @@ void Export_Command::report(Tool_Run &run, const Exporter &exporter) const
     run.out.print(",\"records\":{}}}\n", records_);
 }
 
-// Tells the exporter what was lost since it was told last.
-static void pass_losses_on(const Trace_File &file, size_t &told, Exporter &exporter)
+// What an exporter gets of a file.
+class Export_Sink : public Chosen_Sink
 {
-    for (; told < file.lost_records().size(); told++)
-        exporter.lost(file.lost_records()[told].first, std::max<uint64_t>(1, file.lost_records()[told].count));
-}
+public:
+    Export_Sink(const Record_Filter &filter, Exporter &exporter) : Chosen_Sink(filter), exporter_(exporter) {}
+    void header(const QTRACE_Item &item) override { exporter_.header(item, context()); }
+    void loss(const QTRACE_Item &item, const std::string &) override
+    {
+        const QTRACE_Discontinuity &what = item.discontinuity;
+        if (what.records > 0 || !what.records_known)
+            exporter_.lost(item.record_number, std::max<uint64_t>(1, what.records));
+    }
+
+protected:
+    void chosen(const QTRACE_Item &record) override { exporter_.record(record, context()); }
+
+private:
+    Exporter &exporter_;
+};
 
 void Export_Command::export_file(Tool_Run &run, Trace_File &file, Exporter &exporter)
 {
-    Record_Walk walk(file, filter_);
     exporter.begin_file(file.name());
-    if (!walk.begin())
-        throw std::runtime_error(
-            fmt::format("{}: no record {}: the file has {}", file.name(), filter_.from(), file.info().records));
-    Progress progress(run, file.name(), file.info().records);
-    size_t told = file.lost_records().size();
-    while (const QTRACE_Item *item = walk.next()) {
-        pass_losses_on(file, told, exporter);
-        if (item->kind == QTRACE_ITEM_HEADER) {
-            exporter.header(*item, walk.context());
-            continue;
-        }
-        progress.step();
-        exporter.record(*item, walk.context());
-        records_++;
-    }
-    pass_losses_on(file, told, exporter);
-    if (!file.readable())
+    if (!file.has_record(filter_.from()))
+        throw std::runtime_error(file.no_record(filter_.from()));
+    Export_Sink sink(filter_, exporter);
+    const bool readable = scan_in_order(run, file, {.first = filter_.from()}, sink);
+    records_ += sink.taken();
+    if (!readable)
         throw std::runtime_error(file.name() + ": cannot be read to its end");
 }
 

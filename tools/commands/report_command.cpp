@@ -1,3 +1,4 @@
+#include "item_scan.h"
 #include "report_page.h"
 #include "symbol_names.h"
 #include "tool_command.h"
@@ -35,28 +36,35 @@ private:
     std::vector<uint32_t> bits_;
 };
 
+class Report_Sink : public Item_Sink
+{
+public:
+    explicit Report_Sink(Thread_Data &data) : data_(data) {}
+    void begin(const Group_Start &) override {}
+    void header(const QTRACE_Item &item) override { data_.item(item); }
+    void record(const QTRACE_Item &item) override { data_.item(item); }
+    void loss(const QTRACE_Item &item, const std::string &text) override
+    {
+        const QTRACE_Discontinuity &what = item.discontinuity;
+        if (!text.empty())
+            data_.damage.push_back(text);
+        const bool missing = what.records > 0 || what.headers > 0 || !what.records_known;
+        if (missing && what.cause != QTRACE_CAUSE_CUT_END)
+            data_.loss(item.record_number + what.records, text.empty() ? "records are missing" : text,
+                       what.context);
+    }
+
+private:
+    Thread_Data &data_;
+};
+
 std::unique_ptr<Thread_Data> Report_Command::collect(Tool_Run &run, Trace_File &file, const Page_Sizes &sizes) const
 {
     auto data = std::make_unique<Thread_Data>(file.name(), sizes, file.info().records);
     data->counts.file_bytes = file.info().size;
     data->clean_end = file.info().clean_end != 0 && file.info().open_end == 0;
-    Progress progress(run, file.name(), file.info().records);
-    uint64_t next_record = 0, next_header = 0;
-    while (const QTRACE_Item *item = file.next()) {
-        const size_t known = data->damage.size();
-        for (size_t i = known; i < file.losses().size(); i++)
-            data->damage.push_back(file.losses()[i].text);
-        if (item->record_number != next_record || item->header_number != next_header)
-            data->loss(*item, known < data->damage.size() ? data->damage.back() : "records are missing",
-                       file.context());
-        data->item(*item);
-        const bool header = item->kind == QTRACE_ITEM_HEADER;
-        next_record = item->record_number + !header;
-        next_header = item->header_number + header;
-        progress.step();
-    }
-    for (size_t i = data->damage.size(); i < file.losses().size(); i++)
-        data->damage.push_back(file.losses()[i].text);
+    Report_Sink sink(*data);
+    scan_in_order(run, file, {}, sink);
     data->finish();
     return data;
 }

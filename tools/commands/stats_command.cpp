@@ -224,34 +224,43 @@ void Stats_Command::count_file(Tool_Run &run, Trace_File &file, const Symbol_Nam
         });
 }
 
+// Counts of chosen records. What runs is not known after records that were passed over.
+class Chosen_Stats_Sink : public Chosen_Sink
+{
+public:
+    Chosen_Stats_Sink(const Record_Filter &filter, Trace_Counts &counts, Function_Counts &functions)
+        : Chosen_Sink(filter), counts_(counts), functions_(functions)
+    {
+    }
+    void header(const QTRACE_Item &item) override { counts_.header(item.header); }
+
+protected:
+    void chosen(const QTRACE_Item &record) override
+    {
+        if (record.record_number != following_)
+            counts_.loss(context());
+        counts_.record(record);
+        if (functions_.any())
+            functions_.add(record, context());
+        following_ = record.record_number + 1;
+    }
+
+private:
+    Trace_Counts &counts_;
+    Function_Counts &functions_;
+    uint64_t following_ = 0;
+};
+
 // Headers say what the chosen records run under, and are not counted.
 void Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) const
 {
-    Trace_Counts *const counts = to.counts.get();
-    Record_Filter filter = filter_;
-    filter.begin_at(scan_.range.first);
-    Record_Walk walk(file, filter);
-    if (!walk.begin()) {
-        run.fail(fmt::format("{}: no record {}: the file has {}", file.name(), filter.from(), file.info().records));
-        return;
-    }
-    uint64_t following = 0;
-    while (const QTRACE_Item *item = walk.next()) {
-        if (item->kind == QTRACE_ITEM_HEADER) {
-            counts->header(item->header);
-            continue;
-        }
-        if (scan_.range.ends_before(item->record_number))
-            break;
-        if (item->record_number != following)
-            counts->loss(walk.context());
-        counts->record(*item);
-        if (to.functions->any())
-            to.functions->add(*item, walk.context());
-        following = item->record_number + 1;
-    }
-    counts->full_headers = counts->partition_headers = 0;
-    std::erase_if(counts->partitions, [](const auto &partition) { return partition.second == 0; });
+    if (!file.has_record(scan_.range.first))
+        return run.fail(file.no_record(scan_.range.first));
+    Trace_Counts &counts = *to.counts;
+    Chosen_Stats_Sink sink(filter_, counts, *to.functions);
+    scan_in_order(run, file, scan_.range, sink);
+    counts.full_headers = counts.partition_headers = 0;
+    std::erase_if(counts.partitions, [](const auto &partition) { return partition.second == 0; });
 }
 
 void Stats_Command::run(Tool_Run &run)

@@ -1,3 +1,4 @@
+#include "item_scan.h"
 #include "record_printer.h"
 #include "tlb_feed.h"
 #include "tlb_json.h"
@@ -273,6 +274,7 @@ private:
     std::vector<uint32_t> bits_;
     uint64_t walk_cache_ = 16, nested_cache_ = 16, top_ = 10;
     Page_Sizes sizes_;
+    Record_Range range_;
     Tlb_Options options_;
     Tlb_Lists lists_;
 };
@@ -280,6 +282,7 @@ private:
 void Tlb_Command::declare(Options &app)
 {
     declare_files(app, files_);
+    declare_range(app, range_);
     declare_model(app);
     declare_output(app);
 }
@@ -326,21 +329,32 @@ void Tlb_Command::read_options()
     sizes_ = page_sizes(bits_);
 }
 
+class Tlb_Sink : public Item_Sink
+{
+public:
+    explicit Tlb_Sink(Tlb_Feed &feed) : feed_(feed) {}
+    void begin(const Group_Start &start) override
+    {
+        if (start.at_start && start.context != nullptr)
+            feed_.loss(start.context); // the range begins in the middle of the file
+    }
+    void header(const QTRACE_Item &item) override { feed_.header(item.header); }
+    void record(const QTRACE_Item &item) override { feed_.record(item); }
+    void loss(const QTRACE_Item &item, const std::string &) override { feed_.loss(item.discontinuity.context); }
+
+private:
+    Tlb_Feed &feed_;
+};
+
 std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file) const
 {
     Tlb_Model model(options_);
     Tlb_Feed feed(model, sizes_);
-    Progress progress(run, file.name(), file.info().records);
-    uint64_t next_record = 0, next_header = 0;
-    while (const QTRACE_Item *item = file.next()) {
-        if (item->record_number != next_record || item->header_number != next_header)
-            feed.loss(file.context());
-        const bool header = item->kind == QTRACE_ITEM_HEADER;
-        header ? feed.header(item->header) : feed.record(*item);
-        next_record = item->record_number + !header;
-        next_header = item->header_number + header;
-        progress.step();
-    }
+    Tlb_Sink sink(feed);
+    if (file.has_record(range_.first))
+        scan_in_order(run, file, range_, sink);
+    else
+        run.fail(file.no_record(range_.first));
     return std::make_unique<Tlb_Figures>(model.finish());
 }
 
