@@ -158,22 +158,23 @@ class Elf(Named):
         functions = sorted((int(first, 16), int(size, 16), name) for first, size, kind, name in
                            (line.split(maxsplit=3) for line in listed.splitlines() if len(line.split()) == 4) if kind in "TtWw")
         starts = collections.Counter(first for first, _, _ in functions)
-        start = next(first for first, size, _ in functions if size > 0)
-        load = 0x10001000 - start & ~0xFFF
-        moved = [(first + load, size, name) for first, size, name in functions]
-        out, errors = self.export("csv", "elf.csv", "--fields", "symbol", "--symbols", program, "--load-address", f"{load:x}",
-                                  "--pc", "10001000-1000ffff", self.trace)
-        with out.open(newline="") as file:
-            rows = [row["symbol"] for row in csv.DictReader(file)]
-        users = [r.address for r in self.records if 0x10001000 <= r.address <= 0x1000FFFF]
-        self.assertEqual(len(rows), len(users))
-        compared = 0
-        for name, address in zip(rows, users):
-            covering = [s for s in moved if s[0] <= address < s[0] + s[1]]
-            if len(covering) == 1 and starts[covering[0][0] - load] == 1:
-                self.assertEqual(name, f"{covering[0][2]}+{address - covering[0][0]:#x}")
-                compared += 1
-        self.assertGreater(compared, 100)
+        large = sorted((f for f in functions if starts[f[0]] == 1), key=lambda f: -f[1])[:5]
+        users = [r.address for r in self.records if 0x10001000 <= r.address <= 0x10001FFF][:300]
+        for number, (first, _, _) in enumerate(large):
+            load = 0x10001000 - first
+            moved = [(first + load, size, name) for first, size, name in functions]
+            out, _ = self.export("csv", f"elf{number}.csv", "--fields", "symbol", "--symbols", program,
+                                 "--load-address", f"{load:x}", "--pc", "10001000-10001fff", "--count", "300", self.trace)
+            with out.open(newline="") as file:
+                rows = [row["symbol"] for row in csv.DictReader(file)]
+            self.assertEqual(len(rows), len(users))
+            compared = 0
+            for name, address in zip(rows, users):
+                covering = [s for s in moved if s[0] <= address < s[0] + s[1]]
+                if len(covering) == 1:
+                    self.assertEqual(name, f"{covering[0][2]}+{address - covering[0][0]:#x}")
+                    compared += 1
+            self.assertGreater(compared, 100)
 
     def test_a_stripped_program_has_only_dynamic_symbols_and_says_so(self):
         stripped = self.home / "stripped"
