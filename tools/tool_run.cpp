@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace qtrace_tool
@@ -14,9 +15,21 @@ static bool wants_colour(int descriptor)
            std::strcmp(terminal, "dumb") != 0;
 }
 
+// COLUMNS comes first, as users set it on purpose.
+static size_t columns_of(int descriptor)
+{
+    if (isatty(descriptor) == 0)
+        return 0;
+    const char *const wanted = std::getenv("COLUMNS");
+    if (const unsigned long columns = wanted == nullptr ? 0 : std::strtoul(wanted, nullptr, 10); columns > 0)
+        return columns;
+    winsize size{};
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
 Tool_Run::Tool_Run(int out_descriptor, int err_descriptor)
     : out(out_descriptor, wants_colour(out_descriptor)), err(err_descriptor, wants_colour(err_descriptor)),
-      progress(isatty(err_descriptor) != 0)
+      columns(columns_of(out_descriptor)), progress(isatty(err_descriptor) != 0)
 {
 }
 

@@ -31,6 +31,7 @@ public:
 
     Output out;
     Output err;
+    size_t columns; // of the terminal that data goes to; 0: it goes to none
     bool json = false;
     bool progress = false; // a progress line is wanted: messages go to a terminal
 

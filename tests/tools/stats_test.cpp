@@ -5,6 +5,11 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tool_run.h"
+#include <pty.h>
+#include <thread>
+#include <unistd.h>
+
 using namespace planted;
 using nlohmann::json;
 
@@ -49,7 +54,88 @@ std::map<uint64_t, uint64_t> instructions_by_pid(const json &counts)
     return by_pid;
 }
 
+// What `qtrace stats` shows on a terminal of so many columns, line by line.
+std::vector<std::string> lines_on_terminal(unsigned short columns, const std::vector<std::string> &files)
+{
+    int master, slave;
+    const winsize size{50, columns, 0, 0};
+    if (openpty(&master, &slave, nullptr, nullptr, &size) != 0)
+        return {};
+    std::string text;
+    std::thread reader([&] {
+        char bytes[4096];
+        for (ssize_t got; (got = read(master, bytes, sizeof(bytes))) > 0;)
+            text.append(bytes, static_cast<size_t>(got));
+    });
+    std::vector<std::string> arguments = {"stats", "--top", "1"};
+    arguments.insert(arguments.end(), files.begin(), files.end());
+    qtrace_tool::run_qtrace(arguments, slave, slave);
+    close(slave);
+    reader.join();
+    close(master);
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line.substr(0, line.find('\r')));
+    return lines;
+}
+
+size_t longest(const std::vector<std::string> &lines)
+{
+    size_t longest = 0;
+    for (const std::string &line : lines)
+        longest = std::max(longest, line.size());
+    return longest;
+}
+
+// Five threads in the present folder, so that names are short.
+struct Stats_On_Terminal : testing::Test {
+    Stats_On_Terminal()
+    {
+        setenv("NO_COLOR", "1", 1);
+        unsetenv("COLUMNS");
+        for (char number = '0'; number < '5'; number++)
+            folder.write(std::string("trace") + number, good_trace());
+        std::filesystem::current_path(folder.path(""));
+    }
+    ~Stats_On_Terminal() override { std::filesystem::current_path(before); }
+
+    std::filesystem::path before = std::filesystem::current_path();
+    Folder folder;
+};
+
 } // namespace
+
+TEST_F(Stats_On_Terminal, a_wide_table_becomes_several_that_fit)
+{
+    const std::vector<std::string> lines = lines_on_terminal(80, {"trace"});
+    EXPECT_LE(longest(lines), 80u);
+    std::string names; // of all columns, in order
+    for (const std::string &line : lines)
+        if (line.starts_with("     ") &&
+            line.find_first_not_of(" abcdefghijklmnopqrstuvwxyz01234") == std::string::npos)
+            names += line;
+    std::istringstream words(names);
+    EXPECT_THAT(std::vector<std::string>(std::istream_iterator<std::string>(words), {}),
+                testing::ElementsAre("trace0", "trace1", "trace2", "trace3", "trace4", "total"));
+}
+
+TEST_F(Stats_On_Terminal, a_table_that_fits_is_the_same_as_in_a_file)
+{
+    const std::string file = qtrace({"stats", "--top", "1", "trace"}).out;
+    EXPECT_THAT(lines_on_terminal(200, {"trace"}).front(), testing::Eq(file.substr(0, file.find('\n'))));
+    setenv("COLUMNS", "200", 1);
+    EXPECT_GT(longest(lines_on_terminal(80, {"trace"})), 80u);
+    unsetenv("COLUMNS");
+}
+
+TEST_F(Stats_On_Terminal, long_names_lose_their_beginning)
+{
+    std::filesystem::rename("trace0", std::string(100, 'x') + "end0");
+    const std::vector<std::string> lines = lines_on_terminal(80, {std::string(100, 'x') + "end0"});
+    EXPECT_LE(longest({lines.begin(), lines.begin() + 30}), 80u);
+    EXPECT_THAT(lines.front(), testing::AllOf(testing::HasSubstr(" ...xx"), testing::EndsWith("xend0")));
+}
 
 // The block in which the process changes is lost: those after it say which process runs.
 TEST(stats_after_losses, instructions_belong_to_the_process_that_runs)

@@ -2,6 +2,7 @@
 #include "item_scan.h"
 #include "record_filter.h"
 #include "record_printer.h"
+#include "table.h"
 #include "tool_command.h"
 #include "trace_counts.h"
 #include "trace_files.h"
@@ -171,7 +172,7 @@ private:
     };
     void count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
     void count_chosen(Tool_Run &run, Trace_File &file, Column &to) const;
-    void print_table(Output &out, const std::vector<Column> &columns, const std::vector<Metric> &metrics) const;
+    static Table table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics);
     void print_lists(Output &out, const Column &total) const;
     void print_functions(Output &out, const Column &total) const;
     void print_pages(Output &out, const char *title, const Page_Counts &pages) const;
@@ -281,7 +282,7 @@ void Stats_Command::run(Tool_Run &run)
     if (columns.size() > 1)
         columns.push_back(std::move(total));
     if (!run.json) {
-        print_table(run.out, columns, metrics);
+        print_table(run.out, table_of(columns, metrics), run.columns);
         print_lists(run.out, columns.back());
         return;
     }
@@ -289,25 +290,19 @@ void Stats_Command::run(Tool_Run &run)
         print_json(run.out, column, metrics);
 }
 
-void Stats_Command::print_table(Output &out, const std::vector<Column> &columns,
-                                const std::vector<Metric> &metrics) const
+Table Stats_Command::table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics)
 {
-    size_t width = 14;
+    Table table;
     for (const Column &column : columns)
-        width = std::max(width, column.name.size() + 2);
-    out.paint(Colour::head);
-    out.print("{:<46}", "");
-    for (const Column &column : columns)
-        out.print("{:>{}}", column.name, width);
-    out.paint(Colour::plain);
-    out.put('\n');
+        table.columns.push_back(column.name);
     for (const Metric &metric : metrics) {
-        out.print("{:<46}", metric.label);
-        for (const Column &column : columns)
-            if (metric.value)
-                out.print("{:>{}.{}f}", metric.value(*column.counts), width, metric.decimals);
-        out.put('\n');
+        table.rows.push_back({metric.label, {}});
+        if (metric.value)
+            for (const Column &column : columns)
+                table.rows.back().cells.push_back(
+                    fmt::format("{:.{}f}", metric.value(*column.counts), metric.decimals));
     }
+    return table;
 }
 
 void Stats_Command::print_pages(Output &out, const char *title, const Page_Counts &pages) const
