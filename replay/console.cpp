@@ -21,7 +21,7 @@ struct Console::Command {
     std::string_view more; // for `help COMMAND`
     size_t least, most;    // operands
     bool file_first;       // the first operand is a file name
-    bool (Console::*obey)(const Words &operands);
+    bool (Console::*execute)(const Words &operands);
     Words name_words = split_words(name).words;
 };
 
@@ -36,9 +36,9 @@ std::string counted(uint64_t count, std::string_view thing)
     return fmt::format("{} {}{}", count, thing, count == 1 ? "" : "s");
 }
 
-std::string complaint_count(uint64_t count)
+std::string problem_count(uint64_t count)
 {
-    return count == 1 ? "the plugin complained" : fmt::format("the plugin complained {} times", count);
+    return count == 1 ? "the plugin reported a problem" : fmt::format("the plugin reported {} problems", count);
 }
 
 // The numbers of the threads for which `is_one` holds, as "0, 3, 5 to 8"; empty when there are none.
@@ -95,7 +95,7 @@ const std::vector<Console::Command> &Console::commands()
         {"plugin unload", "", "unload the plugin; an open session is closed",
          "", 0, 0, false, &Console::plugin_unload},
         {"run", "[N]", "deliver N events of the stream, or all",
-         "Every commit, pre, pte and rtpte line is an event. Context lines are obeyed on the way.", 0, 1, false, &Console::run},
+         "Every commit, pre, pte and rtpte line is an event. Context lines take effect on the way.", 0, 1, false, &Console::run},
         {"status", "", "show stream, position, machine and plugin",
          "", 0, 0, false, &Console::status},
         {"help", "[COMMAND]", "list the commands, or explain one",
@@ -121,7 +121,7 @@ void Console::say(const Console_Message &message)
         out_ << shown(message.text);
         return;
     }
-    ++complaints_;
+    ++problems_;
     out_.flush(); // keeps the two in order where both end in one place
     err_ << shown(description_of(message)) << std::flush;
 }
@@ -152,7 +152,7 @@ void Console::note(const std::string &text)
     fail("note: " + text);
 }
 
-bool Console::obey(std::string_view line, const std::string &where)
+bool Console::execute(std::string_view line, const std::string &where)
 try {
     where_ = where;
     const Command_Words split = split_words(line);
@@ -160,30 +160,30 @@ try {
         return fail(split.problem);
     if (split.words.empty())
         return true;
-    const uint64_t complaints_before = complaints_;
-    const bool obeyed = execute(split.words);
+    const uint64_t problems_before = problems_;
+    const bool done = execute(split.words);
     out_.flush();
-    if (obeyed && complaints_ > complaints_before)
-        return fail(complaint_count(complaints_ - complaints_before));
-    return obeyed;
+    if (done && problems_ > problems_before)
+        return fail(problem_count(problems_ - problems_before));
+    return done;
 } catch (const std::bad_alloc &) {
     where_ = where;
     return fail("out of memory");
 }
 
-bool Console::obey_script(std::istream &in, const std::string &name, bool stop_at_failure)
+bool Console::run_script(std::istream &in, const std::string &name, bool stop_at_failure)
 {
-    return obey_script([&in](std::string &line) { return static_cast<bool>(std::getline(in, line)); }, name,
-                       stop_at_failure);
+    return run_script([&in](std::string &line) { return static_cast<bool>(std::getline(in, line)); }, name,
+                      stop_at_failure);
 }
 
-bool Console::obey_script(const Next_Line &next, const std::string &name, bool stop_at_failure)
+bool Console::run_script(const Next_Line &next, const std::string &name, bool stop_at_failure)
 {
     bool good = true;
     size_t number = 0;
     try {
         for (std::string line; !quitting_ && !player_.stop_requested() && next(line);) {
-            good = obey(line, fmt::format("{}:{}", name, ++number)) && good;
+            good = execute(line, fmt::format("{}:{}", name, ++number)) && good;
             if (!good && stop_at_failure)
                 break;
         }
@@ -211,9 +211,9 @@ const Console::Command *Console::find_command(const Words &words)
         names.push_back(two_words ? command.name : command.name.substr(0, command.name.find(' ')));
     const std::string_view meant = nearest_word(typed, names);
     if (!meant.empty() && meant != typed)
-        fail(fmt::format("unknown command \"{}\"; did you mean \"{}\"?", typed, meant));
+        fail(fmt::format("unknown command `{}`; did you mean `{}`?", typed, meant));
     else
-        fail(fmt::format("unknown command \"{}\"; \"help\" lists the commands", typed));
+        fail(fmt::format("unknown command `{}`; `help` lists the commands", typed));
     return nullptr;
 }
 
@@ -225,7 +225,7 @@ bool Console::execute(const Words &words)
     const Words operands(words.begin() + static_cast<ptrdiff_t>(command->name_words.size()), words.end());
     if (operands.size() < command->least || operands.size() > command->most)
         return fail(fmt::format("usage: {} {}", command->name, command->operands));
-    return (this->*command->obey)(operands);
+    return (this->*command->execute)(operands);
 }
 
 // ---- the commands ---------------------------------------------------------------------------------------

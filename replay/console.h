@@ -23,15 +23,15 @@ public:
 
     // Obeys one line. False when it failed: a mistake in the line, something that could not be done, or a warning
     // or error of the plugin while it was done. `where` ("script:12") goes before the console's messages.
-    bool obey(std::string_view line, const std::string &where = {});
+    bool execute(std::string_view line, const std::string &where = {});
 
     // Obeys lines until the end, `quit`, or a Player::stop(). A failing line does not end the script unless
     // `stop_at_failure`. True when nothing failed.
-    bool obey_script(std::istream &in, const std::string &name, bool stop_at_failure = false);
+    bool run_script(std::istream &in, const std::string &name, bool stop_at_failure = false);
 
     // The same with lines from `next`: false at the end, or an exception of Line_Source.
     using Next_Line = std::function<bool(std::string &)>;
-    bool obey_script(const Next_Line &next, const std::string &name, bool stop_at_failure = false);
+    bool run_script(const Next_Line &next, const std::string &name, bool stop_at_failure = false);
 
     bool quitting() const { return quitting_; } // `quit` was given
 
@@ -79,7 +79,7 @@ private:
     std::ostream &out_;
     std::ostream &err_;
     std::string where_;
-    uint64_t complaints_ = 0; // warnings and errors of the plugin so far
+    uint64_t problems_ = 0; // warnings and errors of the plugin so far
     bool quitting_ = false;
     std::function<void()> run_begins_;
     std::function<void()> run_ends_;

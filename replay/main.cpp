@@ -94,13 +94,13 @@ void describe(CLI::App &app, Options &options)
                "Console: \"help\" lists the commands.");
 }
 
-bool complain(const std::string &text)
+bool report(const std::string &text)
 {
     std::cerr << "replay: " << replay::printable(text, "\t\n") << std::endl;
     return false;
 }
 
-bool obey_script(replay::Console &console, replay::Stop_Request &stop, const Options &options)
+bool run_script(replay::Console &console, replay::Stop_Request &stop, const Options &options)
 try {
     const bool from_stdin = options.script.empty() || options.script == "-";
     const std::string name = from_stdin ? "standard input" : options.script;
@@ -111,21 +111,21 @@ try {
         line = found ? text : "";
         return found;
     };
-    return console.obey_script(next, name, options.stop_at_failure);
+    return console.run_script(next, name, options.stop_at_failure);
 } catch (const replay::Input_Error &problem) {
-    return complain(options.script + ": cannot be read: " + problem.what());
+    return report(options.script + ": cannot be read: " + problem.what());
 }
 
-bool obey_commands(replay::Console &console, replay::Player &player, replay::Stop_Request &stop,
-                   const Options &options)
+bool run_commands(replay::Console &console, replay::Player &player, replay::Stop_Request &stop,
+                  const Options &options)
 {
     const bool from_stdin = options.script.empty() || options.script == "-";
     if (isatty(STDOUT_FILENO) && isatty(STDERR_FILENO))
         replay::show_progress(console, player);
     if (!from_stdin || !isatty(STDIN_FILENO))
-        return obey_script(console, stop, options);
+        return run_script(console, stop, options);
     console.set_interactive();
-    replay::obey_terminal(console, stop, leaving);
+    replay::run_terminal(console, stop, leaving);
     return true; // a person has seen what failed
 }
 
@@ -134,14 +134,14 @@ bool writer_is_content()
 {
 #ifdef REPLAY_WITH_WRITER
     if (const std::string problem = qtrace_writer_error(); !problem.empty())
-        return complain(problem);
+        return report(problem);
 #endif
     return true;
 }
 
 bool output_is_written()
 {
-    return std::cout.flush() ? true : complain("standard output cannot be written");
+    return std::cout.flush() ? true : report("standard output cannot be written");
 }
 
 int check_stream(const Options &options, replay::Stop_Request &stop)
@@ -158,19 +158,19 @@ int replay_stream(const Options &options, replay::Stop_Request &stop)
 {
     replay::Player player(options.stream, &stop);
     if (player.error()) {
-        complain(options.stream + ": " + player.error()->text());
+        report(options.stream + ": " + player.error()->text());
         return 1;
     }
     replay::Console console(player, std::cout, std::cerr);
     console.protect(options.stream, "the commit stream");
     console.protect(options.script, "the script");
-    const bool obeyed = !stop.requested() && obey_commands(console, player, stop, options);
+    const bool done = !stop.requested() && run_commands(console, player, stop, options);
     player.unload_plugin();
     const bool traced = writer_is_content();
     const bool written = output_is_written();
     if (stop.requested() || leaving)
         return EXIT_INTERRUPTED;
-    return obeyed && traced && written ? 0 : 1;
+    return done && traced && written ? 0 : 1;
 }
 
 } // namespace
@@ -203,11 +203,11 @@ try {
         return app.exit(error) == 0 ? 0 : 2;
     }
     if (options.check && !options.script.empty()) {
-        complain("--check takes no SCRIPT");
+        report("--check takes no SCRIPT");
         return 2;
     }
     if (!options.check && options.stream == "-" && (options.script.empty() || options.script == "-")) {
-        complain("standard input cannot be both the stream and the commands; name a SCRIPT");
+        report("standard input cannot be both the stream and the commands; name a SCRIPT");
         return 2;
     }
     replay::Stop_Request stop;

@@ -36,7 +36,7 @@ bool is_blank(char c)
 }
 
 // The value as it stands in the line; tokens reach up to what comes next.
-std::string_view without_blanks_behind(std::string_view token)
+std::string_view without_blanks_after(std::string_view token)
 {
     while (!token.empty() && is_blank(token.back()))
         token.remove_suffix(1);
@@ -47,7 +47,7 @@ std::string_view without_blanks_behind(std::string_view token)
 std::string shown(std::string_view token)
 {
     constexpr size_t LONGEST = 40;
-    token = without_blanks_behind(token);
+    token = without_blanks_after(token);
     if (token.starts_with('{'))
         return "an object";
     if (token.starts_with('['))
@@ -130,7 +130,7 @@ template <class Integer> Integer number_of(json::value &given)
 {
     constexpr auto LEAST = std::numeric_limits<Integer>::min();
     constexpr auto MOST = std::numeric_limits<Integer>::max();
-    const std::string_view token = without_blanks_behind(given.raw_json_token());
+    const std::string_view token = without_blanks_after(given.raw_json_token());
     const bool negative = token.front() == '-';
     const auto [value, wrong] = token.front() == '"' ? hexadecimal_of(token) : decimal_of(token.substr(negative));
     const uint64_t limit = negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
@@ -141,7 +141,7 @@ template <class Integer> Integer number_of(json::value &given)
 
 bool truth_of(json::value &given)
 {
-    const std::string_view word = without_blanks_behind(given.raw_json_token());
+    const std::string_view word = without_blanks_after(given.raw_json_token());
     if (word == "true" || word == "1")
         return true;
     if (word != "false" && word != "0")
@@ -246,7 +246,7 @@ struct Spelling {
         masks = std::bit_cast<Words>(bits);
     }
 
-    // `at`: behind the opening quote; at least sizeof(Words) bytes can be read.
+    // `at`: after the opening quote; at least sizeof(Words) bytes can be read.
     bool stands_at(const char *at) const
     {
         Words there;
@@ -272,7 +272,7 @@ template <class Target> [[noreturn]] void refuse_key(Keys<Target> keys, Place &p
     throw Refusal{"a key out of " + known, ""};
 }
 
-// Index of the field's key. Streams mostly keep one order of keys: the search begins behind the last one found.
+// Index of the field's key. Streams mostly keep one order of keys: the search begins after the last one found.
 template <class Target> size_t index_of(Keys<Target> keys, size_t cursor, json::field &field, Place &place)
 {
     const char *at = field.key().raw();
@@ -735,7 +735,7 @@ void Stream_Reader::Parser::read(std::string_view line, Stream_Event &to)
     read_fields(object, KINDS[static_cast<size_t>(event->kind)].keys, place, *event);
     place.key = {};
     if (document.current_location().error() != simdjson::OUT_OF_BOUNDS)
-        throw Refusal{"nothing behind the object", ""};
+        throw Refusal{"nothing after the object", ""};
     finish_event();
 }
 

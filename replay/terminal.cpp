@@ -254,14 +254,14 @@ void show_progress(Console &console, Player &player)
     console.set_run_display([line] { line->begin(); }, [line] { line->finish(); }, [line] { line->clear(); });
 }
 
-void obey_terminal(Console &console, Stop_Request &stop, const std::atomic<bool> &leaving)
+void run_terminal(Console &console, Stop_Request &stop, const std::atomic<bool> &leaving)
 {
     std::setlocale(LC_CTYPE, "");
     Line_Editor editor(console, stop);
     while (!console.quitting() && !leaving) {
         std::string line;
         if (editor.next(line)) {
-            console.obey(line);
+            console.execute(line);
         } else {
             std::fputc('\n', stdout);
             if (!stop.requested())

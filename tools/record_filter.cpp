@@ -17,14 +17,14 @@ static uint64_t parse_hexadecimal(std::string_view text)
 {
     if (const std::optional<uint64_t> number = parse_digits(text, 16))
         return *number;
-    throw Usage_Error(fmt::format("`{}` is no address: hexadecimal digits expected, with or without 0x", text));
+    throw Usage_Error(fmt::format("`{}` is not an address: hexadecimal digits expected, with or without 0x", text));
 }
 
 static uint64_t parse_number(std::string_view text, const char *option, uint64_t limit)
 {
     const std::optional<uint64_t> number = parse_digits(text, text.starts_with("0x") ? 16 : 10);
     if (!number || *number > limit)
-        throw Usage_Error(fmt::format("`{}` is no number for {}", text, option));
+        throw Usage_Error(fmt::format("`{}` is not a number for {}", text, option));
     return *number;
 }
 
@@ -44,7 +44,7 @@ Record_Filter::Masked_Word Record_Filter::parse_word(std::string_view text)
     const uint64_t value = parse_hexadecimal(text.substr(0, slash));
     const uint64_t mask = slash == std::string_view::npos ? UINT32_MAX : parse_hexadecimal(text.substr(slash + 1));
     if (value > UINT32_MAX || mask > UINT32_MAX)
-        throw Usage_Error(fmt::format("`{}` is no instruction word: 32 bits expected", text));
+        throw Usage_Error(fmt::format("`{}` is not an instruction word: 32 bits expected", text));
     return {static_cast<uint32_t>(value & mask), static_cast<uint32_t>(mask)};
 }
 
@@ -52,7 +52,7 @@ Record_Filter::Register Record_Filter::parse_register(const std::string &text)
 {
     const auto has_letter = [&](const Register_Class &kind) { return text.starts_with(kind.letter); };
     if (text.size() < 2 || std::ranges::none_of(REGISTER_CLASSES, has_letter))
-        throw Usage_Error(fmt::format("`{}` is no register: r, f, s, v or x and a number expected", text));
+        throw Usage_Error(fmt::format("`{}` is not a register: r, f, s, v or x and a number expected", text));
     return {text[0],
             static_cast<uint16_t>(parse_number(std::string_view(text).substr(1), "--register", UINT16_MAX))};
 }

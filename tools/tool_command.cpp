@@ -23,8 +23,8 @@ namespace qtrace_tool
     ROW(dump, "headers and records, one line each", \
         "qtrace dump --count 20 trace0             the first 20 records", \
         "qtrace dump --pc 0x1000-0x1fff --kind load trace  loads in a range of addresses, all threads") \
-    ROW(check, "whether traces keep the rules of a good trace", \
-        "qtrace check trace                the rules that need nothing but the trace", \
+    ROW(check, "whether all trace invariants hold", \
+        "qtrace check trace                all invariants of the trace itself", \
         "qtrace check trace0 --text text0  compared with the text trace, item by item") \
     ROW(stats, "what traces are made of: branches, accesses, registers, pages, partitions", \
         "qtrace stats trace                threads side by side and in total", \
@@ -72,7 +72,7 @@ const char *const TOOL_EXAMPLES[2] = {
 constexpr uint64_t MAX_JOBS = 1024;
 
 const char *const TOOL_FOOTER =
-    "A file name without a file behind it is a base name: `trace` means trace0, trace1, ...\n"
+    "A name for which there is no file is a base name: `trace` means trace0, trace1, ...\n"
     "Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 differences, violations or losses found.";
 
 // Help that starts with two examples.
@@ -161,7 +161,7 @@ struct Command_Line {
         app.footer(TOOL_FOOTER);
         for (const Command_Info &info : COMMANDS) {
             CLI::App *subcommand = app.add_subcommand(info.name, info.summary);
-            subcommand->add_flag("--json", run.json, "for machines: JSON, on standard output");
+            subcommand->add_flag("--json", run.json, "for programs: JSON, on standard output");
             subcommand->footer(TOOL_FOOTER);
             commands.push_back(info.make());
             commands.back()->declare(options.emplace_back(*subcommand));
@@ -174,7 +174,7 @@ struct Command_Line {
                                    names.begin());
     }
 
-    CLI::App app{"Looks into, checks, compares and mends instruction traces.", "qtrace"};
+    CLI::App app{"Inspects, checks, compares and repairs instruction traces.", "qtrace"};
     std::vector<std::unique_ptr<Command>> commands; // in the order of COMMANDS
     std::deque<Options> options;                    // of each
 };
@@ -212,7 +212,7 @@ Usage_Error unknown_word(const std::string &what, const std::string &unknown, co
 {
     const std::string near = closest(unknown, known);
     const std::string hint = near.empty() ? "" : fmt::format("; did you mean `{}`?", near);
-    return Usage_Error(fmt::format("`{}` is no {}{}", unknown, what, hint));
+    return Usage_Error(fmt::format("unknown {} `{}`{}", what, unknown, hint));
 }
 
 Option *declare_files(Options &app, std::vector<std::string> &files)
@@ -241,7 +241,7 @@ Option *declare_number(Options &app, const std::string &name, uint64_t &number, 
     const auto take = [name, &number](const std::string &text) {
         const std::optional<uint64_t> value = parse_digits(text, text.starts_with("0x") ? 16 : 10);
         if (!value)
-            throw Usage_Error(fmt::format("`{}` is no number for {}: digits expected", text, name));
+            throw Usage_Error(fmt::format("`{}` is not a number for {}: digits expected", text, name));
         number = *value;
     };
     return app.add_value(name, "N", description, take);
@@ -266,7 +266,7 @@ void declare_jobs(Options &app, unsigned &jobs)
     const auto take = [&jobs](const std::string &text) {
         const std::optional<uint64_t> number = parse_digits(text, 10);
         if (!number || *number == 0 || *number > MAX_JOBS)
-            throw Usage_Error(fmt::format("`{}` is no number for --jobs: 1 to {} expected", text, MAX_JOBS));
+            throw Usage_Error(fmt::format("`{}` is not a number for --jobs: 1 to {} expected", text, MAX_JOBS));
         jobs = static_cast<unsigned>(*number);
     };
     app.add_value("--jobs", "N", "threads that read (default: one for each core)", take);

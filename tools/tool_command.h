@@ -35,7 +35,7 @@ void require_files(const std::vector<std::string> &files);
 
 // An option that takes a number: decimal, or hexadecimal after 0x, and below 2^64.
 Option *declare_number(Options &app, const std::string &name, uint64_t &number, const std::string &description);
-// Digits alone, all of `text`; nothing when it is anything else. For hexadecimal ones 0x may stand in front.
+// Digits alone, all of `text`; nothing when it is anything else. Hexadecimal ones may begin with 0x.
 std::optional<uint64_t> parse_digits(std::string_view text, int base);
 
 // --page-bits, the sizes that page-size codes stand for; page_sizes() makes them of what it was given.
@@ -61,7 +61,7 @@ std::string closest(const std::string &word, const std::vector<std::string> &can
 struct Usage_Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-// `UNKNOWN is no WHAT`, with a suggestion where there is one.
+// "unknown WHAT `UNKNOWN`", with a suggestion where there is one.
 Usage_Error unknown_word(const std::string &what, const std::string &unknown,
                          const std::vector<std::string> &known);
 

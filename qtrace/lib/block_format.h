@@ -35,7 +35,7 @@ enum Block_Flag : uint8_t {
     LAST_BLOCK = 1,     // the writer closed the file after it
     ADDRESS_KNOWN = 2,  // first_address means something
     COMMENT_BLOCK = 4,  // the payload is the comment of the first header of the next block
-    COMMENT_BEFORE = 8, // the first header's comment is the payload of the comment block in front
+    COMMENT_BEFORE = 8, // the first header's comment is the payload of the comment block before it
     GAP_BEFORE = 16,    // what belongs before it is not in the file, on purpose: the numbers jump
     OPEN_END = 32,      // of the last block: a recovery or a cut closed the file; the trace went on
     LEFT_OUT = 64,      // with GAP_BEFORE: a recovery or a cut left it out; without, the writer refused it
@@ -93,7 +93,7 @@ enum Column : uint8_t {
     COLUMN_TRANSLATION, // translations
     COLUMN_KIND,        // how values are coded
     COLUMN_VALUE,       // values
-    COLUMN_EXTRA,       // file headers, and members that records seldom carry
+    COLUMN_EXTRA,       // file headers, and rare members
     COLUMNS
 };
 inline constexpr size_t COLUMN_SIZES = 4 * COLUMNS;
@@ -136,7 +136,7 @@ enum Value_Kind : uint8_t {
     VALUE_KINDS = 42
 };
 
-// Comments in a header item: none, in the block, in the block in front.
+// Comments in a header item: none, in the block, in the block before it.
 enum Comment_Place : uint8_t { NO_COMMENT, COMMENT_HERE, COMMENT_IN_FRONT };
 inline constexpr size_t MAX_COMMENT_IN_BLOCK = 16384;
 

@@ -925,7 +925,7 @@ void Decoder::decode_translation(QTRACE_RECORD &record, Address_Side side, bool 
     predictor_->page[slot] = now;
 }
 
-// ---- Members that records seldom carry --------------------------------------------------------------------------
+// ---- Rare members ----------------------------------------------------------------------------------------------
 
 [[gnu::noinline]] void Encoder::encode_escape(const QTRACE_RECORD &record)
 {

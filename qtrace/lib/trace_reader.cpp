@@ -208,7 +208,7 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
     return begin_items(*place);
 }
 
-// What stands at position_ is no whole block: goes on to the next one, which tells how many records are missing.
+// What stands at position_ is no whole block: continues at the next one, which tells how many records are missing.
 std::optional<QTRACE_ITEM> QTRACE_Reader::pass_damage()
 {
     const uint64_t from = position_;

@@ -112,7 +112,7 @@ private:
 
 // Items gather in the encoder. A full block is sealed into `sealed_` and written from there; what could not be
 // written stays there, and every later operation goes on with it first, where it stopped. So a failed write never
-// leaves a torn block before a whole one, and only items that were refused are missing.
+// leaves an incomplete block before a whole one, and only items that were refused are missing.
 class Trace_File
 {
 public:

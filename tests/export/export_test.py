@@ -90,7 +90,7 @@ class Csv(Export):
 
     def test_refuses_an_unknown_field(self):
         _, errors = self.export("csv", "none.csv", "--fields", "adress", self.trace, code=USAGE)
-        self.assertIn("`adress` is no field of csv", errors)
+        self.assertIn("unknown field of csv `adress`", errors)
 
 
 STACK, FLAGS, POINTER = 6, 25, 26

@@ -1,4 +1,4 @@
-"""Kills the replay host at random moments and looks at what it leaves behind."""
+"""Kills the replay host at random moments and looks at what it leaves."""
 
 import random
 import re

@@ -1,4 +1,4 @@
-// Whatever is typed, the console answers; a failed line has a complaint.
+// Whatever is typed, the console answers; a failed line has a message.
 
 #include "command_words.h"
 #include "console.h"
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (loads_something(line))
             continue;
         err.str("");
-        if (console.obey(line) != (err.str().empty() || err.str().starts_with("note: ")))
+        if (console.execute(line) != (err.str().empty() || err.str().starts_with("note: ")))
             std::abort();
     }
     return 0;

@@ -89,7 +89,7 @@ TEST_F(trace_file, keeps_header_members_whose_flags_are_clear)
     EXPECT_TRUE(read().items == written_);
 }
 
-TEST_F(trace_file, leaves_pointers_and_bookkeeping_behind)
+TEST_F(trace_file, leaves_pointers_and_bookkeeping_out)
 {
     QTRACE_RECORD record{};
     uint8_t data = 0;
@@ -127,7 +127,7 @@ TEST_F(trace_file, copies_the_comment_during_the_call)
     header.comment_length = 6;
     const QTRACE_FDESCR file = open();
     ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
-    comment = "behind";
+    comment = "after";
     QTRACE_Fclose(file);
     EXPECT_EQ(read().items.at(0).comment, "before");
 }
@@ -461,7 +461,7 @@ TEST_F(trace_file, seeking_to_a_lost_record_comes_to_the_damage)
     qtrace_close(reader);
 }
 
-TEST_F(trace_file, seeking_to_a_record_behind_damage_comes_to_the_record)
+TEST_F(trace_file, seeking_to_a_record_after_damage_comes_to_the_record)
 {
     write_plausible(60'000);
     const std::vector<uint64_t> blocks = block_offsets();
@@ -525,7 +525,7 @@ TEST_F(trace_file, without_its_comment_block_is_damaged)
     EXPECT_TRUE(verified().clean_end);
 }
 
-TEST_F(trace_file, with_bytes_behind_its_last_block_is_damaged)
+TEST_F(trace_file, with_bytes_after_its_last_block_is_damaged)
 {
     write_plausible(100);
     const std::string whole = bytes();
@@ -743,7 +743,7 @@ TEST_F(trace_file, tells_what_was_refused_and_goes_on_at_the_right_address)
     qtrace_close(reader);
 }
 
-TEST_F(trace_file, closed_behind_refused_records_counts_them)
+TEST_F(trace_file, closed_after_refused_records_counts_them)
 {
     Random_Trace chance(13);
     const QTRACE_FDESCR file = open();
@@ -761,7 +761,7 @@ TEST_F(trace_file, closed_behind_refused_records_counts_them)
     EXPECT_TRUE(info_of(name_).clean_end);
 }
 
-TEST_F(trace_file, whose_descriptor_was_closed_behind_its_back_reports_it)
+TEST_F(trace_file, whose_descriptor_was_closed_by_others_reports_it)
 {
     const int next_free = dup(0);
     ::close(next_free);

@@ -150,7 +150,7 @@ public:
     void rtpte_access(int tid, const RTPTE_Event_Info &info);
     void call_helpers(const Call_Helpers &call);
 
-    // ---- things a test does behind the plugin's back --------------------------------------------------------
+    // ---- what a test changes without the plugin's knowledge --------------------------------------------------------
     void fail_writer(const Fail_Writer &failure);
     void block_file(const std::string &path) { blocked.insert(path); }
     void put_flushed(const Flushed_Instruction &flushed);

@@ -1,4 +1,4 @@
-"""What a shell offers behind the words typed so far.
+"""What a shell offers after the words typed so far.
 
     completions_test.py COMPLETIONS ZSH"""
 import pathlib

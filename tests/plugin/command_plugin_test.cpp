@@ -488,7 +488,7 @@ TEST_P(Switch_Command, processor_and_thread_switch_one_thread)
     EXPECT_THAT(m.messages(), IsEmpty());
 }
 
-TEST_P(Switch_Command, words_behind_the_thread_number_are_ignored)
+TEST_P(Switch_Command, words_after_the_thread_number_are_ignored)
 {
     run({"cpu", "0", "thread", "1", "now", "please"});
     EXPECT_EQ(switched(), ".x......");

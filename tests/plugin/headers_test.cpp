@@ -155,7 +155,7 @@ TEST(file_header_control, each_flag_is_exactly_its_bit)
         EXPECT_EQ(flag.bits, 1u << flag.first) << flag.name;
 }
 
-TEST(record_validity, bits_count_up_from_zero_behind_is_speculative)
+TEST(record_validity, bits_count_up_from_zero_after_is_speculative)
 {
     const auto unit_after = [](auto set) {
         QTRACE_RECORD record;

@@ -21,7 +21,7 @@ struct Failing_Allocation {
     size_t most = 0;
 } failing;
 
-// Blocks of the plugin and of the test, by size. Never destroyed: the coverage run time allocates behind the end of
+// Blocks of the plugin and of the test, by size. Never destroyed: the coverage run time allocates after the end of
 // main.
 std::unordered_map<void *, size_t> &live = *new std::unordered_map<void *, size_t>;
 

@@ -539,7 +539,7 @@ TEST_F(Ordering, batch_leaves_the_newest_instruction_out)
     EXPECT_EQ(words_after_dump(chain_of({committed(1), committed(2), committed(3)})), (Words{1, 2}));
 }
 
-TEST_F(Ordering, batch_writes_flushed_instructions_behind_the_one_that_flushed_them)
+TEST_F(Ordering, batch_writes_flushed_instructions_after_the_one_that_flushed_them)
 {
     Node *tree = chain_of({committed(1), committed(8), committed(9)});
     tree->right = chain_of({flushed(2), flushed(3), flushed(4)});
@@ -676,7 +676,7 @@ struct Flushes : testing::Test {
 
 } // namespace
 
-TEST_F(Flushes, flushed_instruction_is_taken_from_its_slot_and_written_behind_its_flusher)
+TEST_F(Flushes, flushed_instruction_is_taken_from_its_slot_and_written_after_its_flusher)
 {
     commit(2);
     ::flush[0] = flushed(25, 20);
@@ -719,7 +719,7 @@ TEST_F(Flushes, flushed_instruction_of_the_seq_of_the_newest_commit_does_not_hol
 TEST_F(Flushes, only_the_first_of_the_list_is_waited_for)
 {
     commit(2);
-    waiting(25, 30); // behind the next in the list
+    waiting(25, 30); // after the next in the list
     waiting(95, 20);
     commit(2);
     EXPECT_EQ(written(), Words{10});
@@ -735,7 +735,7 @@ TEST_F(Flushes, two_flushed_instructions_go_under_their_own_flushers)
     EXPECT_EQ(written(), (Words{10, 20, 35, 30, 37}));
 }
 
-TEST_F(Flushes, flushed_instruction_of_a_flushed_one_goes_behind_it)
+TEST_F(Flushes, flushed_instruction_of_a_flushed_one_goes_after_it)
 {
     commit(2);
     waiting(26, 25);

@@ -34,7 +34,7 @@ struct Record : testing::Test {
         EXPECT_EQ(dump_node(&node), 1u);
         return m.records(node.proc_index).back();
     }
-    // The full header in front of `node`.
+    // The full header before `node`.
     Written_Header header()
     {
         hdr_write[node.proc_index] = 0;
@@ -464,7 +464,7 @@ TEST_F(Record, carries_the_length_of_a_string_instruction_unless_it_is_unknown)
 
 // ---- processor ----------------------------------------------------------------------------------------------
 
-TEST_F(Record, names_the_processor_only_right_behind_a_full_header)
+TEST_F(Record, names_the_processor_only_right_after_a_full_header)
 {
     node.proc_index = 3;
     header();
@@ -478,7 +478,7 @@ TEST_F(Record, names_the_processor_only_right_behind_a_full_header)
     EXPECT_EQ(differences(m.records(3).back(), bare_record()), "");
 }
 
-TEST_F(Record, behind_a_partition_header_does_not_name_the_processor)
+TEST_F(Record, after_a_partition_header_does_not_name_the_processor)
 {
     node.partition_change = 1;
     EXPECT_EQ(differences(dumped(), bare_record()), "");

@@ -96,7 +96,7 @@ class Failing_Header : public testing::TestWithParam<size_t>
 {
 };
 
-// Four first headers and one for the change of process: the record behind a header that fails is lost, no other.
+// Four first headers and one for the change of process: the record after a header that fails is lost, no other.
 TEST_P(Failing_Header, costs_one_record_and_nothing_else)
 {
     Traced_Machine m(PROCESSORS, THREADS);

@@ -154,7 +154,7 @@ class Equality(InFolder):
             "the file's start": lambda data: b"\0" * 16 + data[16:],
             "a cut end": lambda data: data[: starts[-1] + 70],
             "a missing end": lambda data: data[: starts[-1]],
-            "more behind the end": lambda data: data + b"more",
+            "more after the end": lambda data: data + b"more",
         }  # fmt: skip
         for kind, change in changes.items():
             with self.subTest(kind):

@@ -49,7 +49,7 @@ struct Commands : testing::Test {
     bool script(const std::string &lines, bool stop_at_failure = false)
     {
         std::istringstream in(lines);
-        return console.obey_script(in, "script", stop_at_failure);
+        return console.run_script(in, "script", stop_at_failure);
     }
 
     std::vector<std::string> complete(std::string_view line) { return console.completions(line, wants_file); }
@@ -76,11 +76,11 @@ TEST_F(Commands, blank_lines_and_comments_do_nothing)
 
 TEST_F(Commands, run_delivers_that_many_events_or_all)
 {
-    EXPECT_TRUE(console.obey("run 2"));
+    EXPECT_TRUE(console.execute("run 2"));
     EXPECT_EQ(player.events(), 2u);
-    EXPECT_TRUE(console.obey("run"));
+    EXPECT_TRUE(console.execute("run"));
     EXPECT_EQ(player.events(), 3u);
-    EXPECT_TRUE(console.obey("run"));
+    EXPECT_TRUE(console.execute("run"));
     EXPECT_EQ(out.str(), "");
     EXPECT_EQ(err.str(), "note: 1 event delivered to the end of the stream while no session was open\n");
 }
@@ -88,15 +88,15 @@ TEST_F(Commands, run_delivers_that_many_events_or_all)
 TEST_F(Commands, run_of_what_is_no_number_fails)
 {
     for (const char *word : {"all", "-1", "2x", "1.5", "''", "99999999999999999999"})
-        EXPECT_FALSE(console.obey(std::string("run ") + word)) << word;
+        EXPECT_FALSE(console.execute(std::string("run ") + word)) << word;
     EXPECT_THAT(err.str(), HasSubstr("\"2x\" is not a number of events\n"));
     EXPECT_EQ(player.events(), 0u);
 }
 
 TEST_F(Commands, status_shows_stream_position_and_machine)
 {
-    console.obey("run 2");
-    EXPECT_TRUE(console.obey("status"));
+    console.execute("run 2");
+    EXPECT_TRUE(console.execute("status"));
     EXPECT_THAT(out.str(), HasSubstr(file.name() + ": by hand\n"));
     EXPECT_THAT(out.str(), HasSubstr("position  line 3, 80 % of the input read\n"));
     EXPECT_THAT(out.str(), HasSubstr("events    2 delivered: 2 commits, 0 pre, 0 pte, 0 rtpte\n"));
@@ -106,52 +106,52 @@ TEST_F(Commands, status_shows_stream_position_and_machine)
 
 TEST_F(Commands, help_lists_every_command_and_explains_one)
 {
-    EXPECT_TRUE(console.obey("help"));
+    EXPECT_TRUE(console.execute("help"));
     for (const char *name : {"plugin load FILE", "plugin signal FILE WORD...", "plugin unload", "run [N]", "status",
                              "help [COMMAND]", "quit"})
         EXPECT_THAT("\n" + out.str(), HasSubstr(std::string("\n") + name)) << name;
     out.str("");
-    EXPECT_TRUE(console.obey("help plugin signal"));
+    EXPECT_TRUE(console.execute("help plugin signal"));
     EXPECT_THAT(out.str(), testing::StartsWith("plugin signal FILE WORD...\n    pass words"));
     EXPECT_THAT(out.str(), testing::Not(HasSubstr("plugin load")));
     out.str("");
-    EXPECT_TRUE(console.obey("help plugin"));
+    EXPECT_TRUE(console.execute("help plugin"));
     EXPECT_THAT(out.str(), HasSubstr("plugin unload"));
-    EXPECT_FALSE(console.obey("help statsu"));
-    EXPECT_THAT(err.str(), HasSubstr("did you mean \"status\"?"));
+    EXPECT_FALSE(console.execute("help statsu"));
+    EXPECT_THAT(err.str(), HasSubstr("did you mean `status`?"));
 }
 
 TEST_F(Commands, mistyped_command_gets_a_suggestion)
 {
-    EXPECT_FALSE(console.obey("rnu 5"));
-    EXPECT_FALSE(console.obey("plugin laod x.so"));
-    EXPECT_FALSE(console.obey("plugni unload"));
-    EXPECT_FALSE(console.obey("frobnicate"));
-    EXPECT_EQ(err.str(), "unknown command \"rnu\"; did you mean \"run\"?\n"
-                         "unknown command \"plugin laod\"; did you mean \"plugin load\"?\n"
-                         "unknown command \"plugni unload\"; did you mean \"plugin unload\"?\n"
-                         "unknown command \"frobnicate\"; \"help\" lists the commands\n");
+    EXPECT_FALSE(console.execute("rnu 5"));
+    EXPECT_FALSE(console.execute("plugin laod x.so"));
+    EXPECT_FALSE(console.execute("plugni unload"));
+    EXPECT_FALSE(console.execute("frobnicate"));
+    EXPECT_EQ(err.str(), "unknown command `rnu`; did you mean `run`?\n"
+                         "unknown command `plugin laod`; did you mean `plugin load`?\n"
+                         "unknown command `plugni unload`; did you mean `plugin unload`?\n"
+                         "unknown command `frobnicate`; `help` lists the commands\n");
 }
 
 TEST_F(Commands, lone_plugin_is_not_suggested_to_itself)
 {
-    EXPECT_FALSE(console.obey("plugin"));
-    EXPECT_EQ(err.str(), "unknown command \"plugin\"; \"help\" lists the commands\n");
+    EXPECT_FALSE(console.execute("plugin"));
+    EXPECT_EQ(err.str(), "unknown command `plugin`; `help` lists the commands\n");
 }
 
 TEST_F(Commands, wrong_number_of_operands_shows_the_usage)
 {
-    EXPECT_FALSE(console.obey("plugin load"));
-    EXPECT_FALSE(console.obey("plugin signal"));
-    EXPECT_FALSE(console.obey("run 1 2"));
+    EXPECT_FALSE(console.execute("plugin load"));
+    EXPECT_FALSE(console.execute("plugin signal"));
+    EXPECT_FALSE(console.execute("run 1 2"));
     EXPECT_EQ(err.str(), "usage: plugin load FILE\nusage: plugin signal FILE WORD...\nusage: run [N]\n");
 }
 
 TEST_F(Commands, plugin_commands_without_a_plugin_fail)
 {
-    EXPECT_FALSE(console.obey("plugin load /nowhere/p.so"));
-    EXPECT_FALSE(console.obey("plugin signal p.so stop"));
-    EXPECT_FALSE(console.obey("plugin unload"));
+    EXPECT_FALSE(console.execute("plugin load /nowhere/p.so"));
+    EXPECT_FALSE(console.execute("plugin signal p.so stop"));
+    EXPECT_FALSE(console.execute("plugin unload"));
     EXPECT_THAT(err.str(), HasSubstr("cannot load the plugin: /nowhere/p.so: cannot open"));
     EXPECT_THAT(err.str(), EndsWith("no plugin is loaded\nno plugin is loaded\n"));
 }
@@ -196,7 +196,7 @@ TEST_F(Commands, run_display_is_called_around_a_run)
     std::string calls;
     console.set_run_display([&] { calls += "begin " + std::to_string(player.events()) + " "; },
                             [&] { calls += "end " + std::to_string(player.events()); });
-    console.obey("run 2");
+    console.execute("run 2");
     EXPECT_EQ(calls, "begin 0 end 2");
 }
 
@@ -205,29 +205,29 @@ TEST_F(Commands, progress_makes_room_for_what_the_plugin_says)
     std::string calls;
     console.set_run_display([] { SIM_PRINT("said"); }, [] {},
                             [&] { calls += "clear, out has \"" + out.str() + "\""; });
-    console.obey("run 1");
+    console.execute("run 1");
     EXPECT_EQ(calls, "clear, out has \"\"");
     EXPECT_EQ(out.str(), "said");
     SIM_PRINT(" later");
     EXPECT_EQ(calls, "clear, out has \"\"");
 }
 
-TEST_F(Commands, host_output_goes_to_its_stream_and_complaints_fail_the_command)
+TEST_F(Commands, host_output_goes_to_its_stream_and_its_warnings_fail_the_command)
 {
     console.set_run_display([] { SIM_PRINT("to out\n"); }, [] { sim_do_warning(2, "to err"); });
-    EXPECT_FALSE(console.obey("run 1", "script:7"));
+    EXPECT_FALSE(console.execute("run 1", "script:7"));
     EXPECT_EQ(out.str(), "to out\n");
-    EXPECT_EQ(err.str(), "warning (2): to err\nscript:7: the plugin complained\n");
+    EXPECT_EQ(err.str(), "warning (2): to err\nscript:7: the plugin reported a problem\n");
 }
 
 TEST_F(Refused_Stream, run_fails_with_stream_line_and_reason_again_and_again)
 {
-    const std::string complaint =
+    const std::string message =
         file.name() + ": line 5: key \"tid\": expected a hardware thread from 0 to 1, found 2\n";
-    EXPECT_TRUE(console.obey("run 3"));
-    EXPECT_FALSE(console.obey("run"));
-    EXPECT_FALSE(console.obey("run"));
-    EXPECT_EQ(err.str(), complaint + complaint);
+    EXPECT_TRUE(console.execute("run 3"));
+    EXPECT_FALSE(console.execute("run"));
+    EXPECT_FALSE(console.execute("run"));
+    EXPECT_EQ(err.str(), message + message);
     EXPECT_EQ(player.events(), 3u);
 }
 

@@ -116,7 +116,7 @@ TEST_F(Host_Services, describes_messages_with_their_level_and_one_line_end)
     EXPECT_EQ(description_of({Channel::print, 0, "", 0, "no end"}), "no end");
 }
 
-TEST_F(Host_Services, prints_to_standard_output_and_complains_on_standard_error)
+TEST_F(Host_Services, prints_to_standard_output_and_reports_on_standard_error)
 {
     host().set_console({});
     testing::internal::CaptureStdout();
@@ -208,7 +208,7 @@ TEST_F(Host_Services, changes_are_kept_apart_by_thread)
 
 // ---- queries that fill something ------------------------------------------------------------------------
 
-TEST_F(Host_Services, register_query_leaves_entries_behind_the_count_alone)
+TEST_F(Host_Services, register_query_leaves_entries_beyond_the_count_alone)
 {
     instruction.in.gpr_num = 1;
     instruction.in.gpr_index[0] = 4;

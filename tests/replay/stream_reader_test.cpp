@@ -73,7 +73,7 @@ std::string refusal_of_line(const std::string &line)
     return outcome.error;
 }
 
-// The event of the one line behind the machine line.
+// The event of the one line after the machine line.
 class One_Event
 {
 public:
@@ -470,7 +470,7 @@ TEST(stream_keys, come_in_any_order_and_with_blanks_and_escapes)
 
 struct Refused_Line {
     const char *line;
-    const char *error; // behind "line 2: "
+    const char *error; // after "line 2: "
 };
 
 // A name that any terminal shows: bytes that are not ASCII text as \xHH.
@@ -512,8 +512,8 @@ INSTANTIATE_TEST_SUITE_P(of_malformed_lines, Refusals, testing::Values(
     Refused_Line{"{\"t\":\"commit\",\"text\":\"a\x01\"}", "expected well-formed JSON, found a control character in a string"},
     Refused_Line{"{\"t\":\"commit\",\"text\":\"\xff\"}", "expected valid UTF-8"},
     Refused_Line{"{\"t\":\"commit\",\"text\":\"\xed\xa0\x80\"}", "expected valid UTF-8"},
-    Refused_Line{R"({"t":"commit"} {"t":"commit"})", "expected nothing behind the object"},
-    Refused_Line{R"({"t":"commit"},{"t":"commit"})", "expected nothing behind the object"}));
+    Refused_Line{R"({"t":"commit"} {"t":"commit"})", "expected nothing after the object"},
+    Refused_Line{R"({"t":"commit"},{"t":"commit"})", "expected nothing after the object"}));
 
 INSTANTIATE_TEST_SUITE_P(of_kinds, Refusals, testing::Values(
     Refused_Line{R"({})", "key \"t\": expected the kind of line, found no such key"},

@@ -22,7 +22,7 @@ struct Written_Stream : testing::Test {
     Written_Stream() { std::filesystem::create_directories(folder); }
     ~Written_Stream() override { std::filesystem::remove_all(folder); }
 
-    // The bytes behind the line of a machine of two threads, and what closing says.
+    // The bytes after the line of a machine of two threads, and what closing says.
     std::string lines(const std::function<void(commit_stream *)> &write, std::string *problem = nullptr)
     {
         commit_stream *stream = commit_stream_open(file.c_str());

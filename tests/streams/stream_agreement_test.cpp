@@ -201,8 +201,8 @@ public:
             text_with_stream(text->line, stream_.commits[position], flow);
             next_of_last_ = flow.filled && flow.i ? std::optional(facts_of_next(record->record)) : std::nullopt;
         }
-        EXPECT_FALSE(trace_.next()) << "records behind the last instruction";
-        EXPECT_FALSE(text_.next()) << "text behind the last instruction";
+        EXPECT_FALSE(trace_.next()) << "records after the last instruction";
+        EXPECT_FALSE(text_.next()) << "text after the last instruction";
         EXPECT_EQ(differences_, 0) << "differences in thread " << tid_;
     }
 

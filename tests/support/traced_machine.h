@@ -21,7 +21,7 @@ public:
     explicit Traced_Machine(const replay::Machine_Shape &shape, bool load = true);
     ~Traced_Machine(); // plugin_quit; the working folder of the test is removed
 
-    // plugin_signal with these words behind the plugin's file name.
+    // plugin_signal with these words after the plugin's file name.
     void signal(const std::vector<std::string> &words);
     // A session on "trace" (binary only), or with a text trace "text" and PTE files "pte" in the test's folder.
     void start();

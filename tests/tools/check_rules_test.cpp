@@ -115,13 +115,13 @@ const std::map<std::string, Change> RECORD_CHANGES = {
     {"length-unknown", [](Trace &t) { t[STRING].record.length = 0xFFFF; }},
     {"registers-empty", [](Trace &t) { flags(t, PLAIN).register_trace_present = 1; }},
     {"register-counts", [](Trace &t) { t[STRING].record.regs.num_fprs_in = 4; }},
-    {"registers-behind-count", [](Trace &t) { t[STRING].record.regs.gpr_in[5].value = 1; }},
+    {"registers-beyond-count", [](Trace &t) { t[STRING].record.regs.gpr_in[5].value = 1; }},
     {"register-written-twice",
      [](Trace &t) {
          t[STRING].record.regs.num_vsxrs_out = 2;
          t[STRING].record.regs.vsxr_out[1] = t[STRING].record.regs.vsxr_out[0];
      }},
-    {"stretch-continued",
+    {"segment-continued",
      [](Trace &t) {
          const uint32_t word = t[LAST_BEFORE_GAP].record.header.instruction;
          t[LAST_BEFORE_GAP] = t[UNTAKEN_BRANCH];

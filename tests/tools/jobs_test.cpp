@@ -11,7 +11,7 @@ using nlohmann::json;
 namespace
 {
 
-// 60,000 records in several blocks: jumps over many pages, partition changes, pauses, broken rules at every distance.
+// 60,000 records in several blocks: jumps over many pages, partition changes, pauses, violations at every distance.
 Trace mixed_trace()
 {
     Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};

@@ -125,10 +125,10 @@ TEST_F(record_filter, refuses_values_that_mean_nothing)
     };
     EXPECT_THAT(refusal("--kind", "laod"), HasSubstr("did you mean `load`?"));
     EXPECT_THAT(refusal("--pc", "2000-1000"), HasSubstr("ends before it begins"));
-    EXPECT_THAT(refusal("--data", "1 000"), HasSubstr("is no address"));
+    EXPECT_THAT(refusal("--data", "1 000"), HasSubstr("is not an address"));
     EXPECT_THAT(refusal("--word", "100000000"), HasSubstr("32 bits"));
-    EXPECT_THAT(refusal("--register", "q1"), HasSubstr("is no register"));
-    EXPECT_THAT(refusal("--pid", "4294967296"), HasSubstr("is no number for --pid"));
+    EXPECT_THAT(refusal("--register", "q1"), HasSubstr("is not a register"));
+    EXPECT_THAT(refusal("--pid", "4294967296"), HasSubstr("is not a number for --pid"));
 }
 
 // Several blocks of each process: whole blocks are passed over, and none too many.

@@ -145,7 +145,7 @@ void Trace_Diff::compare_records()
     report(std::move(place));
 }
 
-// Compares the current records, and goes on to the next ones.
+// Compares the current records, and takes the next ones.
 void Trace_Diff::pair()
 {
     compare(is_equal());

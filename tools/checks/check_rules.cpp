@@ -99,7 +99,7 @@ const std::vector<Byte_Range> &unused_in_headers()
     return ranges;
 }
 
-bool has_entries_behind_counts(const QTRACE_REGISTERS &registers)
+bool has_entries_beyond_counts(const QTRACE_REGISTERS &registers)
 {
     return std::ranges::any_of(REGISTER_CLASSES, [&](const Register_Class &kind) {
         const unsigned entries = kind.entries(registers);
@@ -158,12 +158,14 @@ const Record_Rule RECORD_RULES[] = {
          return v.has_next() && !v.flags.iar_change_present &&
                 (!v.flags.node_present || v.flags.termination_present);
      }},
-    {"change-to-next", "the address is said to change, but goes on to the instruction behind",
+    {"change-to-next",
+     "a control-flow change is flagged, but the next address is that of the next sequential instruction",
      "next_instruction_ea",
      [](const Record_View &v) {
          return v.item.address_known && v.flags.iar_change_present && !v.flags.termination_present && v.goes_on();
      }},
-    {"jump-without-change", "the next address is not the one behind, but no change is announced",
+    {"jump-without-change",
+     "the next address is not that of the next sequential instruction, but no control-flow change is flagged",
      "next_instruction_ea",
      [](const Record_View &v) {
          return v.item.address_known && !v.flags.iar_change_present && v.flags.node_present &&
@@ -186,7 +188,7 @@ const Record_Rule RECORD_RULES[] = {
          return v.flags.termination_present && v.record.termination_code != QTRACE_UnconditionalBranchNode &&
                 v.record.termination_code != QTRACE_ExceededMaximumInstructionDepth;
      }},
-    {"unconditional-not-taken", "an unconditional branch goes on to the instruction behind", "termination_code",
+    {"unconditional-not-taken", "an unconditional branch falls through", "termination_code",
      [](const Record_View &v) {
          return v.flags.node_present && v.flags.termination_present && !v.flags.iar_change_present &&
                 v.record.termination_code == QTRACE_UnconditionalBranchNode;
@@ -201,7 +203,7 @@ const Record_Rule RECORD_RULES[] = {
                 PAIRS[instruction_modes(v.record.header.control).index()].exists;
      }},
     // place in the file
-    {"record-before-header", "a record stands in front of the first file header", "",
+    {"record-before-header", "a record precedes the first file header", "",
      [](const Record_View &v) { return !v.before.header_seen; }},
     {"processor-missing", "the first record after a file header does not name its processor", "",
      [](const Record_View &v) { return v.before.opened && !v.flags.processor_present; }},
@@ -228,9 +230,9 @@ const Record_Rule RECORD_RULES[] = {
          return std::ranges::any_of(REGISTER_CLASSES,
                                     [&](const Register_Class &c) { return c.held(v.record.regs) > c.capacity; });
      }},
-    {"registers-behind-count", "register entries are filled that the counts do not cover", "",
+    {"registers-beyond-count", "register entries are filled that the counts do not cover", "",
      [](const Record_View &v) {
-         return v.flags.register_trace_present && has_entries_behind_counts(v.record.regs);
+         return v.flags.register_trace_present && has_entries_beyond_counts(v.record.regs);
      }},
     {"register-written-twice", "a register is listed twice among those written", "",
      [](const Record_View &v) {
@@ -332,9 +334,9 @@ const Header_Rule HEADER_RULES[] = {
      [](const Header_View &v) { return v.full && v.before.open_header && v.before.header_seen; }},
     {"partition-flags", "a partition header carries something else than lpid and pid", "",
      [](const Header_View &v) { return !v.full && v.words.control != PARTITION_FLAGS; }, Rule_Values::flags},
-    {"partition-before-header", "a partition header stands in front of the first file header", "lpid pid",
+    {"partition-before-header", "a partition header precedes the first file header", "lpid pid",
      [](const Header_View &v) { return !v.full && !v.before.header_seen; }},
-    {"partition-repeated", "two partition headers stand in front of one record", "lpid pid",
+    {"partition-repeated", "two partition headers precede one record", "lpid pid",
      [](const Header_View &v) { return !v.full && v.before.open_partition; }},
 };
 
@@ -382,7 +384,7 @@ unsigned walks_of(const Translated_Address &a)
 }
 
 // Directory entries after the first `levels` of a host walk.
-bool has_directory_behind(const QTRACE_RTW &walk, unsigned levels)
+bool has_directory_beyond(const QTRACE_RTW &walk, unsigned levels)
 {
     return filled(&walk.RTPDE_ra_l1 + levels, 3 - levels);
 }
@@ -431,12 +433,12 @@ const Side_Rule SIDE_RULES[] = {
      }},
     {"nested-depth", "{} has a guest walk of no levels", "_hRTW_depth",
      [](const Translated_Address &a) { return is_walk(a, Walk_Kind::nested) && a.guest_depth == 0; }},
-    {"nested-walks", "{} has host walks behind the last one of its guest walk", "_hRTW_depth _hRTW",
+    {"nested-walks", "{} has host walks beyond the last one of its guest walk", "_hRTW_depth _hRTW",
      [](const Translated_Address &a) {
          return is_walk(a, Walk_Kind::nested) && a.guest_depth > 0 &&
                 filled(a.walks + walks_of(a), RDX_MAX_2LEVEL_DEPTH - walks_of(a));
      }},
-    {"nested-addresses", "{} has host addresses behind the last one of its guest walk", "_hRTW_depth _hRTW_host_RA",
+    {"nested-addresses", "{} has host addresses beyond the last one of its guest walk", "_hRTW_depth _hRTW_host_RA",
      [](const Translated_Address &a) {
          return is_walk(a, Walk_Kind::nested) && a.guest_depth > 0 &&
                 filled(a.host_addresses + (walks_of(a) - 1), RDX_MAX_2LEVEL_DEPTH - walks_of(a));
@@ -446,7 +448,7 @@ const Side_Rule SIDE_RULES[] = {
          const unsigned levels = a.host_depth >= 2 && a.host_depth <= 4 ? a.host_depth - 1u : 0u;
          return is_walk(a, Walk_Kind::nested) && a.host_depth <= 4 &&
                 std::any_of(a.walks, a.walks + walks_of(a),
-                            [&](const QTRACE_RTW &walk) { return has_directory_behind(walk, levels); });
+                            [&](const QTRACE_RTW &walk) { return has_directory_beyond(walk, levels); });
      }},
     {"guest-directories", "{} has guest directory entries below the depth of its guest walk", "_hRTW_depth _gRTW",
      [](const Translated_Address &a) {
@@ -472,7 +474,7 @@ struct End_Rule {
     const char *sentence;
 };
 constexpr End_Rule END_RULES[] = {
-    {"stretch-continued", "the last record of a trace segment says how it goes on"},
+    {"segment-continued", "the last record of a trace segment tells its successor"},
     {"file-whole", "a part of the file is damaged or missing"},
 };
 enum End : size_t { SEGMENT_CONTINUED, FILE_WHOLE };
@@ -627,7 +629,7 @@ std::string values_of(const std::vector<const Trace_Member *> &members, const St
     return values;
 }
 
-// What explains a broken rule: flags for the rules about flags, unused members for the rules about those.
+// What explains a violation: flags for the rules about flags, unused members for the rules about those.
 template <class Structure>
 std::string explanation(const Check_Rule &rule, const Structure &structure, const Flag_Words &flags,
                         std::span<const Trace_Member> rows)

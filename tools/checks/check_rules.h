@@ -1,4 +1,4 @@
-// The rules of a good trace, and the walk over a file that applies them.
+// The trace invariants, and the walk over a file that checks them.
 #pragma once
 
 #include "header_comment.h"
@@ -26,10 +26,10 @@ enum class Rule_Values : uint8_t {
     unused_members, // those of them that are filled
 };
 
-// A rule. All trace invariants hold when no rule is broken.
+// A trace invariant, told by its violation.
 struct Check_Rule {
     std::string name;
-    std::string sentence; // what is wrong where the rule is broken
+    std::string sentence; // what is wrong where it is violated
     Rule_Scope scope;
     std::vector<const Trace_Member *> shows; // members whose values explain a violation
     Rule_Values values = Rule_Values::members;
@@ -40,7 +40,7 @@ const std::vector<Check_Rule> &check_rules();
 // The place in it of the rule with this name, which there is.
 size_t rule_number(std::string_view name);
 
-// One place where a rule is broken.
+// One violation.
 struct Violation {
     const Check_Rule &rule;
     uint64_t record;  // of a header: of the record after it

@@ -194,12 +194,12 @@ bool parse_text_line(std::string_view line, Text_Line &parsed)
 {
     parsed = {};
     const size_t name = line.find("{name:");
-    const size_t behind = line.find("} (I:", name); // a name may hold anything, but hardly this
-    if (!line.starts_with("(seq:") || name == std::string_view::npos || behind == std::string_view::npos)
+    const size_t end = line.find("} (I:", name); // a name may hold anything, but hardly this
+    if (!line.starts_with("(seq:") || name == std::string_view::npos || end == std::string_view::npos)
         return false;
     Line_Parser parser(parsed);
     parser.words(line.substr(0, name));
-    parser.words(line.substr(behind + 1));
+    parser.words(line.substr(end + 1));
     return true;
 }
 
@@ -311,9 +311,9 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
         differ("text-next-address", "the next address", line.next, number(record.next_instruction_ea));
     // (an interrupt after an untaken branch changes the address too)
     if (line.branch && *line.branch == "untaken" && line.next == item.address + 4)
-        differ("text-branch", "the change of address behind an untaken branch", 0, flags.iar_change_present);
+        differ("text-branch", "the control-flow change after an untaken branch", 0, flags.iar_change_present);
     else if (line.branch && *line.branch == "taken" && flags.termination_present)
-        differ("text-branch", "the change of address behind a taken branch", 1, flags.iar_change_present);
+        differ("text-branch", "the control-flow change after a taken branch", 1, flags.iar_change_present);
     differ("text-data-address", "the presence of a data address", line.data.has_value(),
            flags.data_address_present);
     if (line.data && flags.data_address_present)
@@ -347,10 +347,10 @@ namespace
 size_t scalar_vectors_begin(const QTRACE_REGISTERS &registers, const Register_Class &vectors,
                             const Register_Class &scalars, const std::vector<Text_Register> &listed)
 {
-    const unsigned before = vectors.entries(registers), behind = scalars.entries(registers);
-    if (before < vectors.capacity || behind == 0 || listed.size() <= before + behind)
+    const unsigned before = vectors.entries(registers), after = scalars.entries(registers);
+    if (before < vectors.capacity || after == 0 || listed.size() <= before + after)
         return before;
-    const bool both_full = behind == scalars.capacity && listed.size() == before + behind + 1;
+    const bool both_full = after == scalars.capacity && listed.size() == before + after + 1;
     return both_full && listed[before].index == register_entry(scalars, registers, 0).index ? before : before + 1;
 }
 

@@ -199,7 +199,7 @@ void Findings::summarise(uint64_t records, uint64_t headers, const Compared &com
     Output &out = run_.out;
     out.print("{}: {}, {}: ", file_, counted(records, "record"), counted(headers, "header"));
     out.paint(counts_.empty() ? Colour::good : Colour::bad);
-    out.put(counts_.empty() ? "no rule is broken" : "rules are broken");
+    out.put(counts_.empty() ? "all invariants hold" : "invariants are violated");
     out.paint(Colour::plain);
     out.put('\n');
     for (const auto &[rule, count] : counts_)

@@ -57,7 +57,7 @@ public:
     void run(Tool_Run &run) override
     {
         if (parts_ == 0)
-            throw Usage_Error("`0` is no number for --parts: 1 or more expected");
+            throw Usage_Error("`0` is not a number for --parts: 1 or more expected");
         const std::vector<std::unique_ptr<Trace_File>> files = open_traces(run, files_);
         uint64_t records = 0;
         for (const std::unique_ptr<Trace_File> &file : files)

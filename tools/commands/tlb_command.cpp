@@ -23,7 +23,7 @@ Tlb_Size parse_level(const std::string &text)
     const std::optional<uint64_t> entries = parse_digits(text.substr(0, x), 10);
     const std::optional<uint64_t> ways = x == std::string::npos ? entries : parse_digits(text.substr(x + 1), 10);
     if (!entries || !ways)
-        throw Usage_Error(fmt::format("`{}` is no TLB level: ENTRIESxWAYS or ENTRIES expected", text));
+        throw Usage_Error(fmt::format("`{}` is not a TLB level: ENTRIESxWAYS or ENTRIES expected", text));
     if (*entries == 0 || *ways == 0 || *entries > MOST || *entries % *ways != 0)
         throw Usage_Error(
             fmt::format("`{}`: a level has 1 to {} entries, a multiple of its ways", text, uint64_t{MOST}));

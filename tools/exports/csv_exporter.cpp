@@ -108,7 +108,7 @@ Csv_Exporter::Csv_Exporter(Output_File &file, const Export_Options &options)
     for (const std::string &name : wanted) {
         const auto column = std::ranges::find(known, name, &Column::name);
         if (column == known.end())
-            throw std::invalid_argument(fmt::format("`{}` is no field of csv", name));
+            throw std::invalid_argument(fmt::format("unknown field of csv `{}`", name));
         columns_.push_back(*column);
         out_.put(columns_.size() > 1 ? "," : "");
         out_.put(name);

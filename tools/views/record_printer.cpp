@@ -750,7 +750,7 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view be
 
 const char *const LINE_LEGEND =
     R"(# A line a record: its number, the instruction's address and word, then three letters:
-#   I  the next instruction is not the one behind it (the line says `next ADDRESS`)
+#   I  control-flow change: not the next sequential instruction (the line says `next ADDRESS`)
 #   N  the record carries a node number: `node`, 0 when not shown
 #   T  a run of instructions ends here; U: at an unconditional branch. `ends-at`, `end`: node and code, if unusual
 # next, data: the next instruction's address and the data address, each followed by its translation as

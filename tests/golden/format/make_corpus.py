@@ -130,28 +130,28 @@ class Trace_Maker:
     def record(self, **members):
         self.expect(**members)
         control = members.get("control", 0)
-        seldom = dict(members)
+        rare = dict(members)
         address, start = self.now_address, self.columns
         flags = 1 | 2 | 4 | 8 | 64
-        start[WORD] += struct.pack("<I", seldom.pop("instruction", 0))
-        start[SHAPE] += bytes([self.controls]) + struct.pack("<Q", seldom.pop("control", 0))
+        start[WORD] += struct.pack("<I", rare.pop("instruction", 0))
+        start[SHAPE] += bytes([self.controls]) + struct.pack("<Q", rare.pop("control", 0))
         self.controls = min(self.controls + 1, 255)
-        self.put_small(seldom)
-        self.put_lists(seldom)
+        self.put_small(rare)
+        self.put_lists(rare)
         second = 0
         for bit, present, side, name in ((32, DATA, "data", "data_ea"),
                                          (16, NEXT, "next_instruction", "next_instruction_ea")):  # fmt: skip
             if control & present:
-                value = seldom.pop(name, 0)
+                value = rare.pop(name, 0)
                 flags |= bit
                 start[DATAS if bit == 32 else NEXTS] += b"\2" + zigzag(value) if bit == 32 else zigzag(value - address)
                 second |= 4 if bit == 32 else 8
                 self.put_translation(members, side, value)
                 for member in SIDE_MEMBERS:
-                    seldom.pop(side + member, None)
-        if seldom:
+                    rare.pop(side + member, None)
+        if rare:
             second |= 2
-            start[EXTRA] += sparse(corpus_items.Record(**seldom).image())
+            start[EXTRA] += sparse(corpus_items.Record(**rare).image())
         start[OP] += bytes([flags | 128, second]) if second else bytes([flags])
         return self
 
@@ -287,7 +287,7 @@ def member_cases():
             value &= corpus_items.USED_BITS.get(name, MASK64)
         if name == "iar_segment_size_is_valid":
             value = 1
-        whole(f"record-seldom-{name}", started().record(instruction=seed, **{name: value}).record(instruction=7))
+        whole(f"record-rare-{name}", started().record(instruction=seed, **{name: value}).record(instruction=7))
         for side, present in (("data", DATA), ("next_instruction", NEXT)):
             if name.startswith(side + "_") and name[len(side) :] in (*SIDE_MEMBERS, "_ea"):
                 whole(f"record-{name}", started().record(control=present, **{name: value}).record(control=present))
@@ -311,16 +311,16 @@ def register_cases():
         full = tuple(entry(n + 1) for n in range(room))
         whole(f"registers-{name}-full", started().record(instruction=i, **{name: full, count: room}))
         whole(f"registers-{name}-count-beyond-room", started().record(instruction=i, **{name: full, count: 255}))
-        behind = (entry(1), entry(2))
-        maker = started().record(instruction=i, **{name: behind[:1], count: 1})
-        # An entry behind the count travels among the seldom members.
+        after = (entry(1), entry(2))
+        maker = started().record(instruction=i, **{name: after[:1], count: 1})
+        # An entry beyond the count travels among the rare members.
         size = corpus_items.ENTRY[words].size
         image = bytearray(corpus_items.RECORD_SIZE)
-        corpus_items.ENTRY[words].pack_into(image, LISTS[i][2] + size, *behind[1])
+        corpus_items.ENTRY[words].pack_into(image, LISTS[i][2] + size, *after[1])
         maker.columns[OP][-1:] = bytes([maker.columns[OP][-1] | 128, 2])
         maker.columns[EXTRA] += sparse(image)
-        vars(maker.now[-1])[name] = behind
-        whole(f"registers-{name}-entry-behind-count", maker)
+        vars(maker.now[-1])[name] = after
+        whole(f"registers-{name}-entry-beyond-count", maker)
         largest = ((0xFFFF, *(MASK64,) * words),)
         whole(f"registers-{name}-largest", started().record(instruction=i, **{name: largest, count: 1}))
 
@@ -442,10 +442,10 @@ def file_cases():
     case("file-start-missing", b"".join(maker.blocks), maker.lines())
     maker = base_blocks()
     size = len(data := FILE_START + b"".join(maker.blocks))
-    case("garbage-behind-last-block", data + b"garbage", maker.lines() + [damage_line(size, 7, 0, False)])
-    # A reader goes on behind a last block: files may have been put behind one another.
-    case("trace-behind-last-block", data + data, maker.lines() + [damage_line(size, 16, 0, False)] + maker.lines())
-    case("block-behind-last-block", data + maker.blocks[1], maker.lines() + [damage_line(size, 0, 0, False)]
+    case("garbage-after-last-block", data + b"garbage", maker.lines() + [damage_line(size, 7, 0, False)])
+    # A reader continues after a last block: files may have been concatenated.
+    case("trace-after-last-block", data + data, maker.lines() + [damage_line(size, 16, 0, False)] + maker.lines())
+    case("block-after-last-block", data + maker.blocks[1], maker.lines() + [damage_line(size, 0, 0, False)]
          + maker.lines(without=[0, 2, 3]) + [damage_line(size + len(maker.blocks[1]), 0, 0, False, True)])  # fmt: skip
     at = places(maker)[2]
     early = [maker.blocks[0], with_flags(maker.blocks[1], LAST)]
@@ -505,7 +505,7 @@ def damage_cases():
                 damages = [damage_line(at[i], at[i + 1] - at[i], 2)]
                 lines = maker.lines(without=range(i, 4)) + damages + maker.lines(without=range(i + 1))
             else:
-                # The block's header, where it can be read, tells what is lost, but not what is missing behind.
+                # The block's header, where it can be read, tells what is lost, but not what is missing after it.
                 readable = place < 0 or place >= 56
                 lines = maker.lines(without=[3])
                 lines.append(damage_line(at[3], len(bad) - at[3], 2 if readable else 0, False, True))
@@ -576,11 +576,11 @@ def malformed_cases():
         "difference-missing": {OP: b"\x82\x08", SHAPE: b"\0" + struct.pack("<Q", NEXT), TRANSLATION: b"\1\0\0\0"},
         "translation-unused-bits": {OP: b"\x82\x08", SHAPE: b"\0" + struct.pack("<Q", NEXT),
                                     TRANSLATION: b"\2\0\0\0" + zigzag(1 << 56)},
-        "seldom-beyond-record": {OP: b"\x80\2", EXTRA: varint(2936) + b"\1\1\0\0"},
-        "seldom-run-cut": {OP: b"\x80\2", EXTRA: b"\1\5\1"},
-        "seldom-huge-gap": {OP: b"\x80\2", EXTRA: varint(MASK64) + b"\1\1\0\0"},
-        "seldom-huge-length": {OP: b"\x80\2", EXTRA: b"\1" + varint(MASK64) + b"\1\0\0"},
-        "seldom-gap-without-run": {OP: b"\x80\2", EXTRA: b"\5\0"},
+        "rare-beyond-record": {OP: b"\x80\2", EXTRA: varint(2936) + b"\1\1\0\0"},
+        "rare-run-cut": {OP: b"\x80\2", EXTRA: b"\1\5\1"},
+        "rare-huge-gap": {OP: b"\x80\2", EXTRA: varint(MASK64) + b"\1\1\0\0"},
+        "rare-huge-length": {OP: b"\x80\2", EXTRA: b"\1" + varint(MASK64) + b"\1\0\0"},
+        "rare-gap-without-run": {OP: b"\x80\2", EXTRA: b"\5\0"},
         "header-beyond-structure": {OP: b"\x80\1", EXTRA: varint(368) + b"\1\1\0\0\0"},
         "header-place-unknown": {OP: b"\x80\1", EXTRA: b"\0\0\3"},
         "header-place-missing": {OP: b"\x80\1", EXTRA: b"\0\0"},
@@ -607,12 +607,12 @@ def malformed_cases():
     compressed = zstandard.ZstdCompressor().compress(right)
     malformed("zstd-no-frame", right, stored_bytes=b"no frame")
     malformed("zstd-cut", right, stored_bytes=compressed[:-1])
-    malformed("zstd-bytes-behind", right, stored_bytes=compressed + b"\0")
+    malformed("zstd-bytes-after", right, stored_bytes=compressed + b"\0")
     halves = [zstandard.ZstdCompressor().compress(half) for half in (right[:20], right[20:])]
     malformed("zstd-two-frames", right, stored_bytes=b"".join(halves))
     skipped = struct.pack("<2I", 0x184D2A50, 4) + b"skip"
-    malformed("zstd-skippable-frame-in-front", right, stored_bytes=skipped + compressed)
-    malformed("zstd-skippable-frame-behind", right, stored_bytes=compressed + skipped)
+    malformed("zstd-skippable-frame-before", right, stored_bytes=skipped + compressed)
+    malformed("zstd-skippable-frame-after", right, stored_bytes=compressed + skipped)
     malformed("zstd-raw-size-too-small", right, stored_bytes=compressed, raw_size=len(right) - 1)
     malformed("zstd-raw-size-too-large", right, stored_bytes=compressed, raw_size=len(right) + 1)
     malformed("zstd-bomb", right, stored_bytes=zstandard.ZstdCompressor().compress(bytes(1 << 24)))
@@ -623,7 +623,7 @@ IGNORED_BITS = ("register-number-too-large", "translation-unused-bits")  # what 
 
 
 def malformed(name, contents, headers=0, records=None, stored_bytes=None, delivered=None, **change):
-    """The block stands behind a right one; `delivered` are the members of its one record before the fault."""
+    """The block stands after a right one; `delivered` are the members of its one record before the fault."""
     records = 1 - headers if records is None else records
     maker = started().record(instruction=1, num_gprs_in=1, gpr_in=((3, 9),)).end()
     maker.blocks.append(block(contents, records, headers, 1, 1, maker.address, KNOWN, stored_bytes, **change))
@@ -644,7 +644,7 @@ def malformed(name, contents, headers=0, records=None, stored_bytes=None, delive
 def order_cases():
     """Right blocks in the wrong place. A jump forward tells what was lost, a jump back does not."""
     maker = base_blocks()
-    for name, order in (("twice", (0, 1, 1, 2, 3)), ("swapped", (0, 2, 1, 3)), ("older-behind", (0, 1, 2, 0, 3))):
+    for name, order in (("twice", (0, 1, 1, 2, 3)), ("swapped", (0, 2, 1, 3)), ("older-after", (0, 1, 2, 0, 3))):
         at, records, lines = len(FILE_START), 0, []
         for i in order:
             jump = i * 2 - records
@@ -694,13 +694,13 @@ def comment_block_cases():
     case("comment-block-last", begin + comment, [
         *maker.lines(without=[2, 3]), damage_line(at[2], 0, 0, False, True)])  # fmt: skip
     maker.items[2][0].comment, maker.items[2][0].comment_length = b"", 0
-    before, behind = maker.lines(without=[2, 3]), maker.lines(without=[0, 1])
-    case("comment-block-missing", begin + first + last, [*before, damage_line(at[1], 0), *behind])
-    case("comment-block-left-out", begin + with_flags(first, GAP) + last, [*before, loss_line("refused", at[1]), *behind])
-    case("comment-block-damaged", begin + bad + first + last, [*before, damage_line(at[1], len(bad)), *behind])
+    before, after = maker.lines(without=[2, 3]), maker.lines(without=[0, 1])
+    case("comment-block-missing", begin + first + last, [*before, damage_line(at[1], 0), *after])
+    case("comment-block-left-out", begin + with_flags(first, GAP) + last, [*before, loss_line("refused", at[1]), *after])
+    case("comment-block-damaged", begin + bad + first + last, [*before, damage_line(at[1], len(bad)), *after])
     other = Trace_Maker().comment_block(b"text").blocks[0]
     case("comment-block-before-another", FILE_START + other + ahead + first + last, [
-        *before, damage_line(at[1] + len(other), 0), *behind])  # fmt: skip
+        *before, damage_line(at[1] + len(other), 0), *after])  # fmt: skip
     case("comment-block-of-another-before-gap", FILE_START + other + with_flags(first, GAP) + last,
          [loss_line("refused", 16 + len(other), 0, 1), *maker.lines(without=[0])])  # fmt: skip
     # What no writer makes.
@@ -717,23 +717,23 @@ def comment_block_cases():
 
 
 def recovered_cases():
-    """What a recovery leaves: blocks behind a gap, and an end that is not the trace's."""
+    """What a recovery leaves: blocks after a gap, and an end that is not the trace's."""
     for gone in ((0,), (1,), (1, 2)):
-        maker, behind = base_blocks(), gone[-1] + 1
-        kept = [with_flags(data, GAP if i == behind else 0) for i, data in enumerate(maker.blocks) if i not in gone]
+        maker, after = base_blocks(), gone[-1] + 1
+        kept = [with_flags(data, GAP if i == after else 0) for i, data in enumerate(maker.blocks) if i not in gone]
         name = "-".join(map(str, gone))
         size = sum(map(len, maker.blocks[: gone[0]])) + len(FILE_START)
 
         def around(cause):
             loss = loss_line(cause, size, 0, 2 * len(gone))  # noqa: B023
-            return [*maker.lines(without=range(gone[0], 4)), loss, *maker.lines(without=range(behind))]  # noqa: B023
+            return [*maker.lines(without=range(gone[0], 4)), loss, *maker.lines(without=range(after))]  # noqa: B023
 
         case(f"gap-block-{name}", FILE_START + b"".join(kept), around("refused"))
         marked = [with_flags(data, LEFT_OUT) if i == gone[0] else data for i, data in enumerate(kept)]
         case(f"left-out-block-{name}", FILE_START + b"".join(marked), around("left out"))
         junk = b"".join(kept[: gone[0]]) + b"junk" + b"".join(kept[gone[0] :])
-        case(f"gap-block-{name}-behind-damage", FILE_START + junk, maker.lines(without=range(gone[0], 4))
-             + [damage_line(size, 4, 2 * len(gone))] + maker.lines(without=range(behind)))  # fmt: skip
+        case(f"gap-block-{name}-after-damage", FILE_START + junk, maker.lines(without=range(gone[0], 4))
+             + [damage_line(size, 4, 2 * len(gone))] + maker.lines(without=range(after)))  # fmt: skip
     maker = base_blocks()
     for i in range(3):
         kept = [*maker.blocks[:i], with_flags(maker.blocks[i], LAST | OPEN_END)]
