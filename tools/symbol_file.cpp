@@ -213,7 +213,7 @@ void add_map_line(Symbol_Collection &symbols, const std::string &name, size_t nu
         return;
     const Map_Line line = parse_map_line(shown);
     if (!line.first || line.name.empty())
-        refuse(name, fmt::format("line {}: `{}` is no symbol: ADDRESS [SIZE] [TYPE] NAME expected", number,
+        refuse(name, fmt::format("line {}: `{}` is not a symbol: ADDRESS [SIZE] [TYPE] NAME expected", number,
                                  shown.substr(0, 80)));
     if (names_address(line.type))
         symbols.add(line.name, *line.first, line.size, *line.first | (MAP_PAGE - 1), rank_of(line.type));

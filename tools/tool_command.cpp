@@ -284,7 +284,7 @@ void declare_symbols(Options &app, Symbol_Options &options)
     const auto move = [&options](const std::string &text) {
         const std::optional<uint64_t> address = parse_digits(text, 16);
         if (!address)
-            throw Usage_Error(fmt::format("`{}` is no address for --load-address: digits expected", text));
+            throw Usage_Error(fmt::format("`{}` is not an address for --load-address: digits expected", text));
         if (options.files.empty() || options.files.back().load_address)
             throw Usage_Error("--load-address stands after the --symbols FILE that was moved");
         options.files.back().load_address = address;

@@ -223,8 +223,8 @@ class Command(CutStreams):
     def test_refuses_what_makes_no_sense(self):
         for options, reason in ((["--every", "5"], "--every requires --window"),
                                 (["--window", "5"], "--window requires --every"),
-                                (["--every", "0", "--window", "1"], "`0` is no number for --every: 1 or more expected"),
-                                (["--every", "5", "--window", "0"], "`0` is no number for --window: 1 or more expected"),
+                                (["--every", "0", "--window", "1"], "`0` is not a number for --every: 1 or more expected"),
+                                (["--every", "5", "--window", "0"], "`0` is not a number for --window: 1 or more expected"),
                                 (["--every", "5", "--window", "6"], "--window 6 is more than --every 5")):
             done = qtrace("cut", "trace0", "-o", "once", *options, code=USAGE)
             self.assertEqual(done.stderr, f"qtrace: {reason}\nSee `qtrace cut --help`.\n")

@@ -257,7 +257,7 @@ TEST(symbol_map, a_line_that_is_no_symbol_is_refused_with_its_number)
             ADD_FAILURE() << line;
         } catch (const std::runtime_error &error) {
             EXPECT_THAT(error.what(), testing::StartsWith("my.map: line 2: `"));
-            EXPECT_THAT(error.what(), HasSubstr("is no symbol: ADDRESS [SIZE] [TYPE] NAME expected"));
+            EXPECT_THAT(error.what(), HasSubstr("is not a symbol: ADDRESS [SIZE] [TYPE] NAME expected"));
         }
 }
 

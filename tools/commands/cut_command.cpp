@@ -76,7 +76,7 @@ void Cut_Command::require_sample() const
         throw Usage_Error(every_ == NOT_GIVEN ? "--window requires --every" : "--every requires --window");
     if (every_ == 0 || window_ == 0)
         throw Usage_Error(
-            fmt::format("`0` is no number for --{}: 1 or more expected", every_ == 0 ? "every" : "window"));
+            fmt::format("`0` is not a number for --{}: 1 or more expected", every_ == 0 ? "every" : "window"));
     if (window_ > every_)
         throw Usage_Error(fmt::format("--window {} is more than --every {}", window_, every_));
 }
