@@ -169,6 +169,7 @@ private:
     std::vector<std::vector<Cell>> metric_rows(const std::vector<const Trace_Counts *> &columns) const;
 
     Json json();
+    Json processes_json(Thread_Data &thread);
     Json thread_json(Thread_Data &thread);
     Json heat_json(Heat_Map &map, const Thread_Data &thread, const char *what, bool pc);
     size_t heat_rows() const { return std::clamp<size_t>(240 / std::max<size_t>(1, threads_.size()), 24, 96); }
@@ -718,43 +719,46 @@ template <class Bins> Json bins_json(const Bins &bins, size_t count)
     return Json(std::vector<uint32_t>(bins.begin(), bins.begin() + static_cast<std::ptrdiff_t>(count)));
 }
 
-Json Page_Builder::thread_json(Thread_Data &thread)
+// Instructions of the processes that ran most, over time; of the others together.
+Json Page_Builder::processes_json(Thread_Data &thread)
 {
     static constexpr size_t MOST_SHOWN = 7; // processes with a colour of their own
-    Json json = {
-        {"name", thread.name}, {"records", thread.counts.instructions}, {"bin_records", thread.bin_records()}};
     std::vector<std::pair<uint64_t, Partition_Key>> processes;
     for (const auto &[key, bins] : thread.processes)
         processes.emplace_back(thread.counts.partitions[{key.lpid, key.pid}], key);
     std::ranges::sort(processes, std::greater());
     std::array<uint32_t, REPORT_BINS> others{};
-    json["processes"] = Json::array();
+    Json json = Json::array();
     for (size_t i = 0; i < processes.size(); i++) {
         const auto &bins = thread.processes[processes[i].second];
         if (i < MOST_SHOWN)
-            json["processes"].push_back(
-                {{"name", process_name(processes[i].second)}, {"bins", bins_json(bins, thread.bins())}});
+            json.push_back({{"name", process_name(processes[i].second)}, {"bins", bins_json(bins, thread.bins())}});
         for (size_t bin = 0; i >= MOST_SHOWN && bin < REPORT_BINS; bin++)
             others[bin] += bins[bin];
     }
     if (processes.size() > MOST_SHOWN)
-        json["processes"].push_back({{"name", "others"}, {"bins", bins_json(others, thread.bins())}});
-    json["gaps"] = Json::array();
-    for (const Report_Gap &gap : thread.gaps)
-        json["gaps"].push_back({{"record", gap.record}});
-    json["heat"] = {{"fetches", heat_json(thread.fetches, thread, "instructions", true)},
-                    {"reads", heat_json(thread.reads, thread, "loads and other accesses", false)},
-                    {"writes", heat_json(thread.writes, thread, "stores", false)}};
-    json["working_set"] = Json::array();
+        json.push_back({{"name", "others"}, {"bins", bins_json(others, thread.bins())}});
+    return json;
+}
+
+Json working_set_json(const Thread_Data &thread)
+{
+    Json json = Json::array();
     for (size_t size = 0; size < std::size(WORKING_SET_BITS); size++) {
         std::array<uint32_t, REPORT_BINS> bins{};
         for (size_t bin = 0; bin < REPORT_BINS; bin++)
             bins[bin] = thread.working_set[bin][size];
-        json["working_set"].push_back(
+        json.push_back(
             {{"size", size_name(uint64_t{1} << WORKING_SET_BITS[size])}, {"bins", bins_json(bins, thread.bins())}});
     }
+    return json;
+}
+
+// Misses over the size of a TLB, as traced and for other pages.
+Json curves_json(const Thread_Data &thread)
+{
     static constexpr const char *CURVES[] = {"as traced", "if all 4K", "if all 64K", "if all 2M"};
-    json["curves"] = Json::array();
+    Json json = Json::array();
     for (size_t model = 0; model < Thread_Data::MODELS; model++) {
         const Tlb_Figures &tlb = thread.figures(model);
         Json sizes = Json::array();
@@ -762,17 +766,52 @@ Json Page_Builder::thread_json(Thread_Data &thread)
             sizes.push_back({{"entries", size},
                              {"misses", tlb.distances[0].misses(size)},
                              {"per_thousand", per_thousand(tlb.distances[0].misses(size), tlb.instructions)}});
-        json["curves"].push_back({{"name", CURVES[model]}, {"sizes", sizes}});
+        json.push_back({{"name", CURVES[model]}, {"sizes", sizes}});
     }
-    json["mix"] = Json::array();
+    return json;
+}
+
+Json gaps_json(const Thread_Data &thread)
+{
+    Json json = Json::array();
+    for (const Report_Gap &gap : thread.gaps)
+        json.push_back({{"record", gap.record}});
+    return json;
+}
+
+Json mix_json(const Thread_Data &thread)
+{
+    Json json = Json::array();
     for (const Mix_Row &row : mix_of(thread.counts))
-        json["mix"].push_back({row.name, row.times});
-    json["bias"] = Json::array();
+        json.push_back({row.name, row.times});
+    return json;
+}
+
+Json bias_json(const Thread_Data &thread)
+{
+    Json json = Json::array();
     const auto bias = bias_of(thread);
     for (size_t row = 0; row < bias.size(); row++)
-        json["bias"].push_back({BIAS_NAMES[row], bias[row]});
-    json["tlb"] = tlb_json(thread.figures(0), Thread_Data::model_options(0), {{}, 10});
+        json.push_back({BIAS_NAMES[row], bias[row]});
     return json;
+}
+
+Json Page_Builder::thread_json(Thread_Data &thread)
+{
+    return {{"name", thread.name},
+            {"records", thread.counts.instructions},
+            {"bin_records", thread.bin_records()},
+            {"processes", processes_json(thread)},
+            {"gaps", gaps_json(thread)},
+            {"heat",
+             {{"fetches", heat_json(thread.fetches, thread, "instructions", true)},
+              {"reads", heat_json(thread.reads, thread, "loads and other accesses", false)},
+              {"writes", heat_json(thread.writes, thread, "stores", false)}}},
+            {"working_set", working_set_json(thread)},
+            {"curves", curves_json(thread)},
+            {"mix", mix_json(thread)},
+            {"bias", bias_json(thread)},
+            {"tlb", tlb_json(thread.figures(0), Thread_Data::model_options(0), {{}, 10})}};
 }
 
 Json Page_Builder::json()
