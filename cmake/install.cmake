@@ -26,7 +26,7 @@ install(TARGETS qtrace_library trace_records EXPORT qtrace
 
 file(GLOB qt_headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/*.h)
 install(FILES ${qt_headers} qtrace/src/qtrace.h qtrace/src/qtrace_t.h qtrace/lib/qtrace_reader.h qtrace/lib/qtrace_schema.h
-    qtrace/lib/qtrace_columns.h common/qt_plugin/plugin_qtbin.h DESTINATION ${qt_include})
+    qtrace/lib/qtrace_columns.h qtrace/lib/qtrace_jobs.h common/qt_plugin/plugin_qtbin.h DESTINATION ${qt_include})
 install(DIRECTORY python/qtrace DESTINATION ${qt_python} FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
 
 # ---- Completions ----

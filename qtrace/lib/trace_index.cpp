@@ -61,7 +61,9 @@ std::shared_ptr<const Trace_Index> Trace_Index::build(Block_File &blocks, uint64
         index->last_.push_back(header.has(LAST_BLOCK));
         range = place.end();
     };
-    walk_blocks(blocks, begin, false, whole, [&](const auto &next) { summary.broken(!next); });
+    walk_blocks(
+        blocks, begin, [&](const Block_Place &place) { return blocks.holds(place); }, whole,
+        [&](const auto &next) { summary.broken(!next); });
     if (blocks.error != 0)
         return nullptr;
     index->info_ = summary.end();

@@ -41,15 +41,15 @@ private:
     std::vector<uint64_t> records_up_to_, records_from_;
 };
 
-// Calls whole(place) for every block of a file, and broken(next) for every run of bytes that is none, with the block
-// that follows it, if any. Payloads are read and tested with `payloads`.
-template <class Whole, class Broken>
-void walk_blocks(Block_File &blocks, uint64_t begin, bool payloads, Whole whole, Broken broken)
+// Calls whole(place) for every block of a file for which is_whole(place) holds, and broken(next) for every run of bytes
+// that is none, with the block that follows it, if any.
+template <class Test, class Whole, class Broken>
+void walk_blocks(Block_File &blocks, uint64_t begin, Test is_whole, Whole whole, Broken broken)
 {
     for (uint64_t offset = begin; offset < blocks.size() && blocks.error == 0;) {
         const std::optional<Block_Header> header = blocks.header_at(offset);
         const Block_Place place{offset, header.value_or(Block_Header{})};
-        if (header && (payloads ? blocks.read_payload(place) : blocks.holds(place))) {
+        if (header && is_whole(place)) {
             whole(place);
             offset = place.end();
             continue;

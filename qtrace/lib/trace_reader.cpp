@@ -1,5 +1,6 @@
 // The reader of trace files of qtrace_reader.h.
-#include "qtrace_reader.h"
+#include "payload_tests.h"
+#include "qtrace_jobs.h"
 
 #include "columns.h"
 #include "trace_codec.h"
@@ -35,7 +36,7 @@ public:
     int seek(uint64_t record);
     int select(uint64_t first, uint64_t count);
     int info(QTRACE_Info &info);
-    int verify(QTRACE_Info &info);
+    int verify(unsigned threads, QTRACE_Info &info);
     const QTRACE_FILE_HDR *open_header() const;
     Decoder &decoder() { return decoder_; }
     const Trace_Index *index();
@@ -342,12 +343,13 @@ int QTRACE_Reader::info(QTRACE_Info &info)
     return 0;
 }
 
-int QTRACE_Reader::verify(QTRACE_Info &info)
+int QTRACE_Reader::verify(unsigned threads, QTRACE_Info &info)
 {
+    const Payload_Tests tests(source_, threads);
     Block_Summary summary(file_.size());
     walk_blocks(
-        file_, source_.begin, true, [&](const Block_Place &place) { summary.whole(place); },
-        [&](const auto &next) { summary.broken(!next); });
+        file_, source_.begin, [&](const Block_Place &place) { return tests.result(place, file_); },
+        [&](const Block_Place &place) { summary.whole(place); }, [&](const auto &next) { summary.broken(!next); });
     info = summary.end();
     if (file_.error == 0)
         return 0;
@@ -582,9 +584,14 @@ int qtrace_info(QTRACE_Reader *reader, QTRACE_Info *info)
     return guarded(reader, -1, [=] { return reader->info(*info); });
 }
 
+int qtrace_verify_by(QTRACE_Reader *reader, unsigned threads, QTRACE_Info *info)
+{
+    return guarded(reader, -1, [=] { return reader->verify(threads, *info); });
+}
+
 int qtrace_verify(QTRACE_Reader *reader, QTRACE_Info *info)
 {
-    return guarded(reader, -1, [=] { return reader->verify(*info); });
+    return guarded(reader, -1, [=] { return reader->verify(1, *info); });
 }
 
 const char *qtrace_error(const QTRACE_Reader *reader)

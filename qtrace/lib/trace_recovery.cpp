@@ -1,11 +1,14 @@
 // Copies the whole blocks of a damaged file.
-#include "qtrace_reader.h"
+#include "qtrace_jobs.h"
 #include "replacement_file.h"
+#include "thread_team.h"
 #include "trace_index.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -84,27 +87,71 @@ void account(const QTRACE_Discontinuity &damage, bool ended, QTRACE_Recovery &re
     result.lost_records_known &= damage.records_known | ended;
 }
 
-// Every block whose items can all be read, in file order.
-std::vector<Kept_Block> whole_blocks(const Trace_Source &source, QTRACE_Recovery &result)
+// What a reader meets: a block with items, or damage.
+struct Event {
+    uint64_t offset; // of the block
+    std::optional<QTRACE_Discontinuity> damage;
+};
+
+// All that the reader still delivers, in file order.
+std::vector<Event> events_of(QTRACE_Reader *reader)
 {
-    const QTRACE_Index unread{source, nullptr};
-    const std::unique_ptr<QTRACE_Reader, decltype(&qtrace_close)> reader(qtrace_open_with_index(&unread),
-                                                                         &qtrace_close);
+    std::vector<Event> events;
+    const QTRACE_Item *item = nullptr;
+    for (QTRACE_ITEM kind; (kind = qtrace_next(reader, &item)) != QTRACE_ITEM_END;) {
+        if (kind == QTRACE_ITEM_ERROR)
+            throw Failure(qtrace_error(reader));
+        if (kind == QTRACE_ITEM_DISCONTINUITY && is_damage(item->discontinuity))
+            events.push_back({item->discontinuity.offset, item->discontinuity});
+        else if (kind != QTRACE_ITEM_DISCONTINUITY &&
+                 (events.empty() || events.back().damage || events.back().offset != item->block_offset))
+            events.push_back({item->block_offset, std::nullopt});
+    }
+    return events;
+}
+
+using Reader = std::unique_ptr<QTRACE_Reader, decltype(&qtrace_close)>;
+
+Reader reader_of(const QTRACE_Index &index)
+{
+    Reader reader(qtrace_open_with_index(&index), &qtrace_close);
     if (!reader)
         throw std::bad_alloc();
+    return reader;
+}
+
+// The same of the whole file, by group of blocks.
+std::vector<std::vector<Event>> read_groups(const Trace_Source &source, unsigned threads)
+{
+    constexpr uint64_t GROUP = 2;
+    Block_File headers(source.file);
+    const QTRACE_Index index{source, threads < 2 ? nullptr : Trace_Index::build(headers, source.begin)};
+    if (!index.blocks || index.blocks->blocks().empty())
+        return {events_of(reader_of(QTRACE_Index{source, nullptr}).get())};
+    const uint64_t blocks = index.blocks->blocks().size();
+    std::vector<std::vector<Event>> groups((blocks + GROUP - 1) / GROUP);
+    work_together(
+        threads, groups.size(), [&] { return reader_of(index); },
+        [&](const Reader &reader, size_t group) {
+            if (qtrace_select_blocks(reader.get(), group * GROUP, std::min(GROUP, blocks - group * GROUP)) != 0)
+                throw Failure(qtrace_error(reader.get()));
+            groups[group] = events_of(reader.get());
+        });
+    return groups;
+}
+
+// Every block whose items can all be read, in file order.
+std::vector<Kept_Block> whole_blocks(const Trace_Source &source, unsigned threads, QTRACE_Recovery &result)
+{
     Block_Keeper keeper(source);
-    const QTRACE_Item *item = nullptr;
-    for (QTRACE_ITEM kind; (kind = qtrace_next(reader.get(), &item)) != QTRACE_ITEM_END;) {
-        if (kind == QTRACE_ITEM_ERROR)
-            throw Failure(qtrace_error(reader.get()));
-        if (kind != QTRACE_ITEM_DISCONTINUITY) {
-            keeper.keep_up_to(item->block_offset + 1);
-        } else if (const QTRACE_Discontinuity &what = item->discontinuity; is_damage(what)) {
-            keeper.keep_up_to(what.offset);
-            account(what, keeper.ended_before(what.offset), result);
-            keeper.drop(what.offset, what.bytes);
+    for (const std::vector<Event> &group : read_groups(source, threads))
+        for (const Event &event : group) {
+            keeper.keep_up_to(event.damage ? event.offset : event.offset + 1);
+            if (!event.damage)
+                continue;
+            account(*event.damage, keeper.ended_before(event.offset), result);
+            keeper.drop(event.offset, event.damage->bytes);
         }
-    }
     keeper.keep_up_to(source.file->size());
     return keeper.take();
 }
@@ -155,14 +202,14 @@ void copy(const Trace_Source &source, const char *to_name, const std::vector<Kep
     to.commit();
 }
 
-void recover(const char *from, const char *to, QTRACE_Recovery &result)
+void recover(const char *from, const char *to, unsigned threads, QTRACE_Recovery &result)
 {
     Trace_Source source;
     if (const std::string reason = open_trace(from, source); !reason.empty())
         throw Failure(reason);
     if (source.file->is(to))
         throw Failure(std::string(to) + ": is the damaged file itself");
-    std::vector<Kept_Block> kept = whole_blocks(source, result);
+    std::vector<Kept_Block> kept = whole_blocks(source, threads, result);
     if (kept.empty())
         throw Failure(source.name + ": there is no whole block in it");
     mark_what_is_lost(kept, result);
@@ -173,11 +220,17 @@ void recover(const char *from, const char *to, QTRACE_Recovery &result)
 
 extern "C" int qtrace_recover(const char *from, const char *to, QTRACE_Recovery *result, char **error)
 {
+    return qtrace_recover_by(from, to, 1, result, error);
+}
+
+extern "C" int qtrace_recover_by(const char *from, const char *to, unsigned threads, QTRACE_Recovery *result,
+                                 char **error)
+{
     std::string text;
     try {
         *result = {};
         result->lost_records_known = 1;
-        recover(from, to, *result);
+        recover(from, to, threads, *result);
         return 0;
     } catch (const std::bad_alloc &) {
         text = std::string(from) + ": out of memory";

@@ -92,7 +92,7 @@ class installed_tree(unittest.TestCase):
         flags = self.pkg_config("--cflags").split()
         headers = sorted(path.name for path in self.tree.glob("include/qtrace/*.h"))
         wanted = ["commit_stream_writer.h", "plugin_api.h", "plugin_basic.h", "plugin_qtbin.h", "qtrace.h", "qtrace_columns.h",
-                  "qtrace_reader.h", "qtrace_schema.h", "qtrace_t.h"]  # fmt: skip
+                  "qtrace_jobs.h", "qtrace_reader.h", "qtrace_schema.h", "qtrace_t.h"]  # fmt: skip
         self.assertEqual(headers, wanted)
         for header in headers:
             with self.subTest(header):

@@ -60,6 +60,8 @@ const std::vector<std::vector<std::string>> COMMANDS = {
     {"dump", "--json", "--from", "17000", "--count", "20000"},
     {"stats", "--from", "12345", "--count", "23456"},
     {"check", "--from", "12345", "--count", "23456"},
+    {"info", "--verify"},
+    {"info", "--verify", "--json"},
 };
 
 const std::vector<std::vector<std::string>> COMPARISONS = {
@@ -86,10 +88,26 @@ void expect_equal_output(const std::vector<std::string> &command, const std::vec
     }
 }
 
-void expect_equal_output(const std::string &file)
+// The copy, too, whatever it replaces.
+void expect_equal_recovery(const Folder &folder, const std::string &file)
+{
+    const std::string copy = folder.path("copy0");
+    const Outcome alone = qtrace({"recover", "--jobs", "1", file, copy});
+    const std::string bytes = folder.contents("copy0");
+    for (const char *jobs : {"2", "3", "7"}) {
+        const Outcome together = qtrace({"recover", "--jobs", jobs, file, copy});
+        EXPECT_EQ(together.out, alone.out);
+        EXPECT_EQ(together.err, alone.err);
+        EXPECT_EQ(together.exit_code, alone.exit_code);
+        EXPECT_TRUE(folder.contents("copy0") == bytes) << file;
+    }
+}
+
+void expect_equal_output(const Folder &folder, const std::string &file)
 {
     for (const std::vector<std::string> &command : COMMANDS)
         expect_equal_output(command, {file});
+    expect_equal_recovery(folder, file);
 }
 
 void expect_equal_comparison(const std::string &a, const std::string &b)
@@ -105,7 +123,7 @@ void expect_equal_comparison(const std::string &a, const std::string &b)
 TEST(jobs, any_number_gives_the_same_output_of_a_whole_trace)
 {
     const Folder folder;
-    expect_equal_output(folder.write("trace0", mixed_trace()));
+    expect_equal_output(folder, folder.write("trace0", mixed_trace()));
 }
 
 TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
@@ -116,11 +134,11 @@ TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
     std::string spoilt = bytes;
     spoilt[spoilt.size() / 2] ^= 0x55;
     spoilt[spoilt.size() / 4] ^= 0x55;
-    expect_equal_output(folder.text("spoilt0", spoilt));
-    expect_equal_output(folder.text("cut0", bytes.substr(0, bytes.size() * 2 / 3)));
-    expect_equal_output(folder.text("twice0", bytes + bytes));
+    expect_equal_output(folder, folder.text("spoilt0", spoilt));
+    expect_equal_output(folder, folder.text("cut0", bytes.substr(0, bytes.size() * 2 / 3)));
+    expect_equal_output(folder, folder.text("twice0", bytes + bytes));
     qtrace({"recover", folder.path("spoilt0"), folder.path("saved0")});
-    expect_equal_output(folder.path("saved0"));
+    expect_equal_output(folder, folder.path("saved0"));
 }
 
 // Blocks at the beginning are the same, then records differ, are missing on one side, or headers differ.

@@ -1,4 +1,5 @@
 #include "header_comment.h"
+#include "qtrace_jobs.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
@@ -20,21 +21,31 @@ struct Placed_Header {
     bool is_full() const { return header.control.iar_is_present; }
 };
 
+// Reads the payloads of all blocks too, so that the summary knows of every damaged place.
+void verify(Tool_Run &run, const Trace_File &file, unsigned jobs, QTRACE_Info &info)
+{
+    if (qtrace_verify_by(file.reader(), jobs, &info) != 0)
+        run.fail(qtrace_error(file.reader()));
+}
+
 // Finds the headers of a file. Runs of records without any are not decoded: two places with the same number of
 // headers before them have none between.
 class Header_Finder
 {
 public:
-    explicit Header_Finder(Trace_File &file) : file_(file) {}
+    // The summary is replaced when damage comes up that it does not know of.
+    Header_Finder(Tool_Run &run, Trace_File &file, unsigned jobs, QTRACE_Info &info)
+        : run_(run), file_(file), jobs_(jobs), info_(info)
+    {
+    }
 
     std::vector<Placed_Header> find()
     {
-        const QTRACE_Info &info = file_.info();
-        if (info.damaged_places == 0)
-            search(0, info.records, 0, info.headers);
+        if (info_.damaged_places == 0)
+            search(0, info_.records, 0, info_.headers);
         else
-            collect(info.records);
-        if (info.damaged_places == 0 && !file_.losses().empty())
+            collect(info_.records);
+        if (info_.damaged_places == 0 && !file_.losses().empty())
             find_among_damage();
         return std::move(headers_);
     }
@@ -48,7 +59,10 @@ private:
     void find_among_damage();
     uint64_t headers_before(uint64_t record);
 
+    Tool_Run &run_;
     Trace_File &file_;
+    unsigned jobs_;
+    QTRACE_Info &info_;
     std::vector<Placed_Header> headers_;
 };
 
@@ -59,7 +73,7 @@ void Header_Finder::search(uint64_t from, uint64_t to, uint64_t before, uint64_t
     if (before == after)
         return;
     if (to - from <= FEW_RECORDS) {
-        if (file_.info().records == 0 || file_.seek(from))
+        if (info_.records == 0 || file_.seek(from))
             collect(to);
         return;
     }
@@ -72,7 +86,7 @@ void Header_Finder::search(uint64_t from, uint64_t to, uint64_t before, uint64_t
 // From the place of the reader up to record `end`; at the end of the file also what follows its last record.
 void Header_Finder::collect(uint64_t end)
 {
-    const bool to_the_end = end >= file_.info().records;
+    const bool to_the_end = end >= info_.records;
     while (const QTRACE_Item *item = file_.next()) {
         if (item->record_number >= end && !to_the_end)
             break;
@@ -86,15 +100,15 @@ void Header_Finder::collect(uint64_t end)
 void Header_Finder::find_among_damage()
 {
     headers_.clear();
-    file_.verify();
+    verify(run_, file_, jobs_, info_);
     if (file_.seek(0))
-        collect(file_.info().records);
+        collect(info_.records);
 }
 
 uint64_t Header_Finder::headers_before(uint64_t record)
 {
     const QTRACE_Item *item = file_.seek(record) ? file_.next() : nullptr;
-    return item != nullptr ? item->header_number : file_.info().headers;
+    return item != nullptr ? item->header_number : info_.headers;
 }
 
 // What `info` says about one file.
@@ -111,10 +125,12 @@ struct File_Summary {
     }
 };
 
-File_Summary summarise(Trace_File &file)
+File_Summary summarise(Tool_Run &run, Trace_File &file, bool verified, unsigned jobs)
 {
-    std::vector<Placed_Header> headers = Header_Finder(file).find();
-    File_Summary summary{file.info(), std::move(headers), 0};
+    File_Summary summary{file.info(), {}, 0};
+    if (verified)
+        verify(run, file, jobs, summary.info);
+    summary.headers = Header_Finder(run, file, jobs, summary.info).find();
     for (const Placed_Header &header : summary.headers)
         summary.full_headers += header.is_full();
     return summary;
@@ -182,6 +198,7 @@ public:
         app.add_flag("--verify", verify_, "read all blocks, not only their headers, for damage");
         declare_number(app, "--headers", limit_, "full headers to list (of each file; all with --json)")
             ->default_str("10");
+        declare_jobs(app, jobs_);
     }
 
     void run(Tool_Run &run) override
@@ -194,9 +211,7 @@ public:
 private:
     void tell(Tool_Run &run, Trace_File &file) const
     {
-        if (verify_)
-            file.verify();
-        const File_Summary summary = summarise(file);
+        const File_Summary summary = summarise(run, file, verify_, jobs_);
         if (!summary.info.clean_end || summary.info.damaged_places > 0)
             run.found();
         if (run.json)
@@ -211,6 +226,7 @@ private:
     std::vector<std::string> files_;
     uint64_t limit_ = 10;
     bool verify_ = false;
+    unsigned jobs_ = 1;
 };
 
 void Info_Command::print_text(Output &out, const std::string &name, const File_Summary &summary) const

@@ -1,3 +1,4 @@
+#include "qtrace_jobs.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
@@ -17,6 +18,7 @@ public:
         app.add_option("IN", in_, "the damaged file, or a base name")->required();
         app.add_option("OUT", out_, "the file to be written, or a base name like IN; replaced when it exists")
             ->required();
+        declare_jobs(app, jobs_);
     }
 
     // Of a base name, each file becomes one of the other base name.
@@ -27,9 +29,10 @@ public:
     }
 
 private:
-    static void recover(Tool_Run &run, const std::string &from, const std::string &to);
+    void recover(Tool_Run &run, const std::string &from, const std::string &to) const;
 
     std::string in_, out_;
+    unsigned jobs_ = 1;
 };
 
 void tell(Output &out, const std::string &from, const std::string &to, const QTRACE_Recovery &recovery)
@@ -60,11 +63,11 @@ void tell_json(Output &out, const std::string &from, const std::string &to, cons
               recovery.lost_records, recovery.lost_records_known != 0, recovery.open_end != 0);
 }
 
-void Recover_Command::recover(Tool_Run &run, const std::string &from, const std::string &to)
+void Recover_Command::recover(Tool_Run &run, const std::string &from, const std::string &to) const
 {
     QTRACE_Recovery recovery;
     char *reason = nullptr;
-    const int result = qtrace_recover(from.c_str(), to.c_str(), &recovery, &reason);
+    const int result = qtrace_recover_by(from.c_str(), to.c_str(), jobs_, &recovery, &reason);
     const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
     if (result != 0) {
         run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
