@@ -177,23 +177,14 @@ std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuit
 
 const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind, const QTRACE_Item *item)
 {
-    for (; kind == QTRACE_ITEM_DISCONTINUITY; kind = qtrace_next(reader_.get(), &item)) {
-        note_lost_records(*item);
+    for (; kind == QTRACE_ITEM_DISCONTINUITY; kind = qtrace_next(reader_.get(), &item))
         if (is_damage(item->discontinuity))
             note_loss(item->discontinuity);
-    }
     if (kind == QTRACE_ITEM_ERROR) {
         readable_ = false;
         run_.fail(qtrace_error(reader_.get()));
     }
     return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : nullptr;
-}
-
-void Trace_File::note_lost_records(const QTRACE_Item &item)
-{
-    const QTRACE_Discontinuity &what = item.discontinuity;
-    if (what.cause != QTRACE_CAUSE_PAUSE && (what.records > 0 || !what.records_known))
-        lost_records_.push_back({item.record_number, what.records, what.records_known != 0});
 }
 
 // A place is met again when the reader goes back before it.

@@ -80,14 +80,6 @@ public:
     const QTRACE_FILE_HDR *context() const { return qtrace_open_header(reader_.get()); }
     QTRACE_Reader *reader() const { return reader_.get(); }
 
-    // Records that are missing by what the file tells, whoever lost them. `count`: at least so many unless `exact`.
-    struct Lost_Records {
-        uint64_t first, count;
-        bool exact;
-    };
-    // Those met so far; the last ones stand before the item delivered last.
-    const std::vector<Lost_Records> &lost_records() const { return lost_records_; }
-
     // A place that could not be read.
     struct Loss {
         uint64_t offset;
@@ -107,7 +99,6 @@ private:
     Trace_File(Tool_Run &run, const std::string &name, Index index, bool silent);
     const QTRACE_Item *next_after(QTRACE_ITEM kind, const QTRACE_Item *item);
     void note_loss(const QTRACE_Discontinuity &damage);
-    void note_lost_records(const QTRACE_Item &item);
 
     Tool_Run &run_;
     std::string name_;
@@ -116,7 +107,6 @@ private:
     Reader reader_;
     QTRACE_Info info_{};
     std::vector<Loss> losses_;
-    std::vector<Lost_Records> lost_records_;
     bool readable_ = true;
 };
 
