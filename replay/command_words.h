@@ -18,7 +18,4 @@ struct Command_Words {
 // line.
 Command_Words split_words(std::string_view line);
 
-// The candidate that `word` is most likely a mistyping of; empty when none is near.
-std::string_view nearest_word(std::string_view word, const std::vector<std::string_view> &candidates);
-
 } // namespace replay

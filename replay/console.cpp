@@ -1,6 +1,7 @@
 #include "console.h"
 
 #include "command_words.h"
+#include "mistyped_word.h"
 #include "printable.h"
 #include "stream_input.h"
 
@@ -204,16 +205,13 @@ const Console::Command *Console::find_command(const Words &words)
     }
     std::string typed = words[0];
     std::vector<std::string_view> names;
-    const bool two_words = words.size() > 1 && nearest_word(words[0], {"plugin"}) == "plugin";
+    const bool two_words =
+        words.size() > 1 && !nearest_word(words[0], std::vector<std::string_view>{"plugin"}).empty();
     if (two_words)
         typed += " " + words[1];
     for (const Command &command : commands())
         names.push_back(two_words ? command.name : command.name.substr(0, command.name.find(' ')));
-    const std::string_view meant = nearest_word(typed, names);
-    if (!meant.empty() && meant != typed)
-        fail(fmt::format("unknown command `{}`; did you mean `{}`?", typed, meant));
-    else
-        fail(fmt::format("unknown command `{}`; `help` lists the commands", typed));
+    fail(unknown_word_text("command", typed, names, "`help` lists the commands"));
     return nullptr;
 }
 

@@ -1,6 +1,7 @@
 #include "tool_command.h"
 
 #include "item_scan.h"
+#include "mistyped_word.h"
 #include "symbol_names.h"
 
 #include <CLI/CLI.hpp>
@@ -86,24 +87,6 @@ public:
         return fmt::format("Examples:\n  {}\n  {}\n\n{}\n", examples[0], examples[1], app->get_description());
     }
 };
-
-// Edits (inserted, dropped, changed or swapped letters) that turn `a` into `b`.
-size_t edits_between(const std::string &a, const std::string &b)
-{
-    std::vector<std::vector<size_t>> cost(a.size() + 1, std::vector<size_t>(b.size() + 1));
-    for (size_t i = 0; i <= a.size(); i++)
-        for (size_t k = 0; k <= b.size(); k++) {
-            if (i == 0 || k == 0) {
-                cost[i][k] = i + k;
-                continue;
-            }
-            cost[i][k] =
-                std::min({cost[i - 1][k] + 1, cost[i][k - 1] + 1, cost[i - 1][k - 1] + (a[i - 1] != b[k - 1])});
-            if (i > 1 && k > 1 && a[i - 1] == b[k - 2] && a[i - 2] == b[k - 1])
-                cost[i][k] = std::min(cost[i][k], cost[i - 2][k - 2] + 1);
-        }
-    return cost[a.size()][b.size()];
-}
 
 std::vector<std::string> command_names()
 {
@@ -194,25 +177,9 @@ int show_help(Tool_Run &run, const CLI::App &app)
 
 } // namespace
 
-std::string closest(const std::string &word, const std::vector<std::string> &candidates)
-{
-    std::string best;
-    size_t fewest = word.size() / 3 + 2; // more edits than that: another word
-    for (const std::string &candidate : candidates) {
-        const bool begins = word.size() > 1 && candidate.starts_with(word);
-        if (const size_t edits = begins ? 1 : edits_between(word, candidate); edits < fewest) {
-            fewest = edits;
-            best = candidate;
-        }
-    }
-    return best;
-}
-
 Usage_Error unknown_word(const std::string &what, const std::string &unknown, const std::vector<std::string> &known)
 {
-    const std::string near = closest(unknown, known);
-    const std::string hint = near.empty() ? "" : fmt::format("; did you mean `{}`?", near);
-    return Usage_Error(fmt::format("unknown {} `{}`{}", what, unknown, hint));
+    return Usage_Error(unknown_word_text(what, unknown, known));
 }
 
 Option *declare_files(Options &app, std::vector<std::string> &files)
@@ -249,9 +216,10 @@ Option *declare_number(Options &app, const std::string &name, uint64_t &number, 
 
 void declare_page_bits(Options &app, std::vector<uint32_t> &bits)
 {
-    app.add_numbers("--page-bits", bits, 12, 63,
-                    "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
-                    "4K, 64K, 2M, 1G, 16M)")
+    app.add_numbers(
+           "--page-bits", bits, 12, 63,
+           "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
+           "4K, 64K, 2M, 1G, 16M)")
         ->type_name("BITS,...");
 }
 

@@ -54,9 +54,6 @@ void declare_jobs(Options &app, unsigned &jobs);
 // --jobs, --from and --count.
 void declare_scan(Options &app, Scan_Options &options);
 
-// The candidate that `word` was probably meant to be; empty when none is near.
-std::string closest(const std::string &word, const std::vector<std::string> &candidates);
-
 // A command line that is wrong in a way that only a subcommand sees: exit code 2.
 struct Usage_Error : std::runtime_error {
     using std::runtime_error::runtime_error;

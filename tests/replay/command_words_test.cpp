@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-using replay::nearest_word;
 using replay::split_words;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -47,13 +46,4 @@ TEST(command_words, line_that_ends_inside_something_is_a_problem)
     EXPECT_EQ(split_words("run '5").problem, "the single quote is not closed");
     EXPECT_EQ(split_words("run 5\\").problem, "nothing follows the backslash");
     EXPECT_EQ(split_words("run 5").problem, "");
-}
-
-TEST(nearest_word, finds_small_mistakes_and_beginnings)
-{
-    EXPECT_EQ(nearest_word("statsu", {"run", "status"}), "status");
-    EXPECT_EQ(nearest_word("rn", {"run", "status"}), "run");
-    EXPECT_EQ(nearest_word("st", {"run", "status"}), "status");
-    EXPECT_EQ(nearest_word("exit", {"run", "status"}), "");
-    EXPECT_EQ(nearest_word("", {"run"}), "");
 }
