@@ -42,7 +42,7 @@ using bench::Plugin;
 constexpr const char *STREAMS[] = {"boot-user", "vector", "guest"};
 constexpr const char *MAIN_STREAM = STREAMS[0];
 constexpr int64_t TEXT_COMMITS = 20'000;    // of each stream; 15 megabytes of text
-constexpr int64_t THREAD_COMMITS = 2'000;   // instructions that each of many threads executes
+constexpr int64_t THREAD_REPEATS = 2'000;   // instructions that each of many threads executes again and again
 constexpr int64_t THREAD_COMMITS = 256'000; // of all threads together
 
 std::string stream_file(const std::string &name)
@@ -285,12 +285,12 @@ void run_interleaved(benchmark::State &state)
 {
     const auto threads = static_cast<uint32_t>(state.range(0));
     Decoded_Stream &stream = *stream_named(MAIN_STREAM);
-    std::vector<Instruction> commits(stream.instructions.begin(), stream.instructions.begin() + THREAD_COMMITS);
+    std::vector<Instruction> repeated(stream.instructions.begin(), stream.instructions.begin() + THREAD_REPEATS);
     const Session session(stream, threads, nullptr);
     const bench::Handler commit = the_plugin().commit;
     for ([[maybe_unused]] auto iteration : state)
-        for (int64_t commits = 0; commits < THREAD_COMMITS; commits += THREAD_COMMITS * threads)
-            for (Instruction &instruction : commits)
+        for (int64_t commits = 0; commits < THREAD_COMMITS; commits += THREAD_REPEATS * threads)
+            for (Instruction &instruction : repeated)
                 for (uint32_t tid = 0; tid < threads; ++tid) {
                     instruction.tid = static_cast<int32_t>(tid);
                     commit(&instruction);
