@@ -27,7 +27,7 @@ script trace >console
 replay -e "$examples/sample.jsonl" console
 qtrace info trace
 qtrace info --json trace | grep -q '"records":2000' || fail 'qtrace info'
-qtrace check trace --text trace-text --pte trace-pte
+qtrace check trace --text trace-text
 qtrace stats trace >stats.txt
 grep -q '^instructions  *2000$' stats.txt || fail 'qtrace stats'
 qtrace tlb trace >tlb.txt
