@@ -75,14 +75,14 @@ class Chosen_Sink : public Item_Sink
 {
 public:
     // The filter is the caller's.
-    explicit Chosen_Sink(const Record_Filter &filter) : filter_(filter) {}
+    explicit Chosen_Sink(const Record_Filter &filter) : filter_(filter), picks_(filter.picks()) {}
     void begin(const Group_Start &start) override
     {
         passed_over_ = start.headers == 0 && filter_.rules_out(start.context);
     }
     void record(const QTRACE_Item &item) override
     {
-        if (!filter_.matches(item, filter_.asks_for_context() ? context() : nullptr))
+        if (picks_ && !filter_.matches(item, filter_.asks_for_context() ? context() : nullptr))
             return;
         taken_++;
         chosen(item);
@@ -98,6 +98,7 @@ protected:
 
 private:
     const Record_Filter &filter_;
+    bool picks_;
     bool passed_over_ = false; // the whole group belongs to others
     uint64_t taken_ = 0;
 };

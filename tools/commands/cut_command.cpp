@@ -108,9 +108,8 @@ void Cut_Command::cut(Tool_Run &run, const std::string &from, const std::string 
     const std::unique_ptr<Trace_File> file = Trace_File::open(run, from);
     if (!file)
         return;
-    if (filter_.from() > 0 && filter_.from() >= file->next_record_number())
-        return run.fail(
-            fmt::format("{}: no record {}: the file has {}", from, filter_.from(), file->info().records));
+    if (!file->has_record(filter_.from()))
+        return run.fail(file->no_record(filter_.from()));
     Output_File output(to, force_);
     Progress progress(run, from, file->next_record_number());
     Cut_Output user{output, progress};

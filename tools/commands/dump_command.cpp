@@ -3,6 +3,7 @@
 #include "pte_printer.h"
 #include "record_filter.h"
 #include "record_printer.h"
+#include "text_mnemonics.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
@@ -34,6 +35,8 @@ public:
             "system_call, cache, error, radix, hpt, words");
         declare_jobs(app, scan_.jobs);
         declare_symbols(app, symbols_);
+        app.add_option("--text", text_, "the session's text trace (or its base name): mnemonics beside the words")
+            ->type_name("FILE");
         app.add_list("--fields", fields_,
                      "what a line shows: groups or members, separated by commas; `all`; `help` lists")
             ->type_name("FIELD,...");
@@ -61,9 +64,10 @@ public:
             run.out.put(LINE_LEGEND);
         const Symbol_Names names(run, symbols_);
         const std::vector<std::string> files = traces_of(run, files_);
-        for (const std::string &name : files)
-            if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
-                dump(run, *file, names, files.size() > 1);
+        const std::vector<std::string> texts = texts_for(run, files.size());
+        for (size_t i = 0; i < files.size(); i++)
+            if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, files[i]))
+                dump(run, *file, names, texts[i], files.size() > 1);
     }
 
 private:
@@ -71,11 +75,13 @@ private:
     void refuse_options_of_records() const;
     void dump_accesses(Tool_Run &run) const;
     void prepare(const Tool_Run &run);
-    void dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, bool named) const;
+    std::vector<std::string> texts_for(Tool_Run &run, size_t count) const;
+    void dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, const std::string &text,
+              bool named) const;
 
     std::vector<std::string> files_, fields_;
     const Options *options_ = nullptr;
-    std::string pte_;
+    std::string pte_, text_;
     const Pte_Kind *pte_kind_ = &pte_kinds().back();
     Record_Filter filter_;
     Scan_Options scan_;
@@ -132,6 +138,18 @@ void Dump_Command::prepare(const Tool_Run &run)
         throw unknown_word("field", unknown, Field_Selection::names());
 }
 
+// The text trace of each of so many files; empty names without --text.
+std::vector<std::string> Dump_Command::texts_for(Tool_Run &run, size_t count) const
+{
+    if (text_.empty())
+        return std::vector<std::string>(count);
+    std::vector<std::string> texts = files_of(run, std::vector<std::string>{text_});
+    if (texts.size() != count)
+        throw Usage_Error(
+            fmt::format("{} for {}", counted(texts.size(), "text trace"), counted(count, "trace file")));
+    return texts;
+}
+
 constexpr uint64_t EVERY_RECORD = std::numeric_limits<uint64_t>::max();
 
 // Lines of a group of blocks.
@@ -139,9 +157,10 @@ class Dump_Sink : public Item_Sink
 {
 public:
     // Keeps no more than `most` records.
-    Dump_Sink(const Item_View &view, const Record_Filter &filter, const Symbol_Names &names, uint64_t most,
-              bool colour)
-        : view_(view), filter_(filter), names_(names), picks_(filter.picks()), most_(most), lines_(-1, colour)
+    Dump_Sink(const Item_View &view, const Record_Filter &filter, const Symbol_Names &names, Text_Mnemonics *text,
+              uint64_t most, bool colour)
+        : view_(view), filter_(filter), names_(names), text_(text), picks_(filter.picks()), most_(most),
+          lines_(-1, colour)
     {
         if (names_.any())
             notes_.names = &names_;
@@ -159,6 +178,8 @@ public:
     {
         if (picks_ && !filter_.matches(item, filter_.asks_for_context() ? context() : nullptr))
             return;
+        if (text_ != nullptr)
+            notes_.mnemonic = text_->of(item);
         view_.record(lines_, item, notes());
         if (picks_ && most_ != EVERY_RECORD)
             ends_.push_back(lines_.size());
@@ -193,6 +214,7 @@ private:
     const Item_View &view_;
     const Record_Filter &filter_;
     Name_Finder names_;
+    Text_Mnemonics *text_; // null: there is none
     Item_Notes notes_;
     bool picks_, passed_over_ = false; // the whole group belongs to others
     uint64_t most_, records_ = 0;
@@ -200,20 +222,28 @@ private:
     std::vector<size_t> ends_; // of the records in lines_, where some may be too many
 };
 
-void Dump_Command::dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, bool named) const
+void Dump_Command::dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, const std::string &text,
+                        bool named) const
 {
     if (!file.has_record(filter_.from()))
         return run.fail(file.no_record(filter_.from()));
     const std::unique_ptr<Item_View> view = make_item_view(format_, file.name(), shown_);
     view->begin(run.out, named);
     Scan_Options options = scan_;
+    std::unique_ptr<Text_Mnemonics> mnemonics;
+    if (!text.empty()) {
+        mnemonics = std::make_unique<Text_Mnemonics>(text);
+        options.jobs = 1; // a text trace is read forward
+    }
     options.range.first = filter_.from();
     uint64_t left = filter_.count();
     if (!filter_.picks()) // then the range ends before the headers that follow the last record
         options.range.count = std::exchange(left, EVERY_RECORD);
     scan<Dump_Sink>(
         run, file, options,
-        [&, most = left] { return std::make_unique<Dump_Sink>(*view, filter_, names, most, run.out.coloured()); },
+        [&, most = left] {
+            return std::make_unique<Dump_Sink>(*view, filter_, names, mnemonics.get(), most, run.out.coloured());
+        },
         [&](Dump_Sink &group) {
             left -= group.print(run.out, left);
             return left > 0;

@@ -5,8 +5,10 @@
 #include "instruction_kinds.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -80,6 +82,8 @@ public:
     Champsim_Exporter(Output_File &file, const Export_Options &options);
     void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
+    void lost(uint64_t, uint64_t) override { page_known_ = false; }
+    void finish() override { write(); }
     std::vector<std::string> shortcomings() const override;
 
 private:
@@ -90,9 +94,12 @@ private:
     void add_access(const QTRACE_RECORD &record, uint32_t kinds, Simulator_Record &to);
     void enter(const Translated_Address &address);
     uint64_t fetch_address(const QTRACE_Item &item);
+    void write();
 
     Output_File &file_;
     bool real_;
+    std::array<Simulator_Record, 512> records_; // not written yet
+    size_t used_ = 0;
     bool page_known_ = false; // of the instructions, with real_
     uint64_t page_ = 0, real_page_ = 0;
     uint64_t inputs_left_out_ = 0, outputs_left_out_ = 0, accesses_left_out_ = 0, not_translated_ = 0, jumps_ = 0;
@@ -163,24 +170,28 @@ void Champsim_Exporter::mark_branch(uint32_t word, uint32_t kinds, Inputs &input
 void Champsim_Exporter::add_registers(const QTRACE_REGISTERS &registers, Inputs &inputs, Outputs &outputs,
                                       bool read)
 {
-    for (const Register_Class &kind : REGISTER_CLASSES)
+    for (const Register_Class &kind : REGISTER_CLASSES) {
+        if (kind.held(registers) == 0) // most are
+            continue;
         for (unsigned i = 0; i < kind.entries(registers); i++) {
-            const uint8_t own = simulator_number(kind.letter[0], register_entry(kind, registers, i).index);
+            uint16_t index;
+            std::memcpy(&index, kind.entry(registers, i), sizeof index);
+            const uint8_t own = simulator_number(kind.letter[0], index);
             if (kind.output)
                 outputs_left_out_ += !outputs.add(own);
             else if (read)
                 inputs_left_out_ += !inputs.add(own);
         }
+    }
 }
 
 void Champsim_Exporter::add_access(const QTRACE_RECORD &record, uint32_t kinds, Simulator_Record &to)
 {
-    const Translated_Address access = data_address_of(record);
-    if (!access.present)
+    if (!record.header.control.fld.data_address_present)
         return;
-    const std::optional<uint64_t> real = access.real();
+    const std::optional<uint64_t> real = real_ ? data_address_of(record).real() : std::nullopt;
     not_translated_ += real_ && !real;
-    const uint64_t address = real_ && real ? *real : access.address;
+    const uint64_t address = real ? *real : number(record.data_ea);
     if ((kinds & QTRACE_KIND_LOAD) != 0)
         to.source_memory[0] = address;
     if ((kinds & QTRACE_KIND_STORE) != 0)
@@ -193,7 +204,7 @@ void Champsim_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
     const QTRACE_RECORD &record = item.record;
     const uint32_t kinds = kinds_of(record, item.address);
     const bool branch = (kinds & QTRACE_KIND_BRANCH) != 0;
-    Simulator_Record to{};
+    Simulator_Record &to = records_[used_++] = {};
     Inputs inputs(to.source_registers);
     Outputs outputs(to.destination_registers);
     to.ip = fetch_address(item);
@@ -206,7 +217,14 @@ void Champsim_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
     jumps_ += !branch && record.header.control.fld.iar_change_present;
     if (real_ && record.header.control.fld.next_instruction_EA_present)
         enter(next_address_of(record));
-    file_.out().put(std::string_view(reinterpret_cast<const char *>(&to), sizeof to));
+    if (used_ == records_.size())
+        write();
+}
+
+void Champsim_Exporter::write()
+{
+    const size_t bytes = std::exchange(used_, 0) * sizeof(Simulator_Record);
+    file_.out().put(std::string_view(reinterpret_cast<const char *>(records_.data()), bytes));
     file_.out().settle();
     file_.check();
 }

@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 #include <stdexcept>
 #include <tuple>
+#include <unordered_map>
 
 namespace qtrace_tool
 {
@@ -75,20 +76,34 @@ private:
     using Number = std::optional<uint64_t>;
     using Translation = std::tuple<unsigned, uint8_t, uint32_t, uint8_t, uint8_t, uint64_t, uint8_t, uint8_t>;
 
-    void check(int code) const;
+    void check(int code) const
+    {
+        if (code != SQLITE_OK) [[unlikely]]
+            fail();
+    }
+    [[noreturn]] void fail() const;
     void execute(const char *commands) const
     {
         check(sqlite3_exec(database_.get(), commands, nullptr, nullptr, nullptr));
     }
     // INSERT INTO `table` with so many values.
     Statement insertion(const char *table, unsigned values) const;
-    void bind(sqlite3_stmt *statement, int place, const Number &number) const;
+    void bind(sqlite3_stmt *statement, int place, const Number &number) const
+    {
+        check(number ? sqlite3_bind_int64(statement, place, static_cast<sqlite3_int64>(*number))
+                     : sqlite3_bind_null(statement, place));
+    }
+    // The text has to live until the row is inserted.
     void bind(sqlite3_stmt *statement, int place, std::string_view text) const;
     // Binds the values from the first place on, and inserts the row.
     template <class... Values> void insert(const Statement &statement, const Values &...values) const
     {
         int place = 0;
         (bind(statement.get(), ++place, values), ...);
+        finish_row(statement);
+    }
+    void finish_row(const Statement &statement) const
+    {
         sqlite3_step(statement.get());
         check(sqlite3_reset(statement.get()));
     }
@@ -102,16 +117,26 @@ private:
     std::unique_ptr<sqlite3, Closer> database_;
     Statement insert_header_, insert_record_, insert_translation_, insert_register_, insert_symbol_,
         insert_record_symbol_;
-    std::map<Translation, uint64_t> translations_;
+    struct Translation_Hash {
+        size_t operator()(const Translation &translation) const
+        {
+            const auto &[modes, pieces, page, page_size, guest_page_size, vsid, guest_depth, host_depth] =
+                translation;
+            const uint64_t rest = modes + (uint64_t{pieces} << 8) + (uint64_t{page_size} << 16) +
+                                  (uint64_t{guest_page_size} << 24) + (uint64_t{guest_depth} << 32) +
+                                  (uint64_t{host_depth} << 40);
+            return (page * 0x9E3779B97F4A7C15u) ^ (vsid * 0xC2B2AE3D27D4EB4Fu) ^ (rest * 0x165667B19E3779F9u);
+        }
+    };
+    std::unordered_map<Translation, uint64_t, Translation_Hash> translations_;
     Name_Finder names_;
     std::map<const Symbol *, uint64_t> symbols_; // rows of them
     uint64_t file_ = 0, records_ = 0;
 };
 
-void Sqlite_Exporter::check(int code) const
+void Sqlite_Exporter::fail() const
 {
-    if (code != SQLITE_OK)
-        throw std::runtime_error(output_.name() + ": " + sqlite3_errmsg(database_.get()));
+    throw std::runtime_error(output_.name() + ": " + sqlite3_errmsg(database_.get()));
 }
 
 Sqlite_Exporter::Statement Sqlite_Exporter::insertion(const char *table, unsigned values) const
@@ -124,24 +149,19 @@ Sqlite_Exporter::Statement Sqlite_Exporter::insertion(const char *table, unsigne
     return Statement(statement);
 }
 
-void Sqlite_Exporter::bind(sqlite3_stmt *statement, int place, const Number &number) const
-{
-    check(number ? sqlite3_bind_int64(statement, place, static_cast<sqlite3_int64>(*number))
-                 : sqlite3_bind_null(statement, place));
-}
-
 void Sqlite_Exporter::bind(sqlite3_stmt *statement, int place, std::string_view text) const
 {
     check(text.data() == nullptr
               ? sqlite3_bind_null(statement, place)
-              : sqlite3_bind_text(statement, place, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT));
+              : sqlite3_bind_text(statement, place, text.data(), static_cast<int>(text.size()), SQLITE_STATIC));
 }
 
 Sqlite_Exporter::Sqlite_Exporter(Output_File &file, const Export_Options &options)
     : output_(file), index_(options.index), names_(*options.names)
 {
     sqlite3 *database = nullptr;
-    const int code = sqlite3_open_v2(file.path().c_str(), &database, SQLITE_OPEN_READWRITE, nullptr);
+    const int code =
+        sqlite3_open_v2(file.path().c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(database);
     check(code);
     execute(TABLES);
@@ -195,15 +215,25 @@ Sqlite_Exporter::Number Sqlite_Exporter::translation_row(const Translated_Addres
     return row->second;
 }
 
+// What is bound stays bound from row to row.
 void Sqlite_Exporter::insert_registers(const QTRACE_Item &item) const
 {
-    for (const Register_Class &kind : REGISTER_CLASSES)
+    sqlite3_stmt *const row = insert_register_.get();
+    bind(row, 1, Number(file_ - 1));
+    bind(row, 2, Number(item.record_number));
+    for (const Register_Class &kind : REGISTER_CLASSES) {
+        if (kind.held(item.record.regs) == 0)
+            continue;
+        bind(row, 3, Number(kind.output));
+        bind(row, 4, kind.letter);
         for (unsigned i = 0; i < kind.entries(item.record.regs); i++) {
             const Register_Entry entry = register_entry(kind, item.record.regs, i);
-            insert(insert_register_, Number(file_ - 1), Number(item.record_number), Number(kind.output),
-                   kind.letter, Number(entry.index), Number(entry.value[0]),
-                   kind.words == 2 ? Number(entry.value[1]) : std::nullopt);
+            bind(row, 5, Number(entry.index));
+            bind(row, 6, Number(entry.value[0]));
+            bind(row, 7, kind.words == 2 ? Number(entry.value[1]) : std::nullopt);
+            finish_row(insert_register_);
         }
+    }
 }
 
 Sqlite_Exporter::Number Sqlite_Exporter::symbol_row(bool known, uint64_t address)

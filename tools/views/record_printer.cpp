@@ -599,6 +599,16 @@ void print_header(Output &out, const QTRACE_Item &item, const Item_Notes &notes)
     out.settle();
 }
 
+// In a column, so that what follows stands below each other where mnemonics are short.
+static void print_mnemonic(Output &out, std::string_view mnemonic)
+{
+    constexpr size_t WIDTH = 24;
+    out.put(' ');
+    print_visible(out, mnemonic);
+    for (size_t width = mnemonic.size(); width < WIDTH; width++)
+        out.put(' ');
+}
+
 void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &fields, const Item_Notes &notes)
 {
     const QTRACE_RECORD &record = item.record;
@@ -611,6 +621,8 @@ void print_record(Output &out, const QTRACE_Item &item, const Field_Selection &f
         out.put("????????????????");
     out.put(' ');
     out.put_hex(record.header.instruction, 8);
+    if (!notes.mnemonic.empty())
+        print_mnemonic(out, notes.mnemonic);
     if (fields.shows_flags()) {
         out.put(' ');
         out.put(record.header.control.fld.iar_change_present ? 'I' : '-');
@@ -725,6 +737,10 @@ static void print_place_json(Json_Line &out, const QTRACE_Item &item, const Item
         if (notes.names != nullptr)
             print_name_json(out.handed_on(), notes, "symbol", item.address);
     }
+    if (!notes.mnemonic.empty()) {
+        out.put(",\"mnemonic\":");
+        print_json_text(out.handed_on(), notes.mnemonic);
+    }
 }
 
 void print_record_json(Output &out, const QTRACE_Item &item, std::string_view beginning,
@@ -759,6 +775,7 @@ const char *const LINE_LEGEND =
 #   rpn       real page number (guest's in radix/radix)      host-depth, guest-depth  levels of the walks
 #   host-walks, guest-walk, host-addresses  real addresses of the table entries (--fields next-walk,data-walk)
 # <name+0x10>  the symbol of the instruction's address after the letters, else of the address before it (--symbols)
+# the text after the word is its mnemonic, from the text trace (--text)
 # length     bytes that a string instruction moves
 # error      8: the data address is suspect, its translation failed
 # in, out    registers read and written: r general, f floating-point, s special, v vector, x vector-scalar

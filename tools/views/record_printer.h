@@ -44,6 +44,7 @@ private:
 // What is shown of an item beside what it carries itself.
 struct Item_Notes {
     Name_Finder *names = nullptr; // that has entered the context of the item; null: addresses have no names
+    std::string_view mnemonic{};  // of a record, from the text trace; empty when it is not known
 };
 
 void print_header(Output &out, const QTRACE_Item &item, const Item_Notes &notes = {});
