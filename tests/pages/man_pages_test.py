@@ -4,7 +4,7 @@
 
 A page's options are the lines that begin with *-x* or *--word*. Under "# OPTIONS" they are the program's, under
 "# COMMON OPTIONS" those of each subcommand, under "## PROGRAM SUBCOMMAND" that one's own; a subcommand whose text names
-*CHOOSING RECORDS* has those of that section too."""
+*CHOOSING RECORDS* or *NAMES OF ADDRESSES* has those of that section too."""
 import pathlib
 import re
 import subprocess
@@ -77,6 +77,8 @@ class man_pages(unittest.TestCase):
                 sections = ["COMMON OPTIONS", f"qtrace {subcommand}"]
                 if "*CHOOSING RECORDS*" in page.sections[sections[1]]:
                     sections.append("CHOOSING RECORDS")
+                if re.search(r"\*NAMES OF\s+ADDRESSES\*", page.sections[sections[1]]):
+                    sections.append("NAMES OF ADDRESSES")
                 self.assertEqual(page.options(*sections), options)
 
     def test_pages_render(self):
