@@ -196,7 +196,7 @@ void Thread_Data::count_data(const QTRACE_Item &item)
 void Thread_Data::finish()
 {
     for (Model &model : models_)
-        figures_.push_back(model.tlb.finish());
+        figures_.push_back(model.tlb.take());
     models_.clear();
     for (Distinct_Keys &keys : distinct_)
         keys = Distinct_Keys(0);

@@ -1,12 +1,13 @@
 // What a run of the TLB model counted. Everything is a count, so that threads add up.
 #pragma once
 
+#include "flat_table.h"
+
 #include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <unordered_map>
 #include <vector>
 
 namespace qtrace_tool
@@ -39,8 +40,12 @@ struct Tlb_Page_Hash {
     {
         const uint64_t space = page.space * 0xD6E8FEB86659FD93u ^ page.lpid << 32;
         return ((page.first ^ space) + page.bits + (static_cast<uint64_t>(page.kind) << 8)) * 0x9E3779B97F4A7C15u >>
-               7;
+               32;
     }
+};
+
+struct Address_Hash {
+    size_t operator()(uint64_t address) const { return address * 0x9E3779B97F4A7C15u >> 32; }
 };
 
 // Walks of one kind.
@@ -114,10 +119,10 @@ struct Tlb_Figures {
     std::vector<Distance_Counts> distances; // one, or fetch and data
     std::map<uint64_t, Tlb_Cost> partitions;
     std::map<Partition_Key, Tlb_Cost> processes;
-    std::map<uint8_t, Tlb_Cost> page_sizes;                 // by power of two
-    std::unordered_map<uint64_t, Tlb_Cost> instructions_at; // that caused walks; without their other accesses
-    std::unordered_map<Tlb_Page, Tlb_Cost, Tlb_Page_Hash> pages;
-    std::unordered_map<Tlb_Page, Tlb_Region, Tlb_Page_Hash> regions;
+    std::map<uint8_t, Tlb_Cost> page_sizes;                       // by power of two
+    Flat_Table<uint64_t, Tlb_Cost, Address_Hash> instructions_at; // that caused walks; without their other accesses
+    Flat_Table<Tlb_Page, Tlb_Cost, Tlb_Page_Hash> pages;
+    Flat_Table<Tlb_Page, Tlb_Region, Tlb_Page_Hash> regions; // and pages that are as large
 
     uint64_t accesses() const { return translated[0] + translated[1]; }
     uint64_t walks() const;

@@ -87,7 +87,7 @@ uint32_t Tlb_Model::page_number(Access_Side side, const Tlb_Page &page, uint64_t
     if (has_last_[index(side)] && last_page == page)
         return last_number;
     last_page = page;
-    last_number = numbers_.number(page);
+    last_number = figures_.pages.number(page);
     has_last_[index(side)] = true;
     if (last_number == pages_.size())
         new_page(page, real);
@@ -96,14 +96,11 @@ uint32_t Tlb_Model::page_number(Access_Side side, const Tlb_Page &page, uint64_t
 
 void Tlb_Model::new_page(const Tlb_Page &page, uint64_t real)
 {
-    Page_State state{real, &figures_.pages[page], &figures_.page_sizes[page.bits], nullptr, 0};
+    Page_State state{real, 0, page.bits < REGION_BITS};
+    size_costs_[page.bits] = &figures_.page_sizes[page.bits];
     if (!options_.page_bits) {
-        const bool small = page.bits < REGION_BITS;
-        const Tlb_Page large = small ? resized(page, page.first, REGION_BITS) : page;
-        state.large = large_numbers_.number(large);
-        state.region = small ? &figures_.regions[large] : nullptr;
-        if (small)
-            state.region->pages++;
+        state.large = figures_.regions.number(state.is_small ? resized(page, page.first, REGION_BITS) : page);
+        figures_.regions.value(state.large).pages += state.is_small;
     }
     pages_.push_back(state);
 }
@@ -133,20 +130,20 @@ void Tlb_Model::access(Access_Side side, uint64_t address, const Translation &tr
     count_distance(side, number);
     const uint64_t read_before = figures_.read_entries;
     const bool missed = !look_up(side, number, page);
-    Page_State &state = pages_[number];
+    const Page_State &state = pages_[number];
     if (missed) {
         figures_.walks_of[index(side)]++;
         walk(translation, state);
     }
     if (!options_.page_bits)
         look_up_large(side, state, page);
-    charge(state, {1, missed, figures_.read_entries - read_before});
+    charge(number, {1, missed, figures_.read_entries - read_before});
 }
 
-void Tlb_Model::charge(Page_State &state, const Tlb_Cost &cost)
+void Tlb_Model::charge(uint32_t number, const Tlb_Cost &cost)
 {
-    *state.cost += cost;
-    *state.size_cost += cost;
+    figures_.pages.value(number) += cost;
+    *size_costs_[figures_.pages.key(number).bits] += cost;
     interval_.cost += cost;
     if (after_switch_)
         figures_.after_switch.cost += cost;
@@ -182,12 +179,12 @@ bool Tlb_Model::look_up(Access_Side side, uint32_t number, const Tlb_Page &page)
 // The same accesses where every small page is one of the size of a region.
 void Tlb_Model::look_up_large(Access_Side side, const Page_State &state, const Tlb_Page &page)
 {
-    const uint8_t bits = state.region != nullptr ? REGION_BITS : page.bits;
+    const uint8_t bits = state.is_small ? REGION_BITS : page.bits;
     size_t level = 0;
     while (level < large_tlb_.depth() && !large_tlb_.level(level, side).touch(state.large))
         level++;
-    if (level == large_tlb_.depth() && state.region != nullptr)
-        state.region->walks_if_one++;
+    if (level == large_tlb_.depth() && state.is_small)
+        figures_.regions.value(state.large).walks_if_one++;
     while (level-- > 0)
         large_tlb_.level(level, side).insert(state.large, page.first >> bits, uint64_t{1} << bits);
 }
@@ -203,14 +200,14 @@ static uint64_t entries_of(const Table_Walk &walk)
     return entries;
 }
 
-void Tlb_Model::walk(const Translation &translation, Page_State &state)
+void Tlb_Model::walk(const Translation &translation, const Page_State &state)
 {
     const Table_Walk &walk = translation.walk;
     Walk_Figures &kind = figures_.kinds[static_cast<size_t>(translation.page.kind)];
     kind.walks++;
     kind.entries += entries_of(walk);
-    if (state.region != nullptr)
-        state.region->walks++;
+    if (state.is_small && !options_.page_bits)
+        figures_.regions.value(state.large).walks++;
     for (size_t step = 0; step < walk.steps; step++) {
         const bool cached = translation.page.kind != Xlate_Kind::host &&
                             nested_cache_.use({translation.page.lpid, walk.guest_real[step] >> 12});

@@ -44,6 +44,12 @@ public:
 
     // The counts up to here. To be called once, at the end.
     const Tlb_Figures &finish();
+    // The same, for the caller to keep; nothing else may be asked for then.
+    Tlb_Figures take()
+    {
+        finish();
+        return std::move(figures_);
+    }
     // The counts so far.
     const Tlb_Figures &figures() const { return figures_; }
 
@@ -61,28 +67,19 @@ private:
     };
     struct Page_State {
         uint64_t real;
-        Tlb_Cost *cost; // of the page, in figures_.pages
-        Tlb_Cost *size_cost;
-        Tlb_Region *region; // null: the page is as large as a region
-        uint32_t large;     // number of the page or region in the other hierarchy
-    };
-    struct Numbers {
-        std::unordered_map<Tlb_Page, uint32_t, Tlb_Page_Hash> of;
-        uint32_t number(const Tlb_Page &page)
-        {
-            return of.try_emplace(page, static_cast<uint32_t>(of.size())).first->second;
-        }
+        uint32_t large; // number in figures_.regions of its region, or of itself when it is as large
+        bool is_small;
     };
     static size_t index(Access_Side side) { return static_cast<size_t>(side); }
 
     uint32_t page_number(Access_Side side, const Tlb_Page &page, uint64_t real);
     void new_page(const Tlb_Page &page, uint64_t real);
     void drop_remapped(uint32_t page, uint64_t real);
-    void charge(Page_State &state, const Tlb_Cost &cost);
+    void charge(uint32_t number, const Tlb_Cost &cost);
     void count_distance(Access_Side side, uint32_t page);
     bool look_up(Access_Side side, uint32_t number, const Tlb_Page &page);
     void look_up_large(Access_Side side, const Page_State &state, const Tlb_Page &page);
-    void walk(const Translation &translation, Page_State &state);
+    void walk(const Translation &translation, const Page_State &state);
     void read_host_walk(Walk_Figures &kind, const Table_Walk &walk, size_t step);
     void read_entry(Walk_Figures &kind, uint64_t address, Walk_Stage stage, size_t level, bool last);
     void flush();
@@ -90,8 +87,8 @@ private:
     Tlb_Options options_;
     Tlb_Figures figures_;
     Hierarchy tlb_, large_tlb_;
-    Numbers numbers_, large_numbers_;
-    std::vector<Page_State> pages_;
+    std::vector<Page_State> pages_;                     // by their numbers in figures_.pages
+    std::array<Tlb_Cost *, 64> size_costs_{};           // by power of two, in figures_.page_sizes
     std::array<std::pair<Tlb_Page, uint32_t>, 2> last_; // page of the last access of each side
     std::array<bool, 2> has_last_{};
     std::vector<Lru_Distances> distances_;

@@ -355,7 +355,7 @@ std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file
         scan_in_order(run, file, range_, sink);
     else
         run.fail(file.no_record(range_.first));
-    return std::make_unique<Tlb_Figures>(model.finish());
+    return std::make_unique<Tlb_Figures>(model.take());
 }
 
 void Tlb_Command::print(Tool_Run &run, const std::string &name, const Tlb_Figures &figures) const
