@@ -123,7 +123,8 @@ std::string elf(const Elf_Shape &shape, const std::vector<Elf_Symbol> &symbols)
                    sections_at = section_names_at + section_names.size();
 
     out.text = "\177ELF";
-    out.number(shape.wide ? 2 : 1, 1), out.number(shape.big_endian ? 2 : 1, 1), out.number(1, 1), out.number(0, 9);
+    out.number(shape.wide ? 2 : 1, 1), out.number(shape.big_endian ? 2 : 1, 1), out.number(1, 1), out.number(0, 1),
+        out.number(0, 8);
     out.half(shape.type), out.half(21), out.word(1), out.address(TEXT_AT), out.address(header),
         out.address(sections_at);
     out.word(0), out.half(header), out.half(segment), out.half(1), out.half(section), out.half(6), out.half(5);
