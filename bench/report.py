@@ -22,7 +22,7 @@ import thread_times
 from goals import GOALS, STREAMS, Measured, is_failure, verdict
 
 GROWTH_RECORDS = (20_000, 100_000, 1_000_000)  # callgrind takes a minute for the last one
-JOBS_RECORDS = 3_000_000
+JOBS_RECORDS = 10_000_000
 
 
 class Measurements:

@@ -196,9 +196,8 @@ public:
     // Prints the lines of at most so many records. Returns how many these are.
     uint64_t print(Output &out, uint64_t most)
     {
-        const std::string lines = lines_.take();
         const bool cut = most < records_ && !ends_.empty();
-        out.put(cut ? std::string_view(lines).substr(0, most == 0 ? 0 : ends_[most - 1]) : lines);
+        out.put(lines_.text().substr(0, !cut ? std::string_view::npos : most == 0 ? 0 : ends_[most - 1]));
         out.settle();
         return std::min(most, records_);
     }

@@ -57,6 +57,9 @@ public:
         return text;
     }
 
+    // The same, valid up to the next call.
+    std::string_view text() const { return {buffer_.data(), buffer_.size()}; }
+
     // What follows is in that colour, up to the next call.
     void paint(Colour colour);
 
