@@ -28,7 +28,7 @@ uint64_t number_after(std::string_view line, std::string_view key)
 
 } // namespace
 
-Text_Mnemonics::Text_Mnemonics(const std::string &name) : name_(name), file_(name)
+Text_Mnemonics::Text_Mnemonics(const std::string &name) : name_(name), file_(name), buffer_(LONGEST_LINE)
 {
     std::error_code ignored;
     if (!file_.is_open())
@@ -44,13 +44,13 @@ void Text_Mnemonics::fail(const std::string &what) const
 
 bool Text_Mnemonics::read_line()
 {
-    line_.resize(LONGEST_LINE);
-    file_.getline(line_.data(), LONGEST_LINE);
+    file_.getline(buffer_.data(), LONGEST_LINE);
     const auto got = static_cast<size_t>(file_.gcount());
     const bool cut = file_.fail() && got == LONGEST_LINE - 1;
     if (file_.fail() && !cut)
         return false;
-    line_.resize(cut || file_.eof() ? got : got - 1); // the newline counts, unless the file ends without one
+    line_ = {buffer_.data(),
+             cut || file_.eof() ? got : got - 1}; // the newline counts, unless the file ends without one
     if (cut) {
         file_.clear();
         file_.ignore(std::numeric_limits<std::streamsize>::max(), '\n');

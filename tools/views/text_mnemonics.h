@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qtrace_tool
 {
@@ -28,9 +29,10 @@ private:
 
     std::string name_;
     std::ifstream file_;
-    std::string line_;     // read last
-    uint64_t number_ = 0;  // of that line, from 1
-    uint64_t records_ = 0; // record lines read
+    std::vector<char> buffer_;
+    std::string_view line_; // in the buffer: read last
+    uint64_t number_ = 0;   // of that line, from 1
+    uint64_t records_ = 0;  // record lines read
 };
 
 } // namespace qtrace_tool
