@@ -144,7 +144,7 @@ struct Command_Line {
         app.footer(TOOL_FOOTER);
         for (const Command_Info &info : COMMANDS) {
             CLI::App *subcommand = app.add_subcommand(info.name, info.summary);
-            subcommand->add_flag("--json", run.json, "for programs: JSON, on standard output");
+            subcommand->add_flag("--json", run.json_option(), "for programs: JSON, on standard output");
             subcommand->footer(TOOL_FOOTER);
             commands.push_back(info.make());
             commands.back()->declare(options.emplace_back(*subcommand));

@@ -31,11 +31,14 @@ public:
 
     Output out;
     Output err;
-    size_t columns; // of the terminal that data goes to; 0: it goes to none
-    bool json = false;
+    size_t columns;        // of the terminal that data goes to; 0: it goes to none
     bool progress = false; // a progress line is wanted: messages go to a terminal
 
     std::function<void()> before_message; // called before each
+
+    // Calls `as_json` or `as_text`, whichever the user asked for. Nothing else knows about --json.
+    template <class Text, class Json> void show(Text as_text, Json as_json) const { json_ ? as_json() : as_text(); }
+    bool &json_option() { return json_; } // for the command line to set
 
     void found() { findings_ = true; }
     // Says "qtrace: TEXT" on the message stream.
@@ -47,6 +50,7 @@ public:
 private:
     void message(std::string_view text);
 
+    bool json_ = false;
     bool findings_ = false;
     bool failed_ = false;
 };

@@ -73,6 +73,7 @@ public:
 private:
     void print(const Finding &finding) const;
     void print_json(const Finding &finding) const;
+    void summarise_text(uint64_t records, uint64_t headers, const Compared &compared) const;
     void summarise_json(uint64_t records, uint64_t headers, const Compared &compared) const;
     void summarise_deep(const Deep_Checker &deep) const;
     void summarise_deep_json(const Deep_Checker &deep) const;
@@ -96,7 +97,7 @@ void Findings::add(const Finding &finding)
     if (++count->second > limit_)
         return;
     names_.enter(finding.space);
-    run_.json ? print_json(finding) : print(finding);
+    run_.show([&] { print(finding); }, [&] { print_json(finding); });
     run_.out.settle();
 }
 
@@ -194,8 +195,12 @@ void Findings::summarise_entries(const Pte_Checker &entries) const
 
 void Findings::summarise(uint64_t records, uint64_t headers, const Compared &compared) const
 {
-    if (run_.json)
-        return summarise_json(records, headers, compared);
+    run_.show([&] { summarise_text(records, headers, compared); },
+              [&] { summarise_json(records, headers, compared); });
+}
+
+void Findings::summarise_text(uint64_t records, uint64_t headers, const Compared &compared) const
+{
     Output &out = run_.out;
     out.print("{}: {}, {}: ", file_, counted(records, "record"), counted(headers, "header"));
     out.paint(counts_.empty() ? Colour::good : Colour::bad);
@@ -251,13 +256,12 @@ private:
 void list_rules(Tool_Run &run)
 {
     for (const Check_Rule &rule : check_rules()) {
-        if (!run.json) {
-            run.out.print("{:<48} {}\n", rule.name, rule.sentence);
-            continue;
-        }
-        run.out.print("{{\"rule\":\"{}\",\"sentence\":", rule.name);
-        print_json_text(run.out, rule.sentence);
-        run.out.put("}\n");
+        run.show([&] { run.out.print("{:<48} {}\n", rule.name, rule.sentence); },
+                 [&] {
+                     run.out.print("{{\"rule\":\"{}\",\"sentence\":", rule.name);
+                     print_json_text(run.out, rule.sentence);
+                     run.out.put("}\n");
+                 });
     }
 }
 

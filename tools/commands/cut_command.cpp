@@ -133,15 +133,20 @@ void Cut_Command::tell(Tool_Run &run, const std::string &from, const std::string
 {
     if (result.damaged_places != 0)
         run.warn(fmt::format("{}: left out {}", from, counted(result.damaged_places, "damaged place")));
-    if (!run.json)
-        return run.out.print("{}: {} and {} in {}\n", to, counted(result.records, "record"),
-                             counted(result.headers, "header"), counted(result.blocks, "block"));
-    run.out.put("{\"from\":");
-    print_json_text(run.out, from);
-    run.out.put(",\"to\":");
-    print_json_text(run.out, to);
-    run.out.print(",\"blocks\":{},\"records\":{},\"headers\":{},\"damaged_places\":{},\"open_end\":{}}}\n",
-                  result.blocks, result.records, result.headers, result.damaged_places, result.open_end != 0);
+    run.show(
+        [&] {
+            run.out.print("{}: {} and {} in {}\n", to, counted(result.records, "record"),
+                          counted(result.headers, "header"), counted(result.blocks, "block"));
+        },
+        [&] {
+            run.out.put("{\"from\":");
+            print_json_text(run.out, from);
+            run.out.put(",\"to\":");
+            print_json_text(run.out, to);
+            run.out.print(",\"blocks\":{},\"records\":{},\"headers\":{},\"damaged_places\":{},\"open_end\":{}}}\n",
+                          result.blocks, result.records, result.headers, result.damaged_places,
+                          result.open_end != 0);
+        });
 }
 
 } // namespace

@@ -101,26 +101,25 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
     const std::unique_ptr<Trace_File> a = Trace_File::open(run, name_a), b = Trace_File::open(run, name_b);
     if (!a || !b)
         return;
-    if (run.json) {
-        run.out.put("{\"a\":");
-        print_json_text(run.out, name_a);
-        run.out.put(",\"b\":");
-        print_json_text(run.out, name_b);
-        run.out.put(",\"differences\":[");
-    } else {
-        run.out.print("{} | {}\n", name_a, name_b);
-    }
+    run.show([&] { run.out.print("{} | {}\n", name_a, name_b); },
+             [&] {
+                 run.out.put("{\"a\":");
+                 print_json_text(run.out, name_a);
+                 run.out.put(",\"b\":");
+                 print_json_text(run.out, name_b);
+                 run.out.put(",\"differences\":[");
+             });
     bool first = true;
     const Shown shown{run, name_a, name_b, names};
     Progress progress(run, name_a, std::min(a->info().records, b->info().records));
     Trace_Diff diff(run, *a, *b, ignored(), limit_, [&](const Difference_Place &place) {
-        run.json ? show_json(shown, place, first) : show(shown, place);
+        run.show([&] { show(shown, place); }, [&] { show_json(shown, place, first); });
         first = false;
     });
     const Difference_Counts counts = diff.run(jobs_, [&progress](uint64_t records) { progress.step(records); });
     if (counts.any())
         run.found();
-    run.json ? summarise_json(run.out, counts) : summarise(run.out, counts);
+    run.show([&] { summarise(run.out, counts); }, [&] { summarise_json(run.out, counts); });
 }
 
 // Records of a file from a reader of its own, so that the comparison stays where it is.

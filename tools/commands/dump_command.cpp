@@ -51,7 +51,8 @@ public:
     {
         if (std::ranges::find(fields_, "help") != fields_.end()) {
             for (const std::string &name : Field_Selection::names())
-                run.json ? run.out.print("{{\"field\":\"{}\"}}\n", name) : run.out.print("{}\n", name);
+                run.show([&] { run.out.print("{}\n", name); },
+                         [&] { run.out.print("{{\"field\":\"{}\"}}\n", name); });
             return;
         }
         if (!pte_.empty()) {
@@ -117,8 +118,8 @@ void Dump_Command::dump_accesses(Tool_Run &run) const
     refuse_options_of_records();
     const std::vector<Named_File> files = files_of(run, pte_);
     for (const Named_File &file : files) {
-        if (files.size() > 1 && !run.json)
-            run.out.print("# {}\n", file.name);
+        if (files.size() > 1)
+            run.show([&] { run.out.print("# {}\n", file.name); }, [] {});
         dump_pte(run, file.name, *pte_kind_, filter_.from(), filter_.count());
     }
 }
@@ -126,7 +127,7 @@ void Dump_Command::dump_accesses(Tool_Run &run) const
 void Dump_Command::prepare(const Tool_Run &run)
 {
     if (format_.empty())
-        format_ = run.json ? "json" : "text";
+        run.show([&] { format_ = "text"; }, [&] { format_ = "json"; });
     if (const std::vector<std::string> known = item_formats(); std::ranges::find(known, format_) == known.end())
         throw unknown_word("output format", format_, known);
     std::string unknown;

@@ -121,11 +121,12 @@ void Export_Command::report(Tool_Run &run, const Exporter &exporter) const
 {
     for (const std::string &sentence : exporter.shortcomings())
         run.err.print("qtrace: {}: {}\n", output_, sentence);
-    if (!run.json)
-        return run.out.print("{}: {} records\n", output_, records_);
-    run.out.put("{\"output\":");
-    print_json_text(run.out, output_);
-    run.out.print(",\"records\":{}}}\n", records_);
+    run.show([&] { run.out.print("{}: {}\n", output_, counted(records_, "record")); },
+             [&] {
+                 run.out.put("{\"output\":");
+                 print_json_text(run.out, output_);
+                 run.out.print(",\"records\":{}}}\n", records_);
+             });
 }
 
 // What an exporter gets of a file.

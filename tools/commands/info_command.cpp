@@ -214,10 +214,8 @@ private:
         const File_Summary summary = summarise(run, file, verify_, jobs_);
         if (!summary.info.clean_end || summary.info.damaged_places > 0)
             run.found();
-        if (run.json)
-            print_json(run.out, file.name(), summary);
-        else
-            print_text(run.out, file.name(), summary);
+        run.show([&] { print_text(run.out, file.name(), summary); },
+                 [&] { print_json(run.out, file.name(), summary); });
         run.out.settle();
     }
     void print_text(Output &out, const std::string &name, const File_Summary &summary) const;

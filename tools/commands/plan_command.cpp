@@ -72,13 +72,13 @@ public:
 private:
     static void print(Tool_Run &run, const Part &part)
     {
-        if (!run.json) {
-            run.out.print("{} --from {} --count {}\n", quoted(part.file->name()), part.first, part.count);
-            return;
-        }
-        run.out.put("{\"file\":");
-        print_json_text(run.out, part.file->name());
-        run.out.print(",\"from\":{},\"count\":{}}}\n", part.first, part.count);
+        run.show(
+            [&] { run.out.print("{} --from {} --count {}\n", quoted(part.file->name()), part.first, part.count); },
+            [&] {
+                run.out.put("{\"file\":");
+                print_json_text(run.out, part.file->name());
+                run.out.print(",\"from\":{},\"count\":{}}}\n", part.first, part.count);
+            });
     }
 
     std::vector<std::string> files_;

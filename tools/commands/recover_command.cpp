@@ -75,7 +75,7 @@ void Recover_Command::recover(Tool_Run &run, const std::string &from, const std:
     }
     if (recovery.damaged_places > 0)
         run.found();
-    run.json ? tell_json(run.out, from, to, recovery) : tell(run.out, from, to, recovery);
+    run.show([&] { tell(run.out, from, to, recovery); }, [&] { tell_json(run.out, from, to, recovery); });
 }
 
 } // namespace

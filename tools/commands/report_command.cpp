@@ -96,8 +96,8 @@ void Report_Command::run(Tool_Run &run)
         return;
     const std::string page = report_page(report);
     write(run, page);
-    if (run.json)
-        run.out.print("{{\"file\":{},\"bytes\":{}}}\n", nlohmann::json(output_).dump(), page.size());
+    run.show([] {},
+             [&] { run.out.print("{{\"file\":{},\"bytes\":{}}}\n", nlohmann::json(output_).dump(), page.size()); });
 }
 
 } // namespace

@@ -281,13 +281,15 @@ void Stats_Command::run(Tool_Run &run)
     const std::vector<Metric> metrics = metrics_of(*total.counts, sizes_);
     if (columns.size() > 1)
         columns.push_back(std::move(total));
-    if (!run.json) {
-        print_table(run.out, table_of(columns, metrics), run.columns);
-        print_lists(run.out, columns.back());
-        return;
-    }
-    for (const Column &column : columns)
-        print_json(run.out, column, metrics);
+    run.show(
+        [&] {
+            print_table(run.out, table_of(columns, metrics), run.columns);
+            print_lists(run.out, columns.back());
+        },
+        [&] {
+            for (const Column &column : columns)
+                print_json(run.out, column, metrics);
+        });
 }
 
 Table Stats_Command::table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics)

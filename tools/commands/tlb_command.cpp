@@ -360,13 +360,12 @@ std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file
 
 void Tlb_Command::print(Tool_Run &run, const std::string &name, const Tlb_Figures &figures) const
 {
-    if (!run.json) {
-        Tlb_Text(run.out, figures, options_, lists_).print(name);
-        return;
-    }
-    nlohmann::ordered_json json = {{"file", name}};
-    json.update(tlb_json(figures, options_, lists_));
-    run.out.print("{}\n", json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    run.show([&] { Tlb_Text(run.out, figures, options_, lists_).print(name); },
+             [&] {
+                 nlohmann::ordered_json json = {{"file", name}};
+                 json.update(tlb_json(figures, options_, lists_));
+                 run.out.print("{}\n", json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+             });
 }
 
 void Tlb_Command::run(Tool_Run &run)
@@ -382,8 +381,8 @@ void Tlb_Command::run(Tool_Run &run)
     }
     if (files.size() > 1)
         print(run, "total", total);
-    if (!files.empty() && !run.json)
-        run.out.put(NOT_MODELLED);
+    if (!files.empty())
+        run.show([&] { run.out.put(NOT_MODELLED); }, [] {});
 }
 
 } // namespace

@@ -98,7 +98,7 @@ void Pte_Printer::print(uint64_t first, uint64_t count)
     file_.seek(first * kind_.members.size());
     uint64_t number = first;
     for (Words words{}; number - first < count && read(words); number++) {
-        run_.json ? print_json(number, words) : print_text(number, words);
+        run_.show([&] { print_text(number, words); }, [&] { print_json(number, words); });
         note_wrong_kind(number, words);
         run_.out.settle();
     }
