@@ -6,7 +6,7 @@ packages=$1 here=$(dirname "$0")
 
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
-apt-get install -y -qq --no-install-recommends "$packages"/*.deb python3-numpy python3-pandas python3-zstandard \
+apt-get install -y -qq --no-install-recommends "$packages"/*.deb python3-numpy python3-pandas python3-zstandard zstd \
     gcc libc6-dev pkg-config man-db zsh >/dev/null
 useradd --create-home newcomer
 cp "$here/first_hour.sh" /home/newcomer
