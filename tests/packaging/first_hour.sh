@@ -26,7 +26,7 @@ part 'A recorded stream'
 script trace >console
 replay -e "$examples/sample.jsonl" console
 qtrace info trace
-qtrace info --json trace | grep -q '"records":2000' || fail 'qtrace info'
+qtrace info --json trace | grep -E '"records":2000' >/dev/null || fail 'qtrace info'
 qtrace check trace --text trace-text
 qtrace stats trace >stats.txt
 grep -q '^instructions  *2000$' stats.txt || fail 'qtrace stats'
@@ -68,12 +68,12 @@ qtrace dump log0
 part 'A reader of one'\''s own'
 gcc "$development/count_records.c" "${flags[@]}" -o count_records
 expect 'records by a C program' "$(./count_records trace0)" '1 headers, 2000 records, 0 discontinuities'
-ldd count_records | grep -qE 'libqtrace\.so\.0 => (/usr)?/lib/' || fail 'the program is not bound to the installed library'
+ldd count_records | grep -E 'libqtrace\.so\.0 => (/usr)?/lib/' >/dev/null || fail 'the program is not bound to the installed library'
 
 part 'Manual pages and completions'
 for page in 'qtrace 1' 'replay 1' 'qtrace-trace 5'; do
     read -r name section <<<"$page"
-    man "$section" "$name" | grep -q '^NAME' || fail "no manual page $page"
+    man "$section" "$name" | grep -E '^NAME' >/dev/null || fail "no manual page $page"
 done
 completed=$(bash -c 'source /usr/share/bash-completion/completions/qtrace; COMP_WORDS=(qtrace rec); COMP_CWORD=1
     _qtrace; echo "${COMPREPLY[*]}"')
