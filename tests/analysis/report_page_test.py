@@ -103,7 +103,7 @@ class Report(unittest.TestCase):
     def trace(cls, stream):
         base = os.path.join(cls.folder, os.path.basename(stream).split(".")[0])
         with open(base + ".commands", "w", encoding="utf-8") as file:
-            file.write(f"plugin load {PLUGIN}\nplugin signal plugin_qtbin.so start {base}\nrun 20000\n")
+            file.write(f'plugin load "{PLUGIN}"\nplugin signal plugin_qtbin.so start "{base}"\nrun 20000\n')
             file.write("plugin signal plugin_qtbin.so pause\nrun 10\nplugin signal plugin_qtbin.so resume\nrun 20000\n")
             file.write("plugin signal plugin_qtbin.so stop\n")
         run(REPLAY, stream, base + ".commands")

@@ -49,7 +49,7 @@ class Export(unittest.TestCase):
         """The traces of another stream, one for each thread."""
         script = self.home / f"{base}.console"
         script.write_text(
-            f'plugin load "{PROGRAMS / "plugin_qtbin.so"}"\nplugin signal plugin_qtbin.so start {base}\nrun\n'
+            f'plugin load "{PROGRAMS / "plugin_qtbin.so"}"\nplugin signal plugin_qtbin.so start "{base}"\nrun\n'
             "plugin signal plugin_qtbin.so stop\n")
         subprocess.run([PROGRAMS / "replay", stream, script], cwd=self.home, check=True, stdout=subprocess.DEVNULL)
         return sorted(self.home.glob(f"{base}[0-9]*"))
