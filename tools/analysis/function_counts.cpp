@@ -1,6 +1,8 @@
 #include "function_counts.h"
 
 #include <algorithm>
+#include <string_view>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -24,10 +26,14 @@ void Function_Counts::add(const Function_Counts &other)
 
 std::vector<std::pair<const Symbol *, uint64_t>> Function_Counts::top(size_t count) const
 {
-    const auto first = [](const Symbol *symbol) { return symbol != nullptr ? symbol->first : 0; };
+    // symbols of several processes may begin at one address
+    const auto place = [](const Symbol *symbol) {
+        return symbol == nullptr ? std::pair(uint64_t{0}, std::string_view())
+                                 : std::pair(symbol->first, std::string_view(symbol->name));
+    };
     std::vector<std::pair<const Symbol *, uint64_t>> sorted(counts_.begin(), counts_.end());
-    std::ranges::sort(sorted, [first](const auto &a, const auto &b) {
-        return a.second != b.second ? a.second > b.second : first(a.first) < first(b.first);
+    std::ranges::sort(sorted, [place](const auto &a, const auto &b) {
+        return a.second != b.second ? a.second > b.second : place(a.first) < place(b.first);
     });
     sorted.resize(std::min(count, sorted.size()));
     return sorted;

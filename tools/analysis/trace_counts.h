@@ -5,6 +5,7 @@
 #include "qtrace_reader.h"
 #include "record_schema.h"
 
+#include <compare>
 #include <map>
 #include <memory>
 #include <string>
@@ -43,7 +44,7 @@ struct Page {
     uint64_t first = 0; // its real address (nested: guest real address)
     uint64_t guest = 0; // partition + 1; 0: a page of the host
     uint8_t size_code = 0;
-    bool operator==(const Page &) const = default;
+    auto operator<=>(const Page &) const = default;
 };
 struct Page_Hash {
     size_t operator()(const Page &page) const;

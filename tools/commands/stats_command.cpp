@@ -135,7 +135,7 @@ std::vector<std::pair<Page, uint64_t>> hottest(const Page_Counts &pages, size_t 
 {
     std::vector<std::pair<Page, uint64_t>> sorted(pages.begin(), pages.end());
     std::ranges::sort(sorted, [](const auto &a, const auto &b) {
-        return a.second != b.second ? a.second > b.second : a.first.first < b.first.first;
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
     });
     sorted.resize(std::min(count, sorted.size()));
     return sorted;
