@@ -91,7 +91,7 @@ function dump(thread,from,count){return `qtrace dump --from ${from} --count ${Ma
 // Time axis under a picture of `w` by `h` whose plot starts at x.
 function timeAxis(svg,thread,x,w,y){const [a]=range(thread,windows.from),[,b]=range(thread,windows.to-1);
  for(const t of ticks(a,b,w<500?4:8)){const px=x+(t-a)/(b-a||1)*w;
-  svg.append(node("line",{x1:px,x2:px,y1:y,y2:y+5,class:"axis"}),node("text",{x:px,y:y+18,"text-anchor":"middle"},short(t)));}
+  svg.append(node("line",{x1:px,x2:px,y1:y,y2:y+5,class:"axis"}),node("text",{x:px,y:y+18,"text-anchor":px>x+w-16?"end":"middle"},short(t)));}
  svg.append(node("text",{x:x+w,y:y+34,"text-anchor":"end"},"record number"));}
 function legend(host,names){const list=host.parentNode.querySelector(".legend");list.textContent="";
  names.forEach((name,i)=>{const li=document.createElement("li"),box=document.createElement("i");
@@ -126,12 +126,14 @@ function timeline(host,thread){const L=8,H=90;
    svg.append(node("line",{x1:x,x2:x,y1:0,y2:H,stroke:css("--ink"),"stroke-width":2,"stroke-dasharray":"4 2"}));}
   timeAxis(svg,thread,L,w,H);host.append(svg);});
  pointer(host,L,L,b=>keys.show(b));}
-// Colours from dark blue over grey to yellow, which all kinds of colour vision tell apart.
-const SCALE=[[0,34,78],[40,64,108],[87,92,109],[124,123,120],[166,157,117],[211,193,100],[254,232,56]];
-function heatColour(v){const x=Math.min(.9999,v)*(SCALE.length-1),i=Math.floor(x),f=x-i;
- return SCALE[i].map((c,k)=>Math.round(c+(SCALE[i+1][k]-c)*f));}
+// Colours from dark blue over grey to yellow, which all kinds of colour vision tell apart. A dark page takes lighter blues.
+const DARK=matchMedia("(prefers-color-scheme: dark)");
+const DARK_SCALE=[[66,112,186],[92,122,170],[118,132,152],[140,139,132],[170,161,120],[213,195,100],[254,232,56]];
+const LIGHT_SCALE=[[0,34,78],[40,64,108],[87,92,109],[124,123,120],[166,157,117],[211,193,100],[254,232,56]];
+function heatColour(v){const scale=DARK.matches?DARK_SCALE:LIGHT_SCALE,x=Math.min(.9999,v)*(scale.length-1),i=Math.floor(x),f=x-i;
+ return scale[i].map((c,k)=>Math.round(c+(scale[i+1][k]-c)*f));}
 function levels(text){return Uint8Array.from(text,c=>c.charCodeAt(0)-48);}
-function heat(host,thread,map){const L=widthOf(host)<560?64:150,R=8,row=Math.max(4,Math.min(14,Math.floor(420/Math.max(1,map.rows.length))));
+function heat(host,thread,map){const L=widthOf(host)<560?84:150,R=8,row=Math.max(4,Math.min(14,Math.floor(420/Math.max(1,map.rows.length))));
  const rows=map.rows.map(r=>({...r,first:BigInt(r.first),levels:levels(r.bins)})).reverse();
  let gaps=0;for(let i=1;i<rows.length;i++)if(rows[i-1].first-rows[i].first!==1n<<BigInt(map.bits)){rows[i].fold=true;gaps++;}
  const FOLD=7,H=rows.length*row+gaps*FOLD;let y=0;
@@ -216,7 +218,7 @@ for(const host of document.querySelectorAll(".plot")){const thread=data.threads[
  else if(what==="bias")bars(host,"executions of conditional branches by how often the branch is taken",thread.bias);}
 redraw();
 let again;addEventListener("resize",()=>{clearTimeout(again);again=setTimeout(redraw,120);});
-matchMedia("(prefers-color-scheme: dark)").addEventListener("change",redraw);
+DARK.addEventListener("change",redraw);
 addEventListener("beforeprint",()=>document.querySelectorAll("details").forEach(d=>d.open=true));
 document.documentElement.dataset.drawn="yes";
 )js";
