@@ -12,6 +12,7 @@ the pages show. Each fenced block says in a comment before it what becomes of it
 
 Blocks of Python are run by tests/python/manual_python_test.py. A line "..." stands for any lines. --renew writes what the programs print into the pages, but leaves blocks with "..." alone
 when they still fit. Commands in the running text are tested by text_commands()."""
+import contextlib
 import os
 import pathlib
 import re
@@ -135,8 +136,9 @@ def commands_of(block):
 
 
 class Documents:
-    def __init__(self, root):
-        self.root, self.problems, self.done = pathlib.Path(root), [], {}
+    def __init__(self, root, short):
+        """`short` is a folder without blanks in its name, as the pages have them."""
+        self.root, self.short, self.problems, self.done = pathlib.Path(root), pathlib.Path(short), [], {}
         for name, make in FOLDERS.items():
             (self.root / name).mkdir()
             os.chdir(self.root / name)
@@ -199,10 +201,13 @@ class Documents:
     def check_cluster(self, page, block, _):
         """Servers do not end: commands that start them go on until the last command has."""
         folder = self.root / "cluster"
+        shared = self.short / "shared"
+        shared.unlink(missing_ok=True)
+        shared.symlink_to(folder)
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             port = str(free.getsockname()[1])
-        for name, here in (("/shared", str(folder)), ("first", "127.0.0.1"), ("8786", port)):
+        for name, here in (("/shared", str(shared)), ("first", "127.0.0.1"), ("8786", port)):
             block = block.replace(name, here)
         if block.startswith("$ cat "):
             name, script, command = re.fullmatch(r"\$ cat (\S+)\n(.*)\$ (.*)\n", block, re.S).groups()
@@ -217,7 +222,8 @@ class Documents:
             try:
                 status = job.wait(SECONDS)
             finally:
-                os.killpg(job.pid, signal.SIGTERM)
+                with contextlib.suppress(ProcessLookupError):
+                    os.killpg(job.pid, signal.SIGTERM)
         output = (folder / "log").read_text(encoding="utf-8")
         if status != 0 or "'instructions': 2000" not in output:
             self.fail(page, f"these commands fail:\n{block}--- with\n{output}")
@@ -300,8 +306,8 @@ class Documents:
 
 
 def main():
-    with tempfile.TemporaryDirectory() as root:
-        documents = Documents(root)
+    with tempfile.TemporaryDirectory() as root, tempfile.TemporaryDirectory(dir="/tmp") as short:
+        documents = Documents(root, short)
         documents.check_pages()
         documents.text_commands()
         documents.manual_pages()

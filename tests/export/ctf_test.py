@@ -22,7 +22,8 @@ class Ctf(Export):
         return list(bt2.TraceCollectionMessageIterator(str(folder)))
 
     def babeltrace(self, *arguments):
-        done = subprocess.run(["babeltrace2", *arguments], capture_output=True, text=True)
+        done = subprocess.run(["babeltrace2", *arguments], capture_output=True, text=True,
+                              env={**os.environ, "TZ": "UTC"})  # fmt: skip
         self.assertEqual(done.returncode, 0, done.stderr)
         return done.stdout, done.stderr
 

@@ -82,7 +82,8 @@ class Folder:
     def run(self, preload=None, settings=None, limits=None, **options):
         environment = dict(os.environ, **(settings or {}))
         if preload:
-            environment["LD_PRELOAD"] = str(BIN / preload)
+            environment["LD_PRELOAD"] = preload  # without its folder, whose name may have blanks
+            environment["LD_LIBRARY_PATH"] = str(BIN)
         else:
             environment.pop("LD_PRELOAD", None)
 
