@@ -198,12 +198,6 @@ void Trace_File::note_loss(const QTRACE_Discontinuity &damage)
         run_.warn(text);
 }
 
-void Trace_File::verify()
-{
-    if (qtrace_verify(reader_.get(), &info_) != 0)
-        run_.fail(qtrace_error(reader_.get()));
-}
-
 std::vector<std::unique_ptr<Trace_File>> open_traces(Tool_Run &run, const std::vector<std::string> &names)
 {
     std::vector<std::unique_ptr<Trace_File>> traces;

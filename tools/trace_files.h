@@ -87,8 +87,6 @@ public:
     };
     // Those met so far, each once; a new one stands before the item delivered last.
     const std::vector<Loss> &losses() const { return losses_; }
-    // Reads the payloads of all blocks too, so that info() knows of every damaged place.
-    void verify();
     bool readable() const { return readable_; } // false after an error that ended the reading
 
 private:
