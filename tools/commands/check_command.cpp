@@ -76,7 +76,6 @@ private:
     void summarise_text(uint64_t records, uint64_t headers, const Compared &compared) const;
     void summarise_json(uint64_t records, uint64_t headers, const Compared &compared) const;
     void summarise_deep(const Deep_Checker &deep) const;
-    void summarise_deep_json(const Deep_Checker &deep) const;
     void summarise_entries(const Pte_Checker &entries) const;
 
     Tool_Run &run_;
@@ -128,46 +127,52 @@ void Findings::print(const Finding &finding) const
 
 void Findings::print_json(const Finding &finding) const
 {
-    Output &out = run_.out;
-    out.put("{\"file\":");
-    print_json_text(out, file_);
-    out.print(",\"rule\":\"{}\",\"{}\":{}", finding.rule, finding.in_header ? "before_record" : "record",
-              finding.record);
-    if (finding.address) {
-        out.print(",\"address\":\"0x{:x}\"", *finding.address);
-        print_name_json(out, notes_, "symbol", *finding.address);
-    }
-    out.put(",\"sentence\":");
-    print_json_text(out, finding.text);
-    out.put("}\n");
+    Json_Writer json(run_.out);
+    json.line([&] {
+        json.member("file", file_);
+        json.member("rule", finding.rule);
+        json.member(finding.in_header ? "before_record" : "record", finding.record);
+        if (finding.address) {
+            json.member("address", Json_Hex{*finding.address});
+            name_member(json, "symbol", notes_, *finding.address);
+        }
+        json.member("sentence", finding.text);
+    });
 }
 
-void Findings::summarise_deep_json(const Deep_Checker &deep) const
+static void deep_members(Json_Writer &json, const Deep_Checker &deep)
 {
-    Output &out = run_.out;
-    out.put(",\"checks\":{");
-    for (size_t rule = 0; rule < DEEP_RULE_COUNT; rule++)
-        out.print("{}\"{}\":{}", rule == 0 ? "" : ",", DEEP_RULES[rule].name, deep.checks(rule));
-    out.print("}},\"forgotten\":{},\"other_threads_unknown\":{}", deep.forgotten(), deep.others_unknown());
+    json.object("checks", [&] {
+        for (size_t rule = 0; rule < DEEP_RULE_COUNT; rule++)
+            json.member(DEEP_RULES[rule].name, deep.checks(rule));
+    });
+    json.member("forgotten", deep.forgotten());
+    json.member("other_threads_unknown", deep.others_unknown());
+}
+
+static void entries_members(Json_Writer &json, const Pte_Checker &entries)
+{
+    json.member("walks_compared", entries.compared());
+    json.member("walks_not_compared", entries.beyond_limit());
+    json.member("hashed_translations", entries.hashed());
 }
 
 void Findings::summarise_json(uint64_t records, uint64_t headers, const Compared &compared) const
 {
-    Output &out = run_.out;
-    out.put("{\"file\":");
-    print_json_text(out, file_);
-    out.print(",\"records\":{},\"headers\":{},\"violations\":{{", records, headers);
-    for (bool first = true; const auto &[rule, count] : counts_) {
-        out.print("{}\"{}\":{}", first ? "" : ",", rule, count);
-        first = false;
-    }
-    out.put('}');
-    if (compared.deep != nullptr)
-        summarise_deep_json(*compared.deep);
-    if (const Pte_Checker *entries = compared.entries; entries != nullptr)
-        out.print(",\"walks_compared\":{},\"walks_not_compared\":{},\"hashed_translations\":{}",
-                  entries->compared(), entries->beyond_limit(), entries->hashed());
-    out.put("}\n");
+    Json_Writer json(run_.out);
+    json.line([&] {
+        json.member("file", file_);
+        json.member("records", records);
+        json.member("headers", headers);
+        json.object("violations", [&] {
+            for (const auto &[rule, count] : counts_)
+                json.member(rule, count);
+        });
+        if (compared.deep != nullptr)
+            deep_members(json, *compared.deep);
+        if (compared.entries != nullptr)
+            entries_members(json, *compared.entries);
+    });
 }
 
 void Findings::summarise_deep(const Deep_Checker &deep) const
@@ -258,9 +263,11 @@ void list_rules(Tool_Run &run)
     for (const Check_Rule &rule : check_rules()) {
         run.show([&] { run.out.print("{:<48} {}\n", rule.name, rule.sentence); },
                  [&] {
-                     run.out.print("{{\"rule\":\"{}\",\"sentence\":", rule.name);
-                     print_json_text(run.out, rule.sentence);
-                     run.out.put("}\n");
+                     Json_Writer json(run.out);
+                     json.line([&] {
+                         json.member("rule", rule.name);
+                         json.member("sentence", rule.sentence);
+                     });
                  });
     }
 }

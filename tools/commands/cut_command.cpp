@@ -1,6 +1,6 @@
 #include "exports/output_file.h"
+#include "json_writer.h"
 #include "record_filter.h"
-#include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
@@ -139,13 +139,16 @@ void Cut_Command::tell(Tool_Run &run, const std::string &from, const std::string
                           counted(result.headers, "header"), counted(result.blocks, "block"));
         },
         [&] {
-            run.out.put("{\"from\":");
-            print_json_text(run.out, from);
-            run.out.put(",\"to\":");
-            print_json_text(run.out, to);
-            run.out.print(",\"blocks\":{},\"records\":{},\"headers\":{},\"damaged_places\":{},\"open_end\":{}}}\n",
-                          result.blocks, result.records, result.headers, result.damaged_places,
-                          result.open_end != 0);
+            Json_Writer json(run.out);
+            json.line([&] {
+                json.member("from", from);
+                json.member("to", to);
+                json.member("blocks", result.blocks);
+                json.member("records", result.records);
+                json.member("headers", result.headers);
+                json.member("damaged_places", result.damaged_places);
+                json.member("open_end", result.open_end != 0);
+            });
         });
 }
 

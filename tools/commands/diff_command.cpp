@@ -200,7 +200,8 @@ void Diff_Command::show_json(const Shown &shown, const Difference_Place &place, 
     out.print("{}{{\"record_a\":{},\"record_b\":{},\"address\":\"0x{:x}\"", first ? "" : ",", place.record_a,
               place.record_b, place.address);
     shown.names.enter(place.space);
-    print_name_json(out, shown.notes(), "symbol", place.address);
+    Json_Writer json = Json_Writer::inside_object(out);
+    name_member(json, "symbol", shown.notes(), place.address);
     out.put(",\"kinds\":[");
     for (size_t i = 0, listed = 0; i < DIFFERENCES; i++)
         if (place.kinds[i])

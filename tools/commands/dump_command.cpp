@@ -52,7 +52,10 @@ public:
         if (std::ranges::find(fields_, "help") != fields_.end()) {
             for (const std::string &name : Field_Selection::names())
                 run.show([&] { run.out.print("{}\n", name); },
-                         [&] { run.out.print("{{\"field\":\"{}\"}}\n", name); });
+                         [&] {
+                             Json_Writer json(run.out);
+                             json.line([&] { json.member("field", name); });
+                         });
             return;
         }
         if (!pte_.empty()) {

@@ -1,6 +1,6 @@
 #include "exports/exporter.h"
+#include "json_writer.h"
 #include "record_filter.h"
-#include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
@@ -123,9 +123,11 @@ void Export_Command::report(Tool_Run &run, const Exporter &exporter) const
         run.err.print("qtrace: {}: {}\n", output_, sentence);
     run.show([&] { run.out.print("{}: {}\n", output_, counted(records_, "record")); },
              [&] {
-                 run.out.put("{\"output\":");
-                 print_json_text(run.out, output_);
-                 run.out.print(",\"records\":{}}}\n", records_);
+                 Json_Writer json(run.out);
+                 json.line([&] {
+                     json.member("output", output_);
+                     json.member("records", records_);
+                 });
              });
 }
 

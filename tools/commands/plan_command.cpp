@@ -1,4 +1,4 @@
-#include "record_printer.h"
+#include "json_writer.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
@@ -75,9 +75,12 @@ private:
         run.show(
             [&] { run.out.print("{} --from {} --count {}\n", quoted(part.file->name()), part.first, part.count); },
             [&] {
-                run.out.put("{\"file\":");
-                print_json_text(run.out, part.file->name());
-                run.out.print(",\"from\":{},\"count\":{}}}\n", part.first, part.count);
+                Json_Writer json(run.out);
+                json.line([&] {
+                    json.member("file", part.file->name());
+                    json.member("from", part.first);
+                    json.member("count", part.count);
+                });
             });
     }
 

@@ -1,5 +1,5 @@
+#include "json_writer.h"
 #include "qtrace_jobs.h"
-#include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
 
@@ -53,14 +53,19 @@ void tell(Output &out, const std::string &from, const std::string &to, const QTR
 
 void tell_json(Output &out, const std::string &from, const std::string &to, const QTRACE_Recovery &recovery)
 {
-    out.put("{\"from\":");
-    print_json_text(out, from);
-    out.put(",\"to\":");
-    print_json_text(out, to);
-    out.print(",\"blocks\":{},\"records\":{},\"headers\":{},\"damaged_places\":{},\"lost_bytes\":{},"
-              "\"lost_records\":{},\"lost_records_known\":{},\"open_end\":{}}}\n",
-              recovery.blocks, recovery.records, recovery.headers, recovery.damaged_places, recovery.lost_bytes,
-              recovery.lost_records, recovery.lost_records_known != 0, recovery.open_end != 0);
+    Json_Writer json(out);
+    json.line([&] {
+        json.member("from", from);
+        json.member("to", to);
+        json.member("blocks", recovery.blocks);
+        json.member("records", recovery.records);
+        json.member("headers", recovery.headers);
+        json.member("damaged_places", recovery.damaged_places);
+        json.member("lost_bytes", recovery.lost_bytes);
+        json.member("lost_records", recovery.lost_records);
+        json.member("lost_records_known", recovery.lost_records_known != 0);
+        json.member("open_end", recovery.open_end != 0);
+    });
 }
 
 void Recover_Command::recover(Tool_Run &run, const std::string &from, const std::string &to) const

@@ -1,4 +1,5 @@
 #include "item_scan.h"
+#include "json_writer.h"
 #include "report_page.h"
 #include "symbol_names.h"
 #include "tool_command.h"
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <nlohmann/json.hpp>
 
 namespace qtrace_tool
 {
@@ -97,7 +97,13 @@ void Report_Command::run(Tool_Run &run)
     const std::string page = report_page(report);
     write(run, page);
     run.show([] {},
-             [&] { run.out.print("{{\"file\":{},\"bytes\":{}}}\n", nlohmann::json(output_).dump(), page.size()); });
+             [&] {
+                 Json_Writer json(run.out);
+                 json.line([&] {
+                     json.member("file", output_);
+                     json.member("bytes", page.size());
+                 });
+             });
 }
 
 } // namespace

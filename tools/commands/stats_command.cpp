@@ -177,8 +177,9 @@ private:
     void print_functions(Output &out, const Column &total) const;
     void print_pages(Output &out, const char *title, const Page_Counts &pages) const;
     void print_json(Output &out, const Column &column, const std::vector<Metric> &metrics) const;
-    void print_pages_json(Output &out, const char *key, const Page_Counts &pages) const;
-    void print_functions_json(Output &out, const Column &column) const;
+    void list_pages(Json_Writer &json, const char *key, const Page_Counts &pages) const;
+    void list_functions(Json_Writer &json, const Function_Counts &functions) const;
+    void list_targets(Json_Writer &json, const Column &column) const;
 
     std::vector<std::string> files_;
     uint64_t top_ = 10;
@@ -349,67 +350,91 @@ void Stats_Command::print_lists(Output &out, const Column &column) const
         out.print("  (counts may be too low, by at most {})\n", total.targets.shortfall());
 }
 
-void Stats_Command::print_pages_json(Output &out, const char *key, const Page_Counts &pages) const
+void Stats_Command::list_pages(Json_Writer &json, const char *key, const Page_Counts &pages) const
 {
-    out.print(",\"{}\":[", key);
-    for (const char *separator = ""; const auto &[page, times] : hottest(pages, top_)) {
-        out.print("{}{{\"address\":\"0x{:x}\",\"size\":\"{}\",\"times\":{}", separator, page.first,
-                  sizes_.name(page.size_code), times);
-        if (page.guest != 0)
-            out.print(",\"lpid\":\"0x{:x}\"", page.guest - 1);
-        out.put('}');
-        separator = ",";
-    }
-    out.put(']');
+    json.array(key, [&] {
+        for (const auto &[page, times] : hottest(pages, top_))
+            json.object([&] {
+                json.member("address", Json_Hex{page.first});
+                json.member("size", sizes_.name(page.size_code));
+                json.member("times", times);
+                if (page.guest != 0)
+                    json.member("lpid", Json_Hex{page.guest - 1});
+            });
+    });
 }
 
-void Stats_Command::print_functions_json(Output &out, const Column &column) const
+void Stats_Command::list_functions(Json_Writer &json, const Function_Counts &functions) const
 {
-    if (!column.functions->any())
+    if (!functions.any())
         return;
-    out.put(",\"hot_functions\":[");
-    for (const char *separator = ""; const auto &[symbol, times] : column.functions->top(top_)) {
-        out.put(separator);
-        out.put("{\"symbol\":");
-        symbol != nullptr ? print_json_text(out, symbol->name) : out.put("null");
-        if (symbol != nullptr)
-            out.print(",\"address\":\"0x{:x}\"", symbol->first);
-        out.print(",\"instructions\":{}}}", times);
-        separator = ",";
-    }
-    out.put(']');
+    json.array("hot_functions", [&] {
+        for (const auto &[symbol, times] : functions.top(top_))
+            json.object([&] {
+                if (symbol == nullptr) {
+                    json.member("symbol", nullptr);
+                } else {
+                    json.member("symbol", symbol->name);
+                    json.member("address", Json_Hex{symbol->first});
+                }
+                json.member("instructions", times);
+            });
+    });
+}
+
+void Stats_Command::list_targets(Json_Writer &json, const Column &column) const
+{
+    const auto &targets = column.counts->targets;
+    json.array("hot_targets", [&] {
+        for (const auto &[target, times] : targets.top(top_))
+            json.object([&] {
+                json.member("address", Json_Hex{target});
+                name_member(json, "symbol", column.notes(), target);
+                json.member("times", times);
+            });
+    });
+    json.member("target_shortfall", targets.shortfall());
+}
+
+static void list_partitions(Json_Writer &json, const Trace_Counts &counts)
+{
+    json.array("partitions", [&] {
+        for (const auto &[partition, times] : counts.partitions)
+            json.object([&] {
+                json.member("lpid", Json_Hex{partition.lpid});
+                json.member("pid", partition.pid);
+                json.member("instructions", times);
+            });
+    });
+}
+
+static void list_bytes(Json_Writer &json, const Trace_Counts &counts)
+{
+    json.object("total_bytes", [&] {
+        for (size_t i = 0; i < FIELD_GROUPS; i++)
+            if (counts.group_bytes[i] != 0)
+                json.member(GROUPS[i].name, counts.group_bytes[i]);
+        json.member("in_file", counts.file_bytes);
+    });
 }
 
 void Stats_Command::print_json(Output &out, const Column &column, const std::vector<Metric> &metrics) const
 {
     const Trace_Counts &counts = *column.counts;
-    out.put("{\"file\":");
-    print_json_text(out, column.name);
-    for (const Metric &metric : metrics)
-        if (metric.value)
-            out.print(",\"{}\":{:.{}f}", metric.key, metric.value(counts), metric.decimals == 0 ? 0 : 4);
-    out.put(",\"partitions\":[");
-    for (const char *separator = ""; const auto &[partition, times] : counts.partitions) {
-        out.print("{}{{\"lpid\":\"0x{:x}\",\"pid\":{},\"instructions\":{}}}", separator, partition.lpid,
-                  partition.pid, times);
-        separator = ",";
-    }
-    out.put("],\"total_bytes\":{");
-    for (size_t i = 0; i < FIELD_GROUPS; i++)
-        if (counts.group_bytes[i] != 0)
-            out.print("\"{}\":{},", GROUPS[i].name, counts.group_bytes[i]);
-    out.print("\"in_file\":{}}},\"unnamed_fetches\":{}", counts.file_bytes, counts.unnamed_fetches);
-    print_functions_json(out, column);
-    print_pages_json(out, "hot_fetch_pages", counts.fetch_pages);
-    print_pages_json(out, "hot_data_pages", counts.data_pages);
-    out.put(",\"hot_targets\":[");
-    for (const char *separator = ""; const auto &[target, times] : counts.targets.top(top_)) {
-        out.print("{}{{\"address\":\"0x{:x}\"", separator, target);
-        print_name_json(out, column.notes(), "symbol", target);
-        out.print(",\"times\":{}}}", times);
-        separator = ",";
-    }
-    out.print("],\"target_shortfall\":{}}}\n", counts.targets.shortfall());
+    Json_Writer json(out);
+    json.line([&] {
+        json.member("file", column.name);
+        for (const Metric &metric : metrics)
+            if (metric.value)
+                json.member(metric.key, Json_Fixed{metric.value(counts), metric.decimals == 0 ? 0 : 4});
+        list_partitions(json, counts);
+        list_bytes(json, counts);
+        json.member("unnamed_fetches", counts.unnamed_fetches);
+        list_functions(json, *column.functions);
+        list_pages(json, "hot_fetch_pages", counts.fetch_pages);
+        list_pages(json, "hot_data_pages", counts.data_pages);
+        list_targets(json, column);
+    });
 }
 
 } // namespace

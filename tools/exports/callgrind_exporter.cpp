@@ -3,7 +3,7 @@
 
 #include "address_view.h"
 #include "instruction_kinds.h"
-#include "record_printer.h"
+#include "printable_text.h"
 
 #include <map>
 #include <string>

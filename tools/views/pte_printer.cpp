@@ -1,7 +1,7 @@
 #include "pte_printer.h"
 
+#include "json_writer.h"
 #include "pte_file.h"
-#include "record_printer.h"
 
 #include <array>
 #include <cerrno>
@@ -60,12 +60,13 @@ void Pte_Printer::print_text(uint64_t number, const Words &words)
 
 void Pte_Printer::print_json(uint64_t number, const Words &words)
 {
-    run_.out.put("{\"file\":");
-    print_json_text(run_.out, name_);
-    run_.out.print(",\"access\":{}", number);
-    for (size_t i = 0; i < kind_.members.size(); i++)
-        run_.out.print(",\"{}\":\"0x{:x}\"", kind_.members[i], words[i]);
-    run_.out.put("}\n");
+    Json_Writer json(run_.out);
+    json.line([&] {
+        json.member("file", name_);
+        json.member("access", number);
+        for (size_t i = 0; i < kind_.members.size(); i++)
+            json.member(kind_.members[i], Json_Hex{words[i]});
+    });
 }
 
 // Once for each file: what follows is shifted as well.

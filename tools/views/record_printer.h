@@ -1,6 +1,7 @@
 // Headers and records as text lines and as JSON lines.
 #pragma once
 
+#include "json_writer.h"
 #include "qtrace_reader.h"
 #include "record_schema.h"
 #include "symbol_names.h"
@@ -60,8 +61,8 @@ void print_record_json(Output &out, const QTRACE_Item &item, std::string_view be
 
 // ` <name+0x10>`; nothing when the address has no name.
 void print_name(Output &out, const Item_Notes &notes, uint64_t address);
-// `,"KEY":"name+0x10"`; nothing when the address has no name.
-void print_name_json(Output &out, const Item_Notes &notes, std::string_view key, uint64_t address);
+// The same as a member, "name+0x10".
+void name_member(Json_Writer &json, std::string_view key, const Item_Notes &notes, uint64_t address);
 
 // One member's value as text lines show it.
 void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes);
@@ -80,13 +81,6 @@ template <class Structure> std::string value_text(const Trace_Member &member, co
 
 // All registers of a record, as text lines show them.
 std::string registers_text(const QTRACE_REGISTERS &registers);
-
-// `text` (UTF-8; a byte that is not becomes the character of its number) as a JSON string, quotes included.
-void print_json_text(Output &out, std::string_view text);
-// `text` (UTF-8) as it is, but control characters and other bytes as \xNN: nothing that a terminal interprets.
-void print_visible(Output &out, std::string_view text);
-// Bytes of any meaning as a JSON string: each one character.
-void print_json_bytes(Output &out, std::string_view bytes);
 
 // What the columns and words of text lines mean.
 extern const char *const LINE_LEGEND;

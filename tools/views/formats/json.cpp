@@ -9,8 +9,9 @@ namespace
 std::string beginning(const std::string &file)
 {
     Output text(-1);
-    text.put("{\"file\":");
-    print_json_text(text, file);
+    Json_Writer json(text);
+    json.begin_object();
+    json.member("file", file);
     return text.take();
 }
 
