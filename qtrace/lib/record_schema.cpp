@@ -1,3 +1,4 @@
+#include "processor.h"
 #include "record_rows.h"
 
 #include <type_traits>
@@ -236,21 +237,13 @@ static Member_Set search_anywhere(const QTRACE_RECORD &record)
         add_piece(members, bytes, piece);
     return members;
 }
+#else
+static constexpr auto search_with_avx2 = search_anywhere;
 #endif
-
-static Member_Set (*fastest_search())(const QTRACE_RECORD &)
-{
-#if defined(__x86_64__)
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2"))
-        return search_with_avx2;
-#endif
-    return search_anywhere;
-}
 
 Member_Set maybe_filled(const QTRACE_RECORD &record)
 {
-    static Member_Set (*const search)(const QTRACE_RECORD &) = fastest_search();
+    static Member_Set (*const search)(const QTRACE_RECORD &) = for_processor(search_with_avx2, search_anywhere);
     return search(record);
 }
 

@@ -1,5 +1,6 @@
 #include "uncommon_members.h"
 #include "predictor.h"
+#include "processor.h"
 
 #include <bit>
 #include <utility>
@@ -286,19 +287,11 @@ bool search_anywhere(const QTRACE_RECORD &record)
 {
     return search(record);
 }
+#else
+constexpr auto search_with_avx2 = search_anywhere;
 #endif
 
-bool (*fastest_search())(const QTRACE_RECORD &)
-{
-#if defined(__x86_64__)
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2"))
-        return search_with_avx2;
-#endif
-    return search_anywhere;
-}
-
-bool (*const search_record)(const QTRACE_RECORD &) = fastest_search();
+bool (*const search_record)(const QTRACE_RECORD &) = for_processor(search_with_avx2, search_anywhere);
 
 } // namespace
 
