@@ -21,9 +21,11 @@ import mutant_generator
 ROOT = Path(__file__).resolve().parents[2]
 EQUIVALENT = Path(__file__).with_name("equivalent.mutants")
 SOURCES = ("qtrace/lib/", "tools/", "replay/", "python/")
-LEFT_OUT = ("install", "test_names", "packages", "faults.killed", "faults.long_run", "faults.hardening", "model.")
+LEFT_OUT = ("install", "test_names", "packages", "recipes", "mutant_generator", "byte_order", "faults.killed",
+            "faults.long_run", "faults.hardening", "model.")  # fmt: skip
 MEMORY_LIMIT = 8 << 30  # bytes of address space
-COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
+COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
+          "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]  # fmt: skip
 PLAIN = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1"]
 COUNTED = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 --coverage -fprofile-update=atomic",
            "-DCMAKE_C_FLAGS_DEBUG=-O0 --coverage"]  # fmt: skip
@@ -39,19 +41,27 @@ def tracked_files():
 
 
 def copy_tree(target):
-    """The tracked files, in which warnings are no errors; unchanged ones keep their time. Returns a digest of all."""
-    digest = hashlib.sha256()
+    """The tracked files, in which warnings are no errors; unchanged ones keep their time."""
     for name in tracked_files():
         content = (ROOT / name).read_bytes()
         if name == "CMakeLists.txt":
             content = content.replace(b" -Werror", b"")
-        digest.update(name.encode() + b"\0" + content)
         copy = target / name
         if not copy.exists() or copy.read_bytes() != content:
             copy.parent.mkdir(parents=True, exist_ok=True)
             copy.write_bytes(content)
             shutil.copymode(ROOT / name, copy)
-    return digest.hexdigest()
+
+
+def digests():
+    """Part of the tests -> digest of it, and "" -> digest of everything that any test may depend on."""
+    kept = {}
+    for name in tracked_files():
+        part = name.split("/")[1] if name.startswith("tests/") else ""
+        if name.endswith(".md") or part in ("mutants", "support") or name.startswith(("debian/", "bench/", ".ci/")):
+            part = "" if part == "support" else "unused"
+        kept.setdefault(part, hashlib.sha256()).update(name.encode() + b"\0" + (ROOT / name).read_bytes())
+    return {part: digest.hexdigest() for part, digest in kept.items()}
 
 
 class Place:
@@ -61,16 +71,18 @@ class Place:
         self.tree, self.build, self.temporary, self.flags = folder / "tree", folder / "build", folder / "tmp", flags
 
     def prepare(self):
-        digest = copy_tree(self.tree)
+        copy_tree(self.tree)
         compiler_cache = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache", "-DCMAKE_C_COMPILER_LAUNCHER=ccache"]
         configured = run(["cmake", "-S", self.tree, "-B", self.build, *COMMON, *self.flags,
                           *(compiler_cache if shutil.which("ccache") else [])])  # fmt: skip
         if configured.returncode != 0:
             sys.exit(configured.stdout.decode(errors="replace"))
-        return digest
 
-    def make(self, targets, jobs=1):
+    def make(self, targets, jobs=1, once=False):
+        """`once`: what is compiled will not be compiled again, so that no cache need keep it."""
         environment = dict(os.environ, CCACHE_BASEDIR=str(self.tree.parent), CCACHE_NOHASHDIR="1")
+        if once:
+            environment["CCACHE_DISABLE"] = "1"
         command = ["cmake", "--build", self.build, "-j", jobs, "--target", *targets]
         return run(command, env=environment)
 
@@ -83,12 +95,13 @@ class Place:
 class Group:
     """Tests that one command runs: a test program, or one test of another kind."""
 
-    def __init__(self, name, command, environment, targets):
+    def __init__(self, name, command, environment, targets, part):
         self.name, self.command, self.environment, self.targets = name, command, environment, targets
+        self.part = part  # of the tests, a folder
         self.seconds = 0.0
         self.lines = {}  # file -> numbers of the lines that it reaches
 
-    def fails(self, place, origin, limit):
+    def fails(self, place, origin, limit, **settings):
         """Whether it fails in the place; the command is written for the place `origin`."""
         def moved(text):
             return text.replace(str(origin.build), str(place.build)).replace(str(origin.tree), str(place.tree))
@@ -96,7 +109,7 @@ class Group:
         shutil.rmtree(place.temporary, ignore_errors=True)
         place.temporary.mkdir(parents=True)
         environment = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_BRIEF="1", TMPDIR=str(place.temporary),
-                           PYTHONDONTWRITEBYTECODE="1")  # fmt: skip
+                           PYTHONDONTWRITEBYTECODE="1", **settings)  # fmt: skip
         environment |= dict(moved(setting).split("=", 1) for setting in self.environment)
         process = subprocess.Popen([moved(word) for word in self.command], cwd=place.build, env=environment,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
@@ -107,19 +120,6 @@ class Group:
             return True
         finally:
             end_session(process)
-
-    def reaches(self, change):
-        """Lines of declarations and tables are counted by nobody: then every test that reaches the file."""
-        lines = self.lines.get(change.file, ())
-        if change.file.endswith(".py") or change.file.endswith(".h") or change.line not in self.all_counted(change.file):
-            return bool(lines)
-        return change.line in lines
-
-    counted = {}  # file -> lines that can be counted, of all groups
-
-    @classmethod
-    def all_counted(cls, file):
-        return cls.counted.get(file, ())
 
 
 def limit_resources():
@@ -155,7 +155,8 @@ def test_groups(place):
         name = program.name if is_unit else test["name"]
         command = [str(program)] if is_unit else test["command"]
         targets = [program.name] if is_unit else []
-        groups.setdefault(name, Group(name, command, properties.get("ENVIRONMENT", []), targets))
+        part = Path(os.path.relpath(properties["WORKING_DIRECTORY"], place.build)).parts[1]
+        groups.setdefault(name, Group(name, command, properties.get("ENVIRONMENT", []), targets, part))
     return list(groups.values())
 
 
@@ -173,9 +174,12 @@ def is_of_the_plugin(program):
                                                            "clashing_host_test", "new_mode_test", "query_floor_test")  # fmt: skip
 
 
-def lines_reached(place):
-    """File -> lines with a count above 0, and file -> all lines with a count, of the runs since the last removal."""
-    counts = [*place.build.rglob("*.gcda")]
+def lines_reached(place, counts_folder):
+    """File -> lines with a count above 0, and file -> all lines with a count, of the counts below the folder."""
+    counts = [path for path in counts_folder.rglob("*.gcda") if path.relative_to(counts_folder).parts[0] != "tests"]
+    for path in counts:
+        notes = path.relative_to(counts_folder).with_suffix(".gcno")
+        (counts_folder / notes).symlink_to(place.build / notes)
     reached, counted = {}, {}
     if counts:
         out = subprocess.run(["gcov", "--json-format", "--stdout", *map(str, counts)], cwd=place.build,
@@ -192,43 +196,50 @@ def lines_reached(place):
     return reached, counted
 
 
-def measure_coverage(place, groups):
-    for group in groups:
-        for counts in place.build.rglob("*.gcda"):
-            counts.unlink()
-        if group.fails(place, place, 900):
-            print(f"fails in the build that counts: {group.name}", flush=True)
-        group.lines, counted = lines_reached(place)
-        for file, lines in counted.items():
-            Group.counted.setdefault(file, set()).update(lines)
-        if "python" in " ".join(group.command):
-            group.lines |= {name: {0} for name in tracked_files() if name.startswith("python/") and uses_module(group)}
-
-
-def uses_module(group):
-    return group.name.startswith(("reader.", "python"))
+def measure_coverage(place, group, folder):
+    """What the group reaches: file -> numbers of lines."""
+    shutil.rmtree(folder, ignore_errors=True)
+    folder.mkdir(parents=True)
+    alone = Place(folder, place.flags)
+    alone.tree, alone.build = place.tree, place.build
+    if group.fails(alone, place, 900, GCOV_PREFIX=str(folder), GCOV_PREFIX_STRIP=str(len(place.build.parts) - 1)):
+        print(f"fails in the build that counts: {group.name}", flush=True)
+    reached, _ = lines_reached(place, folder)
+    shutil.rmtree(folder)
+    if "python" in " ".join(group.command) and group.name.startswith(("reader.", "python")):
+        reached |= {name: {0} for name in tracked_files() if name.startswith("python/")}
+    return reached
 
 
 def coverage_of(folder, jobs):
-    """The groups with what they reach; kept until a file of the tree changes."""
+    """The groups with what they reach; kept until a file that they depend on changes."""
     place = Place(folder / "coverage", COUNTED)
-    digest = place.prepare()
+    place.prepare()
     groups = test_groups_after_building(place, jobs)
     kept = folder / "coverage.json"
     stored = json.loads(kept.read_text()) if kept.exists() else {}
-    if stored.get("digest") == digest:
-        Group.counted = {file: set(lines) for file, lines in stored["counted"].items()}
-        for group in groups:
-            group.lines = {file: set(lines) for file, lines in stored["reached"][group.name].items()}
-        return place, groups
-    measure_coverage(place, groups)
-    kept.write_text(json.dumps({"digest": digest, "counted": as_lists(Group.counted),
-                                "reached": {group.name: as_lists(group.lines) for group in groups}}))  # fmt: skip
+    digest = digests()
+
+    def measured(group):
+        state = [digest[""], digest.get(group.part)]
+        if stored.get(group.name, {}).get("state") != state:
+            lines = measure_coverage(place, group, folder / "counts" / re.sub(r"\W", "_", group.name))
+            stored[group.name] = {"state": state, "lines": {file: sorted(lines[file]) for file in lines}}
+        group.lines = {file: set(lines) for file, lines in stored[group.name]["lines"].items()}
+
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        for done in [pool.submit(measured, group) for group in groups]:
+            done.result()
+    kept.write_text(json.dumps(stored))
     return place, groups
 
 
-def as_lists(sets):
-    return {file: sorted(lines) for file, lines in sets.items()}
+def reaching(groups, change):
+    """The groups that reach the line, the quickest first. What nobody counts (tables, constants, expressions of the
+    compiler, processes that are killed) is left to all that reach the file; and a file without counts to all."""
+    found = [group for group in groups if change.line in group.lines.get(change.file, ())]
+    found = found or [group for group in groups if change.file in group.lines] or groups
+    return sorted(found, key=lambda group: group.seconds)
 
 
 def test_groups_after_building(place, jobs):
@@ -300,10 +311,10 @@ def try_change(change, source, place, origin, groups):
     file = place.tree / change.file
     file.write_text(change.apply(source))
     try:
-        for group in sorted(filter(lambda one: one.reaches(change), groups), key=lambda one: one.seconds):
-            if not change.file.endswith(".py") and place.make(group.targets).returncode != 0:
+        for group in reaching(groups, change):
+            if not change.file.endswith(".py") and place.make(group.targets, once=True).returncode != 0:
                 return "build"
-            if group.fails(place, origin, 10 + 10 * group.seconds):
+            if group.fails(place, origin, 10 + 5 * group.seconds):
                 return group.name
         return None
     finally:

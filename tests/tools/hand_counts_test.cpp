@@ -1,0 +1,494 @@
+// Whole outputs of `stats`, `info`, `recover` and `check --rules` against what was counted by hand on one trace.
+#include "planted_trace.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <sstream>
+
+using namespace planted;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace
+{
+
+Item plain(uint32_t word)
+{
+    return {false, {}, "", plain_record(word)};
+}
+
+Item with_data(uint32_t word, uint64_t address, Case translation)
+{
+    Item item = plain(word);
+    item.record.header.control.fld.data_address_present = 1;
+    std::memcpy(item.record.data_ea, &address, sizeof(address));
+    set_case(item, Side::data, translation);
+    return item;
+}
+
+Item string_of(uint32_t word, uint16_t length)
+{
+    Item item = plain(word);
+    item.record.header.control.fld.length_present = 1;
+    item.record.length = length;
+    return item;
+}
+
+Item jump(uint32_t word, uint64_t next, Case translation)
+{
+    Item item = plain(word);
+    auto &flags = item.record.header.control.fld;
+    flags.iar_change_present = flags.node_present = flags.next_instruction_EA_present = 1;
+    std::memcpy(item.record.next_instruction_ea, &next, sizeof(next));
+    set_case(item, Side::next, translation);
+    return item;
+}
+
+// A register more of each class than of the one before it, where a record has room for them.
+Item with_registers(uint32_t word)
+{
+    Item item = plain(word);
+    item.record.header.control.fld.register_trace_present = 1;
+    QTRACE_REGISTERS &registers = item.record.regs;
+    registers.num_gprs_in = 1;
+    registers.num_fprs_in = 2;
+    registers.num_vmxrs_in = 3;
+    registers.num_vsxrs_in = 2;
+    registers.num_sprs_in = 4;
+    registers.num_gprs_out = 3;
+    registers.num_fprs_out = 1;
+    registers.num_vmxrs_out = 2;
+    registers.num_vsxrs_out = 3;
+    registers.num_sprs_out = 4;
+    return item;
+}
+
+// good_trace() with what it lacks: 11 + 14 records.
+Trace counted_trace()
+{
+    Trace trace = good_trace(); // ends at 0x4004
+    const Trace more = {
+        with_data(0x7c001fec, 0x8000, Case::real),   // 0x4008 dcbz
+        with_data(0x90640000, 0x7008, Case::hpt),    // 0x400c stw
+        with_data(0x90640000, 0x7010, Case::nested), // 0x4010 stw
+        jump(0x60000000, 0x900, Case::single),       // 0x4014 an interrupt
+        with_registers(0x60000000),                  // 0x900
+        string_of(0x7c6485aa, 5),                    // 0x904 stswi
+        plain(0x7c001fec),                           // 0x908 dcbz, its address not known
+        plain(0x7c001fec),                           // 0x90c
+        jump(0x4082fff0, 0x900, Case::single),       // 0x910 bc back, taken
+        plain(0x60000000),                           // 0x900
+        string_of(0x7c6485aa, 7),                    // 0x904
+        jump(0x4082fff8, 0x900, Case::single),       // 0x908 bc back, taken
+        plain(0x60000000),                           // 0x900
+        plain(0x41820010),                           // 0x904 bc, the last record
+    };
+    trace.insert(trace.end(), more.begin(), more.end());
+    return trace;
+}
+
+std::string without_blanks_at_ends(const std::string &text)
+{
+    std::string lines;
+    std::istringstream from(text);
+    for (std::string line; std::getline(from, line);)
+        lines += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
+    return lines;
+}
+
+// Of a trace whose file is that long.
+std::string with_size(std::string text, uintmax_t size)
+{
+    for (const auto &[mark, value] : {std::pair{"<SIZE>", fmt::format("{}", size)},
+                                      {"<EACH>", fmt::format("{:.2f}", static_cast<double>(size) / 25)}})
+        for (size_t at; (at = text.find(mark)) != std::string::npos;)
+            text.replace(at, std::strlen(mark), value);
+    return text;
+}
+
+// Runs in the folder of the trace, so that names are short.
+struct hand_counts : testing::Test {
+    hand_counts()
+    {
+        folder.write("trace0", counted_trace());
+        std::filesystem::current_path(folder.path(""));
+        size = std::filesystem::file_size("trace0");
+    }
+    ~hand_counts() override { std::filesystem::current_path(before); }
+
+    std::filesystem::path before = std::filesystem::current_path();
+    Folder folder;
+    uintmax_t size;
+};
+
+} // namespace
+
+TEST_F(hand_counts, stats_text_has_every_figure)
+{
+    EXPECT_EQ(without_blanks_at_ends(qtrace({"stats", "--top", "2", "trace0"}).out),
+              with_size(R"(                                                      trace0
+instructions                                              25
+  file headers                                             2
+  partition headers                                        1
+branches                                                   6
+  conditional, taken                                       3
+  conditional, not taken                                   1
+  unconditional                                            1
+  not known (last before a pause or the end)               1
+  exceptions and interrupts                                1
+memory
+  loads                                                    3
+  stores                                                   5
+  cache instructions                                       3
+  string instructions                                      3
+  bytes moved by them                                     28
+  data addresses                                           6
+  of them suspect                                          1
+registers in and out
+  registers gpr_in                                         3
+  registers fpr_in                                         2
+  registers spr_in                                         4
+  registers vmxr_in                                        3
+  registers vsxr_in                                        2
+  registers gpr_out                                        3
+  registers fpr_out                                        1
+  registers spr_out                                        4
+  registers vmxr_out                                       2
+  registers vsxr_out                                       4
+translation (guest/host mode)
+  fetch none/radix                                        17
+  fetch none/hpt                                           2
+  fetch none/real                                          6
+  data radix/radix                                         2
+  data none/radix                                          1
+  data none/hpt                                            2
+  data none/real                                           1
+pages touched
+  fetched pages of 64K                                     1
+  data pages of 64K                                        2
+bytes a record
+  bytes of instruction                                  4.00
+  bytes of flags                                        8.00
+  bytes of node                                         0.48
+  bytes of processor                                    0.08
+  bytes of next-address                                 1.60
+  bytes of next-translation                             1.28
+  bytes of next-walk                                    2.96
+  bytes of data-address                                 1.92
+  bytes of data-translation                             1.64
+  bytes of data-walk                                   12.64
+  bytes of string                                       0.24
+  bytes of error                                        0.04
+  bytes of registers                                   14.72
+  bytes in the file                                    <EACH>
+partitions (instructions)
+  lpid 0x1      pid 7                    21   84.0 %
+  lpid 0x2      pid 8                     4   16.0 %
+hot pages, fetched (real address, size, instructions)
+  0000000000010000  64K                19
+  on pages entered in sequence, which records do not name: 6
+hot pages, data (real address, size, accesses)
+  0000000000010000  64K                 3
+  0000000000010000  64K                 2  in partition 1
+hot branch targets (address, times)
+  0000000000000900                      2
+  0000000000002000                      1
+)",
+                        size));
+}
+
+TEST_F(hand_counts, info_text_has_every_figure)
+{
+    EXPECT_EQ(qtrace({"info", "trace0"}).out, with_size(R"(trace0
+  format       version 1, blocks compressed with zstd
+  records      25
+  headers      3: 2 full, 1 for partition changes
+  gaps         1 (tracing was paused and resumed that often)
+  size         <SIZE> (<SIZE> bytes) in 1 block, <EACH> bytes a record
+  ends         cleanly
+  header 0    before record 0: instruction at 0000000000001000 (none/radix), ptcr 0xc0000c, lpid 0x1, pid 7
+              simulator version 3, 64-bit, little-endian, 1.0 GiB of memory
+              host pages: 4K 64K; guest pages: none
+  header 2    before record 9: instruction at 0000000000004000 (none/real), ptcr 0xc0000c, lpid 0x1, pid 7
+              simulator version 3, 64-bit, little-endian, 1.0 GiB of memory
+              host pages: 4K 64K; guest pages: none
+)",
+                                                        size));
+}
+
+TEST_F(hand_counts, stats_json_has_every_figure)
+{
+    const json expected = json::parse(R"({
+        "file": "trace0", "instructions": 25, "full_headers": 2, "partition_headers": 1,
+        "branches": 6, "taken": 3, "not_taken": 1, "unconditional": 1, "undecided": 1, "other_jumps": 1,
+        "loads": 3, "stores": 5, "cache": 3, "strings": 3, "string_bytes": 28, "data_addresses": 6, "data_errors": 1,
+        "gpr_in": 3, "fpr_in": 2, "spr_in": 4, "vmxr_in": 3, "vsxr_in": 2,
+        "gpr_out": 3, "fpr_out": 1, "spr_out": 4, "vmxr_out": 2, "vsxr_out": 4,
+        "fetch_none/radix": 17, "fetch_none/hpt": 2, "fetch_none/real": 6,
+        "data_radix/radix": 2, "data_none/radix": 1, "data_none/hpt": 2, "data_none/real": 1,
+        "fetch_pages_64K": 1, "data_pages_64K": 2,
+        "bytes_instruction": 4, "bytes_flags": 8, "bytes_node": 0.48, "bytes_processor": 0.08,
+        "bytes_next-address": 1.6, "bytes_next-translation": 1.28, "bytes_next-walk": 2.96,
+        "bytes_data-address": 1.92, "bytes_data-translation": 1.64, "bytes_data-walk": 12.64,
+        "bytes_string": 0.24, "bytes_error": 0.04, "bytes_registers": 14.72,
+        "partitions": [{"lpid": "0x1", "pid": 7, "instructions": 21}, {"lpid": "0x2", "pid": 8, "instructions": 4}],
+        "total_bytes": {"instruction": 100, "flags": 200, "node": 12, "processor": 2, "next-address": 40,
+                        "next-translation": 32, "next-walk": 74, "data-address": 48, "data-translation": 41,
+                        "data-walk": 316, "string": 6, "error": 1, "registers": 368},
+        "unnamed_fetches": 6,
+        "hot_fetch_pages": [{"address": "0x10000", "size": "64K", "times": 19}],
+        "hot_data_pages": [{"address": "0x10000", "size": "64K", "times": 3},
+                           {"address": "0x10000", "size": "64K", "times": 2, "lpid": "0x1"}],
+        "hot_targets": [{"address": "0x900", "times": 2}, {"address": "0x2000", "times": 1},
+                        {"address": "0x3000", "times": 1}],
+        "target_shortfall": 0})");
+    json counts = json::parse(qtrace({"stats", "--json", "trace0"}).out);
+    EXPECT_EQ(counts["total_bytes"]["in_file"], size);
+    EXPECT_NEAR(counts["bytes_in_file"].get<double>(), static_cast<double>(size) / 25, 0.0001);
+    counts["total_bytes"].erase("in_file");
+    counts.erase("bytes_in_file");
+    EXPECT_EQ(counts, expected) << json::diff(counts, expected);
+}
+
+TEST_F(hand_counts, stats_lists_as_many_places_as_asked_for_with_the_most_frequent_first)
+{
+    const json one = json::parse(qtrace({"stats", "--json", "--top", "1", "trace0"}).out);
+    EXPECT_EQ(one["hot_targets"], json::parse(R"([{"address": "0x900", "times": 2}])"));
+    EXPECT_EQ(one["hot_data_pages"], json::parse(R"([{"address": "0x10000", "size": "64K", "times": 3}])"));
+    const json none = json::parse(qtrace({"stats", "--json", "--top", "0", "trace0"}).out);
+    EXPECT_EQ(none["hot_targets"], json::array());
+    EXPECT_EQ(none["hot_fetch_pages"], json::array());
+}
+
+TEST_F(hand_counts, info_json_has_every_figure)
+{
+    const std::string comment =
+        "KelvoVer:3,64bitMode:True,LEMode:True,MemUsed:1073741824,HostPagesUsed:4K 64K ,GuestPagesUsed:";
+    json expected = json::parse(R"({
+        "file": "trace0", "format_version": 1, "compression": "zstd", "records": 25, "headers": 3, "full_headers": 2,
+        "partition_changes": 1, "gaps": 1, "blocks": 1, "clean_end": true, "damaged_places": 0, "left_out": 0,
+        "open_end": false,
+        "header_list": [
+            {"header": 0, "before_record": 0, "full": true, "lpid": "0x1", "pid": 7, "address": "0x1000",
+             "ptcr": "0xc0000c", "sdr1": "0x0"},
+            {"header": 1, "before_record": 5, "full": false, "lpid": "0x2", "pid": 8},
+            {"header": 2, "before_record": 9, "full": true, "lpid": "0x1", "pid": 7, "address": "0x4000",
+             "ptcr": "0xc0000c", "sdr1": "0x0"}]})");
+    expected["header_list"][0]["comment"] = expected["header_list"][2]["comment"] = comment;
+    expected["size"] = size;
+    json told = json::parse(qtrace({"info", "--json", "trace0"}).out);
+    EXPECT_NEAR(told["bytes_per_record"].get<double>(), static_cast<double>(size) / 25, 0.001);
+    told.erase("bytes_per_record");
+    EXPECT_EQ(told, expected) << json::diff(told, expected);
+}
+
+TEST_F(hand_counts, info_tells_sizes_in_the_unit_that_fits)
+{
+    const std::pair<const char *, const char *> sizes[] = {
+        {"0", "0 bytes"},          {"1023", "1023 bytes"},       {"1024", "1.0 KiB"},
+        {"1536", "1.5 KiB"},       {"1048576", "1.0 MiB"},       {"1073741823", "1024.0 MiB"},
+        {"1073741824", "1.0 GiB"}, {"1099511627776", "1.0 TiB"}, {"1125899906842624", "1024.0 TiB"},
+    };
+    for (const auto &[memory, words] : sizes) {
+        Trace trace = good_trace();
+        for (const Place place : {FIRST_HEADER, SECOND_HEADER})
+            trace[place].comment.replace(trace[place].comment.find("1073741824"), 10, memory);
+        folder.write("memory0", trace);
+        EXPECT_THAT(qtrace({"info", "memory0"}).out, HasSubstr(std::string("-endian, ") + words + " of memory\n"));
+    }
+}
+
+TEST_F(hand_counts, info_lists_as_many_headers_as_asked_for)
+{
+    Trace trace = good_trace();
+    std::memset(trace[SECOND_HEADER].header.sdr1, 0, 8);
+    trace[SECOND_HEADER].header.sdr1[0] = 0x40;
+    trace[SECOND_HEADER].header.control.sdr1_is_present = 1;
+    trace[SECOND_HEADER].comment =
+        "KelvoVer:12,64bitMode:False,LEMode:False,MemUsed:4096,HostPagesUsed:,GuestPagesUsed:2M ";
+    folder.write("two0", trace);
+    const std::string all = qtrace({"info", "two0"}).out;
+    EXPECT_THAT(all, HasSubstr("  header 2    before record 9: instruction at 0000000000004000 (none/real), ptcr "
+                               "0xc0000c, lpid 0x1, pid 7, sdr1 0x40\n"
+                               "              simulator version 12, 32-bit, big-endian, 4.0 KiB of memory\n"
+                               "              host pages: none; guest pages: 2M\n"));
+    EXPECT_THAT(all, Not(HasSubstr("more full headers")));
+    EXPECT_THAT(qtrace({"info", "--headers", "2", "two0"}).out, all);
+    const std::string one = qtrace({"info", "--headers", "1", "two0"}).out;
+    EXPECT_THAT(one, HasSubstr("  header 0 "));
+    EXPECT_THAT(one, Not(HasSubstr("  header 2 ")));
+    EXPECT_THAT(one, testing::EndsWith("  ... and 1 more full headers (--headers N lists N)\n"));
+    EXPECT_THAT(qtrace({"info", "--headers", "0", "two0"}).out,
+                testing::EndsWith("  ... and 2 more full headers (--headers N lists N)\n"));
+}
+
+// ---- recover -------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// Offsets at which the marker of a block stands.
+std::vector<size_t> markers(const std::string &bytes)
+{
+    std::vector<size_t> offsets;
+    for (size_t at = 0; (at = bytes.find("\x8BQB\n", at)) != std::string::npos; at++)
+        offsets.push_back(at);
+    return offsets;
+}
+
+uint32_t number_at(const std::string &bytes, size_t offset)
+{
+    uint32_t value;
+    std::memcpy(&value, &bytes.at(offset), sizeof(value));
+    return value;
+}
+
+// Registers that no prediction meets, so that a block holds some thousand records.
+Trace long_trace(size_t records)
+{
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    uint64_t noise = 1;
+    for (size_t i = 1; i < records; i++) {
+        Item item = plain(0x7c000214);
+        item.record.header.control.fld.register_trace_present = 1;
+        item.record.regs.num_gprs_out = 1;
+        noise = noise * 6364136223846793005u + 1442695040888963407u;
+        item.record.regs.gpr_out[0] = {static_cast<uint16_t>(i % 32), noise};
+        trace.push_back(item);
+    }
+    return trace;
+}
+
+} // namespace
+
+// What `recover` tells of a file "broken0" that becomes "saved0".
+struct recover_figures : hand_counts {
+    recover_figures()
+    {
+        folder.write("long0", long_trace(20000));
+        bytes = folder.contents("long0");
+        for (const size_t offset : markers(bytes))
+            blocks.push_back({offset, number_at(bytes, offset + 16)});
+        EXPECT_EQ(blocks.size(), 5u);
+    }
+    struct Figures {
+        uint64_t blocks, records, headers, places, lost_bytes, lost_records;
+        bool lost_known = true, open_end = false;
+    };
+    void expect(const std::string &broken, const Figures &figures, const std::string &text) const
+    {
+        folder.text("broken0", broken);
+        const Outcome outcome = qtrace({"recover", "broken0", "saved0"});
+        EXPECT_EQ(outcome.out, text);
+        EXPECT_EQ(outcome.exit_code, figures.places == 0 ? 0 : 3);
+        EXPECT_EQ(json::parse(qtrace({"recover", "--json", "broken0", "saved0"}).out),
+                  json({{"from", "broken0"},
+                        {"to", "saved0"},
+                        {"blocks", figures.blocks},
+                        {"records", figures.records},
+                        {"headers", figures.headers},
+                        {"damaged_places", figures.places},
+                        {"lost_bytes", figures.lost_bytes},
+                        {"lost_records", figures.lost_records},
+                        {"lost_records_known", figures.lost_known},
+                        {"open_end", figures.open_end}}));
+        const json saved = json::parse(qtrace({"info", "--json", "saved0"}).out);
+        EXPECT_EQ(saved["records"], figures.records);
+        EXPECT_EQ(saved["open_end"], figures.open_end);
+        EXPECT_EQ(saved["damaged_places"], 0);
+        EXPECT_EQ(saved["clean_end"], true);
+    }
+    static json verified(const char *file) { return json::parse(qtrace({"info", "--verify", "--json", file}).out); }
+
+    struct Block {
+        size_t offset;
+        uint32_t records;
+    };
+    std::string bytes;
+    std::vector<Block> blocks;
+};
+
+TEST_F(recover_figures, of_a_whole_file)
+{
+    expect(bytes, {5, 20000, 1, 0, 0, 0},
+           "saved0: 20000 records and 1 header in 5 blocks\n"
+           "broken0: nothing is damaged, nothing was lost\n");
+}
+
+TEST_F(recover_figures, of_a_damaged_block)
+{
+    const uint32_t lost = blocks[1].records;
+    const size_t lost_bytes = blocks[2].offset - blocks[1].offset;
+    bytes[blocks[1].offset + 100] ^= 0x20;
+    expect(bytes, {4, 20000 - lost, 1, 1, lost_bytes, lost},
+           fmt::format("saved0: {} records and 1 header in 4 blocks\n"
+                       "broken0: lost at 1 place: {} bytes, {} records\n",
+                       20000 - lost, lost_bytes, lost));
+    EXPECT_EQ(verified("broken0")["damaged_places"], 1);
+    EXPECT_EQ(verified("broken0")["clean_end"], true);
+    EXPECT_EQ(verified("broken0")["left_out"], 0);
+    EXPECT_EQ(verified("saved0")["left_out"], 1);
+}
+
+TEST_F(recover_figures, of_a_cut_block)
+{
+    const uint32_t lost = blocks[4].records;
+    const size_t lost_bytes = bytes.size() - 1 - blocks[4].offset;
+    expect(bytes.substr(0, bytes.size() - 1), {4, 20000 - lost, 1, 1, lost_bytes, lost, false, true},
+           fmt::format("saved0: {} records and 1 header in 4 blocks\n"
+                       "broken0: lost at 1 place: {} bytes, at least {} records; the end of the trace is missing\n",
+                       20000 - lost, lost_bytes, lost));
+    EXPECT_EQ(verified("broken0")["clean_end"], false);
+    EXPECT_THAT(
+        qtrace({"info", "broken0"}).out,
+        HasSubstr("  ends         not cleanly: it was cut, its writer died, or something follows its last block; "
+                  "1 damaged place (`qtrace recover` saves the rest)\n"));
+}
+
+TEST_F(recover_figures, of_a_file_cut_between_two_blocks)
+{
+    const uint32_t lost = blocks[4].records;
+    expect(bytes.substr(0, blocks[4].offset), {4, 20000 - lost, 1, 1, 0, 0, false, true},
+           fmt::format("saved0: {} records and 1 header in 4 blocks\n"
+                       "broken0: lost at 1 place: 0 bytes, at least 0 records; the end of the trace is missing\n",
+                       20000 - lost));
+}
+
+TEST_F(recover_figures, of_bytes_after_the_last_block)
+{
+    expect(bytes + "xxxxx", {5, 20000, 1, 1, 5, 0},
+           "saved0: 20000 records and 1 header in 5 blocks\n"
+           "broken0: lost at 1 place: 5 bytes, 0 records\n");
+    expect(bytes + "x", {5, 20000, 1, 1, 1, 0},
+           "saved0: 20000 records and 1 header in 5 blocks\n"
+           "broken0: lost at 1 place: 1 byte, 0 records\n");
+}
+
+TEST_F(recover_figures, of_blocks_that_were_taken_out)
+{
+    const uint32_t lost = blocks[0].records; // with the header
+    expect(bytes.substr(0, blocks[0].offset) + bytes.substr(blocks[1].offset), {4, 20000 - lost, 0, 1, 0, lost},
+           fmt::format("saved0: {} records and 0 headers in 4 blocks\n"
+                       "broken0: lost at 1 place: 0 bytes, {} records\n",
+                       20000 - lost, lost));
+}
+
+TEST_F(recover_figures, of_several_places_are_added_up)
+{
+    const uint32_t lost = blocks[1].records + blocks[3].records;
+    const size_t lost_bytes = blocks[2].offset - blocks[1].offset + blocks[4].offset - blocks[3].offset;
+    bytes[blocks[1].offset + 100] ^= 0x20;
+    bytes[blocks[3].offset] ^= 0x20;
+    expect(bytes + "xx", {3, 20000 - lost, 1, 3, lost_bytes + 2, lost},
+           fmt::format("saved0: {} records and 1 header in 3 blocks\n"
+                       "broken0: lost at 3 places: {} bytes, {} records\n",
+                       20000 - lost, lost_bytes + 2, lost));
+    EXPECT_EQ(verified("saved0")["left_out"], 2);
+    EXPECT_THAT(qtrace({"info", "saved0"}).out, HasSubstr("\n  missing      records or headers at 2 places\n"));
+}
