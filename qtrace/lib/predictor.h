@@ -188,8 +188,18 @@ struct Predictor : Position {
     // As at the beginning of every block.
     void reset(const Position &first)
     {
-        std::memset(static_cast<void *>(this), 0, sizeof *this);
+        clear();
         static_cast<Position &>(*this) = first;
+    }
+    // By stores: the C library's memset takes a string instruction for that much.
+    void clear()
+    {
+        constexpr size_t AT_ONCE = 512;
+        auto *bytes = reinterpret_cast<uint8_t *>(this);
+        size_t at = 0;
+        for (; at + AT_ONCE <= sizeof *this; at += AT_ONCE)
+            std::memset(bytes + at, 0, AT_ONCE);
+        std::memset(bytes + at, 0, sizeof *this % AT_ONCE);
     }
     Code_Slot &code_at(uint64_t where) { return code[slot_of(where >> 2, CODE_BITS)]; }
     Shape_Slot &shape_of(uint32_t word) { return shape[slot_of(word, SHAPE_BITS)]; }
@@ -212,32 +222,98 @@ struct Register_Place {
     uint64_t &value(unsigned word) const { return reinterpret_cast<uint64_t *>(entry + 8)[word]; }
 };
 
+// A general register, used like a Register_Place: its list is known when compiling.
+struct General_Place {
+    static constexpr const Register_List_Info *list = &REGISTER_LIST[GENERAL_INPUT_LIST];
+    uint8_t *entry;
+
+    uint16_t &number() const { return *reinterpret_cast<uint16_t *>(entry); }
+    uint64_t &value(unsigned word) const { return reinterpret_cast<uint64_t *>(entry + 8)[word]; }
+};
+
 // The registers of a record: general, floating-point, vector, vector-scalar, special inputs, then outputs so.
 struct Register_Places {
     Register_Place place[MAX_REGISTERS];
     size_t inputs, total;
     size_t last_inputs; // where the last list of inputs begins that is not empty; 0 without inputs
+
+    const Register_Place &operator[](size_t i) const { return place[i]; }
+    template <class Visitor> void visit(Visitor visit_one) const
+    {
+        for (size_t i = 0; i < total; ++i)
+            visit_one(i, place[i]);
+    }
+    template <class Visitor> void visit_inputs(Visitor visit_one) const
+    {
+        for (size_t i = 0; i < inputs; ++i)
+            visit_one(i, place[i]);
+    }
+    template <class Visitor> void visit_outputs(Visitor visit_one) const
+    {
+        for (size_t i = inputs; i < total; ++i)
+            visit_one(i, place[i]);
+    }
 };
 
-// Unusual ones: of any kind and number.
+// The entries that the counts name, no more than fit.
 void find_all_registers(uint8_t *registers, Register_Places &places);
 
-// The entries that the counts name, no more than fit.
+// Nine of ten records have general registers only, and no more than two inputs and an output. Used like Register_Places.
+struct Few_General {
+    static constexpr size_t INPUTS = 2, OUTPUTS = 1, last_inputs = 0;
+    uint8_t *registers; // of the record
+    size_t inputs, total;
+
+    static bool fits(const QTRACE_REGISTERS &registers)
+    {
+        const size_t in = registers.num_gprs_in, out = registers.num_gprs_out;
+        const uint64_t others =
+            (load<uint64_t>(&registers) ^ out << 8 * GENERAL_OUTPUT_LIST) | registers.num_fprs_in;
+        return others == 0 && in <= INPUTS && out <= OUTPUTS;
+    }
+    explicit Few_General(QTRACE_REGISTERS &from)
+        : registers(reinterpret_cast<uint8_t *>(&from)), inputs(from.num_gprs_in), total(inputs + from.num_gprs_out)
+    {
+    }
+    General_Place input(size_t i) const
+    {
+        constexpr const Register_List_Info &IN = REGISTER_LIST[GENERAL_INPUT_LIST];
+        return {registers + IN.offset + i * IN.entry_size()};
+    }
+    General_Place output() const { return {registers + REGISTER_LIST[GENERAL_OUTPUT_LIST].offset}; }
+    General_Place operator[](size_t i) const { return i < inputs ? input(i) : output(); }
+    template <class Visitor> void visit(Visitor visit_one) const
+    {
+        visit_inputs(visit_one);
+        visit_outputs(visit_one);
+    }
+    template <class Visitor> void visit_inputs(Visitor visit_one) const
+    {
+        if (inputs > 0)
+            visit_one(0, input(0));
+        if (inputs > 1)
+            visit_one(1, input(1));
+    }
+    template <class Visitor> void visit_outputs(Visitor visit_one) const
+    {
+        if (total > inputs)
+            visit_one(inputs, output());
+    }
+};
+
 inline void find_registers(QTRACE_REGISTERS &registers, Register_Places &places)
 {
     constexpr const Register_List_Info &IN = REGISTER_LIST[GENERAL_INPUT_LIST],
                                        &OUT = REGISTER_LIST[GENERAL_OUTPUT_LIST];
     auto *base = reinterpret_cast<uint8_t *>(&registers);
-    const size_t inputs = registers.num_gprs_in, outputs = registers.num_gprs_out;
-    // Nine of ten records have general registers only, and no more than these.
-    const uint64_t others = (load<uint64_t>(base) ^ outputs << 8 * GENERAL_OUTPUT_LIST) | registers.num_fprs_in;
-    if (others != 0 || inputs > 2 || outputs > 1)
+    if (!Few_General::fits(registers))
         return find_all_registers(base, places);
+    const size_t inputs = registers.num_gprs_in;
     places.place[0] = {&IN, base + IN.offset};
     places.place[1] = {&IN, base + IN.offset + IN.entry_size()};
     places.place[inputs] = {&OUT, base + OUT.offset};
     places.inputs = inputs;
-    places.total = inputs + outputs;
+    places.total = inputs + registers.num_gprs_out;
     places.last_inputs = 0;
 }
 

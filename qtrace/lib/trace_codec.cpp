@@ -141,24 +141,25 @@ template <class Slot> void prefetch(const Slot &slot)
 }
 
 // What later accesses at `near` are expected to give: the first output, or what the instruction may have stored.
-void remember_memory(Predictor &predictor, const Register_Places &places, uint64_t near)
+template <class Registers> void remember_memory(Predictor &predictor, const Registers &places, uint64_t near)
 {
     if (places.total == 0)
         return;
     const bool outputs = places.total != places.inputs;
-    const Register_Place &place = places.place[outputs ? places.inputs : places.last_inputs];
+    const auto &place = places[outputs ? places.inputs : places.last_inputs];
     for (unsigned word = 0; word < place.list->words; ++word)
         predictor.memory_at(near + 8 * word) = place.value(word);
 }
 
 // What later records of the same word or address are expected to be; called when the record is complete.
-void remember_record(Predictor &predictor, const QTRACE_RECORD &record, const Register_Places &places,
-                     const Bases &bases, Shape_Slot &shape)
+template <class Registers>
+void remember_record(Predictor &predictor, const QTRACE_RECORD &record, const Registers &places, const Bases &bases,
+                     Shape_Slot &shape)
 {
     shape.control = control_in(record);
     shape.members = members_of(record);
     if (places.total > places.inputs) {
-        shape.out_value = places.place[places.inputs].value(0);
+        shape.out_value = places[places.inputs].value(0);
         shape.out_distance = shape.out_value - bases.last_input;
     }
     remember_memory(predictor, places, bases.near);
@@ -169,17 +170,16 @@ void remember_record(Predictor &predictor, const QTRACE_RECORD &record, const Re
     predictor.follow(record);
 }
 
-void remember_list(const Register_Places &places, const uint8_t *counts, Register_List &list)
+template <class Registers> void remember_list(const Registers &places, const uint8_t *counts, Register_List &list)
 {
     list = Register_List{};
     if (places.total > REMEMBERED_REGISTERS)
         return;
     std::memcpy(list.counts, counts, sizeof list.counts);
-    for (size_t i = 0; i < places.total; ++i)
-        list.index[i] = places.place[i].number();
+    places.visit([&list](size_t i, const auto &place) { list.index[i] = place.number(); });
 }
 
-bool is_list(const Register_Places &places, const uint8_t *counts, const Register_List &list)
+template <class Registers> bool is_list(const Registers &places, const uint8_t *counts, const Register_List &list)
 {
     static_assert(REGISTER_LISTS == sizeof(uint64_t) + sizeof(uint16_t));
     const uint64_t other_counts = (load<uint64_t>(counts) ^ load<uint64_t>(list.counts)) |
@@ -187,8 +187,8 @@ bool is_list(const Register_Places &places, const uint8_t *counts, const Registe
     if (other_counts != 0 || places.total > REMEMBERED_REGISTERS)
         return false;
     unsigned difference = 0;
-    for (size_t i = 0; i < places.total; ++i)
-        difference |= static_cast<unsigned>(list.index[i] ^ places.place[i].number());
+    places.visit(
+        [&](size_t i, const auto &place) { difference |= static_cast<unsigned>(list.index[i] ^ place.number()); });
     return difference == 0;
 }
 
@@ -446,8 +446,24 @@ bool Decoder::all_read() const
 
 // ---- Items ------------------------------------------------------------------------------------------------------
 
-// Flattened: the parts are called once each, and their calls would be a tenth of it all.
+// The parts are called once each, and their calls would be a tenth of it all: so flattened.
 [[gnu::flatten]] void Encoder::add(const QTRACE_RECORD &record)
+{
+    // The registers are only read through these.
+    auto &registers = const_cast<QTRACE_REGISTERS &>(record.regs);
+    if (!Few_General::fits(registers))
+        return add_with_all_registers(record);
+    add_record(record, Few_General(registers));
+}
+
+[[gnu::flatten, gnu::noinline]] void Encoder::add_with_all_registers(const QTRACE_RECORD &record)
+{
+    Register_Places places;
+    find_all_registers(reinterpret_cast<uint8_t *>(const_cast<QTRACE_REGISTERS *>(&record.regs)), places);
+    add_record(record, places);
+}
+
+template <class Registers> void Encoder::add_record(const QTRACE_RECORD &record, const Registers &places)
 {
     Predictor &predictor = *predictor_;
     const uint64_t control = control_in(record);
@@ -461,10 +477,6 @@ bool Decoder::all_read() const
     op |= code.word != word ? OP_WORD : 0;
     sink(COLUMN_WORD).number_if(code.word != word, word);
     op |= encode_static(record, shape, control);
-
-    // The places are only read through here.
-    Register_Places places;
-    find_registers(const_cast<QTRACE_REGISTERS &>(record.regs), places);
     op |= encode_list(places, reinterpret_cast<const uint8_t *>(&record.regs), shape.list);
     op |= encode_inputs(places);
 
@@ -473,9 +485,10 @@ bool Decoder::all_read() const
         bases.near = address_in(record, DATA_ADDRESS);
         op |= encode_data_address(bases, shape);
     }
-    for (size_t i = places.inputs; i < places.total; ++i)
-        for (unsigned part = 0; part < places.place[i].list->words; ++part)
-            encode_value(places.place[i], part, bases);
+    places.visit_outputs([&](size_t, const auto &place) {
+        for (unsigned part = 0; part < place.list->words; ++part)
+            encode_value(place, part, bases);
+    });
     if (has_address(control, NEXT_ADDRESS) && address_in(record, NEXT_ADDRESS) != code.next) {
         op |= OP_NEXT;
         sink(COLUMN_NEXT).varint(zigzag(address_in(record, NEXT_ADDRESS) - predictor.address));
@@ -716,7 +729,8 @@ void Decoder::put_members(QTRACE_RECORD &record, const Small_Members &members)
 // ---- Register lists ---------------------------------------------------------------------------------------------
 
 // A bit for each of the ten counts that is not zero, those counts, then the register numbers.
-unsigned Encoder::encode_list(const Register_Places &places, const uint8_t *counts, Register_List &list)
+template <class Registers>
+unsigned Encoder::encode_list(const Registers &places, const uint8_t *counts, Register_List &list)
 {
     if (is_list(places, counts, list))
         return 0;
@@ -726,7 +740,7 @@ unsigned Encoder::encode_list(const Register_Places &places, const uint8_t *coun
     for (unsigned mask = lists; mask != 0; mask &= mask - 1)
         shape.byte(counts[std::countr_zero(mask)]);
     for (size_t i = 0; i < places.total; ++i)
-        shape.varint(places.place[i].number());
+        shape.varint(places[i].number());
     sink(COLUMN_SHAPE) = shape;
     remember_list(places, counts, list);
     return OP_LIST;
@@ -756,22 +770,21 @@ void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
 
 // ---- Values -----------------------------------------------------------------------------------------------------
 
-unsigned Encoder::encode_inputs(const Register_Places &places)
+template <class Registers> unsigned Encoder::encode_inputs(const Registers &places)
 {
     uint64_t difference = 0;
-    for (size_t i = 0; i < places.inputs; ++i) {
-        const Register_Place &place = places.place[i];
+    places.visit_inputs([&](size_t, const auto &place) {
         const uint64_t *last = predictor_->register_values(*place.list, place.number());
         difference |= place.value(0) ^ last[0];
         if (place.list->words != 1)
             difference |= place.value(1) ^ last[1];
-    }
+    });
     if (difference == 0)
         return 0;
     const Bases bases{0, 0, predictor_->address, 0, 0};
     for (size_t i = 0; i < places.inputs; ++i)
-        for (unsigned word = 0; word < places.place[i].list->words; ++word)
-            encode_value(places.place[i], word, bases);
+        for (unsigned word = 0; word < places[i].list->words; ++word)
+            encode_value(places[i], word, bases);
     return OP_INPUTS;
 }
 
@@ -788,7 +801,7 @@ void Decoder::decode_inputs(bool coded)
     }
 }
 
-void Encoder::encode_value(const Register_Place &place, unsigned word, const Bases &bases)
+template <class Place> void Encoder::encode_value(const Place &place, unsigned word, const Bases &bases)
 {
     uint64_t &last = predictor_->register_values(*place.list, place.number())[word];
     const uint64_t memory = predictor_->memory_at(bases.near + 8 * word);
@@ -876,21 +889,25 @@ bool Encoder::encode_translation(const QTRACE_RECORD &record, Address_Side side)
 {
     Translation &page = predictor_->page_of(address_in(record, side));
     const bool coded = !has_translation(record, side, page);
-    if (coded) {
-        const Translation now = translation_in(record, side);
-        const Translation &last = *last_[side];
-        uint32_t mask = 0;
-        for (unsigned i = 0; i < 32; ++i)
-            mask |= static_cast<uint32_t>(now.word[i] != last.word[i]) << i;
-        sink(COLUMN_TRANSLATION).number(mask);
-        for (unsigned i = 0; i < 32; ++i)
-            if (mask >> i & 1)
-                sink(COLUMN_TRANSLATION).varint(zigzag(now.word[i] - last.word[i]));
-        keep_last_of_other_side(*predictor_, last_, side, page);
-        page = now;
-    }
+    if (coded) [[unlikely]]
+        encode_page(record, side, page);
     last_[side] = &page; // the same words, and no copy
     return coded;
+}
+
+[[gnu::noinline]] void Encoder::encode_page(const QTRACE_RECORD &record, Address_Side side, Translation &page)
+{
+    const Translation now = translation_in(record, side);
+    const Translation &last = *last_[side];
+    uint32_t mask = 0;
+    for (unsigned i = 0; i < 32; ++i)
+        mask |= static_cast<uint32_t>(now.word[i] != last.word[i]) << i;
+    sink(COLUMN_TRANSLATION).number(mask);
+    for (unsigned i = 0; i < 32; ++i)
+        if (mask >> i & 1)
+            sink(COLUMN_TRANSLATION).varint(zigzag(now.word[i] - last.word[i]));
+    keep_last_of_other_side(*predictor_, last_, side, page);
+    page = now;
 }
 
 // What the record holds already from the record before is not put into it again.

@@ -59,16 +59,21 @@ public:
 private:
     // Those with a result give the flags of what they coded.
     unsigned encode_static(const QTRACE_RECORD &record, const Shape_Slot &shape, uint64_t control);
-    unsigned encode_list(const Register_Places &places, const uint8_t *counts, Register_List &list);
-    unsigned encode_inputs(const Register_Places &places);
+    template <class Registers>
+    unsigned encode_list(const Registers &places, const uint8_t *counts, Register_List &list);
+    template <class Registers> unsigned encode_inputs(const Registers &places);
     unsigned encode_data_address(const Bases &bases, Shape_Slot &shape);
+    // `Registers` are those of the record: Few_General where these fit, else Register_Places.
+    template <class Registers> void add_record(const QTRACE_RECORD &record, const Registers &places);
+    void add_with_all_registers(const QTRACE_RECORD &record);
     Position next_position() const;
     template <class Item> void pass_over(const Item &item);
     void put_op(unsigned op);
     void encode_control(uint64_t control);
     void encode_members(const Small_Members &members);
-    void encode_value(const Register_Place &place, unsigned word, const Bases &bases);
+    template <class Place> void encode_value(const Place &place, unsigned word, const Bases &bases);
     bool encode_translation(const QTRACE_RECORD &record, Address_Side side);
+    void encode_page(const QTRACE_RECORD &record, Address_Side side, Translation &page);
     void encode_escape(const QTRACE_RECORD &record);
     Byte_Sink &sink(Column column) { return columns_[column]; }
 

@@ -126,11 +126,17 @@ public:
     }
     int open();
     template <class Item> int write(const Item &item);
+    // The usual way of a record: false, and nothing done, when the block may have no room for it.
+    bool add_at_once(const QTRACE_RECORD &record)
+    {
+        if (!encoder_.sure_of_room())
+            return false;
+        encoder_.add(record);
+        return true;
+    }
     int close();
 
 private:
-    bool takes_at_once(const QTRACE_RECORD &) const { return encoder_.sure_of_room(); }
-    bool takes_at_once(const QTRACE_FILE_HDR &) const { return false; }
     template <class Item> int make_room_for(const Item &item);
     template <class Item> void refuse(const Item &item);
     void begin_block();
@@ -276,7 +282,7 @@ void Trace_File::keep_outside(const QTRACE_FILE_HDR &header)
 
 template <class Item> int Trace_File::write(const Item &item)
 try {
-    if (!takes_at_once(item) && make_room_for(item) != 0) {
+    if (make_room_for(item) != 0) {
         refuse(item);
         return -1;
     }
@@ -381,7 +387,7 @@ try {
     return fail("descriptor", what, NO_MEMORY);
 }
 
-template <class Item> int write_item(QTRACE_FDESCR file, const Item *item)
+template <class Item> [[gnu::noinline]] int write_item(QTRACE_FDESCR file, const Item *item)
 {
     Trace_File *to = files.find(file);
     if (to == nullptr)
@@ -419,7 +425,8 @@ int QTRACE_FwriteFileHeader(QTRACE_FDESCR file, QTRACE_FILE_HDR *header)
 
 int QTRACE_FwriteRecord(QTRACE_FDESCR file, QTRACE_RECORD *record)
 {
-    return write_item(file, record);
+    Trace_File *to = files.find(file);
+    return to != nullptr && record != nullptr && to->add_at_once(*record) ? 0 : write_item(file, record);
 }
 
 const char *qtrace_writer_error(void)

@@ -4,6 +4,9 @@
 
 #include <bit>
 #include <utility>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 namespace trace
 {
@@ -141,6 +144,14 @@ template <size_t BEGIN, size_t SIZE> QT_INLINE void add_range(Sums &sums, const 
     add<BEGIN, BEGIN + SIZE>(sums, record);
 }
 
+// SIZE bytes, wherever they begin.
+template <size_t SIZE> QT_INLINE void add_unaligned(Sums &sums, const uint8_t *from)
+{
+    static_assert(SIZE % WIDE == 0);
+    for (size_t i = 0; i < SIZE / WIDE; ++i)
+        sums.part[i % SUMS] |= wide_at(from + WIDE * i);
+}
+
 // Read at -n from the middle, it masks out the first n bytes.
 constexpr size_t MOST_MASKED = 96;
 struct Sliding_Mask {
@@ -164,50 +175,73 @@ template <size_t SIZE> QT_INLINE void add_unused(Sums &sums, const uint8_t *from
         sums.part[2] |= wide_at(from + SIZE - WIDE) & wide_at(mask + SIZE - WIDE);
 }
 
+constexpr size_t list_bytes(size_t list)
+{
+    return REGISTER_LIST[list].capacity * REGISTER_LIST[list].entry_size();
+}
+
+QT_INLINE uint64_t any_of(const Sums &sums)
+{
+    const Wide sum = (sums.part[0] | sums.part[1]) | (sums.part[2] | sums.part[3]);
+    return (sum[0] | sum[1]) | (sum[2] | sum[3]) | sums.single;
+}
+
 template <size_t LIST> QT_INLINE void add_unused_entries(Sums &sums, const uint8_t *registers)
 {
     constexpr Register_List_Info INFO = REGISTER_LIST[LIST];
     const size_t used = std::min(registers[LIST], INFO.capacity);
-    for (size_t at = used * INFO.entry_size(); at < INFO.capacity * INFO.entry_size(); at += sizeof(uint64_t))
-        sums.single |= load<uint64_t>(registers + INFO.offset + at);
+    add_unused<list_bytes(LIST)>(sums, registers + INFO.offset, used * INFO.entry_size());
 }
 
-constexpr size_t REGISTERS = offsetof(QTRACE_RECORD, regs);
-
-// General registers are many, and few of them used: only the first few entries need a mask.
-constexpr size_t MASKED_GENERAL = 4;
-
-template <size_t LIST> QT_INLINE void add_unused_general(Sums &sums, const uint8_t *registers)
+// Four lists of other than general registers. On its own, as few records come here.
+template <size_t FIRST> [[gnu::noinline]] uint64_t unused_entries(const uint8_t *registers)
 {
-    constexpr Register_List_Info INFO = REGISTER_LIST[LIST];
-    constexpr size_t ENTRY = sizeof(QTRACE_REGISTER_INFO);
-    const uint8_t *entries = registers + INFO.offset;
-    const size_t used = registers[LIST];
-    if (used <= MASKED_GENERAL) {
-        add_unused<MASKED_GENERAL * ENTRY>(sums, entries, used * ENTRY);
-        add<REGISTERS + INFO.offset + MASKED_GENERAL * ENTRY, REGISTERS + INFO.offset + INFO.capacity * ENTRY>(
-            sums, registers - REGISTERS);
-    } else {
-        for (size_t i = used; i < INFO.capacity; ++i)
-            for (size_t at = i * ENTRY; at < (i + 1) * ENTRY; at += sizeof(uint64_t))
-                sums.single |= load<uint64_t>(entries + at);
-    }
+    Sums sums{};
+    add_unused_entries<FIRST>(sums, registers);
+    add_unused_entries<FIRST + 1>(sums, registers);
+    add_unused_entries<FIRST + 2>(sums, registers);
+    add_unused_entries<FIRST + 3>(sums, registers);
+    return any_of(sums);
 }
 
-// `GENERAL` is the last list of five; the other four stand before it.
+template <size_t GENERAL> [[gnu::noinline]] uint64_t unused_general(const uint8_t *registers)
+{
+    constexpr Register_List_Info INFO = REGISTER_LIST[GENERAL];
+    uint64_t sum = 0;
+    for (size_t at = registers[GENERAL] * INFO.entry_size(); at < list_bytes(GENERAL); at += sizeof(uint64_t))
+        sum |= load<uint64_t>(registers + INFO.offset + at);
+    return sum;
+}
+
+constexpr size_t REGISTERS = offsetof(QTRACE_RECORD, regs), ENTRY = sizeof(QTRACE_REGISTER_INFO);
+
+// Of the general registers, which are many, most records use no more.
+constexpr size_t FEW_GENERAL = 4;
+
+// Most records have general registers only, or a few special ones as well; these stand first of five lists, general ones
+// last. What is read twice, or beyond the special registers, is unused then.
 template <size_t GENERAL> QT_INLINE void add_unused_registers(Sums &sums, const uint8_t *registers)
 {
-    const auto others = load<uint32_t>(registers + GENERAL - 4);
-    if (others == 0) { // general registers only: one range
-        add<REGISTERS + REGISTER_LIST[GENERAL - 4].offset, REGISTERS + REGISTER_LIST[GENERAL].offset>(
-            sums, registers - REGISTERS);
+    constexpr size_t SPECIAL = GENERAL - 4, AFTER_SPECIAL = GENERAL - 3;
+    constexpr size_t SPECIAL_AT = REGISTER_LIST[SPECIAL].offset, GENERAL_AT = REGISTER_LIST[GENERAL].offset;
+    constexpr size_t FEW_BYTES = FEW_GENERAL * ENTRY;
+    static_assert(REGISTER_LIST[SPECIAL].kind == 0 && REGISTER_LIST[SPECIAL].entry_size() == ENTRY);
+    static_assert(list_bytes(AFTER_SPECIAL) >= list_bytes(SPECIAL));
+    const uint8_t *record = registers - REGISTERS;
+    const auto others = load<uint32_t>(registers + SPECIAL);
+    if (others <= REGISTER_LIST[SPECIAL].capacity) [[likely]] {
+        add_unaligned<list_bytes(SPECIAL)>(sums, registers + SPECIAL_AT + others * ENTRY);
+        add<REGISTERS + REGISTER_LIST[AFTER_SPECIAL].offset, REGISTERS + GENERAL_AT>(sums, record);
     } else {
-        add_unused_entries<GENERAL - 4>(sums, registers);
-        add_unused_entries<GENERAL - 3>(sums, registers);
-        add_unused_entries<GENERAL - 2>(sums, registers);
-        add_unused_entries<GENERAL - 1>(sums, registers);
+        sums.single |= unused_entries<SPECIAL>(registers);
     }
-    add_unused_general<GENERAL>(sums, registers);
+    const size_t general = registers[GENERAL];
+    if (general <= FEW_GENERAL) [[likely]] {
+        add_unaligned<FEW_BYTES>(sums, registers + GENERAL_AT + general * ENTRY);
+        add<REGISTERS + GENERAL_AT + FEW_BYTES, REGISTERS + GENERAL_AT + list_bytes(GENERAL)>(sums, record);
+    } else {
+        sums.single |= unused_general<GENERAL>(registers);
+    }
 }
 
 // ---- Ranges shorter than a vector: they stand close together, with the page sizes of both addresses ----------
@@ -239,14 +273,11 @@ constexpr uint64_t rare_at(size_t first)
     return mask;
 }
 
-QT_INLINE uint64_t uncommon_sizes(const uint8_t *bytes, bool data, bool next)
+QT_INLINE uint64_t short_ranges(const uint8_t *bytes)
 {
     constexpr size_t LAST = SHORT_END - WORD;
-    constexpr uint64_t DATA = mask_at(SHORT_BEGIN, page_sizes(DATA_ADDRESS)),
-                       NEXT = mask_at(SHORT_BEGIN, page_sizes(NEXT_ADDRESS));
-    static_assert(std::popcount(DATA | NEXT) == 32);
-    const uint64_t searched = rare_at(SHORT_BEGIN) | (data ? 0 : DATA) | (next ? 0 : NEXT);
-    return (load<uint64_t>(bytes + SHORT_BEGIN) & searched) | (load<uint64_t>(bytes + LAST) & rare_at(LAST));
+    return (load<uint64_t>(bytes + SHORT_BEGIN) & rare_at(SHORT_BEGIN)) |
+           (load<uint64_t>(bytes + LAST) & rare_at(LAST));
 }
 
 template <size_t... I> QT_INLINE void add_long_ranges(Sums &sums, const uint8_t *record, std::index_sequence<I...>)
@@ -259,33 +290,40 @@ template <size_t... I> QT_INLINE void add_long_ranges(Sums &sums, const uint8_t 
     (add_one(std::integral_constant<size_t, I>{}), ...);
 }
 
-QT_INLINE bool search(const QTRACE_RECORD &record)
+template <Address_Side SIDE> QT_INLINE void add_address(Sums &sums, const QTRACE_RECORD &record)
+{
+    if (has_address(control_in(record), SIDE))
+        return;
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    add_range<address_range(SIDE).offset, address_range(SIDE).size>(sums, bytes);
+    static_assert(page_sizes(SIDE).size == sizeof(uint16_t));
+    sums.single |= load<uint16_t>(bytes + page_sizes(SIDE).offset);
+}
+
+QT_INLINE Sums search(const QTRACE_RECORD &record)
 {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    const bool data = has_address(control_in(record), DATA_ADDRESS);
-    const bool next = has_address(control_in(record), NEXT_ADDRESS);
-    Sums sums{};
+    Sums sums{{}, short_ranges(bytes)};
     add_long_ranges(sums, bytes, std::make_index_sequence<RARE_RANGES>{});
-    if (!data)
-        add_range<address_range(DATA_ADDRESS).offset, address_range(DATA_ADDRESS).size>(sums, bytes);
-    if (!next)
-        add_range<address_range(NEXT_ADDRESS).offset, address_range(NEXT_ADDRESS).size>(sums, bytes);
+    add_address<DATA_ADDRESS>(sums, record);
+    add_address<NEXT_ADDRESS>(sums, record);
     const auto *registers = reinterpret_cast<const uint8_t *>(&record.regs);
-    add_unused_registers<4>(sums, registers);
+    add_unused_registers<GENERAL_OUTPUT_LIST>(sums, registers);
     add_unused_registers<GENERAL_INPUT_LIST>(sums, registers);
-    const Wide sum = (sums.part[0] | sums.part[1]) | (sums.part[2] | sums.part[3]);
-    return ((sum[0] | sum[1]) | (sum[2] | sum[3]) | sums.single | uncommon_sizes(bytes, data, next)) != 0;
+    return sums;
 }
 
 bool search_anywhere(const QTRACE_RECORD &record)
 {
-    return search(record);
+    return any_of(search(record)) != 0;
 }
 
 #if defined(__x86_64__)
 [[gnu::target("avx2")]] bool search_with_avx2(const QTRACE_RECORD &record)
 {
-    return search(record);
+    const Sums sums = search(record);
+    const auto sum = reinterpret_cast<__m256i>((sums.part[0] | sums.part[1]) | (sums.part[2] | sums.part[3]));
+    return sums.single != 0 || _mm256_testz_si256(sum, sum) == 0;
 }
 #else
 constexpr auto search_with_avx2 = search_anywhere;
