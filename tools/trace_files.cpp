@@ -11,6 +11,8 @@
 namespace qtrace_tool
 {
 
+using namespace trace;
+
 namespace
 {
 

@@ -9,6 +9,9 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
+
 namespace
 {
 

@@ -12,11 +12,9 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
+using Difference_Set = std::bitset<trace::DIFFERENCES>;
 
-using Difference_Set = std::bitset<DIFFERENCES>;
-
-inline bool has(const Difference_Set &kinds, Difference kind)
+inline bool has(const Difference_Set &kinds, trace::Difference kind)
 {
     return kinds[static_cast<size_t>(kind)];
 }
@@ -40,7 +38,7 @@ public:
 private:
     uint64_t content(const QTRACE_RECORD &record) const;
 
-    Member_Set members_;
+    trace::Member_Set members_;
     uint64_t flags_ = 0;
     bool address_, word_;
 };

@@ -12,6 +12,8 @@
 namespace qtrace_tool
 {
 
+using namespace trace;
+
 // ---- Frequent keys -------------------------------------------------------------------------------------
 
 void Frequent_Keys::add(uint64_t key, uint64_t times)

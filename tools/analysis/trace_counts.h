@@ -15,8 +15,6 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
-
 // How often keys occur, in constant memory: exact while there are no more than CAPACITY of them, else each count is
 // too low by at most shortfall().
 class Frequent_Keys
@@ -82,10 +80,10 @@ struct Trace_Sums {
     uint64_t other_jumps = 0; // control-flow changes that no branch made: interrupts, exceptions
     uint64_t loads = 0, stores = 0, cache = 0, strings = 0, string_bytes = 0;
     uint64_t data_addresses = 0, data_errors = 0;
-    uint64_t registers[10] = {};                 // as REGISTER_CLASSES
-    uint64_t fetch_cases[UNKNOWN_CASE + 1] = {}; // instructions, by mode pair of their own address
-    uint64_t data_cases[UNKNOWN_CASE] = {};      // data addresses
-    uint64_t group_bytes[FIELD_GROUPS] = {};     // of filled members, before any encoding
+    uint64_t registers[10] = {};                    // as REGISTER_CLASSES
+    uint64_t fetch_cases[UNKNOWN_CASE + 1] = {};    // instructions, by mode pair of their own address
+    uint64_t data_cases[UNKNOWN_CASE] = {};         // data addresses
+    uint64_t group_bytes[trace::FIELD_GROUPS] = {}; // of filled members, before any encoding
     uint64_t unnamed_fetches = 0; // instructions on a page that was entered in sequence: records name no page then
 
     void add(const Trace_Sums &other);
@@ -126,15 +124,15 @@ private:
         uint64_t first, count;
     };
 
-    void enter(const Translated_Address &address, uint64_t effective);
+    void enter(const trace::Translated_Address &address, uint64_t effective);
     void enter(const Fetch &fetch);
     void set_partition(const QTRACE_FILE_HDR *header);
     void count_fetch(uint64_t address);
     void count_fetches(const Run &run);
     void count_branch(const QTRACE_Item &item);
-    void count_members(const QTRACE_RECORD &record, const Flag_Words &flags);
+    void count_members(const QTRACE_RECORD &record, const trace::Flag_Words &flags);
     void count_data(const QTRACE_RECORD &record);
-    Page page_of(const Translated_Address &address) const;
+    Page page_of(const trace::Translated_Address &address) const;
 
     Page_Sizes sizes_;
     bool fetch_told_ = true; // by this part of the trace

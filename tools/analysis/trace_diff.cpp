@@ -8,6 +8,8 @@
 namespace qtrace_tool
 {
 
+using namespace trace;
+
 Trace_Diff::Trace_Diff(Tool_Run &run, Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit,
                        Report report)
     : a_{run, a, Record_Hash(ignored)}, b_{run, b, Record_Hash(ignored)}, ignored_(ignored), limit_(limit),

@@ -29,10 +29,13 @@ struct Difference_Place {
 struct Difference_Counts {
     uint64_t records_a = 0, records_b = 0;
     uint64_t differing = 0; // records that both have
-    uint64_t by_kind[DIFFERENCES] = {};
+    uint64_t by_kind[trace::DIFFERENCES] = {};
     uint64_t only_a = 0, only_b = 0; // records that the other does not have
 
-    bool any() const { return differing + only_a + only_b + by_kind[static_cast<size_t>(Difference::header)] > 0; }
+    bool any() const
+    {
+        return differing + only_a + only_b + by_kind[static_cast<size_t>(trace::Difference::header)] > 0;
+    }
 };
 
 // Compares record by record. Where a record differs, hashes of the records that follow say which belong together;

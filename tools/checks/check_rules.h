@@ -13,8 +13,6 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
-
 // Where a rule looks: at each record, at each header, at the end of a trace segment, at what a record says of those
 // before it (only when asked to), or at the text trace or the page-table-entry file beside the trace.
 enum class Rule_Scope : uint8_t { record, header, end, deep, text, entries };
@@ -31,7 +29,7 @@ struct Check_Rule {
     std::string name;
     std::string sentence; // what is wrong where it is violated
     Rule_Scope scope;
-    std::vector<const Trace_Member *> shows; // members whose values explain a violation
+    std::vector<const trace::Trace_Member *> shows; // members whose values explain a violation
     Rule_Values values = Rule_Values::members;
 };
 
@@ -77,7 +75,7 @@ struct Check_State {
     uint64_t address = 0; // of the next record, by the records so far
     std::optional<uint8_t> processor;
     uint8_t last_node = 0;
-    std::optional<Header_Comment> machine;
+    std::optional<trace::Header_Comment> machine;
     std::optional<Place> last;
     uint64_t records = 0; // up to here
 

@@ -8,6 +8,9 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
+
 namespace
 {
 

@@ -16,8 +16,6 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
-
 // A translation as a line of the text trace tells it; what the line does not say is absent.
 struct Text_Translation {
     std::optional<uint64_t> vsid, page_number, page_size, guest_page_size;
@@ -119,10 +117,10 @@ private:
     bool read_line(std::string &line);
     bool next_line(std::string &line);
     void compare(const QTRACE_Item &item, const Text_Line &line);
-    void compare_list(const QTRACE_REGISTERS &registers, const Register_Class &kind,
+    void compare_list(const QTRACE_REGISTERS &registers, const trace::Register_Class &kind,
                       const std::vector<Text_Register> &listed, size_t begin);
     void compare_registers(const QTRACE_REGISTERS &registers, const Text_Line &line);
-    void compare_translation(bool data, const Text_Translation &text, const Translated_Address &trace);
+    void compare_translation(bool data, const Text_Translation &text, const trace::Translated_Address &trace);
     void differ(Text_Rule rule, std::string_view what, uint64_t text, uint64_t trace)
     {
         if (text != trace)

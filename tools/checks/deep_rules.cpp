@@ -5,6 +5,9 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
+
 namespace
 {
 

@@ -71,7 +71,7 @@ private:
     // A translation of the next instruction, to be understood in that one's partition.
     struct Pending {
         Told told = Told::nothing;
-        Mode_Pair modes{};
+        trace::Mode_Pair modes{};
         Named_Translation named;
         uint64_t effective = 0;
         Where where;
@@ -79,13 +79,13 @@ private:
     };
 
     void tell(size_t rule, const Where &where, std::string values);
-    void check_real(const Translated_Address &address, const Where &where);
+    void check_real(const trace::Translated_Address &address, const Where &where);
     bool check_walk(const Named_Translation &named, const char *what, uint64_t effective, const Where &where);
     bool compare_walk(Page &page, const Named_Translation &named, const char *what, uint64_t effective,
                       const Where &where);
     void learn_walk(Page &page, const Named_Translation &named);
     uint32_t last_store_on(const Named_Translation &named) const;
-    void name(const Translated_Address &address, const Where &where);
+    void name(const trace::Translated_Address &address, const Where &where);
     void enter();
     void enter_page();
     void check_code(const QTRACE_Item &item, const Where &where);

@@ -12,8 +12,6 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
-
 class Register_Flow
 {
 public:
@@ -37,12 +35,12 @@ private:
     static constexpr size_t MOST = 64; // registers of a file
     static File file_of(size_t register_class);
     static size_t slot_of(File file, unsigned index);
-    void read(File file, const Register_Class &kind, const QTRACE_Item &item, const Report &report);
-    void write(File file, const Register_Class &kind, const QTRACE_Item &item);
+    void read(File file, const trace::Register_Class &kind, const QTRACE_Item &item, const Report &report);
+    void write(File file, const trace::Register_Class &kind, const QTRACE_Item &item);
     void forget_twin(File file, size_t slot);
     void forget(File file);
-    void compare(Value &seen, const Register_Class &kind, const Register_Entry &entry, uint64_t record,
-                 const Report &report);
+    void compare(Value &seen, const trace::Register_Class &kind, const trace::Register_Entry &entry,
+                 uint64_t record, const Report &report);
 
     std::array<std::array<Value, MOST>, FILES> values_;
     uint64_t checks_ = 0;

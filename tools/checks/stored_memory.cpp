@@ -6,6 +6,9 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
+
 namespace
 {
 

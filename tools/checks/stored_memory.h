@@ -11,8 +11,6 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
-
 // What an address of memory counts in. Addresses of different spaces share their lowest 12 bits when they are the same
 // memory, for no offset between them is smaller than a page.
 enum class Memory_Space : uint8_t {
@@ -38,7 +36,8 @@ struct Memory_Places {
 };
 
 // Where the byte at `effective` is.
-Memory_Places places_of(Told told, const Mode_Pair &modes, const Named_Translation &named, uint64_t effective);
+Memory_Places places_of(Told told, const trace::Mode_Pair &modes, const Named_Translation &named,
+                        uint64_t effective);
 
 // A store or the clearing of a cache block by a record; the bytes that it may have reached, not fewer than it did.
 struct Store {

@@ -14,6 +14,9 @@
 
 namespace qtrace_tool
 {
+
+using namespace trace;
+
 namespace
 {
 

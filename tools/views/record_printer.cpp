@@ -12,6 +12,8 @@
 namespace qtrace_tool
 {
 
+using namespace trace;
+
 // ---- Selection -----------------------------------------------------------------------------------------
 
 void Field_Selection::add_group(Field_Group group)

@@ -15,8 +15,6 @@
 namespace qtrace_tool
 {
 
-using namespace trace;
-
 // What a line shows: members, flags, register classes.
 class Field_Selection
 {
@@ -31,13 +29,13 @@ public:
 
     bool shows_flags() const { return flags_; }
     bool shows_registers(size_t register_class) const { return registers_[register_class]; }
-    const Member_Set &members() const { return members_; }
+    const trace::Member_Set &members() const { return members_; }
 
 private:
-    void add_group(Field_Group group);
+    void add_group(trace::Field_Group group);
     bool add(std::string_view name);
 
-    Member_Set members_;
+    trace::Member_Set members_;
     bool flags_ = false;
     std::bitset<16> registers_;
 };
@@ -65,14 +63,15 @@ void print_name(Output &out, const Item_Notes &notes, uint64_t address);
 void name_member(Json_Writer &json, std::string_view key, const Item_Notes &notes, uint64_t address);
 
 // One member's value as text lines show it.
-void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes);
-template <class Structure> void print_value(Output &out, const Trace_Member &member, const Structure &structure)
+void print_value(Output &out, const trace::Trace_Member &member, const uint8_t *bytes);
+template <class Structure>
+void print_value(Output &out, const trace::Trace_Member &member, const Structure &structure)
 {
     print_value(out, member, member.at(structure));
 }
 
 // The same as text.
-template <class Structure> std::string value_text(const Trace_Member &member, const Structure &structure)
+template <class Structure> std::string value_text(const trace::Trace_Member &member, const Structure &structure)
 {
     Output text(-1);
     print_value(text, member, structure);
