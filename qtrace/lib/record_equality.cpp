@@ -1,5 +1,7 @@
 #include "record_equality.h"
 
+#include "processor.h"
+
 #include <cstdint>
 #include <cstring>
 #if defined(__x86_64__)
@@ -38,19 +40,12 @@ constexpr size_t WIDE = sizeof(__m256i);
         any = _mm256_or_si256(any, difference_at(one, other, offset));
     return _mm256_testz_si256(any, any) != 0;
 }
+#else
+constexpr auto compare_with_avx2 = compare_anywhere;
 #endif
 
-bool (*fastest_comparison())(const QTRACE_RECORD &, const QTRACE_RECORD &)
-{
-#if defined(__x86_64__)
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2"))
-        return compare_with_avx2;
-#endif
-    return compare_anywhere;
-}
-
-bool (*const compare)(const QTRACE_RECORD &, const QTRACE_RECORD &) = fastest_comparison();
+bool (*const compare)(const QTRACE_RECORD &, const QTRACE_RECORD &) =
+    for_processor(compare_with_avx2, compare_anywhere);
 
 } // namespace
 
