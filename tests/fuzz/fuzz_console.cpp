@@ -2,12 +2,14 @@
 
 #include "command_words.h"
 #include "console.h"
+#include "stream_reader.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
+#include <vector>
 
 using namespace replay;
 
@@ -29,6 +31,41 @@ const std::string &stream_file()
     return name;
 }
 
+// What the stream holds, read once: a thread that reads it for every input would take most of the time.
+class Events_Again : public Event_Source
+{
+public:
+    const Stream_Event *next() override { return at_ < read().events.size() ? &read().events[at_++] : nullptr; }
+    const std::optional<Stream_Error> &error() const override
+    {
+        static const std::optional<Stream_Error> none;
+        return at_ < read().events.size() ? none : read().error;
+    }
+    uint64_t line_number() const override { return at_; }
+    uint64_t bytes_used() const override { return at_; }
+    std::optional<uint64_t> input_size() const override { return read().events.size(); }
+
+private:
+    struct Events {
+        std::vector<Stream_Event> events;
+        std::optional<Stream_Error> error;
+    };
+    static const Events &read()
+    {
+        static const Events events = [] {
+            Events all;
+            Stream_Reader reader(stream_file());
+            while (const Stream_Event *event = reader.next())
+                all.events.push_back(*event);
+            all.error = reader.error();
+            return all;
+        }();
+        return events;
+    }
+
+    size_t at_ = 0;
+};
+
 // Loading whatever file is named would run its code.
 bool loads_something(const std::string &line)
 {
@@ -40,7 +77,7 @@ bool loads_something(const std::string &line)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Player player(stream_file());
+    Player player(stream_file(), std::make_unique<Events_Again>());
     std::ostringstream out, err;
     Console console(player, out, err);
     std::istringstream lines(std::string(reinterpret_cast<const char *>(data), size));

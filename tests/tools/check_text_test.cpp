@@ -1,0 +1,330 @@
+// `qtrace check --text` on a trace and its text written by hand: each thing that can differ is changed in the text, and
+// the rule about it alone must be violated.
+#include "planted_trace.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstring>
+#include <sstream>
+
+using namespace planted;
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace
+{
+
+Item with_data(uint32_t word, uint64_t address, Case translation)
+{
+    Item item{false, {}, "", plain_record(word)};
+    item.record.header.control.fld.data_address_present = 1;
+    std::memcpy(item.record.data_ea, &address, sizeof(address));
+    set_case(item, Side::data, translation);
+    return item;
+}
+
+Item jump(uint64_t next, Case translation, uint8_t node)
+{
+    Item item{false, {}, "", plain_record(0x48001000)};
+    auto &flags = item.record.header.control.fld;
+    flags.iar_change_present = flags.node_present = flags.next_instruction_EA_present = 1;
+    item.record.node = node;
+    std::memcpy(item.record.next_instruction_ea, &next, sizeof(next));
+    set_case(item, Side::next, translation);
+    return item;
+}
+
+Item with_registers()
+{
+    Item item{false, {}, "", plain_record(0x7c6484aa)};
+    item.record.header.control.fld.length_present = 1;
+    item.record.length = 16;
+    item.record.header.control.fld.register_trace_present = 1;
+    QTRACE_REGISTERS &registers = item.record.regs;
+    registers.num_gprs_in = 2;
+    registers.gpr_in[0] = {4, 0x2000};
+    registers.gpr_in[1] = {5, 0x11};
+    registers.num_fprs_in = 1;
+    registers.fpr_in[0] = {1, 0x3ff0000000000000};
+    registers.num_sprs_out = 1;
+    registers.spr_out[0] = {8, 0x77};
+    registers.num_vmxrs_out = 1;
+    registers.vmxr_out[0] = {2, {0x1111111111111111, 0x2222222222222222}};
+    registers.num_vsxrs_out = 1;
+    registers.vsxr_out[0] = {34, {0x1122334455667788, 0x99aabbccddeeff00}};
+    return item;
+}
+
+Trace described_trace()
+{
+    const Trace good = good_trace();
+    Item untaken = good[UNTAKEN_BRANCH];
+    untaken.record.node = untaken.record.termination_node = 5;
+    return {
+        good[FIRST_HEADER],                          // single walk
+        good[FIRST_RECORD],                          // 0x1000
+        jump(0x2000, Case::nested, 1),               // 0x1004
+        jump(0x3000, Case::hpt, 2),                  // 0x2000
+        jump(0x4000, Case::single, 3),               // 0x3000
+        jump(0x5000, Case::single, 4),               // 0x4000
+        with_data(0x80640010, 0x6010, Case::nested), // 0x5000
+        good[PARTITION],
+        with_data(0x90640000, 0x7000, Case::hpt),    // 0x5004
+        with_data(0xe8640008, 0x5008, Case::single), // 0x5008
+        with_registers(),                            // 0x500c
+        untaken,                                     // 0x5010
+        good[PLAIN],                                 // 0x5014
+        good[SECOND_HEADER],                         // real
+        good[RESUMED],                               // 0x4000
+    };
+}
+
+const std::string COMMENT =
+    "KelvoVer:3,64bitMode:True,LEMode:True,MemUsed:1073741824,HostPagesUsed:4K 64K ,GuestPagesUsed:\n";
+
+// A record line up to the translation.
+std::string line(const char *modes, const char *process, const char *word, const char *flags)
+{
+    return std::string("(seq:1,tid:0) ") + modes + " (" + process +
+           ",ptcr:0x0000000000C0000C) (USER,SIMP) (commit:1)" + "(instbody:" + word + ") {name:any (I:9) name} " +
+           flags;
+}
+
+const char *const RADIX = "(xlatetype_I:Z7_HostRadixProcessScoped) (xlatetype_D:RADIX_MODE_NOT_YET_SET)";
+const char *const FIRST = "pid:7,lpid:1", *const SECOND = "pid:8,lpid:2";
+
+std::string described_text()
+{
+    return "*** FILE HEADER INSERTED *** \n" + COMMENT +
+           line(RADIX, FIRST, "0x38600001", "(I:0) (N:0) (T:0) (PC:0x1000) (nextPC:0x1004) (done) \n") +
+           line(RADIX, FIRST, "0x48001000",
+                "(I:1) (N:1) (T:0) (PC:0x1004) (nextPC:0x2000) (nn:1) (done) (branch taken) \n") +
+           line("(xlatetype_I:Z7_GuestRadixOnHostRadix) (xlatetype_D:RADIX_MODE_NOT_YET_SET)", FIRST, "0x48001000",
+                "(I:1) (N:1) (T:0) (PC:0x2000) (nextPC:0x3000) (nn:2) (HostPageSize:1, GuestPageSize:1) "
+                "(iar_Guest_RAs: (iar_gRTPDE_L1_RA:0x60000 iar_gRTPDE_L2_RA:0x60008 iar_gRTPTE_RA:0x60010 "
+                "iar_gRA:0x70000) ) "
+                "(iar_Host_RTWs_Block:1 (iar_hRTPDE_L1_RA:0x10000)(iar_hRTPDE_L2_RA:0x20000)"
+                "(iar_hRTPDE_L3_RA:0x30000)(iar_hRTPTE_L4_RA:0x40000)(iar_hRTW_host_Block1_RA:0x50000)) "
+                "(iar_Host_RTWs_Block:2 (iar_hRTPDE_L1_RA:0x10008)(iar_hRTPTE_L4_RA:0x40008)"
+                "(iar_hRTW_host_Block2_RA:0x50008)) "
+                "(iar_Host_RTWs_Block:3 (iar_hRTPDE_L1_RA:0x10010)(iar_hRTPTE_L4_RA:0x40010))"
+                "(iar_RPN:0x00000012)(done) (branch taken) \n") +
+           line("(xlatetype_I:Z7_HostHptSTEGroup) (xlatetype_D:RADIX_MODE_NOT_YET_SET)", FIRST, "0x48001000",
+                "(I:1) (N:1) (T:0) (PC:0x3000) (nextPC:0x4000) (nn:3) (VSID:0x0000000000000100, RPN:0x00000012, "
+                "HostPageSize:1) (done) (branch taken) \n") +
+           line(RADIX, FIRST, "0x48001000",
+                "(I:1) (N:1) (T:0) (PC:0x4000) (nextPC:0x5000) (nn:4) (HostPageSize:1) (iar_Host_RTW_Depth:3 "
+                "(iar_hRTPDE_L1_RA:0x100, iar_hRTPDE_L2_RA:0x0, iar_hRTPDE_L3_RA:0x0, iar_hRTPTE_RA:0x200) )"
+                "(iar_RPN:0x00000012)(done) (branch taken) \n") +
+           line("(xlatetype_I:Z7_HostRadixProcessScoped) (xlatetype_D:Z7_GuestRadixOnHostRadix)", FIRST,
+                "0x80640010",
+                "(I:0) (N:0) (T:0) (PC:0x5000) (nextPC:0x5004) (done) (DEA:0x6010(HostPageSize:1, GuestPageSize:1) "
+                "(data_Guest_RAs: (data_gRTPDE_L1_RA:0x60000 data_gRTPDE_L2_RA:0x60008 data_gRTPTE_RA:0x60010 "
+                "data_gRA:0x70000) ) "
+                "(data_Host_RTWs_Block:3 (data_hRTPDE_L2_RA:0x20010)(data_hRTPTE_L4_RA:0x40010))"
+                "(data_RPN:0x00000012)) \n") +
+           "Partition Change: pid:8,lpid:2)\n" +
+           line("(xlatetype_I:Z7_HostRadixProcessScoped) (xlatetype_D:Z7_HostHptSTEGroup)", SECOND, "0x90640000",
+                "(I:0) (N:0) (T:0) (PC:0x5004) (nextPC:0x5008) (done) (DEA:0x7000, VSID:0x0000000000000100, "
+                "RPN:0x00000012, HostPageSize:1) \n") +
+           line("(xlatetype_I:Z7_HostRadixProcessScoped) (xlatetype_D:Z7_HostRadixProcessScoped)", SECOND,
+                "0xe8640008",
+                "(I:0) (N:0) (T:0) (PC:0x5008) (nextPC:0x500c) (done) (DEA:0x5008(HostPageSize:1) "
+                "(data_Host_RTW_Depth:3 (data_hRTPDE_L1_RA:0x100, data_hRTPDE_L2_RA:0x0, data_hRTPDE_L3_RA:0x0, "
+                "data_hRTPTE_RA:0x200) )(data_RPN:0x00000012)) \n") +
+           line(
+               RADIX, SECOND, "0x7c6484aa",
+               "(I:0) (N:0) (T:0) (PC:0x500c) (nextPC:0x5010) (done) (len:16) (Input Reg 0(r4):0x0000000000002000) "
+               "(Input Reg 1(r5):0x0000000000000011) (Input Reg 2(f1):0x3FF0000000000000) "
+               "(Output Reg 0(s8):0x0000000000000077) "
+               "(Output Reg 1(v2):0x22222222222222221111111111111111) "
+               "(Output Reg 2(v34):0x99AABBCCDDEEFF001122334455667788) \n") +
+           line(RADIX, SECOND, "0x41820010",
+                "(I:0) (N:1) (T:1) (PC:0x5010) (nextPC:0x5014) (nn:5) (done) (branch untaken) \n") +
+           line(RADIX, SECOND, "0x60000000", "(I:0) (N:0) (T:0) (PC:0x5014) (nextPC:0x5018) (done) \n") +
+           "*** PAUSE collection for thread 0\n*** RESUME collection for thread 0\n"
+           "*** FILE HEADER INSERTED *** \n" +
+           COMMENT +
+           line("(xlatetype_I:HypervisorRealModeHRMOR) (xlatetype_D:RADIX_MODE_NOT_YET_SET)", FIRST, "0x38600001",
+                "(I:0) (N:0) (T:0) (PC:0x4000) (nextPC:0x4004) (done) \n");
+}
+
+// One piece of the text, what stands there instead, and the rules that are violated then, each once.
+struct Text_Change {
+    std::string piece, instead;
+    json violations;
+};
+
+const Text_Change TEXT_CHANGES[] = {
+    {"thread 0\n*** FILE HEADER INSERTED",
+     "thread 0\n*** FILE HEADER ADDED",
+     {{"text-header", 1}, {"text-line", 1}, {"text-end", 1}}},
+    {"KelvoVer:3,", "KelvoVer:4,", {{"text-comment", 1}}},
+    {"GuestPagesUsed:\n", "GuestPagesUsed: \n", {{"text-comment", 1}}},
+    {"Change: pid:8", "Change: pid:9", {{"text-partition", 1}}},
+    {"Change: pid:8,lpid:2", "Change: pid:8,lpid:3", {{"text-partition", 1}}},
+    {"lpid:2)\n", "lpid:2\n", {{"text-partition", 1}}},
+    // lpid and pid are compared where a header tells them
+    {"pid:7,lpid:1", "pid:6,lpid:1", {{"text-partition", 1}}},
+    {"pid:7,lpid:1", "pid:7,lpid:0", {{"text-partition", 1}}},
+    {"(pid:8,lpid:2", "(pid:9,lpid:2", {{"text-partition", 1}}},
+    {"(seq:1,tid:0) ", "(sea:1,tid:0) ", {{"text-line", 1}}},
+    {"{name:any", "{nome:any", {{"text-line", 1}}},
+    {"instbody:0x38600001", "instbody:0x38600003", {{"text-instruction", 1}}},
+    {"(PC:0x1000)", "(PC:0x1004)", {{"text-address", 1}}},
+    {"(PC:0x5010)", "(PC:0x15010)", {{"text-address", 1}}},
+    {"(I:0) (N:0) (T:0) (PC:0x1000)", "(I:1) (N:0) (T:0) (PC:0x1000)", {{"text-change", 1}}},
+    {"(I:1) (N:1) (T:0) (PC:0x2000)", "(I:0) (N:1) (T:0) (PC:0x2000)", {{"text-change", 1}}},
+    {"(I:0) (N:0) (T:0) (PC:0x1000)", "(I:0) (N:1) (T:0) (PC:0x1000)", {{"text-node", 1}}},
+    {"(N:1) (T:1) (PC:0x5010)", "(N:0) (T:1) (PC:0x5010)", {{"text-node", 1}}},
+    {"(I:0) (N:0) (T:0) (PC:0x1000)", "(I:0) (N:0) (T:1) (PC:0x1000)", {{"text-termination", 1}}},
+    {"(N:1) (T:1) (PC:0x5010)", "(N:1) (T:0) (PC:0x5010)", {{"text-termination", 1}}},
+    {"(nn:1)", "(nn:0)", {{"text-node-number", 1}}},
+    {"(nn:5)", "(nn:8)", {{"text-node-number", 2}}}, // node and termination node
+    {"(nextPC:0x2000)", "(nextPC:0x2004)", {{"text-next-address", 1}}},
+    {"(nextPC:0x5000)", "(nextPC:0x1005000)", {{"text-next-address", 1}}},
+    {"(branch untaken)", "(branch taken)", {{"text-branch", 1}}},
+    {"(DEA:0x6010", "(DEA:0x6014", {{"text-data-address", 1}}},
+    {"(DEA:0x7000", "(DEA:0x17000", {{"text-data-address", 1}}},
+    {"(PC:0x1000) ", "(PC:0x1000) (DEA:0x0) ", {{"text-data-address", 1}}},
+    {"(len:16)", "(len:17)", {{"text-length", 1}}},
+    {"(len:16) ", "", {{"text-length", 1}}},
+    {"(PC:0x1000) ", "(PC:0x1000) (len:0) ", {{"text-length", 1}}},
+    {"(r4):0x0000000000002000", "(r4):0x0000000000002001", {{"text-registers", 1}}},
+    {"(r4):0x00", "(r4):0x10", {{"text-registers", 1}}},
+    {"(r5)", "(r6)", {{"text-registers", 1}}},
+    {"(f1):0x3FF", "(f1):0x3FE", {{"text-registers", 1}}},
+    {"(s8):0x0000000000000077", "(s8):0x0000000000000076", {{"text-registers", 1}}},
+    {"(s8)", "(s9)", {{"text-registers", 1}}},
+    {"(v2):0x2222222222222222", "(v2):0x2222222222222223", {{"text-registers", 1}}},
+    {"1111111111111111)", "1111111111111110)", {{"text-registers", 1}}},
+    {"(v2)", "(v3)", {{"text-registers", 1}}},
+    {"0x99AABBCCDDEEFF00", "0x99AABBCCDDEEFF01", {{"text-registers", 1}}},
+    {"1122334455667788)", "0122334455667788)", {{"text-registers", 1}}},
+    {"(v34)", "(v35)", {{"text-registers", 1}}},
+    {"(Input Reg 1(r5):0x0000000000000011) ", "", {{"text-registers", 1}}},
+    {"(Input Reg 2(f1):0x3FF0000000000000) ", "", {{"text-registers", 1}}},
+    {"(Output Reg 2(v34)",
+     "(Output Reg 2(v34):0x00000000000000000000000000000000) (Output Reg 3(v35)",
+     {{"text-registers", 3}}}, // both words, and the number
+    {"(Output Reg 0(s8)", "(Output Reg 0(r9):0x0000000000000001) (Output Reg 0(s8)", {{"text-registers", 1}}},
+    {"(PC:0x1000) ", "(PC:0x1000) (Input Reg 0(f0):0x0000000000000000) ", {{"text-registers", 1}}},
+    // the address of the data
+    {"(xlatetype_D:Z7_HostHptSTEGroup)", "(xlatetype_D:Z7_HostRadixProcessScoped)", {{"text-data-mode", 1}}},
+    {"(xlatetype_D:Z7_GuestRadixOnHostRadix)", "(xlatetype_D:VirtualRealMode)", {{"text-data-mode", 1}}},
+    {"(xlatetype_D:RADIX_MODE_NOT_YET_SET)", "(xlatetype_D:VirtualRealMode)", {{"text-data-mode", 1}}},
+    {"(DEA:0x7000, VSID:0x0000000000000100",
+     "(DEA:0x7000, VSID:0x0000000000000200",
+     {{"text-data-translation", 1}}},
+    {"(DEA:0x7000, VSID:0x0000000000000100, RPN:0x00000012",
+     "(DEA:0x7000, VSID:0x0000000000000100, RPN:0x00000013",
+     {{"text-data-translation", 1}}},
+    {"RPN:0x00000012, HostPageSize:1) \n", "RPN:0x00000012, HostPageSize:2) \n", {{"text-data-translation", 1}}},
+    {"(DEA:0x6010(HostPageSize:1, GuestPageSize:1)",
+     "(DEA:0x6010(HostPageSize:1, GuestPageSize:2)",
+     {{"text-data-translation", 1}}},
+    {"(DEA:0x5008(HostPageSize:1)", "(DEA:0x5008(HostPageSize:0)", {{"text-data-translation", 1}}},
+    {"data_hRTPTE_RA:0x200) )(data_RPN:0x00000012",
+     "data_hRTPTE_RA:0x200) )(data_RPN:0x80000012",
+     {{"text-data-translation", 1}}},
+    {"data_hRTPDE_L1_RA:0x100", "data_hRTPDE_L1_RA:0x101", {{"text-data-walk", 1}}},
+    {"data_hRTPDE_L2_RA:0x0,", "data_hRTPDE_L2_RA:0x1,", {{"text-data-walk", 1}}},
+    {"data_hRTPDE_L3_RA:0x0,", "data_hRTPDE_L3_RA:0x1,", {{"text-data-walk", 1}}},
+    {"data_hRTPTE_RA:0x200", "data_hRTPTE_RA:0x201", {{"text-data-walk", 1}}},
+    {"data_gRTPDE_L1_RA:0x60000", "data_gRTPDE_L1_RA:0x60001", {{"text-data-walk", 1}}},
+    {"data_gRTPTE_RA:0x60010", "data_gRTPTE_RA:0x60011", {{"text-data-walk", 1}}},
+    {"data_gRA:0x70000", "data_gRA:0x70001", {{"text-data-walk", 1}}},
+    {"data_hRTPDE_L2_RA:0x20010", "data_hRTPDE_L2_RA:0x20008", {{"text-data-walk", 1}}},
+    {"data_Host_RTWs_Block:3", "data_Host_RTWs_Block:2", {{"text-data-walk", 2}}},
+    // the instruction's own address
+    {"(xlatetype_I:Z7_HostRadixProcessScoped)", "(xlatetype_I:VirtualRealMode)", {{"text-instruction-mode", 1}}},
+    {"(xlatetype_I:Z7_GuestRadixOnHostRadix)", "(xlatetype_I:VirtualRealMode)", {{"text-instruction-mode", 1}}},
+    {"(xlatetype_I:Z7_HostHptSTEGroup)", "(xlatetype_I:VirtualRealMode)", {{"text-instruction-mode", 1}}},
+    {"(xlatetype_I:HypervisorRealModeHRMOR)", "(xlatetype_I:VirtualRealMode)", {{"text-instruction-mode", 1}}},
+    {"(VSID:0x0000000000000100", "(VSID:0x0000000000000000", {{"text-fetch-translation", 1}}},
+    {"100, RPN:0x00000012, HostPageSize:1) (done)",
+     "100, RPN:0x00000010, HostPageSize:1) (done)",
+     {{"text-fetch-translation", 1}}},
+    {"HostPageSize:1) (done)", "HostPageSize:3) (done)", {{"text-fetch-translation", 1}}},
+    {"(nn:2) (HostPageSize:1, GuestPageSize:1)",
+     "(nn:2) (HostPageSize:1, GuestPageSize:0)",
+     {{"text-fetch-translation", 1}}},
+    {"(nn:4) (HostPageSize:1)", "(nn:4) (HostPageSize:2)", {{"text-fetch-translation", 1}}},
+    {"(iar_RPN:0x00000012)", "(iar_RPN:0x00000013)", {{"text-fetch-translation", 1}}},
+    {"iar_gRTPDE_L1_RA:0x60000", "iar_gRTPDE_L1_RA:0x60008", {{"text-fetch-walk", 1}}},
+    {"iar_gRTPDE_L2_RA:0x60008", "iar_gRTPDE_L2_RA:0x60000", {{"text-fetch-walk", 1}}},
+    {"iar_gRTPTE_RA:0x60010", "iar_gRTPTE_RA:0x60000", {{"text-fetch-walk", 1}}},
+    {"iar_gRTPTE_RA:0x60010", "iar_gRTPDE_L3_RA:0x1 iar_gRTPTE_RA:0x60010", {{"text-fetch-walk", 1}}},
+    {"iar_gRA:0x70000", "iar_gRA:0x70008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L1_RA:0x10000", "iar_hRTPDE_L1_RA:0x10008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L2_RA:0x20000", "iar_hRTPDE_L2_RA:0x20008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L3_RA:0x30000", "iar_hRTPDE_L3_RA:0x30008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPTE_L4_RA:0x40000", "iar_hRTPTE_L4_RA:0x40008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTW_host_Block1_RA:0x50000", "iar_hRTW_host_Block1_RA:0x50008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L1_RA:0x10008", "iar_hRTPDE_L1_RA:0x10000", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPTE_L4_RA:0x40008", "iar_hRTPTE_L4_RA:0x40010", {{"text-fetch-walk", 1}}},
+    {"iar_hRTW_host_Block2_RA:0x50008", "iar_hRTW_host_Block2_RA:0x50000", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L1_RA:0x10010", "iar_hRTPDE_L1_RA:0x10018", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPTE_L4_RA:0x40010", "iar_hRTPTE_L4_RA:0x40008", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L1_RA:0x100,", "iar_hRTPDE_L1_RA:0x10,", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L2_RA:0x0,", "iar_hRTPDE_L2_RA:0x8,", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPDE_L3_RA:0x0,", "iar_hRTPDE_L3_RA:0x8,", {{"text-fetch-walk", 1}}},
+    {"iar_hRTPTE_RA:0x200", "iar_hRTPTE_RA:0x20", {{"text-fetch-walk", 1}}},
+};
+
+json violations(const Folder &folder, const std::string &text)
+{
+    const std::string file = folder.write("trace0", described_trace());
+    const Outcome outcome = qtrace({"check", "--json", "--text", folder.text("text0", text), file});
+    std::istringstream lines(outcome.out);
+    std::string last;
+    for (std::string next; std::getline(lines, next);)
+        last = next;
+    const json summary = json::parse(last);
+    return summary.contains("violations") ? summary["violations"] : json::object();
+}
+
+} // namespace
+
+TEST(check_text, finds_nothing_in_the_text_of_the_trace)
+{
+    const Folder folder;
+    EXPECT_EQ(violations(folder, described_text()), json::object());
+}
+
+TEST(check_text, finds_each_change_of_the_text)
+{
+    const Folder folder;
+    const std::string text = described_text();
+    for (const Text_Change &change : TEXT_CHANGES) {
+        const size_t at = text.find(change.piece);
+        ASSERT_NE(at, std::string::npos) << change.piece;
+        std::string changed = text;
+        changed.replace(at, change.piece.size(), change.instead);
+        EXPECT_EQ(violations(folder, changed), change.violations) << change.piece << " -> " << change.instead;
+    }
+}
+
+TEST(check_text, finds_texts_that_end_early_or_late)
+{
+    const Folder folder;
+    const std::string text = described_text();
+    const size_t last = text.rfind("\n", text.size() - 2) + 1;
+    EXPECT_EQ(violations(folder, text.substr(0, last)), json({{"text-end", 1}}));
+    EXPECT_EQ(violations(folder, text + text.substr(last)), json({{"text-end", 1}}));
+    EXPECT_EQ(violations(folder, text + "x"), json({{"text-end", 1}}));
+    EXPECT_EQ(violations(folder, text + "*** PAUSE collection for thread 0\n"), json::object());
+    EXPECT_EQ(violations(folder, text.substr(0, text.size() - 1)), json::object()); // without the last newline
+}
+
+TEST(check_text, shows_both_values_and_the_line)
+{
+    const Folder folder;
+    std::string text = described_text();
+    text.replace(text.find("(len:16)"), 8, "(len:17)");
+    const std::string file = folder.write("trace0", described_trace());
+    EXPECT_THAT(qtrace({"check", "--text", folder.text("text0", text), file}).out,
+                HasSubstr("the length is 0x11 in the text, 0x10 in the trace"));
+}
