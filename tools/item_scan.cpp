@@ -5,7 +5,9 @@
 #include <exception>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace qtrace_tool
@@ -28,6 +30,7 @@ struct Group_Result {
     std::vector<std::string> losses;
     std::string error; // that ended the reading
     uint64_t items = 0;
+    bool unwanted = false; // nothing more of it is
     std::exception_ptr exception;
 };
 
@@ -44,11 +47,14 @@ uint64_t headers_in(std::span<const QTRACE_Block> blocks)
 // Groups begin at multiples of their size, wherever the range begins.
 std::vector<Group> plan_groups(std::span<const QTRACE_Block> blocks, const Scan_Options &options)
 {
+    const auto is_wanted = [&](const QTRACE_Block &block) {
+        return overlaps(block, options.range) && (!options.headers_only || block.headers > 0);
+    };
     std::vector<Group> groups;
     for (uint64_t first = 0; first < blocks.size(); first += options.blocks) {
         const uint64_t count = std::min<uint64_t>(options.blocks, blocks.size() - first);
         const auto group = blocks.subspan(first, count);
-        if (std::ranges::any_of(group, [&](const QTRACE_Block &block) { return overlaps(block, options.range); }))
+        if (std::ranges::any_of(group, is_wanted))
             groups.push_back({first, count, groups.empty(), headers_in(group)});
     }
     if (blocks.empty())
@@ -56,79 +62,152 @@ std::vector<Group> plan_groups(std::span<const QTRACE_Block> blocks, const Scan_
     return groups;
 }
 
+// ---- Items one by one ----------------------------------------------------------------------------------
+
+} // namespace
+
+bool Range_Items::select(uint64_t first_block, uint64_t blocks)
+{
+    const bool selected = reader_ != nullptr && qtrace_select_blocks(reader_.get(), first_block, blocks) == 0;
+    error_ = selected ? "" : "out of memory";
+    return selected;
+}
+
+// What was lost just before the range belongs to it.
+bool Range_Items::is_before_range(const QTRACE_Item &item) const
+{
+    const uint64_t lost = item.kind == QTRACE_ITEM_DISCONTINUITY ? item.discontinuity.records : 0;
+    return item.record_number < range_.first && range_.first - item.record_number > lost;
+}
+
+const QTRACE_Item *Range_Items::next_after(QTRACE_ITEM kind, const QTRACE_Item *item)
+{
+    for (; kind != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR; kind = qtrace_next(reader_.get(), &item))
+        if (!is_before_range(*item))
+            return range_.ends_before(item->record_number) ? nullptr : item;
+    if (kind == QTRACE_ITEM_ERROR)
+        error_ = qtrace_error(reader_.get());
+    return nullptr;
+}
+
+Item_Stream::Item_Stream(Tool_Run &run, const Trace_File &file, const Record_Range &range, bool silent)
+    : run_(run), file_(file), range_(range), silent_(silent), items_(file.another_reader(), range)
+{
+    if (items_.reader() == nullptr)
+        throw std::runtime_error("out of memory");
+    pass_to_block(0);
+}
+
+// Selects the next blocks in a row that overlap the range; none: then reading ends.
+void Item_Stream::pass_to_block(uint64_t block)
+{
+    const std::span<const QTRACE_Block> blocks = file_.blocks();
+    const auto is_wanted = [this](const QTRACE_Block &place) { return overlaps(place, range_); };
+    const auto first = std::find_if(blocks.begin() + static_cast<ptrdiff_t>(block), blocks.end(), is_wanted);
+    const auto end = std::find_if_not(first, blocks.end(), is_wanted);
+    next_block_ = static_cast<uint64_t>(end - blocks.begin());
+    (void)items_.select(static_cast<uint64_t>(first - blocks.begin()), static_cast<uint64_t>(end - first));
+}
+
+bool Item_Stream::seek(uint64_t record)
+{
+    next_block_ = file_.blocks().size();
+    return items_.seek(record);
+}
+
+const QTRACE_Item *Item_Stream::next_after(const QTRACE_Item *item)
+{
+    for (;; item = items_.next()) {
+        if (item != nullptr && item->kind != QTRACE_ITEM_DISCONTINUITY)
+            return item;
+        if (item != nullptr)
+            tell(item->discontinuity);
+        else if (!items_.error().empty() || next_block_ == file_.blocks().size())
+            return end();
+        else
+            pass_to_block(next_block_);
+    }
+}
+
+void Item_Stream::tell(const QTRACE_Discontinuity &what)
+{
+    if (!silent_ && is_damage(what))
+        run_.warn(describe_loss(items_.reader(), what));
+}
+
+const QTRACE_Item *Item_Stream::end()
+{
+    if (!items_.error().empty() && !std::exchange(failed_, true))
+        run_.fail(items_.error());
+    return nullptr;
+}
+
+namespace
+{
+
+// Hands on what a full sink holds. False: nothing more is wanted of the group.
+using Hand_Over = std::function<bool(Group_Result &result)>;
+
 // Reads one group after the other with a reader of its own.
 class Group_Reader
 {
 public:
-    Group_Reader(Reader reader, const Record_Range &range) : reader_(std::move(reader)), range_(range) {}
-    Group_Result read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make);
-    void read(const Group &group, Item_Sink &sink, Group_Result &result);
+    Group_Reader(Reader reader, const Record_Range &range) : items_(std::move(reader), range) {}
+    Group_Result read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make,
+                      const Hand_Over &hand_over);
+    void read(const Group &group, Item_Sink &sink, Group_Result &result, const Hand_Over &hand_over);
 
 private:
-    void read_items(const Group &group, Item_Sink &sink, Group_Result &result);
-    bool is_before_range(const QTRACE_Item &item) const;
+    void read_items(const Group &group, Item_Sink &sink, Group_Result &result, const Hand_Over &hand_over);
     const QTRACE_FILE_HDR *context_before(const QTRACE_Item &item) const;
     void deliver(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result);
     void deliver_loss(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result);
 
-    Reader reader_;
-    Record_Range range_;
-    bool begun_ = false;
+    Range_Items items_;
 };
 
-Group_Result Group_Reader::read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make)
+Group_Result Group_Reader::read(const Group &group, const std::function<std::unique_ptr<Item_Sink>()> &make,
+                                const Hand_Over &hand_over)
 {
     Group_Result result;
     try {
         result.sink = make();
-        read(group, *result.sink, result);
+        read(group, *result.sink, result, hand_over);
     } catch (...) {
         result.exception = std::current_exception();
     }
     return result;
 }
 
-void Group_Reader::read(const Group &group, Item_Sink &sink, Group_Result &result)
+void Group_Reader::read(const Group &group, Item_Sink &sink, Group_Result &result, const Hand_Over &hand_over)
 {
-    sink.read_by(reader_.get());
-    read_items(group, sink, result);
-}
-
-// What was lost just before the range belongs to it.
-bool Group_Reader::is_before_range(const QTRACE_Item &item) const
-{
-    const uint64_t lost = item.kind == QTRACE_ITEM_DISCONTINUITY ? item.discontinuity.records : 0;
-    return item.record_number < range_.first && range_.first - item.record_number > lost;
+    if (items_.select(group.first_block, group.blocks)) {
+        sink.read_by(items_.reader());
+        read_items(group, sink, result, hand_over);
+    }
+    result.error = items_.error();
 }
 
 const QTRACE_FILE_HDR *Group_Reader::context_before(const QTRACE_Item &item) const
 {
     const bool first = item.kind == QTRACE_ITEM_HEADER && item.header_number == 0;
-    return first ? nullptr : qtrace_open_header(reader_.get());
+    return first ? nullptr : items_.context();
 }
 
-void Group_Reader::read_items(const Group &group, Item_Sink &sink, Group_Result &result)
+void Group_Reader::read_items(const Group &group, Item_Sink &sink, Group_Result &result, const Hand_Over &hand_over)
 {
-    const QTRACE_Item *item = nullptr;
-    QTRACE_ITEM kind = QTRACE_ITEM_ERROR;
-    begun_ = false;
-    if (reader_ == nullptr || qtrace_select_blocks(reader_.get(), group.first_block, group.blocks) != 0) {
-        result.error = "out of memory";
-        return;
-    }
-    while ((kind = qtrace_next(reader_.get(), &item)) != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR) {
-        if (is_before_range(*item))
-            continue;
-        if (range_.ends_before(item->record_number) || !sink.wants_more())
+    bool begun = false;
+    while (const QTRACE_Item *item = items_.next()) {
+        if (!sink.wants_more())
             return;
-        if (!begun_)
+        if (!begun)
             sink.begin({context_before(*item), group.at_start, group.headers});
-        begun_ = true;
+        begun = true;
         deliver(*item, sink, result);
+        if (sink.is_full() && !hand_over(result))
+            return;
     }
-    if (kind == QTRACE_ITEM_ERROR)
-        result.error = qtrace_error(reader_.get());
-    if (!begun_)
+    if (!begun)
         sink.begin({nullptr, group.at_start, group.headers});
 }
 
@@ -148,7 +227,7 @@ void Group_Reader::deliver(const QTRACE_Item &item, Item_Sink &sink, Group_Resul
 void Group_Reader::deliver_loss(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result)
 {
     if (is_damage(item.discontinuity)) {
-        result.losses.push_back(describe_loss(reader_.get(), item.discontinuity));
+        result.losses.push_back(describe_loss(items_.reader(), item.discontinuity));
         sink.loss(item, result.losses.back());
     } else {
         sink.loss(item, "");
@@ -177,8 +256,11 @@ private:
 
     void tell_losses(const Group_Result &result);
     bool finish(const Group_Result &result);
+    bool merge_part(Group_Result &result, const Merge &merge);
     bool merge_one(Group_Result &result, const Merge &merge);
     void work(unsigned threads, const Make &make);
+    bool wait_for_merge(size_t number, Group_Result &result);
+    bool merge_next(size_t number, const Merge &merge);
     Group_Result take(size_t number);
     void stop();
 
@@ -192,6 +274,7 @@ private:
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::map<size_t, Group_Result> results_;
+    std::map<size_t, Group_Result *> full_; // of groups that are being read; their threads wait
     size_t next_ = 0, merged_ = 0;
     bool stopped_ = false;
 };
@@ -199,7 +282,8 @@ private:
 void Scan::tell_losses(const Group_Result &result)
 {
     for (const std::string &loss : result.losses)
-        run_.warn(loss);
+        if (!options_.silent)
+            run_.warn(loss);
 }
 
 // False: no further group can be read or shown.
@@ -212,14 +296,24 @@ bool Scan::finish(const Group_Result &result)
     return result.error.empty() && run_.out.error() == 0;
 }
 
+// Merges what a group has up to here. False: nothing more is wanted.
+bool Scan::merge_part(Group_Result &result, const Merge &merge)
+{
+    tell_losses(result);
+    const bool more = merge(*result.sink);
+    result.unwanted = !finish(result) || !more;
+    result.losses.clear();
+    result.items = 0;
+    result.sink->set_full(false);
+    return !result.unwanted;
+}
+
 // False: no further group is wanted.
 bool Scan::merge_one(Group_Result &result, const Merge &merge)
 {
     if (result.exception)
         std::rethrow_exception(result.exception);
-    tell_losses(result);
-    const bool more = merge(*result.sink);
-    return finish(result) && more;
+    return !result.unwanted && merge_part(result, merge);
 }
 
 bool Scan::run_in_order(Item_Sink &sink)
@@ -227,7 +321,7 @@ bool Scan::run_in_order(Item_Sink &sink)
     Group_Reader reader(file_.another_reader(), options_.range);
     for (const Group &group : groups_) {
         Group_Result result;
-        reader.read(group, sink, result);
+        reader.read(group, sink, result, nullptr);
         tell_losses(result);
         if (!finish(result) || sink.has_all())
             break;
@@ -239,7 +333,7 @@ bool Scan::run_alone(const Make &make, const Merge &merge)
 {
     Group_Reader reader(file_.another_reader(), options_.range);
     for (const Group &group : groups_) {
-        Group_Result result = reader.read(group, make);
+        Group_Result result = reader.read(group, make, [&](Group_Result &part) { return merge_part(part, merge); });
         if (!merge_one(result, merge))
             break;
     }
@@ -256,17 +350,46 @@ void Scan::work(unsigned threads, const Make &make)
             return;
         const size_t number = next_++;
         lock.unlock();
-        Group_Result result = reader.read(groups_[number], make);
+        Group_Result result = reader.read(
+            groups_[number], make, [this, number](Group_Result &part) { return wait_for_merge(number, part); });
         lock.lock();
         results_.emplace(number, std::move(result));
         changed_.notify_all();
     }
 }
 
-Group_Result Scan::take(size_t number)
+// On a thread that reads. False: nothing more is wanted.
+bool Scan::wait_for_merge(size_t number, Group_Result &result)
 {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return results_.contains(number); });
+    full_.emplace(number, &result);
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return stopped_ || !full_.contains(number); });
+    return !stopped_ && !result.unwanted;
+}
+
+// Merges the group, in parts when its sink was full. False: no further group is wanted.
+bool Scan::merge_next(size_t number, const Merge &merge)
+{
+    for (std::unique_lock lock(mutex_);; changed_.notify_all()) {
+        changed_.wait(lock, [&] { return results_.contains(number) || full_.contains(number); });
+        const auto part = full_.find(number);
+        if (part == full_.end())
+            break;
+        lock.unlock();
+        const bool more = merge_part(*part->second, merge);
+        lock.lock();
+        full_.erase(part);
+        if (!more)
+            return false;
+    }
+    Group_Result result = take(number);
+    return merge_one(result, merge);
+}
+
+Group_Result Scan::take(size_t number)
+{
+    const std::lock_guard lock(mutex_);
     Group_Result result = std::move(results_.extract(number).mapped());
     merged_ = number + 1;
     changed_.notify_all();
@@ -286,11 +409,9 @@ bool Scan::run_threads(unsigned threads, const Make &make, const Merge &merge)
     const std::unique_ptr<Scan, void (*)(Scan *)> stopper(this, [](Scan *scan) { scan->stop(); });
     for (unsigned i = 0; i < threads; i++)
         workers.emplace_back([this, threads, &make] { work(threads, make); });
-    for (size_t number = 0; number < groups_.size(); number++) {
-        Group_Result result = take(number);
-        if (!merge_one(result, merge))
+    for (size_t number = 0; number < groups_.size(); number++)
+        if (!merge_next(number, merge))
             break;
-    }
     return readable_;
 }
 

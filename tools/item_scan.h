@@ -1,4 +1,5 @@
-// One loop over the items of a trace for all commands: groups of blocks, read by several threads, merged in order.
+// One loop over the items of a trace for all commands: groups of blocks, read by several threads, merged in order; or
+// the items one by one, for what reads two traces at once.
 #pragma once
 
 #include "trace_files.h"
@@ -8,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -19,6 +21,71 @@ struct Record_Range {
 
     bool contains(uint64_t record) const { return record >= first && record - first < count; }
     bool ends_before(uint64_t record) const { return record >= first && record - first >= count; }
+};
+
+// What a reader delivers of some blocks within a range, discontinuities included.
+class Range_Items
+{
+public:
+    Range_Items(Reader reader, const Record_Range &range) : reader_(std::move(reader)), range_(range) {}
+
+    // Goes to the first of so many blocks. False: memory is short, as error() says.
+    bool select(uint64_t first_block, uint64_t blocks);
+    // Goes to what directly precedes that record, and no longer ends with the blocks. False: there is no such record.
+    bool seek(uint64_t record) { return reader_ != nullptr && qtrace_seek(reader_.get(), record) == 0; }
+    // Null at the end.
+    const QTRACE_Item *next()
+    {
+        const QTRACE_Item *item = nullptr;
+        const QTRACE_ITEM kind = qtrace_next(reader_.get(), &item);
+        const bool plain = kind == QTRACE_ITEM_RECORD || kind == QTRACE_ITEM_HEADER;
+        return plain && range_.contains(item->record_number) ? item : next_after(kind, item);
+    }
+
+    QTRACE_Reader *reader() const { return reader_.get(); }
+    // The header in force at the item delivered last; null before any.
+    const QTRACE_FILE_HDR *context() const { return qtrace_open_header(reader_.get()); }
+    const std::string &error() const { return error_; } // that ended the reading; empty: none did
+
+private:
+    const QTRACE_Item *next_after(QTRACE_ITEM kind, const QTRACE_Item *item);
+    bool is_before_range(const QTRACE_Item &item) const;
+
+    Reader reader_;
+    Record_Range range_;
+    std::string error_;
+};
+
+// The headers and records of a file within a range, in file order. The run is told of what is lost between them.
+class Item_Stream
+{
+public:
+    // The file must live longer. `silent`: another stream of the same file tells the run.
+    Item_Stream(Tool_Run &run, const Trace_File &file, const Record_Range &range, bool silent = false);
+
+    // Null at the end.
+    const QTRACE_Item *next()
+    {
+        const QTRACE_Item *item = items_.next();
+        return item != nullptr && item->kind != QTRACE_ITEM_DISCONTINUITY ? item : next_after(item);
+    }
+    // Goes to what directly precedes that record. False: there is no such record.
+    bool seek(uint64_t record);
+    // Passes over everything before the block of that number; there may be none.
+    void pass_to_block(uint64_t block);
+    const QTRACE_FILE_HDR *context() const { return items_.context(); }
+
+private:
+    const QTRACE_Item *next_after(const QTRACE_Item *item);
+    void tell(const QTRACE_Discontinuity &what);
+    const QTRACE_Item *end();
+
+    Tool_Run &run_;
+    const Trace_File &file_;
+    Record_Range range_;
+    bool silent_, failed_ = false;
+    Range_Items items_;
+    uint64_t next_block_ = 0; // the first that was not selected yet
 };
 
 struct Group_Start {
@@ -47,6 +114,9 @@ public:
     virtual bool has_all() const { return false; }
 
     void read_by(QTRACE_Reader *reader) { reader_ = reader; }
+    // Whether the sink holds so much that it is merged before the group goes on; merging empties it.
+    bool is_full() const { return full_; }
+    void set_full(bool full) { full_ = full; }
 
 protected:
     // The header in force at the item that is delivered; null before any header.
@@ -54,16 +124,20 @@ protected:
 
 private:
     QTRACE_Reader *reader_ = nullptr;
+    bool full_ = false;
 };
 
 struct Scan_Options {
     Record_Range range;
     unsigned jobs = 1;
-    unsigned blocks = 2; // of a group; what comes out must not depend on the number of jobs
+    unsigned blocks = 2;       // of a group; what comes out must not depend on the number of jobs
+    bool headers_only = false; // passes over groups without headers, by what the headers of their blocks say
+    bool silent = false;       // damage is not told: another scan of the file does
 };
 
 // Reads the file's items within the range group by group: `make` makes a sink for each group, on any thread; `merge`
-// gets it in file order, on the calling one, and returns whether more is wanted. Damage is told to the run before the
+// gets it in file order, on the calling one, and returns whether more is wanted. A sink that is full is merged more than
+// once. Damage is told to the run before the
 // group with it is merged. False: reading ended with an error, and the run has been told.
 bool scan_groups(Tool_Run &run, Trace_File &file, const Scan_Options &options,
                  const std::function<std::unique_ptr<Item_Sink>()> &make,

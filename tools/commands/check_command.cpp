@@ -35,9 +35,10 @@ struct Finding {
 struct Group_Findings {
     struct Entry {
         std::optional<Finding> finding;
-        std::optional<Deferred_Item> deferred;
-        Address_Space space{}; // of that item
+        std::unique_ptr<Deferred_Item> deferred; // rare, and large
+        Address_Space space{};                   // of that item
     };
+    static constexpr size_t MOST_KEPT = 4096;
     std::vector<Entry> entries;
     std::map<std::string_view, uint64_t> counts;
     uint64_t records = 0, headers = 0;
@@ -45,8 +46,9 @@ struct Group_Findings {
     void add(Finding &&finding, uint64_t limit)
     {
         if (++counts[finding.rule] <= limit)
-            entries.push_back({std::move(finding), std::nullopt, {}});
+            entries.push_back({std::move(finding), nullptr, {}});
     }
+    bool are_many() const { return entries.size() >= MOST_KEPT; }
 };
 
 // Findings of one file: printed up to a limit for each rule, counted all.
@@ -436,6 +438,7 @@ public:
             deep_->header(item);
         if (beside_ != nullptr)
             beside_->item(item, space);
+        set_full(findings.are_many());
     }
     void record(const QTRACE_Item &item) override
     {
@@ -445,6 +448,7 @@ public:
             deep_->record(item);
         if (beside_ != nullptr)
             beside_->item(item, space);
+        set_full(findings.are_many());
     }
     void loss(const QTRACE_Item &item, const std::string &text) override
     {
@@ -459,7 +463,7 @@ public:
     Trace_Checker checker{
         [this](const Violation &violation) { findings.add(finding_of(violation, space), limit_); },
         [this](Deferred_Item &&item) {
-            findings.entries.push_back({std::nullopt, std::move(item), space});
+            findings.entries.push_back({std::nullopt, std::make_unique<Deferred_Item>(std::move(item)), space});
         }};
 
 private:
@@ -482,7 +486,7 @@ class Check_Merge
 public:
     explicit Check_Merge(Findings &findings) : findings_(findings) {}
 
-    void append(const Check_Sink &group)
+    void append(Check_Sink &group)
     {
         std::map<std::string_view, uint64_t> kept;
         for (const Group_Findings::Entry &entry : group.findings.entries) {
@@ -498,6 +502,7 @@ public:
             findings_.add_uncounted(rule, count - kept[rule]);
         records += group.findings.records;
         headers += group.findings.headers;
+        group.findings = {};
         checker_.append(group.checker);
         space_ = group.space;
     }
@@ -535,7 +540,7 @@ void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &com
         return std::make_unique<Check_Sink>(beside.any() ? &beside : nullptr, deep ? &*deep : nullptr, limit_);
     };
     Check_Merge merge(findings);
-    const bool readable = scan<Check_Sink>(run, file, options, make, [&](const Check_Sink &group) {
+    const bool readable = scan<Check_Sink>(run, file, options, make, [&](Check_Sink &group) {
         merge.append(group);
         return true;
     });

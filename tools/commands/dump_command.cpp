@@ -177,6 +177,7 @@ public:
     {
         if (!picks_)
             view_.header(lines_, item, notes());
+        settle();
     }
     void record(const QTRACE_Item &item) override
     {
@@ -188,6 +189,8 @@ public:
         if (picks_ && most_ != EVERY_RECORD)
             ends_.push_back(lines_.size());
         records_++;
+        kept_records_++;
+        settle();
     }
     void pause(const QTRACE_Item &item) override
     {
@@ -197,16 +200,25 @@ public:
     void loss(const QTRACE_Item &item, const std::string &) override { pause(item); }
     bool wants_more() const override { return records_ < most_ && !passed_over_; }
 
-    // Prints the lines of at most so many records. Returns how many these are.
+    // Prints the lines of at most so many records, and drops all. Returns how many were printed.
     uint64_t print(Output &out, uint64_t most)
     {
-        const bool cut = most < records_ && !ends_.empty();
+        const bool cut = most < kept_records_ && !ends_.empty();
         out.put(lines_.text().substr(0, !cut ? std::string_view::npos : most == 0 ? 0 : ends_[most - 1]));
         out.settle();
-        return std::min(most, records_);
+        lines_.clear();
+        ends_.clear();
+        return std::min(most, std::exchange(kept_records_, 0));
     }
 
 private:
+    static constexpr size_t MOST_KEPT = 1 << 20; // bytes of lines
+
+    void settle()
+    {
+        if (lines_.size() >= MOST_KEPT)
+            set_full(true);
+    }
     const Item_Notes &notes()
     {
         if (notes_.names != nullptr)
@@ -220,7 +232,7 @@ private:
     Text_Mnemonics *text_; // null: there is none
     Item_Notes notes_;
     bool picks_, passed_over_ = false; // the whole group belongs to others
-    uint64_t most_, records_ = 0;
+    uint64_t most_, records_ = 0, kept_records_ = 0;
     Output lines_;
     std::vector<size_t> ends_; // of the records in lines_, where some may be too many
 };

@@ -59,6 +59,7 @@ public:
 
     // The same, valid up to the next call.
     std::string_view text() const { return {buffer_.data(), buffer_.size()}; }
+    void clear() { buffer_.clear(); }
 
     // What follows is in that colour, up to the next call.
     void paint(Colour colour);
