@@ -1,11 +1,11 @@
-// Preloaded library: makes the k-th open, write or close of a process fail, of files below one folder.
+// Preloaded library: makes the k-th open, read, write or close of a process fail, of files below one folder.
 //
 // The calls are caught where they enter the kernel, so that it makes no difference whether the program, the standard
 // streams or another library makes them. Configuration, from the environment:
 //   FAIL_BELOW    folder; calls on other files are neither counted nor failed
-//   FAIL_CALL     open, write or close
+//   FAIL_CALL     open, read, write or close
 //   FAIL_AT       number of the call that fails, from 1; 0: none, calls are only counted
-//   FAIL_HOW      error number, or "short": a write takes half of what it is given, and succeeds
+//   FAIL_HOW      error number, or "short": a read or write takes half of what it is given, and succeeds
 //   FAIL_FOR_EVER when set, all later calls of that kind fail too
 //   FAIL_LOG      file that receives the number of calls, and the path of the first that failed, when the process exits
 #define _GNU_SOURCE
@@ -29,9 +29,9 @@
 static struct {
     const char *below;
     const char *log_file;
-    long call; // number of the system call; opens have two
+    long call; // number of the system call; opens and reads have two
     long at;
-    long error; // 0: short write
+    long error; // 0: half of a read or write
     int for_ever;
     long seen;
     char failed[4096]; // path of the first that failed
@@ -80,7 +80,7 @@ static int call_fails(long number, long a, long b)
     char path[4096];
     if ((number == SYS_open || number == SYS_openat) && plan.call == SYS_openat)
         return is_due((const char *)(number == SYS_open ? a : b));
-    if (number != plan.call)
+    if ((number == SYS_pread64 ? SYS_read : number) != plan.call)
         return 0;
     path_of_descriptor(a, path, sizeof path);
     return is_due(path);
@@ -106,12 +106,14 @@ static int catch_calls(void)
 {
     struct sock_filter code[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, args[5])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PASS, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PASS, 7, 0),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 4, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_open, 3, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_write, 2, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 6, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_open, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_write, 4, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close, 3, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_read, 2, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pread64, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
     };
@@ -119,6 +121,17 @@ static int catch_calls(void)
     struct sigaction action = {.sa_sigaction = on_call, .sa_flags = SA_SIGINFO | SA_NODEFER};
     return sigaction(SIGSYS, &action, NULL) || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) ||
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+// Threads that block all signals would be killed by a caught call.
+int pthread_sigmask(int how, const sigset_t *set, sigset_t *before)
+{
+    sigset_t without;
+    if (set) {
+        without = *set;
+        sigdelset(&without, SIGSYS);
+    }
+    return sigprocmask(how, set ? &without : NULL, before) == 0 ? 0 : errno;
 }
 
 static const char *setting(const char *name)
@@ -132,7 +145,10 @@ __attribute__((constructor)) static void begin(void)
     const char *call = setting("FAIL_CALL");
     plan.below = setting("FAIL_BELOW");
     plan.log_file = setting("FAIL_LOG");
-    plan.call = strcmp(call, "open") == 0 ? SYS_openat : strcmp(call, "write") == 0 ? SYS_write : SYS_close;
+    plan.call = strcmp(call, "open") == 0    ? SYS_openat
+                : strcmp(call, "read") == 0  ? SYS_read
+                : strcmp(call, "write") == 0 ? SYS_write
+                                             : SYS_close;
     plan.at = strtol(setting("FAIL_AT"), NULL, 10);
     plan.error = strtol(setting("FAIL_HOW"), NULL, 10); // "short" is 0
     plan.for_ever = *setting("FAIL_FOR_EVER") != '\0';

@@ -36,6 +36,11 @@ void Trace_Diff::align_by_numbers()
     report_missing(std::move(place));
 }
 
+bool Trace_Diff::both_are_read() const
+{
+    return a_.file.readable() && b_.file.readable();
+}
+
 void Trace_Diff::align_by_hashes()
 {
     const std::vector<Record_Key> a = a_.keys(), b = b_.keys();
@@ -44,8 +49,10 @@ void Trace_Diff::align_by_hashes()
         return;
     }
     for (const Alignment_Step &step : align_records(a, b, a_.keys_at_end() && b_.keys_at_end())) {
-        for (uint64_t i = 0; i < step.pairs; i++)
+        for (uint64_t i = 0; i < step.pairs && both_are_read(); i++)
             pair();
+        if (!both_are_read())
+            return;
         leave_out(step.only_a, step.only_b);
     }
 }
@@ -240,8 +247,10 @@ Difference_Counts Trace_Diff::run(unsigned jobs, std::function<void(uint64_t)> s
         else
             align_by_hashes();
     }
-    leave_out_rest();
-    compare_headers();
+    if (both_are_read()) {
+        leave_out_rest();
+        compare_headers();
+    }
     tell_progress();
     counts_.records_a = a_.records;
     counts_.records_b = b_.records;

@@ -58,6 +58,7 @@ private:
 
     bool is_equal() const;
     void align_by_numbers();
+    bool both_are_read() const; // so far: what was seen earlier may not be readable any more
     void align_by_hashes();
     void pair();
     void pair_equal();

@@ -226,7 +226,10 @@ Text_Checker::Text_Checker(const std::string &name, Report report)
 bool Text_Checker::read_line(std::string &line)
 {
     line.resize(LONGEST_LINE);
+    errno = 0;
     file_.getline(line.data(), LONGEST_LINE);
+    if (file_.bad())
+        read_error_ = errno != 0 ? errno : EIO;
     const auto got = static_cast<size_t>(file_.gcount());
     const bool cut = file_.fail() && got == LONGEST_LINE - 1;
     if (file_.fail() && !cut)
@@ -251,6 +254,13 @@ bool Text_Checker::next_line(std::string &line)
     return true;
 }
 
+// Nothing is told of lines that cannot be read.
+void Text_Checker::report(Text_Rule rule, const std::string &what)
+{
+    if (read_error_ == 0)
+        report_(rule, what);
+}
+
 void Text_Checker::header(const QTRACE_Item &item)
 {
     std::string line;
@@ -261,16 +271,16 @@ void Text_Checker::header(const QTRACE_Item &item)
         header_gives_address_ = true;
         previous_.reset();
         if (!next_line(line) || !line.starts_with("*** FILE HEADER INSERTED ***") || !next_line(line))
-            report_("text-header", "the text has no header here");
+            report("text-header", "the text has no header here");
         else if (line != (item.header.comment != nullptr ? item.header.comment : ""))
-            report_("text-comment", fmt::format("the comment is `{}` in the text", line));
+            report("text-comment", fmt::format("the comment is `{}` in the text", line));
         return;
     }
     const std::string expected =
         fmt::format("Partition Change: pid:{},lpid:{})", static_cast<int32_t>(number(item.header.pid)),
                     static_cast<int64_t>(number(item.header.lpid)));
     if (!next_line(line) || line != expected)
-        report_("text-partition", fmt::format("the text has `{}` instead of `{}`", line, expected));
+        report("text-partition", fmt::format("the text has `{}` instead of `{}`", line, expected));
 }
 
 void Text_Checker::record(const QTRACE_Item &item)
@@ -278,9 +288,9 @@ void Text_Checker::record(const QTRACE_Item &item)
     std::string line;
     Text_Line parsed;
     if (!next_line(line))
-        report_("text-end", "the text ends before the trace");
+        report("text-end", "the text ends before the trace");
     else if (!parse_text_line(line, parsed))
-        report_("text-line", fmt::format("not a record line: `{}`", line.substr(0, 60)));
+        report("text-line", fmt::format("not a record line: `{}`", line.substr(0, 60)));
     else
         compare(item, parsed);
     after_header_ = header_gives_address_ = false;
@@ -294,7 +304,7 @@ void Text_Checker::end()
 {
     std::string line;
     if (next_line(line))
-        report_("text-end", fmt::format("the text goes on after the trace: `{}`", line.substr(0, 60)));
+        report("text-end", fmt::format("the text goes on after the trace: `{}`", line.substr(0, 60)));
 }
 
 void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
@@ -364,7 +374,7 @@ void Text_Checker::compare_list(const QTRACE_REGISTERS &registers, const Registe
 {
     for (unsigned i = 0; i < kind.entries(registers); i++) {
         if (begin + i >= listed.size()) {
-            report_("text-registers", fmt::format("{} {} is not in the text", kind.name, i));
+            report("text-registers", fmt::format("{} {} is not in the text", kind.name, i));
             return;
         }
         const Register_Entry entry = register_entry(kind, registers, i);

@@ -104,6 +104,8 @@ public:
     Text_Checker(const std::string &name, Report report);
     // Why the file cannot be read, as an errno; 0 when it can.
     int open_error() const { return open_error_; }
+    // Why it could not be read on, as an errno; 0 when it was read. Nothing is reported after that.
+    int read_error() const { return read_error_; }
 
     void header(const QTRACE_Item &item);
     void record(const QTRACE_Item &item);
@@ -114,6 +116,7 @@ public:
 private:
     static constexpr size_t LONGEST_LINE = 1 << 17; // a comment has up to 65,535 bytes
 
+    void report(Text_Rule rule, const std::string &what);
     bool read_line(std::string &line);
     bool next_line(std::string &line);
     void compare(const QTRACE_Item &item, const Text_Line &line);
@@ -124,11 +127,12 @@ private:
     void differ(Text_Rule rule, std::string_view what, uint64_t text, uint64_t trace)
     {
         if (text != trace)
-            report_(rule, fmt::format("{} is 0x{:x} in the text, 0x{:x} in the trace", what, text, trace));
+            report(rule, fmt::format("{} is 0x{:x} in the text, 0x{:x} in the trace", what, text, trace));
     }
 
     std::ifstream file_;
     int open_error_;
+    int read_error_ = 0;
     Report report_;
     uint64_t line_ = 0;
     bool ended_ = false;

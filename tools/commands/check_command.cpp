@@ -342,22 +342,25 @@ public:
     bool open(Tool_Run &run, const std::string &text, const std::string &pte);
     bool any() const { return text_ || entries_; }
     void item(const QTRACE_Item &item, const Address_Space &space);
-    void end(Tool_Run &run);
+    // False: the run has been told which file could not be read to its end.
+    bool end(Tool_Run &run);
     const Pte_Checker *entries() const { return entries_.get(); }
 
 private:
     void walks(const QTRACE_Item &item);
+    void end_entries(std::string &error);
 
     Findings &findings_;
     std::unique_ptr<Text_Checker> text_;
     std::unique_ptr<Pte_Checker> entries_;
-    std::string entries_name_;
+    std::string text_name_, entries_name_;
     const QTRACE_Item *item_ = nullptr; // being checked
     Address_Space space_;               // that it belongs to
 };
 
 bool Beside::open(Tool_Run &run, const std::string &text, const std::string &pte)
 {
+    text_name_ = text;
     if (!text.empty()) {
         text_ = std::make_unique<Text_Checker>(text, [this](Text_Rule rule, const std::string &what) {
             findings_.add({rule.name, fmt::format("text line {}: {}", text_->line(), what), false,
@@ -395,15 +398,24 @@ void Beside::item(const QTRACE_Item &item, const Address_Space &space)
     item_ = nullptr;
 }
 
-void Beside::end(Tool_Run &run)
+bool Beside::end(Tool_Run &run)
 {
+    std::string error;
     if (text_)
         text_->end();
-    std::string error;
-    if (!entries_)
-        return;
+    if (text_ && text_->read_error() != 0)
+        error = fmt::format("{}: {}", text_name_, std::strerror(text_->read_error()));
+    else if (entries_)
+        end_entries(error);
+    if (!error.empty())
+        run.fail(error);
+    return error.empty();
+}
+
+void Beside::end_entries(std::string &error)
+{
     if (!entries_->search(entries_name_, error))
-        return run.fail(error);
+        return;
     for (const Traced_Walk &walk : entries_->missing())
         findings_.add(
             {"pte-walk",
@@ -547,9 +559,8 @@ void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &com
     const bool to_the_end = !scan_.range.ends_before(file.next_record_number());
     if (readable && to_the_end)
         merge.end(file.info().open_end);
-    if (readable)
-        beside.end(run);
-    findings.summarise(merge.records, merge.headers, {beside.entries(), deep ? &*deep : nullptr});
+    if (readable && beside.end(run))
+        findings.summarise(merge.records, merge.headers, {beside.entries(), deep ? &*deep : nullptr});
 }
 
 } // namespace

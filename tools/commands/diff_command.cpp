@@ -53,7 +53,7 @@ private:
     void show(const Shown &shown, const Difference_Place &place) const;
     void show_lines(const Shown &shown, const std::string &name, uint64_t from, uint64_t count, char mark) const;
     void show_json(const Shown &shown, const Difference_Place &place, bool first) const;
-    void summarise(Output &out, const Difference_Counts &counts) const;
+    void summarise(Output &out, const Difference_Counts &counts, bool complete) const;
     void summarise_json(Output &out, const Difference_Counts &counts) const;
 
     std::string a_, b_;
@@ -122,7 +122,8 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
     const Difference_Counts counts = diff.run(jobs_, [&progress](uint64_t records) { progress.step(records); });
     if (counts.any())
         run.found();
-    run.show([&] { summarise(run.out, counts); }, [&] { summarise_json(run.out, counts); });
+    const bool complete = a->readable() && b->readable();
+    run.show([&] { summarise(run.out, counts, complete); }, [&] { summarise_json(run.out, counts); });
 }
 
 // Records of a file from a reader of its own, so that the comparison stays where it is.
@@ -178,11 +179,14 @@ void Diff_Command::show(const Shown &shown, const Difference_Place &place) const
     show_lines(shown, shown.name_a, place.record_a + (missing ? place.only_a : 1), context_, ' ');
 }
 
-void Diff_Command::summarise(Output &out, const Difference_Counts &counts) const
+void Diff_Command::summarise(Output &out, const Difference_Counts &counts, bool complete) const
 {
     out.print("{} | {} records: ", counts.records_a, counts.records_b);
-    out.paint(counts.any() ? Colour::bad : Colour::good);
-    out.put(counts.any() ? "they differ" : ignore_.empty() ? "no difference" : "no difference but those ignored");
+    out.paint(counts.any() || !complete ? Colour::bad : Colour::good);
+    out.put(!complete         ? "not compared to their ends"
+            : counts.any()    ? "they differ"
+            : ignore_.empty() ? "no difference"
+                              : "no difference but those ignored");
     out.paint(Colour::plain);
     out.put('\n');
     if (!counts.any())

@@ -58,13 +58,15 @@ private:
     Thread_Data &data_;
 };
 
+// Null: the run has been told why the file cannot be read to its end.
 std::unique_ptr<Thread_Data> Report_Command::collect(Tool_Run &run, Trace_File &file, const Page_Sizes &sizes) const
 {
     auto data = std::make_unique<Thread_Data>(file.name(), sizes, file.info().records);
     data->counts.file_bytes = file.info().size;
     data->clean_end = file.info().clean_end != 0 && file.info().open_end == 0;
     Report_Sink sink(*data);
-    scan_in_order(run, file, {}, sink);
+    if (!scan_in_order(run, file, {}, sink))
+        return nullptr;
     data->finish();
     return data;
 }
@@ -88,7 +90,8 @@ void Report_Command::run(Tool_Run &run)
         Report_Trace trace{name, {}};
         for (const Named_File &named : traces_of(run, name))
             if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, named.name))
-                trace.threads.push_back(collect(run, *file, report.sizes));
+                if (auto data = collect(run, *file, report.sizes))
+                    trace.threads.push_back(std::move(data));
         if (!trace.threads.empty())
             report.traces.push_back(std::move(trace));
     }

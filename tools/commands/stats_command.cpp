@@ -173,8 +173,9 @@ private:
         mutable Name_Finder targets; // names of branch targets, which are counted over all processes
         Item_Notes notes() const { return {targets.any() ? &targets : nullptr}; }
     };
-    void count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
-    void count_chosen(Tool_Run &run, Trace_File &file, Column &to) const;
+    // False: the run has been told why the file cannot be read to its end.
+    bool count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
+    bool count_chosen(Tool_Run &run, Trace_File &file, Column &to) const;
     static Table table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics);
     void print_lists(Output &out, const Column &total) const;
     void print_functions(Output &out, const Column &total) const;
@@ -215,12 +216,12 @@ public:
     Function_Counts functions;
 };
 
-void Stats_Command::count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const
+bool Stats_Command::count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const
 {
     to.counts->file_bytes = file.info().size;
     if (filter_.picks())
         return count_chosen(run, file, to);
-    scan<Stats_Sink>(
+    return scan<Stats_Sink>(
         run, file, scan_, [&] { return std::make_unique<Stats_Sink>(sizes_, names); },
         [&](const Stats_Sink &group) {
             to.counts->append(group.counts);
@@ -257,15 +258,18 @@ private:
 };
 
 // Headers say what the chosen records run under, and are not counted.
-void Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) const
+bool Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) const
 {
-    if (!file.has_record(scan_.range.first))
-        return run.fail(file.no_record(scan_.range.first));
+    if (!file.has_record(scan_.range.first)) {
+        run.fail(file.no_record(scan_.range.first));
+        return false;
+    }
     Trace_Counts &counts = *to.counts;
     Chosen_Stats_Sink sink(filter_, counts, *to.functions);
-    scan_in_order(run, file, scan_.range, sink);
+    const bool readable = scan_in_order(run, file, scan_.range, sink);
     counts.full_headers = counts.partition_headers = 0;
     std::erase_if(counts.partitions, [](const auto &partition) { return partition.second == 0; });
+    return readable;
 }
 
 void Stats_Command::run(Tool_Run &run)
@@ -276,7 +280,10 @@ void Stats_Command::run(Tool_Run &run)
     Column total("total", sizes_, names);
     for (const std::string &name : traces_of(run, files_))
         if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name)) {
-            count_file(run, *file, names, columns.emplace_back(name, sizes_, names));
+            if (!count_file(run, *file, names, columns.emplace_back(name, sizes_, names))) {
+                columns.pop_back();
+                continue;
+            }
             total.counts->add(*columns.back().counts);
             total.functions->add(*columns.back().functions);
         }

@@ -346,15 +346,18 @@ private:
     Tlb_Feed &feed_;
 };
 
+// Null: the run has been told why the file cannot be read to its end.
 std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file) const
 {
     Tlb_Model model(options_);
     Tlb_Feed feed(model, sizes_);
     Tlb_Sink sink(feed);
-    if (file.has_record(range_.first))
-        scan_in_order(run, file, range_, sink);
-    else
+    if (!file.has_record(range_.first)) {
         run.fail(file.no_record(range_.first));
+        return nullptr;
+    }
+    if (!scan_in_order(run, file, range_, sink))
+        return nullptr;
     return std::make_unique<Tlb_Figures>(model.take());
 }
 
@@ -375,6 +378,8 @@ void Tlb_Command::run(Tool_Run &run)
     Tlb_Figures total;
     for (const std::unique_ptr<Trace_File> &file : files) {
         const std::unique_ptr<Tlb_Figures> figures = replay(run, *file);
+        if (!figures)
+            continue;
         print(run, file->name(), *figures);
         if (files.size() > 1)
             total.add(*figures);
