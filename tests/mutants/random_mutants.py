@@ -27,8 +27,14 @@ MEMORY_LIMIT = 8 << 30  # bytes of address space
 COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
           "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]  # fmt: skip
 PLAIN = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1"]
-COUNTED = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 --coverage -fprofile-update=atomic",
-           "-DCMAKE_C_FLAGS_DEBUG=-O0 --coverage"]  # fmt: skip
+COUNTED = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1 --coverage -fprofile-update=atomic",
+           "-DCMAKE_C_FLAGS_DEBUG=-O1 --coverage"]  # fmt: skip
+COUNTING_LIMIT = 120  # seconds of a test in the build that counts; what it reached by then is taken
+# Tests that do the same with one stream after the other: the first is measured, the others reach the same lines.
+BY_STREAM = ("check_recorded_stream", "cut_streams", "diff_streams", "dump_text", "export_streams")
+# The folder of unit tests -> the sources that they are about, for a run without coverage.
+UNIT_TESTS = {"library": "qtrace/lib/", "tools": ("tools/", "qtrace/lib/"), "analysis": "tools/analysis/",
+              "replay": "replay/", "streams": ("replay/", "qtrace/lib/")}  # fmt: skip
 
 
 def run(command, **options):
@@ -100,6 +106,7 @@ class Group:
         self.part = part  # of the tests, a folder
         self.seconds = 0.0
         self.lines = {}  # file -> numbers of the lines that it reaches
+        self.passes = True  # without any mutant
 
     def fails(self, place, origin, limit, **settings):
         """Whether it fails in the place; the command is written for the place `origin`."""
@@ -175,12 +182,12 @@ def is_of_the_plugin(program):
 
 
 def lines_reached(place, counts_folder):
-    """File -> lines with a count above 0, and file -> all lines with a count, of the counts below the folder."""
+    """File -> lines with a count above 0, of the counts below the folder."""
     counts = [path for path in counts_folder.rglob("*.gcda") if path.relative_to(counts_folder).parts[0] != "tests"]
     for path in counts:
         notes = path.relative_to(counts_folder).with_suffix(".gcno")
         (counts_folder / notes).symlink_to(place.build / notes)
-    reached, counted = {}, {}
+    reached = {}
     if counts:
         out = subprocess.run(["gcov", "--json-format", "--stdout", *map(str, counts)], cwd=place.build,
                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout  # fmt: skip
@@ -190,47 +197,84 @@ def lines_reached(place, counts_folder):
                 if not path.startswith(SOURCES):
                     continue
                 for line in file["lines"]:
-                    counted.setdefault(path, set()).add(line["line_number"])
                     if line["count"]:
                         reached.setdefault(path, set()).add(line["line_number"])
-    return reached, counted
+    return reached
 
 
 def measure_coverage(place, group, folder):
-    """What the group reaches: file -> numbers of lines."""
+    """What the group reaches, how long that takes, and whether it passes."""
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     alone = Place(folder, place.flags)
     alone.tree, alone.build = place.tree, place.build
-    if group.fails(alone, place, 900, GCOV_PREFIX=str(folder), GCOV_PREFIX_STRIP=str(len(place.build.parts) - 1)):
-        print(f"fails in the build that counts: {group.name}", flush=True)
-    reached, _ = lines_reached(place, folder)
+    began = time.monotonic()
+    failed = group.fails(alone, place, COUNTING_LIMIT, GCOV_PREFIX=str(folder),
+                         GCOV_PREFIX_STRIP=str(len(place.build.parts) - 1))  # fmt: skip
+    seconds = time.monotonic() - began
+    reached = lines_reached(place, folder)
     shutil.rmtree(folder)
     if "python" in " ".join(group.command) and group.name.startswith(("reader.", "python")):
         reached |= {name: {0} for name in tracked_files() if name.startswith("python/")}
-    return reached
+    return {"lines": {file: sorted(reached[file]) for file in reached}, "seconds": seconds, "passed": not failed}
+
+
+class Coverage:
+    """What the groups reach, kept in a file until something that they depend on changes."""
+
+    def __init__(self, place, folder):
+        self.place, self.folder, self.file = place, folder, folder / "coverage.json"
+        self.stored = json.loads(self.file.read_text()) if self.file.exists() else {}
+        self.digests = digests()
+        self.lock = threading.Lock()
+
+    def measure(self, group):
+        state = [self.digests[""], self.digests.get(group.part)]
+        if self.stored.get(group.name, {}).get("state") != state:
+            found = measure_coverage(self.place, group, self.folder / "counts" / re.sub(r"\W", "_", group.name))
+            with self.lock:
+                self.stored[group.name] = found | {"state": state}
+                self.file.write_text(json.dumps(self.stored))
+        self.give(group, self.stored[group.name])
+
+    @staticmethod
+    def give(group, found):
+        group.lines = {file: set(lines) for file, lines in found["lines"].items()}
+        group.seconds, group.passes = found["seconds"], found["passed"]
+
+    def measure_all(self, groups, jobs):
+        family = {group.name: group.name.split(".")[0] for group in groups}
+        first = {}
+        for group in sorted(groups, key=lambda one: not one.name.endswith(".sample")):
+            first.setdefault(family[group.name] if family[group.name] in BY_STREAM else group.name, group)
+        with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+            for done in [pool.submit(self.measure, group) for group in first.values()]:
+                done.result()
+        for group in groups:
+            if group not in first.values():
+                self.give(group, self.stored[first[family[group.name]].name])
+                group.seconds *= 10  # the other streams are longer
 
 
 def coverage_of(folder, jobs):
-    """The groups with what they reach; kept until a file that they depend on changes."""
+    """The groups with what they reach."""
     place = Place(folder / "coverage", COUNTED)
     place.prepare()
     groups = test_groups_after_building(place, jobs)
-    kept = folder / "coverage.json"
-    stored = json.loads(kept.read_text()) if kept.exists() else {}
-    digest = digests()
+    Coverage(place, folder).measure_all(groups, jobs)
+    return place, groups
 
-    def measured(group):
-        state = [digest[""], digest.get(group.part)]
-        if stored.get(group.name, {}).get("state") != state:
-            lines = measure_coverage(place, group, folder / "counts" / re.sub(r"\W", "_", group.name))
-            stored[group.name] = {"state": state, "lines": {file: sorted(lines[file]) for file in lines}}
-        group.lines = {file: set(lines) for file, lines in stored[group.name]["lines"].items()}
 
-    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
-        for done in [pool.submit(measured, group) for group in groups]:
-            done.result()
-    kept.write_text(json.dumps(stored))
+def unit_tests(folder, jobs):
+    """The programs of unit tests, each with all lines of the sources that it is about."""
+    place = Place(folder / "worker0", PLAIN)
+    place.prepare()
+    units, _ = linked_targets(place)
+    place.make_or_exit(units, jobs)
+    groups = [group for group in test_groups(place) if group.targets and group.part in UNIT_TESTS]
+    for group in groups:
+        group.lines = {name: {0} for name in tracked_files() if name.startswith(UNIT_TESTS[group.part])}
+        group.passes = False  # not known yet
     return place, groups
 
 
@@ -257,9 +301,10 @@ def test_groups_after_building(place, jobs):
 class Round:
     """One drawing of mutants. The workers take changes from it until enough of them could be built."""
 
-    def __init__(self, seed, wanted):
+    def __init__(self, seed, wanted, words=()):
         self.sources = {name: (ROOT / name).read_text() for name in tracked_files()
-                        if name.startswith(SOURCES) and name.endswith((".cpp", ".h", ".py"))}  # fmt: skip
+                        if name.startswith(SOURCES) and name.endswith((".cpp", ".h", ".py"))
+                        and (not words or any(word in name for word in words))}  # fmt: skip
         possible = [change for name in sorted(self.sources) for change in
                     mutant_generator.changes(name, self.sources[name])]  # fmt: skip
         random.Random(seed).shuffle(possible)
@@ -330,27 +375,27 @@ def work(drawing, place, origin, groups):
 
 
 def healthy(groups, place, origin):
-    """The groups that pass without any mutant, with the time that they take."""
+    """The groups that pass without any mutant. Those that did not while they were counted are tried again."""
     for group in groups:
-        began = time.monotonic()
-        if group.fails(place, origin, 900):
-            print(f"left out, fails without any mutant: {group.name}", flush=True)
-            group.seconds = None
-        else:
+        if not group.passes:
+            began = time.monotonic()
+            group.passes = not group.fails(place, origin, 900)
             group.seconds = time.monotonic() - began
-    return [group for group in groups if group.seconds is not None]
+        if not group.passes:
+            print(f"left out, fails without any mutant: {group.name}", flush=True)
+    return [group for group in groups if group.passes]
 
 
-def main(seed, wanted, jobs, folder):
+def main(seed, wanted, jobs, folder, quick=False, words=()):
     began = time.monotonic()
-    origin, groups = coverage_of(folder, jobs)
+    drawing = Round(seed, wanted, words)
+    origin, groups = (unit_tests if quick else coverage_of)(folder, jobs)
     places = [Place(folder / f"worker{number}", PLAIN) for number in range(jobs)]
     for place in places:
         place.prepare()
         place.make_or_exit(sorted({target for group in groups for target in group.targets}), jobs)
     groups = healthy(groups, places[0], origin)
     print(f"{len(groups)} groups of tests, ready after {time.monotonic() - began:.0f} s", flush=True)
-    drawing = Round(seed, wanted)
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for done in [pool.submit(work, drawing, place, origin, groups) for place in places]:
             done.result()

@@ -677,8 +677,8 @@ TEST(check_after_losses, what_the_lost_records_would_explain_is_not_reported)
     node.record.termination_code = 64;
     Item zero = node;
     zero.record.node = zero.record.termination_node = 0;
-    const std::map<char, Item> items = {{'H', trace[FIRST_HEADER]}, {'f', first}, {'P', partition},
-                                        {'p', plain},               {'n', node},  {'z', zero}};
+    const std::map<char, Item> items = {
+        {'H', trace[FIRST_HEADER]}, {'f', first}, {'P', partition}, {'p', plain}, {'n', node}, {'z', zero}};
     EXPECT_THAT(broken_in("HfPp", items), IsEmpty());
     EXPECT_THAT(broken_in("HfLp", items), IsEmpty());   // another address
     EXPECT_THAT(broken_in("HfLf", items), IsEmpty());   // a processor
