@@ -72,9 +72,12 @@ struct Instruction_Registers : Plugin_Inst_Registers {
     // cppcheck-suppress uninitDerivedMemberVar
     Instruction_Registers(const Plugin_Inst_Registers &registers) : Plugin_Inst_Registers(registers) {}
     Instruction_Registers(const Instruction_Registers &) = default;
+    bool any() const { return (gpr_num | fpr_num | spr_num | vsx_num | vmx_num) != 0; }
     Instruction_Registers &operator=(const Instruction_Registers &other)
     {
-        if (this != &other)
+        if (!other.any())
+            gpr_num = fpr_num = spr_num = vsx_num = vmx_num = 0;
+        else if (this != &other)
             copy_registers(other, *this);
         return *this;
     }

@@ -20,6 +20,7 @@ constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
 constexpr size_t REFILL = 1 << 16;
 constexpr size_t FIRST_ROOM = 2 * REFILL; // lines are short: most streams never need more
 constexpr size_t STORED_AT_ONCE = 1 << 14;
+constexpr size_t AT_ONCE = 1 << 11; // decompressed
 
 // Opening a FIFO would wait for its writer where no request to stop is seen; reading it waits where one is.
 int open_input(const std::string &file, const Stop_Request *stop)
@@ -41,13 +42,17 @@ struct Byte_Source::Decompressor {
     Decompressor &operator=(const Decompressor &) = delete;
     ~Decompressor() { ZSTD_freeDCtx(context); }
 
-    // Decompresses from what is at hand; 0 bytes when there is not enough of it.
+    // Decompresses from what is at hand; 0 bytes when there is not enough of it. zstd copies what it gives, in small
+    // pieces so that what is copied is in the nearest cache.
     size_t produce(char *to, size_t room)
     {
-        ZSTD_outBuffer out{to, room, 0};
-        expected = ZSTD_decompressStream(context, &out, &in);
-        if (ZSTD_isError(expected))
-            throw Input_Error(std::string("expected intact zstd data: ") + ZSTD_getErrorName(expected));
+        ZSTD_outBuffer out{to, 0, 0};
+        do {
+            out.size = std::min(room, out.pos + AT_ONCE);
+            expected = ZSTD_decompressStream(context, &out, &in);
+            if (ZSTD_isError(expected))
+                throw Input_Error(std::string("expected intact zstd data: ") + ZSTD_getErrorName(expected));
+        } while (out.pos == out.size && out.size < room && expected != 0);
         return out.pos;
     }
 };
@@ -155,30 +160,41 @@ Line_Source::Line_Source(const std::string &file, const Stop_Request *stop)
 {
 }
 
+// Moves scanned_ to the next line end; without one, to the end of what was read.
+bool Line_Source::find_end()
+{
+    if (found_)
+        return true;
+    const void *found = std::memchr(buffer_.get() + scanned_, '\n', end_ - scanned_);
+    scanned_ = found ? static_cast<size_t>(static_cast<const char *>(found) - buffer_.get()) : end_;
+    found_ = found != nullptr;
+    return found_;
+}
+
 bool Line_Source::next(std::string_view &line)
 {
     for (;;) {
-        const void *found = std::memchr(buffer_.get() + scanned_, '\n', end_ - scanned_);
-        const size_t stop = found ? static_cast<size_t>(static_cast<const char *>(found) - buffer_.get()) : end_;
-        if (stop - begin_ > MAX_LINE)
+        find_end();
+        if (scanned_ - begin_ > MAX_LINE)
             throw Input_Error("expected a line of at most " + std::to_string(MAX_LINE) + " bytes");
-        if (found || (at_end_ && stop > begin_)) {
-            buffer_[stop] = '\0'; // what stands after a line is no business of its parser
-            line = {buffer_.get() + begin_, stop - begin_};
+        if (found_ || (at_end_ && scanned_ > begin_)) {
+            buffer_[scanned_] = '\0'; // what stands after a line is no business of its parser
+            line = {buffer_.get() + begin_, scanned_ - begin_};
             ++number_;
-            begin_ = scanned_ = found ? stop + 1 : stop;
+            scanned_ += found_;
+            begin_ = scanned_;
+            found_ = false;
             return true;
         }
-        scanned_ = end_;
         if (at_end_ || !refill())
             if (begin_ == end_)
                 return false;
     }
 }
 
-bool Line_Source::line_at_hand() const
+bool Line_Source::line_at_hand()
 {
-    return at_end_ || std::memchr(buffer_.get() + scanned_, '\n', end_ - scanned_) != nullptr;
+    return at_end_ || find_end();
 }
 
 uint64_t Line_Source::bytes_used() const

@@ -77,10 +77,11 @@ public:
     uint64_t line_number() const { return number_; } // of the last line that was returned, from 1
     uint64_t bytes_used() const;                     // stored bytes up to about the current line
     bool format_known() const { return source_.format_known(); }
-    bool line_at_hand() const; // next() has no need to read input
+    bool line_at_hand(); // next() has no need to read input
     std::optional<uint64_t> input_size() const { return source_.size(); }
 
 private:
+    bool find_end();
     bool refill();
     void make_room();
 
@@ -89,6 +90,7 @@ private:
     size_t room_;        // bytes of the buffer, without the padding
     size_t begin_ = 0;   // first byte not handed out
     size_t scanned_ = 0; // no line end in [begin_, scanned_)
+    bool found_ = false; // but one at scanned_
     size_t end_ = 0;     // end of what was read
     bool at_end_ = false;
     uint64_t number_ = 0;

@@ -38,7 +38,7 @@ bool is_blank(char c)
 // The value as it stands in the line; tokens reach up to what comes next.
 std::string_view without_blanks_after(std::string_view token)
 {
-    while (!token.empty() && is_blank(token.back()))
+    while (!token.empty() && token.back() <= ' ' && is_blank(token.back()))
         token.remove_suffix(1);
     return token;
 }
@@ -68,46 +68,51 @@ struct Magnitude {
     uint64_t wrong;
 };
 
-constexpr uint64_t in_each_byte(uint8_t value)
+using Digits = uint8_t __attribute__((vector_size(16)));
+using Digit_Pairs = uint16_t __attribute__((vector_size(16)));
+using Digit_Words = uint64_t __attribute__((vector_size(16)));
+
+constexpr size_t MOST_DIGITS = sizeof(Digits);
+
+template <class Vector> Vector vector_at(const void *from)
 {
-    return uint64_t{0x0101010101010101} * value;
+    Vector vector;
+    std::memcpy(&vector, from, sizeof vector);
+    return vector;
 }
 
-// What the `count` (1 to 8) hexadecimal digits at `at` stand for; eight bytes can be read. All are converted at once:
+// Read at MOST_DIGITS - n, it keeps the first n bytes.
+constexpr std::array<uint8_t, 2 *MOST_DIGITS> KEPT = [] {
+    std::array<uint8_t, 2 * MOST_DIGITS> kept{};
+    std::fill_n(kept.begin(), MOST_DIGITS, uint8_t{0xFF});
+    return kept;
+}();
+
+// What the `count` (1 to 16) hexadecimal digits at `at` stand for; sixteen bytes can be read. All are converted at once:
 // numbers differ in length, and the processor cannot foresee where a loop would end.
 inline Magnitude digits_at(const char *at, size_t count)
 {
-    uint64_t text;
-    std::memcpy(&text, at, sizeof text);
-    if constexpr (std::endian::native == std::endian::little)
-        text = __builtin_bswap64(text);
-    const size_t unused = 64 - 8 * count;
-    text >>= unused;                                      // now the last digit is the lowest byte
-    const uint64_t letters = text >> 6 & in_each_byte(1); // in the bytes 0x41 to 0x46 and 0x61 to 0x66
-    const uint64_t digits = (text & in_each_byte(0x0F)) + 9 * letters;
-    const uint64_t upper_halves = (text | letters << 5) & in_each_byte(0xF0);
-    const uint64_t from_ten = (digits + in_each_byte(6)) >> 4 & in_each_byte(1);
-    const uint64_t wrong = (upper_halves ^ ((in_each_byte(0x30) >> unused) + 0x30 * letters)) |
-                           (from_ten ^ letters) | (digits & in_each_byte(0x10));
-    uint64_t value = (digits | digits >> 4) & 0x00FF00FF00FF00FF;
-    value = (value | value >> 8) & 0x0000FFFF0000FFFF;
-    value = (value | value >> 16) & 0xFFFFFFFF;
-    return {value, wrong};
+    static_assert(std::endian::native == std::endian::little, "a big-endian machine needs the digits swapped");
+    const auto text = vector_at<Digits>(at);
+    const auto kept = vector_at<Digits>(&KEPT[MOST_DIGITS - count]);
+    const Digits digits = text - '0', letters = (text | 0x20) - 'a';
+    const auto is_digit = reinterpret_cast<Digits>(digits < 10), is_letter = reinterpret_cast<Digits>(letters < 6);
+    const auto wrong = reinterpret_cast<Digit_Words>(~(is_digit | is_letter) & kept);
+    const auto values = reinterpret_cast<Digit_Pairs>(((digits & is_digit) | ((letters + 10) & is_letter)) & kept);
+    const auto bytes = reinterpret_cast<Digits>((values << 4 | values >> 8) & 0xFF); // one of each pair
+    const auto packed = reinterpret_cast<Digit_Words>(
+        __builtin_shufflevector(bytes, bytes, 0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30));
+    return {__builtin_bswap64(packed[0]) >> 4 * (MOST_DIGITS - count), wrong[0] | wrong[1]};
 }
 
 // "0x" and 1 to 16 digits, between quotes.
-Magnitude hexadecimal_of(std::string_view token)
+inline Magnitude hexadecimal_of(std::string_view token)
 {
     constexpr std::string_view BEGIN = "\"0x";
-    if (!token.starts_with(BEGIN) || token.size() < BEGIN.size() + 2 || token.size() > BEGIN.size() + 17)
+    const size_t count = token.size() - BEGIN.size() - 1; // huge for what is shorter
+    if (std::memcmp(token.data(), BEGIN.data(), BEGIN.size()) != 0 || count - 1 >= MOST_DIGITS)
         return {0, 1};
-    const char *first = token.data() + BEGIN.size();
-    const size_t count = token.size() - BEGIN.size() - 1;
-    if (count <= 8)
-        return digits_at(first, count);
-    const Magnitude upper = digits_at(first, 8);
-    const Magnitude lower = digits_at(first + 8, count - 8);
-    return {upper.value << 4 * (count - 8) | lower.value, upper.wrong | lower.wrong};
+    return digits_at(token.data() + BEGIN.size(), count);
 }
 
 // A JSON number without sign, fraction and exponent.
@@ -120,23 +125,49 @@ Magnitude decimal_of(std::string_view token)
     return {value, error != std::errc{} || stop != end || leading_zero};
 }
 
+// What a decimal digit stands for; 10 or more for any other byte.
+inline unsigned digit_of(char c)
+{
+    return static_cast<unsigned char>(c) - unsigned{'0'};
+}
+
 [[noreturn]] void refuse_number(int64_t least, uint64_t most, std::string_view token)
 {
     refuse(fmt::format("{} to {}, as a number or \"0x...\"", least, most), token);
 }
 
-// A number that fits Integer, given as one or as "0x...".
+// A number that fits Integer, given as one.
+template <class Integer> [[gnu::noinline]] Integer decimal_as(std::string_view token)
+{
+    constexpr auto LEAST = std::numeric_limits<Integer>::min();
+    constexpr auto MOST = std::numeric_limits<Integer>::max();
+    const bool negative = token.front() == '-';
+    const auto [value, wrong] = decimal_of(token.substr(negative));
+    const uint64_t limit = negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
+    if (wrong || value > limit)
+        refuse_number(LEAST, MOST, token);
+    return static_cast<Integer>(negative ? -value : value);
+}
+
+// The same, or given as "0x...".
 template <class Integer> Integer number_of(json::value &given)
 {
     constexpr auto LEAST = std::numeric_limits<Integer>::min();
     constexpr auto MOST = std::numeric_limits<Integer>::max();
     const std::string_view token = without_blanks_after(given.raw_json_token());
-    const bool negative = token.front() == '-';
-    const auto [value, wrong] = token.front() == '"' ? hexadecimal_of(token) : decimal_of(token.substr(negative));
-    const uint64_t limit = negative ? -static_cast<uint64_t>(LEAST) : static_cast<uint64_t>(MOST);
-    if (wrong || value > limit)
+    if (token.front() != '"') { // most have one or two digits
+        const unsigned first = digit_of(token.front()), last = digit_of(token.back());
+        if (token.size() == 1 && first < 10)
+            return static_cast<Integer>(first);
+        if (token.size() == 2 && first - 1 < 9 && last < 10)
+            return static_cast<Integer>(10 * first + last);
+        return decimal_as<Integer>(token);
+    }
+    const auto [value, wrong] = hexadecimal_of(token);
+    if (wrong || value > static_cast<uint64_t>(MOST))
         refuse_number(LEAST, MOST, token);
-    return static_cast<Integer>(negative ? -value : value);
+    static_cast<void>(given.get_raw_json_string()); // takes it, which is quicker than being passed over
+    return static_cast<Integer>(value);
 }
 
 bool truth_of(json::value &given)
@@ -164,10 +195,14 @@ Wanted checked(simdjson::simdjson_result<Wanted> result, json::value &given, con
 
 std::string_view text_of(json::value &given)
 {
+    const std::string_view token = without_blanks_after(given.raw_json_token());
+    // Without an escape it stands in the line as it is.
+    if (token.front() == '"' && std::memchr(token.data(), '\\', token.size()) == nullptr)
+        return token.substr(1, token.size() - 2);
     return checked(given.get_string(), given, "a string");
 }
 
-json::array list_of(json::value &given, const char *what)
+inline json::array list_of(json::value &given, const char *what)
 {
     return checked(given.get_array(), given, what);
 }

@@ -29,7 +29,7 @@ public:
     bool at_end() const { return at_end_; }
 
     // The next event may have to wait for input.
-    bool may_wait() const { return !lines_ || !lines_->line_at_hand(); }
+    bool may_wait() { return !lines_ || !lines_->line_at_hand(); }
 
     const std::optional<Stream_Error> &error() const override { return error_; }
     uint64_t line_number() const override;

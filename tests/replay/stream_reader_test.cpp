@@ -386,6 +386,16 @@ TEST(stream_keys, hexadecimal_digits_of_every_count_are_read)
     }
 }
 
+TEST(stream_keys, decimal_digits_of_every_count_are_read)
+{
+    const std::string digits = "10987654321098765432";
+    for (size_t count = 1; count <= digits.size(); ++count) {
+        const std::string number = digits.substr(0, count);
+        const One_Event event(R"({"t":"commit","pc":)" + number + " \t}");
+        EXPECT_EQ(event->instruction.pc, std::stoull(number));
+    }
+}
+
 TEST(stream_keys, context_keys_reach_the_context)
 {
     const One_Event event(R"({"t":"context","tid":3,"ptcr":"0xc","lpid":"0x123456789","pid":"0xffffffff","sdr1":4,)"
@@ -546,6 +556,10 @@ INSTANTIATE_TEST_SUITE_P(of_numbers, Refusals, testing::Values(
     Refused_Line{R"({"t":"commit","pc":1.0})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 1.0"},
     Refused_Line{R"({"t":"commit","pc":1e3})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 1e3"},
     Refused_Line{R"({"t":"commit","pc":007})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 007"},
+    Refused_Line{R"({"t":"commit","pc":00})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 00"},
+    Refused_Line{R"({"t":"commit","pc":07})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 07"},
+    Refused_Line{R"({"t":"commit","pc":1.})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 1."},
+    Refused_Line{R"({"t":"commit","pc":-})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found -"},
     Refused_Line{R"({"t":"commit","pc":null})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found null"},
     Refused_Line{R"({"t":"commit","pc":true})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found true"},
     Refused_Line{R"({"t":"commit","pc":[1]})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found a list"},
