@@ -204,8 +204,7 @@ public:
     uint64_t print(Output &out, uint64_t most)
     {
         const bool cut = most < kept_records_ && !ends_.empty();
-        out.put(lines_.text().substr(0, !cut ? std::string_view::npos : most == 0 ? 0 : ends_[most - 1]));
-        out.settle();
+        out.put_lines(lines_.text().substr(0, !cut ? std::string_view::npos : most == 0 ? 0 : ends_[most - 1]));
         lines_.clear();
         ends_.clear();
         return std::min(most, std::exchange(kept_records_, 0));

@@ -49,24 +49,39 @@ void Output::paint(Colour colour)
         put(SEQUENCES[static_cast<size_t>(colour)]);
 }
 
-void Output::flush()
+void Output::hand_on(std::string_view text)
 {
-    const char *next = buffer_.data();
-    size_t left = error_ == 0 ? buffer_.size() : 0;
-    if (left > 0 && before_writing_)
+    if (error_ != 0 || text.empty())
+        return;
+    if (before_writing_)
         before_writing_();
-    while (left > 0) {
-        const ssize_t written = write(descriptor_, next, left);
+    while (!text.empty()) {
+        const ssize_t written = write(descriptor_, text.data(), text.size());
         if (written < 0 && errno == EINTR)
             continue;
         if (written < 0) {
             error_ = errno;
-            break;
+            return;
         }
-        next += written;
-        left -= static_cast<size_t>(written);
+        text.remove_prefix(static_cast<size_t>(written));
     }
+}
+
+void Output::flush()
+{
+    hand_on(text());
     buffer_.clear();
+}
+
+void Output::put_lines(std::string_view text)
+{
+    if (descriptor_ < 0 || text.size() < CAPACITY) {
+        put(text);
+        settle();
+    } else {
+        flush();
+        hand_on(text);
+    }
 }
 
 } // namespace qtrace_tool

@@ -39,6 +39,8 @@ public:
         if (!text.empty())
             std::memcpy(to, text.data(), text.size());
     }
+    // The same for whole lines, and settle(): many are handed on from where they stand.
+    void put_lines(std::string_view text);
     void put_decimal(uint64_t value);
     void put_hex(uint64_t value);                    // without prefix or leading zeros
     void put_hex(uint64_t value, unsigned digits);   // the lowest `digits` digits
@@ -81,6 +83,8 @@ public:
 
 private:
     static constexpr size_t CAPACITY = 256 * 1024;
+
+    void hand_on(std::string_view text);
 
     // The place of so many characters more, to be filled by the caller.
     char *room(size_t count)
