@@ -57,15 +57,20 @@ Record_Filter::Register Record_Filter::parse_register(const std::string &text)
             static_cast<uint16_t>(parse_number(std::string_view(text).substr(1), "--register", UINT16_MAX))};
 }
 
+std::vector<std::string> kind_names()
+{
+    std::vector<std::string> names;
+    for (const Kind_Name &row : KINDS)
+        names.emplace_back(row.name);
+    return names;
+}
+
 uint32_t Record_Filter::parse_kind(const std::string &name)
 {
     const auto kind = std::ranges::find(KINDS, name, &Kind_Name::name);
     if (kind != KINDS.end())
         return kind->kind;
-    std::vector<std::string> known;
-    for (const Kind_Name &row : KINDS)
-        known.emplace_back(row.name);
-    throw unknown_word("kind of record", name, known);
+    throw unknown_word("kind of record", name, kind_names());
 }
 
 void Record_Filter::declare(Options &app, const Take_Word &take_kind)
@@ -97,8 +102,7 @@ void Record_Filter::declare_choices(Options &app, const Take_Word &take_kind)
                    [this](const std::string &text) { datas_.push_back(parse_range(text)); });
     app.add_values("--real", "ADDR[-ADDR],...", "only accesses to these real addresses",
                    [this](const std::string &text) { reals_.push_back(parse_range(text)); });
-    app.add_values("--kind", "KIND,...",
-                   "only these kinds: load, store, branch, taken, string, call, return, system_call, cache, error",
+    app.add_values("--kind", "KIND,...", fmt::format("only these kinds: {}", fmt::join(kind_names(), ", ")),
                    [this, take_kind](const std::string &text) {
                        if (!take_kind || !take_kind(text))
                            kinds_ |= parse_kind(text);

@@ -13,6 +13,9 @@
 namespace qtrace_tool
 {
 
+// What --kind takes.
+std::vector<std::string> kind_names();
+
 // Records that satisfy every option given; an option with several values is satisfied by any of them.
 class Record_Filter
 {

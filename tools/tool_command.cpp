@@ -216,10 +216,13 @@ Option *declare_number(Options &app, const std::string &name, uint64_t &number, 
 
 void declare_page_bits(Options &app, std::vector<uint32_t> &bits)
 {
+    std::vector<std::string> names;
+    for (uint8_t code = 0; code < Page_Sizes::USUAL.size(); code++)
+        names.push_back(Page_Sizes().name(code));
     app.add_numbers(
            "--page-bits", bits, 12, 63,
-           "address bits of the pages that page-size codes 0, 1, 2, ... stand for (default 12,16,21,30,24: "
-           "4K, 64K, 2M, 1G, 16M)")
+           fmt::format("address bits of the pages that page-size codes 0, 1, 2, ... stand for (default {}: {})",
+                       fmt::join(Page_Sizes::USUAL, ","), fmt::join(names, ", ")))
         ->type_name("BITS,...");
 }
 

@@ -5,7 +5,7 @@ import ctypes
 import os
 import pathlib
 from ctypes import CFUNCTYPE, POINTER, Structure, byref, c_char_p, c_int, c_uint8, c_uint16, c_uint32, c_uint64, c_void_p
-from typing import Iterator, Optional
+from typing import Dict, Iterator, List, Optional
 
 ITEM_END, ITEM_HEADER, ITEM_RECORD, ITEM_DISCONTINUITY, ITEM_ERROR = range(5)
 HEADER_SIZE, RECORD_SIZE = 368, 2936
@@ -151,6 +151,7 @@ FUNCTIONS = {
     "qtrace_open": (c_void_p, c_char_p, POINTER(c_void_p)),
     "qtrace_close": (None, c_void_p),
     "qtrace_cause_name": (c_char_p, c_int),
+    "qtrace_kind_name": (c_char_p, c_uint32),
     "qtrace_seek": (c_int, c_void_p, c_uint64),
     "qtrace_error": (c_char_p, c_void_p),
     "qtrace_open_header": (c_void_p, c_void_p),
@@ -204,6 +205,25 @@ def load() -> ctypes.CDLL:
 
 
 LIBRARY = load()
+
+
+def _kind_bits() -> Dict[str, int]:
+    bits = (1 << bit for bit in range(8 * ctypes.sizeof(COLUMNS["kinds"])))
+    names = {bit: LIBRARY.qtrace_kind_name(bit) for bit in bits}
+    return {name.decode(): bit for bit, name in names.items() if name}
+
+
+# What instructions do, by the bits of the column `kinds`.
+KIND_BITS = _kind_bits()
+
+
+def register_lists() -> List[RegisterList]:
+    """The library's rows of register classes."""
+    count = ctypes.c_size_t()
+    rows = LIBRARY.qtrace_register_lists(ctypes.byref(count))
+    return rows[: count.value]
+
+
 _free = CFUNCTYPE(None, c_void_p)(("free", ctypes.CDLL(None)))
 
 

@@ -6,16 +6,13 @@ from typing import TYPE_CHECKING, Callable, Iterable, List, NamedTuple, Tuple
 
 import numpy as np
 
+from . import _library
+
 if TYPE_CHECKING:
     import pandas as pd
 
-KIND_BITS = {
-    name: 1 << bit
-    for bit, name in enumerate(
-        ("load", "store", "branch", "taken", "string", "call", "return", "system_call", "cache", "error")
-    )
-}
-REGISTER_CLASSES = {"r": "gpr", "f": "fpr", "s": "spr", "v": "vmxr", "x": "vsxr"}
+# By the letter before a register's number.
+REGISTER_CLASSES = {row.letter.decode(): row.name.decode().split("_")[0] for row in _library.register_lists()}
 NAMES = ("pid", "lpid", "pc", "data", "real", "kind", "not_", "word", "register")
 
 _RPN_PRESENT = 2  # in a translation's `present`
@@ -73,9 +70,9 @@ def _register(value: str) -> Tuple[str, int]:
 
 
 def _kind(value: str) -> int:
-    if value not in KIND_BITS:
-        raise ValueError(f"{value!r} is no kind of record; there are {', '.join(KIND_BITS)}")
-    return KIND_BITS[value]
+    if value not in _library.KIND_BITS:
+        raise ValueError(f"{value!r} is no kind of record; there are {', '.join(_library.KIND_BITS)}")
+    return _library.KIND_BITS[value]
 
 
 def _each(values, one: Callable, pairs: bool = False) -> List:

@@ -23,9 +23,8 @@ DEFAULT_COLUMNS = (
     "address", "next", "data", "has_next", "has_data", "word", "flags", "data_translation", "next_translation",
     "context", "node", "termination", "error", "length",
 )  # fmt: skip
-# What instructions do, by the bits of the library's column `kinds`. An error has a column of its own, with its code.
-KINDS = ("load", "store", "branch", "taken", "string", "call", "return", "system_call", "cache")
-_KIND_BITS = {name: 1 << bit for bit, name in enumerate(KINDS)}
+# An error has a column of its own, with its code.
+KINDS = tuple(name for name in _library.KIND_BITS if name != "error")
 _MASKS = ("has_address", "has_next", "has_data")
 _TRANSLATIONS = ("data_translation", "next_translation")
 # Columns made from a translation: that of the number, the member of its row.
@@ -525,7 +524,7 @@ class Trace:
         if name == "thread":
             return np.full(rows, thread_of(self.name), np.uint16)
         if name in KINDS:
-            return (arrays["kinds"] & np.uint16(_KIND_BITS[name])) != 0
+            return (arrays["kinds"] & np.uint16(_library.KIND_BITS[name])) != 0
         if name in _TRANSLATED:
             number, member = _TRANSLATED[name]
             values = _translations_of(self.name).rows()[member]

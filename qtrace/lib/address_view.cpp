@@ -80,7 +80,7 @@ const std::array<Mode_Info, 39> MODES = {{
 Mode_Pair pair_of_mode(std::string_view name)
 {
     const auto mode = std::ranges::find(MODES, name, &Mode_Info::name);
-    return mode == MODES.end() ? Mode_Pair{3, 3} : mode->pair;
+    return mode == MODES.end() ? Mode_Pair{MODE_NONE, MODE_NONE} : mode->pair;
 }
 
 std::string pair_name(Mode_Pair pair)

@@ -61,8 +61,10 @@ struct Translated_Address {
     {
         if (!present || (pieces & PIECE_RPN) == 0)
             return std::nullopt;
-        return (uint64_t{page_number} << PAGE_NUMBER_BITS) | (address & ((1u << PAGE_NUMBER_BITS) - 1));
+        return real_page() | (address & ((1u << PAGE_NUMBER_BITS) - 1));
     }
+    // What the page number stands for, whether one was recorded or not.
+    uint64_t real_page() const { return uint64_t{page_number} << PAGE_NUMBER_BITS; }
     static constexpr unsigned PAGE_NUMBER_BITS = 12; // page numbers count 4 KiB, whatever the page size is
 };
 

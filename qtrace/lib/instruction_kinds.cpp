@@ -1,5 +1,7 @@
 #include "instruction_kinds.h"
 
+#include "instruction_word.h"
+
 #include <array>
 #include <cstring>
 
@@ -17,8 +19,8 @@ constexpr std::array<Instruction_Kind, 64> PRIMARY = [] {
         kinds[opcode] = load;
     for (const int opcode : {36, 37, 38, 39, 44, 45, 47, 52, 53, 54, 55, 62})
         kinds[opcode] = store;
-    kinds[16] = conditional_branch;
-    kinds[18] = unconditional_branch;
+    kinds[BRANCH_CONDITIONAL] = conditional_branch;
+    kinds[BRANCH] = unconditional_branch;
     return kinds;
 }();
 
@@ -47,20 +49,9 @@ constexpr std::array<Instruction_Info, 1024> EXTENDED_31 = [] {
 
 Instruction_Kind branch_of_19(uint32_t extended)
 {
-    switch (extended) {
-    case 16:  // to the link register
-    case 528: // to the count register
-    case 560: // to the target register
+    if (extended == TO_LINK || extended == TO_COUNT || extended == TO_TARGET)
         return conditional_branch;
-    case 18: // returns from interrupt and from system call
-    case 82:
-    case 274:
-    case 146:
-    case 306:
-        return unconditional_branch;
-    default:
-        return other;
-    }
+    return is_interrupt_return(extended) ? unconditional_branch : other;
 }
 
 // A branch whose condition field says "always".
@@ -72,11 +63,7 @@ bool is_always(uint32_t word)
 // Whether a conditional branch went to `next`. Only those with their target in the word can tell otherwise.
 bool may_go_to(uint32_t word, uint64_t address, uint64_t next)
 {
-    if (word >> 26 != 16)
-        return true;
-    const auto displacement = static_cast<int16_t>(word & 0xFFFC);
-    const uint64_t base = (word & 2) != 0 ? 0 : address;
-    return base + static_cast<uint64_t>(int64_t{displacement}) == next;
+    return primary_opcode(word) != BRANCH_CONDITIONAL || direct_target(word, address) == next;
 }
 
 } // namespace
@@ -92,17 +79,18 @@ static bool is_call(uint32_t word)
 // A branch to the link register whose hint does not deny that it is a return.
 static bool is_return(uint32_t word)
 {
-    constexpr uint32_t OPCODE = 0xFC0007FF, HINT = 3 << 11, TO_LINK_REGISTER = 19u << 26 | 16 << 1;
+    constexpr uint32_t OPCODE = 0xFC0007FF, HINT = 3 << 11,
+                       TO_LINK_REGISTER = BRANCH_TO_REGISTER << 26 | TO_LINK << 1;
     return (word & (OPCODE | HINT)) == TO_LINK_REGISTER;
 }
 
 Instruction_Info instruction_info(uint32_t word)
 {
-    const uint32_t primary = word >> 26, extended = word >> 1 & 0x3FF;
+    const uint32_t primary = primary_opcode(word), extended = extended_opcode(word);
     Instruction_Info info{PRIMARY[primary], false};
     if (primary == 31)
         info = EXTENDED_31[extended];
-    else if (primary == 19)
+    else if (primary == BRANCH_TO_REGISTER)
         info.kind = branch_of_19(extended);
     else if (primary == 61) // bits 0 to 2: the vector-scalar loads and stores with a displacement
         info.kind = (word & 7) == 1 || (word & 3) == 2 ? load : store;
@@ -156,7 +144,8 @@ static uint32_t kinds_of_other(uint32_t word, Instruction_Kind kind)
 {
     constexpr uint32_t SYSTEM_CALL = 17;
     return kind_if(kind == load, QTRACE_KIND_LOAD) | kind_if(kind == store, QTRACE_KIND_STORE) |
-           kind_if(kind == cache, QTRACE_KIND_CACHE) | kind_if(word >> 26 == SYSTEM_CALL, QTRACE_KIND_SYSTEM_CALL);
+           kind_if(kind == cache, QTRACE_KIND_CACHE) |
+           kind_if(primary_opcode(word) == SYSTEM_CALL, QTRACE_KIND_SYSTEM_CALL);
 }
 
 uint32_t kinds_of(const QTRACE_RECORD &record, uint64_t address)

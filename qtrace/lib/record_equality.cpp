@@ -44,8 +44,8 @@ constexpr size_t WIDE = sizeof(__m256i);
 constexpr auto compare_with_avx2 = compare_anywhere;
 #endif
 
-bool (*const compare)(const QTRACE_RECORD &, const QTRACE_RECORD &) =
-    for_processor(compare_with_avx2, compare_anywhere);
+bool (*const compare)(const QTRACE_RECORD &, const QTRACE_RECORD &) = for_processor(compare_with_avx2,
+                                                                                    compare_anywhere);
 
 } // namespace
 

@@ -61,12 +61,19 @@ extern const std::array<const Trace_Flag *, 64> CONTROL_FLAG_OF_BIT, FILE_FLAG_O
 // The translation mode of one level, in words: "radix", "hpt", "real", "none".
 std::string_view mode_word(uint64_t mode);
 
+// Translation modes as records carry them: two bits for the guest, two for the host.
+enum Mode : uint8_t { MODE_RADIX, MODE_HASHED, MODE_REAL, MODE_NONE };
+
 // Guest and host mode of an address.
 struct Mode_Pair {
     uint8_t guest;
     uint8_t host;
     constexpr bool operator==(const Mode_Pair &) const = default;
     constexpr unsigned index() const { return unsigned{guest} * 4 + host; } // 0 to 15
+    static constexpr Mode_Pair at(unsigned index)
+    {
+        return {static_cast<uint8_t>(index / 4), static_cast<uint8_t>(index % 4)};
+    }
 };
 
 Mode_Pair instruction_modes(const control_word &control);

@@ -72,10 +72,8 @@ constexpr size_t MOST_MODEL_ENTRIES = 20000;
 
 Tlb_Options Thread_Data::model_options(size_t model)
 {
-    static constexpr uint8_t BITS[] = {0, 12, 16, 21};
     Tlb_Options options;
-    if (model > 0)
-        options.page_bits = BITS[model];
+    options.page_bits = MODEL_PAGES[model];
     return options;
 }
 

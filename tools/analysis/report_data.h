@@ -98,8 +98,9 @@ public:
     std::unordered_map<uint64_t, Branch_Counts> branches; // by address
     uint64_t unlisted_branches = 0;                       // executions of branches beyond those of the map
 
-    // The model as traced, then what if all pages had 4K, 64K, 2M. They stop together when they would grow too large.
-    static constexpr size_t MODELS = 4;
+    // Address bits that all pages have in a model; none: as traced. They stop together when they would grow too large.
+    static constexpr std::optional<uint8_t> MODEL_PAGES[] = {{}, 12, 16, 21};
+    static constexpr size_t MODELS = std::size(MODEL_PAGES);
     static Tlb_Options model_options(size_t model);
     const Tlb_Figures &figures(size_t model) const { return figures_[model]; }
     uint64_t modelled() const { return figures_[0].instructions; }

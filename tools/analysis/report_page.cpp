@@ -757,16 +757,17 @@ Json working_set_json(const Thread_Data &thread)
 // Misses over the size of a TLB, as traced and for other pages.
 Json curves_json(const Thread_Data &thread)
 {
-    static constexpr const char *CURVES[] = {"as traced", "if all 4K", "if all 64K", "if all 2M"};
     Json json = Json::array();
     for (size_t model = 0; model < Thread_Data::MODELS; model++) {
         const Tlb_Figures &tlb = thread.figures(model);
+        const std::optional<uint8_t> bits = Thread_Data::MODEL_PAGES[model];
         Json sizes = Json::array();
         for (const uint64_t size : tlb.distances[0].sizes())
             sizes.push_back({{"entries", size},
                              {"misses", tlb.distances[0].misses(size)},
                              {"per_thousand", per_thousand(tlb.distances[0].misses(size), tlb.instructions)}});
-        json.push_back({{"name", CURVES[model]}, {"sizes", sizes}});
+        json.push_back(
+            {{"name", bits ? "if all " + size_name(uint64_t{1} << *bits) : "as traced"}, {"sizes", sizes}});
     }
     return json;
 }

@@ -87,7 +87,7 @@ std::string Page_Sizes::name(uint8_t code) const
 Page Trace_Counts::page_of(const Translated_Address &address) const
 {
     const unsigned bits = sizes_.bits(address.page_size);
-    const uint64_t real = uint64_t{address.page_number} << 12;
+    const uint64_t real = address.real_page();
     const bool nested = address.pair().walk == Walk_Kind::nested;
     return {real >> bits << bits, nested ? partition_.lpid + 1 : 0, address.page_size};
 }

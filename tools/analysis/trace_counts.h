@@ -5,6 +5,7 @@
 #include "qtrace_reader.h"
 #include "record_schema.h"
 
+#include <array>
 #include <compare>
 #include <map>
 #include <memory>
@@ -53,7 +54,9 @@ using Page_Counts = std::unordered_map<Page, uint64_t, Page_Hash>;
 class Page_Sizes
 {
 public:
-    Page_Sizes() : bits_{12, 16, 21, 30, 24} {}
+    static constexpr std::array<uint8_t, 5> USUAL = {12, 16, 21, 30, 24};
+
+    Page_Sizes() : bits_(USUAL.begin(), USUAL.end()) {}
     explicit Page_Sizes(std::vector<uint8_t> bits) : bits_(std::move(bits)) {}
     bool knows(uint8_t code) const { return code < bits_.size(); }
     unsigned bits(uint8_t code) const { return code < bits_.size() ? bits_[code] : 12u; }

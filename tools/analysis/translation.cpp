@@ -60,14 +60,13 @@ void set_space(Tlb_Page &page, bool in_guest, const Partition_Key &partition)
     if (page.kind == Xlate_Kind::guest_real)
         page.space = 0;
     else if (page.kind != Xlate_Kind::hash)
-        page.space = page.first >> 62 == 3 ? 0 : partition.pid;
+        page.space = is_in_kernel(page.first) ? 0 : partition.pid;
 }
 
 Told read_translation(const Translated_Address &address, uint64_t effective, const Page_Sizes &sizes,
                       Named_Translation &named)
 {
-    constexpr uint8_t REAL = 2, NOT_INVOLVED = 3;
-    if (address.modes.host == REAL && address.pair().exists)
+    if (address.modes.host == trace::MODE_REAL && address.pair().exists)
         return Told::untranslated;
     if ((address.pieces & trace::PIECE_RPN) == 0 || (address.pair().pieces & trace::PIECE_RPN) == 0)
         return Told::nothing;
@@ -78,8 +77,8 @@ Told read_translation(const Translated_Address &address, uint64_t effective, con
         bits = std::min(bits, sizes.bits(address.guest_page_size));
     page.bits = static_cast<uint8_t>(bits);
     page.first = effective >> bits << bits;
-    named.translation.real = uint64_t{address.page_number} << 12 >> bits << bits;
-    named.in_guest = page.kind == Xlate_Kind::guest_real || address.modes.guest != NOT_INVOLVED;
+    named.translation.real = address.real_page() >> bits << bits;
+    named.in_guest = page.kind == Xlate_Kind::guest_real || address.modes.guest != trace::MODE_NONE;
     if (page.kind == Xlate_Kind::hash)
         page.space = address.vsid;
     read_walk(address, page.kind, named.translation.walk);

@@ -35,11 +35,16 @@ struct Named_Translation {
 // How far a record tells the translation of an address.
 enum class Told : uint8_t { nothing, untranslated, page };
 
+// Kernel addresses, those with the two highest bits set, are translated by the tables of process 0.
+constexpr bool is_in_kernel(uint64_t effective)
+{
+    return effective >> 62 == 3;
+}
+
 // Fills `named` but for its address space, which set_space adds (a VSID is filled already). Unless the result is
 // Told::page, `named` means nothing.
 Told read_translation(const trace::Translated_Address &address, uint64_t effective, const Page_Sizes &sizes,
                       Named_Translation &named);
-// Kernel addresses, those with the two highest bits set, are translated by the tables of process 0.
 void set_space(Tlb_Page &page, bool in_guest, const Partition_Key &partition);
 
 } // namespace qtrace_tool

@@ -6,6 +6,7 @@
 #include "deep_rules.h"
 #include "header_comment.h"
 #include "record_printer.h"
+#include "record_rows.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -267,13 +268,11 @@ struct Header_View {
 namespace
 {
 
-constexpr uint64_t flag_bit(unsigned bit)
-{
-    return uint64_t{1} << bit;
-}
-constexpr uint64_t PARTITION_FLAGS = flag_bit(5) | flag_bit(6);     // pid, lpid
-constexpr uint64_t RADIX_FLAGS = PARTITION_FLAGS | flag_bit(7);     // and ptcr
-constexpr uint64_t FULL_FLAGS = RADIX_FLAGS | 0xF00 | flag_bit(16); // and modes, extender
+constexpr uint64_t PARTITION_FLAGS = control_mask("pid_is_present") | control_mask("lpid_is_present");
+constexpr uint64_t RADIX_FLAGS = PARTITION_FLAGS | control_mask("ptcr_is_present");
+constexpr uint64_t FULL_FLAGS = RADIX_FLAGS | control_mask("guest_xlate_mode_instruction") |
+                                control_mask("host_xlate_mode_instruction") |
+                                control_mask("secondary_extender_present");
 const uint64_t FILE_RESERVED = bits_of(FILE_FLAGS, Flag_Role::reserved);
 const uint64_t FILE_UNUSED = bits_of(FILE_FLAGS, Flag_Role::unused);
 

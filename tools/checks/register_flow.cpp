@@ -1,6 +1,8 @@
 #include "register_flow.h"
 
 #include "instruction_kinds.h"
+#include "instruction_word.h"
+#include "translation.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -17,15 +19,6 @@ namespace
 // Special registers that only instructions change; counters, timers and what interrupts set are not among them.
 constexpr std::array<uint16_t, 12> STABLE_SPECIAL = {1, 8, 9, 256, 272, 273, 274, 275, 304, 305, 808, 815};
 constexpr uint16_t LINK = 8, COUNT = 9, TARGET = 815, RETURN_ADDRESS = 26, HYPERVISOR_RETURN_ADDRESS = 314;
-
-constexpr uint32_t primary(uint32_t word)
-{
-    return word >> 26;
-}
-constexpr uint32_t extended(uint32_t word)
-{
-    return word >> 1 & 0x3FF;
-}
 
 std::optional<uint64_t> special_input(const QTRACE_REGISTERS &registers, uint16_t index)
 {
@@ -52,40 +45,26 @@ bool is_vector(uint64_t address)
     static constexpr Range VECTORS[] = {{0x100, 0x2000}, {0x3000, 0x6000}, {0x17000, 0x1A000}};
     if (address % 0x20 != 0)
         return false;
-    const uint64_t offset = address >> 62 == 3 ? address - KERNEL : address;
+    const uint64_t offset = is_in_kernel(address) ? address - KERNEL : address;
     return std::ranges::any_of(VECTORS,
                                [&](const Range &range) { return offset >= range.first && offset < range.end; });
-}
-
-bool is_direct(uint32_t word)
-{
-    return primary(word) == 16 || primary(word) == 18;
-}
-
-uint64_t direct_target(uint32_t word, uint64_t address)
-{
-    const uint64_t base = (word & 2) != 0 ? 0 : address;
-    if (primary(word) == 16)
-        return base + static_cast<uint64_t>(int64_t{static_cast<int16_t>(word & 0xFFFC)});
-    const uint64_t distance = word & 0x03FFFFFC;
-    return base + ((distance ^ 0x02000000) - 0x02000000);
 }
 
 // Of a branch to an address that a register holds; nothing for another instruction.
 std::optional<uint16_t> target_register(uint32_t word)
 {
-    if (primary(word) != 19)
+    if (primary_opcode(word) != BRANCH_TO_REGISTER)
         return std::nullopt;
-    switch (extended(word)) {
-    case 16:
+    switch (extended_opcode(word)) {
+    case TO_LINK:
         return LINK;
-    case 528:
+    case TO_COUNT:
         return COUNT;
-    case 560:
+    case TO_TARGET:
         return TARGET;
-    case 18: // returns from interrupts
+    case RETURN_FROM_INTERRUPT:
         return RETURN_ADDRESS;
-    case 274:
+    case RETURN_FROM_HYPERVISOR_INTERRUPT:
         return HYPERVISOR_RETURN_ADDRESS;
     default:
         return std::nullopt;
@@ -95,18 +74,17 @@ std::optional<uint16_t> target_register(uint32_t word)
 // Power saving, and the transactional instructions that replace registers.
 bool loses_registers(uint32_t word)
 {
-    const uint32_t low = extended(word);
-    if (primary(word) == 19)
+    const uint32_t low = extended_opcode(word);
+    if (primary_opcode(word) == BRANCH_TO_REGISTER)
         return low == 370 || low == 402 || low == 434 || low == 466 || low == 498;
-    return primary(word) == 31 && (low == 942 || low == 1006);
+    return primary_opcode(word) == 31 && (low == 942 || low == 1006);
 }
 
 constexpr bool changes_privilege(uint32_t word)
 {
     constexpr uint32_t SYSTEM_CALL = 17;
-    return primary(word) == SYSTEM_CALL ||
-           (primary(word) == 19 && (extended(word) == 18 || extended(word) == 82 || extended(word) == 146 ||
-                                    extended(word) == 274 || extended(word) == 306));
+    return primary_opcode(word) == SYSTEM_CALL ||
+           (primary_opcode(word) == BRANCH_TO_REGISTER && is_interrupt_return(extended_opcode(word)));
 }
 
 } // namespace
@@ -123,7 +101,7 @@ bool goes_on_visibly(const QTRACE_Item &item)
     const uint64_t next = number(record.next_instruction_ea);
     if (is_vector(next))
         return true;
-    if (is_direct(word))
+    if (is_direct_branch(word))
         return !item.address_known || direct_target(word, item.address) == next;
     const std::optional<uint16_t> target = target_register(word);
     return target && goes_to_register(record, *target, next);

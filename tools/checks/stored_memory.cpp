@@ -1,6 +1,7 @@
 #include "stored_memory.h"
 
 #include "instruction_kinds.h"
+#include "instruction_word.h"
 
 #include <limits>
 
@@ -12,8 +13,6 @@ using namespace trace;
 namespace
 {
 
-constexpr uint8_t NO_GUEST = 3;
-
 uint64_t within(const Tlb_Page &page, uint64_t effective)
 {
     return effective - page.first;
@@ -21,25 +20,16 @@ uint64_t within(const Tlb_Page &page, uint64_t effective)
 
 // ---- What an instruction stores ------------------------------------------------------------------------
 
-constexpr uint32_t extended(uint32_t word)
-{
-    return word >> 1 & 0x3FF;
-}
-
-constexpr uint32_t primary(uint32_t word)
-{
-    return word >> 26;
-}
-
 bool clears_block(uint32_t word)
 {
-    return primary(word) == 31 && extended(word) == 1014;
+    return primary_opcode(word) == 31 && extended_opcode(word) == 1014;
 }
 
 // Several registers or a string: up to 128 bytes.
 bool stores_many(uint32_t word)
 {
-    return primary(word) == 47 || (primary(word) == 31 && (extended(word) == 661 || extended(word) == 725));
+    return primary_opcode(word) == 47 ||
+           (primary_opcode(word) == 31 && (extended_opcode(word) == 661 || extended_opcode(word) == 725));
 }
 
 constexpr uint32_t PAIRED_VECTORS = 6; // primary opcode; bit 0 tells stores from loads
@@ -47,7 +37,7 @@ constexpr uint32_t PAIRED_VECTORS = 6; // primary opcode; bit 0 tells stores fro
 bool is_store(uint32_t word)
 {
     return instruction_info(word).kind == Instruction_Kind::store ||
-           (primary(word) == PAIRED_VECTORS && (word & 1) != 0) || clears_block(word);
+           (primary_opcode(word) == PAIRED_VECTORS && (word & 1) != 0) || clears_block(word);
 }
 
 struct Reach {
@@ -65,7 +55,7 @@ Reach reach_of(const QTRACE_RECORD &record)
     if (stores_many(word))
         return {effective, record.header.control.fld.length_present ? std::max<uint64_t>(record.length, 1) : BLOCK};
     const uint64_t first = effective & ~(ALIGNED - 1);
-    return {first, (primary(word) == PAIRED_VECTORS ? WIDEST : ALIGNED) + (effective - first)};
+    return {first, (primary_opcode(word) == PAIRED_VECTORS ? WIDEST : ALIGNED) + (effective - first)};
 }
 
 } // namespace
@@ -75,7 +65,7 @@ Memory_Places places_of(Told told, const Mode_Pair &modes, const Named_Translati
     Memory_Places places;
     const Translation &translation = named.translation;
     const Tlb_Page &page = translation.page;
-    if (told == Told::untranslated && modes.guest == NO_GUEST) {
+    if (told == Told::untranslated && modes.guest == MODE_NONE) {
         places.add({Memory_Space::real_mode, 0, effective});
         return places;
     }

@@ -29,10 +29,8 @@ public:
                        "a page-table-entry file (or its base name) instead of traces; --kind radix, hpt or "
                        "words (default) says what it holds");
         filter_.declare(app, [this](const std::string &kind) { return take_pte_kind(kind); });
-        app.describe(
-            "--kind",
-            "only these kinds (the last three with --pte): load, store, branch, taken, string, call, return, "
-            "system_call, cache, error, radix, hpt, words");
+        app.describe("--kind", fmt::format("only these kinds (the last three with --pte): {}, {}",
+                                           fmt::join(kind_names(), ", "), fmt::join(pte_kind_names(), ", ")));
         declare_jobs(app, scan_.jobs);
         declare_symbols(app, symbols_);
         app.add_option("--text", text_, "the session's text trace (or its base name): mnemonics beside the words")
@@ -102,7 +100,7 @@ bool Dump_Command::take_pte_kind(const std::string &name)
         return false;
     const auto kind = std::ranges::find(pte_kinds(), name, &Pte_Kind::name);
     if (kind == pte_kinds().end())
-        throw unknown_word("kind of page-table-entry access", name, {"radix", "hpt", "words"});
+        throw unknown_word("kind of page-table-entry access", name, pte_kind_names());
     pte_kind_ = &*kind;
     return true;
 }

@@ -36,9 +36,9 @@ double per_instruction(const Trace_Counts &counts, uint64_t amount)
     return counts.instructions == 0 ? 0.0 : static_cast<double>(amount) / static_cast<double>(counts.instructions);
 }
 
-std::string pair_name(size_t index)
+std::string case_name(size_t index)
 {
-    return index >= UNKNOWN_CASE ? "unknown" : fmt::format("{}/{}", mode_word(index >> 2), mode_word(index & 3));
+    return index >= UNKNOWN_CASE ? "unknown" : pair_name(Mode_Pair::at(static_cast<unsigned>(index)));
 }
 
 void add_registers(std::vector<Metric> &metrics)
@@ -54,11 +54,11 @@ void add_cases(std::vector<Metric> &metrics, const Trace_Counts &total)
 {
     for (size_t i = 0; i <= UNKNOWN_CASE; i++)
         if (total.fetch_cases[i] != 0)
-            metrics.push_back({"fetch_" + pair_name(i), fmt::format("  fetch {}", pair_name(i)),
+            metrics.push_back({"fetch_" + case_name(i), fmt::format("  fetch {}", case_name(i)),
                                [i](const Trace_Counts &c) { return static_cast<double>(c.fetch_cases[i]); }});
     for (size_t i = 0; i < UNKNOWN_CASE; i++)
         if (total.data_cases[i] != 0)
-            metrics.push_back({"data_" + pair_name(i), fmt::format("  data {}", pair_name(i)),
+            metrics.push_back({"data_" + case_name(i), fmt::format("  data {}", case_name(i)),
                                [i](const Trace_Counts &c) { return static_cast<double>(c.data_cases[i]); }});
 }
 

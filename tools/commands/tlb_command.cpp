@@ -30,19 +30,15 @@ Tlb_Size parse_level(const std::string &text)
     return {static_cast<uint32_t>(*entries), static_cast<uint32_t>(*ways)};
 }
 
-struct Size_Choice {
-    const char *name;
-    std::optional<uint8_t> bits;
-};
-const Size_Choice SIZE_CHOICES[] = {{"as-traced", {}}, {"4K", 12}, {"64K", 16}, {"2M", 21}, {"1G", 30}};
-
 std::optional<uint8_t> parse_page_size(const std::string &text)
 {
-    std::vector<std::string> names;
-    for (const Size_Choice &choice : SIZE_CHOICES) {
-        if (text == choice.name)
-            return choice.bits;
-        names.emplace_back(choice.name);
+    std::vector<std::string> names = {"as-traced"};
+    if (text == names[0])
+        return std::nullopt;
+    for (const uint8_t bits : std::initializer_list<uint8_t>{12, 16, 21, 30}) {
+        names.push_back(size_name(uint64_t{1} << bits));
+        if (text == names.back())
+            return bits;
     }
     throw unknown_word("page size", text, names);
 }

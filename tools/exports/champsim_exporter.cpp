@@ -3,6 +3,7 @@
 
 #include "address_view.h"
 #include "instruction_kinds.h"
+#include "instruction_word.h"
 
 #include <algorithm>
 #include <array>
@@ -105,7 +106,6 @@ private:
     uint64_t inputs_left_out_ = 0, outputs_left_out_ = 0, accesses_left_out_ = 0, not_translated_ = 0, jumps_ = 0;
 };
 
-constexpr uint32_t INDIRECT_OPCODE = 19; // branches to the link, count or another special register
 constexpr unsigned PAGE_BITS = Translated_Address::PAGE_NUMBER_BITS;
 
 Champsim_Exporter::Champsim_Exporter(Output_File &file, const Export_Options &options)
@@ -143,7 +143,7 @@ uint64_t Champsim_Exporter::fetch_address(const QTRACE_Item &item)
 // A branch whose target is in the word and that does not depend on anything: read registers would make it another kind.
 static bool is_direct(uint32_t word, uint32_t kinds)
 {
-    return (kinds & QTRACE_KIND_BRANCH) != 0 && word >> 26 != INDIRECT_OPCODE &&
+    return (kinds & QTRACE_KIND_BRANCH) != 0 && primary_opcode(word) != BRANCH_TO_REGISTER &&
            ((kinds & QTRACE_KIND_CALL) != 0 || instruction_info(word).kind != Instruction_Kind::conditional_branch);
 }
 
@@ -151,8 +151,7 @@ static bool is_direct(uint32_t word, uint32_t kinds)
 // they read and write, and whether they read any other.
 void Champsim_Exporter::mark_branch(uint32_t word, uint32_t kinds, Inputs &inputs, Outputs &outputs)
 {
-    constexpr uint32_t TO_COUNT_REGISTER = 528;
-    const bool indirect = word >> 26 == INDIRECT_OPCODE;
+    const bool indirect = primary_opcode(word) == BRANCH_TO_REGISTER;
     outputs.add(INSTRUCTION_POINTER);
     if ((kinds & (QTRACE_KIND_CALL | QTRACE_KIND_RETURN)) != 0) {
         outputs.add(STACK_POINTER);
@@ -164,7 +163,7 @@ void Champsim_Exporter::mark_branch(uint32_t word, uint32_t kinds, Inputs &input
         inputs.add(FLAGS);
     }
     if (indirect && (kinds & QTRACE_KIND_RETURN) == 0)
-        inputs.add((word >> 1 & 0x3FF) == TO_COUNT_REGISTER ? COUNT : LINK);
+        inputs.add(extended_opcode(word) == TO_COUNT ? COUNT : LINK);
 }
 
 void Champsim_Exporter::add_registers(const QTRACE_REGISTERS &registers, Inputs &inputs, Outputs &outputs,

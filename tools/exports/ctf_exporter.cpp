@@ -339,7 +339,7 @@ void Ctf_Exporter::put_place(const Translated_Address &address)
     if (!address.present)
         return;
     fields_.number(address.address);
-    fields_.text(fmt::format("{}/{}", mode_word(address.modes.guest), mode_word(address.modes.host)));
+    fields_.text(pair_name(address.modes));
     const std::optional<uint64_t> real = address.real();
     fields_.optional(real.has_value(), real.value_or(0));
 }

@@ -121,6 +121,14 @@ const std::vector<Pte_Kind> &pte_kinds()
     return kinds;
 }
 
+std::vector<std::string> pte_kind_names()
+{
+    std::vector<std::string> names;
+    for (const Pte_Kind &kind : pte_kinds())
+        names.emplace_back(kind.name);
+    return names;
+}
+
 void dump_pte(Tool_Run &run, const std::string &name, const Pte_Kind &kind, uint64_t first, uint64_t count)
 {
     std::string error;

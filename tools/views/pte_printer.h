@@ -19,8 +19,8 @@ struct Pte_Kind {
     unsigned addresses;                    // a bit for each word that is an address
 };
 
-// radix, hpt, words.
 const std::vector<Pte_Kind> &pte_kinds();
+std::vector<std::string> pte_kind_names();
 
 // Prints the accesses `first` to `first + count - 1` of the file, one line each. Failures are told to the run; so are
 // words that cannot be what the kind says.
