@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -327,4 +328,123 @@ TEST(check_text, shows_both_values_and_the_line)
     const std::string file = folder.write("trace0", described_trace());
     EXPECT_THAT(qtrace({"check", "--text", folder.text("text0", text), file}).out,
                 HasSubstr("the length is 0x11 in the text, 0x10 in the trace"));
+}
+
+// ---- Registers that a record cannot hold ---------------------------------------------------------------
+
+namespace
+{
+
+// An instruction with that many vector registers in the text; a record holds three of a direction.
+json violations_with_vectors(const Folder &folder, const std::string &outputs)
+{
+    Item item{false, {}, "", plain_record(0x10000000)};
+    item.record.header.control.fld.register_trace_present = 1;
+    QTRACE_REGISTERS &registers = item.record.regs;
+    registers.num_vmxrs_out = 3;
+    for (uint16_t i = 0; i < 3; i++)
+        registers.vmxr_out[i] = {i, {i + 1u, 0}};
+    const std::string file = folder.write("trace0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], item});
+    const std::string text =
+        "*** FILE HEADER INSERTED *** \n" + COMMENT +
+        line(RADIX, FIRST, "0x38600001", "(I:0) (N:0) (T:0) (PC:0x1000) (nextPC:0x1004) (done) \n") +
+        line(RADIX, FIRST, "0x10000000", "(I:0) (N:0) (T:0) (PC:0x1004) (nextPC:0x1008) (done) ") + outputs + "\n";
+    const Outcome outcome = qtrace({"check", "--json", "--text", folder.text("text0", text), file});
+    const json summary = json::parse(outcome.out.substr(outcome.out.rfind("{\"file\"")));
+    return summary.contains("violations") ? summary["violations"] : json::object();
+}
+
+std::string vector_output(unsigned ordinal, unsigned number, unsigned value)
+{
+    return "(Output Reg " + std::to_string(ordinal) + "(v" + std::to_string(number) +
+           "):0x0000000000000000000000000000000" + std::to_string(value) + ") ";
+}
+
+} // namespace
+
+TEST(check_text, accepts_a_fourth_vector_register_that_the_record_cannot_hold)
+{
+    const Folder folder;
+    const std::string three = vector_output(0, 0, 1) + vector_output(1, 1, 2) + vector_output(2, 2, 3);
+    EXPECT_EQ(violations_with_vectors(folder, three), json::object());
+    EXPECT_EQ(violations_with_vectors(folder, three + vector_output(3, 3, 4)), json::object());
+    EXPECT_EQ(violations_with_vectors(folder, vector_output(0, 0, 1) + vector_output(1, 1, 2)),
+              json({{"text-registers", 1}}));
+    EXPECT_EQ(violations_with_vectors(folder, vector_output(0, 0, 1) + vector_output(1, 1, 2) +
+                                                  vector_output(2, 2, 4) + vector_output(3, 3, 4)),
+              json({{"text-registers", 1}}));
+    EXPECT_EQ(violations_with_vectors(folder, three + vector_output(3, 34, 4)), json({{"text-registers", 1}}));
+    EXPECT_EQ(violations_with_vectors(folder, three + vector_output(3, 3, 4) + vector_output(4, 4, 4)),
+              json({{"text-registers", 1}}));
+}
+
+// ---- Any bytes beside a trace --------------------------------------------------------------------------
+
+namespace
+{
+
+// Some pieces of the text taken out, doubled, exchanged or replaced by other bytes.
+std::string spoilt(std::string text, uint64_t seed)
+{
+    const auto next = [&seed](size_t below) {
+        seed = seed * 6364136223846793005u + 1442695040888963407u;
+        return static_cast<size_t>(seed >> 33) % std::max<size_t>(below, 1);
+    };
+    static const std::string MARKS[] = {"(",     ")",      ":",     ",",      "0x",
+                                        " ",     "\n",     "(seq:", "{name:", "} (I:",
+                                        "Input", "Output", "\x1b[", "\0",     "99999999999999999999",
+                                        "-1",    "RTW"};
+    for (size_t changes = 1 + next(6); changes > 0; changes--) {
+        const size_t at = next(text.size()), length = next(40);
+        switch (next(4)) {
+        case 0:
+            text.erase(at, length);
+            break;
+        case 1:
+            text.insert(at, text.substr(next(text.size()), length));
+            break;
+        case 2:
+            text.insert(at, MARKS[next(std::size(MARKS))]);
+            break;
+        default:
+            text[at] = static_cast<char>(next(256));
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(check_text, ends_in_order_on_any_text)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", described_trace()), text = described_text();
+    size_t with_findings = 0;
+    for (uint64_t seed = 1; seed <= 300; seed++) {
+        const std::string beside = folder.text("text0", spoilt(text, seed));
+        const Outcome outcome = qtrace({seed % 2 == 0 ? "check" : "dump", "--text", beside, file});
+        ASSERT_TRUE(outcome.exit_code == 0 || outcome.exit_code == 1 || outcome.exit_code == 3) << seed;
+        EXPECT_EQ((outcome.out + outcome.err).find('\x1b'), std::string::npos) << seed;
+        with_findings += outcome.exit_code != 0;
+    }
+    EXPECT_GT(with_findings, 120u);
+}
+
+TEST(check_pte, ends_in_order_on_any_entries)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", described_trace());
+    std::string entries;
+    for (const uint64_t word : {0x100, 0, 0, 0x200, 0x12008, 0x10000, 0x20000, 0x30000, 0x40000, 0x70000})
+        for (int shift = 56; shift >= 0; shift -= 8)
+            entries += static_cast<char>(word >> shift);
+    for (uint64_t seed = 1; seed <= 200; seed++) {
+        const std::string beside = folder.text("pte0", spoilt(entries, seed));
+        const std::vector<std::string> commands[] = {{"check", "--pte", beside, file},
+                                                     {"dump", "--pte", beside, "--kind", "radix"},
+                                                     {"dump", "--pte", beside, "--kind", "hpt"},
+                                                     {"dump", "--pte", beside}};
+        const int code = qtrace(commands[seed % 4]).exit_code;
+        ASSERT_TRUE(code == 0 || code == 1 || code == 3) << seed;
+    }
 }

@@ -354,6 +354,8 @@ void Text_Checker::compare(const QTRACE_Item &item, const Text_Line &line)
 namespace
 {
 
+constexpr uint16_t VECTOR_REGISTERS = 32; // vector-scalar ones have the same numbers, and higher ones
+
 // The text lists both kinds of 128-bit registers under one letter, vector registers first. A list that is full in
 // the record may have been longer in the simulator by one, and the text then shows that one too. Where the
 // vector-scalar ones begin:
@@ -361,8 +363,10 @@ size_t scalar_vectors_begin(const QTRACE_REGISTERS &registers, const Register_Cl
                             const Register_Class &scalars, const std::vector<Text_Register> &listed)
 {
     const unsigned before = vectors.entries(registers), after = scalars.entries(registers);
-    if (before < vectors.capacity || after == 0 || listed.size() <= before + after)
+    if (before < vectors.capacity || listed.size() <= before + after)
         return before;
+    if (after == 0) // then a fourth is a vector register, unless its number says otherwise
+        return listed.size() == before + 1 && listed[before].index < VECTOR_REGISTERS ? before + 1 : before;
     const bool both_full = after == scalars.capacity && listed.size() == before + after + 1;
     return both_full && listed[before].index == register_entry(scalars, registers, 0).index ? before : before + 1;
 }
