@@ -209,4 +209,41 @@ TEST_F(recovery, of_a_file_that_changes_copies_whole_blocks_or_nothing)
     }
 }
 
+// The same for a reader: at any moment of the reading the file grows, shrinks or changes.
+TEST_F(recovery, reading_a_file_that_changes_gives_nothing_that_was_not_written)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(9'000);
+    const std::string whole = bytes();
+    std::string other = whole;
+    for (const uint64_t block : block_offsets())
+        other[block + 80] ^= 4;
+    const std::pair<std::string, bool> changes[] = {{whole + whole.substr(16), true},           {whole + "x", true},
+                                                    {whole.substr(0, whole.size() / 2), false}, {"", false},
+                                                    {std::string(whole.size(), 0), false},      {other, false}};
+    for (const auto &[later, grows] : changes) {
+        size_t damaged = 0;
+        for (unsigned change = 1;; ++change) { // the first read is that of the file's beginning
+            put_bytes(whole);
+            unsigned reads = 0;
+            before_read = [&] {
+                if (reads++ == change)
+                    put_bytes(later);
+                return 0;
+            };
+            const Contents contents = read();
+            before_read = nullptr;
+            ASSERT_TRUE(contents.opened);
+            expect_subset(contents);
+            damaged += !contents.damages.empty();
+            if (grows || contents.damages.empty()) {
+                EXPECT_TRUE(contents.items == written_) << change;
+            }
+            if (reads <= change)
+                break;
+        }
+        EXPECT_EQ(damaged > 0, !grows);
+    }
+}
+
 } // namespace
