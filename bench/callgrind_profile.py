@@ -1,5 +1,6 @@
 """Runs programs under callgrind and reads what it wrote. Counts of instructions are the same from run to run."""
 
+import os
 import pathlib
 import re
 import subprocess
@@ -66,6 +67,23 @@ class Profile:
 
 def is_in(place, objects):
     return any(name in place[0] for name in objects)
+
+
+def run_windows(preload, size, ends, *command):
+    """The profiles of windows of `size` items of a trace, each before an item of these numbers. `preload` is
+    counted_windows.so; its own instructions are left out."""
+    with tempfile.TemporaryDirectory() as folder:
+        out = pathlib.Path(folder, "callgrind.out")
+        done = subprocess.run(["valgrind", "--tool=callgrind", "--instr-atstart=no", f"--callgrind-out-file={out}",
+                               *map(str, command)], capture_output=True, text=True,
+                              env={**os.environ, "LD_PRELOAD": str(preload),
+                                   "COUNTED_WINDOWS": " ".join(map(str, (size, *ends)))})
+        if done.returncode != 0:
+            sys.exit(f"{' '.join(map(str, command))}: {done.stderr}")
+        profiles = [Profile(f"{out}.{i + 1}") for i in range(len(ends))]
+    for profile in profiles:
+        profile.own = Counter({place: cost for place, cost in profile.own.items() if not is_in(place, (preload.name,))})
+    return profiles
 
 
 def run(*command, collect_at_start=True, accept=(0,)):

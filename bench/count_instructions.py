@@ -48,6 +48,13 @@ class Bench:
         help_text = subprocess.run([self.qtrace, subcommand, "--help"], capture_output=True, text=True, check=True).stdout
         return ["--jobs", str(count)] if "--jobs" in help_text else []
 
+    @functools.cache
+    def generated(self, records):
+        """A trace of a program that goes on reaching new code, pages and values."""
+        file = self.folder / f"generated-{records}"
+        subprocess.run([self.programs / "generated_trace", file, str(records), "1"], check=True, capture_output=True)
+        return file
+
     def trace(self, records):
         """The base name of a trace of boot-user's instructions, repeated as often as needed."""
         base = self.folder / f"trace-{records}-"

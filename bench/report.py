@@ -21,8 +21,10 @@ import count_instructions
 import thread_times
 from goals import GOALS, STREAMS, Measured, is_failure, verdict
 
-GROWTH_RECORDS = (20_000, 100_000, 1_000_000)  # callgrind takes a minute for the last one
-JOBS_RECORDS = 10_000_000
+RECORDS = 10_000_000  # of the generated trace: growth and jobs
+GROWTH_ENDS = (100_000, 1_000_000, RECORDS)
+GROWTH_WINDOW = 100_000  # records counted before each of these
+JOBS_REPETITIONS = 3
 
 
 class Measurements:
@@ -43,7 +45,7 @@ class Measurements:
         self.instructions = json.loads((folder / "instructions.json").read_text())
         self.own = Own_Times(folder / "own_time.json")
         self.bench = bench
-        self.growth = {"stats": marginal_costs(bench, "stats")}
+        self.growth = {"stats": costs_along(bench, "stats")}
         self._one_job = {}
 
     def nanoseconds(self, name):
@@ -76,23 +78,26 @@ class Measurements:
         if not self.bench.jobs(subcommand):
             return None
         if tool not in self._one_job:
-            files = [f"{self.bench.trace(JOBS_RECORDS)}0"] * (2 if tool == "diff" else 1)
-            one, two = (thread_times.run(self.bench.qtrace, subcommand, *options, *self.bench.jobs(subcommand, jobs), *files,
-                                         accept=(0, 3)) for jobs in (1, 2))
-            self._one_job[tool] = {"busiest": sum(two[:2]) / sum(one), "total": sum(two) / sum(one)}
-        return Measured(self._one_job[tool][what])
+            files = [self.bench.generated(RECORDS)] * (2 if tool == "diff" else 1)
+            self._one_job[tool] = defaultdict(list)
+            for _ in range(JOBS_REPETITIONS):
+                one, two = (thread_times.run(self.bench.qtrace, subcommand, *options, *self.bench.jobs(subcommand, jobs),
+                                             *files, accept=(0, 3)) for jobs in (1, 2))
+                self._one_job[tool]["busiest"].append(sum(two[:2]) / sum(one))
+                self._one_job[tool]["total"].append(sum(two) / sum(one))
+        low, median, high = quartiles(self._one_job[tool][what])
+        return Measured(median, low, high)
 
 
 def quartiles(values):
     return statistics.quantiles(values, n=4) if len(values) > 1 else [values[0]] * 3
 
 
-def marginal_costs(bench, *command):
-    """Instructions per record between each two sizes of a trace, so that the start of the program does not count."""
-    totals = [callgrind_profile.run(bench.qtrace, *command, *bench.jobs(command[0]), f"{bench.trace(records)}0")[0].total()
-              for records in GROWTH_RECORDS]
-    return [(more - less) / (GROWTH_RECORDS[i + 1] - GROWTH_RECORDS[i])
-            for i, (less, more) in enumerate(zip(totals, totals[1:]))]
+def costs_along(bench, *command):
+    """Instructions per record at some places of a long trace: of the first records, and of the last ones before each place."""
+    profiles = callgrind_profile.run_windows(bench.programs / "counted_windows.so", GROWTH_WINDOW, GROWTH_ENDS, bench.qtrace,
+                                             *command, *bench.jobs(command[0]), bench.generated(RECORDS))
+    return [profile.total() / GROWTH_WINDOW for profile in profiles]
 
 
 class Own_Times:
