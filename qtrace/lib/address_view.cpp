@@ -34,7 +34,7 @@ const std::array<Pair_Info, 16> PAIRS = {{
 }};
 
 // clang-format off
-const std::array<Mode_Info, 39> MODES = {{
+static constexpr Mode_Info MODE_ROWS[] = {
     /*  0 */ {"RADIX_MODE_NOT_YET_SET", {3, 3}},
     /*  1 */ {"NOT_Radix", {3, 3}},
     /*  2 */ {"OffsetReal", {3, 3}},
@@ -74,8 +74,9 @@ const std::array<Mode_Info, 39> MODES = {{
     /* 36 */ {"POSSIBLE_HYPERVISOR_Radix", {3, 3}},
     /* 37 */ {"RDX_XLATE_MODE_LAST", {0, 0}},
     /* 38 */ {"Unknown", {3, 3}},
-}};
+};
 // clang-format on
+const std::span<const Mode_Info> MODES = MODE_ROWS;
 
 Mode_Pair pair_of_mode(std::string_view name)
 {

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -21,7 +22,7 @@ struct Mode_Info {
 };
 // By the mode's number; the last row stands for every number above. Kept apart from the producer's own list on
 // purpose: `check --text` would not notice a mistake that both read from one table.
-extern const std::array<Mode_Info, 39> MODES;
+extern const std::span<const Mode_Info> MODES;
 
 // The pair of a mode by its name; none/none for a name that is no mode's.
 Mode_Pair pair_of_mode(std::string_view name);

@@ -1,8 +1,8 @@
 #!/bin/sh
-# recipes_test.sh SOURCE: follows the recipes of CONTRIBUTING.md in a copy of the tree: a subcommand is a file and a row,
-# an output format a file, a trace invariant a row.
+# recipes_test.sh SOURCE REPLAY PLUGIN: follows the recipes of CONTRIBUTING.md in a copy of the tree: a subcommand is a
+# file and a row, an output format a file, a trace invariant a row, and so is what the tools know of a translation mode.
 set -eu
-source=$1
+source=$1 replay=$2 plugin=$3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 mkdir "$folder/tree"
@@ -62,6 +62,8 @@ END
 sed -i 's|^const Record_Rule RECORD_RULES\[\] = {|&\n    {"word-zero", "the instruction word is 0", "", [](const Record_View \&v) { return v.record.header.instruction == 0; }},|' \
     tools/checks/check_rules.cpp
 
+sed -i 's|^    /\* 38 \*/ {"Unknown", {3, 3}},|    {"Z9_New", {3, 0}},\n&|' qtrace/lib/address_view.cpp
+
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DQT_TESTS=OFF -DQT_BENCHMARKS=OFF >/dev/null
 cmake --build build --target qtrace >log || { cat log; exit 1; }
 tool=build/bin/qtrace
@@ -70,3 +72,12 @@ test "$($tool greet)" = greetings
 $tool --help | grep -q '^  greet'
 $tool check --rules | grep -q '^word-zero  *the instruction word is 0$'
 test "$($tool dump --format words "$trace" | grep -c '^[0-9a-f]\{8\}$')" -gt 0
+
+# A text trace that names the new mode instead of the one that it translates like.
+mkdir session && cp "$plugin" session/plugin_qtbin.so
+(cd session && "$replay" "$source/tests/golden/host_radix/stream.jsonl" "$source/tests/golden/host_radix/console" >log)
+grep -q Z7_HostRadixSingleLevel session/text0
+sed 's/Z7_HostRadixSingleLevel\b/Z9_New/g' session/text0 >session/new0
+$tool check --text session/new0 session/trace0 | grep -q 'all invariants hold$'
+sed 's/Z7_HostRadixSingleLevel\b/Z9_Newer/g' session/text0 >session/newer0
+$tool check --text session/newer0 session/trace0 | grep -q 'text-instruction-mode'
