@@ -140,6 +140,14 @@ template <class Slot> void prefetch(const Slot &slot)
         __builtin_prefetch(reinterpret_cast<const uint8_t *>(&slot) + at, 1);
 }
 
+// The same slot, whose address stays in a processor register: the compiler would compute it anew at each use.
+template <class Slot> Slot &kept(Slot &slot)
+{
+    Slot *place = &slot;
+    asm("" : "+r"(place));
+    return *place;
+}
+
 // What later accesses at `near` are expected to give: the first output, or what the instruction may have stored.
 template <class Registers> void remember_memory(Predictor &predictor, const Registers &places, uint64_t near)
 {
@@ -469,7 +477,7 @@ template <class Registers> void Encoder::add_record(const QTRACE_RECORD &record,
     const uint64_t control = control_in(record);
     const uint32_t word = record.header.instruction;
     Code_Slot &code = predictor.code_at(predictor.address);
-    Shape_Slot &shape = predictor.shape_of(word);
+    Shape_Slot &shape = kept(predictor.shape_of(word));
     prefetch(shape);
     const bool uncommon = !surely_common_ && has_uncommon(record); // long enough for the slots to arrive
     unsigned op = uncommon ? more(MORE_ESCAPE) : 0;
@@ -532,7 +540,7 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
     Code_Slot &code = predictor.code_at(predictor.address);
     const uint32_t word = op & OP_WORD ? source(COLUMN_WORD).number<uint32_t>() : code.word;
     record.header.instruction = word;
-    Shape_Slot &shape = predictor.shape_of(word);
+    Shape_Slot &shape = kept(predictor.shape_of(word));
     const uint64_t control = op & OP_CONTROL ? decode_control() : shape.control;
     store(&record.header.control, control);
     translations_filled_ = !without_translations_ || (more & MORE_ESCAPE) != 0; // rare members may add to them
