@@ -1,8 +1,13 @@
 #include "header_comment.h"
+#include "item_scan.h"
+#include "json_writer.h"
 #include "qtrace_jobs.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_files.h"
+
+#include <algorithm>
+#include <functional>
 
 namespace qtrace_tool
 {
@@ -19,122 +24,57 @@ struct Placed_Header {
     std::string comment;
 
     bool is_full() const { return header.control.iar_is_present; }
+    size_t size() const { return sizeof *this + comment.size(); }
 };
 
-// Reads the payloads of all blocks too, so that the summary knows of every damaged place.
-void verify(Tool_Run &run, const Trace_File &file, unsigned jobs, QTRACE_Info &info)
-{
-    if (qtrace_verify_by(file.reader(), jobs, &info) != 0)
-        run.fail(qtrace_error(file.reader()));
-}
-
-// Finds the headers of a file. Runs of records without any are not decoded: two places with the same number of
-// headers before them have none between.
-class Header_Finder
+// What a group of blocks has, and its headers.
+class Header_Sink : public Item_Sink
 {
 public:
-    // The summary is replaced when damage comes up that it does not know of.
-    Header_Finder(Tool_Run &run, Trace_File &file, unsigned jobs, QTRACE_Info &info)
-        : run_(run), file_(file), jobs_(jobs), info_(info)
+    void begin(const Group_Start &) override {}
+    void header(const QTRACE_Item &item) override
     {
+        headers.push_back({item.header_number, item.record_number, item.header,
+                           item.header.comment != nullptr ? std::string(item.header.comment) : ""});
+        size_ += headers.back().size();
+        set_full(size_ >= MOST_KEPT);
+    }
+    void record(const QTRACE_Item &) override { records++; }
+    void loss(const QTRACE_Item &item, const std::string &) override
+    {
+        is_damage(item.discontinuity) ? damaged_places++ : left_out++;
+    }
+    // It was merged.
+    void clear()
+    {
+        headers.clear();
+        records = damaged_places = left_out = size_ = 0;
     }
 
-    std::vector<Placed_Header> find()
-    {
-        if (info_.damaged_places == 0)
-            search(0, info_.records, 0, info_.headers);
-        else
-            collect(info_.records);
-        if (info_.damaged_places == 0 && !file_.losses().empty())
-            find_among_damage();
-        return std::move(headers_);
-    }
+    std::vector<Placed_Header> headers;
+    uint64_t records = 0, damaged_places = 0, left_out = 0;
 
 private:
-    // So few records that decoding them costs less than looking for a place between them.
-    static constexpr uint64_t FEW_RECORDS = 4096;
+    static constexpr uint64_t MOST_KEPT = 1 << 18; // bytes
 
-    void search(uint64_t from, uint64_t to, uint64_t headers_before, uint64_t headers_after);
-    void collect(uint64_t end);
-    void find_among_damage();
-    uint64_t headers_before(uint64_t record);
-
-    Tool_Run &run_;
-    Trace_File &file_;
-    unsigned jobs_;
-    QTRACE_Info &info_;
-    std::vector<Placed_Header> headers_;
+    uint64_t size_ = 0;
 };
 
-// Headers before the records `from` to `to` - 1, of which `headers_before` stand before record `from` and
-// those before it, without the ones directly before it.
-void Header_Finder::search(uint64_t from, uint64_t to, uint64_t before, uint64_t after)
-{
-    if (before == after)
-        return;
-    if (to - from <= FEW_RECORDS) {
-        if (info_.records == 0 || file_.seek(from))
-            collect(to);
-        return;
-    }
-    const uint64_t middle = from + (to - from) / 2;
-    const uint64_t at_middle = headers_before(middle);
-    search(from, middle, before, at_middle);
-    search(middle, to, at_middle, after);
-}
-
-// From the place of the reader up to record `end`; at the end of the file also what follows its last record.
-void Header_Finder::collect(uint64_t end)
-{
-    const bool to_the_end = end >= info_.records;
-    while (const QTRACE_Item *item = file_.next()) {
-        if (item->record_number >= end && !to_the_end)
-            break;
-        if (item->kind == QTRACE_ITEM_HEADER)
-            headers_.push_back({item->header_number, item->record_number, item->header,
-                                item->header.comment != nullptr ? std::string(item->header.comment) : ""});
-    }
-}
-
-// Damage that block headers do not show came up: places tell nothing about numbers then.
-void Header_Finder::find_among_damage()
-{
-    headers_.clear();
-    verify(run_, file_, jobs_, info_);
-    if (file_.seek(0))
-        collect(info_.records);
-}
-
-uint64_t Header_Finder::headers_before(uint64_t record)
-{
-    const QTRACE_Item *item = file_.seek(record) ? file_.next() : nullptr;
-    return item != nullptr ? item->header_number : info_.headers;
-}
-
-// What `info` says about one file.
+// What `info` says about one file, or a range of its records.
 struct File_Summary {
     QTRACE_Info info;
-    std::vector<Placed_Header> headers;
-    uint64_t full_headers = 0;
+    uint64_t headers = 0, full_headers = 0;
+    // Those to be listed, unless they are too many to be kept.
+    std::vector<Placed_Header> kept;
+    bool all_kept = true;
 
     uint64_t gaps() const { return full_headers > 0 ? full_headers - 1 : 0; }
-    uint64_t partition_changes() const { return headers.size() - full_headers; }
+    uint64_t partition_changes() const { return headers - full_headers; }
     double bytes_per_record() const
     {
         return info.records == 0 ? 0.0 : static_cast<double>(info.size) / static_cast<double>(info.records);
     }
 };
-
-File_Summary summarise(Tool_Run &run, Trace_File &file, bool verified, unsigned jobs)
-{
-    File_Summary summary{file.info(), {}, 0};
-    if (verified)
-        verify(run, file, jobs, summary.info);
-    summary.headers = Header_Finder(run, file, jobs, summary.info).find();
-    for (const Placed_Header &header : summary.headers)
-        summary.full_headers += header.is_full();
-    return summary;
-}
 
 std::string join(const std::vector<std::string> &words)
 {
@@ -194,38 +134,251 @@ class Info_Command : public Command
 public:
     void declare(Options &app) override
     {
+        options_ = &app;
         declare_files(app, files_);
         app.add_flag("--verify", verify_, "read all blocks, not only their headers, for damage");
         declare_number(app, "--headers", limit_, "full headers to list (of each file; all with --json)")
             ->default_str("10");
         declare_jobs(app, jobs_);
+        declare_range(app, range_);
+        app.describe("--from", "with --verify: number of the first record, from 0 (of each file)");
+        app.describe("--count", "with --verify: records to read (of each file)");
     }
 
-    void run(Tool_Run &run) override
-    {
-        for (const std::string &name : traces_of(run, files_))
-            if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
-                tell(run, *file);
-    }
+    void run(Tool_Run &run) override;
 
 private:
-    void tell(Tool_Run &run, Trace_File &file) const
-    {
-        const File_Summary summary = summarise(run, file, verify_, jobs_);
-        if (!summary.info.clean_end || summary.info.damaged_places > 0)
-            run.found();
-        run.show([&] { print_text(run.out, file.name(), summary); },
-                 [&] { print_json(run.out, file.name(), summary); });
-        run.out.settle();
-    }
-    void print_text(Output &out, const std::string &name, const File_Summary &summary) const;
-    static void print_json(Output &out, const std::string &name, const File_Summary &summary);
+    // How the items of a file are read.
+    struct Reading {
+        bool only_headers; // blocks without headers are passed over
+        bool is_range;     // only what the user chose
+        bool is_silent;    // damage is not told
+    };
+    // Headers that are listed: of so many full ones before it.
+    using Wanted = std::function<bool(const Placed_Header &header, uint64_t full_before)>;
+    using Visit = std::function<void(const Placed_Header &header)>;
 
+    void tell(Tool_Run &run, Trace_File &file) const;
+    void verify(Tool_Run &run, const Trace_File &file, QTRACE_Info &info) const;
+    void scan_headers(Tool_Run &run, Trace_File &file, const Reading &reading,
+                      const std::function<void(Header_Sink &)> &merge) const;
+    Reading summarise(Tool_Run &run, Trace_File &file, const Wanted &wanted, File_Summary &summary) const;
+    uint64_t count(Tool_Run &run, Trace_File &file, const Reading &reading, const Wanted &wanted,
+                   File_Summary &summary) const;
+    void list(Tool_Run &run, Trace_File &file, Reading reading, const Wanted &wanted, const File_Summary &summary,
+              const Visit &visit) const;
+    void print_text(Output &out, const std::string &name, const File_Summary &summary) const;
+
+    const Options *options_ = nullptr;
     std::vector<std::string> files_;
     uint64_t limit_ = 10;
     bool verify_ = false;
+    bool is_range_ = false; // records were chosen
+    Record_Range range_;
     unsigned jobs_ = 1;
 };
+
+void Info_Command::run(Tool_Run &run)
+{
+    const std::vector<std::string> given = options_->given();
+    for (const char *const name : {"--from", "--count"})
+        is_range_ |= std::ranges::find(given, name) != given.end();
+    if (is_range_ && !verify_)
+        throw Usage_Error("--from and --count need --verify: without it no records are read");
+    for (const std::string &name : traces_of(run, files_))
+        if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name))
+            tell(run, *file);
+}
+
+// Reads the payloads of all blocks too, so that the summary knows of every damaged place.
+void Info_Command::verify(Tool_Run &run, const Trace_File &file, QTRACE_Info &info) const
+{
+    if (qtrace_verify_by(file.reader(), jobs_, &info) != 0)
+        run.fail(qtrace_error(file.reader()));
+}
+
+void Info_Command::scan_headers(Tool_Run &run, Trace_File &file, const Reading &reading,
+                                const std::function<void(Header_Sink &)> &merge) const
+{
+    Scan_Options options;
+    options.jobs = jobs_;
+    options.range = reading.is_range ? range_ : Record_Range{};
+    options.silent = reading.is_silent;
+    options.headers_only = reading.only_headers;
+    if (reading.only_headers)
+        options.blocks = 1;
+    scan<Header_Sink>(
+        run, file, options, [&] { return std::make_unique<Header_Sink>(); },
+        [&](Header_Sink &group) {
+            merge(group);
+            group.clear();
+            return true;
+        });
+}
+
+// Counts what the file has, and keeps the headers that are wanted. Returns the damaged places that were met.
+uint64_t Info_Command::count(Tool_Run &run, Trace_File &file, const Reading &reading, const Wanted &wanted,
+                             File_Summary &summary) const
+{
+    static constexpr size_t MOST_KEPT = 1 << 20; // bytes
+    uint64_t records = 0, damaged_places = 0, left_out = 0;
+    size_t size = 0;
+    scan_headers(run, file, reading, [&](Header_Sink &group) {
+        for (Placed_Header &header : group.headers) {
+            const bool is_wanted = wanted(header, summary.full_headers);
+            summary.headers++;
+            summary.full_headers += header.is_full();
+            size += is_wanted ? header.size() : 0;
+            summary.all_kept &= size <= MOST_KEPT;
+            if (is_wanted && summary.all_kept)
+                summary.kept.push_back(std::move(header));
+        }
+        records += group.records;
+        damaged_places += group.damaged_places;
+        left_out += group.left_out;
+    });
+    if (reading.is_range) {
+        summary.info.records = records;
+        summary.info.headers = summary.headers;
+        summary.info.damaged_places = damaged_places;
+        summary.info.left_out = left_out;
+    }
+    return damaged_places;
+}
+
+// The blocks that hold records of the range.
+void count_blocks(std::span<const QTRACE_Block> blocks, const Record_Range &range, QTRACE_Info &info)
+{
+    info.blocks = info.size = 0;
+    for (const QTRACE_Block &block : blocks) {
+        const bool begins_after = range.ends_before(block.first_record);
+        if (block.first_record + block.records <= range.first || begins_after)
+            continue;
+        info.blocks++;
+        info.size += block.size;
+    }
+}
+
+// Returns how the headers were found.
+Info_Command::Reading Info_Command::summarise(Tool_Run &run, Trace_File &file, const Wanted &wanted,
+                                              File_Summary &summary) const
+{
+    // So few records that decoding them costs less than looking for the headers.
+    static constexpr uint64_t FEW_RECORDS = 4096;
+    const Reading everything{false, is_range_, false};
+    if (is_range_) {
+        count(run, file, everything, wanted, summary);
+        count_blocks(file.blocks(), range_, summary.info);
+        return everything;
+    }
+    if (verify_)
+        verify(run, file, summary.info);
+    if (summary.info.damaged_places == 0) {
+        const Reading quick{summary.info.records > FEW_RECORDS, false, true};
+        if (count(run, file, quick, wanted, summary) == 0)
+            return quick;
+        // Damage that block headers do not show came up.
+        summary = {file.info(), 0, 0, {}, true};
+        verify(run, file, summary.info);
+    }
+    count(run, file, everything, wanted, summary);
+    return everything;
+}
+
+void Info_Command::list(Tool_Run &run, Trace_File &file, Reading reading, const Wanted &wanted,
+                        const File_Summary &summary, const Visit &visit) const
+{
+    if (summary.all_kept) {
+        std::ranges::for_each(summary.kept, visit);
+        return;
+    }
+    uint64_t full = 0;
+    reading.is_silent = true;
+    scan_headers(run, file, reading, [&](const Header_Sink &group) {
+        for (const Placed_Header &header : group.headers) {
+            if (wanted(header, full))
+                visit(header);
+            full += header.is_full();
+        }
+        run.out.settle();
+    });
+}
+
+void print_json_header(Json_Writer &json, const Placed_Header &placed)
+{
+    const QTRACE_FILE_HDR &header = placed.header;
+    json.object([&] {
+        json.member("header", placed.number);
+        json.member("before_record", placed.before_record);
+        json.member("full", placed.is_full());
+        json.member("lpid", Json_Hex{number(header.lpid)});
+        json.member("pid", number(header.pid));
+        if (!placed.is_full())
+            return;
+        json.member("address", Json_Hex{number(header.iar)});
+        json.member("ptcr", Json_Hex{number(header.ptcr)});
+        json.member("sdr1", Json_Hex{number(header.sdr1)});
+        json.member("comment", Json_Bytes{placed.comment});
+    });
+}
+
+void put_members(Json_Writer &json, const std::string &name, const File_Summary &summary)
+{
+    const QTRACE_Info &info = summary.info;
+    json.member("file", std::string_view(name));
+    json.member("format_version", info.format_version);
+    json.member("compression", std::string_view(info.compression == 1 ? "zstd" : "none"));
+    json.member("records", info.records);
+    json.member("headers", info.headers);
+    json.member("full_headers", summary.full_headers);
+    json.member("partition_changes", summary.partition_changes());
+    json.member("gaps", summary.gaps());
+    json.member("size", info.size);
+    json.member("blocks", info.blocks);
+    json.member("bytes_per_record", Json_Fixed{summary.bytes_per_record(), 3});
+    json.member("clean_end", info.clean_end != 0);
+    json.member("damaged_places", info.damaged_places);
+    json.member("left_out", info.left_out);
+    json.member("open_end", info.open_end != 0);
+}
+
+void Info_Command::tell(Tool_Run &run, Trace_File &file) const
+{
+    if (!file.has_record(range_.first))
+        return run.fail(file.no_record(range_.first));
+    Wanted wanted;
+    run.show(
+        [&] {
+            wanted = [this](const Placed_Header &header, uint64_t full) {
+                return header.is_full() && full < limit_;
+            };
+        },
+        [&] { wanted = [](const Placed_Header &, uint64_t) { return true; }; });
+    File_Summary summary{file.info(), 0, 0, {}, true};
+    const Reading reading = summarise(run, file, wanted, summary);
+    if (!summary.info.clean_end || summary.info.damaged_places > 0)
+        run.found();
+    run.show(
+        [&] {
+            print_text(run.out, file.name(), summary);
+            list(run, file, reading, wanted, summary,
+                 [&](const Placed_Header &header) { print_full_header(run.out, header); });
+            if (limit_ < summary.full_headers)
+                run.out.print("  ... and {} more full headers (--headers N lists N)\n",
+                              summary.full_headers - limit_);
+        },
+        [&] {
+            Json_Writer json(run.out);
+            json.line([&] {
+                put_members(json, file.name(), summary);
+                json.array("header_list", [&] {
+                    list(run, file, reading, wanted, summary,
+                         [&](const Placed_Header &header) { print_json_header(json, header); });
+                });
+            });
+        });
+    run.out.settle();
+}
 
 void Info_Command::print_text(Output &out, const std::string &name, const File_Summary &summary) const
 {
@@ -235,50 +388,16 @@ void Info_Command::print_text(Output &out, const std::string &name, const File_S
     out.paint(Colour::plain);
     out.print("\n  format       version {}, blocks compressed with {}\n", info.format_version,
               info.compression == 1 ? "zstd" : "nothing");
-    out.print("  records      {}\n", info.records);
-    out.print("  headers      {}: {} full, {} for partition changes\n", summary.headers.size(),
-              summary.full_headers, summary.partition_changes());
+    out.print("  records      {}", info.records);
+    if (is_range_)
+        out.print(", from number {} on", range_.first);
+    out.print("\n  headers      {}: {} full, {} for partition changes\n", summary.headers, summary.full_headers,
+              summary.partition_changes());
     out.print("  gaps         {}{}\n", summary.gaps(),
               summary.gaps() == 0 ? "" : " (tracing was paused and resumed that often)");
     out.print("  size         {} ({}) in {}, {:.2f} bytes a record\n", info.size, bytes_in_words(info.size),
               counted(info.blocks, "block"), summary.bytes_per_record());
     print_ending(out, info);
-    uint64_t listed = 0;
-    for (const Placed_Header &header : summary.headers)
-        if (header.is_full() && listed < limit_) {
-            print_full_header(out, header);
-            listed++;
-        }
-    if (listed < summary.full_headers)
-        out.print("  ... and {} more full headers (--headers N lists N)\n", summary.full_headers - listed);
-}
-
-void Info_Command::print_json(Output &out, const std::string &name, const File_Summary &summary)
-{
-    const QTRACE_Info &info = summary.info;
-    out.put("{\"file\":");
-    print_json_text(out, name);
-    out.print(",\"format_version\":{},\"compression\":\"{}\",\"records\":{},\"headers\":{},\"full_headers\":{},"
-              "\"partition_changes\":{},\"gaps\":{},\"size\":{},\"blocks\":{},\"bytes_per_record\":{:.3f},"
-              "\"clean_end\":{},\"damaged_places\":{},\"left_out\":{},\"open_end\":{},\"header_list\":[",
-              info.format_version, info.compression == 1 ? "zstd" : "none", info.records, info.headers,
-              summary.full_headers, summary.partition_changes(), summary.gaps(), info.size, info.blocks,
-              summary.bytes_per_record(), info.clean_end != 0, info.damaged_places, info.left_out,
-              info.open_end != 0);
-    bool first = true;
-    for (const Placed_Header &placed : summary.headers) {
-        out.print("{}{{\"header\":{},\"before_record\":{},\"full\":{},\"lpid\":\"0x{:x}\",\"pid\":{}",
-                  first ? "" : ",", placed.number, placed.before_record, placed.is_full(),
-                  number(placed.header.lpid), number(placed.header.pid));
-        first = false;
-        if (placed.is_full()) {
-            out.print(",\"address\":\"0x{:x}\",\"ptcr\":\"0x{:x}\",\"sdr1\":\"0x{:x}\",\"comment\":",
-                      number(placed.header.iar), number(placed.header.ptcr), number(placed.header.sdr1));
-            print_json_bytes(out, placed.comment);
-        }
-        out.put('}');
-    }
-    out.put("]}\n");
 }
 
 } // namespace
