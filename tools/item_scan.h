@@ -74,6 +74,8 @@ public:
     // Passes over everything before the block of that number; there may be none.
     void pass_to_block(uint64_t block);
     const QTRACE_FILE_HDR *context() const { return items_.context(); }
+    // False: an error ended the reading, and the run has been told.
+    bool is_readable() const { return items_.error().empty(); }
 
 private:
     const QTRACE_Item *next_after(const QTRACE_Item *item);

@@ -135,20 +135,19 @@ std::vector<std::string> traces_of(Tool_Run &run, const std::vector<std::string>
     return files;
 }
 
-Trace_File::Trace_File(Tool_Run &run, const std::string &name, Index index, bool silent)
-    : run_(run), name_(name), silent_(silent), index_(std::move(index)), reader_(another_reader()),
-      info_(*qtrace_index_info(index_.get()))
+Trace_File::Trace_File(const std::string &name, Index index)
+    : name_(name), index_(std::move(index)), reader_(another_reader()), info_(*qtrace_index_info(index_.get()))
 {
 }
 
-std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &name, bool silent)
+std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &name)
 {
     char *reason = nullptr;
     Index index(qtrace_index_open(name.c_str(), &reason));
     const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
     std::unique_ptr<Trace_File> file;
     if (index)
-        file.reset(new Trace_File(run, name, std::move(index), silent));
+        file.reset(new Trace_File(name, std::move(index)));
     if (file && file->reader_)
         return file;
     run.fail(reason != nullptr ? std::string_view(reason) : "out of memory");
@@ -175,29 +174,6 @@ std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuit
         text += fmt::format(" ({}{} {} lost)", least, counted(what.records, "record"),
                             what.records == 1 ? "is" : "are");
     return text;
-}
-
-const QTRACE_Item *Trace_File::next_after(QTRACE_ITEM kind, const QTRACE_Item *item)
-{
-    for (; kind == QTRACE_ITEM_DISCONTINUITY; kind = qtrace_next(reader_.get(), &item))
-        if (is_damage(item->discontinuity))
-            note_loss(item->discontinuity);
-    if (kind == QTRACE_ITEM_ERROR) {
-        readable_ = false;
-        run_.fail(qtrace_error(reader_.get()));
-    }
-    return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : nullptr;
-}
-
-// A place is met again when the reader goes back before it.
-void Trace_File::note_loss(const QTRACE_Discontinuity &damage)
-{
-    if (std::ranges::find(losses_, damage.offset, &Loss::offset) != losses_.end())
-        return;
-    std::string text = describe_loss(reader_.get(), damage);
-    losses_.push_back({damage.offset, text});
-    if (!silent_)
-        run_.warn(text);
 }
 
 std::vector<std::unique_ptr<Trace_File>> open_traces(Tool_Run &run, const std::vector<std::string> &names)

@@ -44,13 +44,12 @@ using trace::is_damage;
 // Where, why, and how many records are lost, as far as known: of the discontinuity that was delivered last.
 std::string describe_loss(const QTRACE_Reader *reader, const QTRACE_Discontinuity &what);
 
-// An open trace file. Damage is told to the run when it is met, and counted here.
+// An open trace file, by the headers of its blocks.
 class Trace_File
 {
 public:
-    // Null when the file cannot be read; the run has been told. A silent reader does not tell the run about losses:
-    // another one reads the same file.
-    static std::unique_ptr<Trace_File> open(Tool_Run &run, const std::string &name, bool silent = false);
+    // Null when the file cannot be read; the run has been told.
+    static std::unique_ptr<Trace_File> open(Tool_Run &run, const std::string &name);
 
     const std::string &name() const { return name_; }
     const QTRACE_Info &info() const { return info_; }
@@ -66,46 +65,19 @@ public:
     // A reader of the same file at its beginning, for another thread. Null when memory is short.
     Reader another_reader() const { return Reader(qtrace_open_with_index(index_.get())); }
 
-    // The next header or record; null at the end. Damage on the way has been reported.
-    const QTRACE_Item *next()
-    {
-        const QTRACE_Item *item = nullptr;
-        const QTRACE_ITEM kind = qtrace_next(reader_.get(), &item);
-        return kind == QTRACE_ITEM_HEADER || kind == QTRACE_ITEM_RECORD ? item : next_after(kind, item);
-    }
-    // Goes to that record, to the headers before it. False: there is none.
-    bool seek(uint64_t record) { return qtrace_seek(reader_.get(), record) == 0; }
-
-    // The header in force at the item delivered last; null before any.
-    const QTRACE_FILE_HDR *context() const { return qtrace_open_header(reader_.get()); }
     QTRACE_Reader *reader() const { return reader_.get(); }
-
-    // A place that could not be read.
-    struct Loss {
-        uint64_t offset;
-        std::string text; // where, why, and how many records, when that is known
-    };
-    // Those met so far, each once; a new one stands before the item delivered last.
-    const std::vector<Loss> &losses() const { return losses_; }
-    bool readable() const { return readable_; } // false after an error that ended the reading
 
 private:
     struct Index_Closer {
         void operator()(QTRACE_Index *index) const { qtrace_index_close(index); }
     };
     using Index = std::unique_ptr<QTRACE_Index, Index_Closer>;
-    Trace_File(Tool_Run &run, const std::string &name, Index index, bool silent);
-    const QTRACE_Item *next_after(QTRACE_ITEM kind, const QTRACE_Item *item);
-    void note_loss(const QTRACE_Discontinuity &damage);
+    Trace_File(const std::string &name, Index index);
 
-    Tool_Run &run_;
     std::string name_;
-    bool silent_;
     Index index_;
     Reader reader_;
     QTRACE_Info info_{};
-    std::vector<Loss> losses_;
-    bool readable_ = true;
 };
 
 // Readers of all traces that the names stand for; those that cannot be opened are left out.

@@ -218,6 +218,74 @@ TEST(diff_damage, files_after_one_another_end)
     EXPECT_EQ(difference(a, folder.text("c0", one))["only_a"], 9000);
 }
 
+// ---- Ranges --------------------------------------------------------------------------------------------
+
+TEST(diff_range, only_its_records_are_compared)
+{
+    const Folder folder;
+    Trace trace = numbered_trace(30000);
+    const std::string a = folder.write("old0", trace);
+    for (const size_t record : {0, 9999, 10000, 20000, 29999})
+        trace[1 + record].record.header.instruction ^= 0x100;
+    const std::string b = folder.write("new0", trace);
+    const auto differing = [&](const std::string &from, const std::string &count) {
+        const json counts = difference(a, b, {"--from", from, "--count", count});
+        EXPECT_EQ(counts["records_a"], counts["records_b"]);
+        return std::pair(counts["differing"].get<uint64_t>(), counts["records_a"].get<uint64_t>());
+    };
+    EXPECT_EQ(differing("0", "30000"), std::pair(uint64_t{5}, uint64_t{30000}));
+    EXPECT_EQ(differing("10000", "10000"), std::pair(uint64_t{1}, uint64_t{10000}));
+    EXPECT_EQ(differing("10001", "9999"), std::pair(uint64_t{0}, uint64_t{9999}));
+    EXPECT_EQ(differing("1", "9999"), std::pair(uint64_t{1}, uint64_t{9999}));
+    EXPECT_EQ(differing("29999", "100"), std::pair(uint64_t{1}, uint64_t{1}));
+    EXPECT_EQ(difference(a, b, {"--from", "20000"})["differences"][0]["record_a"], 20000);
+    EXPECT_EQ(qtrace({"diff", "--from", "10001", "--count", "9999", a, b}).exit_code, 0);
+}
+
+TEST(diff_range, has_the_headers_before_its_records_and_none_after)
+{
+    const Folder folder;
+    Trace trace = numbered_trace(3000);
+    trace.insert(trace.begin() + 1 + 1000, good_trace()[PARTITION]);
+    const std::string a = folder.write("old0", trace);
+    trace[1 + 1000].header.pid[0] ^= 1;
+    const std::string b = folder.write("new0", trace);
+    EXPECT_EQ(difference(a, b, {"--from", "1000", "--count", "5"})["kinds"], json({{"header", 1}}));
+    EXPECT_EQ(difference(a, b, {"--from", "990", "--count", "10"})["kinds"], NOTHING);
+    EXPECT_EQ(difference(a, b, {"--from", "1001"})["kinds"], NOTHING);
+}
+
+TEST(diff_range, counts_what_one_trace_lacks_by_numbers)
+{
+    const Folder folder;
+    const Trace trace = numbered_trace(30000);
+    const std::string whole = folder.write("old0", trace);
+    const std::string begun = folder.write("new0", {trace.begin(), trace.begin() + 1 + 20000});
+    const json counts = difference(whole, begun, {"--from", "19000", "--count", "3000"});
+    EXPECT_EQ(counts["only_a"], 2000);
+    EXPECT_EQ(counts["records_a"], 3000);
+    EXPECT_EQ(counts["records_b"], 1000);
+    EXPECT_EQ(difference(whole, begun, {"--from", "25000"})["only_a"], 5000);
+    std::string bytes = folder.contents("old0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    const std::string damaged = folder.text("damaged0", bytes), saved = folder.path("saved0");
+    const json lost = json::parse(qtrace({"recover", "--json", damaged, saved}).out)["lost_records"];
+    EXPECT_GT(lost, 1000);
+    EXPECT_EQ(difference(whole, saved, {"--from", "5", "--count", "29000"})["only_a"], lost);
+    EXPECT_EQ(difference(whole, damaged, {"--from", "5", "--count", "29000"})["only_a"], lost);
+    EXPECT_EQ(qtrace({"diff", "--count", "2000", whole, damaged}).err, "");
+}
+
+TEST(diff_range, beyond_both_traces_is_refused)
+{
+    const Folder folder;
+    const std::string a = folder.write("old0", numbered_trace(20));
+    const Outcome outcome = qtrace({"diff", "--from", "20", a, a});
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, HasSubstr("old0: no record 20: the file has 20\n"));
+}
+
 // ---- Output --------------------------------------------------------------------------------------------
 
 TEST(diff_output, shows_nothing_that_a_terminal_executes)

@@ -60,14 +60,17 @@ const std::vector<std::vector<std::string>> COMMANDS = {
     {"dump", "--json", "--from", "17000", "--count", "20000"},
     {"stats", "--from", "12345", "--count", "23456"},
     {"check", "--from", "12345", "--count", "23456"},
+    {"info"},
     {"info", "--verify"},
     {"info", "--verify", "--json"},
+    {"info", "--verify", "--from", "12345", "--count", "23456"},
 };
 
 const std::vector<std::vector<std::string>> COMPARISONS = {
     {"diff", "--limit", "30"},
     {"diff", "--json", "--limit", "100000"},
     {"diff", "--ignore", "header,missing"},
+    {"diff", "--json", "--limit", "1000", "--from", "12345", "--count", "33456"},
 };
 
 void expect_equal_output(const std::vector<std::string> &command, const std::vector<std::string> &files)

@@ -252,6 +252,54 @@ TEST(info, tells_a_cut_file_from_a_whole_one)
     EXPECT_THAT(outcome.out, HasSubstr("ends         not cleanly"));
 }
 
+TEST(info, a_range_is_verified_alone)
+{
+    const Folder folder;
+    Trace trace = long_trace(40000);
+    trace.insert(trace.begin() + 1 + 30000, good_trace()[PARTITION]);
+    trace.insert(trace.begin() + 1 + 9000, good_trace()[PARTITION]);
+    folder.write("trace0", trace);
+    std::string bytes = folder.contents("trace0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    const std::string file = folder.text("spoilt0", bytes);
+    const auto verified = [&](const std::string &from, const std::string &count) {
+        return qtrace({"info", "--verify", "--json", "--from", from, "--count", count, file});
+    };
+    const Outcome before = verified("8999", "2"), after = verified("30000", "10000");
+    EXPECT_EQ(before.exit_code, 0);
+    EXPECT_EQ(before.err, "");
+    const json first = json_lines(before.out).at(0), last = json_lines(after.out).at(0);
+    EXPECT_EQ(first["records"], 2);
+    EXPECT_EQ(first["headers"], 1);
+    EXPECT_EQ(first["header_list"][0]["before_record"], 9000);
+    EXPECT_EQ(after.exit_code, 0);
+    EXPECT_EQ(last["records"], 10000);
+    EXPECT_EQ(last["header_list"][0]["before_record"], 30000);
+    EXPECT_EQ(last["damaged_places"], 0);
+    const Outcome across = verified("9001", "20999");
+    EXPECT_EQ(across.exit_code, 3);
+    EXPECT_THAT(across.err, HasSubstr("the block's checksum does not match"));
+    EXPECT_EQ(json_lines(across.out).at(0)["damaged_places"], 1);
+    EXPECT_EQ(json_lines(across.out).at(0)["headers"], 0);
+    EXPECT_LT(json_lines(across.out).at(0)["records"], 20999);
+}
+
+TEST(info, a_range_needs_records_to_be_read)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_trace(50));
+    for (const char *option : {"--from", "--count"}) {
+        const Outcome outcome = qtrace({"info", option, "3", file});
+        EXPECT_EQ(outcome.exit_code, 2);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_THAT(outcome.err, StartsWith("qtrace: --from and --count need --verify: without it no records are "
+                                            "read\n"));
+    }
+    const Outcome beyond = qtrace({"info", "--verify", "--from", "50", file});
+    EXPECT_EQ(beyond.exit_code, 1);
+    EXPECT_THAT(beyond.err, HasSubstr("trace0: no record 50: the file has 50\n"));
+}
+
 // ---- dump ----------------------------------------------------------------------------------------------
 
 TEST(dump, prints_address_word_flags_and_what_the_record_carries)
@@ -615,8 +663,9 @@ TEST(recover, a_cut_end_is_said_to_be_missing_and_not_clean)
     EXPECT_THAT(outcome.out, HasSubstr("cut0: lost at 1 place: "));
     const std::string text = qtrace({"info", folder.path("saved0")}).out;
     EXPECT_THAT(text, Not(HasSubstr("cleanly")));
-    EXPECT_THAT(text,
-                HasSubstr("ends         where a recovery or a cut closed the file: the end of the trace is missing\n"));
+    EXPECT_THAT(
+        text,
+        HasSubstr("ends         where a recovery or a cut closed the file: the end of the trace is missing\n"));
 }
 
 TEST(recover, refuses_to_write_over_the_damaged_file)

@@ -9,9 +9,9 @@ namespace qtrace_tool
 
 const QTRACE_Item *Lookahead::next_record()
 {
-    const QTRACE_Item *item = file_->next();
+    const QTRACE_Item *item = items_->next();
     while (item != nullptr && item->kind == QTRACE_ITEM_HEADER)
-        item = file_->next();
+        item = items_->next();
     return item;
 }
 
@@ -30,8 +30,8 @@ static constexpr uint64_t NEAR = 4096;
 
 bool Lookahead::go_to(uint64_t place, uint64_t record, bool may_seek)
 {
-    if (!file_ && !(file_ = Trace_File::open(run_, name_, true)))
-        return false;
+    if (!items_)
+        items_ = std::make_unique<Item_Stream>(run_, file_, range_, true);
     const uint64_t after = first_ + entries_.size();
     if (place <= after) {
         entries_.erase(entries_.begin(), entries_.begin() + static_cast<ptrdiff_t>(place - first_));
@@ -43,7 +43,7 @@ bool Lookahead::go_to(uint64_t place, uint64_t record, bool may_seek)
     if (may_seek && place - first_ > NEAR) {
         first_ = place;
         expected_ = record;
-        ended_ = !file_->seek(record);
+        ended_ = !items_->seek(record);
         return !ended_;
     }
     for (; first_ < place && !ended_; first_++) {
@@ -75,8 +75,7 @@ void Diff_Side::pass_over(uint64_t block, uint64_t passed)
 {
     records += passed;
     expected_ += passed;
-    (void)qtrace_select_blocks(file.reader(), block,
-                               file.blocks().size() - block); // there is such a block, or the end
+    items_.pass_to_block(block);
 }
 
 bool Diff_Side::is_at(uint64_t record, uint64_t header) const
@@ -87,7 +86,7 @@ bool Diff_Side::is_at(uint64_t record, uint64_t header) const
 void Diff_Side::next()
 {
     full_header = false;
-    for (item = file.next(); item != nullptr && item->kind == QTRACE_ITEM_HEADER; item = file.next()) {
+    for (item = items_.next(); item != nullptr && item->kind == QTRACE_ITEM_HEADER; item = items_.next()) {
         full_header |= item->header.control.iar_is_present;
         headers.add(item->header);
     }

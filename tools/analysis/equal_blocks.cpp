@@ -39,14 +39,15 @@ size_t common_blocks(std::span<const QTRACE_Block> a, std::span<const QTRACE_Blo
     return common;
 }
 
-std::vector<Block_Group> plan_groups(std::span<const QTRACE_Block> blocks)
+std::vector<Block_Group> plan_groups(std::span<const QTRACE_Block> blocks, const Record_Range &range)
 {
     std::vector<Block_Group> groups;
     for (size_t first = 0; first < blocks.size(); first += GROUP) {
         const auto group = blocks.subspan(first, std::min(GROUP, blocks.size() - first));
         const uint64_t end = group.back().first_record + group.back().records;
-        groups.push_back({first, group.size(), group.front().first_record, end - group.front().first_record,
-                          group.front().first_header});
+        if (range.contains(group.front().first_record) && (end == 0 || range.contains(end - 1)))
+            groups.push_back({first, group.size(), group.front().first_record, end - group.front().first_record,
+                              group.front().first_header});
     }
     return groups;
 }
@@ -67,6 +68,8 @@ bool is_same_record(const QTRACE_Item &a, const QTRACE_Item &b)
 
 bool is_same(const QTRACE_Item &a, const QTRACE_Item &b)
 {
+    if (a.kind != b.kind)
+        return false;
     switch (a.kind) {
     case QTRACE_ITEM_RECORD:
         return is_same_record(a, b);
@@ -78,34 +81,27 @@ bool is_same(const QTRACE_Item &a, const QTRACE_Item &b)
     }
 }
 
-bool select(const Reader &reader, const Block_Group &group)
-{
-    return reader != nullptr && qtrace_select_blocks(reader.get(), group.first_block, group.blocks) == 0;
-}
-
 // A header that comes last belongs to the record of the next group.
-bool compare(const Reader &a, const Reader &b, const Block_Group &group)
+bool compare(Range_Items &a, Range_Items &b, const Block_Group &group)
 {
-    if (!select(a, group) || !select(b, group))
+    if (!a.select(group.first_block, group.blocks) || !b.select(group.first_block, group.blocks))
         return false;
-    const QTRACE_Item *one = nullptr, *other = nullptr;
-    for (bool record_last = false;; record_last = one->kind == QTRACE_ITEM_RECORD) {
-        const QTRACE_ITEM kind = qtrace_next(a.get(), &one);
-        if (qtrace_next(b.get(), &other) != kind)
+    for (bool record_last = false;;) {
+        const QTRACE_Item *const one = a.next(), *const other = b.next();
+        if (one == nullptr || other == nullptr)
+            return one == other && record_last && a.error().empty() && b.error().empty();
+        if (!is_same(*one, *other))
             return false;
-        if (kind == QTRACE_ITEM_END)
-            return record_last;
-        if (kind == QTRACE_ITEM_ERROR || !is_same(*one, *other))
-            return false;
+        record_last = one->kind == QTRACE_ITEM_RECORD;
     }
 }
 
 } // namespace
 
-Equal_Blocks::Equal_Blocks(const Trace_File &a, const Trace_File &b, unsigned jobs)
+Equal_Blocks::Equal_Blocks(const Trace_File &a, const Trace_File &b, const Record_Range &range, unsigned jobs)
 {
     if (jobs > 1)
-        groups_ = plan_groups(a.blocks().first(common_blocks(a.blocks(), b.blocks())));
+        groups_ = plan_groups(a.blocks().first(common_blocks(a.blocks(), b.blocks())), range);
     verdicts_.resize(groups_.size(), Verdict::open);
     for (size_t i = 0; i < std::min<size_t>(jobs, groups_.size()); i++)
         workers_.emplace_back([this, &a, &b] { work(a, b); });
@@ -113,7 +109,7 @@ Equal_Blocks::Equal_Blocks(const Trace_File &a, const Trace_File &b, unsigned jo
 
 void Equal_Blocks::work(const Trace_File &a, const Trace_File &b)
 {
-    const Reader one = a.another_reader(), other = b.another_reader();
+    Range_Items one(a.another_reader(), {}), other(b.another_reader(), {});
     for (std::unique_lock lock(mutex_); !stopped_ && next_ < groups_.size(); judged_.notify_all()) {
         const size_t group = next_++;
         lock.unlock();

@@ -1,7 +1,7 @@
 // Groups of blocks that two traces have in common, found out by several threads.
 #pragma once
 
-#include "trace_files.h"
+#include "item_scan.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -24,8 +24,8 @@ struct Block_Group {
 class Equal_Blocks
 {
 public:
-    // With one job there are no groups. The files must live longer.
-    Equal_Blocks(const Trace_File &a, const Trace_File &b, unsigned jobs);
+    // Those whose records all belong to the range; with one job none. The files must live longer.
+    Equal_Blocks(const Trace_File &a, const Trace_File &b, const Record_Range &range, unsigned jobs);
     ~Equal_Blocks() { stop(); }
     Equal_Blocks(const Equal_Blocks &) = delete;
     Equal_Blocks &operator=(const Equal_Blocks &) = delete;

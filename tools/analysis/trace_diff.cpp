@@ -10,10 +10,11 @@ namespace qtrace_tool
 
 using namespace trace;
 
-Trace_Diff::Trace_Diff(Tool_Run &run, Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit,
+Trace_Diff::Trace_Diff(Tool_Run &run, const Diff_Input &input, const Difference_Set &ignored, uint64_t limit,
                        Report report)
-    : a_{run, a, Record_Hash(ignored)}, b_{run, b, Record_Hash(ignored)}, ignored_(ignored), limit_(limit),
-      report_(std::move(report))
+    : range_(input.range), a_{run, input.a, input.range, Record_Hash(ignored)}, b_{run, input.b, input.range,
+                                                                                   Record_Hash(ignored)},
+      ignored_(ignored), limit_(limit), report_(std::move(report))
 {
 }
 
@@ -34,11 +35,6 @@ void Trace_Diff::align_by_numbers()
         (only_b ? missing_b : missing_a) += 1 + std::exchange(side.jump, 0);
     }
     report_missing(std::move(place));
-}
-
-bool Trace_Diff::both_are_read() const
-{
-    return a_.file.readable() && b_.file.readable();
 }
 
 void Trace_Diff::align_by_hashes()
@@ -87,7 +83,7 @@ Difference_Place Trace_Diff::here() const
     return {a_.record_number(),
             b_.record_number(),
             side.item != nullptr ? side.item->address : 0,
-            Address_Space(side.file.context()),
+            Address_Space(side.context()),
             {},
             {}};
 }
@@ -234,7 +230,7 @@ void Trace_Diff::pair_equal()
 Difference_Counts Trace_Diff::run(unsigned jobs, std::function<void(uint64_t)> step)
 {
     step_ = std::move(step);
-    equal_ = std::make_unique<Equal_Blocks>(a_.file, b_.file, jobs);
+    equal_ = std::make_unique<Equal_Blocks>(a_.file, b_.file, range_, jobs);
     if (!equal_->groups().empty())
         pass_over_equal_groups();
     a_.next();

@@ -38,6 +38,12 @@ struct Difference_Counts {
     }
 };
 
+// What is compared: the records of a range by their numbers, of files that live longer than the comparison.
+struct Diff_Input {
+    const Trace_File &a, &b;
+    Record_Range range;
+};
+
 // Compares record by record. Where a record differs, hashes of the records that follow say which belong together;
 // where record numbers jump (damage, pieces left out), the numbers do.
 class Trace_Diff
@@ -46,19 +52,20 @@ public:
     using Report = std::function<void(const Difference_Place &)>;
 
     // The report is called for the first `limit` places.
-    Trace_Diff(Tool_Run &run, Trace_File &a, Trace_File &b, const Difference_Set &ignored, uint64_t limit,
+    Trace_Diff(Tool_Run &run, const Diff_Input &input, const Difference_Set &ignored, uint64_t limit,
                Report report);
 
-    // Compares the whole files; with several jobs, threads find out which blocks need not be looked at here. `step` is
+    // Compares the records of the range; with several jobs, threads find out which blocks need not be looked at here. `step` is
     // called now and then, with the records since the last call.
     Difference_Counts run(unsigned jobs, std::function<void(uint64_t)> step);
+    // So far: what was seen earlier may not be readable any more.
+    bool both_are_read() const { return a_.is_readable() && b_.is_readable(); }
 
 private:
     static constexpr uint64_t NONE = std::numeric_limits<uint64_t>::max();
 
     bool is_equal() const;
     void align_by_numbers();
-    bool both_are_read() const; // so far: what was seen earlier may not be readable any more
     void align_by_hashes();
     void pair();
     void pair_equal();
@@ -76,6 +83,7 @@ private:
     void compare_records();
     void report(Difference_Place &&place);
 
+    Record_Range range_;
     Diff_Side a_, b_;
     Difference_Set ignored_;
     uint64_t limit_;

@@ -1,3 +1,4 @@
+#include "json_writer.h"
 #include "record_printer.h"
 #include "tool_command.h"
 #include "trace_diff.h"
@@ -35,7 +36,7 @@ public:
         declare_number(app, "--context", context_, "records to show before and after a difference")
             ->default_str("3");
         declare_symbols(app, symbols_);
-        declare_jobs(app, jobs_);
+        declare_scan(app, scan_);
     }
 
     void run(Tool_Run &run) override;
@@ -46,21 +47,22 @@ private:
     // Whose places and lines are shown next to each other.
     struct Shown {
         Tool_Run &run;
-        const std::string &name_a, &name_b;
+        const Trace_File &a, &b;
         Name_Finder &names;
         Item_Notes notes() const { return {names.any() ? &names : nullptr}; }
     };
     void show(const Shown &shown, const Difference_Place &place) const;
-    void show_lines(const Shown &shown, const std::string &name, uint64_t from, uint64_t count, char mark) const;
-    void show_json(const Shown &shown, const Difference_Place &place, bool first) const;
+    static void show_lines(const Shown &shown, const Trace_File &file, uint64_t from, uint64_t count, char mark);
     void summarise(Output &out, const Difference_Counts &counts, bool complete) const;
-    void summarise_json(Output &out, const Difference_Counts &counts) const;
+    static void begin_json(Json_Writer &json, const std::string &name_a, const std::string &name_b);
+    static void show_json(const Shown &shown, const Difference_Place &place, Json_Writer &json);
+    static void summarise_json(Json_Writer &json, const Difference_Counts &counts);
 
     std::string a_, b_;
     std::vector<std::string> ignore_;
     Symbol_Options symbols_;
     uint64_t limit_ = 1, context_ = 3;
-    unsigned jobs_ = 1;
+    Scan_Options scan_;
 };
 
 Difference_Set Diff_Command::ignored() const
@@ -104,43 +106,36 @@ void Diff_Command::compare(Tool_Run &run, const std::string &name_a, const std::
     const std::unique_ptr<Trace_File> a = Trace_File::open(run, name_a), b = Trace_File::open(run, name_b);
     if (!a || !b)
         return;
-    run.show([&] { run.out.print("{} | {}\n", name_a, name_b); },
-             [&] {
-                 run.out.put("{\"a\":");
-                 print_json_text(run.out, name_a);
-                 run.out.put(",\"b\":");
-                 print_json_text(run.out, name_b);
-                 run.out.put(",\"differences\":[");
-             });
-    bool first = true;
-    const Shown shown{run, name_a, name_b, names};
+    if (!a->has_record(scan_.range.first) && !b->has_record(scan_.range.first))
+        return run.fail(a->no_record(scan_.range.first));
+    Json_Writer json(run.out);
+    run.show([&] { run.out.print("{} | {}\n", name_a, name_b); }, [&] { begin_json(json, name_a, name_b); });
+    const Shown shown{run, *a, *b, names};
     Progress progress(run, name_a, std::min(a->info().records, b->info().records));
-    Trace_Diff diff(run, *a, *b, ignored(), limit_, [&](const Difference_Place &place) {
-        run.show([&] { show(shown, place); }, [&] { show_json(shown, place, first); });
-        first = false;
+    Trace_Diff diff(run, {*a, *b, scan_.range}, ignored(), limit_, [&](const Difference_Place &place) {
+        run.show([&] { show(shown, place); }, [&] { show_json(shown, place, json); });
     });
-    const Difference_Counts counts = diff.run(jobs_, [&progress](uint64_t records) { progress.step(records); });
+    const Difference_Counts counts =
+        diff.run(scan_.jobs, [&progress](uint64_t records) { progress.step(records); });
     if (counts.any())
         run.found();
-    const bool complete = a->readable() && b->readable();
-    run.show([&] { summarise(run.out, counts, complete); }, [&] { summarise_json(run.out, counts); });
+    run.show([&] { summarise(run.out, counts, diff.both_are_read()); }, [&] { summarise_json(json, counts); });
 }
 
 // Records of a file from a reader of its own, so that the comparison stays where it is.
-void Diff_Command::show_lines(const Shown &shown, const std::string &name, uint64_t from, uint64_t count,
-                              char mark) const
+void Diff_Command::show_lines(const Shown &shown, const Trace_File &file, uint64_t from, uint64_t count, char mark)
 {
     Tool_Run &run = shown.run;
-    const std::unique_ptr<Trace_File> file = Trace_File::open(run, name, true);
-    if (count == 0 || !file || !file->seek(from))
+    Item_Stream items(run, file, {}, true);
+    if (count == 0 || !items.seek(from))
         return;
     static const Field_Selection fields = Field_Selection::usual();
-    for (const QTRACE_Item *item = file->next(); item != nullptr; item = file->next()) {
+    while (const QTRACE_Item *item = items.next()) {
         if (item->kind == QTRACE_ITEM_RECORD && count-- == 0)
             return;
         run.out.paint(mark == '-' ? Colour::removed : mark == '+' ? Colour::added : Colour::plain);
         run.out.put(mark);
-        shown.names.enter(file->context());
+        shown.names.enter(items.context());
         if (item->kind == QTRACE_ITEM_HEADER)
             print_header(run.out, *item, shown.notes());
         else
@@ -168,15 +163,15 @@ void Diff_Command::show(const Shown &shown, const Difference_Place &place) const
     print_name(out, shown.notes(), place.address);
     out.print("): {}", names_of(place.kinds));
     if (missing)
-        out.print(": {} only in {}, {} only in {}", counted(place.only_a, "record"), shown.name_a, place.only_b,
-                  shown.name_b);
+        out.print(": {} only in {}, {} only in {}", counted(place.only_a, "record"), shown.a.name(), place.only_b,
+                  shown.b.name());
     out.put('\n');
     for (const Detail &detail : place.details)
         show_detail(out, detail);
-    show_lines(shown, shown.name_a, place.record_a - before, before, ' ');
-    show_lines(shown, shown.name_a, place.record_a, missing ? std::min(place.only_a, context_) : 1, '-');
-    show_lines(shown, shown.name_b, place.record_b, missing ? std::min(place.only_b, context_) : 1, '+');
-    show_lines(shown, shown.name_a, place.record_a + (missing ? place.only_a : 1), context_, ' ');
+    show_lines(shown, shown.a, place.record_a - before, before, ' ');
+    show_lines(shown, shown.a, place.record_a, missing ? std::min(place.only_a, context_) : 1, '-');
+    show_lines(shown, shown.b, place.record_b, missing ? std::min(place.only_b, context_) : 1, '+');
+    show_lines(shown, shown.a, place.record_a + (missing ? place.only_a : 1), context_, ' ');
 }
 
 void Diff_Command::summarise(Output &out, const Difference_Counts &counts, bool complete) const
@@ -201,40 +196,55 @@ void Diff_Command::summarise(Output &out, const Difference_Counts &counts, bool 
                   counted(counts.only_a, "record"), counts.only_b);
 }
 
-void Diff_Command::show_json(const Shown &shown, const Difference_Place &place, bool first) const
+void Diff_Command::begin_json(Json_Writer &json, const std::string &name_a, const std::string &name_b)
 {
-    Output &out = shown.run.out;
-    out.print("{}{{\"record_a\":{},\"record_b\":{},\"address\":\"0x{:x}\"", first ? "" : ",", place.record_a,
-              place.record_b, place.address);
-    shown.names.enter(place.space);
-    Json_Writer json = Json_Writer::inside_object(out);
-    name_member(json, "symbol", shown.notes(), place.address);
-    out.put(",\"kinds\":[");
-    for (size_t i = 0, listed = 0; i < DIFFERENCES; i++)
-        if (place.kinds[i])
-            out.print("{}\"{}\"", listed++ == 0 ? "" : ",", DIFFERENCE_NAMES[i]);
-    out.print("],\"only_a\":{},\"only_b\":{},\"members\":{{", place.only_a, place.only_b);
-    for (const char *separator = ""; const Detail &detail : place.details) {
-        out.put(separator);
-        print_json_text(out, detail.name);
-        out.put(":[");
-        print_json_text(out, detail.a);
-        out.put(',');
-        print_json_text(out, detail.b);
-        out.put(']');
-        separator = ",";
-    }
-    out.put("}}");
+    json.begin_object();
+    json.member("a", std::string_view(name_a));
+    json.member("b", std::string_view(name_b));
+    json.key("differences");
+    json.begin_array();
 }
 
-void Diff_Command::summarise_json(Output &out, const Difference_Counts &counts) const
+void Diff_Command::show_json(const Shown &shown, const Difference_Place &place, Json_Writer &json)
 {
-    out.print("],\"records_a\":{},\"records_b\":{},\"differing\":{},\"only_a\":{},\"only_b\":{},\"kinds\":{{",
-              counts.records_a, counts.records_b, counts.differing, counts.only_a, counts.only_b);
-    for (size_t i = 0, listed = 0; i < DIFFERENCES; i++)
-        if (counts.by_kind[i] > 0)
-            out.print("{}\"{}\":{}", listed++ == 0 ? "" : ",", DIFFERENCE_NAMES[i], counts.by_kind[i]);
-    out.put("}}\n");
+    shown.names.enter(place.space);
+    json.object([&] {
+        json.member("record_a", place.record_a);
+        json.member("record_b", place.record_b);
+        json.member("address", Json_Hex{place.address});
+        name_member(json, "symbol", shown.notes(), place.address);
+        json.array("kinds", [&] {
+            for (size_t i = 0; i < DIFFERENCES; i++)
+                if (place.kinds[i])
+                    json.value(DIFFERENCE_NAMES[i]);
+        });
+        json.member("only_a", place.only_a);
+        json.member("only_b", place.only_b);
+        json.object("members", [&] {
+            for (const Detail &detail : place.details)
+                json.array(detail.name, [&] {
+                    json.value(std::string_view(detail.a));
+                    json.value(std::string_view(detail.b));
+                });
+        });
+    });
+}
+
+void Diff_Command::summarise_json(Json_Writer &json, const Difference_Counts &counts)
+{
+    json.end_array();
+    json.member("records_a", counts.records_a);
+    json.member("records_b", counts.records_b);
+    json.member("differing", counts.differing);
+    json.member("only_a", counts.only_a);
+    json.member("only_b", counts.only_b);
+    json.object("kinds", [&] {
+        for (size_t i = 0; i < DIFFERENCES; i++)
+            if (counts.by_kind[i] > 0)
+                json.member(DIFFERENCE_NAMES[i], counts.by_kind[i]);
+    });
+    json.end_object();
+    json.end_line();
 }
 
 } // namespace

@@ -62,11 +62,12 @@ private:
 
 // What `info` says about one file, or a range of its records.
 struct File_Summary {
-    QTRACE_Info info;
+    QTRACE_Info info{};
     uint64_t headers = 0, full_headers = 0;
     // Those to be listed, unless they are too many to be kept.
     std::vector<Placed_Header> kept;
     bool all_kept = true;
+    bool is_complete = true; // false: an error ended the reading
 
     uint64_t gaps() const { return full_headers > 0 ? full_headers - 1 : 0; }
     uint64_t partition_changes() const { return headers - full_headers; }
@@ -160,7 +161,7 @@ private:
 
     void tell(Tool_Run &run, Trace_File &file) const;
     void verify(Tool_Run &run, const Trace_File &file, QTRACE_Info &info) const;
-    void scan_headers(Tool_Run &run, Trace_File &file, const Reading &reading,
+    bool scan_headers(Tool_Run &run, Trace_File &file, const Reading &reading,
                       const std::function<void(Header_Sink &)> &merge) const;
     Reading summarise(Tool_Run &run, Trace_File &file, const Wanted &wanted, File_Summary &summary) const;
     uint64_t count(Tool_Run &run, Trace_File &file, const Reading &reading, const Wanted &wanted,
@@ -197,7 +198,8 @@ void Info_Command::verify(Tool_Run &run, const Trace_File &file, QTRACE_Info &in
         run.fail(qtrace_error(file.reader()));
 }
 
-void Info_Command::scan_headers(Tool_Run &run, Trace_File &file, const Reading &reading,
+// False: an error ended the reading, and the run has been told.
+bool Info_Command::scan_headers(Tool_Run &run, Trace_File &file, const Reading &reading,
                                 const std::function<void(Header_Sink &)> &merge) const
 {
     Scan_Options options;
@@ -207,7 +209,7 @@ void Info_Command::scan_headers(Tool_Run &run, Trace_File &file, const Reading &
     options.headers_only = reading.only_headers;
     if (reading.only_headers)
         options.blocks = 1;
-    scan<Header_Sink>(
+    return scan<Header_Sink>(
         run, file, options, [&] { return std::make_unique<Header_Sink>(); },
         [&](Header_Sink &group) {
             merge(group);
@@ -223,7 +225,7 @@ uint64_t Info_Command::count(Tool_Run &run, Trace_File &file, const Reading &rea
     static constexpr size_t MOST_KEPT = 1 << 20; // bytes
     uint64_t records = 0, damaged_places = 0, left_out = 0;
     size_t size = 0;
-    scan_headers(run, file, reading, [&](Header_Sink &group) {
+    summary.is_complete = scan_headers(run, file, reading, [&](Header_Sink &group) {
         for (Placed_Header &header : group.headers) {
             const bool is_wanted = wanted(header, summary.full_headers);
             summary.headers++;
@@ -278,7 +280,8 @@ Info_Command::Reading Info_Command::summarise(Tool_Run &run, Trace_File &file, c
         if (count(run, file, quick, wanted, summary) == 0)
             return quick;
         // Damage that block headers do not show came up.
-        summary = {file.info(), 0, 0, {}, true};
+        summary = {};
+        summary.info = file.info();
         verify(run, file, summary.info);
     }
     count(run, file, everything, wanted, summary);
@@ -354,8 +357,11 @@ void Info_Command::tell(Tool_Run &run, Trace_File &file) const
             };
         },
         [&] { wanted = [](const Placed_Header &, uint64_t) { return true; }; });
-    File_Summary summary{file.info(), 0, 0, {}, true};
+    File_Summary summary;
+    summary.info = file.info();
     const Reading reading = summarise(run, file, wanted, summary);
+    if (!summary.is_complete)
+        return;
     if (!summary.info.clean_end || summary.info.damaged_places > 0)
         run.found();
     run.show(
