@@ -2,7 +2,7 @@
 //
 //     model_test [--long] [--seed N] [--runs N] [--no-shrink]
 //
-// --long, or QT_LONG in the environment, takes ten times as many steps. --runs 1 --seed N repeats one run.
+// --long, or QT_LONG in the environment, takes thirty times as many steps. --runs 1 --seed N repeats one run.
 #include "model_run.h"
 
 #include <chrono>
@@ -41,8 +41,8 @@ Options options_of(int argc, char **argv)
         }
     }
     if (is_long) {
-        options.commits *= 10;
-        options.commands *= 10;
+        options.commits *= 30;
+        options.commands *= 30;
     }
     return options;
 }
