@@ -274,10 +274,10 @@ QTRACE_ITEM qtrace_read_registers(QTRACE_Reader *reader, uint64_t records, QTRAC
 {
     QTRACE_Register_Columns to = *columns;
     to.rows = to.records = 0;
-    const Decoder &decoder = decoder_of(*reader);
+    Register_Places places;
     const QTRACE_ITEM kind = for_records(reader, records, item, [&](const QTRACE_Item &next) {
         ++to.records;
-        const Register_Places &places = decoder.registers();
+        find_registers(const_cast<QTRACE_REGISTERS &>(next.record.regs), places); // to read them
         for (size_t i = 0; i < places.total; ++i)
             to.rows += put_register(to, next.record_number, places.place[i], i >= places.inputs);
         return to.room - to.rows >= QTRACE_MAX_REGISTERS;

@@ -178,7 +178,9 @@ void remember_record(Predictor &predictor, const QTRACE_RECORD &record, const Re
     predictor.follow(record);
 }
 
-template <class Registers> void remember_list(const Registers &places, const uint8_t *counts, Register_List &list)
+template <class Registers>
+[[gnu::always_inline]] inline void remember_list(const Registers &places, const uint8_t *counts,
+                                                 Register_List &list)
 {
     list = Register_List{};
     if (places.total > REMEMBERED_REGISTERS)
@@ -547,22 +549,33 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
     clear_for(record, control);
     filled_ = control;
     put_members(record, op & OP_MEMBERS ? decode_members() : shape.members);
-    if (op & OP_LIST) {
-        decode_list(record);
-        remember_list(places_, reinterpret_cast<const uint8_t *>(&record.regs), shape.list);
-    } else {
-        recall_list(record, shape);
-    }
-    decode_inputs((op & OP_INPUTS) != 0);
+    decode_counts(record, (op & OP_LIST) != 0, shape);
+    few_registers_ = Few_General::fits(record.regs);
+    if (few_registers_)
+        return finish_record(record, op, more, Few_General(record.regs), code, shape);
+    find_all_registers(reinterpret_cast<uint8_t *>(&record.regs), places_);
+    return finish_record(record, op, more, places_, code, shape);
+}
+
+// From the registers on.
+template <class Registers>
+Decoder::Result Decoder::finish_record(QTRACE_RECORD &record, uint8_t op, uint8_t more, const Registers &places,
+                                       const Code_Slot &code, Shape_Slot &shape)
+{
+    Predictor &predictor = *predictor_;
+    const uint64_t control = filled_;
+    decode_numbers(record, places, (op & OP_LIST) != 0, shape.list);
+    decode_inputs(places, (op & OP_INPUTS) != 0);
 
     Bases bases = bases_of(record.regs, shape, predictor.address);
     if (has_address(control, DATA_ADDRESS)) {
         bases.near = decode_data_address((op & OP_DATA) != 0, bases, shape);
         store(record.data_ea, bases.near);
     }
-    for (size_t i = places_.inputs; i < places_.total; ++i)
-        for (unsigned part = 0; part < places_.place[i].list->words; ++part)
-            decode_value(places_.place[i], part, bases);
+    places.visit_outputs([&](size_t, const auto &place) {
+        for (unsigned part = 0; part < place.list->words; ++part)
+            decode_value(place, part, bases);
+    });
     if (has_address(control, NEXT_ADDRESS))
         store(record.next_instruction_ea,
               op & OP_NEXT ? predictor.address + unzigzag(source(COLUMN_NEXT).varint()) : code.next);
@@ -570,7 +583,7 @@ Decoder::Result Decoder::next(QTRACE_RECORD &record, QTRACE_FILE_HDR &header)
         decode_translation(record, DATA_ADDRESS, (more & MORE_DATA_TRANSLATION) != 0);
     if (has_address(control, NEXT_ADDRESS))
         decode_translation(record, NEXT_ADDRESS, (more & MORE_NEXT_TRANSLATION) != 0);
-    remember_record(predictor, record, places_, bases, shape);
+    remember_record(predictor, record, places, bases, shape);
     if (more & MORE_ESCAPE)
         decode_escape(record);
     return any_bad() ? Result::corrupt : Result::record;
@@ -586,9 +599,8 @@ void Decoder::clear_for(QTRACE_RECORD &record, uint64_t control)
         holds_translation_[DATA_ADDRESS] = holds_translation_[NEXT_ADDRESS] = escaped_ = false;
     } else {
         clear_addresses(record, control);
-        clear_registers();
+        clear_registers(record);
     }
-    places_.total = places_.inputs = 0;
 }
 
 void Decoder::clear_addresses(QTRACE_RECORD &record, uint64_t control)
@@ -606,14 +618,18 @@ void Decoder::clear_addresses(QTRACE_RECORD &record, uint64_t control)
     }
 }
 
-void Decoder::clear_registers()
+void Decoder::clear_registers(QTRACE_RECORD &record)
 {
-    for (size_t i = 0; i < places_.total; ++i) {
-        places_.place[i].number() = 0;
-        places_.place[i].value(0) = 0;
-        if (places_.place[i].list->words != 1)
-            places_.place[i].value(1) = 0;
-    }
+    const auto clear = [](size_t, const auto &place) {
+        place.number() = 0;
+        place.value(0) = 0;
+        if (place.list->words != 1)
+            place.value(1) = 0;
+    };
+    if (few_registers_)
+        Few_General(record.regs).visit(clear);
+    else
+        places_.visit(clear);
 }
 
 void Encoder::add(const QTRACE_FILE_HDR &header)
@@ -754,26 +770,34 @@ unsigned Encoder::encode_list(const Registers &places, const uint8_t *counts, Re
     return OP_LIST;
 }
 
-void Decoder::decode_list(QTRACE_RECORD &record)
+// The counts of the ten lists.
+void Decoder::decode_counts(QTRACE_RECORD &record, bool coded, const Shape_Slot &slot)
 {
-    Byte_Source shape = source(COLUMN_SHAPE); // a copy stays in the processor's registers
     auto *counts = reinterpret_cast<uint8_t *>(&record.regs);
+    if (!coded) {
+        std::memcpy(counts, slot.list.counts, sizeof slot.list.counts);
+        return;
+    }
+    Byte_Source shape = source(COLUMN_SHAPE); // a copy stays in the processor's registers
     std::memset(counts, 0, REGISTER_LISTS);
     constexpr uint64_t ALL_LISTS = (1 << REGISTER_LISTS) - 1;
     for (uint64_t mask = shape.varint() & ALL_LISTS; mask != 0; mask &= mask - 1)
         counts[std::countr_zero(mask)] = shape.byte();
-    find_registers(record.regs, places_);
-    for (size_t i = 0; i < places_.total; ++i)
-        places_.place[i].number() = static_cast<uint16_t>(shape.varint());
     source(COLUMN_SHAPE) = shape;
 }
 
-void Decoder::recall_list(QTRACE_RECORD &record, const Shape_Slot &shape)
+template <class Registers>
+void Decoder::decode_numbers(const QTRACE_RECORD &record, const Registers &places, bool coded, Register_List &list)
 {
-    std::memcpy(&record.regs, shape.list.counts, sizeof shape.list.counts);
-    find_registers(record.regs, places_);
-    for (size_t i = 0; i < places_.total; ++i)
-        places_.place[i].number() = shape.list.index[i];
+    if (!coded) {
+        places.visit([&](size_t i, const auto &place) { place.number() = list.index[i]; });
+        return;
+    }
+    Byte_Source shape = source(COLUMN_SHAPE);
+    for (size_t i = 0; i < places.total; ++i)
+        places[i].number() = static_cast<uint16_t>(shape.varint());
+    source(COLUMN_SHAPE) = shape;
+    remember_list(places, reinterpret_cast<const uint8_t *>(&record.regs), list);
 }
 
 // ---- Values -----------------------------------------------------------------------------------------------------
@@ -796,17 +820,20 @@ template <class Registers> unsigned Encoder::encode_inputs(const Registers &plac
     return OP_INPUTS;
 }
 
-void Decoder::decode_inputs(bool coded)
+template <class Registers> void Decoder::decode_inputs(const Registers &places, bool coded)
 {
-    const Bases bases{0, 0, predictor_->address, 0, 0};
-    for (size_t i = 0; i < places_.inputs; ++i) {
-        const Register_Place &place = places_.place[i];
-        for (unsigned word = 0; word < place.list->words; ++word)
-            if (coded)
-                decode_value(place, word, bases);
-            else
-                place.value(word) = predictor_->register_values(*place.list, place.number())[word];
+    if (!coded) {
+        places.visit_inputs([&](size_t, const auto &place) {
+            const uint64_t *last = predictor_->register_values(*place.list, place.number());
+            for (unsigned word = 0; word < place.list->words; ++word)
+                place.value(word) = last[word];
+        });
+        return;
     }
+    const Bases bases{0, 0, predictor_->address, 0, 0};
+    for (size_t i = 0; i < places.inputs; ++i)
+        for (unsigned word = 0; word < places[i].list->words; ++word)
+            decode_value(places[i], word, bases);
 }
 
 template <class Place> void Encoder::encode_value(const Place &place, unsigned word, const Bases &bases)
@@ -839,7 +866,7 @@ template <class Place> void Encoder::encode_value(const Place &place, unsigned w
     sink(COLUMN_VALUE).low_bytes(bytes, size);
 }
 
-void Decoder::decode_value(const Register_Place &place, unsigned word, const Bases &bases)
+template <class Place> void Decoder::decode_value(const Place &place, unsigned word, const Bases &bases)
 {
     uint64_t &last = predictor_->register_values(*place.list, place.number())[word];
     const uint8_t kind = source(COLUMN_KIND).byte();

@@ -119,7 +119,6 @@ public:
     };
     const Translation_Place &translation_place(Address_Side side) const { return translation_places_[side]; }
     const Translation &translation(Address_Side side) const { return *last_[side]; }
-    const Register_Places &registers() const { return places_; }
     // The last record has members that its translations and flags do not name.
     bool has_rare_members() const { return escaped_; }
     // Leaves translations out of the records that follow; the predictor still has them.
@@ -132,15 +131,20 @@ private:
     Result next_header(QTRACE_FILE_HDR &header);
     void clear_for(QTRACE_RECORD &record, uint64_t control);
     void clear_addresses(QTRACE_RECORD &record, uint64_t control);
-    void clear_registers();
+    void clear_registers(QTRACE_RECORD &record);
+    // `Registers` as in an Encoder.
+    template <class Registers>
+    Result finish_record(QTRACE_RECORD &record, uint8_t op, uint8_t more, const Registers &places,
+                         const Code_Slot &code, Shape_Slot &shape);
     uint64_t decode_control();
     Small_Members decode_members();
     static void put_members(QTRACE_RECORD &record, const Small_Members &members);
     uint64_t decode_data_address(bool coded, const Bases &bases, Shape_Slot &shape);
-    void decode_list(QTRACE_RECORD &record);
-    void recall_list(QTRACE_RECORD &record, const Shape_Slot &shape);
-    void decode_inputs(bool coded);
-    void decode_value(const Register_Place &place, unsigned word, const Bases &bases);
+    void decode_counts(QTRACE_RECORD &record, bool coded, const Shape_Slot &slot);
+    template <class Registers>
+    void decode_numbers(const QTRACE_RECORD &record, const Registers &places, bool coded, Register_List &list);
+    template <class Registers> void decode_inputs(const Registers &places, bool coded);
+    template <class Place> void decode_value(const Place &place, unsigned word, const Bases &bases);
     void decode_translation(QTRACE_RECORD &record, Address_Side side, bool coded);
     void decode_page(Address_Side side, size_t slot);
     void decode_escape(QTRACE_RECORD &record);
@@ -150,9 +154,10 @@ private:
 
     std::unique_ptr<Predictor> predictor_;
     Byte_Source columns_[COLUMNS];
-    Register_Places places_{}; // of the last record
-    uint64_t filled_ = 0;      // control of the last record
-    bool escaped_ = false;     // the last record had members outside its common ones
+    Register_Places places_{};   // of the last record, unless
+    bool few_registers_ = false; // it has a few general registers only
+    uint64_t filled_ = 0;        // control of the last record
+    bool escaped_ = false;       // the last record had members outside its common ones
     bool without_translations_ = false;
     bool translations_filled_ = false;        // the last record has them
     bool holds_translation_[ADDRESS_SIDES]{}; // so does the record, of that side, from translation_places_
