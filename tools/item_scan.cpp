@@ -198,11 +198,11 @@ void Group_Reader::read_items(const Group &group, Item_Sink &sink, Group_Result 
 {
     bool begun = false;
     while (const QTRACE_Item *item = items_.next()) {
-        if (!sink.wants_more())
-            return;
         if (!begun)
             sink.begin({context_before(*item), group.at_start, group.headers});
         begun = true;
+        if (!sink.wants_more())
+            return;
         deliver(*item, sink, result);
         if (sink.is_full() && !hand_over(result))
             return;

@@ -78,7 +78,11 @@ class Chosen_Sink : public Item_Sink
 {
 public:
     // The filter is the caller's.
-    explicit Chosen_Sink(const Record_Filter &filter) : filter_(filter), picks_(filter.picks()) {}
+    explicit Chosen_Sink(const Record_Filter &filter) : Chosen_Sink(filter, filter.count()) {}
+    // With at most so many records.
+    Chosen_Sink(const Record_Filter &filter, uint64_t most) : filter_(filter), picks_(filter.picks()), most_(most)
+    {
+    }
     void begin(const Group_Start &start) override
     {
         passed_over_ = start.headers == 0 && filter_.rules_out(start.context);
@@ -92,7 +96,7 @@ public:
     }
     void loss(const QTRACE_Item &, const std::string &) override {}
     bool wants_more() const override { return !passed_over_ && !has_all(); }
-    bool has_all() const override { return taken_ >= filter_.count(); }
+    bool has_all() const override { return taken_ >= most_; }
 
     uint64_t taken() const { return taken_; }
 
@@ -103,7 +107,7 @@ private:
     const Record_Filter &filter_;
     bool picks_;
     bool passed_over_ = false; // the whole group belongs to others
-    uint64_t taken_ = 0;
+    uint64_t most_, taken_ = 0;
 };
 
 } // namespace qtrace_tool

@@ -14,6 +14,10 @@ int qtrace_verify_by(QTRACE_Reader *reader, unsigned threads, QTRACE_Info *info)
 /* As qtrace_recover. `threads` decode the blocks; one copies them. */
 int qtrace_recover_by(const char *from, const char *to, unsigned threads, QTRACE_Recovery *result, char **error);
 
+/* As qtrace_cut. `threads` decode the blocks that are kept as a whole, first; then the calling one copies them, and calls
+ * the choice's functions. */
+int qtrace_cut_by(const char *from, const QTRACE_Cut *what, unsigned threads, QTRACE_Cut_Result *result, char **error);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,6 +1,7 @@
 // Copies chosen items of a trace file: blocks as they are where all of them is kept, parts of others encoded anew.
 #include "block_press.h"
-#include "qtrace_reader.h"
+#include "qtrace_jobs.h"
+#include "thread_team.h"
 #include "trace_codec.h"
 #include "trace_index.h"
 
@@ -157,6 +158,76 @@ Block_Items::Item Block_Items::next()
         return headers_++ < block_.headers_after() && take_comment() ? Item::header : Item::corrupt;
     const bool all = records_ == block_.records_after() && headers_ == block_.headers_after();
     return result == Decoder::Result::end && all ? Item::end : Item::corrupt;
+}
+
+// ---- Blocks decoded beforehand ----------------------------------------------------------------------------------
+
+// Decodes all items of a block. False when its contents make no sense.
+bool can_be_read(Block_Items &items)
+{
+    Block_Items::Item item;
+    items.leave_out_translations(true);
+    do
+        item = items.next();
+    while (item == Block_Items::Item::record || item == Block_Items::Item::header);
+    return item == Block_Items::Item::end;
+}
+
+// Tells of single blocks whether they are kept as a whole and can be read.
+class Block_Tester
+{
+public:
+    Block_Tester(const Trace_Source &source, const QTRACE_Cut &what)
+        : blocks_(source.file), what_(what), choice_(what)
+    {
+    }
+    // The block that begins there; its header is the last one read then.
+    bool can_be_kept(uint64_t offset)
+    {
+        const std::optional<Block_Header> header = blocks_.header_at(offset);
+        place_ = {offset, header.value_or(Block_Header{})};
+        return header && is_kept_whole(*header) && blocks_.holds(place_) && blocks_.read_payload(place_) &&
+               items_.begin(*header, blocks_.unpack(*header), nullptr) && choice_.wants_context(items_.context()) &&
+               can_be_read(items_);
+    }
+    const Block_Place &place() const { return place_; }
+
+private:
+    // As far as its numbers tell. A comment outside it can only be tested together with it.
+    bool is_kept_whole(const Block_Header &header)
+    {
+        const bool changes_context = header.headers != 0 && choice_.asks_for_context();
+        return header.records != 0 && !header.has(COMMENT_BEFORE) && !changes_context &&
+               header.first_record >= what_.from && header.records_after() - what_.from <= what_.most &&
+               choice_.wants_all(header.first_record, header.records_after() - (header.headers == 0));
+    }
+
+    Block_File blocks_;
+    const QTRACE_Cut &what_;
+    Choice choice_;
+    Block_Items items_;
+    Block_Place place_;
+};
+
+// Blocks that need not be decoded again, in file order; none with one thread.
+std::vector<Block_Place> tested_blocks(const Trace_Source &source, const QTRACE_Cut &what, unsigned threads)
+{
+    constexpr size_t GROUP = 16;
+    Block_File headers(source.file);
+    const auto index = threads < 2 ? nullptr : Trace_Index::build(headers, source.begin);
+    const size_t blocks = index ? index->blocks().size() : 0;
+    std::vector<std::vector<Block_Place>> groups((blocks + GROUP - 1) / GROUP);
+    work_together(
+        threads, groups.size(), [&] { return Block_Tester(source, what); },
+        [&](Block_Tester &tester, size_t group) {
+            for (size_t i = group * GROUP; i < std::min(blocks, (group + 1) * GROUP); i++)
+                if (tester.can_be_kept(index->header_offset(i)))
+                    groups[group].push_back(tester.place());
+        });
+    std::vector<Block_Place> tested;
+    for (const std::vector<Block_Place> &group : groups)
+        tested.insert(tested.end(), group.begin(), group.end());
+    return tested;
 }
 
 // ---- The new file -----------------------------------------------------------------------------------------------
@@ -355,8 +426,11 @@ struct Failure : std::runtime_error {
 class Cutter
 {
 public:
-    Cutter(const Trace_Source &source, const QTRACE_Cut &what, QTRACE_Cut_Result &result)
-        : source_(source), blocks_(source.file), what_(what), choice_(what), result_(result), to_(what, result)
+    // `tested`: blocks that are kept without decoding them when all of them is wanted.
+    Cutter(const Trace_Source &source, const QTRACE_Cut &what, std::vector<Block_Place> tested,
+           QTRACE_Cut_Result &result)
+        : source_(source), tested_(std::move(tested)), blocks_(source.file), what_(what), choice_(what),
+          result_(result), to_(what, result)
     {
     }
     void cut();
@@ -371,10 +445,10 @@ private:
     uint64_t pass_damage(uint64_t offset);
     bool take(const Block_Place &place);
     bool take_comment(const Block_Header &header);
-    bool take_items(const Block_Header &header);
+    bool take_items(const Block_Place &place);
+    bool is_tested(const Block_Place &place);
     bool wants_any_of(const Block_Header &header);
     bool wants_all_of(const Block_Header &header);
-    bool can_be_read();
     bool keep_items(const Block_Header &header);
     bool keep_item(Block_Items::Item item, const Position &place);
     void leave_out();
@@ -387,6 +461,8 @@ private:
     }
 
     const Trace_Source &source_;
+    const std::vector<Block_Place> tested_;
+    size_t next_tested_ = 0;
     Block_File blocks_;
     const QTRACE_Cut &what_;
     Choice choice_;
@@ -469,7 +545,7 @@ bool Cutter::take(const Block_Place &place)
     sequence_.take(header);
     if (!wanted) {
         leave_out();
-    } else if (!(header.has(COMMENT_BLOCK) ? take_comment(header) : take_items(header))) {
+    } else if (!(header.has(COMMENT_BLOCK) ? take_comment(header) : take_items(place))) {
         result_.damaged_places++;
         add_comment();
         leave_out();
@@ -507,9 +583,24 @@ bool Cutter::wants_all_of(const Block_Header &header)
            choice_.wants_all(header.first_record, header.records_after() - (header.headers == 0));
 }
 
-// Of the block whose payload was read. False when its contents make no sense.
-bool Cutter::take_items(const Block_Header &header)
+// The file may have changed since: then it is another block.
+bool Cutter::is_tested(const Block_Place &place)
 {
+    while (next_tested_ < tested_.size() && tested_[next_tested_].offset < place.offset)
+        next_tested_++;
+    return next_tested_ < tested_.size() && tested_[next_tested_].offset == place.offset &&
+           tested_[next_tested_].header == place.header;
+}
+
+// Of the block whose payload was read. False when its contents make no sense.
+bool Cutter::take_items(const Block_Place &place)
+{
+    const Block_Header &header = place.header;
+    if (is_tested(place) && wants_all_of(header)) {
+        choice_.keep_records(header.records);
+        add_whole(header);
+        return true;
+    }
     const std::string *comment = has_comment_of(header) ? &comment_->text : nullptr;
     if (!items_.begin(header, blocks_.unpack(header), comment))
         return false;
@@ -521,21 +612,11 @@ bool Cutter::take_items(const Block_Header &header)
     }
     if (!wants_all_of(header) || (header.headers != 0 && choice_.asks_for_context()))
         return keep_items(header);
-    if (!can_be_read())
+    if (!can_be_read(items_))
         return false;
     choice_.keep_records(header.records);
     add_whole(header);
     return true;
-}
-
-bool Cutter::can_be_read()
-{
-    Block_Items::Item item;
-    items_.leave_out_translations(true);
-    do
-        item = items_.next();
-    while (item == Block_Items::Item::record || item == Block_Items::Item::header);
-    return item == Block_Items::Item::end;
 }
 
 void Cutter::add_whole(const Block_Header &header)
@@ -613,22 +694,28 @@ bool Cutter::keep_items(const Block_Header &header)
     return true;
 }
 
-void cut(const char *from, const QTRACE_Cut &what, QTRACE_Cut_Result &result)
+void cut(const char *from, const QTRACE_Cut &what, unsigned threads, QTRACE_Cut_Result &result)
 {
     Trace_Source source;
     if (const std::string reason = open_trace(from, source); !reason.empty())
         throw Failure(reason);
-    Cutter(source, what, result).cut();
+    Cutter(source, what, tested_blocks(source, what, threads), result).cut();
 }
 
 } // namespace
 
 extern "C" int qtrace_cut(const char *from, const QTRACE_Cut *what, QTRACE_Cut_Result *result, char **error)
 {
+    return qtrace_cut_by(from, what, 1, result, error);
+}
+
+extern "C" int qtrace_cut_by(const char *from, const QTRACE_Cut *what, unsigned threads, QTRACE_Cut_Result *result,
+                             char **error)
+{
     std::string text;
     try {
         *result = {};
-        cut(from, *what, *result);
+        cut(from, *what, threads, *result);
         return 0;
     } catch (const std::bad_alloc &) {
         text = std::string(from) + ": out of memory";

@@ -1,7 +1,10 @@
 // What a cut keeps, by a reader of the source and of the result; the choice is made again here, item by item.
+#include "qtrace_jobs.h"
 #include "trace_file_fixture.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
 #include <functional>
 #include <limits>
 
@@ -76,7 +79,7 @@ protected:
     {
         const std::string name = (folder_ / "source").string();
         std::ofstream(name, std::ios::binary).write(source.data(), std::ssize(source));
-        std::string bytes;
+        std::string bytes, by_threads;
         choice.user = &bytes;
         choice.write = [](void *user, const void *from, size_t size) {
             static_cast<std::string *>(user)->append(static_cast<const char *>(from), size);
@@ -84,6 +87,11 @@ protected:
         };
         char *error = nullptr;
         EXPECT_EQ(qtrace_cut(name.c_str(), &choice, &result_, &error), 0) << error;
+        choice.user = &by_threads;
+        QTRACE_Cut_Result same;
+        EXPECT_EQ(qtrace_cut_by(name.c_str(), &choice, 3, &same, &error), 0) << error;
+        EXPECT_TRUE(by_threads == bytes);
+        EXPECT_EQ(std::memcmp(&same, &result_, offsetof(QTRACE_Cut_Result, open_end) + sizeof same.open_end), 0);
         return bytes;
     }
     // The result has the items that are wanted and the first header, reads without damage, and stays what it is.

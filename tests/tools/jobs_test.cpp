@@ -1,124 +1,59 @@
 // What comes out does not depend on how many threads read, on whole and on damaged traces.
-#include "planted_trace.h"
+#include "jobs_commands.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-using namespace planted;
+#include <set>
+#include <sstream>
+
+using namespace jobs_commands;
 using nlohmann::json;
 
 namespace
 {
 
-// 60,000 records in several blocks: jumps over many pages, partition changes, pauses, violations at every distance.
-Trace mixed_trace()
+constexpr size_t RECORDS = 60000;
+
+void expect_equal_output(const Words &command, const Files &files)
 {
-    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
-    uint64_t noise = 7;
-    for (size_t i = 1; i < 60000; i++) {
-        noise = noise * 6364136223846793005u + 1442695040888963407u;
-        Item item{false, {}, "", plain_record(0x7c000214)};
-        item.record.header.control.fld.register_trace_present = 1;
-        item.record.regs.num_gprs_out = 1;
-        item.record.regs.gpr_out[0] = {static_cast<uint16_t>(i % 32), noise};
-        if (noise >> 60 == 0) {
-            item = good_trace()[TAKEN_BRANCH];
-            item.record.next_instruction_ea[2] = static_cast<uint8_t>(noise >> 40);
-            item.record.next_instruction_rpn[1] = static_cast<uint8_t>(noise >> 48);
-        } else if (noise >> 60 == 1) {
-            item = good_trace()[NESTED_LOAD];
-            item.record.data_rpn[1] = static_cast<uint8_t>(noise >> 48);
-        } else if (i % 997 == 0) {
-            item.record.header.control.fld.node_present = 1;
-            item.record.node = 7;
-        }
-        trace.push_back(item);
-        if (i % 3001 == 0) {
-            trace.push_back(good_trace()[PARTITION]);
-            trace.back().header.pid[0] = static_cast<uint8_t>(noise >> 48 & 3);
-        }
-        if (i % 9001 == 0) {
-            trace.push_back(good_trace()[SECOND_HEADER]);
-            trace.push_back(good_trace()[RESUMED]);
-            trace.back().record.processor = static_cast<uint8_t>(noise >> 48 & 1);
-        }
-    }
-    return trace;
-}
-
-const std::vector<std::vector<std::string>> COMMANDS = {
-    {"stats"},
-    {"stats", "--json", "--top", "1000"},
-    {"check", "--limit", "3"},
-    {"check", "--json", "--limit", "100000"},
-    {"check", "--json", "--deep", "--limit", "100000"},
-    {"dump"},
-    {"dump", "--json"},
-    {"dump", "--kind", "branch", "--count", "900"},
-    {"dump", "--pid", "7,9"},
-    {"dump", "--json", "--from", "17000", "--count", "20000"},
-    {"stats", "--from", "12345", "--count", "23456"},
-    {"check", "--from", "12345", "--count", "23456"},
-    {"info"},
-    {"info", "--verify"},
-    {"info", "--verify", "--json"},
-    {"info", "--verify", "--from", "12345", "--count", "23456"},
-};
-
-const std::vector<std::vector<std::string>> COMPARISONS = {
-    {"diff", "--limit", "30"},
-    {"diff", "--json", "--limit", "100000"},
-    {"diff", "--ignore", "header,missing"},
-    {"diff", "--json", "--limit", "1000", "--from", "12345", "--count", "33456"},
-};
-
-void expect_equal_output(const std::vector<std::string> &command, const std::vector<std::string> &files)
-{
-    const auto with_jobs = [&](const char *jobs) {
-        std::vector<std::string> words = command;
-        words.insert(words.end(), {"--jobs", jobs});
-        words.insert(words.end(), files.begin(), files.end());
-        return qtrace(words);
-    };
-    const Outcome alone = with_jobs("1");
-    EXPECT_NE(alone.out, "") << testing::PrintToString(command);
+    const Outcome alone = run(command, "1", files);
+    const std::string written = bytes_of(files.out);
+    EXPECT_NE(alone.out + written, "") << testing::PrintToString(command);
     for (const char *jobs : {"2", "3", "7"}) {
-        const Outcome together = with_jobs(jobs);
+        const Outcome together = run(command, jobs, files);
         EXPECT_TRUE(together.out == alone.out) << testing::PrintToString(command);
+        EXPECT_TRUE(bytes_of(files.out) == written) << testing::PrintToString(command);
         EXPECT_EQ(together.err, alone.err) << testing::PrintToString(command);
         EXPECT_EQ(together.exit_code, alone.exit_code) << testing::PrintToString(command);
     }
 }
 
-// The copy, too, whatever it replaces.
-void expect_equal_recovery(const Folder &folder, const std::string &file)
-{
-    const std::string copy = folder.path("copy0");
-    const Outcome alone = qtrace({"recover", "--jobs", "1", file, copy});
-    const std::string bytes = folder.contents("copy0");
-    for (const char *jobs : {"2", "3", "7"}) {
-        const Outcome together = qtrace({"recover", "--jobs", jobs, file, copy});
-        EXPECT_EQ(together.out, alone.out);
-        EXPECT_EQ(together.err, alone.err);
-        EXPECT_EQ(together.exit_code, alone.exit_code);
-        EXPECT_TRUE(folder.contents("copy0") == bytes) << file;
-    }
-}
-
 void expect_equal_output(const Folder &folder, const std::string &file)
 {
-    for (const std::vector<std::string> &command : COMMANDS)
-        expect_equal_output(command, {file});
-    expect_equal_recovery(folder, file);
+    for (const Words &command : commands())
+        expect_equal_output(command, {file, "", folder.path("out0")});
 }
 
 void expect_equal_comparison(const std::string &a, const std::string &b)
 {
-    for (const std::vector<std::string> &command : COMPARISONS) {
-        expect_equal_output(command, {a, b});
-        expect_equal_output(command, {b, a});
+    for (const Words &command : comparisons()) {
+        expect_equal_output(command, {a, b, ""});
+        expect_equal_output(command, {b, a, ""});
     }
+}
+
+// The names in the program's help.
+std::vector<std::string> subcommands()
+{
+    const std::string help = qtrace({"--help"}).out;
+    std::istringstream lines(help.substr(help.find("Subcommands:")));
+    std::vector<std::string> names;
+    std::string line;
+    for (std::getline(lines, line); std::getline(lines, line) && line.starts_with("  ");)
+        names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    return names;
 }
 
 } // namespace
@@ -126,13 +61,13 @@ void expect_equal_comparison(const std::string &a, const std::string &b)
 TEST(jobs, any_number_gives_the_same_output_of_a_whole_trace)
 {
     const Folder folder;
-    expect_equal_output(folder, folder.write("trace0", mixed_trace()));
+    expect_equal_output(folder, folder.write("trace0", mixed_trace(RECORDS, 1)));
 }
 
 TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
 {
     const Folder folder;
-    folder.write("trace0", mixed_trace());
+    folder.write("trace0", mixed_trace(RECORDS, 1));
     const std::string bytes = folder.contents("trace0");
     std::string spoilt = bytes;
     spoilt[spoilt.size() / 2] ^= 0x55;
@@ -148,7 +83,7 @@ TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
 TEST(jobs, any_number_gives_the_same_comparison_of_whole_traces)
 {
     const Folder folder;
-    const Trace trace = mixed_trace();
+    const Trace trace = mixed_trace(RECORDS, 1);
     const std::string whole = folder.write("trace0", trace);
     expect_equal_comparison(whole, whole);
     Trace changed = trace;
@@ -167,7 +102,7 @@ TEST(jobs, any_number_gives_the_same_comparison_of_whole_traces)
 TEST(jobs, any_number_gives_the_same_comparison_of_damaged_traces)
 {
     const Folder folder;
-    const std::string whole = folder.write("trace0", mixed_trace());
+    const std::string whole = folder.write("trace0", mixed_trace(RECORDS, 1));
     const std::string bytes = folder.contents("trace0");
     std::string spoilt = bytes;
     spoilt[spoilt.size() * 3 / 4] ^= 0x55;
@@ -183,7 +118,7 @@ TEST(jobs, any_number_gives_the_same_comparison_of_damaged_traces)
 TEST(jobs, groups_of_blocks_leave_no_trace_in_the_counts)
 {
     const Folder folder;
-    const Trace trace = mixed_trace();
+    const Trace trace = mixed_trace(RECORDS, 1);
     const json counts = json::parse(qtrace({"stats", "--json", folder.write("trace0", trace)}).out);
     uint64_t branches = 0, partition_headers = 0;
     std::map<uint64_t, uint64_t> by_pid;
@@ -208,6 +143,19 @@ TEST(jobs, groups_of_blocks_leave_no_trace_in_the_counts)
     for (const json &page : all["hot_fetch_pages"])
         pages += page["times"].get<uint64_t>();
     EXPECT_EQ(pages, counts["instructions"]);
+}
+
+TEST(jobs, every_subcommand_that_takes_them_is_compared_here)
+{
+    std::set<std::string> compared, takers, others;
+    for (const Words &command : commands())
+        compared.insert(command[0]);
+    for (const Words &command : comparisons())
+        compared.insert(command[0]);
+    for (const std::string &name : subcommands())
+        (qtrace({name, "--help"}).out.find("--jobs") != std::string::npos ? takers : others).insert(name);
+    EXPECT_EQ(takers, compared);
+    EXPECT_EQ(others, (std::set<std::string>{"plan"}));
 }
 
 TEST(jobs, numbers_that_are_none_are_refused)

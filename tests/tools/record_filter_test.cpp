@@ -172,3 +172,63 @@ TEST_F(record_filter, limits_what_the_model_of_tlbs_reads)
     EXPECT_EQ(beyond.exit_code, 1);
     EXPECT_THAT(beyond.err, testing::HasSubstr("no record 1000"));
 }
+
+namespace
+{
+
+// Three long parts of processes 7, 8 and 7 again: many blocks have no header and belong to one process as a whole.
+constexpr uint64_t PART = 25000;
+Trace long_parts()
+{
+    Trace trace = {good_trace()[FIRST_HEADER]};
+    uint64_t noise = 1;
+    for (const uint8_t pid : std::initializer_list<uint8_t>{7, 8, 7}) {
+        trace.push_back(good_trace()[PARTITION]);
+        trace.back().header.pid[0] = pid;
+        for (uint64_t i = 0; i < PART; i++) {
+            noise = noise * 6364136223846793005u + 1442695040888963407u;
+            Item item{false, {}, "", plain_record(0x7c000214)};
+            item.record.header.control.fld.register_trace_present = 1;
+            item.record.regs.num_gprs_out = 1;
+            item.record.regs.gpr_out[0] = {3, noise};
+            trace.push_back(item);
+        }
+    }
+    return trace;
+}
+
+} // namespace
+
+TEST(records_of_a_process, are_found_after_blocks_of_others)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_parts());
+    for (const auto &[pid, records] : {std::pair("8", PART), std::pair("7", 2 * PART)}) {
+        EXPECT_EQ(json::parse(qtrace({"stats", "--json", "--pid", pid, file}).out)["instructions"], records);
+        for (const char *format : {"csv", "champsim", "callgrind", "ctf", "sqlite"}) {
+            const Outcome done = qtrace(
+                {"export", "--force", "--json", "--format", format, "-o", folder.path(format), "--pid", pid, file});
+            EXPECT_EQ(json::parse(done.out)["records"], records) << format;
+        }
+    }
+}
+
+// What `plan` prints are numbers, too.
+TEST(a_range, means_numbers_of_records_where_some_are_missing)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_parts());
+    std::string bytes = folder.contents("trace0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    qtrace({"recover", folder.text("spoilt0", bytes), folder.path("saved0")});
+    const std::string saved = folder.path("saved0");
+    const uint64_t all = json::parse(qtrace({"stats", "--json", saved}).out)["instructions"];
+    ASSERT_LT(all, 3 * PART);
+    uint64_t sum = 0;
+    for (const char *from : {"0", "25000", "50000"}) {
+        const Outcome done = qtrace({"export", "--force", "--json", "--format", "csv", "-o", folder.path("csv"),
+                                     "--from", from, "--count", "25000", saved});
+        sum += json::parse(done.out)["records"].get<uint64_t>();
+    }
+    EXPECT_EQ(sum, all);
+}

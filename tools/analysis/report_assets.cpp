@@ -85,8 +85,8 @@ function ticks(from,to,count){const raw=(to-from)/count||1,p=10**Math.floor(Math
  const step=[1,2,5,10].map(m=>m*p).find(s=>s>=raw);const list=[];
  for(let t=Math.ceil(from/step)*step;t<=to+step*1e-9;t+=step)list.push(t);return list;}
 function say(host,text){const out=host.parentNode.querySelector(".said");if(out)out.textContent=text;}
-function range(thread,bin,count){const first=bin*thread.bin_records;
- return [first,Math.min(thread.records,(bin+(count||1))*thread.bin_records)];}
+function range(thread,bin,count){const first=thread.first+bin*thread.bin_records;
+ return [first,Math.min(thread.end,first+(count||1)*thread.bin_records)];}
 function dump(thread,from,count){return `qtrace dump --from ${from} --count ${Math.max(1,count)} ${thread.name}`;}
 // Time axis under a picture of `w` by `h` whose plot starts at x.
 function timeAxis(svg,thread,x,w,y){const [a]=range(thread,windows.from),[,b]=range(thread,windows.to-1);

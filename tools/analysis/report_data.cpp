@@ -60,6 +60,43 @@ void Distinct_Keys::add(uint64_t key)
     slots_[place] = {key, round_};
 }
 
+// ---- A group of blocks ---------------------------------------------------------------------------------
+
+void Report_Part::start(const QTRACE_FILE_HDR *context)
+{
+    counts.loss(context);
+    if (context == nullptr)
+        return;
+    accesses.loss(0, context);
+    losses.emplace_back();
+}
+
+void Report_Part::begin(const QTRACE_FILE_HDR *context)
+{
+    counts.begin(context);
+}
+
+void Report_Part::header(const QTRACE_Item &item)
+{
+    counts.header(item.header);
+    accesses.header(item);
+}
+
+void Report_Part::record(const QTRACE_Item &item)
+{
+    counts.record(item);
+    Access_Entry &entry = accesses.record(item);
+    entry.store = trace::instruction_info(item.record.header.instruction).kind == trace::Instruction_Kind::store;
+    entry.branch = trace::branch_outcome(item.record, item.address);
+}
+
+void Report_Part::loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context)
+{
+    counts.loss(context);
+    accesses.loss(next, context);
+    losses.push_back(text);
+}
+
 // ---- A thread ------------------------------------------------------------------------------------------
 
 namespace
@@ -77,45 +114,73 @@ Tlb_Options Thread_Data::model_options(size_t model)
     return options;
 }
 
-Thread_Data::Thread_Data(std::string thread_name, const Page_Sizes &sizes, uint64_t records)
-    : name(std::move(thread_name)), counts(sizes),
-      bin_records_(std::max<uint64_t>(1, (records + REPORT_BINS - 1) / REPORT_BINS))
+static std::deque<Tlb_Model> make_models()
 {
-    for (size_t model = 0; model < MODELS; model++)
-        models_.emplace_back(model, sizes);
+    std::deque<Tlb_Model> models;
+    for (size_t model = 0; model < Thread_Data::MODELS; model++)
+        models.emplace_back(Thread_Data::model_options(model));
+    return models;
+}
+
+static std::vector<Tlb_Model *> pointers_to(std::deque<Tlb_Model> &models)
+{
+    std::vector<Tlb_Model *> pointers;
+    for (Tlb_Model &model : models)
+        pointers.push_back(&model);
+    return pointers;
+}
+
+Thread_Data::Thread_Data(std::string thread_name, const Page_Sizes &sizes, uint64_t first, uint64_t end)
+    : name(std::move(thread_name)), counts(sizes), models_(make_models()), feed_(pointers_to(models_)),
+      first_(first), end_(end), bin_records_(std::max<uint64_t>(1, (end - first + REPORT_BINS - 1) / REPORT_BINS))
+{
     for (Distinct_Keys &keys : distinct_)
         keys.start();
 }
 
-void Thread_Data::item(const QTRACE_Item &item)
+void Thread_Data::add(const Report_Part &part)
 {
-    item.kind == QTRACE_ITEM_HEADER ? header(item) : record(item);
+    counts.append(part.counts);
+    damage.insert(damage.end(), part.damage.begin(), part.damage.end());
+    for (auto text = part.losses.begin(); const Access_Entry &entry : part.accesses.entries()) {
+        if (modelling_)
+            feed_.take(entry, part.accesses);
+        if (entry.kind == Access_Entry::Kind::record)
+            record(entry);
+        else if (entry.kind == Access_Entry::Kind::header)
+            header(entry);
+        else
+            loss(entry, *text++);
+    }
 }
 
-void Thread_Data::loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context)
+void Thread_Data::add_gap(uint64_t record, const std::string &text)
 {
-    counts.loss(context);
-    for (Model &model : models_)
-        model.feed.loss(context);
     gap_count++;
     if (gaps.size() < MOST_GAPS)
-        gaps.push_back({next, text});
+        gaps.push_back({record, text});
 }
 
-void Thread_Data::header(const QTRACE_Item &item)
+void Thread_Data::loss(const Access_Entry &entry, const std::string &text)
 {
-    counts.header(item.header);
-    for (Model &model : models_)
-        if (modelling_)
-            model.feed.header(item.header);
-    const bool full = item.header.control.iar_is_present;
-    if (full && header_seen_) {
-        gap_count++;
-        if (gaps.size() < MOST_GAPS)
-            gaps.push_back({item.record_number, "tracing was paused and resumed"});
-    }
+    if (!text.empty())
+        add_gap(entry.record, text);
+    if (entry.known)
+        enter_process(entry);
+}
+
+void Thread_Data::header(const Access_Entry &entry)
+{
+    const bool full = entry.next != NO_ADDRESS;
+    if (full && header_seen_)
+        add_gap(entry.record, "tracing was paused and resumed");
     header_seen_ |= full;
-    const Partition_Key key{trace::number(item.header.lpid), trace::number(item.header.pid)};
+    enter_process(entry);
+}
+
+void Thread_Data::enter_process(const Access_Entry &entry)
+{
+    const Partition_Key key{entry.address, static_cast<uint32_t>(entry.data_address)};
     const bool listed = processes.size() < MOST_PROCESSES || processes.contains(key);
     process_ = listed ? &processes[key] : nullptr;
 }
@@ -130,71 +195,64 @@ void Thread_Data::start_bin(size_t bin)
 
 bool Thread_Data::models_full() const
 {
-    const Tlb_Figures &figures = models_.front().tlb.figures();
+    const Tlb_Figures &figures = models_.front().figures();
     return figures.pages.size() + figures.instructions_at.size() > MOST_MODEL_ENTRIES ||
-           models_[1].tlb.figures().pages.size() > MOST_MODEL_ENTRIES;
+           models_[1].figures().pages.size() > MOST_MODEL_ENTRIES;
 }
 
-void Thread_Data::record(const QTRACE_Item &item)
+void Thread_Data::record(const Access_Entry &entry)
 {
-    const size_t bin = std::min<uint64_t>(item.record_number / bin_records_, REPORT_BINS - 1);
+    const size_t bin = std::min<uint64_t>((entry.record - first_) / bin_records_, REPORT_BINS - 1);
     if (bin != last_bin_)
         start_bin(bin);
-    counts.record(item);
-    for (Model &model : models_)
-        if (modelling_)
-            model.feed.record(item);
     modelling_ = modelling_ && !models_full();
     process_ != nullptr ? (*process_)[bin]++ : unlisted_processes++;
-    if (item.address_known) {
-        fetches.count(item.address, bin);
-        addresses.add(item.address);
-        count_branch(item);
-        if (item.address >> 12 != last_fetch_page_)
+    if (entry.known) {
+        fetches.count(entry.address, bin);
+        addresses.add(entry.address);
+        count_branch(entry);
+        if (entry.address >> 12 != last_fetch_page_)
             for (size_t i = 0; i < distinct_.size(); i++)
-                distinct_[i].add(item.address >> WORKING_SET_BITS[i]);
-        last_fetch_page_ = item.address >> 12;
+                distinct_[i].add(entry.address >> WORKING_SET_BITS[i]);
+        last_fetch_page_ = entry.address >> 12;
     }
-    if (item.record.header.control.fld.data_address_present)
-        count_data(item);
+    if (entry.data != NO_ADDRESS)
+        count_data(entry);
     for (size_t i = 0; i < distinct_.size(); i++)
         working_set[bin][i] = distinct_[i].count();
 }
 
-void Thread_Data::count_branch(const QTRACE_Item &item)
+void Thread_Data::count_branch(const Access_Entry &entry)
 {
-    const trace::Branch_Outcome outcome = trace::branch_outcome(item.record, item.address);
-    if (outcome != trace::Branch_Outcome::taken && outcome != trace::Branch_Outcome::not_taken)
+    if (entry.branch != trace::Branch_Outcome::taken && entry.branch != trace::Branch_Outcome::not_taken)
         return;
-    if (branches.size() >= MOST_BRANCHES && !branches.contains(item.address)) {
+    if (branches.size() >= MOST_BRANCHES && !branches.contains(entry.address)) {
         unlisted_branches++;
         return;
     }
-    Branch_Counts &branch = branches[item.address];
+    Branch_Counts &branch = branches[entry.address];
     branch.times++;
-    branch.taken += outcome == trace::Branch_Outcome::taken;
+    branch.taken += entry.branch == trace::Branch_Outcome::taken;
 }
 
-void Thread_Data::count_data(const QTRACE_Item &item)
+void Thread_Data::count_data(const Access_Entry &entry)
 {
-    const uint64_t address = trace::number(item.record.data_ea);
-    const bool store =
-        trace::instruction_info(item.record.header.instruction).kind == trace::Instruction_Kind::store;
-    (store ? writes : reads).count(address, last_bin_);
+    const uint64_t address = entry.data_address;
+    (entry.store ? writes : reads).count(address, last_bin_);
     data_pages.add(address >> 16 << 16);
     if (address >> 12 == last_data_page_)
         return;
     last_data_page_ = address >> 12;
     if (first_record.size() < MOST_DATA_PAGES)
-        first_record.try_emplace(address >> 16 << 16, item.record_number);
+        first_record.try_emplace(address >> 16 << 16, entry.record);
     for (size_t i = 0; i < distinct_.size(); i++)
         distinct_[i].add(address >> WORKING_SET_BITS[i]);
 }
 
 void Thread_Data::finish()
 {
-    for (Model &model : models_)
-        figures_.push_back(model.tlb.take());
+    for (Tlb_Model &model : models_)
+        figures_.push_back(model.take());
     models_.clear();
     for (Distinct_Keys &keys : distinct_)
         keys = Distinct_Keys(0);

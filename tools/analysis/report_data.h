@@ -62,6 +62,22 @@ struct Branch_Counts {
     uint64_t times = 0, taken = 0;
 };
 
+// What a group of blocks has for a report; made by any thread.
+struct Report_Part {
+    explicit Report_Part(const Page_Sizes &sizes) : counts(sizes), accesses(sizes) {}
+    void start(const QTRACE_FILE_HDR *context); // reading begins here
+    void begin(const QTRACE_FILE_HDR *context); // it goes on here
+    void header(const QTRACE_Item &item);
+    void record(const QTRACE_Item &item);
+    // `next`: number of the next record; `context`: the header in force from there on.
+    void loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context);
+
+    Trace_Counts counts;
+    Access_List accesses;
+    std::vector<std::string> losses; // of each loss in `accesses` why; empty where nothing is missing
+    std::vector<std::string> damage; // as the reader described it
+};
+
 // A place where tracing does not simply go on.
 struct Report_Gap {
     uint64_t record; // the next one
@@ -71,21 +87,24 @@ struct Report_Gap {
 class Thread_Data
 {
 public:
-    // `records`: how many are expected, for the bins of time. Call finish() before figures are asked for.
-    Thread_Data(std::string name, const Page_Sizes &sizes, uint64_t records);
+    // `first` and `end`: numbers of the records that are read, for the bins of time. Call finish() before figures are
+    // asked for.
+    Thread_Data(std::string name, const Page_Sizes &sizes, uint64_t first, uint64_t end);
     Thread_Data(const Thread_Data &) = delete;
 
-    void item(const QTRACE_Item &item);
-    // `next`: number of the next record; `context`: the header in force from there on.
-    void loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context);
+    // The parts of a file in their order.
+    void add(const Report_Part &part);
     void finish();
 
     uint64_t bin_records() const { return bin_records_; }
     size_t bins() const { return last_bin_ + 1; }
+    uint64_t first() const { return first_; }
+    uint64_t end() const { return end_; }
 
     std::string name;
     std::vector<std::string> damage; // as the reader described it
     bool clean_end = true;
+    bool is_part = false; // only some records were to be read
     Trace_Counts counts;
     Heat_Map fetches, reads, writes;
     std::map<Partition_Key, std::array<uint32_t, REPORT_BINS>> processes; // instructions by time
@@ -106,23 +125,22 @@ public:
     uint64_t modelled() const { return figures_[0].instructions; }
 
 private:
-    void header(const QTRACE_Item &item);
-    void record(const QTRACE_Item &item);
-    void count_branch(const QTRACE_Item &item);
-    void count_data(const QTRACE_Item &item);
+    void header(const Access_Entry &entry);
+    void loss(const Access_Entry &entry, const std::string &text);
+    void record(const Access_Entry &entry);
+    void enter_process(const Access_Entry &entry);
+    void add_gap(uint64_t record, const std::string &text);
+    void count_branch(const Access_Entry &entry);
+    void count_data(const Access_Entry &entry);
     void start_bin(size_t bin);
 
-    struct Model {
-        Tlb_Model tlb;
-        Tlb_Feed feed;
-        Model(size_t which, const Page_Sizes &sizes) : tlb(model_options(which)), feed(tlb, sizes) {}
-    };
     bool models_full() const;
 
-    std::deque<Model> models_;
+    std::deque<Tlb_Model> models_;
+    Tlb_Feed feed_;
     std::vector<Tlb_Figures> figures_;
     bool modelling_ = true;
-    uint64_t bin_records_;
+    uint64_t first_, end_, bin_records_;
     size_t last_bin_ = 0;
     std::array<Distinct_Keys, std::size(WORKING_SET_BITS)> distinct_;
     uint64_t last_fetch_page_ = 1, last_data_page_ = 1; // 4 KiB pages, added to the working set already

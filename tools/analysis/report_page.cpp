@@ -247,6 +247,10 @@ void Page_Builder::sentences(const Thread_Data &thread)
     const Trace_Counts &c = thread.counts;
     const Tlb_Figures &tlb = thread.figures(0);
     const bool whole = thread.damage.empty() && thread.clean_end;
+    if (thread.is_part)
+        out_ +=
+            fmt::format("<li>Of <b>{}</b> this page shows the records from {} up to {} alone.</li>",
+                        escaped(thread.name), grouped(thread.first()), grouped(std::max(thread.end(), 1ul) - 1));
     out_ +=
         fmt::format("<li><b>{}</b> holds {}; it is <span class=\"{}\">{}</span>.", escaped(thread.name),
                     plural(c.instructions, "instruction"), whole ? "good" : "bad",
@@ -342,12 +346,12 @@ void Page_Builder::heat_table(const Heat_Map &map, const Thread_Data &thread, co
     });
     std::vector<std::vector<Cell>> rows;
     for (size_t i = 0; i < std::min(TOP, sums.size()); i++)
-        rows.push_back(
-            {address_cell(sums[i].first),
-             {named(sums[i].first), ""},
-             number_cell(sums[i].times),
-             command_cell(fmt::format("qtrace dump --from {} --count {} {}", sums[i].bin * thread.bin_records(),
-                                      thread.bin_records(), thread.name))});
+        rows.push_back({address_cell(sums[i].first),
+                        {named(sums[i].first), ""},
+                        number_cell(sums[i].times),
+                        command_cell(fmt::format("qtrace dump --from {} --count {} {}",
+                                                 thread.first() + sums[i].bin * thread.bin_records(),
+                                                 thread.bin_records(), thread.name))});
     out_ +=
         "<details><summary>As a table</summary>" +
         table(fmt::format("{} by range of {}, {}", what, size_name(uint64_t{1} << map.range_bits()), thread.name),
@@ -801,6 +805,8 @@ Json Page_Builder::thread_json(Thread_Data &thread)
 {
     return {{"name", thread.name},
             {"records", thread.counts.instructions},
+            {"first", thread.first()},
+            {"end", thread.end()},
             {"bin_records", thread.bin_records()},
             {"processes", processes_json(thread)},
             {"gaps", gaps_json(thread)},

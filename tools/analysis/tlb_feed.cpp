@@ -8,63 +8,65 @@ namespace qtrace_tool
 namespace
 {
 
-using trace::number;
-using trace::Translated_Address;
-
 constexpr size_t MOST_KNOWN_PAGES = 65536;
 
 } // namespace
 
-// ---- Naming --------------------------------------------------------------------------------------------
-
-Told Tlb_Feed::read(const Translated_Address &address, uint64_t effective, Named &named) const
+void Tlb_Feed::take(const Access_Entry &entry, const Access_List &list)
 {
-    const Told told = read_translation(address, effective, sizes_, named);
-    if (told == Told::page)
-        set_space(named.translation.page, named.in_guest, partition_);
-    return told;
+    switch (entry.kind) {
+    case Access_Entry::Kind::record:
+        return record(entry, list);
+    case Access_Entry::Kind::header:
+        return header(entry, list);
+    case Access_Entry::Kind::loss:
+        return loss(entry);
+    }
 }
 
-void Tlb_Feed::name_fetch(const Translated_Address &address, uint64_t effective)
+void Tlb_Feed::name_fetch(uint32_t code, const Access_List &list)
 {
-    told_ = read(address, effective, named_);
-    fresh_ = told_ == Told::page;
+    fresh_ = code < NO_ADDRESS;
+    told_ = fresh_ ? Told::page : code == UNTRANSLATED ? Told::untranslated : Told::nothing;
+    if (fresh_) {
+        static_cast<Named_Translation &>(named_) = list.translation(code);
+        set_space(named_.translation.page, named_.in_guest, partition_);
+    }
 }
 
-// ---- Items ---------------------------------------------------------------------------------------------
+// ---- Entries -------------------------------------------------------------------------------------------
 
-void Tlb_Feed::enter_partition(const QTRACE_FILE_HDR &header)
+void Tlb_Feed::enter_partition(const Access_Entry &entry)
 {
-    partition_ = {number(header.lpid), number(header.pid)};
+    partition_ = {entry.address, static_cast<uint32_t>(entry.data_address)};
     moved_ = true;
-    model_.switch_to(partition_);
+    tell([this](Tlb_Model &model) { model.switch_to(partition_); });
 }
 
-void Tlb_Feed::header(const QTRACE_FILE_HDR &header)
+void Tlb_Feed::header(const Access_Entry &entry, const Access_List &list)
 {
-    enter_partition(header);
-    if (header.control.iar_is_present)
-        name_fetch(trace::first_address_of(header), number(header.iar));
+    enter_partition(entry);
+    if (entry.next != NO_ADDRESS)
+        name_fetch(entry.next, list);
 }
 
-void Tlb_Feed::loss(const QTRACE_FILE_HDR *context)
+void Tlb_Feed::loss(const Access_Entry &entry)
 {
     told_ = Told::nothing;
     fresh_ = false;
     current_ = nullptr;
-    if (context != nullptr)
-        enter_partition(*context);
+    if (entry.known)
+        enter_partition(entry);
 }
 
-void Tlb_Feed::record(const QTRACE_Item &item)
+void Tlb_Feed::record(const Access_Entry &entry, const Access_List &list)
 {
-    const QTRACE_RECORD &record = item.record;
-    model_.instruction(item.address);
-    fetch(item);
-    if (record.header.control.fld.data_address_present)
-        data(record);
-    if (record.header.control.fld.next_instruction_EA_present)
-        name_fetch(trace::next_address_of(record), number(record.next_instruction_ea));
+    tell([&](Tlb_Model &model) { model.instruction(entry.address); });
+    fetch(entry);
+    if (entry.data != NO_ADDRESS)
+        data(entry, list);
+    if (entry.next != NO_ADDRESS)
+        name_fetch(entry.next, list);
 }
 
 // The page named for this instruction becomes the last translation of its page.
@@ -101,46 +103,37 @@ Tlb_Feed::Named *Tlb_Feed::last_named(uint64_t address)
     return last;
 }
 
-void Tlb_Feed::fetch(const QTRACE_Item &item)
+void Tlb_Feed::fetch(const Access_Entry &entry)
 {
-    if (told_ == Told::untranslated) {
-        model_.untranslated(Access_Side::fetch);
-        return;
-    }
-    if (told_ == Told::nothing || !item.address_known) {
-        model_.not_known(Access_Side::fetch);
-        return;
-    }
+    if (told_ == Told::untranslated)
+        return tell([](Tlb_Model &model) { model.untranslated(Access_Side::fetch); });
+    if (told_ == Told::nothing || !entry.known)
+        return tell([](Tlb_Model &model) { model.not_known(Access_Side::fetch); });
     if (fresh_)
         remember_named();
     else if (moved_ || current_ == nullptr ||
-             item.address >> current_->translation.page.bits << current_->translation.page.bits !=
+             entry.address >> current_->translation.page.bits << current_->translation.page.bits !=
                  current_->translation.page.first)
-        current_ = last_named(item.address);
+        current_ = last_named(entry.address);
     fresh_ = moved_ = false;
     if (current_ == nullptr)
-        model_.not_known(Access_Side::fetch);
-    else
-        model_.access(Access_Side::fetch, item.address, current_->translation);
+        return tell([](Tlb_Model &model) { model.not_known(Access_Side::fetch); });
+    tell([&](Tlb_Model &model) { model.access(Access_Side::fetch, entry.address, current_->translation); });
 }
 
-void Tlb_Feed::data(const QTRACE_RECORD &record)
+void Tlb_Feed::data(const Access_Entry &entry, const Access_List &list)
 {
-    if (record.header.control.fld.trace_error_code_present) {
-        model_.suspect();
-        return;
-    }
-    const uint64_t effective = number(record.data_ea);
-    switch (read(trace::data_address_of(record), effective, data_)) {
-    case Told::nothing:
-        model_.not_known(Access_Side::data);
-        break;
-    case Told::untranslated:
-        model_.untranslated(Access_Side::data);
-        break;
-    case Told::page:
-        model_.access(Access_Side::data, effective, data_.translation);
-        break;
+    switch (entry.data) {
+    case SUSPECT:
+        return tell([](Tlb_Model &model) { model.suspect(); });
+    case NOT_TOLD:
+        return tell([](Tlb_Model &model) { model.not_known(Access_Side::data); });
+    case UNTRANSLATED:
+        return tell([](Tlb_Model &model) { model.untranslated(Access_Side::data); });
+    default:
+        static_cast<Named_Translation &>(data_) = list.translation(entry.data);
+        set_space(data_.translation.page, data_.in_guest, partition_);
+        tell([&](Tlb_Model &model) { model.access(Access_Side::data, entry.data_address, data_.translation); });
     }
 }
 

@@ -1,11 +1,12 @@
-// The accesses of a trace as the TLB model takes them: which page each instruction was fetched from, and what each
+// The accesses of a trace as TLB models take them: which page each instruction was fetched from, and what each
 // translation names.
 #pragma once
 
-#include "address_view.h"
-#include "qtrace_reader.h"
+#include "access_list.h"
 #include "tlb_model.h"
 #include "translation.h"
+
+#include <vector>
 
 namespace qtrace_tool
 {
@@ -13,28 +14,32 @@ namespace qtrace_tool
 class Tlb_Feed
 {
 public:
-    // Both are the caller's.
-    Tlb_Feed(Tlb_Model &model, const Page_Sizes &sizes) : model_(model), sizes_(sizes) {}
+    // The models are the caller's. All of them are told the same.
+    explicit Tlb_Feed(std::vector<Tlb_Model *> models) : models_(std::move(models)) {}
 
-    void header(const QTRACE_FILE_HDR &header);
-    void record(const QTRACE_Item &item);
-    // Records are missing before the next item. `context`: the header in force there; null when it is not known.
-    void loss(const QTRACE_FILE_HDR *context);
+    // The next entry of the trace; `list` is the one that it is in.
+    void take(const Access_Entry &entry, const Access_List &list);
 
 private:
     struct Named : Named_Translation {
         uint64_t order = 0; // of naming; higher is later
     };
-    Told read(const trace::Translated_Address &address, uint64_t effective, Named &named) const;
-    void name_fetch(const trace::Translated_Address &address, uint64_t effective);
-    void enter_partition(const QTRACE_FILE_HDR &header);
-    void fetch(const QTRACE_Item &item);
+    template <class Tell> void tell(Tell tell)
+    {
+        for (Tlb_Model *model : models_)
+            tell(*model);
+    }
+    void record(const Access_Entry &entry, const Access_List &list);
+    void header(const Access_Entry &entry, const Access_List &list);
+    void loss(const Access_Entry &entry);
+    void name_fetch(uint32_t code, const Access_List &list);
+    void enter_partition(const Access_Entry &entry);
+    void fetch(const Access_Entry &entry);
     void remember_named();
     Named *last_named(uint64_t address);
-    void data(const QTRACE_RECORD &record);
+    void data(const Access_Entry &entry, const Access_List &list);
 
-    Tlb_Model &model_;
-    const Page_Sizes &sizes_;
+    std::vector<Tlb_Model *> models_;
     Partition_Key partition_;
     Told told_ = Told::nothing; // of the page that is being executed
     bool fresh_ = false;        // named_ holds for the next instruction

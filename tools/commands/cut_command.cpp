@@ -1,5 +1,6 @@
 #include "exports/output_file.h"
 #include "json_writer.h"
+#include "qtrace_jobs.h"
 #include "record_filter.h"
 #include "tool_command.h"
 #include "trace_files.h"
@@ -54,6 +55,7 @@ private:
     Record_Filter filter_;
     static constexpr uint64_t NOT_GIVEN = std::numeric_limits<uint64_t>::max();
     uint64_t every_ = NOT_GIVEN, window_ = NOT_GIVEN;
+    unsigned jobs_ = 1;
     bool force_ = false;
 };
 
@@ -64,6 +66,7 @@ void Cut_Command::declare(Options &app)
         ->required()
         ->type_name("OUT");
     app.add_flag("--force", force_, "replace OUT when it exists");
+    declare_jobs(app, jobs_);
     filter_.declare_range(app);
     filter_.declare_contexts(app);
     declare_number(app, "--every", every_, "samples: of every N records, counted from the first one");
@@ -119,7 +122,7 @@ void Cut_Command::cut(Tool_Run &run, const std::string &from, const std::string 
     choice.user = &user;
     QTRACE_Cut_Result result;
     char *reason = nullptr;
-    const int failed = qtrace_cut(from.c_str(), &choice, &result, &reason);
+    const int failed = qtrace_cut_by(from.c_str(), &choice, jobs_, &result, &reason);
     const std::unique_ptr<char, decltype(&std::free)> owner(reason, &std::free);
     output.check();
     if (failed != 0)

@@ -5,6 +5,8 @@
 #include "trace_files.h"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace qtrace_tool
 {
@@ -32,11 +34,14 @@ private:
     std::unique_ptr<Exporter> export_to(Tool_Run &run, Output &output, Make make);
     void report(Tool_Run &run, const Exporter &exporter) const;
     void export_file(Tool_Run &run, Trace_File &file, Exporter &exporter);
+    bool export_parts(Tool_Run &run, Trace_File &file, Exporter &exporter, const Scan_Options &options);
+    bool export_items(Tool_Run &run, Trace_File &file, Export_Part &exporter, const Record_Range &range);
 
     std::vector<std::string> files_;
     std::string format_, output_, address_ = "effective";
     Export_Options options_;
     Record_Filter filter_;
+    unsigned jobs_ = 1;
     Symbol_Options symbols_;
     std::vector<std::unique_ptr<Trace_File>> traces_;
     bool force_ = false;
@@ -55,6 +60,7 @@ void Export_Command::declare(Options &app)
     app.add_flag("--decimal", options_.decimal, "csv: all numbers in decimal");
     app.add_flag("--index", options_.index, "sqlite: with indexes by address, access and record");
     app.add_option("--address", address_, "addresses of champsim: effective, real")->type_name("WHICH");
+    declare_jobs(app, jobs_);
     filter_.declare(app);
     declare_symbols(app, symbols_);
 }
@@ -131,34 +137,94 @@ void Export_Command::report(Tool_Run &run, const Exporter &exporter) const
              });
 }
 
-// What an exporter gets of a file.
+// What an export gets of a file, or of a group of blocks.
 class Export_Sink : public Chosen_Sink
 {
 public:
-    Export_Sink(const Record_Filter &filter, Exporter &exporter) : Chosen_Sink(filter), exporter_(exporter) {}
-    void header(const QTRACE_Item &item) override { exporter_.header(item, context()); }
+    // At most `most` records; the part is the caller's.
+    Export_Sink(const Record_Filter &filter, uint64_t most, Export_Part &part)
+        : Chosen_Sink(filter, most), part_(&part)
+    {
+    }
+    // A part for a group of blocks.
+    Export_Sink(const Record_Filter &filter, uint64_t most, std::unique_ptr<Export_Part> part)
+        : Chosen_Sink(filter, most), own_(std::move(part)), part_(own_.get())
+    {
+    }
+    void header(const QTRACE_Item &item) override
+    {
+        part_->header(item, context());
+        set_full(part_->size() > MUCH);
+    }
     void loss(const QTRACE_Item &item, const std::string &) override
     {
         const QTRACE_Discontinuity &what = item.discontinuity;
         if (what.records > 0 || !what.records_known)
-            exporter_.lost(item.record_number, std::max<uint64_t>(1, what.records));
+            part_->lost(item.record_number, std::max<uint64_t>(1, what.records));
+    }
+
+    // Gives the part to the exporter, and goes on with another one. Returns how many records the part has.
+    uint64_t hand_to(Exporter &exporter)
+    {
+        exporter.add(*own_);
+        if (is_full()) {
+            own_ = exporter.make_part();
+            part_ = own_.get();
+        }
+        return taken() - std::exchange(handed_over_, taken());
     }
 
 protected:
-    void chosen(const QTRACE_Item &record) override { exporter_.record(record, context()); }
+    void chosen(const QTRACE_Item &record) override
+    {
+        part_->record(record, context());
+        set_full(part_->size() > MUCH);
+    }
 
 private:
-    Exporter &exporter_;
+    static constexpr size_t MUCH = 2 << 20; // bytes of a part
+    std::unique_ptr<Export_Part> own_;
+    Export_Part *part_;
+    uint64_t handed_over_ = 0; // records
 };
 
+constexpr uint64_t EVERY_RECORD = std::numeric_limits<uint64_t>::max();
+
+bool Export_Command::export_parts(Tool_Run &run, Trace_File &file, Exporter &exporter, const Scan_Options &options)
+{
+    uint64_t left = filter_.count();
+    const bool alone = options.jobs == 1; // else nothing but the range is a limit
+    return scan<Export_Sink>(
+        run, file, options,
+        [&] { return std::make_unique<Export_Sink>(filter_, alone ? left : EVERY_RECORD, exporter.make_part()); },
+        [&](Export_Sink &group) {
+            const uint64_t records = group.hand_to(exporter);
+            records_ += records;
+            left -= records;
+            return left > 0;
+        });
+}
+
+bool Export_Command::export_items(Tool_Run &run, Trace_File &file, Export_Part &exporter, const Record_Range &range)
+{
+    Export_Sink sink(filter_, filter_.count(), exporter);
+    const bool readable = scan_in_order(run, file, range, sink);
+    records_ += sink.taken();
+    return readable;
+}
+
+// Without a choice the numbers of records make the range, so that parts of a trace by `plan` fit together.
 void Export_Command::export_file(Tool_Run &run, Trace_File &file, Exporter &exporter)
 {
     exporter.begin_file(file.name());
     if (!file.has_record(filter_.from()))
         throw std::runtime_error(file.no_record(filter_.from()));
-    Export_Sink sink(filter_, exporter);
-    const bool readable = scan_in_order(run, file, {.first = filter_.from()}, sink);
-    records_ += sink.taken();
+    Scan_Options options{{filter_.from(), filter_.picks() ? EVERY_RECORD : filter_.count()}, jobs_};
+    if (filter_.picks() && filter_.count() != EVERY_RECORD)
+        options.jobs = 1; // how many are left is known when the groups before are done
+    Export_Part *const in_order = exporter.in_order();
+    const bool readable = in_order != nullptr ? export_items(run, file, *in_order, options.range)
+                                              : export_parts(run, file, exporter, options);
     if (!readable)
         throw std::runtime_error(file.name() + ": cannot be read to its end");
 }

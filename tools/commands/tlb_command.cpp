@@ -270,7 +270,7 @@ private:
     std::vector<uint32_t> bits_;
     uint64_t walk_cache_ = 16, nested_cache_ = 16, top_ = 10;
     Page_Sizes sizes_;
-    Record_Range range_;
+    Scan_Options scan_;
     Tlb_Options options_;
     Tlb_Lists lists_;
 };
@@ -278,7 +278,7 @@ private:
 void Tlb_Command::declare(Options &app)
 {
     declare_files(app, files_);
-    declare_range(app, range_);
+    declare_scan(app, scan_);
     declare_model(app);
     declare_output(app);
 }
@@ -325,34 +325,48 @@ void Tlb_Command::read_options()
     sizes_ = page_sizes(bits_);
 }
 
+// The accesses of a group of blocks.
 class Tlb_Sink : public Item_Sink
 {
 public:
-    explicit Tlb_Sink(Tlb_Feed &feed) : feed_(feed) {}
+    explicit Tlb_Sink(const Page_Sizes &sizes) : accesses(sizes) {}
     void begin(const Group_Start &start) override
     {
         if (start.at_start && start.context != nullptr)
-            feed_.loss(start.context); // the range begins in the middle of the file
+            accesses.loss(0, start.context); // the range begins in the middle of the file
     }
-    void header(const QTRACE_Item &item) override { feed_.header(item.header); }
-    void record(const QTRACE_Item &item) override { feed_.record(item); }
-    void loss(const QTRACE_Item &item, const std::string &) override { feed_.loss(item.discontinuity.context); }
+    void header(const QTRACE_Item &item) override { accesses.header(item); }
+    void record(const QTRACE_Item &item) override
+    {
+        accesses.record(item);
+        set_full(accesses.is_long());
+    }
+    void loss(const QTRACE_Item &item, const std::string &) override
+    {
+        accesses.loss(item.record_number, item.discontinuity.context);
+    }
 
-private:
-    Tlb_Feed &feed_;
+    Access_List accesses;
 };
 
-// Null: the run has been told why the file cannot be read to its end.
+// What a TLB holds depends on all accesses before, so that one thread runs the model; others read ahead of it. Null: the
+// run has been told why the file cannot be read to its end.
 std::unique_ptr<Tlb_Figures> Tlb_Command::replay(Tool_Run &run, Trace_File &file) const
 {
     Tlb_Model model(options_);
-    Tlb_Feed feed(model, sizes_);
-    Tlb_Sink sink(feed);
-    if (!file.has_record(range_.first)) {
-        run.fail(file.no_record(range_.first));
+    Tlb_Feed feed({&model});
+    const auto make = [this] { return std::make_unique<Tlb_Sink>(sizes_); };
+    const auto merge = [&feed](Tlb_Sink &group) {
+        for (const Access_Entry &entry : group.accesses.entries())
+            feed.take(entry, group.accesses);
+        group.accesses.clear();
+        return true;
+    };
+    if (!file.has_record(scan_.range.first)) {
+        run.fail(file.no_record(scan_.range.first));
         return nullptr;
     }
-    if (!scan_in_order(run, file, range_, sink))
+    if (!scan<Tlb_Sink>(run, file, scan_, make, merge))
         return nullptr;
     return std::make_unique<Tlb_Figures>(model.take());
 }

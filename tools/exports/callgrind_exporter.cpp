@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <unordered_map>
 
 namespace qtrace_tool
 {
@@ -34,32 +35,35 @@ bool has_walk(const Translated_Address &address)
     return address.present && address.pieces != 0 && address.pair().walk != Walk_Kind::none;
 }
 
-class Callgrind_Exporter : public Exporter
-{
-public:
-    Callgrind_Exporter(Output_File &file, const Export_Options &options) : file_(file), names_(*options.names) {}
-    void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
-    void finish() override;
-
-private:
-    // An instruction address, and the symbol that it belongs to; the same address may belong to several processes.
-    struct Place {
-        const Symbol *symbol; // null: none
-        uint64_t address;
-        uint64_t page() const { return address >> Translated_Address::PAGE_NUMBER_BITS; }
-        bool operator<(const Place &other) const;
-    };
-    void put(const Costs &costs);
-    void put_object(const std::string &object);
-    void put_function(const Place &place);
-
-    Output_File &file_;
-    Name_Finder names_;
-    std::map<Place, Costs> costs_;
-    std::string object_ = NO_OBJECT; // of the function that was put last
+// An instruction address, and the symbol that it belongs to; the same address may belong to several processes.
+struct Place {
+    const Symbol *symbol; // null: none
+    uint64_t address;
+    uint64_t page() const { return address >> Translated_Address::PAGE_NUMBER_BITS; }
+    bool operator<(const Place &other) const;
+    bool operator==(const Place &other) const = default;
 };
 
-void Callgrind_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+struct Place_Hash {
+    size_t operator()(const Place &place) const { return place.address * 0x9E3779B97F4A7C15u >> 20; }
+};
+
+// Costs of a group of blocks.
+class Callgrind_Part : public Export_Part
+{
+public:
+    explicit Callgrind_Part(const Symbol_Names &names) : names_(names) {}
+    void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
+
+    size_t size() const override { return costs.size() * (sizeof(Place) + sizeof(Costs) + 2 * sizeof(void *)); }
+
+    std::unordered_map<Place, Costs, Place_Hash> costs;
+
+private:
+    Name_Finder names_;
+};
+
+void Callgrind_Part::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
     const uint32_t kinds = kinds_of(item.record, item.address);
     const uint64_t walks =
@@ -69,7 +73,32 @@ void Callgrind_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *
         names_.enter(context);
         place.symbol = names_.find(item.address);
     }
-    costs_[place].add({1, (kinds & QTRACE_KIND_LOAD) != 0, (kinds & QTRACE_KIND_STORE) != 0, walks});
+    costs[place].add({1, (kinds & QTRACE_KIND_LOAD) != 0, (kinds & QTRACE_KIND_STORE) != 0, walks});
+}
+
+class Callgrind_Exporter : public Exporter
+{
+public:
+    Callgrind_Exporter(Output_File &file, const Export_Options &options) : file_(file), names_(*options.names) {}
+    std::unique_ptr<Export_Part> make_part() const override { return std::make_unique<Callgrind_Part>(names_); }
+    void add(Export_Part &part) override;
+    void finish() override;
+
+private:
+    void put(const Costs &costs);
+    void put_object(const std::string &object);
+    void put_function(const Place &place);
+
+    Output_File &file_;
+    const Symbol_Names &names_;
+    std::map<Place, Costs> costs_;
+    std::string object_ = NO_OBJECT; // of the function that was put last
+};
+
+void Callgrind_Exporter::add(Export_Part &part)
+{
+    for (const auto &[place, costs] : static_cast<Callgrind_Part &>(part).costs)
+        costs_[place].add(costs);
 }
 
 void Callgrind_Exporter::put(const Costs &costs)
@@ -78,7 +107,7 @@ void Callgrind_Exporter::put(const Costs &costs)
 }
 
 // By address; the same one in different processes by name.
-bool Callgrind_Exporter::Place::operator<(const Place &other) const
+bool Place::operator<(const Place &other) const
 {
     if (address != other.address || symbol == other.symbol)
         return address < other.address;

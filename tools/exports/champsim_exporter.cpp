@@ -6,7 +6,6 @@
 #include "instruction_word.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -77,15 +76,45 @@ private:
     size_t used_ = 0;
 };
 
-class Champsim_Exporter : public Exporter
+// What the format has no place for.
+struct Left_Out {
+    uint64_t inputs = 0, outputs = 0, accesses = 0, not_translated = 0, jumps = 0;
+    Left_Out &operator+=(const Left_Out &other)
+    {
+        inputs += other.inputs;
+        outputs += other.outputs;
+        accesses += other.accesses;
+        not_translated += other.not_translated;
+        jumps += other.jumps;
+        return *this;
+    }
+};
+
+// The page that instructions are on, and its real one.
+struct Code_Page {
+    bool known = false;
+    uint64_t page = 0, real_page = 0;
+    // Makes the address real, if it is on that page.
+    bool translate(uint64_t &address) const;
+};
+
+// The records of a group of blocks.
+class Champsim_Part : public Export_Part
 {
 public:
-    Champsim_Exporter(Output_File &file, const Export_Options &options);
+    explicit Champsim_Part(bool real) : real_(real) {}
     void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
-    void lost(uint64_t, uint64_t) override { page_known_ = false; }
-    void finish() override { write(); }
-    std::vector<std::string> shortcomings() const override;
+    void lost(uint64_t, uint64_t) override { enter(Code_Page{}); }
+
+    size_t size() const override { return bytes().size(); }
+    // `page`: where the instructions before this part were; afterwards, those before the next one.
+    void follow(Code_Page &page);
+    std::string_view bytes() const
+    {
+        return {reinterpret_cast<const char *>(records_.data()), records_.size() * sizeof(Simulator_Record)};
+    }
+    const Left_Out &left_out() const { return left_out_; }
 
 private:
     using Inputs = Places<uint8_t, 4>;
@@ -93,51 +122,53 @@ private:
     void mark_branch(uint32_t word, uint32_t kinds, Inputs &inputs, Outputs &outputs);
     void add_registers(const QTRACE_REGISTERS &registers, Inputs &inputs, Outputs &outputs, bool read);
     void add_access(const QTRACE_RECORD &record, uint32_t kinds, Simulator_Record &to);
+    void enter(const Code_Page &page);
     void enter(const Translated_Address &address);
-    uint64_t fetch_address(const QTRACE_Item &item);
-    void write();
 
-    Output_File &file_;
     bool real_;
-    std::array<Simulator_Record, 512> records_; // not written yet
-    size_t used_ = 0;
-    bool page_known_ = false; // of the instructions, with real_
-    uint64_t page_ = 0, real_page_ = 0;
-    uint64_t inputs_left_out_ = 0, outputs_left_out_ = 0, accesses_left_out_ = 0, not_translated_ = 0, jumps_ = 0;
+    std::vector<Simulator_Record> records_;
+    bool page_told_ = false; // by this part
+    size_t before_told_ = 0; // records
+    Code_Page page_;         // of the instructions, with real_
+    Left_Out left_out_;
 };
 
 constexpr unsigned PAGE_BITS = Translated_Address::PAGE_NUMBER_BITS;
 
-Champsim_Exporter::Champsim_Exporter(Output_File &file, const Export_Options &options)
-    : file_(file), real_(options.real)
+bool Code_Page::translate(uint64_t &address) const
 {
-    if (options.files.size() != 1)
-        throw std::invalid_argument("champsim takes one trace file: a simulated core reads one thread");
+    if (!known || address >> PAGE_BITS != page)
+        return false;
+    address = real_page << PAGE_BITS | (address & ((1u << PAGE_BITS) - 1));
+    return true;
 }
 
-void Champsim_Exporter::enter(const Translated_Address &address)
+void Champsim_Part::enter(const Code_Page &page)
+{
+    if (!std::exchange(page_told_, true))
+        before_told_ = records_.size();
+    page_ = page;
+}
+
+void Champsim_Part::enter(const Translated_Address &address)
 {
     const std::optional<uint64_t> real = address.real();
-    page_known_ = real.has_value();
-    page_ = address.address >> PAGE_BITS;
-    real_page_ = real.value_or(0) >> PAGE_BITS;
+    enter(Code_Page{real.has_value(), address.address >> PAGE_BITS, real.value_or(0) >> PAGE_BITS});
 }
 
-void Champsim_Exporter::header(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
+void Champsim_Part::header(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
 {
     if (item.header.control.iar_is_present)
         enter(first_address_of(item.header));
 }
 
-uint64_t Champsim_Exporter::fetch_address(const QTRACE_Item &item)
+void Champsim_Part::follow(Code_Page &page)
 {
-    if (!real_)
-        return item.address;
-    if (!page_known_ || item.address >> PAGE_BITS != page_) {
-        not_translated_++;
-        return item.address;
-    }
-    return real_page_ << PAGE_BITS | (item.address & ((1u << PAGE_BITS) - 1));
+    const size_t before_told = page_told_ ? before_told_ : records_.size();
+    for (size_t i = 0; real_ && i < before_told; i++)
+        left_out_.not_translated += !page.translate(records_[i].ip);
+    if (page_told_)
+        page = page_;
 }
 
 // A branch whose target is in the word and that does not depend on anything: read registers would make it another kind.
@@ -149,7 +180,7 @@ static bool is_direct(uint32_t word, uint32_t kinds)
 
 // How the simulator tells calls, returns, conditional and indirect branches apart: by which of the three registers
 // they read and write, and whether they read any other.
-void Champsim_Exporter::mark_branch(uint32_t word, uint32_t kinds, Inputs &inputs, Outputs &outputs)
+void Champsim_Part::mark_branch(uint32_t word, uint32_t kinds, Inputs &inputs, Outputs &outputs)
 {
     const bool indirect = primary_opcode(word) == BRANCH_TO_REGISTER;
     outputs.add(INSTRUCTION_POINTER);
@@ -166,8 +197,7 @@ void Champsim_Exporter::mark_branch(uint32_t word, uint32_t kinds, Inputs &input
         inputs.add(extended_opcode(word) == TO_COUNT ? COUNT : LINK);
 }
 
-void Champsim_Exporter::add_registers(const QTRACE_REGISTERS &registers, Inputs &inputs, Outputs &outputs,
-                                      bool read)
+void Champsim_Part::add_registers(const QTRACE_REGISTERS &registers, Inputs &inputs, Outputs &outputs, bool read)
 {
     for (const Register_Class &kind : REGISTER_CLASSES) {
         if (kind.held(registers) == 0) // most are
@@ -177,53 +207,79 @@ void Champsim_Exporter::add_registers(const QTRACE_REGISTERS &registers, Inputs 
             std::memcpy(&index, kind.entry(registers, i), sizeof index);
             const uint8_t own = simulator_number(kind.letter[0], index);
             if (kind.output)
-                outputs_left_out_ += !outputs.add(own);
+                left_out_.outputs += !outputs.add(own);
             else if (read)
-                inputs_left_out_ += !inputs.add(own);
+                left_out_.inputs += !inputs.add(own);
         }
     }
 }
 
-void Champsim_Exporter::add_access(const QTRACE_RECORD &record, uint32_t kinds, Simulator_Record &to)
+void Champsim_Part::add_access(const QTRACE_RECORD &record, uint32_t kinds, Simulator_Record &to)
 {
     if (!record.header.control.fld.data_address_present)
         return;
     const std::optional<uint64_t> real = real_ ? data_address_of(record).real() : std::nullopt;
-    not_translated_ += real_ && !real;
+    left_out_.not_translated += real_ && !real;
     const uint64_t address = real ? *real : number(record.data_ea);
     if ((kinds & QTRACE_KIND_LOAD) != 0)
         to.source_memory[0] = address;
     if ((kinds & QTRACE_KIND_STORE) != 0)
         to.destination_memory[0] = address;
-    accesses_left_out_ += address == 0 || (kinds & (QTRACE_KIND_LOAD | QTRACE_KIND_STORE)) == 0;
+    left_out_.accesses += address == 0 || (kinds & (QTRACE_KIND_LOAD | QTRACE_KIND_STORE)) == 0;
 }
 
-void Champsim_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
+void Champsim_Part::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *)
 {
     const QTRACE_RECORD &record = item.record;
     const uint32_t kinds = kinds_of(record, item.address);
     const bool branch = (kinds & QTRACE_KIND_BRANCH) != 0;
-    Simulator_Record &to = records_[used_++] = {};
+    Simulator_Record &to = records_.emplace_back();
     Inputs inputs(to.source_registers);
     Outputs outputs(to.destination_registers);
-    to.ip = fetch_address(item);
+    to.ip = item.address;
+    if (real_ && page_told_)
+        left_out_.not_translated += !page_.translate(to.ip);
     to.is_branch = branch;
     to.branch_taken = (kinds & QTRACE_KIND_TAKEN) != 0;
     if (branch)
         mark_branch(record.header.instruction, kinds, inputs, outputs);
     add_registers(record.regs, inputs, outputs, !is_direct(record.header.instruction, kinds));
     add_access(record, kinds, to);
-    jumps_ += !branch && record.header.control.fld.iar_change_present;
+    left_out_.jumps += !branch && record.header.control.fld.iar_change_present;
     if (real_ && record.header.control.fld.next_instruction_EA_present)
         enter(next_address_of(record));
-    if (used_ == records_.size())
-        write();
 }
 
-void Champsim_Exporter::write()
+// ---- The exporter --------------------------------------------------------------------------------------
+
+class Champsim_Exporter : public Exporter
 {
-    const size_t bytes = std::exchange(used_, 0) * sizeof(Simulator_Record);
-    file_.out().put(std::string_view(reinterpret_cast<const char *>(records_.data()), bytes));
+public:
+    Champsim_Exporter(Output_File &file, const Export_Options &options);
+    std::unique_ptr<Export_Part> make_part() const override { return std::make_unique<Champsim_Part>(real_); }
+    void add(Export_Part &part) override;
+    std::vector<std::string> shortcomings() const override;
+
+private:
+    Output_File &file_;
+    bool real_;
+    Code_Page page_; // of the instructions, with real_
+    Left_Out left_out_;
+};
+
+Champsim_Exporter::Champsim_Exporter(Output_File &file, const Export_Options &options)
+    : file_(file), real_(options.real)
+{
+    if (options.files.size() != 1)
+        throw std::invalid_argument("champsim takes one trace file: a simulated core reads one thread");
+}
+
+void Champsim_Exporter::add(Export_Part &part)
+{
+    auto &records = static_cast<Champsim_Part &>(part);
+    records.follow(page_);
+    left_out_ += records.left_out();
+    file_.out().put(records.bytes());
     file_.out().settle();
     file_.check();
 }
@@ -235,11 +291,11 @@ std::vector<std::string> Champsim_Exporter::shortcomings() const
         if (count != 0)
             sentences.push_back(fmt::format("{}: {}", what, count));
     };
-    say(outputs_left_out_, "registers written that have no place (2 an instruction)");
-    say(inputs_left_out_, "registers read that have no place (4 an instruction)");
-    say(accesses_left_out_, "accesses left out (cache management, or to address 0)");
-    say(not_translated_, "addresses without a recorded real one, left effective");
-    say(jumps_, "control-flow changes without a branch (interrupts, exceptions)");
+    say(left_out_.outputs, "registers written that have no place (2 an instruction)");
+    say(left_out_.inputs, "registers read that have no place (4 an instruction)");
+    say(left_out_.accesses, "accesses left out (cache management, or to address 0)");
+    say(left_out_.not_translated, "addresses without a recorded real one, left effective");
+    say(left_out_.jumps, "control-flow changes without a branch (interrupts, exceptions)");
     return sentences;
 }
 

@@ -22,24 +22,30 @@ struct Row {
     Flag_Words flags;
 };
 
-class Csv_Exporter : public Exporter
+// Lines of a group of blocks.
+class Csv_Part : public Export_Part
 {
 public:
-    Csv_Exporter(Output_File &file, const Export_Options &options);
-    void begin_file(const std::string &) override { file_number_++; }
-    void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
-
-private:
     struct Column;
-    using Put = void (Csv_Exporter::*)(const Row &row, const Column &column);
+    // The columns are the caller's.
+    Csv_Part(const std::vector<Column> &columns, size_t file, bool decimal, const Symbol_Names &names)
+        : columns_(columns), file_(file), decimal_(decimal), names_(names)
+    {
+    }
+    void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
+    size_t size() const override { return out_.size(); }
+    std::string_view lines() const { return out_.text(); }
+
+    using Put = void (Csv_Part::*)(const Row &row, const Column &column);
     struct Column {
         std::string_view name;
         Put put;
         const Trace_Member *member = nullptr;
         const Register_Class *registers = nullptr;
     };
-
     static std::vector<Column> known_columns();
+
+private:
     void put_number(uint64_t value, bool hexadecimal);
     void put_file(const Row &row, const Column &) { put_number(row.file, false); }
     void put_record(const Row &row, const Column &) { put_number(row.item.record_number, false); }
@@ -62,17 +68,16 @@ private:
     void put_name(const Row &row, bool known, uint64_t address);
     void put_registers(const Row &row, const Column &column);
 
-    Output_File &file_;
-    Output &out_;
+    const std::vector<Column> &columns_;
+    size_t file_;
     bool decimal_;
     Name_Finder names_;
-    std::vector<Column> columns_;
-    size_t file_number_ = static_cast<size_t>(-1);
+    Output out_{-1};
 };
 
-std::vector<Csv_Exporter::Column> Csv_Exporter::known_columns()
+std::vector<Csv_Part::Column> Csv_Part::known_columns()
 {
-    using C = Csv_Exporter;
+    using C = Csv_Part;
     std::vector<Column> columns = {
         {"file", &C::put_file},
         {"record", &C::put_record},
@@ -95,28 +100,7 @@ std::vector<Csv_Exporter::Column> Csv_Exporter::known_columns()
     return columns;
 }
 
-Csv_Exporter::Csv_Exporter(Output_File &file, const Export_Options &options)
-    : file_(file), out_(file.out()), decimal_(options.decimal), names_(*options.names)
-{
-    static const std::vector<std::string> USUAL = {"file",    "record",    "address", "instruction",
-                                                   "kinds",   "lpid",      "pid",     "next_instruction_ea",
-                                                   "data_ea", "data_real", "length"};
-    const std::vector<Column> known = known_columns();
-    std::vector<std::string> wanted = options.fields.empty() ? USUAL : options.fields;
-    if (options.fields.empty() && names_.any())
-        wanted.insert(wanted.end(), {"symbol", "next_symbol", "data_symbol"});
-    for (const std::string &name : wanted) {
-        const auto column = std::ranges::find(known, name, &Column::name);
-        if (column == known.end())
-            throw std::invalid_argument(fmt::format("unknown field of csv `{}`", name));
-        columns_.push_back(*column);
-        out_.put(columns_.size() > 1 ? "," : "");
-        out_.put(name);
-    }
-    out_.put("\n");
-}
-
-void Csv_Exporter::put_number(uint64_t value, bool hexadecimal)
+void Csv_Part::put_number(uint64_t value, bool hexadecimal)
 {
     if (!hexadecimal || decimal_)
         return out_.put_decimal(value);
@@ -124,25 +108,25 @@ void Csv_Exporter::put_number(uint64_t value, bool hexadecimal)
     out_.put_hex(value);
 }
 
-void Csv_Exporter::put_address(const Row &row, const Column &)
+void Csv_Part::put_address(const Row &row, const Column &)
 {
     if (row.item.address_known)
         put_number(row.item.address, true);
 }
 
-void Csv_Exporter::put_lpid(const Row &row, const Column &)
+void Csv_Part::put_lpid(const Row &row, const Column &)
 {
     if (row.context != nullptr)
         put_number(number(row.context->lpid), false);
 }
 
-void Csv_Exporter::put_pid(const Row &row, const Column &)
+void Csv_Part::put_pid(const Row &row, const Column &)
 {
     if (row.context != nullptr)
         put_number(number(row.context->pid), false);
 }
 
-void Csv_Exporter::put_kinds(const Row &row, const Column &)
+void Csv_Part::put_kinds(const Row &row, const Column &)
 {
     const uint32_t kinds = kinds_of(row.item.record, row.item.address);
     for (std::string_view separator; const Kind_Name &kind : KINDS)
@@ -153,14 +137,14 @@ void Csv_Exporter::put_kinds(const Row &row, const Column &)
         }
 }
 
-void Csv_Exporter::put_real(const Translated_Address &address)
+void Csv_Part::put_real(const Translated_Address &address)
 {
     if (const std::optional<uint64_t> real = address.real())
         put_number(*real, true);
 }
 
 // A name may have the characters that separate fields: then it stands in quotes.
-void Csv_Exporter::put_name(const Row &row, bool known, uint64_t address)
+void Csv_Part::put_name(const Row &row, bool known, uint64_t address)
 {
     names_.enter(row.context);
     const std::string name = known ? names_.text(address) : "";
@@ -175,14 +159,14 @@ void Csv_Exporter::put_name(const Row &row, bool known, uint64_t address)
     out_.put('"');
 }
 
-void Csv_Exporter::put_member(const Row &row, const Column &column)
+void Csv_Part::put_member(const Row &row, const Column &column)
 {
     const Trace_Member &member = *column.member;
     if (!member.gated() || row.flags.any_of(member.gate))
         put_number(member_value(member, row.item.record), member.shape != Member_Shape::decimal);
 }
 
-void Csv_Exporter::put_registers(const Row &row, const Column &column)
+void Csv_Part::put_registers(const Row &row, const Column &column)
 {
     const Register_Class &kind = *column.registers;
     for (unsigned i = 0; i < kind.entries(row.item.record.regs); i++) {
@@ -200,16 +184,63 @@ void Csv_Exporter::put_registers(const Row &row, const Column &column)
     }
 }
 
-void Csv_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+void Csv_Part::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
-    const Row row{item, context, file_number_, flags_of(item.record)};
+    const Row row{item, context, file_, flags_of(item.record)};
     for (size_t i = 0; i < columns_.size(); i++) {
         if (i > 0)
             out_.put(',');
         (this->*columns_[i].put)(row, columns_[i]);
     }
     out_.put('\n');
-    out_.settle();
+}
+
+// ---- The exporter --------------------------------------------------------------------------------------
+
+class Csv_Exporter : public Exporter
+{
+public:
+    Csv_Exporter(Output_File &file, const Export_Options &options);
+    void begin_file(const std::string &) override { file_number_++; }
+    std::unique_ptr<Export_Part> make_part() const override
+    {
+        return std::make_unique<Csv_Part>(columns_, file_number_, decimal_, names_);
+    }
+    void add(Export_Part &part) override;
+
+private:
+    Output_File &file_;
+    bool decimal_;
+    const Symbol_Names &names_;
+    std::vector<Csv_Part::Column> columns_;
+    size_t file_number_ = static_cast<size_t>(-1);
+};
+
+Csv_Exporter::Csv_Exporter(Output_File &file, const Export_Options &options)
+    : file_(file), decimal_(options.decimal), names_(*options.names)
+{
+    static const std::vector<std::string> USUAL = {"file",    "record",    "address", "instruction",
+                                                   "kinds",   "lpid",      "pid",     "next_instruction_ea",
+                                                   "data_ea", "data_real", "length"};
+    const std::vector<Csv_Part::Column> known = Csv_Part::known_columns();
+    std::vector<std::string> wanted = options.fields.empty() ? USUAL : options.fields;
+    if (options.fields.empty() && Name_Finder(names_).any())
+        wanted.insert(wanted.end(), {"symbol", "next_symbol", "data_symbol"});
+    for (const std::string &name : wanted) {
+        const auto column = std::ranges::find(known, name, &Csv_Part::Column::name);
+        if (column == known.end())
+            throw std::invalid_argument(fmt::format("unknown field of csv `{}`", name));
+        columns_.push_back(*column);
+        file.out().put(columns_.size() > 1 ? "," : "");
+        file.out().put(name);
+    }
+    file.out().put("\n");
+}
+
+void Csv_Exporter::add(Export_Part &part)
+{
+    file_.out().put(static_cast<Csv_Part &>(part).lines());
+    file_.out().settle();
     file_.check();
 }
 

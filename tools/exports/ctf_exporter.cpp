@@ -64,7 +64,7 @@ public:
         print_visible(visible, text_of_others);
         text(visible.take());
     }
-    void append(const Fields &other) { bytes_ += other.bytes_; }
+    void append(std::string_view other) { bytes_ += other; }
     const std::string &bytes() const { return bytes_; }
     void clear() { bytes_.clear(); }
 
@@ -81,7 +81,7 @@ public:
     {
     }
     // The fields after the event's header.
-    void event(uint8_t id, uint64_t record, const Fields &fields);
+    void event(uint8_t id, uint64_t record, std::string_view fields);
     // Records from this number on are missing. They have a packet of their own, so that readers name exactly them.
     void lost(uint64_t first, uint64_t count);
     void close();
@@ -101,7 +101,7 @@ private:
 
 enum Event_Id : uint8_t { RECORD_EVENT, HEADER_EVENT };
 
-void Ctf_Stream::event(uint8_t id, uint64_t record, const Fields &fields)
+void Ctf_Stream::event(uint8_t id, uint64_t record, std::string_view fields)
 {
     if (events_.bytes().empty())
         first_ = record;
@@ -272,57 +272,66 @@ std::string quoted(std::string_view text)
     return result + '"';
 }
 
-// ---- The exporter --------------------------------------------------------------------------------------
+// ---- Events --------------------------------------------------------------------------------------------
 
-class Ctf_Exporter : public Exporter
+// Events of a group of blocks, and where records are missing between them.
+class Ctf_Part : public Export_Part
 {
 public:
-    Ctf_Exporter(Output_Folder &folder, const Export_Options &options);
-    void begin_file(const std::string &name) override;
+    explicit Ctf_Part(const Symbol_Names &names) : names_(names) {}
     void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
-    void lost(uint64_t first, uint64_t count) override;
-    void finish() override;
+    void lost(uint64_t first, uint64_t count) override { entries_.push_back({LOST, first, count}); }
+    size_t size() const override { return fields_.bytes().size() + entries_.size() * sizeof(Entry); }
+    void write(Ctf_Stream &stream) const;
 
 private:
+    static constexpr uint8_t LOST = 0xFF; // instead of an event
+    struct Entry {
+        uint8_t id;
+        uint64_t record;
+        uint64_t size; // of its fields; of lost ones how many records
+    };
     void put_context(const QTRACE_FILE_HDR *context);
     void put_kinds(uint32_t kinds);
     void put_place(const Translated_Address &address);
     void put_registers(const QTRACE_REGISTERS &registers, bool output);
     void put_symbols(const QTRACE_Item &item, const QTRACE_FILE_HDR *context);
-    void put_metadata(Output &out) const;
+    void end_event(uint8_t id, uint64_t record);
 
-    Output_Folder &folder_;
-    const Export_Options &options_;
     Name_Finder names_;
-    Uuid uuid_ = random_uuid();
-    std::unique_ptr<Ctf_Stream> stream_;
-    uint32_t streams_ = 0;
-    Fields fields_;
+    Fields fields_;    // of all events
+    size_t begin_ = 0; // of the event that is put together
+    std::vector<Entry> entries_;
 };
 
-Ctf_Exporter::Ctf_Exporter(Output_Folder &folder, const Export_Options &options)
-    : folder_(folder), options_(options), names_(*options.names)
+void Ctf_Part::end_event(uint8_t id, uint64_t record)
 {
+    entries_.push_back({id, record, fields_.bytes().size() - begin_});
+    begin_ = fields_.bytes().size();
 }
 
-void Ctf_Exporter::begin_file(const std::string &)
+void Ctf_Part::write(Ctf_Stream &stream) const
 {
-    if (stream_)
-        stream_->close();
-    stream_ = std::make_unique<Ctf_Stream>(folder_.stream(streams_), uuid_, streams_);
-    streams_++;
+    std::string_view left = fields_.bytes();
+    for (const Entry &entry : entries_) {
+        if (entry.id == LOST) {
+            stream.lost(entry.record, entry.size);
+            continue;
+        }
+        stream.event(entry.id, entry.record, left.substr(0, entry.size));
+        left.remove_prefix(entry.size);
+    }
 }
 
-void Ctf_Exporter::put_context(const QTRACE_FILE_HDR *context)
+void Ctf_Part::put_context(const QTRACE_FILE_HDR *context)
 {
-    fields_.clear();
     fields_.number(uint8_t{context != nullptr});
     fields_.number(context != nullptr ? number(context->lpid) : uint64_t{0});
     fields_.number(context != nullptr ? number(context->pid) : uint32_t{0});
 }
 
-void Ctf_Exporter::put_kinds(uint32_t kinds)
+void Ctf_Part::put_kinds(uint32_t kinds)
 {
     std::string text;
     for (const Kind_Name &row : KINDS)
@@ -333,7 +342,7 @@ void Ctf_Exporter::put_kinds(uint32_t kinds)
     fields_.text(text);
 }
 
-void Ctf_Exporter::put_place(const Translated_Address &address)
+void Ctf_Part::put_place(const Translated_Address &address)
 {
     fields_.number(uint8_t{address.present});
     if (!address.present)
@@ -344,7 +353,7 @@ void Ctf_Exporter::put_place(const Translated_Address &address)
     fields_.optional(real.has_value(), real.value_or(0));
 }
 
-void Ctf_Exporter::put_registers(const QTRACE_REGISTERS &registers, bool output)
+void Ctf_Part::put_registers(const QTRACE_REGISTERS &registers, bool output)
 {
     uint16_t count = 0;
     for (const Register_Class &kind : REGISTER_CLASSES)
@@ -361,7 +370,7 @@ void Ctf_Exporter::put_registers(const QTRACE_REGISTERS &registers, bool output)
         }
 }
 
-void Ctf_Exporter::put_symbols(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+void Ctf_Part::put_symbols(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
     if (!names_.any())
         return;
@@ -372,7 +381,7 @@ void Ctf_Exporter::put_symbols(const QTRACE_Item &item, const QTRACE_FILE_HDR *c
     fields_.visible_text(data.present ? names_.text(data.address) : "");
 }
 
-void Ctf_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+void Ctf_Part::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
     const QTRACE_RECORD &record = item.record;
     const auto &flags = record.header.control.fld;
@@ -389,21 +398,49 @@ void Ctf_Exporter::record(const QTRACE_Item &item, const QTRACE_FILE_HDR *contex
     put_registers(record.regs, false);
     put_registers(record.regs, true);
     put_symbols(item, context);
-    stream_->event(RECORD_EVENT, item.record_number, fields_);
+    end_event(RECORD_EVENT, item.record_number);
 }
 
-void Ctf_Exporter::header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
+void Ctf_Part::header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
 {
     put_context(context);
     put_place(item.header.control.iar_is_present ? first_address_of(item.header) : Translated_Address{});
     const bool comment = item.header.comment != nullptr;
     fields_.visible_text(comment ? std::string_view(item.header.comment, item.header.comment_length) : "");
-    stream_->event(HEADER_EVENT, item.record_number, fields_);
+    end_event(HEADER_EVENT, item.record_number);
 }
 
-void Ctf_Exporter::lost(uint64_t first, uint64_t count)
+// ---- The exporter --------------------------------------------------------------------------------------
+
+class Ctf_Exporter : public Exporter
 {
-    stream_->lost(first, count);
+public:
+    Ctf_Exporter(Output_Folder &folder, const Export_Options &options)
+        : folder_(folder), options_(options), names_(*options.names)
+    {
+    }
+    void begin_file(const std::string &name) override;
+    std::unique_ptr<Export_Part> make_part() const override { return std::make_unique<Ctf_Part>(names_); }
+    void add(Export_Part &part) override { static_cast<Ctf_Part &>(part).write(*stream_); }
+    void finish() override;
+
+private:
+    void put_metadata(Output &out) const;
+
+    Output_Folder &folder_;
+    const Export_Options &options_;
+    const Symbol_Names &names_;
+    Uuid uuid_ = random_uuid();
+    std::unique_ptr<Ctf_Stream> stream_;
+    uint32_t streams_ = 0;
+};
+
+void Ctf_Exporter::begin_file(const std::string &)
+{
+    if (stream_)
+        stream_->close();
+    stream_ = std::make_unique<Ctf_Stream>(folder_.stream(streams_), uuid_, streams_);
+    streams_++;
 }
 
 void Ctf_Exporter::put_metadata(Output &out) const
@@ -423,7 +460,7 @@ void Ctf_Exporter::put_metadata(Output &out) const
         "nanoseconds\";\n    freq = 1000000000;\n    offset_s = 0;\n    offset = 0;\n    absolute = FALSE;\n};\n");
     out.put(STREAM);
     out.put(EVENT_RECORD);
-    out.put(names_.any() ? SYMBOLS : "");
+    out.put(Name_Finder(names_).any() ? SYMBOLS : "");
     out.put(EVENT_HEADER);
 }
 

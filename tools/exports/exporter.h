@@ -25,12 +25,12 @@ struct Export_Options {
     const Symbol_Names *names;       // of addresses; there may be none
 };
 
-// Gets the items of all files, one file after the other. Members that throw end the export; the output is dropped.
-class Exporter
+// Gets the items of a group of blocks, or of whole files, in file order. Members that throw end the export; the output
+// is dropped.
+class Export_Part
 {
 public:
-    virtual ~Exporter() = default;
-    virtual void begin_file(const std::string &name) { static_cast<void>(name); }
+    virtual ~Export_Part() = default;
     // `context`: the header in force, null before any.
     virtual void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context)
     {
@@ -44,6 +44,22 @@ public:
         static_cast<void>(first);
         static_cast<void>(count);
     }
+    // About how many bytes it holds.
+    virtual size_t size() const { return 0; }
+};
+
+// Gets one file after the other, either as parts that other threads have filled, or item by item.
+class Exporter
+{
+public:
+    virtual ~Exporter() = default;
+    virtual void begin_file(const std::string &name) { static_cast<void>(name); }
+    // A part for some blocks of that file. Called on any thread, while other parts are filled and added.
+    virtual std::unique_ptr<Export_Part> make_part() const { return nullptr; }
+    // The parts that make_part() has made, filled, in file order.
+    virtual void add(Export_Part &part) { static_cast<void>(part); }
+    // For a format without parts: takes all items itself.
+    virtual Export_Part *in_order() { return nullptr; }
     virtual void finish() {}
     // Sentences about what the format cannot say of this trace; empty when nothing was left out.
     virtual std::vector<std::string> shortcomings() const { return {}; }

@@ -62,11 +62,13 @@ struct Closer {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
 
-class Sqlite_Exporter : public Exporter
+// Inserting rows takes twenty times as long as reading them: other threads could do nothing for it.
+class Sqlite_Exporter : public Exporter, public Export_Part
 {
 public:
     Sqlite_Exporter(Output_File &file, const Export_Options &options);
     void begin_file(const std::string &name) override;
+    Export_Part *in_order() override { return this; }
     void header(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     void finish() override;

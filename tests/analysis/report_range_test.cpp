@@ -1,0 +1,108 @@
+// A report of some records says of them what a report of a trace with these records alone says.
+#include "planted_trace.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+using namespace planted;
+using nlohmann::json;
+
+namespace
+{
+
+constexpr size_t RECORDS = 2000, FROM = 731, COUNT = 617;
+
+// Loads, taken branches and stores all over the trace, and a partition header now and then.
+Trace varied_trace()
+{
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    for (size_t i = 1; i < RECORDS; i++) {
+        if (i % 400 == 0) {
+            trace.push_back(good_trace()[PARTITION]);
+            trace.back().header.pid[0] = static_cast<uint8_t>(i / 400);
+        }
+        trace.push_back({false, {}, "", plain_record(0x7c000214)});
+        if (i % 7 == 0)
+            trace.back() = good_trace()[TAKEN_BRANCH];
+        else if (i % 5 == 0)
+            trace.back() = good_trace()[NESTED_LOAD];
+        if (i % 5 == 0 && i % 7 != 0)
+            trace.back().record.data_ea[2] = static_cast<uint8_t>(i / 10);
+    }
+    return trace;
+}
+
+// What the page's pictures of its only thread are drawn from.
+json pictured(const Folder &folder, std::vector<std::string> words)
+{
+    words.insert(words.begin(), {"report", "-o", folder.path("page.html")});
+    const Outcome done = qtrace(words);
+    EXPECT_EQ(done.err, "");
+    const std::string page = folder.contents("page.html"), begin = R"(id="data">)";
+    const size_t first = page.find(begin) + begin.size();
+    json thread = json::parse(page.substr(first, page.find("</script>", first) - first))["threads"][0];
+    thread.erase("name");
+    return thread;
+}
+
+uint64_t instructions_of(const json &processes)
+{
+    uint64_t sum = 0;
+    for (const json &process : processes)
+        for (const json &bin : process["bins"])
+            sum += bin.get<uint64_t>();
+    return sum;
+}
+
+} // namespace
+
+TEST(report_range, of_the_first_records_shows_what_a_trace_that_ends_there_does)
+{
+    const Folder folder;
+    const Trace trace = varied_trace();
+    const std::string whole = folder.write("whole0", trace);
+    const size_t items = 1 + COUNT + COUNT / 400; // with the headers among them
+    const std::string begun = folder.write("begun0", Trace(trace.begin(), trace.begin() + items));
+    EXPECT_EQ(pictured(folder, {"--count", std::to_string(COUNT), whole}), pictured(folder, {begun}));
+}
+
+TEST(report_range, shows_what_a_cut_of_these_records_does)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", varied_trace()), cut = folder.path("cut0");
+    const std::vector<std::string> range = {"--from", std::to_string(FROM), "--count", std::to_string(COUNT)};
+    std::vector<std::string> cutting = {"cut", whole, "-o", cut}, chosen = range;
+    cutting.insert(cutting.end(), range.begin(), range.end());
+    ASSERT_EQ(qtrace(cutting).exit_code, 0);
+    chosen.push_back(whole);
+    json from_range = pictured(folder, chosen), from_cut = pictured(folder, {cut});
+    EXPECT_EQ(from_range["gaps"].size(), 0u);
+    EXPECT_EQ(from_cut["gaps"].size(), 1u) << "what the cut left out";
+    EXPECT_EQ(from_range["first"], FROM);
+    EXPECT_EQ(from_range["end"], FROM + COUNT);
+    EXPECT_EQ(from_range["records"], COUNT);
+    EXPECT_EQ(instructions_of(from_range["processes"]), COUNT);
+    for (const char *figure :
+         {"first", "end", "records", "bin_records", "heat", "working_set", "mix", "bias", "curves"})
+        EXPECT_EQ(from_range[figure], from_cut[figure]) << figure;
+}
+
+TEST(report_range, says_in_its_page_which_records_it_shows)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", varied_trace());
+    pictured(folder, {"--from", "100", "--count", "50", whole});
+    EXPECT_NE(folder.contents("page.html").find("shows the records from 100 up to 149 alone"), std::string::npos);
+    pictured(folder, {"--from", "0", "--count", "100000", whole});
+    EXPECT_EQ(folder.contents("page.html").find("this page shows"), std::string::npos);
+}
+
+TEST(report_range, that_begins_after_the_last_record_is_refused)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", varied_trace());
+    const Outcome done = qtrace({"report", "-o", folder.path("page.html"), "--from", "2000", whole});
+    EXPECT_EQ(done.exit_code, 1);
+    EXPECT_EQ(done.err, "qtrace: " + whole + ": no record 2000: the file has 2000\n");
+    EXPECT_EQ(folder.contents("page.html"), "");
+}
