@@ -1,6 +1,7 @@
 // Writers on several threads, and readers on several threads over one index. Also built with ThreadSanitizer.
 #include "trace_file_fixture.h"
 
+#include <random>
 #include <thread>
 
 namespace
@@ -67,6 +68,38 @@ TEST_F(threads, write_files_of_their_own_at_once)
     run([this](unsigned thread) { write_file(name_of(thread), thread, RECORDS); });
     for (unsigned thread = 0; thread < THREADS; ++thread)
         expect_file_of(thread, RECORDS);
+}
+
+// Comments that compression takes long for, each a block of its own: most of the time some of the threads compress.
+TEST_F(threads, compress_blocks_at_once)
+{
+    constexpr uint32_t BLOCKS = 50;
+    const auto comment_of = [](unsigned thread, uint32_t block) {
+        std::minstd_rand chance(thread * BLOCKS + block + 1);
+        std::string comment(60'000, ' ');
+        for (char &letter : comment)
+            letter = static_cast<char>('a' + chance() % 7);
+        return comment;
+    };
+    run([&](unsigned thread) {
+        const QTRACE_FDESCR file = QTRACE_Fopen(name_of(thread).c_str(), QTRACE_WRITE);
+        ASSERT_GE(file, 0) << qtrace_writer_error();
+        QTRACE_FILE_HDR header = Random_Trace(thread).plausible_header();
+        for (uint32_t block = 0; block < BLOCKS; ++block) {
+            std::string comment = comment_of(thread, block);
+            header.comment = comment.data();
+            header.comment_length = static_cast<QTRACE_UINT16>(comment.size());
+            ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
+        }
+        QTRACE_Fclose(file);
+    });
+    for (unsigned thread = 0; thread < THREADS; ++thread) {
+        const Contents contents = read(name_of(thread));
+        EXPECT_TRUE(contents.damages.empty());
+        ASSERT_EQ(contents.items.size(), BLOCKS);
+        for (uint32_t block = 0; block < BLOCKS; ++block)
+            ASSERT_TRUE(contents.items[block].comment == comment_of(thread, block)) << thread << ' ' << block;
+    }
 }
 
 TEST_F(threads, open_and_close_files_while_others_write)
