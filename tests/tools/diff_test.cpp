@@ -203,6 +203,35 @@ TEST(diff_damage, a_lost_block_is_counted_by_its_numbers)
     EXPECT_EQ(difference(damaged, saved)["kinds"], NOTHING);
 }
 
+// Every record differs, and all have the same word: only their numbers tell where some are missing.
+TEST(diff_damage, a_lost_block_of_another_run_is_placed_by_its_numbers)
+{
+    const Folder folder;
+    Trace trace = numbered_trace(30000);
+    const std::string one = folder.write("one0", trace);
+    for (Item &item : trace)
+        item.record.regs.gpr_out[0].value++;
+    folder.write("other0", trace);
+    std::string bytes = folder.contents("other0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    const std::string damaged = folder.text("damaged0", bytes);
+    const json recovery = json::parse(qtrace({"recover", "--json", damaged, folder.path("saved0")}).out);
+    const uint64_t lost = recovery["lost_records"];
+    ASSERT_GT(lost, 1000u);
+    const json found = difference(one, damaged, {"--ignore", "address", "--limit", "30000"});
+    const json &places = found["differences"];
+    const auto missing = std::find_if(places.begin(), places.end(),
+                                      [](const json &place) { return place["kinds"] == json({"missing"}); });
+    ASSERT_NE(missing, places.end());
+    EXPECT_EQ((*missing)["only_a"], lost);
+    const std::string dumped = qtrace({"dump", "--json", "--fields", "node", damaged}).out;
+    const size_t key = dumped.find("\"at_record\":");
+    ASSERT_NE(key, std::string::npos);
+    EXPECT_EQ((*missing)["record_a"], std::stoull(dumped.substr(key + 12)));
+    EXPECT_EQ(found["differing"], 30000 - lost);
+    EXPECT_EQ(found["kinds"]["missing"], 1);
+}
+
 TEST(diff_damage, files_after_one_another_end)
 {
     const Folder folder;
