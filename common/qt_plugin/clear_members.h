@@ -31,6 +31,6 @@ template <size_t size> inline __attribute__((always_inline)) void clear_bytes(vo
         memset(bytes + rest, 0, size - rest);
 }
 
-// Clears the members of *record from `first` up to the one before `behind`.
-#define CLEAR_MEMBERS(Record, record, first, behind)                                                               \
-    clear_bytes<offsetof(Record, behind) - offsetof(Record, first)>(&(record)->first)
+// Clears the members of *record from `first` up to the one before `after`.
+#define CLEAR_MEMBERS(Record, record, first, after)                                                                \
+    clear_bytes<offsetof(Record, after) - offsetof(Record, first)>(&(record)->first)

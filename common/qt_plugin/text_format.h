@@ -106,7 +106,7 @@ inline char *put_text(char *out, std::string_view text)
 }
 
 // The text from `from` on. Each conversion takes an argument of just its type, so that none is cut or widened
-// behind the caller's back.
+// without the caller's knowledge.
 template <Format format, size_t from = 0> inline char *put(char *out)
 {
     static_assert(format.find_conversion(from) == format.length, "an argument is missing");

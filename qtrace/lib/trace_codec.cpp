@@ -322,14 +322,14 @@ bool Encoder::has_room_for(const QTRACE_RECORD &record)
 Position Encoder::next_position() const
 {
     if (passed_over_)
-        return behind_;
+        return continuation_;
     return started() ? static_cast<const Position &>(*predictor_) : Position{};
 }
 
 template <class Item> void Encoder::pass_over(const Item &item)
 {
-    behind_ = next_position();
-    behind_.follow(item);
+    continuation_ = next_position();
+    continuation_.follow(item);
     passed_over_ = true;
     sure_room_ = 0;
     surely_common_ = false;
@@ -348,7 +348,7 @@ void Encoder::leave_out(const QTRACE_FILE_HDR &header)
 
 void Encoder::continue_at(const Position &place, const Open_Header &open)
 {
-    behind_ = place;
+    continuation_ = place;
     open_ = open;
     passed_over_ = true;
     sure_room_ = 0;

@@ -88,7 +88,7 @@ private:
     static constexpr size_t MAX_RECORD = 5120; // encoded bytes, whatever is in it
     size_t sure_room_ = 0;                     // so many bytes are left, or more
     bool surely_common_ = false;               // the next record has no uncommon members
-    Position first_, behind_;                  // of this block; after what is left out
+    Position first_, continuation_;            // of this block; after what is left out
     bool passed_over_ = false;                 // items after those of this block
 };
 
