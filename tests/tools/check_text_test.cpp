@@ -328,6 +328,13 @@ TEST(check_text, shows_both_values_and_the_line)
     const std::string file = folder.write("trace0", described_trace());
     EXPECT_THAT(qtrace({"check", "--text", folder.text("text0", text), file}).out,
                 HasSubstr("the length is 0x11 in the text, 0x10 in the trace"));
+    EXPECT_THAT(
+        qtrace({"check", "--text", folder.text("text0", described_text() + std::string(70, 'x')), file}).out,
+        HasSubstr("the text goes on after the trace: `" + std::string(60, 'x') + "`"));
+    EXPECT_THAT(
+        qtrace({"check", "--text", folder.text("text0", "*** FILE HEADER INSERTED *** \n" + COMMENT + "y"), file})
+            .out,
+        HasSubstr("not a record line: `y`"));
 }
 
 // ---- Registers that a record cannot hold ---------------------------------------------------------------

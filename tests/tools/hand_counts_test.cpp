@@ -1,5 +1,6 @@
 // Whole outputs of `stats`, `info`, `recover` and `check --rules` against what was counted by hand on one trace.
 #include "planted_trace.h"
+#include "trace_counts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -264,6 +265,32 @@ TEST_F(hand_counts, stats_lists_as_many_places_as_asked_for_with_the_most_freque
     const json none = json::parse(qtrace({"stats", "--json", "--top", "0", "trace0"}).out);
     EXPECT_EQ(none["hot_targets"], json::array());
     EXPECT_EQ(none["hot_fetch_pages"], json::array());
+}
+
+// Every pair of modes that flags can say, in the order of their numbers.
+TEST_F(hand_counts, stats_names_each_pair_of_translation_modes)
+{
+    const char *const words[] = {"radix", "hpt", "real", "none"};
+    for (unsigned guest = 0; guest < 4; guest++)
+        for (unsigned host = 0; host < 4; host++) {
+            Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], good_trace()[LOAD]};
+            set_modes(trace[0], Side::header, guest, host);
+            set_modes(trace[2], Side::data, guest, host);
+            folder.write("modes0", trace);
+            const json counts = json::parse(qtrace({"stats", "--json", "modes0"}).out);
+            const std::string pair = std::string(words[guest]) + "/" + words[host];
+            EXPECT_EQ(counts.value("fetch_" + pair, 0), 2) << pair;
+            EXPECT_EQ(counts.value("data_" + pair, 0), 1) << pair;
+        }
+}
+
+TEST_F(hand_counts, page_sizes_have_a_unit_from_1K_to_512T)
+{
+    const qtrace_tool::Page_Sizes sizes({9, 10, 19, 20, 29, 30, 39, 40, 49, 50});
+    const char *const names[] = {"code 0", "1K", "512K", "1M",     "512M",   "1G",
+                                 "512G",   "1T", "512T", "code 9", "code 10"};
+    for (uint8_t code = 0; code < std::size(names); code++)
+        EXPECT_EQ(sizes.name(code), names[code]);
 }
 
 TEST_F(hand_counts, info_json_has_every_figure)
