@@ -46,7 +46,7 @@ class Measurements:
         self.own = Own_Times(folder / "own_time.json")
         self.bench = bench
         self.growth = {"stats": costs_along(bench, "stats")}
-        self._one_job = {}
+        self.one_job = {}
 
     def nanoseconds(self, name):
         """CPU time per item: commit, event, record."""
@@ -77,15 +77,17 @@ class Measurements:
         subcommand, *options = tool.split()
         if not self.bench.jobs(subcommand):
             return None
-        if tool not in self._one_job:
+        if tool not in self.one_job:
             files = [self.bench.generated(RECORDS)] * (2 if tool == "diff" else 1)
-            self._one_job[tool] = defaultdict(list)
+            self.one_job[tool] = defaultdict(list)
             for _ in range(JOBS_REPETITIONS):
-                one, two = (thread_times.run(self.bench.qtrace, subcommand, *options, *self.bench.jobs(subcommand, jobs),
-                                             *files, accept=(0, 3)) for jobs in (1, 2))
-                self._one_job[tool]["busiest"].append(sum(two[:2]) / sum(one))
-                self._one_job[tool]["total"].append(sum(two) / sum(one))
-        low, median, high = quartiles(self._one_job[tool][what])
+                (one, wall_of_one), (two, wall_of_two) = (
+                    thread_times.run_timed(self.bench.qtrace, subcommand, *options, *self.bench.jobs(subcommand, jobs),
+                                           *files, accept=(0, 3)) for jobs in (1, 2))
+                self.one_job[tool]["wall"].append(wall_of_two / wall_of_one)
+                self.one_job[tool]["busiest"].append(sum(two[:2]) / sum(one))
+                self.one_job[tool]["total"].append(sum(two) / sum(one))
+        low, median, high = quartiles(self.one_job[tool][what])
         return Measured(median, low, high)
 
 
@@ -156,6 +158,8 @@ def print_times(measured):
     for name in ("replay:jsonl", "replay:jsonl.zst"):
         print(f"{name}: {1e6 / measured.nanoseconds(name):,.0f} thousand events, "
               f"{measured.counter(name, 'bytes_per_second') / 1e6:,.1f} million stream bytes a second")
+    walls = ", ".join(f"{tool} {statistics.median(ratios['wall']):.2f}" for tool, ratios in measured.one_job.items())
+    print(f"wall clock of two jobs / of one job: {walls}")
     print(f"read: {1e6 / measured.nanoseconds('read'):,.0f} thousand records a second")
 
 
