@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
@@ -461,6 +462,18 @@ TEST_F(recover_figures, of_a_damaged_block)
     EXPECT_EQ(verified("broken0")["clean_end"], true);
     EXPECT_EQ(verified("broken0")["left_out"], 0);
     EXPECT_EQ(verified("saved0")["left_out"], 1);
+}
+
+// The damage comes up while headers are looked for, and the file is read once more.
+TEST_F(recover_figures, info_tells_of_damage_in_a_block_with_headers_once)
+{
+    bytes[blocks[0].offset + 100] ^= 0x20;
+    folder.text("broken0", bytes);
+    const Outcome outcome = qtrace({"info", "broken0"});
+    EXPECT_EQ(outcome.exit_code, 3);
+    EXPECT_EQ(std::ranges::count(outcome.err, '\n'), 1) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr("broken0: byte 16: the block's checksum does not match"));
+    EXPECT_THAT(outcome.out, HasSubstr("; 1 damaged place ("));
 }
 
 TEST_F(recover_figures, of_a_cut_block)
