@@ -3,9 +3,7 @@
 #include "stream_reader.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -18,8 +16,6 @@
 #include <map>
 #include <sstream>
 #include <string_view>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <zstd.h>
 
@@ -827,7 +823,7 @@ INSTANTIATE_TEST_SUITE_P(streams, Recorded_Stream,
                              return name;
                          });
 
-// ---- formats and stopping -------------------------------------------------------------------------------------
+// ---- formats --------------------------------------------------------------------------------------------------
 
 TEST(stream_input, other_formats_are_named)
 {
@@ -836,78 +832,4 @@ TEST(stream_input, other_formats_are_named)
               "expected plain UTF-8 or zstd data, found a byte-order mark");
     EXPECT_EQ(outcome_of("\xff\xfe{").error, "expected plain UTF-8 or zstd data, found UTF-16");
     EXPECT_EQ(outcome_of("\xfe\xff{").error, "expected plain UTF-8 or zstd data, found UTF-16");
-}
-
-namespace
-{
-
-// A FIFO whose reader is stopped from another thread after a while.
-struct Stopped_Reader : testing::Test {
-    Stopped_Reader() { EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0); }
-    ~Stopped_Reader() override { std::filesystem::remove(fifo); }
-
-    std::thread stop_soon()
-    {
-        return std::thread([this] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            stop.request();
-        });
-    }
-
-    const std::string fifo =
-        std::filesystem::temp_directory_path() / ("stream_reader_fifo_" + std::to_string(getpid()));
-    Stop_Request stop;
-};
-
-} // namespace
-
-TEST_F(Stopped_Reader, waits_no_longer_for_the_writer_of_a_fifo)
-{
-    std::thread other = stop_soon();
-    Stream_Reader reader(fifo, &stop);
-    EXPECT_EQ(reader.next(), nullptr);
-    EXPECT_FALSE(reader.error());
-    other.join();
-}
-
-TEST_F(Stopped_Reader, waits_no_longer_for_a_line_and_loses_none)
-{
-    std::thread other = stop_soon();
-    const int writer = open(fifo.c_str(), O_RDWR);
-    const std::string first = MACHINE + "{\"t\":\"pre\"", second = ",\"tid\":3}\n";
-    EXPECT_EQ(write(writer, first.data(), first.size()), static_cast<ssize_t>(first.size()));
-    Stream_Reader reader(fifo, &stop);
-    ASSERT_NE(reader.next(), nullptr);
-    EXPECT_EQ(reader.next(), nullptr);
-    EXPECT_FALSE(reader.error());
-    other.join();
-    stop.forget();
-    EXPECT_EQ(write(writer, second.data(), second.size()), static_cast<ssize_t>(second.size()));
-    const Stream_Event *event = reader.next();
-    ASSERT_NE(event, nullptr);
-    EXPECT_EQ(event->instruction.tid, 3);
-    close(writer);
-}
-
-TEST_F(Stopped_Reader, looks_no_further_through_blank_lines_without_end)
-{
-    const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK);
-    std::atomic<bool> done = false;
-    EXPECT_EQ(write(writer, MACHINE.data(), MACHINE.size()), static_cast<ssize_t>(MACHINE.size()));
-    std::thread blank_lines([&] {
-        const std::string lines(4096, '\n');
-        while (!done)
-            if (write(writer, lines.data(), lines.size()) < 0)
-                std::this_thread::yield();
-    });
-    Stream_Reader reader(fifo, &stop);
-    ASSERT_NE(reader.next(), nullptr);
-    std::thread other = stop_soon();
-    EXPECT_EQ(reader.next(), nullptr);
-    EXPECT_FALSE(reader.error());
-    EXPECT_GT(reader.line_number(), 1u);
-    other.join();
-    done = true;
-    blank_lines.join();
-    close(writer);
 }
