@@ -159,8 +159,9 @@ template <class Integer> Integer number_of(json::value &given)
         const unsigned first = digit_of(token.front()), last = digit_of(token.back());
         if (token.size() == 1 && first < 10)
             return static_cast<Integer>(first);
+        const unsigned both = 10 * first + last;
         if (token.size() == 2 && first - 1 < 9 && last < 10)
-            return static_cast<Integer>(10 * first + last);
+            return static_cast<Integer>(both);
         return decimal_as<Integer>(token);
     }
     const auto [value, wrong] = hexadecimal_of(token);
