@@ -71,7 +71,7 @@ std::vector<std::pair<uint64_t, uint64_t>> Frequent_Keys::top(size_t count) cons
 
 // ---- Pages ---------------------------------------------------------------------------------------------
 
-size_t Page_Hash::operator()(const Page &page) const
+size_t Page_Hash::operator()(const Page &page) const noexcept
 {
     return (page.first ^ page.guest << 56 ^ page.size_code) * 0x9E3779B97F4A7C15u >> 7;
 }

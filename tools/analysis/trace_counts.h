@@ -46,7 +46,7 @@ struct Page {
     auto operator<=>(const Page &) const = default;
 };
 struct Page_Hash {
-    size_t operator()(const Page &page) const;
+    size_t operator()(const Page &page) const noexcept; // then a table does not keep it for each page
 };
 using Page_Counts = std::unordered_map<Page, uint64_t, Page_Hash>;
 

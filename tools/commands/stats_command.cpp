@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 
 namespace qtrace_tool
 {
@@ -79,18 +80,24 @@ uint64_t pages_of(const Page_Counts &pages, uint8_t code)
         std::ranges::count_if(pages, [code](const auto &page) { return page.first.size_code == code; }));
 }
 
+std::set<uint8_t> page_size_codes(const Trace_Counts &counts)
+{
+    std::set<uint8_t> codes;
+    for (const Page_Counts *pages : {&counts.fetch_pages, &counts.data_pages})
+        for (const auto &[page, times] : *pages)
+            codes.insert(page.size_code);
+    return codes;
+}
+
 void add_pages(std::vector<Metric> &metrics, const Trace_Counts &total, const Page_Sizes &sizes)
 {
-    for (unsigned code = 0; code < 256; code++) {
-        const auto own = static_cast<uint8_t>(code);
-        if (pages_of(total.fetch_pages, own) + pages_of(total.data_pages, own) == 0)
-            continue;
-        const std::string name = sizes.name(own);
-        metrics.push_back({"fetch_pages_" + name, "  fetched pages of " + name, [own](const Trace_Counts &c) {
-                               return static_cast<double>(pages_of(c.fetch_pages, own));
+    for (const uint8_t code : page_size_codes(total)) {
+        const std::string name = sizes.name(code);
+        metrics.push_back({"fetch_pages_" + name, "  fetched pages of " + name, [code](const Trace_Counts &c) {
+                               return static_cast<double>(pages_of(c.fetch_pages, code));
                            }});
-        metrics.push_back({"data_pages_" + name, "  data pages of " + name, [own](const Trace_Counts &c) {
-                               return static_cast<double>(pages_of(c.data_pages, own));
+        metrics.push_back({"data_pages_" + name, "  data pages of " + name, [code](const Trace_Counts &c) {
+                               return static_cast<double>(pages_of(c.data_pages, code));
                            }});
     }
 }
@@ -136,11 +143,10 @@ std::vector<Metric> metrics_of(const Trace_Counts &total, const Page_Sizes &size
 // Page counts, most first.
 std::vector<std::pair<Page, uint64_t>> hottest(const Page_Counts &pages, size_t count)
 {
-    std::vector<std::pair<Page, uint64_t>> sorted(pages.begin(), pages.end());
-    std::ranges::sort(sorted, [](const auto &a, const auto &b) {
+    std::vector<std::pair<Page, uint64_t>> sorted(std::min(count, pages.size()));
+    std::ranges::partial_sort_copy(pages, sorted, [](const auto &a, const auto &b) {
         return a.second != b.second ? a.second > b.second : a.first < b.first;
     });
-    sorted.resize(std::min(count, sorted.size()));
     return sorted;
 }
 
@@ -176,6 +182,7 @@ private:
     // False: the run has been told why the file cannot be read to its end.
     bool count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
     bool count_chosen(Tool_Run &run, Trace_File &file, Column &to) const;
+    Column total_of(const std::vector<Column> &columns, const Symbol_Names &names) const;
     static Table table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics);
     void print_lists(Output &out, const Column &total) const;
     void print_functions(Output &out, const Column &total) const;
@@ -272,26 +279,33 @@ bool Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) co
     return readable;
 }
 
+Stats_Command::Column Stats_Command::total_of(const std::vector<Column> &columns, const Symbol_Names &names) const
+{
+    Column total("total", sizes_, names);
+    for (const Column &column : columns) {
+        total.counts->add(*column.counts);
+        total.functions->add(*column.functions);
+    }
+    return total;
+}
+
 void Stats_Command::run(Tool_Run &run)
 {
     sizes_ = page_sizes(bits_);
     const Symbol_Names names(run, symbols_);
     std::vector<Column> columns;
-    Column total("total", sizes_, names);
     for (const std::string &name : traces_of(run, files_))
         if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name)) {
             if (!count_file(run, *file, names, columns.emplace_back(name, sizes_, names))) {
                 columns.pop_back();
                 continue;
             }
-            total.counts->add(*columns.back().counts);
-            total.functions->add(*columns.back().functions);
         }
     if (columns.empty())
         return;
-    const std::vector<Metric> metrics = metrics_of(*total.counts, sizes_);
     if (columns.size() > 1)
-        columns.push_back(std::move(total));
+        columns.push_back(total_of(columns, names));
+    const std::vector<Metric> metrics = metrics_of(*columns.back().counts, sizes_);
     run.show(
         [&] {
             print_table(run.out, table_of(columns, metrics), run.columns);

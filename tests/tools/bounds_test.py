@@ -1,0 +1,93 @@
+#!/usr/bin/env python3
+"""bounds_test.py PROGRAMS [--table]: every command of qtrace on small files that ask for much stays below its bound of memory, and
+takes twice as long for twice the file. --table: with files of 20 KB each, and prints the table of docs/reliability.md."""
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PROGRAMS = pathlib.Path(sys.argv[1]).resolve()
+TABLE = "--table" in sys.argv
+MOST = 64 << 10  # KiB, and so much for each thread that reads:
+MOST_OF_A_JOB = 8 << 10
+JOBS = 2
+EVERYTHING = "1000000000"
+# Blocks of each kind of file: enough to see what grows with them, and for 20 KB.
+SIZES = {"partitions": (30, 190), "segments": (12, 190), "comments": (60, 180), "outside-comments": (60, 115),
+         "records": (2, 240), "wide": (1, 140), "pages": (7, 7), "singles": (180, 180), "damaged": (180, 180),
+         "block-headers": (350, 350)}  # fmt: skip
+FOR_THE_TABLE = ("records", "wide")  # of these more would take minutes
+COMMANDS = {
+    "info": ["info", "F"],
+    "info --headers": ["info", "--headers", EVERYTHING, "F"],
+    "info --json": ["info", "--json", "F"],
+    "info --verify": ["info", "--verify", "F"],
+    "dump": ["dump", "F"],
+    "dump --json": ["dump", "--json", "F"],
+    "check": ["check", "F"],
+    "check --limit": ["check", "--limit", EVERYTHING, "F"],
+    "check --deep": ["check", "--deep", "F"],
+    "stats": ["stats", "F"],
+    "tlb": ["tlb", "F"],
+    "report": ["report", "-o", "out.html", "F"],
+    "diff, with itself": ["diff", "F", "F"],
+    "diff, with another": ["diff", "--limit", EVERYTHING, "F", "other"],
+    "recover": ["recover", "F", "out.recovered"],
+    "cut": ["cut", "--force", "--every", "3", "--window", "2", "-o", "out.cut", "F"],
+    "plan": ["plan", "--parts", "7", "F"],
+} | {f"export {form}": ["export", "--force", "--format", form, "-o", f"out.{form}", "F"]
+     for form in ("csv", "callgrind", "champsim", "sqlite", "ctf")}  # fmt: skip
+WITHOUT_JOBS = ("plan",)
+
+
+def make(kind, blocks, name):
+    subprocess.run([PROGRAMS / "hostile_trace", kind, str(blocks), name], check=True)
+
+
+def measure(command):
+    """KiB and milliseconds of a command."""
+    words = COMMANDS[command]
+    jobs = [] if words[0] in WITHOUT_JOBS else ["--jobs", str(JOBS)]
+    done = subprocess.run([PROGRAMS / "peak_memory", PROGRAMS / "qtrace", words[0], *jobs, *words[1:]], check=True,
+                          stdout=subprocess.PIPE, text=True)
+    memory, time, code = map(int, done.stdout.split())
+    assert code in (0, 3) or (code == 1 and words[0] in ("cut", "recover")), (command, code)  # nothing to keep
+    return memory, time
+
+
+class Bounds(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="qt_bounds_")
+        self.addCleanup(folder.cleanup)
+        os.chdir(folder.name)
+
+    def test_memory_of_every_command_is_bounded_on_small_files(self):
+        most = {}
+        for kind, sizes in SIZES.items():
+            blocks = sizes[TABLE and kind not in FOR_THE_TABLE]
+            make(kind, blocks, "F")
+            make(kind, blocks * 3 // 4 + 1, "other")
+            self.assertLess(os.path.getsize("F"), 26_000, kind)
+            for command in COMMANDS:
+                memory, time = measure(command)
+                self.assertLess(memory, MOST + JOBS * MOST_OF_A_JOB, (command, kind))
+                most[command] = max(most.get(command, (0, "", 0)), (memory, kind, time))
+        for command, (memory, kind, time) in most.items() if TABLE else ():
+            print(f"| `{command}` | {kind} | {memory / 1024:.1f} MiB | {time} ms |")
+
+    def test_time_is_linear_in_the_size_of_the_file(self):
+        for kind, few in (("singles", 1500), ("block-headers", 600), ("pages", 6)):
+            times = {}
+            for blocks in (few, 4 * few):
+                make(kind, blocks, "F")
+                make(kind, blocks * 3 // 4, "other")
+                for command in ("stats", "tlb", "report", "diff, with another", "cut", "export csv"):
+                    times.setdefault(command, []).append(measure(command)[1])
+            for command, (short, long) in times.items():
+                self.assertLess(long, 7 * short + 100, (command, kind))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
