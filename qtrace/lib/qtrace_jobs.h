@@ -16,7 +16,8 @@ int qtrace_recover_by(const char *from, const char *to, unsigned threads, QTRACE
 
 /* As qtrace_cut. `threads` decode the blocks that are kept as a whole, first; then the calling one copies them, and calls
  * the choice's functions. */
-int qtrace_cut_by(const char *from, const QTRACE_Cut *what, unsigned threads, QTRACE_Cut_Result *result, char **error);
+int qtrace_cut_by(const char *from, const QTRACE_Cut *what, unsigned threads, QTRACE_Cut_Result *result,
+                  char **error);
 
 #ifdef __cplusplus
 }
