@@ -51,7 +51,7 @@ def main():
         folder = pathlib.Path(name)
         make_trace(folder)
         qtrace = [BUILD / "bin/qtrace"]
-        commands = {words: [*qtrace, *words.split(), "--force", "-o", "out", "trace0"] for words in GOALS}
+        commands = {words: [*qtrace, *words.split(), "--jobs", "1", "--force", "-o", "out", "trace0"] for words in GOALS}
         database = [*qtrace, "export", "--format", "sqlite", "--force", "-o", "rows", "trace0"]
         least = dict.fromkeys([*GOALS, "loop", "database", "rows"], float("inf"))
         for _ in range(RUNS):

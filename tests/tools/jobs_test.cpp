@@ -61,13 +61,13 @@ std::vector<std::string> subcommands()
 TEST(jobs, any_number_gives_the_same_output_of_a_whole_trace)
 {
     const Folder folder;
-    expect_equal_output(folder, folder.write("trace0", mixed_trace(RECORDS, 1)));
+    expect_equal_output(folder, folder.write("trace0", mixed_trace(36000, 2)));
 }
 
 TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
 {
     const Folder folder;
-    folder.write("trace0", mixed_trace(RECORDS, 1));
+    folder.write("trace0", mixed_trace(36000, 2));
     const std::string bytes = folder.contents("trace0");
     std::string spoilt = bytes;
     spoilt[spoilt.size() / 2] ^= 0x55;

@@ -31,6 +31,7 @@ public:
     Csv_Part(const std::vector<Column> &columns, size_t file, bool decimal, const Symbol_Names &names)
         : columns_(columns), file_(file), decimal_(decimal), names_(names)
     {
+        out_.reserve(USUAL_SIZE); // growing, it would give memory back to the system each time
     }
     void record(const QTRACE_Item &item, const QTRACE_FILE_HDR *context) override;
     size_t size() const override { return out_.size(); }
@@ -46,6 +47,8 @@ public:
     static std::vector<Column> known_columns();
 
 private:
+    static constexpr size_t USUAL_SIZE = 1 << 20; // most groups have less
+
     void put_number(uint64_t value, bool hexadecimal);
     void put_file(const Row &row, const Column &) { put_number(row.file, false); }
     void put_record(const Row &row, const Column &) { put_number(row.item.record_number, false); }

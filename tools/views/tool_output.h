@@ -51,6 +51,8 @@ public:
         fmt::format_to(std::back_inserter(buffer_), format, std::forward<Arguments>(arguments)...);
     }
 
+    // Makes room for so many characters at once.
+    void reserve(size_t count) { buffer_.reserve(count); }
     // What was put so far, instead of handing it on.
     std::string take()
     {
