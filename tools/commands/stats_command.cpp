@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <set>
 
 namespace qtrace_tool
@@ -181,7 +182,7 @@ private:
     };
     // False: the run has been told why the file cannot be read to its end.
     bool count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
-    bool count_chosen(Tool_Run &run, Trace_File &file, Column &to) const;
+    bool count_chosen(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
     Column total_of(const std::vector<Column> &columns, const Symbol_Names &names) const;
     static Table table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics);
     void print_lists(Output &out, const Column &total) const;
@@ -227,7 +228,7 @@ bool Stats_Command::count_file(Tool_Run &run, Trace_File &file, const Symbol_Nam
 {
     to.counts->file_bytes = file.info().size;
     if (filter_.picks())
-        return count_chosen(run, file, to);
+        return count_chosen(run, file, names, to);
     return scan<Stats_Sink>(
         run, file, scan_, [&] { return std::make_unique<Stats_Sink>(sizes_, names); },
         [&](const Stats_Sink &group) {
@@ -237,21 +238,44 @@ bool Stats_Command::count_file(Tool_Run &run, Trace_File &file, const Symbol_Nam
         });
 }
 
-// Counts of chosen records. What runs is not known after records that were passed over.
+// Counts of the chosen records of a group of blocks. What runs is not known after records that were passed over.
 class Chosen_Stats_Sink : public Chosen_Sink
 {
 public:
-    Chosen_Stats_Sink(const Record_Filter &filter, Trace_Counts &counts, Function_Counts &functions)
-        : Chosen_Sink(filter), counts_(counts), functions_(functions)
+    Chosen_Stats_Sink(const Record_Filter &filter, const Page_Sizes &sizes, const Symbol_Names &names)
+        : Chosen_Sink(filter), counts_(sizes), functions_(names)
     {
     }
-    void header(const QTRACE_Item &item) override { counts_.header(item.header); }
+    void header(const QTRACE_Item &item) override
+    {
+        counts_.header(item.header);
+        if (taken() == 0 && item.header.control.iar_is_present)
+            opening_ = item.header;
+    }
+
+    // Adds the counts to those of the groups before. `following`: the number of the record after the last that was chosen.
+    void append_to(Trace_Counts &counts, Function_Counts &functions, uint64_t &following) const
+    {
+        if (taken() > 0) {
+            if (opening_)
+                counts.header(*opening_);
+            if (first_ != following)
+                counts.loss(nullptr);
+            following = following_;
+        }
+        counts.append(counts_);
+        functions.add(functions_);
+    }
 
 protected:
     void chosen(const QTRACE_Item &record) override
     {
-        if (record.record_number != following_)
+        if (taken() == 1) {
+            first_ = record.record_number;
+            counts_.begin(context()); // groups before tell what runs
+        } else if (record.record_number != following_) {
             counts_.loss(context());
+        }
         counts_.record(record);
         if (functions_.any())
             functions_.add(record, context());
@@ -259,21 +283,27 @@ protected:
     }
 
 private:
-    Trace_Counts &counts_;
-    Function_Counts &functions_;
-    uint64_t following_ = 0;
+    Trace_Counts counts_;
+    Function_Counts functions_;
+    std::optional<QTRACE_FILE_HDR> opening_; // the last full header before the first record
+    uint64_t first_ = 0, following_ = 0;
 };
 
 // Headers say what the chosen records run under, and are not counted.
-bool Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, Column &to) const
+bool Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const
 {
     if (!file.has_record(scan_.range.first)) {
         run.fail(file.no_record(scan_.range.first));
         return false;
     }
     Trace_Counts &counts = *to.counts;
-    Chosen_Stats_Sink sink(filter_, counts, *to.functions);
-    const bool readable = scan_in_order(run, file, scan_.range, sink);
+    uint64_t following = 0;
+    const bool readable = scan<Chosen_Stats_Sink>(
+        run, file, scan_, [&] { return std::make_unique<Chosen_Stats_Sink>(filter_, sizes_, names); },
+        [&](const Chosen_Stats_Sink &group) {
+            group.append_to(counts, *to.functions, following);
+            return true;
+        });
     counts.full_headers = counts.partition_headers = 0;
     std::erase_if(counts.partitions, [](const auto &partition) { return partition.second == 0; });
     return readable;
