@@ -713,6 +713,62 @@ TEST(check_after_losses, everything_else_is)
     EXPECT_THAT(broken_in("HfLpn", items), ElementsAre("node-order", "segment-continued"));
 }
 
+// ---- In pieces -----------------------------------------------------------------------------------------
+
+namespace
+{
+
+// The rules that are broken where each item is checked by a checker of its own, and then put together.
+std::vector<std::string> broken_in_pieces(const Trace &trace)
+{
+    const Folder folder;
+    std::vector<std::string> broken;
+    const auto report = [&](const qtrace_tool::Violation &v) { broken.push_back(v.rule.name); };
+    qtrace_tool::Trace_Checker whole(report);
+    QTRACE_Reader *reader = qtrace_open(folder.write("trace0", trace).c_str(), nullptr);
+    const QTRACE_FILE_HDR *context = nullptr;
+    QTRACE_FILE_HDR last{};
+    for (const QTRACE_Item *item; qtrace_next(reader, &item) != QTRACE_ITEM_END;) {
+        std::vector<qtrace_tool::Deferred_Item> deferred;
+        qtrace_tool::Trace_Checker piece(
+            report, [&](qtrace_tool::Deferred_Item &&later) { deferred.push_back(std::move(later)); });
+        if (item->kind != QTRACE_ITEM_HEADER && item->kind != QTRACE_ITEM_RECORD)
+            continue;
+        piece.begin(context);
+        item->kind == QTRACE_ITEM_HEADER ? piece.header(*item) : piece.record(*item);
+        for (const qtrace_tool::Deferred_Item &later : deferred)
+            whole.judge(later);
+        whole.append(piece);
+        if (item->kind == QTRACE_ITEM_HEADER) {
+            last = item->header;
+            context = &last;
+        }
+    }
+    qtrace_close(reader);
+    whole.end();
+    return broken;
+}
+
+} // namespace
+
+TEST(check_in_pieces, items_are_judged_by_those_of_earlier_pieces)
+{
+    EXPECT_THAT(broken_in_pieces(good_trace()), IsEmpty());
+    Trace trace = good_trace();
+    trace[RESUMED].record.processor = 3;
+    EXPECT_THAT(broken_in_pieces(trace), ElementsAre("processor-changed"));
+    EXPECT_THAT(broken_in_pieces({trace[PLAIN]}), ElementsAre("record-before-header"));
+}
+
+TEST(check_in_pieces, a_header_may_lack_the_comment_that_its_length_announces)
+{
+    Trace trace = good_trace();
+    trace[SECOND_HEADER].header.control.comment_present = 0;
+    trace[SECOND_HEADER].header.comment_length = 1;
+    trace[SECOND_HEADER].comment.clear();
+    EXPECT_THAT(broken_in_pieces(trace), ElementsAre("header-comment-missing", "header-gated-comment-present"));
+}
+
 TEST(check, address_chain_is_broken_where_a_record_stands_elsewhere)
 {
     const Folder folder;

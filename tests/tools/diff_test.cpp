@@ -1,12 +1,15 @@
 // `qtrace diff` on traces made by hand: every kind of difference, headers, pieces that are missing, damage.
 #include "planted_trace.h"
 #include "record_alignment.h"
+#include "record_difference.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <functional>
+#include <set>
+#include <sstream>
 
 using namespace planted;
 using nlohmann::json;
@@ -247,6 +250,22 @@ TEST(diff_damage, files_after_one_another_end)
     EXPECT_EQ(difference(a, folder.text("c0", one))["only_a"], 9000);
 }
 
+// The record numbers begin again at 0 in the second file: they do not tell where a record is.
+TEST(diff_damage, records_missing_in_the_second_of_two_joined_files_are_counted)
+{
+    const Folder folder;
+    Trace trace = numbered_trace(9000);
+    folder.write("whole0", trace);
+    trace.erase(trace.begin() + 1 + 700, trace.begin() + 1 + 710);
+    folder.write("less0", trace);
+    const std::string whole = folder.contents("whole0");
+    const std::string a = folder.text("a0", whole + whole), b = folder.text("b0", whole + folder.contents("less0"));
+    const json found = difference(a, b);
+    EXPECT_EQ(found["only_a"], 10);
+    EXPECT_EQ(found["only_b"], 0);
+    EXPECT_EQ(found["differing"], 0);
+}
+
 // ---- Ranges --------------------------------------------------------------------------------------------
 
 TEST(diff_range, only_its_records_are_compared)
@@ -343,6 +362,38 @@ TEST(diff_output, text_has_each_figure)
                                 "  missing in 1 run: 1 record only on the left, 0 only on the right\n"));
 }
 
+TEST(diff_output, without_context_has_no_neighbours_of_a_record)
+{
+    const Folder folder;
+    Trace other = good_trace();
+    other[LOAD].record.header.instruction ^= 4;
+    const std::string a = folder.write("old0", good_trace()), b = folder.write("new0", other);
+    std::istringstream lines(qtrace({"diff", "--context", "0", a, b}).out);
+    std::string marks;
+    for (std::string line; std::getline(lines, line) && line.find("they differ") == std::string::npos;)
+        marks += line[0];
+    EXPECT_EQ(marks, std::string{a[0]} + "a -+"); // names, place, instruction word, both records
+}
+
+// ---- Keys ----------------------------------------------------------------------------------------------
+
+TEST(diff_keys, of_records_with_different_small_values_differ)
+{
+    const qtrace_tool::Record_Hash hash({});
+    Item item = good_trace()[STRING];
+    std::set<uint64_t> contents, wholes;
+    for (uint64_t i = 0; i < 64 * 64; i++) {
+        QTRACE_Item read{};
+        read.record = item.record;
+        read.record.regs.gpr_in[0].value = i / 64;
+        read.record.regs.gpr_in[1].value = i % 64;
+        contents.insert(hash(read).content);
+        wholes.insert(hash(read).whole);
+    }
+    EXPECT_EQ(contents.size(), 64 * 64);
+    EXPECT_EQ(wholes.size(), 64 * 64);
+}
+
 // ---- Alignment -----------------------------------------------------------------------------------------
 
 namespace
@@ -392,4 +443,11 @@ TEST(alignment, the_fewest_edits_are_found_between_equal_ends)
     EXPECT_THAT(aligned("xAbCdEfGy", "xbcDegHy"),
                 testing::ElementsAre(Alignment_Step{1, 1, 0}, Alignment_Step{4, 1, 0}, Alignment_Step{1, 0, 1},
                                      Alignment_Step{1, 0, 0}));
+}
+
+// The letters h to o occur twice on the left; the records around them tell which of both is meant.
+TEST(alignment, what_occurs_twice_does_not_tell_the_place)
+{
+    EXPECT_THAT(aligned("0hijklmno1zhijklmno2", "31xhijklmno4"),
+                testing::ElementsAre(Alignment_Step{0, 9, 1}, Alignment_Step{11, 0, 0}));
 }
