@@ -362,17 +362,31 @@ TEST(diff_output, text_has_each_figure)
                                 "  missing in 1 run: 1 record only on the left, 0 only on the right\n"));
 }
 
-TEST(diff_output, without_context_has_no_neighbours_of_a_record)
+// The first characters of the lines before the summary, without context, where the instruction word of one record differs.
+std::string marks_of_changed(size_t place)
 {
     const Folder folder;
     Trace other = good_trace();
-    other[LOAD].record.header.instruction ^= 4;
+    other[place].record.header.instruction ^= 4;
     const std::string a = folder.write("old0", good_trace()), b = folder.write("new0", other);
     std::istringstream lines(qtrace({"diff", "--context", "0", a, b}).out);
     std::string marks;
+    std::getline(lines, marks);
+    EXPECT_THAT(marks, HasSubstr(a)); // the names
+    marks.clear();
     for (std::string line; std::getline(lines, line) && line.find("they differ") == std::string::npos;)
         marks += line[0];
-    EXPECT_EQ(marks, std::string{a[0]} + "a -+"); // names, place, instruction word, both records
+    return marks;
+}
+
+TEST(diff_output, without_context_has_no_neighbours_of_a_record)
+{
+    EXPECT_EQ(marks_of_changed(LOAD), "a -+"); // address, instruction word, both records
+}
+
+TEST(diff_output, does_not_mark_the_header_after_a_record_that_differs)
+{
+    EXPECT_EQ(marks_of_changed(UNTAKEN_BRANCH), marks_of_changed(LOAD));
 }
 
 // ---- Keys ----------------------------------------------------------------------------------------------

@@ -131,8 +131,6 @@ void Diff_Command::show_lines(const Shown &shown, const Trace_File &file, uint64
         return;
     static const Field_Selection fields = Field_Selection::usual();
     while (const QTRACE_Item *item = items.next()) {
-        if (item->kind == QTRACE_ITEM_RECORD && count-- == 0)
-            return;
         run.out.paint(mark == '-' ? Colour::removed : mark == '+' ? Colour::added : Colour::plain);
         run.out.put(mark);
         shown.names.enter(items.context());
@@ -141,6 +139,8 @@ void Diff_Command::show_lines(const Shown &shown, const Trace_File &file, uint64
         else
             print_record(run.out, *item, fields, shown.notes());
         run.out.paint(Colour::plain);
+        if (item->kind == QTRACE_ITEM_RECORD && --count == 0)
+            return; // headers that follow belong to the next record
     }
 }
 
