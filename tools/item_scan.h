@@ -139,8 +139,8 @@ struct Scan_Options {
 
 // Reads the file's items within the range group by group: `make` makes a sink for each group, on any thread; `merge`
 // gets it in file order, on the calling one, and returns whether more is wanted. A sink that is full is merged more than
-// once. Damage is told to the run before the
-// group with it is merged. False: reading ended with an error, and the run has been told.
+// once. Damage is told to the run before the group with it is merged. False: reading ended with an error, and the run
+// has been told.
 bool scan_groups(Tool_Run &run, Trace_File &file, const Scan_Options &options,
                  const std::function<std::unique_ptr<Item_Sink>()> &make,
                  const std::function<bool(Item_Sink &)> &merge);
