@@ -12,6 +12,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -502,6 +503,31 @@ class terminal(Replay_Test):
         console.type("quit\n")
         self.assertEqual(console.end(), 0)
         os.close(writer)
+
+    def test_output_of_a_plugin_clears_the_progress_line_before_it(self):
+        self.stream.write_text(stream(threads=1, commits=20_000))
+        os.mkfifo(self.folder / "fifo")
+        lines = self.stream.read_text().splitlines(keepends=True)
+        writer = os.open(self.folder / "fifo", os.O_RDWR)
+        os.write(writer, lines[0].encode())
+        console = self.start("fifo")
+        console.type(f'plugin load "{FAKE}"\nrun\n')
+        feed = threading.Thread(target=self.feed_slowly, args=(writer, lines[1:]), daemon=True)
+        feed.start()
+        console.expect("thousand/s\x1b[K")
+        console.expect("\r\x1b[Kcommit 0 ")
+        console.expect("commit 0 20000 ")
+        feed.join()
+        console.type("\x03")
+        console.expect("replay> ")
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
+        os.close(writer)
+
+    def feed_slowly(self, writer, lines):
+        for first in range(0, len(lines), 2000):
+            os.write(writer, "".join(lines[first:first + 2000]).encode())
+            time.sleep(0.03)
 
     def test_termination_and_hangup_leave_the_prompt(self):
         for number in (signal.SIGTERM, signal.SIGHUP):
