@@ -20,7 +20,7 @@ PYTHON_WORDS = {"and": ("or",), "or": ("and",), "True": ("False",), "False": ("T
                 "is": ("is not",), "break": ("continue",), "continue": ("break",)}  # fmt: skip
 
 CPP_TOKEN = re.compile(r"""
-    (?P<skipped>//[^\n]*|/\*.*?\*/|R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\\n])*')
+    (?P<skipped>//[^\n]*|/\*.*?\*/|R"(?P<mark>\w*)\((?:.|\n)*?\)(?P=mark)"|"(?:\\.|[^"\\\n])*"|'(?:\\.|[^'\\\n])*')
   | (?P<number>\b(?:0[xX][0-9a-fA-F']+|0[bB][01']+|[0-9][0-9']*(?:\.[0-9]*)?)[uUlLzZ]*)
   | (?P<word>[A-Za-z_]\w*)
   | (?P<operator><<=|>>=|->|::|\+\+|--|&&|\|\||[-+*/%&|^<>=!]=|<<|>>|[-+*/%&|^<>=!~])

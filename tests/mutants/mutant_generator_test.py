@@ -27,7 +27,7 @@ class cpp(unittest.TestCase):
         self.assertEqual(changed("std::vector<int> f(const T &x, T *y, T &&z);\n"), [])
 
     def test_comments_strings_and_directives_are_left_alone(self):
-        self.assertEqual(changed('// a < 1\n/* 2 &&\n 3 */\nf("4 + 5", \'6\');\n#if 7 > 8\nR"(9 < 1)";\n'), [])
+        self.assertEqual(changed('// a < 1\n/* 2 &&\n 3 */\nf("4 + 5", \'6\');\n#if 7 > 8\nR"(9 < 1)";\nR"js(2\n)"(3))js";\n'), [])
 
     def test_lines_are_counted_over_comments(self):
         self.assertEqual(changed("/* a\n b */\nx += y;\n"), [(3, "+=", "-="), (3, "+=", "=")])
