@@ -319,10 +319,11 @@ template <class Target> size_t index_of(Keys<Target> keys, size_t cursor, json::
             return cursor;
     }
     const std::string_view name = field.unescaped_key(); // an escape may hide a key that we know
-    for (size_t index = 0; index < keys.size(); ++index)
-        if (keys[index].name.text == name)
-            return index;
-    refuse_key(keys, place, name);
+    const auto found =
+        std::find_if(keys.begin(), keys.end(), [&](const auto &key) { return key.name.text == name; });
+    if (found == keys.end())
+        refuse_key(keys, place, name);
+    return static_cast<size_t>(found - keys.begin());
 }
 
 // Sets `target` from all fields of the object. A field is used where it was made: a copy is made in larger pieces than

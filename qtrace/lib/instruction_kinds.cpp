@@ -31,7 +31,7 @@ constexpr std::array<Instruction_Info, 1024> EXTENDED_31 = [] {
          {20,  21,  23,  52,  53,  55,  84,  87,  116, 119, 276, 279, 309, 311, 341, 343, 373, 375, // integer
           532, 534, 790, 789, 821, 853, 885, 533, 597,                               // reversed, string
           535, 567, 599, 631, 855, 887, 791, 823,                                    // floating-point
-          6,   7,   38,  39,  71,  103, 359,                                         // vector
+          7,   39,  71,  103, 359,                                                   // vector
           12,  76,  268, 364, 332, 524, 588, 269, 301, 781, 813, 844, 876, 780, 812, // vector-scalar
           582, 614})                                                                 // atomic
         infos[opcode].kind = load;
@@ -93,7 +93,7 @@ Instruction_Info instruction_info(uint32_t word)
     else if (primary == BRANCH_TO_REGISTER)
         info.kind = branch_of_19(extended);
     else if (primary == 61) // bits 0 to 2: the vector-scalar loads and stores with a displacement
-        info.kind = (word & 7) == 1 || (word & 3) == 2 ? load : store;
+        info.kind = (word & 7) == 1 ? load : store;
     if (info.kind == conditional_branch && is_always(word))
         info.kind = unconditional_branch;
     return info;

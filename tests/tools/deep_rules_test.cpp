@@ -362,6 +362,7 @@ TEST(deep_rules, stores_of_another_thread_let_pages_and_code_change)
     EXPECT_EQ(summary(file)["violations"].size(), 2u);
     store_to(other, 0, CODE);
     store_to(other, 1, entry_of(DATA));
+    store_to(other, 2, CODE + 0x200); // other lines of the page stay known
     folder.write("trace1", other);
     EXPECT_THAT(summary(file)["violations"], IsEmpty());
 }
