@@ -15,7 +15,7 @@ from __future__ import annotations
 import json
 import subprocess
 import sys
-from typing import IO, Any, Iterable, Mapping, Sequence
+from typing import IO, Any, Iterable, Mapping, Optional, Sequence
 
 # Keys and the bits of their values; 1: a truth value.
 MACHINE = {"processors": 32, "threads": 32, "version": 32, "memory": 64}
@@ -38,7 +38,7 @@ def _number(key: str, value: Any, bits: int) -> int | str | bool:
     number = int(value)
     if not 0 <= number < 1 << bits:
         raise ValueError(f"{key}: {value} does not fit {bits} bits")
-    return bool(number) if bits == 1 else number if number < 1 << 31 and bits < 64 else hex(number)
+    return bool(number) if bits == 1 else hex(number) if bits == 64 or number >> 31 else number
 
 
 def _numbers(given: Mapping[str, Any], keys: Mapping[str, int]) -> dict[str, Any]:
@@ -101,7 +101,7 @@ class Writer:
         self._threads = processors * threads
         if self._threads > MOST_THREADS:
             raise ValueError(f"more than {MOST_THREADS} hardware threads")
-        self._compressor: subprocess.Popen[bytes] | None = None
+        self._compressor: Optional[subprocess.Popen[bytes]] = None
         self._out: IO[bytes]
         if file == "-":
             self._out = sys.stdout.buffer
@@ -128,7 +128,7 @@ class Writer:
             raise ValueError(f"no such hardware thread: {tid}")
         return tid
 
-    def context(self, tid: int, *, pages: Iterable[str] | None = None, guest_pages: Iterable[str] | None = None,
+    def context(self, tid: int, *, pages: Optional[Iterable[str]] = None, guest_pages: Optional[Iterable[str]] = None,
                 **state: int) -> None:
         """State of a hardware thread from here on; what is not given stays as it is."""
         line = _numbers(state, CONTEXT)
@@ -138,9 +138,9 @@ class Writer:
         self._put("context", {"tid": self._thread(tid), **line})
 
     def commit(self, tid: int, seq: int, pc: int, npc: int, op: int, *, text: str = "", flags: Iterable[str] = (),
-               string_length: int = 0, fetch: Mapping[str, Any] | None = None, data: Mapping[str, Any] | None = None,
-               inputs: Mapping[str, Any] | None = None, outputs: Mapping[str, Any] | None = None,
-               time: int | None = None) -> None:
+               string_length: int = 0, fetch: Optional[Mapping[str, Any]] = None, data: Optional[Mapping[str, Any]] = None,
+               inputs: Optional[Mapping[str, Any]] = None, outputs: Optional[Mapping[str, Any]] = None,
+               time: Optional[int] = None) -> None:
         """One committed instruction. `fetch` and `data` have the page's keys; registers are (number, value) pairs, or
         (number, word 0, word 1) for vector registers, by class."""
         if fetch is not None and "ea" in fetch:

@@ -22,6 +22,7 @@ _LINE = re.compile(
 )
 _DATA = re.compile(r"\(DEA:(0x[0-9A-Fa-f]+)")
 _LENGTH = re.compile(r"\(len:(\d+)\) ")
+_BRANCH_ITEM = re.compile(r"\(branch [^)]*?(untaken|taken)")
 _DECIMAL = {"seq": "u8", "thread": "u4", "process": "u4", "partition": "u8"}
 _HEXADECIMAL = {"ptcr": "u8", "word": "u4", "address": "u8", "next": "u8"}
 _FLAGS = ("committed", "has_next", "has_node", "terminates")
@@ -78,8 +79,8 @@ def _text_frame(items: Dict[str, Tuple[str, ...]]) -> pd.DataFrame:
     for key in _FLAGS:
         columns[key] = np.array(items[key], object) == "1"
     rest = items["rest"]
-    branches = [("taken" in text) + 2 * ("untaken" in text) for text in map(_branch_item, rest)]
-    columns["branch"] = pd.Categorical.from_codes(np.minimum(branches, 2).astype("i1"), dtype=_BRANCH)
+    branches = [_BRANCH_ITEM.search(text) for text in rest]
+    columns["branch"] = pd.Categorical([match[1] if match else "none" for match in branches], dtype=_BRANCH)
     data = [_DATA.search(text) for text in rest]
     columns["data"] = np.array([int(match[1], 16) if match else 0 for match in data], "u8")
     columns["has_data"] = np.array([match is not None for match in data], bool)
@@ -87,11 +88,6 @@ def _text_frame(items: Dict[str, Tuple[str, ...]]) -> pd.DataFrame:
     columns["length"] = np.array([int(match[1]) if match else 0 for match in lengths], "u2")
     order = ["seq", "thread", "address", "next", "has_next", "word", "name", "branch", "data", "has_data", "length"]
     return pd.DataFrame({key: columns.pop(key) for key in order} | columns)
-
-
-def _branch_item(text: str) -> str:
-    at = text.find("(branch ")
-    return text[at : text.find(")", at)] if at >= 0 else ""
 
 
 _PTE_COLUMNS = {
