@@ -34,30 +34,30 @@ struct Group_Result {
     std::exception_ptr exception;
 };
 
-bool overlaps(const QTRACE_Block &block, const Record_Range &range)
+bool overlaps(const QTRACE_Step &step, const Record_Range &range)
 {
-    return !range.ends_before(block.first_record) && block.first_record + block.records >= range.first;
+    return !range.ends_before(step.lowest_record) && step.highest_record_after >= range.first;
 }
 
-uint64_t headers_in(std::span<const QTRACE_Block> blocks)
+uint64_t blocks_in(std::span<const QTRACE_Step> steps)
 {
-    return blocks.back().first_header + blocks.back().headers - blocks.front().first_header;
+    return steps.back().first_block + steps.back().blocks - steps.front().first_block;
 }
 
 // Groups begin at multiples of their size, wherever the range begins.
-std::vector<Group> plan_groups(std::span<const QTRACE_Block> blocks, const Scan_Options &options)
+std::vector<Group> plan_groups(std::span<const QTRACE_Step> steps, const Scan_Options &options)
 {
-    const auto is_wanted = [&](const QTRACE_Block &block) {
-        return overlaps(block, options.range) && (!options.headers_only || block.headers > 0);
+    const auto is_wanted = [&](const QTRACE_Step &step) {
+        return overlaps(step, options.range) && (!options.headers_only || step.headers > 0);
     };
     std::vector<Group> groups;
-    for (uint64_t first = 0; first < blocks.size(); first += options.blocks) {
-        const uint64_t count = std::min<uint64_t>(options.blocks, blocks.size() - first);
-        const auto group = blocks.subspan(first, count);
+    for (size_t first = 0; first < steps.size(); first += options.steps) {
+        const auto group = steps.subspan(first, std::min<size_t>(options.steps, steps.size() - first));
+        const uint64_t headers = group.back().header_after - group.front().first_header;
         if (std::ranges::any_of(group, is_wanted))
-            groups.push_back({first, count, groups.empty(), headers_in(group)});
+            groups.push_back({group.front().first_block, blocks_in(group), groups.empty(), headers});
     }
-    if (blocks.empty())
+    if (steps.empty())
         groups.push_back({0, 0, true, 0});
     return groups;
 }
@@ -95,23 +95,30 @@ Item_Stream::Item_Stream(Tool_Run &run, const Trace_File &file, const Record_Ran
 {
     if (items_.reader() == nullptr)
         throw std::runtime_error("out of memory");
-    pass_to_block(0);
+    pass_to_step(0);
 }
 
-// Selects the next blocks in a row that overlap the range; none: then reading ends.
+// Selects the next steps in a row that overlap the range; none: then reading ends.
+void Item_Stream::pass_to_step(size_t step)
+{
+    const std::span<const QTRACE_Step> steps = file_.steps();
+    const auto is_wanted = [this](const QTRACE_Step &place) { return overlaps(place, range_); };
+    const auto first = std::find_if(steps.begin() + static_cast<ptrdiff_t>(step), steps.end(), is_wanted);
+    const auto end = std::find_if_not(first, steps.end(), is_wanted);
+    next_step_ = static_cast<size_t>(end - steps.begin());
+    const std::span<const QTRACE_Step> wanted(first, end);
+    (void)(wanted.empty() ? items_.select(0, 0) : items_.select(wanted.front().first_block, blocks_in(wanted)));
+}
+
 void Item_Stream::pass_to_block(uint64_t block)
 {
-    const std::span<const QTRACE_Block> blocks = file_.blocks();
-    const auto is_wanted = [this](const QTRACE_Block &place) { return overlaps(place, range_); };
-    const auto first = std::find_if(blocks.begin() + static_cast<ptrdiff_t>(block), blocks.end(), is_wanted);
-    const auto end = std::find_if_not(first, blocks.end(), is_wanted);
-    next_block_ = static_cast<uint64_t>(end - blocks.begin());
-    (void)items_.select(static_cast<uint64_t>(first - blocks.begin()), static_cast<uint64_t>(end - first));
+    const auto step = std::ranges::lower_bound(file_.steps(), block, {}, &QTRACE_Step::first_block);
+    pass_to_step(static_cast<size_t>(step - file_.steps().begin()));
 }
 
 bool Item_Stream::seek(uint64_t record)
 {
-    next_block_ = file_.blocks().size();
+    next_step_ = file_.steps().size();
     return items_.seek(record);
 }
 
@@ -122,10 +129,10 @@ const QTRACE_Item *Item_Stream::next_after(const QTRACE_Item *item)
             return item;
         if (item != nullptr)
             tell(item->discontinuity);
-        else if (!items_.error().empty() || next_block_ == file_.blocks().size())
+        else if (!items_.error().empty() || next_step_ == file_.steps().size())
             return end();
         else
-            pass_to_block(next_block_);
+            pass_to_step(next_step_);
     }
 }
 
@@ -421,7 +428,7 @@ bool scan_groups(Tool_Run &run, Trace_File &file, const Scan_Options &options,
                  const std::function<std::unique_ptr<Item_Sink>()> &make,
                  const std::function<bool(Item_Sink &)> &merge)
 {
-    const std::vector<Group> groups = plan_groups(file.blocks(), options);
+    const std::vector<Group> groups = plan_groups(file.steps(), options);
     const auto threads = static_cast<unsigned>(std::min<size_t>(options.jobs, groups.size()));
     Scan scan(run, file, options, groups);
     return threads <= 1 ? scan.run_alone(make, merge) : scan.run_threads(threads, make, merge);
@@ -431,7 +438,7 @@ bool scan_in_order(Tool_Run &run, Trace_File &file, const Record_Range &range, I
 {
     Scan_Options options;
     options.range = range;
-    const std::vector<Group> groups = plan_groups(file.blocks(), options);
+    const std::vector<Group> groups = plan_groups(file.steps(), options);
     return Scan(run, file, options, groups).run_in_order(sink);
 }
 

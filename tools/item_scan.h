@@ -71,7 +71,7 @@ public:
     }
     // Goes to what directly precedes that record. False: there is no such record.
     bool seek(uint64_t record);
-    // Passes over everything before the block of that number; there may be none.
+    // Passes over everything before the block of that number, which is the first of a step; there may be none.
     void pass_to_block(uint64_t block);
     const QTRACE_FILE_HDR *context() const { return items_.context(); }
     // False: an error ended the reading, and the run has been told.
@@ -81,13 +81,14 @@ private:
     const QTRACE_Item *next_after(const QTRACE_Item *item);
     void tell(const QTRACE_Discontinuity &what);
     const QTRACE_Item *end();
+    void pass_to_step(size_t step);
 
     Tool_Run &run_;
     const Trace_File &file_;
     Record_Range range_;
     bool silent_, failed_ = false;
     Range_Items items_;
-    uint64_t next_block_ = 0; // the first that was not selected yet
+    size_t next_step_ = 0; // the first that was not selected yet
 };
 
 struct Group_Start {
@@ -132,7 +133,7 @@ private:
 struct Scan_Options {
     Record_Range range;
     unsigned jobs = 1;
-    unsigned blocks = 2;       // of a group; what comes out must not depend on the number of jobs
+    unsigned steps = 2;        // of a group; what comes out must not depend on the number of jobs
     bool headers_only = false; // passes over groups without headers, by what the headers of their blocks say
     bool silent = false;       // damage is not told: another scan of the file does
 };

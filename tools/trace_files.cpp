@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <stdexcept>
 
 namespace qtrace_tool
 {
@@ -154,11 +155,23 @@ std::unique_ptr<Trace_File> Trace_File::open(Tool_Run &run, const std::string &n
     return nullptr;
 }
 
-std::span<const QTRACE_Block> Trace_File::blocks() const
+std::span<const QTRACE_Step> Trace_File::steps() const
 {
     uint64_t count = 0;
-    const QTRACE_Block *first = qtrace_index_blocks(index_.get(), &count);
+    const QTRACE_Step *first = qtrace_index_steps(index_.get(), &count);
     return {first, count};
+}
+
+void Trace_File::each_block(const std::function<bool(const QTRACE_Block &)> &visit) const
+{
+    std::vector<QTRACE_Block> blocks;
+    for (uint64_t step = 0; step < steps().size(); step++) {
+        blocks.resize(steps()[step].blocks);
+        if (qtrace_step_blocks(reader(), step, blocks.data(), blocks.size()) != blocks.size())
+            throw std::runtime_error(qtrace_error(reader()));
+        if (!std::ranges::all_of(blocks, visit))
+            return;
+    }
 }
 
 std::string Trace_File::no_record(uint64_t record) const

@@ -6,6 +6,7 @@
 #include "qtrace_reader.h"
 #include "tool_run.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -53,12 +54,11 @@ public:
 
     const std::string &name() const { return name_; }
     const QTRACE_Info &info() const { return info_; }
-    std::span<const QTRACE_Block> blocks() const;
+    std::span<const QTRACE_Step> steps() const;
+    // Calls visit(block) for the blocks in file order, until it returns false.
+    void each_block(const std::function<bool(const QTRACE_Block &)> &visit) const;
     // Number that a record after the last one would have.
-    uint64_t next_record_number() const
-    {
-        return blocks().empty() ? 0 : blocks().back().first_record + blocks().back().records;
-    }
+    uint64_t next_record_number() const { return steps().empty() ? 0 : steps().back().record_after; }
     // Whether reading can begin at that record; and that it cannot, as text.
     bool has_record(uint64_t record) const { return record == 0 || record < next_record_number(); }
     std::string no_record(uint64_t record) const;

@@ -169,12 +169,13 @@ QTRACE_Index *qtrace_index_open(const char *name, char **error);
 /* Readers opened by the index may live on; null is allowed. */
 void qtrace_index_close(QTRACE_Index *index);
 
-/* All blocks in file order, and how many; the index's. With damage, blocks whose header cannot be read are not among
- * them, and of those that are some may turn out to be damaged. */
+/* All blocks in file order, and how many; the index's. They take 48 bytes each from the first call on. No blocks where
+ * memory is short or the file cannot be read. With damage, blocks whose header cannot be read are not among them, and
+ * of those that are some may turn out to be damaged. */
 const QTRACE_Block *qtrace_index_blocks(const QTRACE_Index *index, uint64_t *count);
 
-/* The same for a reader: copies them, no more than `room`. Returns how many the file has. The position of the reader
- * is kept. */
+/* The same for a reader: copies them, no more than `room`. Returns how many the file has, or 0 when it cannot be read.
+ * The position of the reader is kept. */
 uint64_t qtrace_blocks(QTRACE_Reader *reader, QTRACE_Block *to, uint64_t room);
 
 /* The summary of the file, as qtrace_info. */
@@ -189,6 +190,31 @@ QTRACE_Reader *qtrace_open_with_index(const QTRACE_Index *index);
  * last block; a file without blocks has one empty range, (0, 0). So readers of adjacent ranges deliver every item
  * exactly once. qtrace_seek ends the restriction. Returns 0, or -1 when there are no such blocks. */
 int qtrace_select_blocks(QTRACE_Reader *reader, uint64_t first, uint64_t count);
+
+/* Blocks in a row, as the index keeps them: one in each step, or 2, 4, 8, ... where the file has more blocks than 65,536
+ * steps hold, so that the memory of an index does not grow with the file. The last step may have fewer. Where records are
+ * missing, or numbers fall because one file stands after another, `record_after` is not `first_record + records`. */
+typedef struct QTRACE_Step {
+    uint64_t offset;      /* byte in the file where the first block's range begins */
+    uint64_t size;        /* bytes up to the end of the last block */
+    uint64_t first_block; /* its number among all blocks */
+    uint64_t blocks;
+    uint64_t first_record;  /* records of the trace before the first block, lost ones too */
+    uint64_t record_after;  /* number that a record after the last block would have */
+    uint64_t records;       /* in the blocks */
+    uint64_t lowest_record; /* the least first_record, and the greatest record_after, of any block */
+    uint64_t highest_record_after;
+    uint64_t first_header; /* the same for file headers */
+    uint64_t header_after;
+    uint64_t headers;
+} QTRACE_Step;
+
+/* All steps in file order, and how many; the index's. */
+const QTRACE_Step *qtrace_index_steps(const QTRACE_Index *index, uint64_t *count);
+
+/* Copies the blocks of a step, no more than `room`. Returns how many it has; 0 when there is no such step, or the file
+ * cannot be read. The position of the reader is kept. */
+uint64_t qtrace_step_blocks(QTRACE_Reader *reader, uint64_t step, QTRACE_Block *to, uint64_t room);
 
 /* ---- Recovery ---------------------------------------------------------------------------------------- */
 

@@ -181,16 +181,13 @@ public:
         : blocks_(source.file), what_(what), choice_(what)
     {
     }
-    // The block that begins there; its header is the last one read then.
-    bool can_be_kept(uint64_t offset)
+    bool can_be_kept(const Block_Place &place)
     {
-        const std::optional<Block_Header> header = blocks_.header_at(offset);
-        place_ = {offset, header.value_or(Block_Header{})};
-        return header && is_kept_whole(*header) && blocks_.holds(place_) && blocks_.read_payload(place_) &&
-               items_.begin(*header, blocks_.unpack(*header), nullptr) && choice_.wants_context(items_.context()) &&
+        const Block_Header &header = place.header;
+        return !header.has(COMMENT_BLOCK) && is_kept_whole(header) && blocks_.read_payload(place) &&
+               items_.begin(header, blocks_.unpack(header), nullptr) && choice_.wants_context(items_.context()) &&
                can_be_read(items_);
     }
-    const Block_Place &place() const { return place_; }
 
 private:
     // As far as its numbers tell. A comment outside it can only be tested together with it.
@@ -206,28 +203,56 @@ private:
     const QTRACE_Cut &what_;
     Choice choice_;
     Block_Items items_;
-    Block_Place place_;
 };
 
-// Blocks that need not be decoded again, in file order; none with one thread.
-std::vector<Block_Place> tested_blocks(const Trace_Source &source, const QTRACE_Cut &what, unsigned threads)
+// Blocks that need not be decoded again; none with one thread.
+class Tested_Blocks
+{
+public:
+    // Both must live longer.
+    Tested_Blocks(const Trace_Source &source, const QTRACE_Cut &what, unsigned threads)
+        : source_(source), what_(what), threads_(threads)
+    {
+    }
+    // Whether all of the block is kept, and can be read; to be asked in the order of the offsets. The file may have changed
+    // since: then it is another block.
+    bool contain(const Block_Place &place);
+
+private:
+    void test_from(uint64_t offset);
+
+    const Trace_Source &source_;
+    const QTRACE_Cut &what_;
+    unsigned threads_;
+    Block_Window window_;       // what was tested last
+    std::vector<uint8_t> kept_; // of its blocks: whether they are
+    size_t next_ = 0;
+};
+
+void Tested_Blocks::test_from(uint64_t offset)
 {
     constexpr size_t GROUP = 16;
-    Block_File headers(source.file);
-    const auto index = threads < 2 ? nullptr : Trace_Index::build(headers, source.begin);
-    const size_t blocks = index ? index->blocks().size() : 0;
-    std::vector<std::vector<Block_Place>> groups((blocks + GROUP - 1) / GROUP);
+    window_ = window_at(source_, offset);
+    const size_t blocks = window_.blocks.size();
+    kept_.assign(blocks, 0);
+    next_ = 0;
     work_together(
-        threads, groups.size(), [&] { return Block_Tester(source, what); },
+        threads_, (blocks + GROUP - 1) / GROUP, [&] { return Block_Tester(source_, what_); },
         [&](Block_Tester &tester, size_t group) {
             for (size_t i = group * GROUP; i < std::min(blocks, (group + 1) * GROUP); i++)
-                if (tester.can_be_kept(index->header_offset(i)))
-                    groups[group].push_back(tester.place());
+                kept_[i] = tester.can_be_kept(window_.blocks[i]);
         });
-    std::vector<Block_Place> tested;
-    for (const std::vector<Block_Place> &group : groups)
-        tested.insert(tested.end(), group.begin(), group.end());
-    return tested;
+}
+
+bool Tested_Blocks::contain(const Block_Place &place)
+{
+    if (threads_ > 1 && place.offset >= window_.end)
+        test_from(place.offset);
+    const std::vector<Block_Place> &blocks = window_.blocks;
+    while (next_ < blocks.size() && blocks[next_].offset < place.offset)
+        next_++;
+    return next_ < blocks.size() && kept_[next_] != 0 && blocks[next_].offset == place.offset &&
+           blocks[next_].header == place.header;
 }
 
 // ---- The new file -----------------------------------------------------------------------------------------------
@@ -426,10 +451,8 @@ struct Failure : std::runtime_error {
 class Cutter
 {
 public:
-    // `tested`: blocks that are kept without decoding them when all of them is wanted.
-    Cutter(const Trace_Source &source, const QTRACE_Cut &what, std::vector<Block_Place> tested,
-           QTRACE_Cut_Result &result)
-        : source_(source), tested_(std::move(tested)), blocks_(source.file), what_(what), choice_(what),
+    Cutter(const Trace_Source &source, const QTRACE_Cut &what, unsigned threads, QTRACE_Cut_Result &result)
+        : source_(source), tested_(source, what, threads), blocks_(source.file), what_(what), choice_(what),
           result_(result), to_(what, result)
     {
     }
@@ -446,7 +469,6 @@ private:
     bool take(const Block_Place &place);
     bool take_comment(const Block_Header &header);
     bool take_items(const Block_Place &place);
-    bool is_tested(const Block_Place &place);
     bool wants_any_of(const Block_Header &header);
     bool wants_all_of(const Block_Header &header);
     bool keep_items(const Block_Header &header);
@@ -461,8 +483,7 @@ private:
     }
 
     const Trace_Source &source_;
-    const std::vector<Block_Place> tested_;
-    size_t next_tested_ = 0;
+    Tested_Blocks tested_; // are kept without decoding them when all of them is wanted
     Block_File blocks_;
     const QTRACE_Cut &what_;
     Choice choice_;
@@ -583,20 +604,11 @@ bool Cutter::wants_all_of(const Block_Header &header)
            choice_.wants_all(header.first_record, header.records_after() - (header.headers == 0));
 }
 
-// The file may have changed since: then it is another block.
-bool Cutter::is_tested(const Block_Place &place)
-{
-    while (next_tested_ < tested_.size() && tested_[next_tested_].offset < place.offset)
-        next_tested_++;
-    return next_tested_ < tested_.size() && tested_[next_tested_].offset == place.offset &&
-           tested_[next_tested_].header == place.header;
-}
-
 // Of the block whose payload was read. False when its contents make no sense.
 bool Cutter::take_items(const Block_Place &place)
 {
     const Block_Header &header = place.header;
-    if (is_tested(place) && wants_all_of(header)) {
+    if (tested_.contain(place) && wants_all_of(header)) {
         choice_.keep_records(header.records);
         add_whole(header);
         return true;
@@ -699,7 +711,7 @@ void cut(const char *from, const QTRACE_Cut &what, unsigned threads, QTRACE_Cut_
     Trace_Source source;
     if (const std::string reason = open_trace(from, source); !reason.empty())
         throw Failure(reason);
-    Cutter(source, what, tested_blocks(source, what, threads), result).cut();
+    Cutter(source, what, threads, result).cut();
 }
 
 } // namespace

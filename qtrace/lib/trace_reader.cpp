@@ -40,6 +40,8 @@ public:
     const QTRACE_FILE_HDR *open_header() const;
     Decoder &decoder() { return decoder_; }
     const Trace_Index *index();
+    // Calls visit(block) for each block of a step; false after an error.
+    template <class Visit> bool each_block(size_t step, Visit visit);
 
     std::string text; // of the last discontinuity or error
 
@@ -59,15 +61,21 @@ private:
     void find_context();
     QTRACE_ITEM fail(uint64_t offset);
     void place_at(uint64_t offset, const Block_Sequence &sequence);
-    void place_before(size_t block);
-    void pass_damage_of_range_before(size_t block);
+    void place_at(const Range_Start &start) { place_at(start.offset, start.sequence); }
+    const Trace_Index *inside(size_t step);
+    std::optional<Range_Start> start_of_block(uint64_t number);
+    std::optional<Range_Start> start_before(uint64_t record, size_t step);
+    void pass_damage_of_range_before(const Range_Start &start);
     int place_at_end();
     bool is_item_before(uint64_t record) const;
     size_t advance_to(uint64_t record, bool &exact);
 
     Trace_Source source_;
     Block_File file_;
-    std::shared_ptr<const Trace_Index> index_; // null until it is needed
+    std::shared_ptr<const Trace_Index> index_;  // null until it is needed
+    std::shared_ptr<const Trace_Index> inside_; // the blocks of one of its steps, the one asked for last
+    size_t inside_step_ = 0;
+    std::optional<Block_File> blocks_of_steps_; // for those; file_ keeps the payload that is being decoded
     Decoder decoder_;
     QTRACE_Item item_{};
     std::string comment_;                        // of the header in item_
@@ -345,10 +353,11 @@ int QTRACE_Reader::info(QTRACE_Info &info)
 
 int QTRACE_Reader::verify(unsigned threads, QTRACE_Info &info)
 {
-    const Payload_Tests tests(source_, threads);
+    Payload_Tests tests(source_, threads);
     Block_Summary summary(file_.size());
     walk_blocks(
-        file_, source_.begin, [&](const Block_Place &place) { return tests.result(place, file_); },
+        file_, source_.begin, up_to(file_.size()),
+        [&](const Block_Place &place) { return tests.result(place, file_); },
         [&](const Block_Place &place) { summary.whole(place); }, [&](const auto &next) { summary.broken(!next); });
     info = summary.end();
     if (file_.error == 0)
@@ -370,9 +379,63 @@ bool QTRACE_Reader::is_item_before(uint64_t record) const
     return (item_.kind == QTRACE_ITEM_RECORD || item_.kind == QTRACE_ITEM_HEADER) && item_.record_number < record;
 }
 
-void QTRACE_Reader::place_before(size_t block)
+// The blocks of a step of several. Null after an error.
+const Trace_Index *QTRACE_Reader::inside(size_t step)
 {
-    place_at(index_->blocks()[block].offset, index_->sequence_before(block));
+    if (inside_ && inside_step_ == step)
+        return inside_.get();
+    if (!blocks_of_steps_)
+        blocks_of_steps_.emplace(source_.file);
+    inside_ = Trace_Index::build(*blocks_of_steps_, index_->steps()[step]);
+    inside_step_ = step;
+    if (inside_ && inside_->blocks() == index_->steps()[step].blocks)
+        return inside_.get();
+    text = blocks_of_steps_->error != 0
+               ? located(source_.name, index_->steps()[step].offset, std::strerror(blocks_of_steps_->error))
+               : source_.name + ": the file changed while it was read";
+    inside_.reset();
+    return nullptr;
+}
+
+static QTRACE_Block block_of(const QTRACE_Step &step)
+{
+    return {step.offset, step.size, step.first_record, step.records, step.first_header, step.headers};
+}
+
+template <class Visit> bool QTRACE_Reader::each_block(size_t step, Visit visit)
+{
+    if (index_->steps()[step].blocks == 1) {
+        visit(block_of(index_->steps()[step]));
+        return true;
+    }
+    const Trace_Index *const blocks = inside(step);
+    if (blocks != nullptr)
+        for (const QTRACE_Step &block : blocks->steps())
+            visit(block_of(block));
+    return blocks != nullptr;
+}
+
+// Nothing after an error.
+std::optional<Range_Start> QTRACE_Reader::start_of_block(uint64_t number)
+{
+    const size_t step = index_->step_of(number);
+    const uint64_t place = number - index_->steps()[step].first_block;
+    if (place == 0)
+        return index_->start_of(step);
+    const Trace_Index *const blocks = inside(step);
+    return blocks != nullptr ? std::optional(blocks->start_of(place)) : std::nullopt;
+}
+
+// Of the first block of the step that reaches the place before that record. Nothing after an error.
+std::optional<Range_Start> QTRACE_Reader::start_before(uint64_t record, size_t step)
+{
+    if (index_->steps()[step].blocks == 1)
+        return index_->start_of(step);
+    const Trace_Index *const blocks = inside(step);
+    if (blocks == nullptr)
+        return std::nullopt;
+    const uint64_t place = std::min<uint64_t>(blocks->step_reaching(record), blocks->blocks() - 1);
+    return start_of_block(index_->steps()[step].first_block + place);
 }
 
 // Advances to the first record or header at the place of that record, or what follows. Returns the items before it
@@ -393,14 +456,17 @@ int QTRACE_Reader::seek(uint64_t record)
 {
     if (index() == nullptr)
         return -1;
-    const size_t block = index_->block_before(record);
-    if (block == index_->blocks().size())
+    const size_t step = index_->step_before(record);
+    if (step == index_->steps().size())
         return place_at_end();
-    place_before(block);
+    const std::optional<Range_Start> start = start_before(record, step);
+    if (!start)
+        return -1;
+    place_at(*start);
     bool exact;
     const size_t before = advance_to(record, exact);
     if (!exact) { // discontinuities directly before the record come first
-        place_before(block);
+        place_at(*start);
         for (size_t items = 0; items <= before; ++items)
             item_.kind = advance();
     }
@@ -412,30 +478,35 @@ int QTRACE_Reader::select(uint64_t first, uint64_t count)
 {
     if (index() == nullptr)
         return -1;
-    const std::vector<QTRACE_Block> &blocks = index_->blocks();
-    if (first > blocks.size() || count > blocks.size() - first)
+    const uint64_t blocks = index_->blocks();
+    if (first > blocks || count > blocks - first)
         return -1;
-    if (count == 0 && !blocks.empty()) {
-        place_at_end();
-        return 0;
-    }
-    if (blocks.empty()) {
+    if (blocks == 0) {
         place_at(source_.begin, {});
         return 0;
     }
-    place_before(first);
-    pass_damage_of_range_before(first);
-    limit_ = first + count < blocks.size() ? blocks[first + count].offset : NO_LIMIT;
+    if (count == 0) {
+        place_at_end();
+        return 0;
+    }
+    const std::optional<Range_Start> start = start_of_block(first);
+    const bool ends_file = first + count == blocks;
+    const std::optional<Range_Start> end = ends_file ? std::nullopt : start_of_block(first + count);
+    if (!start || (!end && !ends_file))
+        return -1;
+    place_at(*start);
+    pass_damage_of_range_before(*start);
+    limit_ = end ? end->offset : NO_LIMIT;
     return 0;
 }
 
 // Damage that began in the block before reaches up to the next whole block, and has been told there.
-void QTRACE_Reader::pass_damage_of_range_before(size_t block)
+void QTRACE_Reader::pass_damage_of_range_before(const Range_Start &start)
 {
-    if (block == 0)
+    if (!start.header_before)
         return;
     const std::optional<Block_Place> place = file_.whole_at(position_);
-    if ((place && !sequence_.before(*place)) || file_.whole_at(index_->header_offset(block - 1)))
+    if ((place && !sequence_.before(*place)) || file_.whole_at(*start.header_before))
         return;
     const std::optional<Block_Place> next = file_.find(position_);
     position_ = next ? next->offset : file_.size();
@@ -481,6 +552,31 @@ try {
 } catch (const std::bad_alloc &) {
     reader->text = "out of memory"; // short enough to need none
     return failed;
+}
+
+// Copies no more than `room`, and moves `to` behind them. False after an error.
+bool copy_blocks(QTRACE_Reader &reader, size_t step, QTRACE_Block *&to, uint64_t room)
+{
+    return reader.each_block(step, [&, left = room](const QTRACE_Block &block) mutable {
+        if (left > 0) {
+            *to++ = block;
+            left--;
+        }
+    });
+}
+
+// None after an error.
+const std::vector<QTRACE_Block> &all_blocks(const QTRACE_Index &index)
+{
+    const std::lock_guard lock(index.mutex);
+    const uint64_t count = index.blocks->blocks();
+    if (index.all.size() == count)
+        return index.all;
+    QTRACE_Reader reader(index.source, index.blocks);
+    std::vector<QTRACE_Block> all(count);
+    if (qtrace_blocks(&reader, all.data(), count) == count)
+        index.all = std::move(all);
+    return index.all;
 }
 
 } // namespace
@@ -531,9 +627,19 @@ void qtrace_index_close(QTRACE_Index *index)
 }
 
 const QTRACE_Block *qtrace_index_blocks(const QTRACE_Index *index, uint64_t *count)
+try {
+    const std::vector<QTRACE_Block> &all = all_blocks(*index);
+    *count = all.size();
+    return all.data();
+} catch (const std::bad_alloc &) {
+    *count = 0;
+    return nullptr;
+}
+
+const QTRACE_Step *qtrace_index_steps(const QTRACE_Index *index, uint64_t *count)
 {
-    *count = index->blocks->blocks().size();
-    return index->blocks->blocks().data();
+    *count = index->blocks->steps().size();
+    return index->blocks->steps().data();
 }
 
 const QTRACE_Info *qtrace_index_info(const QTRACE_Index *index)
@@ -573,9 +679,23 @@ uint64_t qtrace_blocks(QTRACE_Reader *reader, QTRACE_Block *to, uint64_t room)
     return guarded(reader, uint64_t{0}, [=]() -> uint64_t {
         if (reader->index() == nullptr)
             return 0;
-        const std::vector<QTRACE_Block> &blocks = reader->index()->blocks();
-        std::copy_n(blocks.begin(), std::min<uint64_t>(blocks.size(), room), to);
-        return blocks.size();
+        QTRACE_Block *const end = to + std::min(room, reader->index()->blocks());
+        const size_t steps = reader->index()->steps().size();
+        QTRACE_Block *next = to;
+        for (size_t step = 0; step < steps && next != end; step++)
+            if (const uint64_t left = static_cast<uint64_t>(end - next); !copy_blocks(*reader, step, next, left))
+                return 0;
+        return reader->index()->blocks();
+    });
+}
+
+uint64_t qtrace_step_blocks(QTRACE_Reader *reader, uint64_t step, QTRACE_Block *to, uint64_t room)
+{
+    return guarded(reader, uint64_t{0}, [=]() -> uint64_t {
+        if (reader->index() == nullptr || step >= reader->index()->steps().size())
+            return 0;
+        QTRACE_Block *next = to;
+        return copy_blocks(*reader, step, next, room) ? reader->index()->steps()[step].blocks : 0;
     });
 }
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """bounds_test.py PROGRAMS [--table]: every command of qtrace on small files that ask for much stays below its bound of memory, and
 takes twice as long for twice the file. --table: with files of 20 KB each, and prints the table of docs/reliability.md."""
+import json
 import os
 import pathlib
 import subprocess
@@ -87,6 +88,56 @@ class Bounds(unittest.TestCase):
                     times.setdefault(command, []).append(measure(command)[1])
             for command, (short, long) in times.items():
                 self.assertLess(long, 7 * short + 100, (command, kind))
+
+
+# More blocks than the index has steps, and than threads look at together.
+MANY = 66_000
+
+
+def run(*words):
+    """Standard output of a command of qtrace."""
+    done = subprocess.run([PROGRAMS / "qtrace", *words], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    return done.stdout
+
+
+class ManyBlocks(unittest.TestCase):
+    setUp = Bounds.setUp
+
+    def test_memory_does_not_grow_with_the_number_of_blocks(self):
+        memory = {}
+        for blocks in (MANY, 2 * MANY):
+            make("singles", blocks, "F")
+            for command in ("plan", "info --verify", "recover", "cut", "diff, with itself"):
+                memory.setdefault(command, []).append(measure(command)[0])
+            make("damaged", blocks, "F")
+            memory.setdefault("report", []).append(measure("report")[0])
+            page = pathlib.Path("out.html").read_text(encoding="utf-8")
+            self.assertIn(f"damaged: {blocks // 2:,} places cannot be read", page)
+            self.assertEqual(page.count("<code>F: byte "), 3)
+        for command, (few, many) in memory.items():
+            self.assertLess(many - few, 3 << 10, command)  # 44 bytes a block
+
+    def test_records_are_found_whatever_their_block(self):
+        make("singles", MANY, "F")  # a header and a record in each, 108 bytes
+        lines = run("plan", "--parts", "6", "F").splitlines()
+        self.assertEqual(lines, [f"F --from {first} --count 11000" for first in range(0, MANY, 11_000)])
+        info = json.loads(run("info", "--verify", "--json", "--from", "10001", "--count", "7", "F"))
+        self.assertEqual([info[member] for member in ("records", "headers", "blocks", "size")], [7, 7, 7, 7 * 108])
+        for first in (0, 10_001, MANY - 3):
+            items = map(json.loads, run("dump", "--json", "--from", str(first), "--count", "3", "F").splitlines())
+            records = [item["record"] for item in items if "record" in item]
+            self.assertEqual(records, [first, first + 1, first + 2])
+
+    def test_what_comes_out_does_not_depend_on_the_number_of_jobs(self):
+        make("damaged", MANY, "F")  # records with odd numbers are left
+        for command, blocks in ((["recover", "F", "out"], MANY // 2),
+                                (["cut", "--force", "--from", "9", "-o", "out", "F"], MANY // 2 - 4),
+                                (["info", "--verify", "F"], MANY // 2)):  # fmt: skip
+            results = []
+            for jobs in ("1", "2"):
+                results.append([run(command[0], "--jobs", jobs, *command[1:]), pathlib.Path("out").read_bytes()])
+            self.assertTrue(results[0] == results[1], command)
+            self.assertIn(f"{blocks} block", results[0][0])
 
 
 if __name__ == "__main__":

@@ -15,22 +15,22 @@ using namespace trace;
 namespace
 {
 
-constexpr size_t GROUP = 2; // blocks
+constexpr size_t GROUP = 2; // steps
 
-bool have_same_numbers(const QTRACE_Block &a, const QTRACE_Block &b)
+bool have_same_numbers(const QTRACE_Step &a, const QTRACE_Step &b)
 {
-    return a.first_record == b.first_record && a.records == b.records && a.first_header == b.first_header &&
+    return a.blocks == b.blocks && a.first_record == b.first_record && a.record_after == b.record_after &&
+           a.records == b.records && a.first_header == b.first_header && a.header_after == b.header_after &&
            a.headers == b.headers;
 }
 
-bool follows(const QTRACE_Block &block, const QTRACE_Block &before)
+bool follows(const QTRACE_Step &step, const QTRACE_Step &before)
 {
-    return block.first_record == before.first_record + before.records &&
-           block.first_header == before.first_header + before.headers;
+    return step.first_record == before.record_after && step.first_header == before.header_after;
 }
 
-// Blocks at the beginning of both files that have the same numbers of items, none missing.
-size_t common_blocks(std::span<const QTRACE_Block> a, std::span<const QTRACE_Block> b)
+// Steps at the beginning of both files that have the same numbers of items, none missing between them.
+size_t common_steps(std::span<const QTRACE_Step> a, std::span<const QTRACE_Step> b)
 {
     size_t common = 0;
     while (common < std::min(a.size(), b.size()) && have_same_numbers(a[common], b[common]) &&
@@ -39,15 +39,17 @@ size_t common_blocks(std::span<const QTRACE_Block> a, std::span<const QTRACE_Blo
     return common;
 }
 
-std::vector<Block_Group> plan_groups(std::span<const QTRACE_Block> blocks, const Record_Range &range)
+// Only groups without gaps within their steps are equal, so their records are as many as the numbers say.
+std::vector<Block_Group> plan_groups(std::span<const QTRACE_Step> steps, const Record_Range &range)
 {
     std::vector<Block_Group> groups;
-    for (size_t first = 0; first < blocks.size(); first += GROUP) {
-        const auto group = blocks.subspan(first, std::min(GROUP, blocks.size() - first));
-        const uint64_t end = group.back().first_record + group.back().records;
-        if (range.contains(group.front().first_record) && (end == 0 || range.contains(end - 1)))
-            groups.push_back({first, group.size(), group.front().first_record, end - group.front().first_record,
-                              group.front().first_header});
+    for (size_t first = 0; first < steps.size(); first += GROUP) {
+        const auto group = steps.subspan(first, std::min(GROUP, steps.size() - first));
+        const QTRACE_Step &front = group.front(), &back = group.back();
+        const uint64_t end = back.record_after;
+        if (range.contains(front.first_record) && (end == 0 || range.contains(end - 1)))
+            groups.push_back({front.first_block, back.first_block + back.blocks - front.first_block,
+                              front.first_record, end - front.first_record, front.first_header});
     }
     return groups;
 }
@@ -101,7 +103,7 @@ bool compare(Range_Items &a, Range_Items &b, const Block_Group &group)
 Equal_Blocks::Equal_Blocks(const Trace_File &a, const Trace_File &b, const Record_Range &range, unsigned jobs)
 {
     if (jobs > 1)
-        groups_ = plan_groups(a.blocks().first(common_blocks(a.blocks(), b.blocks())), range);
+        groups_ = plan_groups(a.steps().first(common_steps(a.steps(), b.steps())), range);
     verdicts_.resize(groups_.size(), Verdict::open);
     for (size_t i = 0; i < std::min<size_t>(jobs, groups_.size()); i++)
         workers_.emplace_back([this, &a, &b] { work(a, b); });

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
+#include <ranges>
 
 namespace qtrace_tool
 {
@@ -138,10 +140,14 @@ Thread_Data::Thread_Data(std::string thread_name, const Page_Sizes &sizes, uint6
         keys.start();
 }
 
+static constexpr size_t DAMAGE_LISTED = 3;
+
 void Thread_Data::add(const Report_Part &part)
 {
     counts.append(part.counts);
-    damage.insert(damage.end(), part.damage.begin(), part.damage.end());
+    damaged_places += part.damage.size();
+    const size_t room = DAMAGE_LISTED - damage.size();
+    std::ranges::copy(part.damage | std::views::take(room), std::back_inserter(damage));
     for (auto text = part.losses.begin(); const Access_Entry &entry : part.accesses.entries()) {
         if (modelling_)
             feed_.take(entry, part.accesses);

@@ -102,7 +102,8 @@ public:
     uint64_t end() const { return end_; }
 
     std::string name;
-    std::vector<std::string> damage; // as the reader described it
+    std::vector<std::string> damage; // as the reader described it; the first ones
+    uint64_t damaged_places = 0;
     bool clean_end = true;
     bool is_part = false; // only some records were to be read
     Trace_Counts counts;

@@ -228,7 +228,7 @@ void Page_Builder::cards()
         walks += thread->figures(0).walks();
         modelled += thread->modelled();
         gaps += thread->gap_count;
-        damage += thread->damage.size();
+        damage += thread->damaged_places;
     }
     const auto card = [this](const std::string &value, const char *what) {
         out_ += fmt::format("<div><b>{}</b><span>{}</span></div>", escaped(value), what);
@@ -246,19 +246,19 @@ void Page_Builder::sentences(const Thread_Data &thread)
 {
     const Trace_Counts &c = thread.counts;
     const Tlb_Figures &tlb = thread.figures(0);
-    const bool whole = thread.damage.empty() && thread.clean_end;
+    const bool whole = thread.damaged_places == 0 && thread.clean_end;
     if (thread.is_part)
         out_ +=
             fmt::format("<li>Of <b>{}</b> this page shows the records from {} up to {} alone.</li>",
                         escaped(thread.name), grouped(thread.first()), grouped(std::max(thread.end(), 1ul) - 1));
-    out_ +=
-        fmt::format("<li><b>{}</b> holds {}; it is <span class=\"{}\">{}</span>.", escaped(thread.name),
-                    plural(c.instructions, "instruction"), whole ? "good" : "bad",
-                    !thread.damage.empty() ? "damaged: " + plural(thread.damage.size(), "place") + " cannot be read"
-                    : thread.clean_end     ? "complete"
+    out_ += fmt::format("<li><b>{}</b> holds {}; it is <span class=\"{}\">{}</span>.", escaped(thread.name),
+                        plural(c.instructions, "instruction"), whole ? "good" : "bad",
+                        thread.damaged_places != 0
+                            ? "damaged: " + plural(thread.damaged_places, "place") + " cannot be read"
+                        : thread.clean_end ? "complete"
                                            : "cut: its end is missing");
-    for (size_t i = 0; i < std::min<size_t>(3, thread.damage.size()); i++)
-        out_ += fmt::format(" <code>{}</code>", escaped(thread.damage[i]));
+    for (const std::string &place : thread.damage)
+        out_ += fmt::format(" <code>{}</code>", escaped(place));
     out_ +=
         fmt::format(" Tracing has {} and {}; {} ran.", plural(c.full_headers, "session"),
                     thread.gap_count == 1 ? "1 discontinuity" : grouped(thread.gap_count) + " discontinuities",

@@ -547,7 +547,7 @@ void Check_Command::check(Tool_Run &run, Trace_File &file, const Companions &com
     if (beside.any() || deep) // what follows the trace from its beginning to its end
         options.jobs = 1;
     if (beside.any())
-        options.blocks = std::numeric_limits<unsigned>::max();
+        options.steps = std::numeric_limits<unsigned>::max();
     const auto make = [&] {
         return std::make_unique<Check_Sink>(beside.any() ? &beside : nullptr, deep ? &*deep : nullptr, limit_);
     };

@@ -208,7 +208,7 @@ bool Info_Command::scan_headers(Tool_Run &run, Trace_File &file, const Reading &
     options.silent = reading.is_silent;
     options.headers_only = reading.only_headers;
     if (reading.only_headers)
-        options.blocks = 1;
+        options.steps = 1;
     return scan<Header_Sink>(
         run, file, options, [&] { return std::make_unique<Header_Sink>(); },
         [&](Header_Sink &group) {
@@ -249,16 +249,16 @@ uint64_t Info_Command::count(Tool_Run &run, Trace_File &file, const Reading &rea
 }
 
 // The blocks that hold records of the range.
-void count_blocks(std::span<const QTRACE_Block> blocks, const Record_Range &range, QTRACE_Info &info)
+void count_blocks(const Trace_File &file, const Record_Range &range, QTRACE_Info &info)
 {
     info.blocks = info.size = 0;
-    for (const QTRACE_Block &block : blocks) {
-        const bool begins_after = range.ends_before(block.first_record);
-        if (block.first_record + block.records <= range.first || begins_after)
-            continue;
-        info.blocks++;
-        info.size += block.size;
-    }
+    file.each_block([&](const QTRACE_Block &block) {
+        if (block.first_record + block.records > range.first && !range.ends_before(block.first_record)) {
+            info.blocks++;
+            info.size += block.size;
+        }
+        return true;
+    });
 }
 
 // Returns how the headers were found.
@@ -270,7 +270,7 @@ Info_Command::Reading Info_Command::summarise(Tool_Run &run, Trace_File &file, c
     const Reading everything{false, is_range_, false};
     if (is_range_) {
         count(run, file, everything, wanted, summary);
-        count_blocks(file.blocks(), range_, summary.info);
+        count_blocks(file, range_, summary.info);
         return everything;
     }
     if (verify_)

@@ -19,14 +19,15 @@ struct Part {
 void cut(const Trace_File &file, uint64_t records, std::vector<Part> &parts)
 {
     Part part{&file, 0, 0};
-    for (const QTRACE_Block &block : file.blocks()) {
+    file.each_block([&](const QTRACE_Block &block) {
         const uint64_t end = block.first_record + block.records;
         part.count = end > part.first ? end - part.first : 0;
-        if (part.count < records || end >= file.next_record_number())
-            continue;
-        parts.push_back(part);
-        part = {&file, end, 0};
-    }
+        if (part.count >= records && end < file.next_record_number()) {
+            parts.push_back(part);
+            part = {&file, end, 0};
+        }
+        return true;
+    });
     parts.push_back(part);
 }
 

@@ -83,10 +83,12 @@ private:
 // The numbers of the records that are read: the first one, and the one after the last.
 static std::pair<uint64_t, uint64_t> numbers_of(const Trace_File &file, const Record_Range &range)
 {
-    const std::span<const QTRACE_Block> blocks = file.blocks();
-    const auto has_records = [](const QTRACE_Block &block) { return block.records != 0; };
-    const auto block = std::ranges::find_if(blocks, has_records);
-    const uint64_t first = std::max(range.first, block == blocks.end() ? 0 : block->first_record);
+    uint64_t first = range.first;
+    file.each_block([&](const QTRACE_Block &block) {
+        if (block.records != 0)
+            first = std::max(range.first, block.first_record);
+        return block.records == 0;
+    });
     const uint64_t most = range.first + std::min(range.count, UINT64_MAX - range.first);
     return {first, std::max(first, std::min(most, file.next_record_number()))};
 }

@@ -160,7 +160,7 @@ public:
         declare_number(app, "--top", top_, "pages and branch targets to list")->default_str("10");
         declare_page_bits(app, bits_);
         declare_scan(app, scan_);
-        scan_.blocks = 8; // merging pages and targets costs as much for a small group as for a large one
+        scan_.steps = 8; // merging pages and targets costs as much for a small group as for a large one
         filter_.declare_choices(app);
         declare_symbols(app, symbols_);
     }
