@@ -24,10 +24,10 @@ std::string take_word(std::string_view &rest, std::string &problem)
         } else if (c == '\\' && quote != '\'') {
             if (rest.empty()) {
                 problem = "nothing follows the backslash";
-                break;
+            } else {
+                word += rest.front();
+                rest.remove_prefix(1);
             }
-            word += rest.front();
-            rest.remove_prefix(1);
         } else {
             word += c;
         }

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <istream>
+#include <limits>
 #include <ostream>
 
 namespace replay
@@ -29,7 +30,7 @@ struct Console::Command {
 namespace
 {
 
-constexpr size_t ANY = 1000000;
+constexpr size_t ANY = std::numeric_limits<size_t>::max();
 
 // "1 thread", "2 threads"
 std::string counted(uint64_t count, std::string_view thing)

@@ -31,15 +31,11 @@ std::string format_text(const char *format, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
-    std::string text(256, '\0');
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers have started it
-    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
-    if (length >= static_cast<int>(text.size())) {
-        text.resize(static_cast<size_t>(length) + 1);
-        std::vsnprintf(text.data(), text.size(), format, again);
-    }
+    const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
-    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers have started it
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
     return text;
 }
 

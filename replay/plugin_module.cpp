@@ -13,9 +13,9 @@ namespace
 
 // A leak report names the plugin's functions only while its code is mapped.
 #ifdef __SANITIZE_ADDRESS__
-constexpr int KEEP_MAPPED = RTLD_NODELETE;
+constexpr int MAPPING = RTLD_LOCAL | RTLD_NODELETE;
 #else
-constexpr int KEEP_MAPPED = 0;
+constexpr int MAPPING = RTLD_LOCAL;
 #endif
 
 // FILE is a path, also without a slash in it: no search along the library path.
@@ -44,7 +44,7 @@ std::string Plugin_Module::load(const std::string &file)
     if (std::string problem = shared_object_problem(file); !problem.empty())
         return problem;
     file_ = file;
-    library_ = dlopen(as_path(file).c_str(), RTLD_NOW | RTLD_LOCAL | KEEP_MAPPED);
+    library_ = dlopen(as_path(file).c_str(), RTLD_NOW | MAPPING);
     if (!library_) {
         file_.clear();
         return dlerror();
@@ -128,7 +128,6 @@ void Plugin_Module::signal(const std::string &typed, const std::vector<std::stri
     std::vector<std::string> all{typed};
     all.insert(all.end(), words.begin(), words.end());
     std::vector<char *> argv;
-    argv.reserve(all.size() + 1);
     for (std::string &word : all)
         argv.push_back(word.data());
     argv.push_back(nullptr);

@@ -129,7 +129,7 @@ const Stream_Event *Read_Ahead::next()
 
 const Stream_Event *Read_Ahead::next_alone()
 {
-    Stream_Event &event = batches_[0].slots[0].event;
+    Stream_Event &event = batches_.front().slots.front().event;
     const bool found = reader_.next(event);
     position_ = position_of_reader();
     error_ = reader_.error();

@@ -24,13 +24,10 @@ uint64_t needed_size(std::ifstream &in)
         return 0;
     uint64_t needed = header.e_phoff + uint64_t{header.e_phnum} * sizeof(ElfW(Phdr));
     in.seekg(static_cast<std::streamoff>(header.e_phoff));
-    for (unsigned n = 0; n < header.e_phnum; ++n) {
-        ElfW(Phdr) segment{};
-        if (!in.read(reinterpret_cast<char *>(&segment), sizeof segment))
-            break;
+    ElfW(Phdr) segment{};
+    for (unsigned n = 0; n < header.e_phnum && in.read(reinterpret_cast<char *>(&segment), sizeof segment); ++n)
         if (segment.p_type == PT_LOAD)
             needed = std::max<uint64_t>(needed, segment.p_offset + segment.p_filesz);
-    }
     return needed;
 }
 
@@ -40,7 +37,7 @@ std::string shared_object_problem(const std::string &file)
 {
     std::error_code missing;
     const auto status = std::filesystem::status(file, missing);
-    if (missing || !std::filesystem::exists(status))
+    if (!std::filesystem::exists(status)) // or not known: loading says why
         return {};
     if (!std::filesystem::is_regular_file(status))
         return file + ": not a regular file";

@@ -13,6 +13,7 @@ TEST(command_words, are_separated_by_blanks)
 {
     EXPECT_THAT(split_words("plugin  load\tx.so ").words, ElementsAre("plugin", "load", "x.so"));
     EXPECT_THAT(split_words("  run\r").words, ElementsAre("run"));
+    EXPECT_THAT(split_words("a\rb\nc").words, ElementsAre("a", "b", "c"));
 }
 
 TEST(command_words, blank_lines_and_comments_have_none)

@@ -28,7 +28,7 @@ void plugin_signal(int argc, char **argv)
     for (int i = 0; i < argc; ++i)
         SIM_PRINT(" [%s]", argv[i]);
     SIM_PRINT("\n");
-    if (argc > 1 && StrCaseEqual(argv[1], "warn"))
+    for (int i = 1; i < argc && StrCaseEqual(argv[1], "warn"); ++i) // once for each word
         sim_do_warning(2, "as you wish");
 }
 

@@ -77,6 +77,23 @@ TEST_F(Host_Services, refuses_an_option_out_of_range_and_too_many_threads)
                  std::invalid_argument);
 }
 
+TEST_F(Host_Services, takes_as_many_threads_as_are_allowed_and_no_more)
+{
+    EXPECT_THROW(host().reset({65537, 1, 0, 0, {}}), std::invalid_argument);
+    host().reset({1, 65536, 0, 0, {451}});
+    EXPECT_EQ(host().thread_count(), 65536);
+    EXPECT_EQ(host().processor()->options.processor_options[451], 1u);
+}
+
+TEST_F(Host_Services, machine_has_one_thread_and_nothing_else_unless_it_is_given)
+{
+    const Machine_Shape shape;
+    EXPECT_EQ(shape.processors, 1u);
+    EXPECT_EQ(shape.threads, 1u);
+    EXPECT_EQ(shape.version, 0u);
+    EXPECT_EQ(shape.memory, 0u);
+}
+
 TEST_F(Host_Services, reset_forgets_threads_and_time)
 {
     host().set_context(7, with_ids(5, 6));
@@ -97,6 +114,9 @@ TEST_F(Host_Services, formats_what_the_plugin_says)
     EXPECT_EQ(said[0].text, "QTRACE: 3 of four\n");
     EXPECT_EQ(said[1].channel, Channel::warning);
     EXPECT_EQ(said[1].level, 2);
+    EXPECT_EQ(said[2].channel, Channel::error);
+    EXPECT_EQ(said[0].level + said[0].line + said[1].line + said[2].level, 0);
+    EXPECT_EQ(said[0].source + said[1].source, "");
     EXPECT_EQ(said[2].source, "common/x");
     EXPECT_EQ(said[2].line, 17);
     EXPECT_EQ(said[2].text, "QTRACE: abcd");
@@ -107,6 +127,24 @@ TEST_F(Host_Services, keeps_a_long_message_whole)
     const std::string name(5000, 'n');
     SIM_PRINT("<%s>", name.c_str());
     EXPECT_EQ(said.at(0).text, "<" + name + ">");
+}
+
+TEST_F(Host_Services, keeps_messages_of_every_length_as_they_are)
+{
+    for (const size_t length : {0, 1, 254, 255, 256, 257}) {
+        said.clear();
+        SIM_PRINT("%s", std::string(length, 'n').c_str());
+        EXPECT_EQ(said.at(0).text, std::string(length, 'n'));
+    }
+}
+
+TEST_F(Host_Services, lack_of_memory_is_an_error_of_the_host_and_passes_through_no_plugin)
+{
+    host().set_session_listener([](std::string_view) { throw std::bad_alloc(); });
+    Kelvo_QTrace_Plugin_Start();
+    ASSERT_EQ(said.size(), 1u);
+    EXPECT_EQ(description_of(said[0]), "error (replay:0): out of memory\n");
+    EXPECT_EQ(said[0].level, 0);
 }
 
 TEST_F(Host_Services, describes_messages_with_their_level_and_one_line_end)
@@ -244,14 +282,42 @@ TEST_F(Host_Services, cuts_the_name_to_the_buffer_and_terminates_it)
     Get_Inst_Name_And_Operand(iop, buffer, 5);
     EXPECT_STREQ(buffer, "addi");
     EXPECT_EQ(buffer[5], 'x');
-    Get_Inst_Name_And_Operand(iop, buffer, 0);
-    EXPECT_STREQ(buffer, "addi");
+    for (const int no_room : {0, -1}) {
+        Get_Inst_Name_And_Operand(iop, buffer, no_room);
+        EXPECT_STREQ(buffer, "addi");
+    }
+    instruction.text = "ab";
+    Get_Inst_Name_And_Operand(iop, buffer, 8);
+    EXPECT_STREQ(buffer, "ab");
+    EXPECT_EQ(buffer[3], 'i'); // as it was
+    Get_Inst_Name_And_Operand(iop, buffer, 1);
+    EXPECT_STREQ(buffer, "");
+}
+
+TEST_F(Host_Services, assigned_instruction_has_the_registers_of_each_class)
+{
+    using Registers = Plugin_Inst_Registers;
+    for (int32_t Registers::*count : {&Registers::gpr_num, &Registers::fpr_num, &Registers::spr_num,
+                                      &Registers::vsx_num, &Registers::vmx_num}) {
+        Instruction one, other;
+        one.in.*count = 2;
+        one.in.gpr_value[1] = one.in.fpr_value[1] = one.in.spr_value[1] = 7;
+        one.in.vsx_value[1].word[1] = one.in.vmx_value[1].word[1] = 7;
+        other = one;
+        EXPECT_EQ(other.in.*count, 2);
+        EXPECT_EQ(other.in.gpr_value[1] + other.in.fpr_value[1] + other.in.spr_value[1] +
+                      other.in.vsx_value[1].word[1] + other.in.vmx_value[1].word[1],
+                  7u);
+        other = Instruction{};
+        EXPECT_EQ(other.in.gpr_num | other.in.fpr_num | other.in.spr_num | other.in.vsx_num | other.in.vmx_num, 0);
+    }
 }
 
 TEST_F(Host_Services, walks_and_levels_out_of_range_answer_zero)
 {
     instruction.fetch.host_walk.fill({1, 2, 3, 4});
     instruction.fetch.host_ra.fill(5);
+    EXPECT_EQ(Get_Inst_PC_HOST_RTPDE_L1_n_RA(iop, 0), 1u);
     EXPECT_EQ(Get_Inst_PC_HOST_RTPTE_n_RA(iop, 4), 4u);
     EXPECT_EQ(Get_Inst_PC_HOST_RTPTE_n_RA(iop, 5), 0u);
     EXPECT_EQ(Get_Inst_PC_HOST_RTPDE_L1_n_RA(iop, -1), 0u);

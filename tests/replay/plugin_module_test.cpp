@@ -291,6 +291,15 @@ TEST_F(Loading, player_takes_events_from_any_source)
     EXPECT_EQ(player.file(), "list");
 }
 
+TEST_F(Loading, player_tells_its_progress_every_8192_events)
+{
+    Player player("list", std::make_unique<Listed_Commits>(std::vector<int>(16384)));
+    std::vector<uint64_t> told;
+    player.set_progress([&] { told.push_back(player.events()); });
+    EXPECT_EQ(player.run(), Player::End::end_of_stream);
+    EXPECT_THAT(told, testing::ElementsAre(8192u, 16384u));
+}
+
 // ---- the trace plugin -----------------------------------------------------------------------------------
 
 TEST_F(Loading, trace_plugin_writes_one_record_per_commit_of_a_recorded_stream)

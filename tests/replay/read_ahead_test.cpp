@@ -179,6 +179,43 @@ TEST_F(Reading_Ahead, is_left_while_it_waits)
     close(writer);
 }
 
+TEST_F(Reading_Ahead, request_from_before_it_is_left_is_still_there)
+{
+    const int writer = make_fifo();
+    put(writer, MACHINE);
+    {
+        Read_Ahead ahead(file, stop);
+        ASSERT_NE(ahead.next(), nullptr);
+        stop.request();
+    }
+    EXPECT_TRUE(stop.requested());
+    close(writer);
+}
+
+TEST_F(Reading_Ahead, reads_by_itself_where_no_thread_can_be_had)
+{
+    std::ofstream(file) << MACHINE << commit(1) << commit(2) << "{}\n";
+    Read_Ahead ahead(file, stop);
+    pthread_attr_t before, huge;
+    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+    pthread_attr_init(&huge);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, size_t{1} << 47), 0); // more than there are addresses
+    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+    const Stream_Event *first = ahead.next();
+    pthread_setattr_default_np(&before);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->kind, Event_Kind::machine);
+    for (uint64_t seq = 1; seq <= 2; ++seq) {
+        const Stream_Event *event = ahead.next();
+        ASSERT_NE(event, nullptr);
+        EXPECT_EQ(event->instruction.seq, seq);
+        EXPECT_EQ(ahead.line_number(), seq + 1);
+    }
+    EXPECT_EQ(ahead.next(), nullptr);
+    ASSERT_TRUE(ahead.error());
+    EXPECT_EQ(ahead.error()->line, 4u);
+}
+
 TEST_F(Reading_Ahead, is_left_while_much_is_not_asked_for)
 {
     std::ofstream out(file);

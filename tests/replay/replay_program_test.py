@@ -69,6 +69,58 @@ class command_line(Replay_Test):
         self.assertEqual(done.returncode, 1)
 
 
+    def run_replay(self, *arguments, **options):
+        done = subprocess.run([REPLAY, *arguments], cwd=self.folder, timeout=SECONDS,
+                              **{"stdin": subprocess.DEVNULL, "capture_output": True, "text": True, **options})
+        return done.returncode, done.stdout, done.stderr
+
+    def test_wrong_command_lines_are_status_2(self):
+        both = "replay: standard input cannot be both the stream and the commands; name a SCRIPT\n"
+        self.assertEqual(self.run_replay("-"), (2, "", both))
+        self.assertEqual(self.run_replay("-", "-"), (2, "", both))
+        self.assertEqual(self.run_replay("--check", self.stream, "script"), (2, "", "replay: --check takes no SCRIPT\n"))
+        self.assertEqual(self.run_replay()[0], 2)
+        self.assertEqual(self.run_replay("--nothing", self.stream)[0], 2)
+        code, out, err = self.run_replay("--help")
+        self.assertEqual((code, err), (0, ""))
+        self.assertIn("Exit status: 0 when every command succeeded", out)
+
+    def test_commands_come_from_standard_input_without_a_script(self):
+        for arguments in ([self.stream], [self.stream, "-"]):
+            self.assertEqual(self.run_replay(*arguments, stdin=None, input="run 2\nrun x\nrun 1\n"),
+                             (1, "", 'standard input:2: "x" is not a number of events\n'))
+            self.assertEqual(self.run_replay(*arguments, stdin=None, input="run 2\nquit"), (0, "", ""))
+
+    def test_stream_on_standard_input_goes_with_a_script_and_with_a_check(self):
+        code, out, err = self.run_replay("-", self.script("status", load=None), stdin=None, input=stream())
+        self.assertEqual((code, err), (0, ""))
+        self.assertTrue(out.startswith("stream    -\nposition  line 1\nevents    0 "), out)  # of a pipe no part is known
+        self.assertEqual(self.run_replay("--check", "-", stdin=None, input=stream(commits=0))[0], 0)
+
+    def test_script_ends_at_its_first_failure_when_asked_to(self):
+        script = self.script("run x", "status", load=None)
+        for option, ends in (("-e", True), ("--stop-at-failure", True), (None, False)):
+            code, out, _ = self.run_replay(*filter(None, [option]), self.stream, script)
+            self.assertEqual((code, out == ""), (1, ends))
+
+    def test_script_that_is_not_there_is_an_error(self):
+        self.assertEqual(self.run_replay(self.stream, "nowhere"),
+                         (1, "", "replay: nowhere: cannot be read: No such file or directory\n"))
+
+    def test_check_onto_a_full_device_fails(self):
+        self.stream.write_text(stream(commits=0))
+        with open("/dev/full", "w") as full:
+            code, _, err = self.run_replay("--check", self.stream, stdout=full, capture_output=False, stderr=subprocess.PIPE)
+        self.assertEqual((code, err), (1, "replay: standard output cannot be written\n"))
+
+    def test_trace_that_cannot_be_written_fails(self):
+        self.stream.write_text(stream(threads=1))
+        (self.folder / "t0").symlink_to("/dev/full")
+        done = self.replay("start t", "run", "stop")
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, r"replay: .*No space left on device")
+
+
 class checking_streams(Replay_Test):
     def check(self, *arguments):
         return subprocess.run([REPLAY, "--check", *arguments], capture_output=True, text=True, timeout=SECONDS)
@@ -119,6 +171,23 @@ class plugins(Replay_Test):
         self.assertIn("machine   1 processor of 4 threads, ", done.stdout)
         self.assertIn("events    1 delivered: 1 commit, ", done.stdout)
         self.assertRegex(done.stdout, r"\nplugin    .*plugin_qtbin.so, session open\n")
+
+    def test_status_lists_threads_and_ranges_of_them(self):
+        self.stream.write_text(stream(threads=12))
+        pauses = [f"pause cpu 0 thread {n}" for n in (0, 3, 5, 6, 7, 8, 10, 11)]
+        done = self.replay("start t", *pauses, "run", "status", "resume", "run", "status", "stop")
+        self.assertIn("\npaused    threads 0, 3, 5 to 8, 10, 11\n", done.stdout)
+
+    def test_status_says_that_no_thread_is_paused(self):
+        done = self.replay("start t", "run 4", "status", "stop")
+        self.assertIn("\npaused    no thread\n", done.stdout)
+        self.assertNotIn("skipped", done.stdout)
+
+    def test_status_names_the_family_of_skipped_files(self):
+        (self.folder / "entries0").mkdir()
+        done = self.replay("start t txt text pte entries", "run 4", "status", "stop")
+        self.assertIn("\nskipped   page-table-entry trace of threads 0: the file could not be created\n", done.stdout)
+        self.assertNotIn("skipped   text trace", done.stdout)
 
     def test_signal_for_another_plugin_is_refused(self):
         done = self.replay("plugin signal other.so start t", load=FAKE)
