@@ -20,6 +20,7 @@ namespace
 
 struct Group {
     uint64_t first_block, blocks;
+    bool rises;       // record numbers do
     bool at_start;    // the first one that is read
     uint64_t headers; // in the blocks and between them
 };
@@ -39,6 +40,16 @@ bool overlaps(const QTRACE_Step &step, const Record_Range &range)
     return !range.ends_before(step.lowest_record) && step.highest_record_after >= range.first;
 }
 
+// Whether record numbers rise in so many steps, and from the one before them. They fall where one file follows another.
+bool numbers_rise(std::span<const QTRACE_Step> steps, size_t first, size_t count)
+{
+    for (size_t i = first; i < first + count; i++)
+        if (steps[i].lowest_record < (i > 0 ? steps[i - 1].record_after : 0) ||
+            steps[i].lowest_record < steps[i].first_record || steps[i].highest_record_after > steps[i].record_after)
+            return false;
+    return true;
+}
+
 uint64_t blocks_in(std::span<const QTRACE_Step> steps)
 {
     return steps.back().first_block + steps.back().blocks - steps.front().first_block;
@@ -55,10 +66,11 @@ std::vector<Group> plan_groups(std::span<const QTRACE_Step> steps, const Scan_Op
         const auto group = steps.subspan(first, std::min<size_t>(options.steps, steps.size() - first));
         const uint64_t headers = group.back().header_after - group.front().first_header;
         if (std::ranges::any_of(group, is_wanted))
-            groups.push_back({group.front().first_block, blocks_in(group), groups.empty(), headers});
+            groups.push_back({group.front().first_block, blocks_in(group), numbers_rise(steps, first, group.size()),
+                              groups.empty(), headers});
     }
     if (steps.empty())
-        groups.push_back({0, 0, true, 0});
+        groups.push_back({0, 0, true, true, 0});
     return groups;
 }
 
@@ -66,8 +78,9 @@ std::vector<Group> plan_groups(std::span<const QTRACE_Step> steps, const Scan_Op
 
 } // namespace
 
-bool Range_Items::select(uint64_t first_block, uint64_t blocks)
+bool Range_Items::select(uint64_t first_block, uint64_t blocks, bool rises)
 {
+    rises_ = rises;
     const bool selected = reader_ != nullptr && qtrace_select_blocks(reader_.get(), first_block, blocks) == 0;
     error_ = selected ? "" : "out of memory";
     return selected;
@@ -82,9 +95,13 @@ bool Range_Items::is_before_range(const QTRACE_Item &item) const
 
 const QTRACE_Item *Range_Items::next_after(QTRACE_ITEM kind, const QTRACE_Item *item)
 {
-    for (; kind != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR; kind = qtrace_next(reader_.get(), &item))
-        if (!is_before_range(*item))
-            return range_.ends_before(item->record_number) ? nullptr : item;
+    for (; kind != QTRACE_ITEM_END && kind != QTRACE_ITEM_ERROR; kind = qtrace_next(reader_.get(), &item)) {
+        const bool is_after_range = range_.ends_before(item->record_number);
+        if (is_after_range && rises_)
+            return nullptr;
+        if (!is_after_range && !is_before_range(*item))
+            return item;
+    }
     if (kind == QTRACE_ITEM_ERROR)
         error_ = qtrace_error(reader_.get());
     return nullptr;
@@ -107,7 +124,9 @@ void Item_Stream::pass_to_step(size_t step)
     const auto end = std::find_if_not(first, steps.end(), is_wanted);
     next_step_ = static_cast<size_t>(end - steps.begin());
     const std::span<const QTRACE_Step> wanted(first, end);
-    (void)(wanted.empty() ? items_.select(0, 0) : items_.select(wanted.front().first_block, blocks_in(wanted)));
+    const bool rises = numbers_rise(steps, static_cast<size_t>(first - steps.begin()), wanted.size());
+    (void)(wanted.empty() ? items_.select(0, 0)
+                          : items_.select(wanted.front().first_block, blocks_in(wanted), rises));
 }
 
 void Item_Stream::pass_to_block(uint64_t block)
@@ -188,7 +207,7 @@ Group_Result Group_Reader::read(const Group &group, const std::function<std::uni
 
 void Group_Reader::read(const Group &group, Item_Sink &sink, Group_Result &result, const Hand_Over &hand_over)
 {
-    if (items_.select(group.first_block, group.blocks)) {
+    if (items_.select(group.first_block, group.blocks, group.rises)) {
         sink.read_by(items_.reader());
         read_items(group, sink, result, hand_over);
     }

@@ -29,8 +29,9 @@ class Range_Items
 public:
     Range_Items(Reader reader, const Record_Range &range) : reader_(std::move(reader)), range_(range) {}
 
-    // Goes to the first of so many blocks. False: memory is short, as error() says.
-    bool select(uint64_t first_block, uint64_t blocks);
+    // Goes to the first of so many blocks. False: memory is short, as error() says. `rises`: record numbers do, so that the
+    // first one after the range ends it.
+    bool select(uint64_t first_block, uint64_t blocks, bool rises = true);
     // Goes to what directly precedes that record, and no longer ends with the blocks. False: there is no such record.
     bool seek(uint64_t record) { return reader_ != nullptr && qtrace_seek(reader_.get(), record) == 0; }
     // Null at the end.
@@ -53,6 +54,7 @@ private:
 
     Reader reader_;
     Record_Range range_;
+    bool rises_ = true;
     std::string error_;
 };
 

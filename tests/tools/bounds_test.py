@@ -128,6 +128,15 @@ class ManyBlocks(unittest.TestCase):
             records = [item["record"] for item in items if "record" in item]
             self.assertEqual(records, [first, first + 1, first + 2])
 
+    def test_records_of_files_one_after_another_are_all_found(self):
+        make("singles", MANY, "one")
+        file = pathlib.Path("one").read_bytes()
+        pathlib.Path("F").write_bytes(file + file[16:])  # steps of four blocks begin within the first file, and end within the other
+        for first, count in ((0, 2), (10, 3), (MANY - 2, 2)):
+            items = map(json.loads, run("dump", "--json", "--from", str(first), "--count", str(count), "F").splitlines())
+            records = [item["record"] for item in items if "record" in item]
+            self.assertEqual(records, 2 * list(range(first, first + count)))
+
     def test_what_comes_out_does_not_depend_on_the_number_of_jobs(self):
         make("damaged", MANY, "F")  # records with odd numbers are left
         for command, blocks in ((["recover", "F", "out"], MANY // 2),
