@@ -412,18 +412,3 @@ TEST(deep_rules, forget_when_there_are_too_many_pages_and_say_so)
     EXPECT_EQ(checker.checks(qtrace_tool::SAME_PAGE_SAME_WALK), PAGES);
     EXPECT_EQ(checker.forgotten(), 1u);
 }
-
-TEST(bounded_table, keeps_what_was_inserted_until_it_is_cleared)
-{
-    qtrace_tool::Bounded_Table<uint64_t> table(1024);
-    uint64_t count = 0;
-    for (; !table.is_full(); count++)
-        table.insert(qtrace_tool::mixed(1, count)) = count;
-    EXPECT_EQ(count, 1024 / 4 * 3 - 64u);
-    for (uint64_t i = 0; i < count; i++)
-        ASSERT_EQ(*table.find(qtrace_tool::mixed(1, i)), i);
-    EXPECT_EQ(table.find(qtrace_tool::mixed(1, count)), nullptr);
-    table.clear();
-    EXPECT_FALSE(table.is_full());
-    EXPECT_EQ(table.find(qtrace_tool::mixed(1, 5)), nullptr);
-}

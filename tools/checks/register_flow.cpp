@@ -130,20 +130,19 @@ size_t Register_Flow::slot_of(File file, unsigned index)
         const auto *const place = std::ranges::find(STABLE_SPECIAL, index);
         return place == STABLE_SPECIAL.end() ? MOST : static_cast<size_t>(place - STABLE_SPECIAL.begin());
     }
-    const unsigned count = file == VECTOR_SCALAR ? 64 : 32;
+    const size_t count = file == VECTOR_SCALAR ? MOST : 32;
     return index < count ? index : MOST;
 }
 
-void Register_Flow::forget(File file)
+void Register_Flow::forget(Values &values)
 {
-    for (Value &value : values_[file])
+    for (Value &value : values)
         value.known = false;
 }
 
 void Register_Flow::forget()
 {
-    for (uint8_t file = 0; file < FILES; file++)
-        forget(static_cast<File>(file));
+    std::ranges::for_each(values_, [](Values &values) { forget(values); });
 }
 
 // The floating-point registers are halves of the first 32 vector-scalar ones, the vector registers are the others.
@@ -160,17 +159,17 @@ void Register_Flow::forget_twin(File file, size_t slot)
 void Register_Flow::compare(Value &seen, const Register_Class &kind, const Register_Entry &entry, uint64_t record,
                             const Report &report)
 {
-    const bool wide = kind.words > 1;
     if (seen.known) {
         checks_++;
         const auto text = [&](const uint64_t(&words)[2]) {
-            return wide ? fmt::format("0x{:x}:{:x}", words[0], words[1]) : fmt::format("0x{:x}", words[0]);
+            return kind.words == 2 ? fmt::format("0x{:x}:{:x}", words[0], words[1])
+                                   : fmt::format("0x{:x}", words[0]);
         };
-        if (seen.words[0] != entry.value[0] || (wide && seen.words[1] != entry.value[1]))
+        if (!std::ranges::equal(seen.words, entry.value))
             report(fmt::format("{}{} is {}, {} in record {}", kind.letter, entry.index, text(entry.value),
                                text(seen.words), seen.record));
     }
-    seen = {{entry.value[0], wide ? entry.value[1] : 0}, record, true};
+    seen = {{entry.value[0], entry.value[1]}, record, true};
 }
 
 void Register_Flow::read(File file, const Register_Class &kind, const QTRACE_Item &item, const Report &report)
@@ -188,14 +187,14 @@ void Register_Flow::write(File file, const Register_Class &kind, const QTRACE_It
 {
     const unsigned count = kind.entries(item.record.regs);
     if (count == kind.capacity && file != GENERAL) // there may have been more than a record holds
-        forget(file);
+        forget(values_[file]);
     for (unsigned i = 0; i < count; i++) {
         const Register_Entry entry = register_entry(kind, item.record.regs, i);
         const size_t slot = slot_of(file, entry.index);
-        if (slot >= MOST)
-            continue;
-        values_[file][slot] = {{entry.value[0], kind.words > 1 ? entry.value[1] : 0}, item.record_number, true};
-        forget_twin(file, slot);
+        if (slot < MOST) {
+            values_[file][slot] = {{entry.value[0], entry.value[1]}, item.record_number, true};
+            forget_twin(file, slot);
+        }
     }
 }
 

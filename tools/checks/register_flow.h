@@ -33,16 +33,17 @@ private:
         bool known = false;
     };
     static constexpr size_t MOST = 64; // registers of a file
+    using Values = std::array<Value, MOST>;
     static File file_of(size_t register_class);
     static size_t slot_of(File file, unsigned index);
     void read(File file, const trace::Register_Class &kind, const QTRACE_Item &item, const Report &report);
     void write(File file, const trace::Register_Class &kind, const QTRACE_Item &item);
     void forget_twin(File file, size_t slot);
-    void forget(File file);
+    static void forget(Values &values);
     void compare(Value &seen, const trace::Register_Class &kind, const trace::Register_Entry &entry,
                  uint64_t record, const Report &report);
 
-    std::array<std::array<Value, MOST>, FILES> values_;
+    std::array<Values, FILES> values_;
     uint64_t checks_ = 0;
 };
 

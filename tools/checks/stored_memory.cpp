@@ -236,9 +236,9 @@ bool Thread_Stores::others_hit(size_t thread, const Memory_Place &place) const
         return false;
     uint64_t doubtful = 0;
     for (size_t other = 0; other < lost_.size(); other++)
-        for (size_t space = 0; other != thread && space < MEMORY_SPACES; space++)
-            if (space != static_cast<size_t>(place.space) && space != static_cast<size_t>(Memory_Space::guest))
-                doubtful |= offsets_[other].lines[space];
+        for (const Memory_Space space : {Memory_Space::host, Memory_Space::real_mode, Memory_Space::unknown})
+            if (other != thread && space != place.space)
+                doubtful |= offsets_[other].lines[static_cast<size_t>(space)];
     if (place.space == Memory_Space::real_mode)
         doubtful = ~uint64_t{0};
     const Page_Lines *page = pages_.find(key_of(place));

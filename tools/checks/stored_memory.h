@@ -89,7 +89,7 @@ public:
 
 private:
     static constexpr uint32_t LAST_TIME = 0xFFFFFF00;
-    static constexpr size_t OFFSETS = 4096 / 8, FILTER = 65536;
+    static constexpr size_t OFFSETS = 512, FILTER = 65536; // doublewords of a page of 4 KiB; pages
     using Table = Bounded_Table<uint32_t>;
     static uint64_t key_of(const Memory_Place &place, uint64_t step);
     static size_t page_bit(const Memory_Place &place);
