@@ -4,6 +4,7 @@ from __future__ import annotations
 import ctypes
 import os
 import re
+import struct
 import threading
 from concurrent.futures import ThreadPoolExecutor
 from typing import Dict, Iterator, List, NamedTuple, Optional, Sequence, Tuple, Union
@@ -136,29 +137,37 @@ class _Range(NamedTuple):
     last: bool
 
 
+def _go_to_start(reader: Reader, wanted: _Range, in_order: bool) -> bool:
+    """False when the file has no record from there on."""
+    return not wanted.start or not in_order or reader.seek(wanted.start)
+
+
+def _to_read(room: int, wanted: _Range, number: Optional[int], in_order: bool) -> int:
+    """Records that the next call may read. `number` is that of the next record; None after a loss: then a record may
+    follow that is not in the range, and only one is read."""
+    if not in_order:
+        return room
+    return min(room, 1 if number is None else wanted.stop - number)
+
+
 def _read_columns(name: str, part: _Part, wanted: _Range, in_order: bool) -> None:
     with Reader(name) as reader:
-        if wanted.start and in_order and not reader.seek(wanted.start):
+        if not _go_to_start(reader, wanted, in_order):
             return
-        number, known = wanted.start, True  # of the next record
-        while part.rows < part.room:
-            rows = part.room - part.rows
-            if in_order:
-                rows = min(rows, wanted.stop - number) if known else 1
-            if rows <= 0:
-                break
+        number = wanted.start
+        while (rows := _to_read(part.room - part.rows, wanted, number, in_order)) > 0:
             columns = part.columns()
             kind = reader.read_columns(rows, columns)
             if columns.rows:
-                if in_order and columns.first_record >= wanted.stop:
+                if columns.first_record >= wanted.stop:
                     return  # the rest of the range is lost
                 part.add(columns.first_record, columns.rows)
-                number, known = columns.first_record + columns.rows, True
+                number = columns.first_record + columns.rows
             if kind == ITEM_END:
                 return
             if kind == ITEM_DISCONTINUITY:
                 part.note(reader)
-                known = False
+                number = None
         if wanted.last:
             _read_end(reader, part)
 
@@ -193,7 +202,7 @@ class _FileTranslations:
         numbers = np.empty(len(other), np.uint32)
         with self.lock:
             self.table.merge(other, numbers.ctypes.data)
-        return None if (numbers == np.arange(len(numbers))).all() else numbers
+        return None if np.array_equal(numbers, np.arange(len(numbers))) else numbers
 
     def rows(self) -> np.ndarray:
         """All rows so far."""
@@ -236,12 +245,14 @@ def _translation_frame(rows: np.ndarray) -> pd.DataFrame:
 # ---- File headers --------------------------------------------------------------------------------------
 
 
+_HEADER_MEMBERS = ("lpid", "pid", "iar", "ptcr", "sdr1")
+
+
 def _header_dtype() -> np.dtype:
     members = {"file_flags": (0, "u4"), "flags": (8, "u8")}
     for member in _library.rows_of("qtrace_header_members"):
-        kind = {1: "u1", 2: "u2", 4: "u4", 8: "u8"}.get(member.width)
-        if kind:
-            members[member.name.decode()] = (member.offset, kind)
+        if member.name.decode() in _HEADER_MEMBERS:
+            members[member.name.decode()] = (member.offset, f"u{member.width}")
     return np.dtype(
         {
             "names": list(members),
@@ -282,7 +293,7 @@ class _Scan:
         item = reader.item.contents
         image = bytes(item.header)
         comment = None
-        address, length = int.from_bytes(image[344:352], "little"), int.from_bytes(image[336:338], "little")
+        length, address = struct.unpack_from("<H6xQ", image, 336)  # of the comment
         if address:
             comment = ctypes.string_at(address, length).decode("latin-1")
         context = reader.context() or image
@@ -441,7 +452,7 @@ class Trace:
         arrays = {name: np.empty(rows, _dtype(name)) for name in base}
         parts = _split(arrays, ranges)
         translations = _translations_of(self.name) if any(name in base for name in _TRANSLATIONS) else None
-        with ThreadPoolExecutor(threads) if threads > 1 else _Alone() as pool:
+        with _pool(threads) as pool:
             list(pool.map(lambda job: self._fill(*job, translations), list(zip(parts, ranges))))
             if translations is not None:
                 numbers = [translations.numbers_of(part.translations) for part in parts]
@@ -452,14 +463,15 @@ class Trace:
 
     def _chosen_parts(self, chosen: Choice, columns, limits, most, on_damage, threads, rows) -> Iterator[pd.DataFrame]:
         """The chosen records of a range, `most` of them at most, from so many rows at a time."""
-        own = list(dict.fromkeys([*columns, *chosen.columns])) or ["node"]
+        own = list(dict.fromkeys([*columns, *chosen.columns]))
         shown = [*columns, *(["discontinuity"] if on_damage == "mark" else [])]
         marks = marked = 0  # discontinuities before the next row, and before the last one that was chosen
         left = self.records if most is None else most
-        for first in range(*limits, rows) if self._in_order else limits[:1]:
-            if left <= 0:
+        start, stop = limits
+        for first in range(start, stop, rows) if self._in_order else [start]:
+            if not left:
                 return
-            last = min(first + rows, limits[1]) if self._in_order else limits[1]
+            last = min(first + rows, stop) if self._in_order else stop
             part = self._frame(own, first, last, on_damage, threads)
             places = np.flatnonzero(chosen.of(part, self._found(first, last)))[:left]
             result = part.iloc[places][shown]
@@ -482,14 +494,16 @@ class Trace:
 
     def _chosen_frame(self, chosen: Choice, columns, limits, most, on_damage, threads) -> pd.DataFrame:
         parts = list(self._chosen_parts(chosen, columns, limits, most, on_damage, threads, _CHOICE_ROWS))
-        parts = parts or [self._frame(columns, 0, 0, on_damage, 1)]
+        start, _ = limits
+        parts = parts or [self._frame(columns, start, start, on_damage, threads)]
         # What pandas concatenates has attributes only where all parts have the same ones.
         attributes = {
             name: tuple(dict.fromkeys(what for part in parts for what in part.attrs[name])) for name in ("damage", "gaps")
         }
         for part in parts:
             part.attrs.clear()
-        frame = parts[0] if len(parts) == 1 else pd.concat(parts)
+        frame, *more = parts
+        frame = pd.concat(parts) if more else frame
         frame.index.name = "record"
         frame.attrs.update(attributes)
         return frame
@@ -514,8 +528,9 @@ class Trace:
             result["discontinuity"] = np.zeros(len(index), bool)
             result["discontinuity"][[row for row, _ in found if row < len(index)]] = True
         frame = pd.DataFrame(result, index=index, copy=False)
-        if not self._in_order and limits != (0, self._stop):
-            frame = frame[(index >= limits[0]) & (index < limits[1])]
+        if not self._in_order:
+            start, stop = limits
+            frame = frame[(index >= start) & (index < stop)]
         frame.attrs["damage"] = damage
         frame.attrs["gaps"] = tuple(what for _, what in found if not what.is_damage)
         return frame
@@ -594,23 +609,24 @@ class Trace:
                 part = self._registers(masks, int(wanted[0]), int(wanted[-1]) + 1, on_damage, threads)
                 part.attrs.clear()
                 parts.append(part[np.isin(part["record"].to_numpy().astype(np.int64), wanted)])
-        frame = pd.concat(parts, ignore_index=True) if parts else self._registers(masks, 0, 0, on_damage, 1)
+        frame = pd.concat(parts, ignore_index=True) if parts else self._registers(masks, start, start, on_damage, threads)
         frame.attrs.update(records.attrs)
         return frame
 
     def _registers(self, masks: Tuple[int, int], start: int, stop: int, on_damage: str, threads: int) -> pd.DataFrame:
         ranges = self._ranges(start, stop, threads)
-        with ThreadPoolExecutor(threads) if threads > 1 else _Alone() as pool:
+        with _pool(threads) as pool:
             parts = list(pool.map(lambda wanted: _read_registers(self.name, wanted, masks, self._in_order), ranges))
         found = _all_discontinuities(parts)
         damage = tuple(what for _, what in found if what.is_damage)
         if damage and on_damage == "raise":
             raise DamageError(self.name, damage)
-        arrays = parts[0].arrays
-        if len(parts) > 1:
+        part, *more = parts
+        arrays = part.arrays
+        if more:
             arrays = {name: np.concatenate([part.arrays[name] for part in parts]) for name in arrays}
         frame = _register_frame(arrays)
-        if not self._in_order and (start, stop) != (0, self._stop):
+        if not self._in_order:
             frame = frame[(frame["record"] >= np.uint64(start)) & (frame["record"] < np.uint64(stop))]
             frame.reset_index(drop=True, inplace=True)
         frame.attrs["damage"] = damage
@@ -623,9 +639,10 @@ class Trace:
         """As `qtrace.translations`."""
         known = _translations_of(self.name)
         if not known.complete:
-            for first in range(0, self._stop, _BATCH) if self._in_order else (0,):
-                count = _BATCH if self._in_order else None
-                self.frame(_TRANSLATIONS, first, count, on_damage="skip")
+            # Blocks that are not in order are read all at once.
+            rows = _BATCH if self._in_order else self._stop
+            for first in range(0, self._stop, rows):
+                self.frame(_TRANSLATIONS, first, rows, on_damage="skip")
             known.complete = True
         return _translation_frame(known.rows())
 
@@ -644,6 +661,10 @@ class _Alone:
         pass
 
     map = staticmethod(map)
+
+
+def _pool(threads: int) -> Union[ThreadPoolExecutor, _Alone]:
+    return ThreadPoolExecutor(threads) if threads > 1 else _Alone()
 
 
 def _dtype(name: str) -> np.dtype:
@@ -759,11 +780,15 @@ class _Registers(_Part):
         super().__init__({}, records)
         self.masks = masks
         self.registers = 0
-        self.capacity = 2 * records + _library.MAX_REGISTERS
+        self.capacity = _library.MAX_REGISTERS
         self.arrays = {name: np.empty(self.capacity, kind) for name, kind in _library.REGISTER_COLUMNS.items()}
 
     def registers_from_here(self) -> _library.RegisterColumns:
-        columns = _library.RegisterColumns(inputs=self.masks[0], outputs=self.masks[1])
+        """The arrays from the first free row on, with room for the registers of a record."""
+        if self.capacity - self.registers < _library.MAX_REGISTERS:
+            self.resize(2 * self.capacity)
+        inputs, outputs = self.masks
+        columns = _library.RegisterColumns(inputs=inputs, outputs=outputs)
         columns.room = self.capacity - self.registers
         for name, array in self.arrays.items():
             setattr(columns, name, array.ctypes.data + self.registers * array.itemsize)
@@ -779,29 +804,29 @@ class _Registers(_Part):
 def _read_registers(name: str, wanted: _Range, masks: Tuple[int, int], in_order: bool) -> _Registers:
     part = _Registers(wanted.records, masks)
     with Reader(name) as reader:
-        if not wanted.start or not in_order or reader.seek(wanted.start):
+        if _go_to_start(reader, wanted, in_order):
             _fill_registers(reader, part, wanted, in_order)
     part.resize(part.registers)
     return part
 
 
 def _fill_registers(reader: Reader, part: _Registers, wanted: _Range, in_order: bool) -> None:
-    left, known = part.room, True
-    while left:
-        if part.capacity - part.registers < _library.MAX_REGISTERS:
-            part.resize(part.capacity * 3 // 2 + _library.MAX_REGISTERS)
+    left, number = part.room, wanted.start
+    while (records := _to_read(left, wanted, number, in_order)) > 0:
         columns = part.registers_from_here()
-        kind = reader.read_registers(left if known else 1, columns)
-        if columns.records and not known and in_order and reader.item.contents.record_number >= wanted.stop:
-            return  # the rest of the range is lost
+        kind = reader.read_registers(records, columns)
+        if columns.records:
+            number = reader.item.contents.record_number if number is None else number
+            if in_order and number >= wanted.stop:
+                return  # the rest of the range is lost
+            number += columns.records
         left -= columns.records
-        known = known or columns.records > 0
         part.registers += columns.rows
         if kind == ITEM_END:
             return
         if kind == ITEM_DISCONTINUITY:
             part.note(reader)
-            known = False
+            number = None
     if wanted.last:
         _read_end(reader, part)
 

@@ -15,6 +15,7 @@ prints headers, records and discontinuities as `qtrace dump --json` does, withou
 zero. Damage goes to standard error too. Exit codes: 0 fine, 1 failed, 2 wrong usage, 3 losses found.
 """
 import argparse
+import collections
 import itertools
 import json
 import os
@@ -265,7 +266,6 @@ FILE_FLAGS = [
 ]
 CONTROL_DATA_ADDRESS = 1 << 43
 CONTROL_NEXT_ADDRESS = 1 << 38
-CONTROL_PID, CONTROL_LPID = 1 << 5, 1 << 6
 FILE_IAR = 1 << 13
 
 
@@ -283,8 +283,8 @@ class Item:
     """A header or record: all its members as attributes, with the names of the C structure. Numbers are ints
     (byte arrays little-endian), walks flat tuples of ints."""
 
-    MEMBERS = []
-    SIZE = 0
+    MEMBERS: list
+    SIZE: int
 
     def members(self):
         """Name and value of the members that are not zero, in the order of their offsets; without registers."""
@@ -461,9 +461,9 @@ class Column:
         if byte < 128:
             return byte
         value = byte & 127
-        for shift in range(7, 70, 7):
+        for place in range(1, 10):
             byte = self.byte()
-            value |= (byte & 127) << shift
+            value |= (byte & 127) << 7 * place
             if byte < 128:
                 return value & MASK64
         raise MalformedError("a number of more than ten bytes")
@@ -581,16 +581,16 @@ COLUMNS = 10
 class Payload:
     """Decodes the items of one block, in order."""
 
-    def __init__(self, raw, address, address_known, comment_before):
+    def __init__(self, raw, address=0, address_known=False, comment_before=None):
         self.address, self.address_known, self.comment_before = address, address_known, comment_before
         self.columns = self.split(raw)
         (self.open, self.op, self.word, self.shape, self.next, self.data, self.translation, self.kind, self.value,
          self.extra) = self.columns  # fmt: skip
-        self.code = [(0, 0)] * 2048
-        self.templates = [None] * 1024
-        self.memory = [0] * 1024
-        self.register = [0] * (5 * 64 * 2)
-        self.page = [NO_TRANSLATION] * 128
+        self.code = collections.defaultdict(lambda: (0, 0))
+        self.templates = collections.defaultdict(OpcodeTemplate)
+        self.memory = collections.defaultdict(int)
+        self.register = collections.defaultdict(int)
+        self.page = collections.defaultdict(lambda: NO_TRANSLATION)
         self.last_translation = {DATA_SIDE: NO_TRANSLATION, NEXT_SIDE: NO_TRANSLATION}
         self.controls = []
         self.open_header = None  # the last header with an address
@@ -655,7 +655,7 @@ class Payload:
         code_slot = slot(address >> 2, 11)
         predicted_word, predicted_next = self.code[code_slot]
         word = members["instruction"] = self.word.number(4) if op & OP_WORD else predicted_word
-        template = self.template_of(word)
+        template = self.templates[slot(word, 10)]
 
         control = members["control"] = self.read_control() if op & OP_CONTROL else template.control
         if op & OP_MEMBERS:
@@ -694,13 +694,6 @@ class Payload:
         if op & OP_ESCAPE:
             add_rare_fields(record, self.extra.sparse_image(RECORD_SIZE))
         return record
-
-    def template_of(self, word):
-        index = slot(word, 10)
-        template = self.templates[index]
-        if template is None:
-            template = self.templates[index] = OpcodeTemplate()
-        return template
 
     def read_control(self):
         number = self.shape.byte()
@@ -745,7 +738,9 @@ class Payload:
                         for number, index in numbers
                     )
                 else:
-                    members[name] = tuple((number, *register[index : index + words]) for number, index in numbers)
+                    members[name] = tuple(
+                        (number, *(register[index + half] for half in range(words))) for number, index in numbers
+                    )
 
     @staticmethod
     def last_inputs(entries):
@@ -794,11 +789,10 @@ class Payload:
         index = slot(address >> 12, 7)
         if coded:
             mask = self.translation.number(4)
-            words = list(self.last_translation[side].words)
-            for i in range(32):
-                if mask >> i & 1:
-                    words[i] = words[i] + self.translation.difference() & MASK64
-            self.page[index] = Translation(tuple(words))
+            self.page[index] = Translation(tuple(
+                word + self.translation.difference() & MASK64 if mask >> i & 1 else word
+                for i, word in enumerate(self.last_translation[side].words)
+            ))  # fmt: skip
         translation = self.last_translation[side] = self.page[index]
         members.update(translation.members(side, address))
 
@@ -965,7 +959,7 @@ class Trace:
             block = Block.at(self.data, offset)
             if block and block.is_whole(self.data):
                 return block
-            offset += 1
+            offset += len(BLOCK_MARKER)
         return None
 
     def blocks(self):
@@ -1020,7 +1014,7 @@ class Trace:
         if not block or block.flags & FLAG_COMMENT_BLOCK or not block.is_whole(self.data):
             return None
         try:
-            return Payload(block.payload(self.data), 0, False, None).open_header
+            return Payload(block.payload(self.data)).open_header
         except MalformedError:
             return None
 
@@ -1044,11 +1038,11 @@ class Trace:
         try:
             block.payload(self.data)
         except MalformedError as reason:
-            return self.damage_of(block, reason, 0, 0)
+            return self.damage_of(block, reason)
         return None
 
     @staticmethod
-    def damage_of(block, reason, records, headers):
+    def damage_of(block, reason, records=0, headers=0):
         """The damage of a block of which so many items could be read."""
         lost = max(block.records - records, 0), True, max(block.headers - headers, 0)
         damage = Discontinuity(DAMAGE, block.offset, str(reason), block.end - block.offset, *lost)
@@ -1089,7 +1083,7 @@ class Trace:
 
     @staticmethod
     def pause_before(header, context):
-        pause = Discontinuity(PAUSE, header.block_offset, "tracing was paused and resumed", 0, 0, True)
+        pause = Discontinuity(PAUSE, header.block_offset, "tracing was paused and resumed", records_known=True)
         pause.record_number, pause.header_number, pause.context = header.record_number, header.number, context
         return pause
 
