@@ -2,7 +2,6 @@
 import json
 import os
 import subprocess
-import unittest
 
 from traced_streams import PROGRAMS, STREAMS, InFolder, damaged, main, replay
 
