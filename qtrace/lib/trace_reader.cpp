@@ -59,7 +59,8 @@ private:
     QTRACE_ITEM report_corrupt_block();
     QTRACE_ITEM report_pause();
     void find_context();
-    QTRACE_ITEM fail(uint64_t offset);
+    QTRACE_ITEM fail(const Block_File &file, uint64_t offset);
+    Block_File &beside();
     void place_at(uint64_t offset, const Block_Sequence &sequence);
     void place_at(const Range_Start &start) { place_at(start.offset, start.sequence); }
     const Trace_Index *inside(size_t step);
@@ -75,7 +76,8 @@ private:
     std::shared_ptr<const Trace_Index> index_;  // null until it is needed
     std::shared_ptr<const Trace_Index> inside_; // the blocks of one of its steps, the one asked for last
     size_t inside_step_ = 0;
-    std::optional<Block_File> blocks_of_steps_; // for those; file_ keeps the payload that is being decoded
+    std::optional<Block_File>
+        beside_; // for all blocks that are looked at while file_ keeps the payload being decoded
     Decoder decoder_;
     QTRACE_Item item_{};
     std::string comment_;                        // of the header in item_
@@ -207,7 +209,7 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::enter_block()
         return enter_block_at_end();
     const std::optional<Block_Place> place = file_.whole_at(position_);
     if (file_.error != 0)
-        return fail(position_);
+        return fail(file_, position_);
     if (!place)
         return pass_damage();
     if (const std::optional<QTRACE_Discontinuity> what = sequence_.before(*place)) {
@@ -224,7 +226,7 @@ std::optional<QTRACE_ITEM> QTRACE_Reader::pass_damage()
     const std::optional<Block_Header> broken = file_.header_at(from);
     const std::optional<Block_Place> next = file_.find(from + 1);
     if (file_.error != 0)
-        return fail(from);
+        return fail(file_, from);
     position_ = next ? next->offset : file_.size();
     end_reported_ = !next;
     sequence_.accept_next();
@@ -324,10 +326,17 @@ QTRACE_ITEM QTRACE_Reader::report_pause()
     return QTRACE_ITEM_DISCONTINUITY;
 }
 
-QTRACE_ITEM QTRACE_Reader::fail(uint64_t offset)
+QTRACE_ITEM QTRACE_Reader::fail(const Block_File &file, uint64_t offset)
 {
-    text = located(source_.name, offset, std::strerror(file_.error));
+    text = located(source_.name, offset, std::strerror(file.error));
     return QTRACE_ITEM_ERROR;
+}
+
+Block_File &QTRACE_Reader::beside()
+{
+    if (!beside_)
+        beside_.emplace(source_.file);
+    return *beside_;
 }
 
 // ---- Summary and seeking ----------------------------------------------------------------------------------------
@@ -336,9 +345,9 @@ QTRACE_ITEM QTRACE_Reader::fail(uint64_t offset)
 const Trace_Index *QTRACE_Reader::index()
 {
     if (!index_)
-        index_ = Trace_Index::build(file_, source_.begin);
+        index_ = Trace_Index::build(beside(), source_.begin);
     if (!index_)
-        fail(0);
+        fail(beside(), 0);
     return index_.get();
 }
 
@@ -355,14 +364,15 @@ int QTRACE_Reader::verify(unsigned threads, QTRACE_Info &info)
 {
     Payload_Tests tests(source_, threads);
     Block_Summary summary(file_.size());
+    Block_File &blocks = beside();
     walk_blocks(
-        file_, source_.begin, up_to(file_.size()),
-        [&](const Block_Place &place) { return tests.result(place, file_); },
+        blocks, source_.begin, up_to(blocks.size()),
+        [&](const Block_Place &place) { return tests.result(place, blocks); },
         [&](const Block_Place &place) { summary.whole(place); }, [&](const auto &next) { summary.broken(!next); });
     info = summary.end();
-    if (file_.error == 0)
+    if (blocks.error == 0)
         return 0;
-    fail(0);
+    fail(blocks, 0);
     return -1;
 }
 
@@ -384,15 +394,14 @@ const Trace_Index *QTRACE_Reader::inside(size_t step)
 {
     if (inside_ && inside_step_ == step)
         return inside_.get();
-    if (!blocks_of_steps_)
-        blocks_of_steps_.emplace(source_.file);
-    inside_ = Trace_Index::build(*blocks_of_steps_, index_->steps()[step]);
+    inside_ = Trace_Index::build(beside(), index_->steps()[step]);
     inside_step_ = step;
     if (inside_ && inside_->blocks() == index_->steps()[step].blocks)
         return inside_.get();
-    text = blocks_of_steps_->error != 0
-               ? located(source_.name, index_->steps()[step].offset, std::strerror(blocks_of_steps_->error))
-               : source_.name + ": the file changed while it was read";
+    if (beside().error != 0)
+        fail(beside(), index_->steps()[step].offset);
+    else
+        text = source_.name + ": the file changed while it was read";
     inside_.reset();
     return nullptr;
 }

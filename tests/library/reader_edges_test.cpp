@@ -63,6 +63,27 @@ TEST_F(reader_edge, block_is_found_wherever_its_header_crosses_the_search_window
         }
 }
 
+TEST_F(reader_edge, summaries_asked_for_within_a_block_leave_its_items_alone)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(20'000);
+    std::string damaged = bytes();
+    damaged[damaged.size() - 10] ^= 1;
+    put_bytes(damaged);
+    for (const auto ask : {qtrace_info, qtrace_verify}) {
+        QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+        ASSERT_NE(reader, nullptr);
+        for (size_t i = 0; i < 2000; ++i) {
+            const QTRACE_Item *item = nullptr;
+            ASSERT_NE(qtrace_next(reader, &item), QTRACE_ITEM_DISCONTINUITY);
+            ASSERT_EQ(item_of(*item), written_[i]) << i;
+            QTRACE_Info info;
+            ASSERT_EQ(i == 1000 ? ask(reader, &info) : 0, 0);
+        }
+        qtrace_close(reader);
+    }
+}
+
 TEST_F(reader_edge, seeking_comes_to_a_header_that_ends_a_block)
 {
     // The second header's comment needs a block of its own, so that the first one ends the block before.
