@@ -3,6 +3,7 @@
 #include "tool_output.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -154,7 +155,7 @@ struct Map_Line {
 
 bool is_type(std::string_view word)
 {
-    return word.size() == 1 && ((word[0] | 0x20) >= 'a' && (word[0] | 0x20) <= 'z');
+    return word.size() == 1 && std::isalpha(static_cast<unsigned char>(word[0])) != 0;
 }
 
 Map_Line parse_map_line(std::string_view text)
@@ -183,13 +184,13 @@ bool names_address(char type)
     return std::string_view("UAaNn-").find(type) == std::string_view::npos;
 }
 
-constexpr uint8_t LOCAL = 2, WEAK = 1, GLOBAL = 0;
+enum : uint8_t { GLOBAL, WEAK, LOCAL, RANKS };
 
 uint8_t rank_of(char type)
 {
     if (std::string_view("VvWw").find(type) != std::string_view::npos)
         return WEAK;
-    return type >= 'A' && type <= 'Z' ? GLOBAL : LOCAL;
+    return std::isupper(static_cast<unsigned char>(type)) != 0 ? GLOBAL : LOCAL;
 }
 
 std::string_view trimmed(std::string_view line)
@@ -365,7 +366,7 @@ std::optional<uint64_t> Elf_File::code_address(const Section &descriptors, uint6
 uint8_t rank_of(const GElf_Sym &symbol)
 {
     // A symbol with a type is a better name than a bare label.
-    const uint8_t label = GELF_ST_TYPE(symbol.st_info) == STT_NOTYPE ? 3 : 0;
+    const uint8_t label = GELF_ST_TYPE(symbol.st_info) == STT_NOTYPE ? RANKS : GLOBAL;
     const unsigned binding = GELF_ST_BIND(symbol.st_info);
     const uint8_t visible = binding == STB_LOCAL ? LOCAL : binding == STB_WEAK ? WEAK : GLOBAL;
     return static_cast<uint8_t>(label + visible);
@@ -406,12 +407,9 @@ Symbol_File Elf_File::read()
         refuse(name_, "no symbols: the file was stripped");
     Elf_Data *const data = check(elf_getdata(table->scn, nullptr));
     Symbol_Collection symbols(name_);
-    for (int i = 1; i < std::numeric_limits<int>::max(); i++) {
-        GElf_Sym symbol;
-        if (gelf_getsym(data, i, &symbol) == nullptr)
-            break;
+    GElf_Sym symbol;
+    for (int i = 1; gelf_getsym(data, i, &symbol) != nullptr; i++)
         add(*table, symbol, symbols);
-    }
     if (symbols.size() == 0)
         refuse(name_, "no symbols of code or data");
     Symbol_File file;

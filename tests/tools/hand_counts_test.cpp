@@ -532,3 +532,81 @@ TEST_F(recover_figures, of_several_places_are_added_up)
     EXPECT_EQ(verified("saved0")["left_out"], 2);
     EXPECT_THAT(qtrace({"info", "saved0"}).out, HasSubstr("\n  missing      records or headers at 2 places\n"));
 }
+
+// ---- plan ----------------------------------------------------------------------------------------------
+
+// What `plan` prints about "long0" and a second file.
+struct plan_lines : recover_figures {
+    // Blocks in a row until they have `records` records: the first record of each part and its count.
+    std::string parts_of(const char *name, const std::vector<Block> &of, uint64_t records) const
+    {
+        std::string text;
+        uint64_t first = 0, end = 0, all = 0;
+        for (const Block &block : of)
+            all += block.records;
+        for (const Block &block : of) {
+            end += block.records;
+            if (end - first < records && end < all)
+                continue;
+            text += fmt::format("{} --from {} --count {}\n", name, first, end - first);
+            first = end;
+        }
+        return text;
+    }
+    std::vector<Block> blocks_of(const char *name) const
+    {
+        const std::string contents = folder.contents(name);
+        std::vector<Block> found;
+        for (const size_t offset : markers(contents))
+            found.push_back({offset, number_at(contents, offset + 16)});
+        return found;
+    }
+};
+
+TEST_F(plan_lines, cut_a_file_between_its_blocks)
+{
+    for (const auto &[parts, records] : {std::pair("1", 20000),
+                                         {"2", 10000},
+                                         {"3", 6667},
+                                         {"7", 2858},
+                                         {"20000", 1},
+                                         {"20001", 1},
+                                         {"18446744073709551615", 1}})
+        EXPECT_EQ(qtrace({"plan", "--parts", parts, "long0"}).out, parts_of("long0", blocks, records)) << parts;
+    EXPECT_EQ(parts_of("long0", blocks, 20000), "long0 --from 0 --count 20000\n");
+}
+
+TEST_F(plan_lines, share_the_records_of_all_files)
+{
+    const uint64_t each = blocks[0].records; // so that a part has exactly one block
+    ASSERT_GT(5 * each, 20000u);
+    folder.write("rest0", long_trace(5 * each - 20000));
+    EXPECT_EQ(qtrace({"plan", "--parts", "5", "long0", "rest0"}).out,
+              parts_of("long0", blocks, each) + parts_of("rest0", blocks_of("rest0"), each));
+    EXPECT_THAT(qtrace({"plan", "--parts", "5", "long0", "rest0"}).out,
+                testing::StartsWith(fmt::format("long0 --from 0 --count {}\n", each)));
+}
+
+TEST_F(plan_lines, are_words_of_a_shell_or_json)
+{
+    for (const auto &[name, word] : {std::pair("a_b./-+=,:@%9", "a_b./-+=,:@%9"),
+                                     {"it's", "'it'\\''s'"},
+                                     {"a b", "'a b'"},
+                                     {"$x", "'$x'"},
+                                     {"~", "'~'"}}) {
+        std::filesystem::create_directories(std::filesystem::path(folder.path(name)).parent_path());
+        folder.write(name, good_trace());
+        EXPECT_EQ(qtrace({"plan", "--parts", "3", name}).out, std::string(word) + " --from 0 --count 11\n");
+    }
+    EXPECT_EQ(qtrace({"plan", "--json", "--parts", "3", "it's"}).out,
+              "{\"file\":\"it's\",\"from\":0,\"count\":11}\n");
+}
+
+TEST_F(plan_lines, are_at_least_one)
+{
+    const Outcome none = qtrace({"plan", "--parts", "0", "long0"});
+    EXPECT_EQ(none.exit_code, 2);
+    EXPECT_THAT(none.err, testing::StartsWith("qtrace: `0` is not a number for --parts: 1 or more expected\n"));
+    folder.write("empty0", {good_trace()[FIRST_HEADER]});
+    EXPECT_EQ(qtrace({"plan", "--parts", "4", "empty0"}).out, "empty0 --from 0 --count 0\n");
+}

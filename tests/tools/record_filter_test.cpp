@@ -116,6 +116,55 @@ TEST_F(record_filter, limits_what_statistics_count)
     EXPECT_EQ(counted({"--from", "2", "--count", "3"})["instructions"], 3);
 }
 
+TEST_F(record_filter, takes_both_ends_of_a_range_and_the_largest_numbers)
+{
+    EXPECT_THAT(chosen({"--pc", "2000-2000"}), ElementsAre(3));
+    EXPECT_THAT(chosen({"--pc", "1001-1007"}), ElementsAre(1));
+    EXPECT_THAT(chosen({"--pc", "1004-1008,0X3000"}), ElementsAre(1, 2, 7));
+    EXPECT_THAT(chosen({"--pc", "0-ffffffffffffffff"}), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10));
+    EXPECT_THAT(chosen({"--data", "5008-5008"}), ElementsAre(1));
+    EXPECT_THAT(chosen({"--real", "12008-12008"}), ElementsAre(1));
+    EXPECT_THAT(chosen({"--real", "12009-1200f"}), IsEmpty());
+    EXPECT_THAT(chosen({"--pid", "4294967295"}), IsEmpty());
+    EXPECT_THAT(chosen({"--pid", "0x8,7", "--pc", "2004-2008"}), ElementsAre(4, 5));
+    EXPECT_THAT(chosen({"--lpid", "18446744073709551615"}), IsEmpty());
+    EXPECT_THAT(chosen({"--word", "ffffffff"}), IsEmpty());
+    EXPECT_THAT(chosen({"--word", "0/0"}), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10));
+    EXPECT_THAT(chosen({"--word", "48000ff5/ffffffff"}), ElementsAre(6));
+    EXPECT_THAT(chosen({"--word", "60000000,48000ff5"}), ElementsAre(6, 8, 10));
+    EXPECT_THAT(chosen({"--register", "r5"}), ElementsAre(5));
+    EXPECT_THAT(chosen({"--register", "r65535"}), IsEmpty());
+    EXPECT_THAT(chosen({"--register", "r6,x4,r1"}), IsEmpty());
+}
+
+TEST_F(record_filter, asks_for_both_addresses_of_an_access)
+{
+    EXPECT_THAT(chosen({"--data", "5008", "--real", "12008"}), ElementsAre(1));
+    EXPECT_THAT(chosen({"--data", "5008", "--real", "12010"}), IsEmpty());
+    EXPECT_THAT(chosen({"--data", "0"}), IsEmpty()); // of records without an access
+    EXPECT_THAT(chosen({"--real", "0-fff"}), IsEmpty());
+}
+
+TEST_F(record_filter, takes_no_more_records_than_asked_for)
+{
+    EXPECT_THAT(chosen({"--kind", "load", "--count", "0"}), IsEmpty());
+    EXPECT_THAT(chosen({"--kind", "load", "--count", "1"}), ElementsAre(1));
+    EXPECT_THAT(chosen({"--kind", "load", "--count", "3"}), ElementsAre(1, 3, 5));
+    EXPECT_THAT(chosen({"--count", "0"}), IsEmpty());
+    EXPECT_THAT(chosen({"--from", "9", "--count", "5"}), ElementsAre(9, 10));
+}
+
+// Neither the address nor the process is known there.
+TEST_F(record_filter, finds_nothing_by_address_or_process_before_the_first_header)
+{
+    const std::string file = folder_.write("bare0", {{false, {}, "", plain_record(0x60000000)}});
+    EXPECT_THAT(numbers(file, {}), ElementsAre(0));
+    EXPECT_THAT(numbers(file, {"--pc", "0-ffffffffffffffff"}), IsEmpty());
+    EXPECT_THAT(numbers(file, {"--pid", "0"}), IsEmpty());
+    EXPECT_THAT(numbers(file, {"--lpid", "0"}), IsEmpty());
+    EXPECT_THAT(numbers(file, {"--word", "60000000"}), ElementsAre(0));
+}
+
 TEST_F(record_filter, refuses_values_that_mean_nothing)
 {
     const auto refusal = [&](const char *option, const char *value) {
@@ -129,6 +178,14 @@ TEST_F(record_filter, refuses_values_that_mean_nothing)
     EXPECT_THAT(refusal("--word", "100000000"), HasSubstr("32 bits"));
     EXPECT_THAT(refusal("--register", "q1"), HasSubstr("is not a register"));
     EXPECT_THAT(refusal("--pid", "4294967296"), HasSubstr("is not a number for --pid"));
+    EXPECT_THAT(refusal("--lpid", "18446744073709551616"), HasSubstr("is not a number for --lpid"));
+    EXPECT_THAT(refusal("--word", "0/100000000"), HasSubstr("32 bits"));
+    EXPECT_THAT(refusal("--word", "0/"), HasSubstr("is not an address"));
+    EXPECT_THAT(refusal("--register", "r"), HasSubstr("is not a register"));
+    EXPECT_THAT(refusal("--register", "r65536"), HasSubstr("is not a number for --register"));
+    EXPECT_THAT(refusal("--register", "rx"), HasSubstr("is not a number for --register"));
+    EXPECT_THAT(refusal("--pc", "0x"), HasSubstr("is not an address"));
+    EXPECT_THAT(refusal("--pc", "1-"), HasSubstr("is not an address"));
 }
 
 // Several blocks of each process: whole blocks are passed over, and none too many.

@@ -64,6 +64,7 @@ struct Elf_Shape {
     unsigned table = 2;                   // kind of the symbol table; 0: stripped
     std::string second = ".data";         // name of the second section
     std::vector<uint64_t> words{};        // in it
+    unsigned segment = 1;                 // kind of the segment: 1 is loaded
 };
 
 constexpr uint64_t TEXT_AT = 0x10000, TEXT_SIZE = 0x1000, SECOND_AT = 0x20000;
@@ -128,7 +129,7 @@ std::string elf(const Elf_Shape &shape, const std::vector<Elf_Symbol> &symbols)
     out.half(shape.type), out.half(21), out.word(1), out.address(TEXT_AT), out.address(header),
         out.address(sections_at);
     out.word(0), out.half(header), out.half(segment), out.half(1), out.half(section), out.half(6), out.half(5);
-    out.word(1); // one segment that is loaded
+    out.word(shape.segment);
     if (shape.wide)
         out.word(5);
     out.address(0), out.address(TEXT_AT), out.address(TEXT_AT), out.address(TEXT_SIZE), out.address(TEXT_SIZE);
@@ -198,6 +199,59 @@ TEST(symbol_table, reaches_the_last_address_of_all)
     EXPECT_EQ(name_at(table, 0), "whole");
 }
 
+namespace
+{
+
+// By looking at every symbol: the last to begin, then the first to end, then the lowest rank, then the first given.
+const Symbol *plain_search(const std::vector<Symbol> &symbols, uint64_t address)
+{
+    const Symbol *best = nullptr;
+    for (const Symbol &one : symbols) {
+        if (address < one.first || address > one.last)
+            continue;
+        if (best == nullptr || one.first > best->first ||
+            (one.first == best->first &&
+             (one.last < best->last || (one.last == best->last && one.rank < best->rank))))
+            best = &one;
+    }
+    return best;
+}
+
+} // namespace
+
+TEST(symbol_table, agrees_with_a_plain_search_wherever_symbols_lie)
+{
+    uint64_t noise = 1;
+    const auto random = [&noise](uint64_t below) {
+        noise = noise * 6364136223846793005u + 1442695040888963407u;
+        return (noise >> 33) % below;
+    };
+    constexpr uint64_t PLACES = 24;
+    for (int round = 0; round < 400; round++) {
+        const uint64_t base = round % 2 == 0 ? 0 : ~uint64_t{0} - (PLACES - 1); // at either end of all addresses
+        std::vector<Symbol> symbols;
+        for (uint64_t n = random(7); n > 0; n--) {
+            const uint64_t first = random(PLACES), last = first + random(PLACES - first);
+            symbols.push_back(symbol(std::to_string(n).c_str(), base + first, base + last, random(2) != 0));
+        }
+        const Symbol_Table table(symbols);
+        for (uint64_t place = 0; place < PLACES; place++) {
+            const Named_Range range = table.range_of(base + place);
+            const Symbol *const expected = plain_search(symbols, base + place);
+            ASSERT_TRUE(range.contains(base + place));
+            ASSERT_EQ(range.symbol == nullptr ? "" : range.symbol->name, expected == nullptr ? "" : expected->name);
+            for (uint64_t other = 0; other < PLACES; other++) {
+                const Symbol *const there = plain_search(symbols, base + other);
+                const bool beside = (range.first != 0 && base + other == range.first - 1) ||
+                                    (range.last != ~uint64_t{0} && base + other == range.last + 1);
+                ASSERT_TRUE(!range.contains(base + other) || there == expected);
+                // A range without a name goes as far as there is none.
+                ASSERT_TRUE(expected != nullptr || !beside || there != nullptr);
+            }
+        }
+    }
+}
+
 TEST(symbol_table, without_symbols_no_address_has_a_name)
 {
     EXPECT_EQ(name_at(Symbol_Table({}), 0), "-");
@@ -248,6 +302,79 @@ TEST(symbol_map, of_several_names_of_an_address_the_global_one_counts)
     const Symbol_File map = read_symbol_map("map", "1000 t local\n1000 W weak\n1000 T global\n1010 T next\n");
     EXPECT_EQ(name_at(map, 0x100f), "global");
     EXPECT_EQ(name_at(map, 0x1010), "next");
+}
+
+TEST(symbol_map, types_are_single_letters_and_everything_else_is_a_name)
+{
+    const auto name = [](const std::string &line) {
+        return name_at(read_symbol_map("map", line + "\n8000 T other\n"), 0x1000);
+    };
+    EXPECT_EQ(name("1000 z last"), "last");
+    EXPECT_EQ(name("1000 Z last"), "last");
+    EXPECT_EQ(name("1000 b first"), "first");
+    EXPECT_EQ(name("1000 [ x"), "[ x");
+    EXPECT_EQ(name("1000 @ x"), "@ x");
+    EXPECT_EQ(name("1000 TT x"), "TT x");
+    EXPECT_EQ(name("1000 T"), "T");
+    EXPECT_EQ(name("1000 20 t"), "20 t");
+    EXPECT_EQ(name("1000 20 tt x"), "20 tt x");
+    EXPECT_EQ(name("1000 20 t x"), "x");
+    EXPECT_EQ(name("0X1000\tt\tx y \r"), "x y");
+    EXPECT_EQ(name(" \t1000 T  x"), "x");
+    for (const char type : std::string("UAaNn"))
+        EXPECT_EQ(name(std::string("1000 ") + type + " x"), "-") << type;
+    for (const std::string line : {"U x", "w x", "v x"})
+        EXPECT_EQ(name(line + "\n1000 T y"), "y") << line;
+}
+
+TEST(symbol_map, names_of_an_address_are_global_before_weak_before_local)
+{
+    for (const char *weak : {"V", "v", "W", "w"}) {
+        const std::string line = std::string("1000 10 ") + weak + " weak\n";
+        EXPECT_EQ(name_at(read_symbol_map("map", line + "1000 10 t local\n"), 0x1000), "weak") << weak;
+        EXPECT_EQ(name_at(read_symbol_map("map", "1000 10 t local\n" + line), 0x1000), "weak") << weak;
+        EXPECT_EQ(name_at(read_symbol_map("map", line + "1000 10 Z global\n"), 0x1000), "global") << weak;
+    }
+}
+
+TEST(symbol_map, a_symbol_with_a_size_hides_labels_up_to_its_last_address)
+{
+    const Symbol_File map = read_symbol_map("map", "0 t zero\n1000 80 T sized\n107f t within\n1080 t after\n");
+    EXPECT_EQ(name_at(map, 0), "zero");
+    EXPECT_EQ(name_at(map, 0xfff), "zero");
+    EXPECT_EQ(name_at(map, 0x107f), "sized");
+    EXPECT_EQ(name_at(map, 0x1080), "after");
+    EXPECT_EQ(map.symbols.size(), 3u);
+}
+
+TEST(symbol_map, a_symbol_reaches_the_last_address_of_all_and_not_beyond)
+{
+    const Symbol_File map = read_symbol_map("map", "fffffffffffffff0 10 T top\nffffffffffffffe0 21 T too_long\n");
+    ASSERT_EQ(map.symbols.size(), 1u);
+    EXPECT_EQ(name_at(map, ~uint64_t{0}), "top");
+}
+
+TEST(symbol_map, one_symbol_may_stand_at_0_and_long_maps_are_read_whole)
+{
+    EXPECT_EQ(name_at(read_symbol_map("map", "0 T zero\n"), 0), "zero");
+    std::string text;
+    for (unsigned n = 0; n < 9000; n++)
+        text += fmt::format("{:x} T symbol{}\n", 0x1000 + 16 * n, n);
+    const Folder folder;
+    const Symbol_File map = read_symbol_file(folder.text("long", text), {});
+    EXPECT_EQ(map.symbols.size(), 9000u);
+    EXPECT_EQ(name_at(map, 0x1000 + 16 * 8999), "symbol8999");
+}
+
+TEST(symbol_map, of_a_long_line_80_characters_are_shown)
+{
+    try {
+        read_symbol_map("m", std::string(200, 'z'));
+        ADD_FAILURE();
+    } catch (const std::runtime_error &error) {
+        EXPECT_EQ(error.what(),
+                  "m: line 1: `" + std::string(80, 'z') + "` is not a symbol: ADDRESS [SIZE] [TYPE] NAME expected");
+    }
 }
 
 TEST(symbol_map, a_line_that_is_no_symbol_is_refused_with_its_number)
@@ -355,6 +482,66 @@ TEST(symbol_elf, says_how_many_symbols_overlap)
     EXPECT_EQ(name_at(file, 0x10020), "outer");
     EXPECT_THAT(file.remarks,
                 ElementsAre(HasSubstr("1 of 3 symbols begin within another one; the last to begin counts")));
+}
+
+TEST(symbol_elf, symbols_that_only_touch_do_not_overlap)
+{
+    EXPECT_THAT(read_elf({}, {{"zero", 0, 0x10}, {"a", 0x10000, 0x10}, {"b", 0x10010, 0x10}}).remarks, IsEmpty());
+    EXPECT_THAT(read_elf({}, {{"a", 0x10000, 0x11}, {"b", 0x10010, 0x10}}).remarks,
+                ElementsAre(HasSubstr("1 of 2 symbols begin within")));
+    EXPECT_THAT(
+        read_elf({}, {{"outer", 0x10000, 0x100}, {"a", 0x10010, 0x10}, {"b", 0x10040, 0x10}, {"c", 0x10080, 0}})
+            .remarks,
+        ElementsAre(HasSubstr("1 of 4 symbols have no size"), HasSubstr("2 of 4 symbols begin within")));
+}
+
+TEST(symbol_elf, functions_objects_and_labels_of_loaded_sections_are_symbols)
+{
+    for (unsigned type = 0; type <= 12; type++) {
+        const Symbol_File file = read_elf({}, {{"it", 0x10100, 0x10, type}, {"main", 0x10200, 0x10}});
+        const bool is_place = type <= 2 || type == 10; // label, object, function, function chosen when loaded
+        EXPECT_EQ(name_at(file, 0x10100), is_place ? "it" : "-") << type;
+    }
+    for (const uint16_t section : std::initializer_list<uint16_t>{0, 3, 4, 6, 7, 0xFFF2}) {
+        const Symbol_File file =
+            read_elf({}, {{"it", 0x10100, 0x10, FUNCTION, GLOBAL_BIND, section}, {"main", 0x10200, 0x10}});
+        EXPECT_EQ(name_at(file, 0x10100), "-") << section;
+    }
+}
+
+TEST(symbol_elf, names_of_an_address_are_global_before_weak_before_local_before_labels)
+{
+    const std::vector<Elf_Symbol> order = {
+        {"global", 0x10000, 4, FUNCTION, GLOBAL_BIND},  {"weak", 0x10000, 4, FUNCTION, WEAK_BIND},
+        {"local", 0x10000, 4, FUNCTION, LOCAL_BIND},    {"global_label", 0x10000, 4, NO_TYPE, GLOBAL_BIND},
+        {"weak_label", 0x10000, 4, NO_TYPE, WEAK_BIND}, {"local_label", 0x10000, 4, NO_TYPE, LOCAL_BIND}};
+    for (size_t first = 0; first + 1 < order.size(); first++)
+        EXPECT_EQ(name_at(read_elf({}, {order[first + 1], order[first]}), 0x10000), order[first].name);
+}
+
+TEST(symbol_elf, descriptors_are_read_up_to_the_last_whole_one)
+{
+    const auto at = [](uint64_t place) -> Elf_Symbol {
+        return {"it", SECOND_AT + place, 0, FUNCTION, GLOBAL_BIND, DESCRIPTORS};
+    };
+    const Elf_Symbol other = {"other", 0x18000, 0x10};
+    const Elf_Shape shape = {.second = ".opd", .words = {0x12304, 0, 0x14504}};
+    EXPECT_EQ(name_at(read_elf(shape, {at(0), other}), 0x12304), "it");
+    EXPECT_EQ(name_at(read_elf(shape, {at(0), other}), 0x12fff), "it"); // without a size: to the end of its 4 KiB
+    EXPECT_EQ(name_at(read_elf(shape, {at(0), other}), 0x13000), "-");
+    EXPECT_EQ(name_at(read_elf(shape, {at(16), other}), 0x14504), "it");
+    for (const uint64_t nowhere : {8, 17, 24, -8}) // 8: its code is at 0, which means that there is none
+        EXPECT_EQ(read_elf(shape, {at(nowhere), other}).symbols.size(), 1u) << nowhere;
+    EXPECT_EQ(read_elf({.second = ".opd", .words = {}}, {at(0), other}).symbols.size(), 1u);
+    EXPECT_EQ(name_at(read_elf({.second = ".opx", .words = {0x12304, 0, 0}}, {at(8)}), SECOND_AT + 8), "it");
+}
+
+TEST(symbol_elf, a_load_address_needs_a_segment_that_is_loaded)
+{
+    const Folder folder;
+    const std::string file = folder.text("program", elf({.segment = 6}, {{"main", 0x10100, 0x40}}));
+    EXPECT_EQ(refusal(file, 0), file + ": has no segments that are loaded, so that a load address means nothing");
+    EXPECT_EQ(refusal(file), "it was read");
 }
 
 TEST(symbol_elf, a_typed_symbol_names_an_address_rather_than_a_label)
