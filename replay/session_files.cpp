@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstddef>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <sys/socket.h>
@@ -73,7 +73,7 @@ Session_Files::Identity Session_Files::identity_of(const std::string &file)
     if (stat(file.c_str(), &info) == 0)
         return S_ISREG(info.st_mode) ? Identity{info.st_dev, std::to_string(info.st_ino)} : Identity{};
     std::error_code unknown;
-    return {0, fs::weakly_canonical(fs::absolute(file, unknown), unknown).string()};
+    return {{}, fs::weakly_canonical(fs::absolute(file, unknown), unknown).string()};
 }
 
 // As the plugin reads the words of `start`: a pair that comes later replaces an earlier one.
@@ -177,8 +177,9 @@ std::string Session_Files::lock(const std::string &file, std::vector<Lock> &lock
         return {};
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::copy(name.begin(), name.end(), address.sun_path + 1); // a name that begins with 0 is no file
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    const std::string path = '\0' + name; // what begins with 0 is no file
+    std::copy(path.begin(), path.end(), address.sun_path);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
     const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const bool locked =
         descriptor >= 0 && bind(descriptor, reinterpret_cast<const sockaddr *>(&address), length) == 0;
@@ -223,10 +224,8 @@ void Session_Files::find_older_files(const Family &family)
          fs::directory_iterator(base.has_parent_path() ? base.parent_path() : ".", unreadable)) {
         const std::string name = entry.path().filename();
         const std::string digits = name.starts_with(stem) ? name.substr(stem.size()) : "";
-        uint64_t number = 0;
-        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-        if (error == std::errc{} && std::to_string(number) == digits &&
-            number >= static_cast<uint64_t>(host().thread_count()))
+        const uint64_t number = std::strtoull(digits.c_str(), nullptr, 10);
+        if (std::to_string(number) == digits && number >= static_cast<uint64_t>(host().thread_count()))
             found[number] = family.base + digits;
     }
     for (const auto &[number, file] : found)

@@ -1,6 +1,7 @@
 #include "stop_request.h"
 
 #include <cerrno>
+#include <iterator>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -39,7 +40,7 @@ bool Stop_Request::wait_for_input(int descriptor) const
 {
     while (!requested()) {
         pollfd waiting[] = {{descriptor, POLLIN, 0}, {wakeup_, POLLIN, 0}};
-        if (poll(waiting, 2, -1) > 0 && waiting[0].revents)
+        if (poll(waiting, std::size(waiting), -1) > 0 && waiting[0].revents)
             return !requested();
     }
     return false;

@@ -502,8 +502,12 @@ class Terminal:
 
 
 class terminal(Replay_Test):
-    def start(self, source=None):
-        return Terminal([source or self.stream], self.folder)
+    def start(self, source=None, **environment):
+        return Terminal([source or self.stream], self.folder, **environment)
+
+    def quit(self, console):
+        console.type("quit\n")
+        self.assertEqual(console.end(), 0)
 
     def test_line_of_4000_characters_and_tab(self):
         console = self.start()
@@ -547,6 +551,83 @@ class terminal(Replay_Test):
         console.expect("7 delivered")
         console.type("quit\n")
         self.assertEqual(console.end(), 0)
+
+    def test_progress_tells_events_of_this_run_and_the_part_of_the_input(self):
+        lines = self.stream.read_text().splitlines(keepends=True)
+        console = self.start()
+        for run, events, last in (("run 5", 5, 6), ("run 3", 3, 9), ("run", 12, 21)):
+            part = round(100 * sum(map(len, lines[:last])) / sum(map(len, lines)))
+            console.type(f"{run}\n")
+            self.assertRegex(console.expect("replay> "), rf"\r{events} events, {part} % of the input, \d+ thousand/s\x1b\[K\r\n")
+        self.quit(console)
+
+    def test_progress_of_a_pipe_has_no_part(self):
+        os.mkfifo(self.folder / "fifo")
+        writer = os.open(self.folder / "fifo", os.O_RDWR)
+        os.write(writer, self.stream.read_bytes())
+        console = self.start("fifo")
+        console.type("run 5\n")
+        self.assertRegex(console.expect("replay> "), r"\r5 events, \d+ thousand/s\x1b\[K\r\n")
+        self.quit(console)
+        os.close(writer)
+
+    def test_history_is_where_state_belongs(self):
+        state, home = self.folder / "state", self.folder / "home"
+        for environment, place in (
+            ({"XDG_STATE_HOME": str(state), "HOME": str(home)}, state / "replay_history"),
+            ({"XDG_STATE_HOME": str(state), "HOME": ""}, state / "replay_history"),
+            ({"XDG_STATE_HOME": "", "HOME": str(home)}, home / ".local/state/replay_history"),
+            ({"XDG_STATE_HOME": "", "HOME": ""}, None),
+        ):
+            with self.subTest(environment):
+                before = set(self.folder.rglob("*"))
+                self.quit(self.start(**environment))
+                made = {path for path in self.folder.rglob("*") if path.is_file()} - before
+                self.assertEqual(made, {place} if place else set())
+                if place:
+                    place.unlink()
+
+    def test_history_has_the_last_1000_lines_and_none_twice_in_a_row(self):
+        history = self.folder / ".local/state/replay_history"
+        history.parent.mkdir(parents=True)
+        history.write_text("_HiStOrY_V2_\n" + "".join(f"run\\040{n}\n" for n in range(1, 1000)))
+        console = self.start()
+        console.type("status\n")
+        console.expect("replay> ")
+        console.type("status\n")
+        console.expect("replay> ")
+        self.quit(console)
+        kept = history.read_text().splitlines()
+        self.assertEqual(len(kept), 1001)
+        self.assertEqual((kept[1], kept[-3:]), ("run\\0402", ["run\\040999", "status", "quit"]))
+
+    def test_tab_takes_files_as_far_as_they_agree(self):
+        for name in ("sub/way-one", "sub/way-two", ".hidden"):
+            (self.folder / name).parent.mkdir(exist_ok=True)
+            (self.folder / name).write_text("x")
+        console = self.start()
+        console.type("plugin load su\tw\to\t\n")
+        console.expect("sub/way-one: ")
+        console.expect("replay> ")
+        console.type("plugin load \t\t")
+        self.assertNotIn(".hidden", console.expect("sub/"))
+        console.type("\x15plugin load .h\t\n")
+        console.expect(".hidden: ")
+        console.expect("replay> ")
+        console.type("plugin load sub/way-\t")
+        console.expect("sub/way-one  sub/way-two  ")
+        console.type("\x15")
+        self.quit(console)
+
+    def test_letters_of_several_bytes_and_bytes_that_are_no_letter(self):
+        console = self.start()
+        console.type(f'plugin load "{FAKE}"\n')
+        console.expect("loaded")
+        console.type("plugin signal fake_plugin.so \u00e9\u20ac\n")
+        console.expect("[fake_plugin.so] [\u00e9\u20ac]")
+        os.write(console.terminal, b"plugin signal fake_plugin.so a\xffb\n")
+        console.expect("[fake_plugin.so] [a?b]")
+        self.quit(console)
 
     def test_control_c_gives_up_a_line(self):
         console = self.start()
