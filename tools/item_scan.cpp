@@ -25,10 +25,17 @@ struct Group {
     uint64_t headers; // in the blocks and between them
 };
 
+// What was lost, and the part of the result that it is told with.
+struct Loss {
+    std::string text;
+    size_t part;
+};
+
 // What came out of a group.
 struct Group_Result {
     std::unique_ptr<Item_Sink> sink;
-    std::vector<std::string> losses;
+    size_t complete = 0; // parts that the sink holds besides the one that it fills
+    std::vector<Loss> losses;
     std::string error; // that ended the reading
     uint64_t items = 0;
     bool unwanted = false; // nothing more of it is
@@ -253,8 +260,8 @@ void Group_Reader::deliver(const QTRACE_Item &item, Item_Sink &sink, Group_Resul
 void Group_Reader::deliver_loss(const QTRACE_Item &item, Item_Sink &sink, Group_Result &result)
 {
     if (is_damage(item.discontinuity)) {
-        result.losses.push_back(describe_loss(items_.reader(), item.discontinuity));
-        sink.loss(item, result.losses.back());
+        result.losses.push_back({describe_loss(items_.reader(), item.discontinuity), result.complete});
+        sink.loss(item, result.losses.back().text);
     } else {
         sink.loss(item, "");
     }
@@ -280,14 +287,16 @@ private:
     // Groups that are read ahead of the merge, for each thread.
     static constexpr size_t AHEAD = 2;
 
-    void tell_losses(const Group_Result &result);
+    void tell_losses(const Group_Result &result, size_t part);
     bool finish(const Group_Result &result);
-    bool merge_part(Group_Result &result, const Merge &merge);
+    bool merge_parts(Group_Result &result, const Merge &merge);
+    bool merge_held(Group_Result &result, const Merge &merge);
     bool merge_one(Group_Result &result, const Merge &merge);
-    void work(unsigned threads, const Make &make);
-    bool wait_for_merge(size_t number, Group_Result &result);
-    bool merge_next(size_t number, const Merge &merge);
-    Group_Result take(size_t number);
+    bool merge_or_keep_exception(Group_Result &result, const Merge &merge);
+    void work(unsigned threads, const Make &make, const Merge &merge);
+    bool take_group(unsigned threads, size_t &number);
+    bool hand_over(size_t number, Group_Result &result, const Merge &merge);
+    void leave(size_t number, Group_Result result, const Merge &merge);
     void stop();
 
     Tool_Run &run_;
@@ -296,20 +305,21 @@ private:
     const std::vector<Group> &groups_;
     Progress progress_;
     bool readable_ = true;
+    std::exception_ptr exception_; // of a merge
 
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::map<size_t, Group_Result> results_;
-    std::map<size_t, Group_Result *> full_; // of groups that are being read; their threads wait
+    // Only the thread that reads or merges the group `merged_` merges anything.
     size_t next_ = 0, merged_ = 0;
     bool stopped_ = false;
 };
 
-void Scan::tell_losses(const Group_Result &result)
+void Scan::tell_losses(const Group_Result &result, size_t part)
 {
-    for (const std::string &loss : result.losses)
-        if (!options_.silent)
-            run_.warn(loss);
+    for (const Loss &loss : result.losses)
+        if (loss.part == part && !options_.silent)
+            run_.warn(loss.text);
 }
 
 // False: no further group can be read or shown.
@@ -322,13 +332,25 @@ bool Scan::finish(const Group_Result &result)
     return result.error.empty() && run_.out.error() == 0;
 }
 
-// Merges what a group has up to here. False: nothing more is wanted.
-bool Scan::merge_part(Group_Result &result, const Merge &merge)
+// False: nothing more is wanted.
+bool Scan::merge_parts(Group_Result &result, const Merge &merge)
 {
-    tell_losses(result);
+    for (size_t part = 0; part < result.complete; part++) {
+        tell_losses(result, part);
+        if (!merge(*result.sink) || run_.out.error() != 0)
+            return false;
+    }
+    tell_losses(result, result.complete);
     const bool more = merge(*result.sink);
-    result.unwanted = !finish(result) || !more;
+    return finish(result) && more;
+}
+
+// Merges what a group has up to here. False: nothing more is wanted.
+bool Scan::merge_held(Group_Result &result, const Merge &merge)
+{
+    result.unwanted = !merge_parts(result, merge);
     result.losses.clear();
+    result.complete = 0;
     result.items = 0;
     result.sink->set_full(false);
     return !result.unwanted;
@@ -339,7 +361,7 @@ bool Scan::merge_one(Group_Result &result, const Merge &merge)
 {
     if (result.exception)
         std::rethrow_exception(result.exception);
-    return !result.unwanted && merge_part(result, merge);
+    return !result.unwanted && merge_held(result, merge);
 }
 
 bool Scan::run_in_order(Item_Sink &sink)
@@ -348,7 +370,7 @@ bool Scan::run_in_order(Item_Sink &sink)
     for (const Group &group : groups_) {
         Group_Result result;
         reader.read(group, sink, result, nullptr);
-        tell_losses(result);
+        tell_losses(result, 0);
         if (!finish(result) || sink.has_all())
             break;
     }
@@ -359,67 +381,75 @@ bool Scan::run_alone(const Make &make, const Merge &merge)
 {
     Group_Reader reader(file_.another_reader(), options_.range);
     for (const Group &group : groups_) {
-        Group_Result result = reader.read(group, make, [&](Group_Result &part) { return merge_part(part, merge); });
+        Group_Result result = reader.read(group, make, [&](Group_Result &part) { return merge_held(part, merge); });
         if (!merge_one(result, merge))
             break;
     }
     return readable_;
 }
 
-void Scan::work(unsigned threads, const Make &make)
+bool Scan::merge_or_keep_exception(Group_Result &result, const Merge &merge)
+{
+    try {
+        return merge_one(result, merge);
+    } catch (...) {
+        exception_ = std::current_exception();
+        return false;
+    }
+}
+
+void Scan::work(unsigned threads, const Make &make, const Merge &merge)
 {
     Group_Reader reader(file_.another_reader(), options_.range);
-    for (;;) {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return stopped_ || next_ < merged_ + AHEAD * threads; });
-        if (stopped_ || next_ == groups_.size())
-            return;
-        const size_t number = next_++;
-        lock.unlock();
-        Group_Result result = reader.read(
-            groups_[number], make, [this, number](Group_Result &part) { return wait_for_merge(number, part); });
-        lock.lock();
-        results_.emplace(number, std::move(result));
-        changed_.notify_all();
-    }
+    for (size_t number = 0; take_group(threads, number);)
+        leave(number,
+              reader.read(groups_[number], make,
+                          [&](Group_Result &result) { return hand_over(number, result, merge); }),
+              merge);
 }
 
-// On a thread that reads. False: nothing more is wanted.
-bool Scan::wait_for_merge(size_t number, Group_Result &result)
+// False: no group is left, or wanted.
+bool Scan::take_group(unsigned threads, size_t &number)
 {
     std::unique_lock lock(mutex_);
-    full_.emplace(number, &result);
-    changed_.notify_all();
-    changed_.wait(lock, [&] { return stopped_ || !full_.contains(number); });
-    return !stopped_ && !result.unwanted;
+    changed_.wait(lock, [&] { return stopped_ || next_ < merged_ + AHEAD * threads; });
+    number = next_;
+    return !stopped_ && next_++ < groups_.size();
 }
 
-// Merges the group, in parts when its sink was full. False: no further group is wanted.
-bool Scan::merge_next(size_t number, const Merge &merge)
+// Merges what the group's sink holds if it is the group's turn, or waits for that if the sink cannot hold more. False:
+// nothing more is wanted.
+bool Scan::hand_over(size_t number, Group_Result &result, const Merge &merge)
 {
-    for (std::unique_lock lock(mutex_);; changed_.notify_all()) {
-        changed_.wait(lock, [&] { return results_.contains(number) || full_.contains(number); });
-        const auto part = full_.find(number);
-        if (part == full_.end())
-            break;
-        lock.unlock();
-        const bool more = merge_part(*part->second, merge);
-        lock.lock();
-        full_.erase(part);
-        if (!more)
-            return false;
+    std::unique_lock lock(mutex_);
+    if (result.sink->can_go_on() && merged_ != number && !stopped_) {
+        result.complete++;
+        result.sink->set_full(false);
+        return true;
     }
-    Group_Result result = take(number);
-    return merge_one(result, merge);
+    changed_.wait(lock, [&] { return stopped_ || merged_ == number; });
+    if (stopped_)
+        return false;
+    lock.unlock();
+    return merge_held(result, merge);
 }
 
-Group_Result Scan::take(size_t number)
+// Merges the group that was read, and those that follow and were left by other threads; or leaves it to the thread whose
+// turn it is.
+void Scan::leave(size_t number, Group_Result result, const Merge &merge)
 {
-    const std::lock_guard lock(mutex_);
-    Group_Result result = std::move(results_.extract(number).mapped());
-    merged_ = number + 1;
-    changed_.notify_all();
-    return result;
+    std::unique_lock lock(mutex_);
+    results_.emplace(number, std::move(result));
+    while (!stopped_ && results_.contains(merged_)) {
+        Group_Result first = std::move(results_.extract(merged_).mapped());
+        lock.unlock();
+        const bool more = merge_or_keep_exception(first, merge);
+        first.sink.reset();
+        lock.lock();
+        merged_++;
+        stopped_ |= !more;
+        changed_.notify_all();
+    }
 }
 
 void Scan::stop()
@@ -432,12 +462,16 @@ void Scan::stop()
 bool Scan::run_threads(unsigned threads, const Make &make, const Merge &merge)
 {
     std::vector<std::jthread> workers;
-    const std::unique_ptr<Scan, void (*)(Scan *)> stopper(this, [](Scan *scan) { scan->stop(); });
-    for (unsigned i = 0; i < threads; i++)
-        workers.emplace_back([this, threads, &make] { work(threads, make); });
-    for (size_t number = 0; number < groups_.size(); number++)
-        if (!merge_next(number, merge))
-            break;
+    try {
+        for (unsigned i = 0; i < threads; i++)
+            workers.emplace_back([this, threads, &make, &merge] { work(threads, make, merge); });
+    } catch (...) {
+        stop();
+        throw;
+    }
+    workers.clear(); // waits for them
+    if (exception_)
+        std::rethrow_exception(exception_);
     return readable_;
 }
 

@@ -119,9 +119,16 @@ public:
     virtual bool has_all() const { return false; }
 
     void read_by(QTRACE_Reader *reader) { reader_ = reader; }
-    // Whether the sink holds so much that it is merged before the group goes on; merging empties it.
+    // Whether the sink holds so much that it is merged before the group goes on; merging empties it. A sink that can go
+    // on holds a complete part, and is not merged now if groups before it are still being read; later it is merged once
+    // for each complete part, and once for the rest.
     bool is_full() const { return full_; }
-    void set_full(bool full) { full_ = full; }
+    bool can_go_on() const { return can_go_on_; }
+    void set_full(bool full, bool can_go_on = false)
+    {
+        full_ = full;
+        can_go_on_ = can_go_on;
+    }
 
 protected:
     // The header in force at the item that is delivered; null before any header.
@@ -129,7 +136,7 @@ protected:
 
 private:
     QTRACE_Reader *reader_ = nullptr;
-    bool full_ = false;
+    bool full_ = false, can_go_on_ = false;
 };
 
 struct Scan_Options {
@@ -140,9 +147,9 @@ struct Scan_Options {
     bool silent = false;       // damage is not told: another scan of the file does
 };
 
-// Reads the file's items within the range group by group: `make` makes a sink for each group, on any thread; `merge`
-// gets it in file order, on the calling one, and returns whether more is wanted. A sink that is full is merged more than
-// once. Damage is told to the run before the group with it is merged. False: reading ended with an error, and the run
+// Reads the file's items within the range group by group: `make` makes a sink for each group, `merge` gets it in file order
+// and returns whether more is wanted. Both are called on any thread, `merge` by one at a time while the calling thread
+// waits. A sink that is full is merged more than once. Damage is told to the run before the group with it is merged. False: reading ended with an error, and the run
 // has been told.
 bool scan_groups(Tool_Run &run, Trace_File &file, const Scan_Options &options,
                  const std::function<std::unique_ptr<Item_Sink>()> &make,

@@ -1,10 +1,14 @@
 // What comes out does not depend on how many threads read, on whole and on damaged traces.
 #include "jobs_commands.h"
+#include "tool_run.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
+#include <iterator>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -44,6 +48,15 @@ void expect_equal_comparison(const std::string &a, const std::string &b)
     }
 }
 
+// Of a command whose lines and messages go to the same file.
+std::string lines_and_messages(const Words &command, const std::string &file)
+{
+    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> to(std::fopen(file.c_str(), "w"), &std::fclose);
+    qtrace_tool::run_qtrace(command, fileno(to.get()), fileno(to.get()));
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
 // The names in the program's help.
 std::vector<std::string> subcommands()
 {
@@ -77,6 +90,21 @@ TEST(jobs, any_number_gives_the_same_output_of_damaged_traces)
     expect_equal_output(folder, folder.text("twice0", bytes + bytes));
     qtrace({"recover", folder.path("spoilt0"), folder.path("saved0")});
     expect_equal_output(folder, folder.path("saved0"));
+}
+
+// The lines of a block are a megabyte, and longer than what is written at once.
+TEST(jobs, any_number_tells_damage_between_the_same_lines)
+{
+    const Folder folder;
+    folder.write("trace0", mixed_trace(36000, 2));
+    std::string bytes = folder.contents("trace0");
+    for (size_t part = 1; part < 4; part++)
+        bytes[bytes.size() * part / 4] ^= 0x55;
+    const std::string spoilt = folder.text("spoilt0", bytes.substr(0, bytes.size() - 100));
+    const std::string alone = lines_and_messages({"dump", "--json", "--jobs", "1", spoilt}, folder.path("alone"));
+    EXPECT_THAT(alone, testing::HasSubstr("}\nqtrace: "));
+    for (const char *jobs : {"2", "3", "7"})
+        EXPECT_TRUE(lines_and_messages({"dump", "--json", "--jobs", jobs, spoilt}, folder.path("out")) == alone);
 }
 
 // Blocks at the beginning are the same, then records differ, are missing on one side, or headers differ.

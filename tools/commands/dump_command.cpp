@@ -166,6 +166,7 @@ public:
     {
         if (names_.any())
             notes_.names = &names_;
+        lines_.reserve(MOST_KEPT + LONG_LINE);
     }
     void begin(const Group_Start &start) override
     {
@@ -198,23 +199,39 @@ public:
     void loss(const QTRACE_Item &item, const std::string &) override { pause(item); }
     bool wants_more() const override { return records_ < most_ && !passed_over_; }
 
-    // Prints the lines of at most so many records, and drops all. Returns how many were printed.
+    // Prints the lines of at most so many records of the first part, and drops them. Returns how many were printed.
     uint64_t print(Output &out, uint64_t most)
     {
         const bool cut = most < kept_records_ && !ends_.empty();
-        out.put_lines(lines_.text().substr(0, !cut ? std::string_view::npos : most == 0 ? 0 : ends_[most - 1]));
-        lines_.clear();
-        ends_.clear();
+        const size_t end = next_part_ < part_ends_.size() ? part_ends_[next_part_++] : lines_.size();
+        const size_t last = !cut ? end : most == 0 ? 0 : ends_[most - 1];
+        out.put_lines(lines_.text().substr(printed_, last - printed_));
+        printed_ = end;
+        if (printed_ == lines_.size())
+            clear();
         return std::min(most, std::exchange(kept_records_, 0));
     }
 
 private:
-    static constexpr size_t MOST_KEPT = 1 << 20; // bytes of lines
+    static constexpr size_t PART = 1 << 18; // bytes of lines, which stay in the cache until they are written
+    static constexpr size_t MOST_KEPT = 4 * PART;
+    static constexpr size_t LONG_LINE = 1 << 12; // what is longer, makes the buffer grow
 
     void settle()
     {
-        if (lines_.size() >= MOST_KEPT)
-            set_full(true);
+        if (lines_.size() < part_end_)
+            return;
+        part_ends_.push_back(lines_.size());
+        part_end_ = lines_.size() + PART;
+        set_full(true, ends_.empty() && lines_.size() < MOST_KEPT);
+    }
+    void clear()
+    {
+        lines_.clear();
+        ends_.clear();
+        part_ends_.clear();
+        printed_ = next_part_ = 0;
+        part_end_ = PART;
     }
     const Item_Notes &notes()
     {
@@ -231,7 +248,10 @@ private:
     bool picks_, passed_over_ = false; // the whole group belongs to others
     uint64_t most_, records_ = 0, kept_records_ = 0;
     Output lines_;
-    std::vector<size_t> ends_; // of the records in lines_, where some may be too many
+    std::vector<size_t> ends_;      // of the records in lines_, where some may be too many
+    std::vector<size_t> part_ends_; // of the complete parts in lines_
+    size_t next_part_ = 0, printed_ = 0;
+    size_t part_end_ = PART; // a part is complete when it reaches that
 };
 
 void Dump_Command::dump(Tool_Run &run, Trace_File &file, const Symbol_Names &names, const std::string &text,
@@ -242,6 +262,7 @@ void Dump_Command::dump(Tool_Run &run, Trace_File &file, const Symbol_Names &nam
     const std::unique_ptr<Item_View> view = make_item_view(format_, file.name(), shown_);
     view->begin(run.out, named);
     Scan_Options options = scan_;
+    options.steps = 1; // lines of more would be kept
     std::unique_ptr<Text_Mnemonics> mnemonics;
     if (!text.empty()) {
         mnemonics = std::make_unique<Text_Mnemonics>(text);
