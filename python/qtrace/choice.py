@@ -130,7 +130,7 @@ class Choice:
         wanted = np.ones(len(frame), bool)
         column = {name: frame[name].to_numpy() for name in self.columns}
         if self.pids or self.lpids:
-            wanted &= self._contexts(column["context"], found.contexts())
+            wanted = self._contexts(column["context"], found.contexts())
         if self.pcs:
             wanted &= column["has_address"] & _within(column["address"], self.pcs)
         if self.datas:

@@ -84,7 +84,7 @@ def _read(part: _Partition, columns: Sequence[str], on_damage: str, choice: Dict
     if chosen := Choice(**choice):
         limits = (part.start, part.start + part.count)
         trace = Trace(part.name)
-        result = trace._chosen_frame(chosen, own, limits, None, on_damage, 1)  # pylint: disable=protected-access
+        result = trace._chosen_frame(chosen, own, limits, None, on_damage)  # pylint: disable=protected-access
     else:
         result = frames.frame(part.name, own, part.start, part.count, on_damage)
     result.index = pd.Index(np.asarray(result.index, np.int64) + key(part.thread, 0), name="key")
@@ -126,7 +126,7 @@ def frame(
     The index is `key(thread, record)`, int64; divisions are known, so `.loc` reads only the partitions that it needs.
     Raises FileNotFoundError, OSError, ValueError.
     """
-    frames._checked_policy(on_damage, 1)  # pylint: disable=protected-access
+    frames._checked_policy(on_damage)  # pylint: disable=protected-access
     if rows < 1:
         raise ValueError("a partition needs at least one row")
     Choice(**choice)  # refuses what makes no sense

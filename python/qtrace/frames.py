@@ -492,7 +492,7 @@ class Trace:
 
         return Found(lambda: self.headers, _translations_of(self.name).rows, registers)
 
-    def _chosen_frame(self, chosen: Choice, columns, limits, most, on_damage, threads) -> pd.DataFrame:
+    def _chosen_frame(self, chosen: Choice, columns, limits, most, on_damage, threads=1) -> pd.DataFrame:
         parts = list(self._chosen_parts(chosen, columns, limits, most, on_damage, threads, _CHOICE_ROWS))
         start, _ = limits
         parts = parts or [self._frame(columns, start, start, on_damage, threads)]
@@ -696,7 +696,7 @@ def _checked_range(start: int, count: Optional[int], stop: int) -> int:
     return stop if count is None else min(stop, start + count)
 
 
-def _checked_policy(on_damage: str, threads: int) -> None:
+def _checked_policy(on_damage: str, threads: int = 1) -> None:
     if on_damage not in ("raise", "skip", "mark"):
         raise ValueError(f'on_damage is "raise", "skip" or "mark", not {on_damage!r}')
     if threads < 1:

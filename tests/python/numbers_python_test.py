@@ -18,6 +18,7 @@ class Numbers(unittest.TestCase):
         self.assertEqual(qtrace.page(np.array([0x12345], "u8"), bits=16).tolist(), [1])
         self.assertEqual(qtrace.page(2**64 - 1, bits=63), 1)
         self.assertEqual(qtrace.page(np.array([3], "i4")).dtype, np.uint64)
+        self.assertEqual(qtrace.page(series, 0).tolist(), series.tolist())
         for bits in (-1, 64):
             with self.assertRaises(ValueError):
                 qtrace.page(series, bits)

@@ -247,6 +247,14 @@ class Values(In_Folder):
         self.assertEqual(self.lines(self.read(*maker.blocks)), [json.loads(line) for line in maker.lines()])
 
 
+    def test_control_words_are_numbered_in_their_order(self):
+        word = struct.pack("<Q", 1 << 16)
+        for shape, control in ((b"\0" + word, 1 << 16), (b"\1" + word, None), (b"\xff" + word, None)):
+            payload = make_corpus.payload([b"", b"\2", b"", shape, *[b""] * 6])
+            found = self.read(make_corpus.block(payload, 1, flags=LAST))
+            self.assertEqual([getattr(item, "control", None) for item in found], [control])
+
+
 class Damage(In_Folder):
     def blocks(self):
         """A block with a header, one with a record, one whose open header is known, and the last one."""
