@@ -2,13 +2,15 @@
 from __future__ import annotations
 
 import ctypes
+import itertools
 import os
 import pathlib
 from ctypes import CFUNCTYPE, POINTER, Structure, byref, c_char_p, c_int, c_uint8, c_uint16, c_uint32, c_uint64, c_void_p
 from typing import Dict, Iterator, List, Optional
 
 ITEM_END, ITEM_HEADER, ITEM_RECORD, ITEM_DISCONTINUITY, ITEM_ERROR = range(5)
-HEADER_SIZE, RECORD_SIZE = 368, 2936
+HEADER_WORDS, RECORD_WORDS = 46, 367  # of 64 bits, of the images
+HEADER_SIZE = 8 * HEADER_WORDS
 NO_CONTEXT = 0xFFFFFFFF
 MAX_REGISTERS = 90  # of one record
 BINARY_INTERFACE = 0  # version of the library's binary interface, the end of its file name
@@ -34,8 +36,8 @@ class Item(Structure):
 
     _fields_ = [
         ("kind", c_int),
-        ("header", c_uint64 * (HEADER_SIZE // 8)),
-        ("record", c_uint64 * (RECORD_SIZE // 8)),
+        ("header", c_uint64 * HEADER_WORDS),
+        ("record", c_uint64 * RECORD_WORDS),
         ("discontinuity", Discontinuity),
         ("address", c_uint64),
         ("address_known", c_int),
@@ -178,7 +180,8 @@ def candidates() -> Iterator[str]:
         yield named
         return
     package = pathlib.Path(__file__).resolve().parent
-    prefix, repository = package.parents[3] if len(package.parents) > 3 else package, package.parents[1]
+    repository = package.parent.parent
+    prefix = repository.parent.parent  # of PREFIX/lib/python3/dist-packages/qtrace
     yield str(repository / "build/release/bin/libqtrace.so")
     # The name that programs are bound to comes first: the other one may be there for building only.
     names = (f"libqtrace.so.{BINARY_INTERFACE}", "libqtrace.so")
@@ -208,9 +211,8 @@ LIBRARY = load()
 
 
 def _kind_bits() -> Dict[str, int]:
-    bits = (1 << bit for bit in range(8 * ctypes.sizeof(COLUMNS["kinds"])))
-    names = {bit: LIBRARY.qtrace_kind_name(bit) for bit in bits}
-    return {name.decode(): bit for bit, name in names.items() if name}
+    names = itertools.takewhile(bool, (LIBRARY.qtrace_kind_name(1 << bit) for bit in itertools.count()))
+    return {name.decode(): 1 << bit for bit, name in enumerate(names)}
 
 
 # What instructions do, by the bits of the column `kinds`.
