@@ -257,7 +257,7 @@ uint64_t word_at(const std::string &bytes, size_t place)
     return word;
 }
 
-// "1004 branch taken out 26 6 in 6 stores 5008 loads 5008"; what is 0 is left out.
+// "1004 branch taken out 26 6 in 6 stores 5008 loads 5008"; zeros at the end of a list are left out.
 std::string shown(const std::string &record)
 {
     std::string text = fmt::format("{:x}", word_at(record, 0));
@@ -265,11 +265,11 @@ std::string shown(const std::string &record)
     text += record[9] == 1 ? " taken" : record[9] == 0 ? "" : " ?";
     const auto list = [&](const char *name, size_t begin, size_t end, size_t step, const char *form) {
         std::string values;
-        for (size_t i = begin; i < end; i += step) {
-            const uint64_t value = step == 1 ? static_cast<uint8_t>(record[i]) : word_at(record, i);
-            if (value != 0)
-                values += fmt::format(fmt::runtime(form), value);
-        }
+        for (size_t i = begin; i < end; i += step)
+            values +=
+                fmt::format(fmt::runtime(form), step == 1 ? static_cast<uint8_t>(record[i]) : word_at(record, i));
+        while (values.ends_with(" 0"))
+            values.resize(values.size() - 2);
         text += values.empty() ? "" : name + values;
     };
     list(" out", 10, 12, 1, " {}");

@@ -518,6 +518,12 @@ TEST(thread_stores, what_another_thread_lost_is_not_known)
     EXPECT_TRUE(threads.others_unknown(2));
     threads.lose();
     EXPECT_TRUE(threads.others_unknown(1));
+    Thread_Stores first_lost;
+    first_lost.add_thread();
+    first_lost.lose();
+    first_lost.add_thread();
+    EXPECT_FALSE(first_lost.others_unknown(0));
+    EXPECT_TRUE(first_lost.others_unknown(1));
 }
 
 TEST(thread_stores, too_many_pages_make_the_others_unknown)

@@ -181,7 +181,7 @@ uint32_t Deep_Checker::last_store_on(const Named_Translation &named) const
 {
     uint32_t last = 0;
     for_each_entry(named, [&](const Memory_Place &entry) {
-        last = std::max({last, stores_.entry_time(entry), stores_.doubtful_time(entry.at(entry.address))});
+        last = std::max({last, stores_.entry_time(entry), stores_.doubtful_time(entry)});
     });
     return last;
 }
