@@ -673,9 +673,7 @@ void Check_State::complete(const Check_State &before)
         machine = before.machine;
     header_seen |= before.header_seen;
     records = std::max(records, before.records);
-    told = {told.items || before.told.items, told.segment || before.told.segment,
-            told.processor || before.told.processor, told.node || before.told.node,
-            told.machine || before.told.machine};
+    told = {};
 }
 
 Trace_Checker::Trace_Checker(Report report, Defer defer) : report_(std::move(report)), defer_(std::move(defer))

@@ -79,7 +79,7 @@ struct Check_State {
     std::optional<Place> last;
     uint64_t records = 0; // up to here
 
-    // Takes what is not told from the items before.
+    // Takes what is not told from the items before, which have told everything.
     void complete(const Check_State &before);
 };
 struct Header_View;
