@@ -147,6 +147,50 @@ TEST(stream_keys, absent_machine_keys_are_zero)
     ASSERT_NE(event, nullptr);
     EXPECT_EQ(event->machine.processors, 0u);
     EXPECT_EQ(event->machine.threads, 0u);
+    EXPECT_EQ(event->machine.version, 0u);
+    EXPECT_EQ(event->machine.memory, 0u);
+    EXPECT_TRUE(event->machine.options.empty());
+    EXPECT_EQ(event->source, "");
+}
+
+TEST(stream_keys, first_context_has_zeros_for_absent_keys)
+{
+    const One_Event event(R"({"t":"context"})");
+    const Thread_Context &context = event->context;
+    EXPECT_EQ(event->instruction.tid, 0);
+    EXPECT_EQ(context.ptcr | context.lpid | context.pid | context.sdr1, 0u);
+    EXPECT_FALSE(context.bit64 || context.little_endian || context.kernel || context.cycle_mode);
+    const PAGE_SIZES_USED none{};
+    EXPECT_EQ(std::memcmp(&context.pages, &none, sizeof none), 0);
+    EXPECT_EQ(std::memcmp(&context.guest_pages, &none, sizeof none), 0);
+}
+
+TEST(stream_keys, events_without_keys_have_zeros)
+{
+    const One_Event pte(R"({"t":"pte"})"), rtpte(R"({"t":"rtpte"})");
+    EXPECT_EQ(pte->pte.pa | pte->pte.pte.upper | pte->pte.pte.lower, 0u);
+    const RTPTE_Event_Info &walk = rtpte->rtpte;
+    EXPECT_EQ(walk.RTPDE_ra_l1 | walk.RTPDE_ra_l2 | walk.RTPDE_ra_l3 | walk.RTPTE_ra | walk.pa, 0u);
+    EXPECT_EQ(rtpte->instruction.tid, 0);
+}
+
+TEST(stream_keys, register_numbers_are_signed_words)
+{
+    const One_Event event(
+        R"({"t":"commit","in":{"gpr":[[-2147483648,1],[2147483647,2],["0x7fffffff",3],[-1,4]]}})");
+    const Instruction_Registers &in = event->instruction.in;
+    EXPECT_EQ(in.gpr_index[0], std::numeric_limits<int32_t>::min());
+    EXPECT_EQ(in.gpr_index[1], std::numeric_limits<int32_t>::max());
+    EXPECT_EQ(in.gpr_index[2], std::numeric_limits<int32_t>::max());
+    EXPECT_EQ(in.gpr_index[3], -1);
+}
+
+TEST(stream_keys, numbers_of_one_and_two_digits_are_read)
+{
+    for (unsigned number = 0; number < 100; ++number) {
+        const One_Event event(R"({"t":"commit","string_length":)" + std::to_string(number) + "}");
+        EXPECT_EQ(event->instruction.string_length, number);
+    }
 }
 
 TEST(stream_keys, commit_keys_answer_their_queries)
@@ -564,6 +608,12 @@ INSTANTIATE_TEST_SUITE_P(of_numbers, Refusals, testing::Values(
     Refused_Line{R"({"t":"commit","data":{"host_depth":-1}})", "key \"data.host_depth\": expected 0 to 255, as a number or \"0x...\", found -1"},
     Refused_Line{R"({"t":"commit","data":{"guest_rpn":"0x1ffffffff"}})", "key \"data.guest_rpn\": expected 0 to 4294967295, as a number or \"0x...\", found \"0x1ffffffff\""},
     Refused_Line{R"({"t":"commit","in":{"gpr":[[2147483648,1]]}})", "key \"in.gpr\": expected -2147483648 to 2147483647, as a number or \"0x...\", found 2147483648"},
+    Refused_Line{R"({"t":"commit","in":{"gpr":[[-2147483649,1]]}})", "key \"in.gpr\": expected -2147483648 to 2147483647, as a number or \"0x...\", found -2147483649"},
+    Refused_Line{R"({"t":"commit","in":{"gpr":[["0x80000000",1]]}})", "key \"in.gpr\": expected -2147483648 to 2147483647, as a number or \"0x...\", found \"0x80000000\""},
+    Refused_Line{R"({"t":"commit","pc":-01})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found -01"},
+    Refused_Line{R"({"t":"commit","pc":""})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found \"\""},
+    Refused_Line{R"({"t":"commit","pc":"0X1"})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found \"0X1\""},
+    Refused_Line{"{\"t\":\"commit\",\"pc\":\"0x1\xc3\xa9\"}", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found \"0x1\xc3\xa9\""},
     Refused_Line{R"({"t":"context","pid":"0x100000000"})", "key \"pid\": expected 0 to 4294967295, as a number or \"0x...\", found \"0x100000000\""},
     Refused_Line{R"({"t":"context","kernel":2})", "key \"kernel\": expected true, false, 0 or 1, found 2"},
     Refused_Line{R"({"t":"commit","fetch":{"relocated":"true"}})", "key \"fetch.relocated\": expected true, false, 0 or 1, found \"true\""}));
@@ -623,6 +673,9 @@ TEST(stream_refusals, of_machine_values)
               "line 1: key \"options\": expected 0 to 451, found 452");
     EXPECT_EQ(outcome_of(R"({"t":"machine","processors":"0xffffffff","threads":4294967295})").error,
               "line 1: key \"threads\": expected at most 65536 hardware threads, found 18446744065119617025");
+    EXPECT_EQ(outcome_of(R"({"t":"machine","processors":65536,"threads":1,"options":[451]})").error, "");
+    EXPECT_EQ(outcome_of(R"({"t":"machine","processors":1,"threads":65537})").error,
+              "line 1: key \"threads\": expected at most 65536 hardware threads, found 65537");
     EXPECT_EQ(outcome_of(R"({"t":"machine","processors":4294967296,"threads":1})").error,
               std::string("line 1: key \"processors\": expected ") + WIDE_32 + ", found 4294967296");
 }
@@ -637,6 +690,11 @@ TEST(stream_refusals, show_a_long_or_unprintable_value_shortened)
 {
     const std::string error = refusal_of_line("{\"t\":\"commit\",\"is\":[\"" + std::string(100, 'x') + "\x7f\"]}");
     EXPECT_THAT(error, testing::EndsWith("found \"" + std::string(39, 'x') + "..."));
+    for (const size_t length : {40, 41}) {
+        const std::string number(length, '1');
+        const std::string refused = refusal_of_line(R"({"t":"commit","pc":)" + number + "}");
+        EXPECT_THAT(refused, testing::EndsWith(", found " + number.substr(0, 40) + (length == 40 ? "" : "...")));
+    }
 }
 
 TEST(stream_refusals, are_final)
@@ -762,9 +820,35 @@ TEST(stream_input, comes_through_a_pipe_in_small_pieces)
         error = reader.error() ? reader.error()->text() : "";
         EXPECT_EQ(reader.input_size(), std::nullopt);
     }
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1); // it stays open
     dup2(kept, STDIN_FILENO);
     EXPECT_EQ(events, 2u);
     EXPECT_EQ(error, "");
+}
+
+TEST(stream_input, descriptor_is_closed_at_the_end_and_by_programs_that_are_started)
+{
+    const Scratch_File file(MACHINE);
+    const int next = dup(STDIN_FILENO); // the number that the reader's descriptor gets
+    close(next);
+    {
+        const Stream_Reader reader(file.name());
+        EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
+    }
+    EXPECT_EQ(fcntl(next, F_GETFD), -1);
+}
+
+TEST(stream_input, progress_of_a_plain_file_ends_with_the_line)
+{
+    const std::string second = "{\"t\":\"commit\"}\n";
+    const Scratch_File file(MACHINE + second + second);
+    Stream_Reader reader(file.name());
+    EXPECT_EQ(reader.line_number(), 0u);
+    reader.next();
+    EXPECT_EQ(reader.bytes_used(), MACHINE.size());
+    reader.next();
+    EXPECT_EQ(reader.bytes_used(), MACHINE.size() + second.size());
+    EXPECT_EQ(reader.line_number(), 2u);
 }
 
 TEST(stream_input, progress_ends_at_the_size_of_the_input)
