@@ -610,3 +610,119 @@ TEST_F(plan_lines, are_at_least_one)
     folder.write("empty0", {good_trace()[FIRST_HEADER]});
     EXPECT_EQ(qtrace({"plan", "--parts", "4", "empty0"}).out, "empty0 --from 0 --count 0\n");
 }
+
+// ---- check ---------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// A header with a member that it does not announce, and three records that repeat the name of their processor.
+Trace wrong_trace()
+{
+    Trace trace = good_trace();
+    trace[SECOND_HEADER].header.sdr1[0] = 1;
+    for (int i = 0; i < 3; i++)
+        trace.push_back(trace[RESUMED]);
+    return trace;
+}
+
+const std::string UNANNOUNCED = "sdr1_is_present is clear, but what it stands for is filled (sdr1 0x1)";
+const std::string REPEATED = "a record names its processor that is not the first after a file header (processor 2)";
+
+} // namespace
+
+TEST_F(hand_counts, check_text_has_every_finding_up_to_the_limit_and_their_number)
+{
+    folder.write("wrong0", wrong_trace());
+    const std::string header =
+        "wrong0: header before record 9 at 0000000000004000: " + UNANNOUNCED + " [header-gated-sdr1-is-present]\n";
+    const auto record = [](int number, const char *address) {
+        return fmt::format("wrong0: record {} at 000000000000{}: {} [processor-repeated]\n", number, address,
+                           REPEATED);
+    };
+    const std::string summary = "wrong0: 14 records, 3 headers: invariants are violated\n"
+                                "  header-gated-sdr1-is-present             1";
+    const std::string first = record(11, "4008"), second = record(12, "400c"), third = record(13, "4010");
+    EXPECT_EQ(qtrace({"check", "wrong0"}).out,
+              header + first + second + third + summary + "\n  processor-repeated                       3\n");
+    EXPECT_EQ(qtrace({"check", "--limit", "3", "wrong0"}).out, qtrace({"check", "wrong0"}).out);
+    EXPECT_EQ(qtrace({"check", "--limit", "2", "wrong0"}).out,
+              header + first + second + summary +
+                  "\n  processor-repeated                       3 (2 shown, --limit shows more)\n");
+    EXPECT_EQ(qtrace({"check", "--limit", "0", "wrong0"}).out,
+              summary + " (0 shown, --limit shows more)"
+                        "\n  processor-repeated                       3 (0 shown, --limit shows more)\n");
+    EXPECT_EQ(qtrace({"check", "--ignore", "header-gated-sdr1-is-present,processor-repeated", "wrong0"}).out,
+              "wrong0: 14 records, 3 headers: all invariants hold\n");
+    EXPECT_EQ(qtrace({"check", "--from", "10", "--count", "3", "--limit", "1", "wrong0"}).out,
+              first + "wrong0: 3 records, 0 headers: invariants are violated\n"
+                      "  processor-repeated                       2 (1 shown, --limit shows more)\n");
+}
+
+TEST_F(hand_counts, check_json_has_every_finding_up_to_the_limit_and_their_number)
+{
+    folder.write("wrong0", wrong_trace());
+    const std::string summary =
+        R"({"file":"wrong0","records":14,"headers":3,"violations":{"header-gated-sdr1-is-present":1,"processor-repeated":3}})"
+        "\n";
+    EXPECT_EQ(
+        qtrace({"check", "--json", "--limit", "1", "wrong0"}).out,
+        R"({"file":"wrong0","rule":"header-gated-sdr1-is-present","before_record":9,"address":"0x4000","sentence":")" +
+            UNANNOUNCED + "\"}\n" +
+            R"({"file":"wrong0","rule":"processor-repeated","record":11,"address":"0x4008","sentence":")" +
+            REPEATED + "\"}\n" + summary);
+    EXPECT_EQ(qtrace({"check", "--json", "--limit", "0", "wrong0"}).out, summary);
+}
+
+TEST_F(hand_counts, check_takes_one_companion_for_each_file)
+{
+    for (const auto &[option, what] : {std::pair("--text", "text files"), {"--pte", "page-table-entry files"}}) {
+        const Outcome few = qtrace({"check", option, "none", "trace0", "trace0"});
+        EXPECT_EQ(few.exit_code, 2);
+        EXPECT_THAT(few.err, testing::StartsWith(fmt::format("qtrace: 1 {} for 2 trace files\n", what)));
+        const Outcome many = qtrace({"check", option, "none", option, "none", "trace0"});
+        EXPECT_THAT(many.err, testing::StartsWith(fmt::format("qtrace: 2 {} for 1 trace files\n", what)));
+        EXPECT_EQ(qtrace({"check", option, "none", "trace0"}).exit_code, 1);
+    }
+}
+
+// ---- info of a range -----------------------------------------------------------------------------------
+
+struct info_of_a_range : recover_figures {
+    std::string of(uint64_t from, uint64_t count) const
+    {
+        return qtrace({"info", "--verify", "--headers", "0", "--from", std::to_string(from), "--count",
+                       std::to_string(count), "long0"})
+            .out;
+    }
+    size_t bytes_of(size_t block) const { return blocks[block + 1].offset - blocks[block].offset; }
+    // Without the header that comes before record 0.
+    static std::string expected(uint64_t from, uint64_t records, size_t blocks, size_t size)
+    {
+        return fmt::format("long0\n  format       version 1, blocks compressed with zstd\n"
+                           "  records      {}, from number {} on\n"
+                           "  headers      0: 0 full, 0 for partition changes\n"
+                           "  gaps         0\n"
+                           "  size         {} ({:.1f} KiB) in {} block{}, {:.2f} bytes a record\n"
+                           "  ends         cleanly\n",
+                           records, from, size, static_cast<double>(size) / 1024, blocks, blocks == 1 ? "" : "s",
+                           static_cast<double>(size) / static_cast<double>(records));
+    }
+};
+
+TEST_F(info_of_a_range, counts_the_blocks_that_hold_its_records)
+{
+    const uint64_t second = blocks[0].records, third = second + blocks[1].records;
+    EXPECT_EQ(of(second, 1), expected(second, 1, 1, bytes_of(1)));
+    EXPECT_EQ(of(second - 1, 1), expected(second - 1, 1, 1, bytes_of(0)));
+    EXPECT_EQ(of(second - 1, 2), expected(second - 1, 2, 2, bytes_of(0) + bytes_of(1)));
+    EXPECT_EQ(of(second, third - second), expected(second, third - second, 1, bytes_of(1)));
+    EXPECT_EQ(of(second, third - second + 1), expected(second, third - second + 1, 2, bytes_of(1) + bytes_of(2)));
+}
+
+TEST_F(info_of_a_range, has_the_headers_before_its_records)
+{
+    EXPECT_THAT(of(0, 1), HasSubstr("\n  headers      1: 1 full, 0 for partition changes\n"));
+    EXPECT_THAT(of(0, 20000), HasSubstr("\n  records      20000, from number 0 on\n"));
+    EXPECT_THAT(of(1, 1), HasSubstr("\n  headers      0: 0 full, 0 for partition changes\n"));
+}
