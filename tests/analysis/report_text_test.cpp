@@ -238,7 +238,14 @@ TEST_F(report_text, of_two_equal_traces_has_no_difference)
     EXPECT_THAT(
         page, HasSubstr("<th scope=\"row\">page walks per 1000 instructions</th><td data-value=\"500\">500.000</td>"
                         "<td data-value=\"500\">500.000</td><td data-value=\"0\">same</td></tr></tbody>"));
-    EXPECT_THAT(page, HasSubstr("<li><a href=\"#comparison\">Comparison</a></li></ul>"));
+    EXPECT_THAT(page, testing::StartsWith("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"));
+    EXPECT_EQ(between(page, "aria-label=\"Parts of the report\"><ul>", "</ul></nav>\n<main>\n"),
+              "<li><a href=\"#found\">Found</a></li><li><a href=\"#time\">Time</a></li><li><a "
+              "href=\"#heat\">Addresses</a></li><li><a href=\"#working-set\">Working set</a></li><li><a "
+              "href=\"#translation\">Translation</a></li><li><a href=\"#mix\">Instructions</a></li><li><a "
+              "href=\"#hot\">Hot places</a></li><li><a href=\"#threads\">Threads</a></li><li><a "
+              "href=\"#comparison\">Comparison</a></li>");
+    EXPECT_THAT(page, testing::EndsWith("</script>\n</body></html>\n"));
 }
 
 TEST_F(report_text, of_three_traces_compares_none)

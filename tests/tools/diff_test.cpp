@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <functional>
+#include <numeric>
 #include <set>
 #include <sstream>
 
@@ -464,4 +465,248 @@ TEST(alignment, what_occurs_twice_does_not_tell_the_place)
 {
     EXPECT_THAT(aligned("0hijklmno1zhijklmno2", "31xhijklmno4"),
                 testing::ElementsAre(Alignment_Step{0, 9, 1}, Alignment_Step{11, 0, 0}));
+}
+
+// ---- Limits of the alignment ---------------------------------------------------------------------------
+
+namespace
+{
+
+using Steps = std::vector<Alignment_Step>;
+
+// Records of the given numbers: each number its own record and place.
+std::vector<Record_Key> records(const std::vector<uint64_t> &numbers)
+{
+    std::vector<Record_Key> keys;
+    for (const uint64_t number : numbers)
+        keys.push_back({number, number, number});
+    return keys;
+}
+
+std::vector<uint64_t> row(uint64_t first, size_t count)
+{
+    std::vector<uint64_t> numbers(count);
+    std::iota(numbers.begin(), numbers.end(), first);
+    return numbers;
+}
+
+std::vector<uint64_t> joined(std::initializer_list<std::vector<uint64_t>> parts)
+{
+    std::vector<uint64_t> all;
+    for (const std::vector<uint64_t> &part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+Steps begun(const std::vector<Record_Key> &a, const std::vector<Record_Key> &b)
+{
+    return qtrace_tool::align_records(a, b, false);
+}
+
+// So many records of a loop of `period` that begins with its record `first`.
+std::vector<Record_Key> loop(uint64_t first, uint64_t period, size_t count)
+{
+    std::vector<uint64_t> numbers;
+    for (uint64_t i = first; i < first + count; i++)
+        numbers.push_back(i % period);
+    return records(numbers);
+}
+
+} // namespace
+
+TEST(alignment, eight_records_in_a_row_belong_together_and_seven_may_not)
+{
+    for (const size_t run : {8, 7}) {
+        const auto a = records(joined({row(100, 3), row(0, run), row(300, 2)}));
+        const auto b = records(joined({row(200, 5), row(0, run), row(400, 4)}));
+        EXPECT_EQ(begun(a, b), run == 8 ? (Steps{{0, 3, 5}, {8, 0, 0}}) : (Steps{{3 + run + 2, 0, 0}}));
+    }
+}
+
+// The same instructions with other registers.
+TEST(alignment, thirty_two_places_in_a_row_belong_together_and_31_may_not)
+{
+    for (const size_t run : {32, 31}) {
+        auto a = records(joined({row(100, 3), row(0, run), row(300, 2)}));
+        auto b = records(joined({row(200, 5), row(0, run), row(400, 4)}));
+        for (Record_Key &key : a)
+            key.whole += 1000, key.content += 1000;
+        EXPECT_EQ(begun(a, b), run == 32 ? (Steps{{0, 3, 5}, {32, 0, 0}}) : (Steps{{3 + run + 2, 0, 0}}));
+    }
+}
+
+TEST(alignment, what_follows_the_last_records_that_belong_together_is_left_for_later)
+{
+    const auto a = records(joined({row(0, 10), row(100, 3), row(20, 10), row(300, 7)}));
+    const auto b = records(joined({row(0, 10), row(20, 10), row(400, 9)}));
+    EXPECT_EQ(begun(a, b), (Steps{{10, 3, 0}, {10, 0, 0}}));
+    EXPECT_EQ(qtrace_tool::align_records(a, b, true), (Steps{{10, 3, 0}, {10, 7, 9}}));
+}
+
+TEST(alignment, up_to_400_records_are_left_out_between_records_that_agree_one_by_one)
+{
+    for (const uint64_t count : {400, 401}) {
+        std::vector<uint64_t> a, b;
+        for (uint64_t i = 0; i < count; i++) {
+            a.push_back(1000 + i);
+            a.push_back(i);
+            b.push_back(i);
+        }
+        Steps expected{{0, 1, 0}};
+        expected.resize(count, {1, 1, 0});
+        expected.push_back({1, 0, 0});
+        if (count > 400)
+            expected = {{0, 2 * count - 1, count - 1}, {1, 0, 0}};
+        EXPECT_EQ(qtrace_tool::align_records(records(a), records(b), true), expected);
+        for (Alignment_Step &step : expected)
+            std::swap(step.only_a, step.only_b);
+        EXPECT_EQ(qtrace_tool::align_records(records(b), records(a), true), expected);
+    }
+}
+
+TEST(alignment, loops_are_shifted_by_the_fewest_records_on_either_side)
+{
+    EXPECT_EQ(begun(loop(0, 5, 200), loop(2, 5, 200)), (Steps{{0, 2, 0}, {198, 0, 0}}));
+    EXPECT_EQ(begun(loop(0, 5, 200), loop(3, 5, 200)), (Steps{{0, 0, 2}, {198, 0, 0}}));
+    EXPECT_EQ(begun(loop(0, 4, 200), loop(2, 4, 200)), (Steps{{0, 2, 0}, {198, 0, 0}})) << "as many on both sides";
+    EXPECT_EQ(begun(loop(0, 5, 200), loop(0, 5, 190)), (Steps{{190, 0, 0}}));
+}
+
+TEST(alignment, loops_are_shifted_when_64_records_agree_then)
+{
+    EXPECT_EQ(begun(loop(0, 5, 66), loop(2, 5, 64)), (Steps{{0, 2, 0}, {64, 0, 0}}));
+    EXPECT_EQ(begun(loop(0, 5, 65), loop(2, 5, 64)), (Steps{{64, 0, 0}}));
+    EXPECT_EQ(begun(loop(0, 5, 66), loop(2, 5, 63)), (Steps{{63, 0, 0}}));
+}
+
+// ---- What differs, in words ----------------------------------------------------------------------------
+
+namespace
+{
+
+using qtrace_tool::Detail;
+using qtrace_tool::Header_List;
+
+std::vector<std::string> words_of(const std::vector<Detail> &details)
+{
+    std::vector<std::string> words;
+    for (const Detail &detail : details)
+        words.push_back(detail.name + ": " + detail.a + " | " + detail.b);
+    return words;
+}
+
+QTRACE_Item with_address(const Item &item, uint64_t address, bool known = true)
+{
+    QTRACE_Item read{};
+    read.record = item.record;
+    read.address = address;
+    read.address_known = known;
+    return read;
+}
+
+} // namespace
+
+TEST(diff_details, name_each_flag_and_member_with_both_values)
+{
+    Item changed = good_trace()[STRING];
+    changed.record.header.instruction = 0x7c6484ab;
+    changed.record.header.control.fld.host_xlate_mode_data = 1;
+    changed.record.header.control.fld.node_present = 1;
+    changed.record.node = 12;
+    changed.record.length = 17;
+    changed.record.regs.gpr_in[1].value = 0x12;
+    const QTRACE_Item a = with_address(good_trace()[STRING], 0x1000), b = with_address(changed, 0x1004);
+    EXPECT_THAT(
+        words_of(qtrace_tool::details_between(a, b, {})),
+        testing::UnorderedElementsAre(
+            "address: 0000000000001000 | 0000000000001004", "host_xlate_mode_data: 3 | 1", "node_present: 0 | 1",
+            "node: 0 | 12", "instruction: 0x7c6484aa | 0x7c6484ab", "length: 16 | 17",
+            "regs: in r4=0x2000 r5=0x11 out x34=0x112233445566778899aabbccddeeff00 | in r4=0x2000 r5=0x12 out "
+            "x34=0x112233445566778899aabbccddeeff00"));
+    EXPECT_THAT(words_of(qtrace_tool::details_between(a, with_address(good_trace()[STRING], 0x1000, false), {})),
+                testing::ElementsAre("address: 0000000000001000 | 0000000000001000"));
+    EXPECT_TRUE(qtrace_tool::details_between(a, a, {}).empty());
+}
+
+TEST(diff_details, of_headers_name_flags_words_members_and_comments)
+{
+    Item changed = good_trace()[PARTITION];
+    changed.header.control.barrier_synchronization = 1;
+    changed.header.sec_ext_controlword.instruction = 0x1f;
+    changed.header.pid[0] = 9;
+    changed.header.comment = changed.comment.data();
+    Header_List a, b;
+    EXPECT_TRUE(a.empty());
+    a.add(good_trace()[PARTITION].header);
+    EXPECT_FALSE(a.empty());
+    char comment[] = "text";
+    changed.header.comment = comment;
+    changed.header.comment_length = 3;
+    b.add(changed.header);
+    b.add(changed.header);
+    const std::vector<std::string> words = words_of(details_between(a, b));
+    ASSERT_EQ(words.size(), 6u);
+    EXPECT_EQ(words[0], "headers: 1 | 2");
+    EXPECT_THAT(words[1], testing::StartsWith("flags: 0x"));
+    EXPECT_EQ(words[2], "instruction: 0x0 | 0x1f");
+    EXPECT_EQ(words[3], "pid: 8 | 9");
+    EXPECT_EQ(words[4], "comment_length: 0 | 3");
+    EXPECT_EQ(words[5], "comment:  | tex");
+}
+
+TEST(diff_details, of_headers_are_those_of_the_first_16)
+{
+    const auto difference_at = [](size_t place) {
+        Header_List a, b;
+        for (size_t i = 0; i < 18; i++) {
+            QTRACE_FILE_HDR header = good_trace()[PARTITION].header;
+            a.add(header);
+            header.pid[0] = i == place ? 9 : 8;
+            b.add(header);
+        }
+        return words_of(details_between(a, b));
+    };
+    EXPECT_THAT(difference_at(0), testing::ElementsAre("pid: 8 | 9"));
+    EXPECT_THAT(difference_at(15), testing::ElementsAre("pid: 8 | 9"));
+    EXPECT_THAT(difference_at(16), testing::ElementsAre("header after the first 16: one | another"));
+    EXPECT_THAT(difference_at(99), testing::ElementsAre());
+}
+
+// ---- More of keys --------------------------------------------------------------------------------------
+
+TEST(diff_keys, leave_out_what_is_ignored_and_tell_everything_else_apart)
+{
+    using trace::Difference;
+    const QTRACE_Item base = with_address(good_trace()[STRING], 0x1000);
+    const auto key_without = [](const QTRACE_Item &item, std::initializer_list<Difference> kinds) {
+        qtrace_tool::Difference_Set ignored;
+        for (const Difference kind : kinds)
+            ignored.set(static_cast<size_t>(kind));
+        return qtrace_tool::Record_Hash(ignored)(item);
+    };
+    QTRACE_Item other = base;
+    other.address = 0x1004;
+    EXPECT_EQ(key_without(base, {}).content, key_without(other, {}).content);
+    EXPECT_NE(key_without(base, {}).whole, key_without(other, {}).whole);
+    EXPECT_NE(key_without(base, {}).place, key_without(other, {}).place);
+    EXPECT_EQ(key_without(base, {Difference::address}).whole, key_without(other, {Difference::address}).whole);
+    EXPECT_EQ(key_without(base, {Difference::address}).place, key_without(other, {Difference::address}).place);
+    other = base;
+    other.record.header.instruction ^= 1;
+    EXPECT_NE(key_without(base, {}).place, key_without(other, {}).place);
+    EXPECT_NE(key_without(base, {}).content, key_without(other, {}).content);
+    EXPECT_EQ(key_without(base, {Difference::instruction}).place,
+              key_without(other, {Difference::instruction}).place);
+    EXPECT_EQ(key_without(base, {Difference::instruction}).whole,
+              key_without(other, {Difference::instruction}).whole);
+    other = base;
+    other.record.regs.vsxr_out[0].value[1] ^= 1;
+    EXPECT_NE(key_without(base, {}).content, key_without(other, {}).content);
+    EXPECT_EQ(key_without(base, {}).place, key_without(other, {}).place);
+    EXPECT_EQ(key_without(base, {Difference::registers}).whole, key_without(other, {Difference::registers}).whole);
+    other = base;
+    other.record.header.control.fld.host_xlate_mode_data = 1;
+    EXPECT_NE(key_without(base, {}).content, key_without(other, {}).content);
+    EXPECT_EQ(key_without(base, {Difference::translation}).whole,
+              key_without(other, {Difference::translation}).whole);
 }

@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <functional>
+#include <set>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -358,6 +359,186 @@ TEST(record_line, in_json_has_everything_that_the_records_of_a_trace_carry)
     for (const std::string begin = "{\"file\":\"" + file + "\","; out.find(begin) != std::string::npos;)
         out.replace(out.find(begin), begin.size(), "{");
     EXPECT_EQ(out, ALL_JSON_LINES);
+}
+
+TEST(record_line, has_the_mnemonic_in_a_column_of_24_characters)
+{
+    QTRACE_Item item{};
+    item.record = planted::plain_record(0x60000000);
+    item.record_number = 7;
+    const auto line = [&](std::string_view mnemonic) {
+        return put([&](Output &out) {
+            std::string unknown;
+            print_record(out, item, *Field_Selection::parse({"length"}, unknown), {nullptr, mnemonic});
+        });
+    };
+    EXPECT_EQ(line(""), "         7 ???????????????? 60000000\n");
+    EXPECT_EQ(line("nop"), "         7 ???????????????? 60000000 nop" + spaces(21) + "\n");
+    EXPECT_EQ(line("abcdefghijklmnopqrstuvwx"), "         7 ???????????????? 60000000 abcdefghijklmnopqrstuvwx\n");
+    EXPECT_EQ(line("abcdefghijklmnopqrstuvwxyz"),
+              "         7 ???????????????? 60000000 abcdefghijklmnopqrstuvwxyz\n");
+}
+
+TEST(record_line, of_a_record_without_a_known_address_has_none_in_json)
+{
+    QTRACE_Item item{};
+    item.record = planted::plain_record(0x60000000);
+    item.record_number = 7;
+    item.address = 0x1000;
+    std::string unknown;
+    const Field_Selection fields = *Field_Selection::parse({"length"}, unknown);
+    const auto line = [&] {
+        return put([&](Output &out) { print_record_json(out, item, "{\"a\":1", fields, {nullptr, "a\"b"}); });
+    };
+    EXPECT_EQ(line(), "{\"a\":1,\"record\":7,\"mnemonic\":\"a\\\"b\"}\n");
+    item.address_known = 1;
+    EXPECT_EQ(line(), "{\"a\":1,\"record\":7,\"address\":\"0x1000\",\"mnemonic\":\"a\\\"b\"}\n");
+}
+
+TEST(record_line, counts_registers_beyond_those_that_a_record_can_hold)
+{
+    QTRACE_Item item{};
+    item.record = planted::plain_record(0x60000000);
+    std::string unknown;
+    const Field_Selection fields = *Field_Selection::parse({"spr_out"}, unknown);
+    const auto json = [&](uint8_t count) {
+        item.record.regs.num_sprs_out = count;
+        return put([&](Output &out) { print_record_json(out, item, "{\"a\":1", fields); });
+    };
+    const std::string four = "{\"a\":1,\"record\":0,\"spr_out\":[[0,\"0x0\"],[0,\"0x0\"],[0,\"0x0\"],[0,\"0x0\"]]";
+    EXPECT_EQ(json(4), four + "}\n");
+    EXPECT_EQ(json(5), four + ",\"spr_out_count\":5}\n");
+    EXPECT_EQ(json(0), "{\"a\":1,\"record\":0}\n");
+}
+
+TEST(record_line, registers_alone_are_listed_in_words)
+{
+    QTRACE_REGISTERS registers{};
+    EXPECT_EQ(registers_text(registers), "none");
+    registers.num_gprs_out = 1;
+    registers.gpr_out[0] = {3, 0xab};
+    EXPECT_EQ(registers_text(registers), "out r3=0xab");
+}
+
+TEST(discontinuity_line, tells_what_is_lost)
+{
+    QTRACE_Item item{};
+    QTRACE_Discontinuity &what = item.discontinuity;
+    const auto line = [&](QTRACE_CAUSE cause, uint64_t records, bool known, uint64_t headers, bool colour = false) {
+        what.cause = cause;
+        what.records = records;
+        what.records_known = known;
+        what.headers = headers;
+        return put([&](Output &out) { print_discontinuity(out, item); }, colour);
+    };
+    EXPECT_EQ(line(QTRACE_CAUSE_PAUSE, 0, true, 0), "         - pause\n");
+    EXPECT_EQ(line(QTRACE_CAUSE_LEFT_OUT, 1, true, 0), "         - left out: 1 record lost\n");
+    EXPECT_EQ(line(QTRACE_CAUSE_DAMAGE, 2, false, 1),
+              "         - damage: at least 2 records lost, 1 header lost\n");
+    EXPECT_EQ(line(QTRACE_CAUSE_CUT_END, 0, false, 0), "         - cut end: at least 0 records lost\n");
+    EXPECT_EQ(line(QTRACE_CAUSE_DAMAGE, 0, true, 2), "         - damage: 2 headers lost\n");
+    EXPECT_EQ(line(QTRACE_CAUSE_DAMAGE, 0, true, 0, true), "\x1b[1;31m         - damage\x1b[0m\n");
+    EXPECT_EQ(line(QTRACE_CAUSE_PAUSE, 0, true, 0, true), "\x1b[1;36m         - pause\x1b[0m\n");
+}
+
+TEST(header_line, has_every_member_that_is_filled)
+{
+    QTRACE_Item item{};
+    item.header = planted::good_trace()[planted::PARTITION].header;
+    const auto line = [&] { return put([&](Output &out) { print_header(out, item); }); };
+    EXPECT_EQ(line(), "         - partition lpid 0x2 pid 8\n");
+    item.header.pid[0] = 0;
+    EXPECT_EQ(line(), "         - partition lpid 0x2 pid 0\n") << "flagged as filled";
+    item.header.version = 3;
+    item.header.control.version_number_present = 1;
+    item.header.iar[0] = 0x40;
+    EXPECT_EQ(line(), "         - partition address 0000000000000040 radix/radix lpid 0x2 pid 0 version 0x3\n");
+}
+
+// ---- Fields --------------------------------------------------------------------------------------------
+
+namespace
+{
+
+std::vector<std::string> members_of(const Field_Selection &fields)
+{
+    std::vector<std::string> names;
+    fields.members().for_each([&](size_t row) { names.emplace_back(trace::RECORD_MEMBERS[row].name); });
+    return names;
+}
+
+Field_Selection fields_of(const std::vector<std::string> &names)
+{
+    std::string unknown;
+    return Field_Selection::parse(names, unknown).value();
+}
+
+size_t registers_of(const Field_Selection &fields)
+{
+    size_t count = 0;
+    for (size_t i = 0; i < 10; i++)
+        count += fields.shows_registers(i);
+    return count;
+}
+
+} // namespace
+
+TEST(fields, are_members_register_classes_and_groups)
+{
+    EXPECT_THAT(members_of(fields_of({"node"})), ElementsAre("node", "termination_node", "termination_code"));
+    EXPECT_THAT(members_of(fields_of({"length", "data_rpn"})), ElementsAre("data_rpn", "length"));
+    EXPECT_FALSE(fields_of({"length"}).shows_flags());
+    EXPECT_TRUE(fields_of({"flags"}).shows_flags());
+    EXPECT_THAT(members_of(fields_of({"flags"})), ElementsAre());
+    EXPECT_EQ(registers_of(fields_of({"flags"})), 0u);
+    for (const char *all : {"regs", "registers"}) {
+        EXPECT_THAT(members_of(fields_of({all})), ElementsAre("regs")) << all;
+        EXPECT_EQ(registers_of(fields_of({all})), 10u) << all;
+    }
+    EXPECT_THAT(members_of(fields_of({"gpr_in"})), ElementsAre("regs"));
+    EXPECT_EQ(registers_of(fields_of({"gpr_in"})), 1u);
+    EXPECT_EQ(registers_of(fields_of({"gpr_in", "spr_out"})), 2u);
+}
+
+TEST(fields, usual_ones_are_all_but_walks_and_unused_members)
+{
+    const std::vector<std::string> usual = members_of(Field_Selection::usual());
+    EXPECT_TRUE(Field_Selection::usual().shows_flags());
+    EXPECT_EQ(registers_of(Field_Selection::usual()), 10u);
+    EXPECT_THAT(usual, testing::Contains("data_rpn"));
+    EXPECT_THAT(usual, testing::Contains("next_instruction_ea"));
+    for (const char *name : {"next_instruction_hRTW", "data_hRTW", "data_gRTW", "itype"}) {
+        EXPECT_THAT(usual, testing::Not(testing::Contains(name)));
+        EXPECT_THAT(members_of(Field_Selection::all()), testing::Contains(name));
+    }
+    EXPECT_EQ(members_of(fields_of({"length", "all"})), members_of(Field_Selection::all()));
+    EXPECT_EQ(members_of(Field_Selection::all()).size(), trace::RECORD_MEMBERS.size());
+}
+
+TEST(fields, of_an_unknown_name_are_none)
+{
+    std::string unknown;
+    EXPECT_FALSE(Field_Selection::parse({"length", "header"}, unknown));
+    EXPECT_EQ(unknown, "header");
+    const std::vector<std::string> names = Field_Selection::names();
+    EXPECT_EQ(std::set(names.begin(), names.end()).size(), names.size()) << "no name twice";
+    EXPECT_THAT(names, testing::Not(testing::Contains("header")));
+    for (const std::string &name : names)
+        EXPECT_TRUE(Field_Selection::parse({name}, unknown)) << name;
+}
+
+TEST(formats, are_made_by_their_names)
+{
+    const std::vector<std::string> names = item_formats();
+    EXPECT_THAT(names, testing::UnorderedElementsAre("json", "text"));
+    QTRACE_Item item{};
+    item.record = planted::plain_record(1);
+    const auto line = [&](const char *format) {
+        return put(
+            [&](Output &out) { make_item_view(format, "name", Field_Selection::all())->record(out, item, {}); });
+    };
+    EXPECT_THAT(line("json"), testing::StartsWith("{\"file\":\"name\","));
+    EXPECT_THAT(line("text"), testing::StartsWith("         0 "));
 }
 
 // ---- Mnemonics -----------------------------------------------------------------------------------------
