@@ -272,7 +272,8 @@ TEST_F(cut, of_everything_of_a_damaged_file_is_its_recovery)
     damaged[at[1]] ^= 1;
     damaged[at[3] + 100] ^= 1;
     for (const std::string &source :
-         {damaged, damaged.substr(0, at[5] + 50), damaged.substr(0, at[5]), damaged.substr(at[2])}) {
+         {damaged, damaged.substr(0, at[5] + 50), damaged.substr(0, at[5]), damaged.substr(at[2]),
+          damaged.substr(0, at[4]) + "x" + damaged.substr(at[4])}) {
         put_bytes(source);
         QTRACE_Recovery recovery;
         ASSERT_EQ(qtrace_recover(name_.c_str(), (folder_ / "saved").c_str(), &recovery, nullptr), 0);
@@ -283,6 +284,23 @@ TEST_F(cut, of_everything_of_a_damaged_file_is_its_recovery)
         EXPECT_TRUE(cut_of(saved, all()) == saved);
         expect_range(source, 100, ALL);
     }
+}
+
+TEST_F(cut, ends_before_a_header_at_the_end_of_a_block)
+{
+    // The third header's comment needs a block of its own, so that the second one ends the block before.
+    Random_Trace chance(7);
+    const QTRACE_FDESCR file = open();
+    write(file, chance.plausible_header(), "KelvoVer:3");
+    for (int i = 0; i < 10; ++i)
+        write(file, chance.plausible_record());
+    write(file, chance.plausible_header());
+    write(file, chance.plausible_header(), std::string(20'000, 'c'));
+    write(file, chance.plausible_record());
+    QTRACE_Fclose(file);
+    for (const uint64_t most : {9, 10, 11, 12})
+        for (const uint64_t from : {0, 1, 2})
+            expect_range(bytes(), from, most);
 }
 
 TEST_F(cut, does_not_look_at_what_is_ruled_out)
