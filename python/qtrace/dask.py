@@ -196,7 +196,7 @@ class _Targets:
 
     def add(self, address: str, times: int) -> None:
         if address not in self.counts:
-            while len(self.counts) >= _TARGETS:
+            while len(self.counts) == _TARGETS:
                 self.make_room()
             self.counts[address] = 0
         self.counts[address] += times

@@ -84,6 +84,8 @@ class Parts(InFolder):
     def test_partitions_are_of_records_alone(self):
         maker = Trace_Maker().record().end().header(control=0x20, pid=1).end().record().end(LAST)
         self.assertEqual(self.parts(maker.blocks, 1), [(5, 0, 1), (5, 1, 1)])
+        maker = Trace_Maker().record().end().header(control=0x20, pid=1).end(LAST)
+        self.assertEqual(self.parts(maker.blocks, 1), [(5, 0, 1)])
         first, _, last = blocks_of(2, 3)
         self.assertEqual(self.parts([first, last], 2), [(5, 0, 4), (5, 4, 2)])
         self.assertEqual(self.parts([], 2), [])
