@@ -108,7 +108,7 @@ def _empty_frame(columns: Sequence[str], on_damage: str) -> pd.DataFrame:
     if on_damage == "mark":
         kinds["discontinuity"] = np.dtype(bool)
     index = pd.Index(np.empty(0, np.int64), name="key")
-    return pd.DataFrame({name: np.empty(0, kind) for name, kind in kinds.items()}, index=index)
+    return pd.DataFrame({name: np.empty(len(index), kind) for name, kind in kinds.items()}, index=index)
 
 
 def frame(

@@ -114,5 +114,5 @@ def read_pte(name: Name, kind: str) -> pd.DataFrame:
     size = os.stat(name).st_size
     if size % (8 * len(columns)):
         raise ValueError(f"{os.fspath(name)}: {size} bytes are no whole number of accesses of {8 * len(columns)} bytes")
-    words = np.fromfile(name, ">u8").astype("u8").reshape(-1, len(columns))
-    return pd.DataFrame({column: words[:, i].copy() for i, column in enumerate(columns)})
+    accesses = np.fromfile(name, [(column, ">u8") for column in columns])
+    return pd.DataFrame({column: accesses[column].astype("u8") for column in columns})

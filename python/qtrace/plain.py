@@ -1097,7 +1097,7 @@ def is_before(item, first):
         case Record():
             return item.number < first
         case Discontinuity():
-            return item.record_number < first and first - item.record_number > item.records
+            return item.record_number + item.records < first
     return item.record_number < first
 
 

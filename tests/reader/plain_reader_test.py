@@ -247,6 +247,28 @@ class Values(In_Folder):
         self.assertEqual(self.lines(self.read(*maker.blocks)), [json.loads(line) for line in maker.lines()])
 
 
+    def test_rare_members_of_registers_are_those_of_the_image(self):
+        for i, (name, count, offset, room, words) in enumerate(make_corpus.LISTS):
+            for places in (range(room), [room - 1], [0], []):
+                image = bytearray(2936)
+                image[1352 + i] = 0xA4
+                for place in places:
+                    entry = struct.pack(f"<H6x{words}Q", place + 1, *[(place + 1) << 56 | word for word in range(1, words + 1)])
+                    image[offset + place * len(entry) : offset + (place + 1) * len(entry)] = entry
+                payload = make_corpus.payload([b"", b"\x80\2", *[b""] * 7, sparse(image)])
+                [record] = self.read(make_corpus.block(payload, 1, flags=LAST))
+                self.assertEqual(record.image(), image, name)
+                self.assertEqual(len(getattr(record, name)), max(places, default=-1) + 1)
+                # The same beside a coded entry, whose bits are kept.
+                shape = varint(1 << i) + b"\1" + varint(0x8000)
+                coded = [b"", b"\xc4\2", b"", shape, *[b""] * 3, b"\x0a" * words, b"\x80" * words, sparse(image)]
+                [record] = self.read(make_corpus.block(make_corpus.payload(coded), 1, flags=LAST))
+                image[1352 + i] |= 1
+                image[offset + 1] |= 0x80
+                for word in range(words):
+                    image[offset + 8 + 8 * word] |= 0x80
+                self.assertEqual(record.image(), image, name)
+
     def test_control_words_are_numbered_in_their_order(self):
         word = struct.pack("<Q", 1 << 16)
         for shape, control in ((b"\0" + word, 1 << 16), (b"\1" + word, None), (b"\xff" + word, None)):
