@@ -414,7 +414,7 @@ class Discontinuity:
 
 def crc32c_table():
     table = []
-    for value in range(256):
+    for value in bytes(range(256)):
         for _ in range(8):
             value = value >> 1 ^ (0x82F63B78 if value & 1 else 0)
         table.append(value)
@@ -856,17 +856,14 @@ def add_rare_fields(record, image):
             setattr(record, count, getattr(record, count) | image[COUNTS_OFFSET + i])
         size = ENTRY[words].size
         area = image[offset : offset + room * size]
-        entries = list(getattr(record, name))
         # Padding between number and values may hold anything, and makes no entry.
         more = [ENTRY[words].unpack_from(area, at) for at in range(0, len(area), size)]
         while more and not any(more[-1]):
             more.pop()
         if not more:
             continue
-        entries += [(0,) * (words + 1)] * (len(more) - len(entries))
-        for at, values in enumerate(more):
-            entries[at] = tuple(a | b for a, b in zip(entries[at], values))
-        setattr(record, name, tuple(entries))
+        pairs = itertools.zip_longest(getattr(record, name), more, fillvalue=itertools.repeat(0))
+        setattr(record, name, tuple(tuple(a | b for a, b in zip(*pair)) for pair in pairs))
 
 
 # ---- Blocks and files ----------------------------------------------------------------------------------

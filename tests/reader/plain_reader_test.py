@@ -20,7 +20,7 @@ sys.path[:0] = [str(ROOT / "python"), str(ROOT / "tests/golden/format")]
 
 import make_corpus  # noqa: E402
 from make_corpus import (  # noqa: E402
-    COMMENT, COMMENT_BEFORE, DATA, DATAS, FILE_START, GAP, KIND, KNOWN, LAST, LEFT_OUT, MASK64, NEXT, OPEN, SHAPE,
+    COMMENT, COMMENT_BEFORE, DATA, DATAS, FILE_START, GAP, KIND, KNOWN, LAST, LEFT_OUT, MASK64, NEXT, NEXTS, OPEN, SHAPE,
     VALUE, WORD, Trace_Maker, list_bytes, literal, sparse, varint, with_flags, zigzag,
 )  # fmt: skip
 from qtrace import plain  # noqa: E402
@@ -95,6 +95,25 @@ class Pieces(unittest.TestCase):
         self.assertEqual((plain.Record().address, plain.Header().comment), (None, None))
         self.assertEqual({getattr(plain.Record(), count) for _, count, *_ in plain.REGISTER_LISTS}, {0})
         self.assertEqual({getattr(plain.Record(), name) for name, *_ in plain.REGISTER_LISTS}, {()})
+
+    def test_members_of_a_translation(self):
+        def members(words, address=0x7654321):
+            return plain.Translation((*words, *[0] * (32 - len(words)))).members("data", address)
+
+        for words, expected in (
+            ([], {}), ([1 << 56], {"data_hRTW_depth": 1}), ([1 << 55], {"data_vsid": 1 << 55}),
+            ([MASK64], {"data_vsid": (1 << 56) - 1, "data_hRTW_depth": 255}),
+            ([0, 1], {"data_rpn": 1}), ([0, 1 << 31], {"data_rpn": 1 << 31}), ([0, 1 << 32], {"data_hRTW_num_level": 1}),
+            ([0, 1 << 39], {"data_hRTW_num_level": 128}), ([0, 1 << 40], {"data_page_size": 1}),
+            ([0, 1 << 47], {"data_page_size": 128}), ([0, 1 << 48], {"data_gpage_size": 1}), ([0, 1 << 55], {"data_gpage_size": 128}),
+            ([0, 1 << 56], {}), ([0] * 2 + [1], {"data_hRTW": (1, *[0] * 19)}), ([0] * 21 + [1], {"data_hRTW": (*[0] * 19, 1)}),
+            ([0] * 22 + [1], {"data_hRTW_host_RA": (1, 0, 0, 0)}), ([0] * 25 + [1], {"data_hRTW_host_RA": (0, 0, 0, 1)}),
+            ([0] * 26 + [1], {"data_gRTW": (1, 0, 0, 0, 0, 0)}), ([0] * 30 + [1], {"data_gRTW": (0, 0, 0, 0, 1, 0)}),
+        ):  # fmt: skip
+            self.assertEqual(members(words), expected, words)
+        # A guest address of the first page stands as it is, others without the place in the page.
+        for word, guest in ((1, 1), (0x800, 0x800), (0xFFF, 0xFFF), (0x1000, 0x1321), (0x1FFF, 0x1CDE), (1 << 63, 1 << 63 | 0x321)):
+            self.assertEqual(members([0] * 31 + [word]), {"data_gRTW": (0, 0, 0, 0, 0, guest)})
 
     def test_losses_are_told_in_words(self):
         lost = plain.Discontinuity(plain.DAMAGE, 16, "missing blocks", 7, 2, True, 1)
@@ -201,6 +220,66 @@ class In_Folder(unittest.TestCase):
 
     def lines(self, items):
         return [json.loads(json.dumps(item.for_json())) for item in items]
+
+
+def slot_of(key, bits):
+    return (key * 0x9E3779B97F4A7C15 & MASK64) >> 64 - bits
+
+
+def pair(keys, shared, bits):
+    """Two keys that share a slot of so many bits, but not one of a bit more; or share one of a bit less alone."""
+    seen = {}
+    for key in keys:
+        slots = [slot_of(key, bits + more) for more in (-1, 0, 1)]
+        other = seen.setdefault(slots[1 if shared else 0], key)
+        if other != key and slot_of(other, bits + shared) != slots[1 + shared]:
+            return other, key
+    raise AssertionError("no such pair")
+
+
+class Slots(In_Folder):
+    """What is remembered for one key is expected for those that share its slot, and for no other."""
+
+    def assert_read(self, maker):
+        maker.end(LAST)
+        self.assertEqual(self.lines(self.read(*maker.blocks)), [json.loads(line) for line in maker.lines()])
+
+    def test_of_addresses_of_instructions(self):
+        pairs = [(0x1000, 0x1003, True), (0x1000, 0x1004, False), (0x1004, 0x1007, True)]
+        pairs += [(*(4 * key for key in pair(range(1, 5000), shared, 11)), shared) for shared in (True, False)]
+        for one, other, shared in pairs:
+            maker = Trace_Maker().header(file_control=0x2000, iar=one).record(instruction=5)
+            maker.header(file_control=0x2000, iar=other)
+            maker.coded(b"\0", {}, instruction=5 if shared else 0)
+            maker.end(LAST)
+            found = [item for item in self.read(*maker.blocks) if not isinstance(item, plain.Discontinuity)]
+            self.assertEqual(self.lines(found), [json.loads(line) for line in maker.lines()])
+
+    def test_of_instruction_words(self):
+        for shared in (True, False):
+            one, other = pair(range(1, 5000), shared, 10)
+            maker = Trace_Maker().record(instruction=one, control=1 << 16)
+            maker.coded(b"\1", {WORD: struct.pack("<I", other)}, instruction=other, control=1 << 16 if shared else 0)
+            self.assert_read(maker)
+
+    def test_of_pages(self):
+        for side, control, name, bits in (("data", DATA, "data_ea", 32), ("next_instruction", NEXT, "next_instruction_ea", 16)):
+            pairs = [(0x5000, 0x5FFF, True), (0x5000, 0x6000, False), (0x6000, 0x7000, False)]
+            pairs += [(*(key << 12 for key in pair(range(1, 5000), shared, 7)), shared) for shared in (True, False)]
+            for one, other, shared in pairs:
+                maker = Trace_Maker().record(control=control, **{name: one, f"{side}_rpn": 9})
+                column = {DATAS: b"\2" + zigzag(other)} if side == "data" else {NEXTS: zigzag(other - maker.address)}
+                rpn = {f"{side}_rpn": 9} if shared else {}
+                maker.coded(bytes([2 | bits]), {SHAPE: b"\0", **column}, control=control, **{name: other}, **rpn)
+                self.assert_read(maker)
+
+    def test_of_addresses_of_values(self):
+        for shared in (True, False):
+            one, other = pair(range(1, 5000), shared, 10)
+            maker = Trace_Maker().record(control=DATA, data_ea=one, num_gprs_out=1, gpr_out=((3, 0x77),))
+            maker.coded(bytes([2 | 4 | 32]), {SHAPE: b"\0" + list_bytes([], [4]), DATAS: b"\2" + zigzag(other), KIND: b"\2"},
+                        control=DATA, data_ea=other, num_gprs_out=1, gpr_out=((4, 0x77 if shared else 0),))  # fmt: skip
+            self.assert_read(maker)
 
 
 class Values(In_Folder):
