@@ -216,6 +216,16 @@ TEST(report_thread, working_set_has_the_pages_of_each_size_used_in_a_bin)
     EXPECT_THAT(set[8], ElementsAre(0, 0, 0));
 }
 
+TEST(report_thread, working_set_has_the_page_at_4K_in_each_bin)
+{
+    Fed_Thread thread(0, 240);
+    for (int i = 0; i < 3; i++)
+        thread.access(0x1800, 0x1000);
+    const auto &set = thread.finished().working_set;
+    for (const size_t bin : {0, 1, 2})
+        EXPECT_EQ(set[bin][0], 1u) << bin;
+}
+
 // ---- Data ----------------------------------------------------------------------------------------------
 
 TEST(report_thread, tells_stores_from_other_accesses)

@@ -523,6 +523,12 @@ TEST(alignment, eight_records_in_a_row_belong_together_and_seven_may_not)
     }
 }
 
+TEST(alignment, records_in_a_row_at_the_end_belong_together)
+{
+    EXPECT_EQ(begun(records(joined({row(100, 3), row(0, 8)})), records(joined({row(200, 5), row(0, 8)}))),
+              (Steps{{0, 3, 5}, {8, 0, 0}}));
+}
+
 // The same instructions with other registers.
 TEST(alignment, thirty_two_places_in_a_row_belong_together_and_31_may_not)
 {
@@ -673,6 +679,23 @@ TEST(diff_details, of_headers_are_those_of_the_first_16)
 }
 
 // ---- More of keys --------------------------------------------------------------------------------------
+
+TEST(diff_keys, depend_on_every_byte_of_a_member)
+{
+    const QTRACE_Item base = with_address(good_trace()[NESTED_LOAD], 0x1000);
+    const qtrace_tool::Record_Hash hash({});
+    std::set<uint64_t> contents = {hash(base).content};
+    size_t bytes = 0;
+    for (const char *name : {"data_ea", "data_rpn", "data_gRTW", "data_hRTW"}) {
+        const trace::Trace_Member &member = *trace::find_record_member(name);
+        for (size_t i = 0; i < member.size; i++, bytes++) {
+            QTRACE_Item changed = base;
+            reinterpret_cast<uint8_t *>(&changed.record)[member.offset + i] ^= 0x80;
+            contents.insert(hash(changed).content);
+        }
+    }
+    EXPECT_EQ(contents.size(), 1 + bytes);
+}
 
 TEST(diff_keys, leave_out_what_is_ignored_and_tell_everything_else_apart)
 {

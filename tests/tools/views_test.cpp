@@ -420,6 +420,16 @@ TEST(record_line, registers_alone_are_listed_in_words)
     EXPECT_EQ(registers_text(registers), "out r3=0xab");
 }
 
+TEST(record_line, walks_without_an_entry_are_a_dash)
+{
+    const QTRACE_RECORD record = planted::plain_record(1);
+    for (const char *name : {"data_gRTW", "data_hRTW", "data_hRTW_host_RA"})
+        EXPECT_EQ(value_text(*trace::find_record_member(name), record), "-");
+    QTRACE_RECORD one = record;
+    one.data_hRTW[0].RTPTE_ra[7] = 0x10;
+    EXPECT_EQ(value_text(*trace::find_record_member("data_hRTW"), one), "0,0,0,1000000000000000");
+}
+
 TEST(discontinuity_line, tells_what_is_lost)
 {
     QTRACE_Item item{};

@@ -34,12 +34,12 @@ void Heat_Map::merge_pairs()
             to[bin] += row[bin];
     }
     rows_ = std::move(merged);
-    last_first_ = 1;
+    last_first_ = NO_PLACE;
 }
 
 void Heat_Map::shrink(size_t most)
 {
-    while (rows_.size() > most && bits_ < 60)
+    while (rows_.size() > most)
         merge_pairs();
 }
 
@@ -194,7 +194,7 @@ void Thread_Data::enter_process(const Access_Entry &entry)
 void Thread_Data::start_bin(size_t bin)
 {
     last_bin_ = bin;
-    last_fetch_page_ = last_data_page_ = 1;
+    last_fetch_page_ = last_data_page_ = NO_PLACE;
     for (Distinct_Keys &keys : distinct_)
         keys.start();
 }

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <deque>
+#include <limits>
 #include <map>
 #include <string>
 #include <unordered_map>
@@ -14,7 +15,8 @@
 namespace qtrace_tool
 {
 
-inline constexpr size_t REPORT_BINS = 240; // of every picture over time
+inline constexpr size_t REPORT_BINS = 240;                                 // of every picture over time
+inline constexpr uint64_t NO_PLACE = std::numeric_limits<uint64_t>::max(); // no range, no page
 
 // Accesses by address and time. Addresses are in ranges of 64 KiB; while there are too many, pairs are merged.
 class Heat_Map
@@ -22,7 +24,7 @@ class Heat_Map
 public:
     using Row = std::array<uint32_t, REPORT_BINS>;
     void count(uint64_t address, size_t bin);
-    // Halves the number of ranges until there are at most so many.
+    // Halves the number of ranges until there are at most so many, 2 or more.
     void shrink(size_t most);
     unsigned range_bits() const { return bits_; }
     const std::map<uint64_t, Row> &rows() const { return rows_; } // by first address
@@ -33,7 +35,7 @@ private:
 
     unsigned bits_ = 16;
     std::map<uint64_t, Row> rows_;
-    uint64_t last_first_ = 1; // never a first address
+    uint64_t last_first_ = NO_PLACE;
     Row *last_row_ = nullptr;
 };
 
@@ -144,7 +146,8 @@ private:
     uint64_t first_, end_, bin_records_;
     size_t last_bin_ = 0;
     std::array<Distinct_Keys, std::size(WORKING_SET_BITS)> distinct_;
-    uint64_t last_fetch_page_ = 1, last_data_page_ = 1; // 4 KiB pages, added to the working set already
+    uint64_t last_fetch_page_ = NO_PLACE,
+             last_data_page_ = NO_PLACE; // 4 KiB pages, added to the working set already
     std::array<uint32_t, REPORT_BINS> *process_ = nullptr;
     bool header_seen_ = false;
 };

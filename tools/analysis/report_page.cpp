@@ -172,7 +172,7 @@ private:
     Json processes_json(Thread_Data &thread);
     Json thread_json(Thread_Data &thread);
     Json heat_json(Heat_Map &map, const Thread_Data &thread, const char *what, bool pc);
-    size_t heat_rows() const { return std::clamp<size_t>(240 / std::max<size_t>(1, threads_.size()), 24, 96); }
+    size_t heat_rows() const { return std::clamp<size_t>(240 / threads_.size(), 24, 96); }
     std::string named(uint64_t address) const { return report_.names->text(address); }
 
     Report &report_;
