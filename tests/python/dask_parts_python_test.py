@@ -139,7 +139,7 @@ class Parts(InFolder):
     # ---- The command ----
 
     def program(self, *names, text="exit 0", mode=0o755):
-        path = self.folder.joinpath(*names)
+        path = self.folder.resolve().joinpath(*names)
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text(f"#!/bin/sh\n{text}\n")
         path.chmod(mode)
