@@ -6,8 +6,10 @@ Blocks and payloads are encoded from the format's description; expectations are 
 import contextlib
 import io
 import json
+import os
 import pathlib
 import struct
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -500,6 +502,18 @@ class Command(In_Folder):
             self.assertEqual(self.run_main(*files)[2], expected, files)
         out, errors, _ = self.run_main(none, good)
         self.assertEqual((len(out), errors), (9, [f"{none}: no trace file"]))
+
+    def test_a_reader_that_goes_away_ends_it_quietly(self):
+        maker = Trace_Maker()
+        for number in range(400):
+            maker.record(instruction=number)
+        name = self.write(*maker.end(LAST).blocks)
+        reading, writing = os.pipe()
+        os.close(reading)
+        self.addCleanup(os.close, writing)
+        done = subprocess.run([sys.executable, "-m", "qtrace.plain", name], stdout=writing, stderr=subprocess.PIPE,
+                              env=os.environ | {"PYTHONPATH": str(ROOT / "python")}, check=False)  # fmt: skip
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
 
     def test_comments_and_contexts_are_shown(self):
         maker = Trace_Maker().header(file_control=0x2000, iar=0x1000, comment=b"caf\xe9").record()
