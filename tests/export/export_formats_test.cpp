@@ -9,11 +9,17 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <csignal>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <regex>
 #include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 #include <vector>
 
 using namespace planted;
@@ -838,4 +844,177 @@ TEST(ctf_export, begins_another_packet_when_one_is_large)
     }
     EXPECT_EQ(first, EVENTS);
     EXPECT_GT(packets, 3u);
+}
+
+// ---- Files and folders -----------------------------------------------------------------------------------
+
+namespace
+{
+
+std::string refusal_of_folder(const std::string &name, bool replace)
+{
+    try {
+        const Output_Folder folder(name, replace);
+        return "";
+    } catch (const std::exception &error) {
+        return error.what();
+    }
+}
+
+mode_t permissions_of(const std::string &name)
+{
+    struct stat status {
+    };
+    EXPECT_EQ(stat(name.c_str(), &status), 0) << name;
+    return status.st_mode & 07777;
+}
+
+// The lowest descriptor that is free.
+int free_descriptor()
+{
+    const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(descriptor);
+    return descriptor;
+}
+
+bool interrupts_are_caught(int signal)
+{
+    struct sigaction action {
+    };
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler != SIG_DFL;
+}
+
+} // namespace
+
+TEST(output_place, has_the_permissions_that_the_user_gives_new_files)
+{
+    const mode_t before = umask(0);
+    const Export_Run run;
+    {
+        Output_File file(run.folder.path("file"), false);
+        file.finish();
+        Output_Folder folder(run.folder.path("folder"), false);
+        folder.metadata()->close();
+        folder.finish();
+    }
+    umask(before);
+    EXPECT_EQ(permissions_of(run.folder.path("file")), 0666u);
+    EXPECT_EQ(permissions_of(run.folder.path("folder")), 0777u);
+    EXPECT_EQ(permissions_of(run.folder.path("folder/metadata")), 0666u);
+}
+
+TEST(output_place, leaves_no_descriptor_open_and_closes_no_other)
+{
+    const Folder home;
+    const int first = free_descriptor();
+    for (const bool finished : {false, true}) {
+        Output_File file(home.path("file"), true);
+        if (finished)
+            file.finish();
+    }
+    for (const bool finished : {false, true}) {
+        const Output_Folder folder(home.path("folder"), true);
+        const std::unique_ptr<Folder_File> stream = folder.stream(0);
+        if (finished)
+            stream->close();
+    }
+    EXPECT_EQ(free_descriptor(), first);
+}
+
+TEST(output_place, is_removed_on_an_interrupt_only_while_it_is_unfinished)
+{
+    const Folder home;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        EXPECT_FALSE(interrupts_are_caught(signal));
+        {
+            const Output_File file(home.path("file"), true);
+            EXPECT_TRUE(interrupts_are_caught(signal));
+        }
+        EXPECT_FALSE(interrupts_are_caught(signal));
+        EXPECT_THROW(Output_File(home.path("no/such/folder"), true), std::system_error);
+        EXPECT_FALSE(interrupts_are_caught(signal));
+        {
+            const Output_Folder folder(home.path("folder"), true);
+            EXPECT_TRUE(interrupts_are_caught(signal));
+        }
+        EXPECT_THROW(Output_Folder(home.path("no/such/folder"), true), std::system_error);
+        EXPECT_FALSE(interrupts_are_caught(signal));
+    }
+}
+
+TEST(output_place, is_not_replaced_when_the_name_came_into_being_meanwhile)
+{
+    const Folder home;
+    {
+        Output_File file(home.path("file"), false);
+        home.text("file", "somebody else's");
+        EXPECT_THROW(file.finish(), std::system_error);
+        Output_Folder folder(home.path("folder"), false);
+        home.text("folder", "somebody else's");
+        EXPECT_THROW(folder.finish(), std::system_error);
+    }
+    EXPECT_EQ(home.contents("file"), "somebody else's");
+    EXPECT_EQ(home.contents("folder"), "somebody else's");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home.path("")), {}), 2);
+}
+
+TEST(output_place, replaces_a_folder_of_an_export_alone)
+{
+    const auto refusal = [](const std::vector<std::string> &files) {
+        const Folder home;
+        std::filesystem::create_directory(home.path("old"));
+        for (const std::string &name : files)
+            home.text("old/" + name, "old");
+        EXPECT_THAT(refusal_of_folder(home.path("old"), false), HasSubstr("exists already"));
+        const std::string text = refusal_of_folder(home.path("old"), true);
+        EXPECT_TRUE(text.empty() ||
+                    text == home.path("old") + " has other files than an export; --force does not replace it")
+            << text;
+        return !text.empty();
+    };
+    EXPECT_FALSE(refusal({}));
+    EXPECT_FALSE(refusal({"metadata", "stream0", "stream9", "stream10"}));
+    for (const char *other : {"stream", "stream1x", "streamx", "stream:", "metadata2", "tream0"})
+        EXPECT_TRUE(refusal({"metadata", other})) << other;
+    const Folder home;
+    std::filesystem::create_directories(home.path("old/stream0"));
+    EXPECT_THAT(refusal_of_folder(home.path("old"), true), HasSubstr("has other files"));
+    home.text("file", "old");
+    std::filesystem::create_directory_symlink(home.path("old"), home.path("link"));
+    EXPECT_EQ(refusal_of_folder(home.path("link"), true), ""); // the link is replaced, not what it leads to
+    EXPECT_EQ(refusal_of_folder(home.path("file"), true), "");
+}
+
+TEST(output_place, has_a_name_without_slashes_at_the_end)
+{
+    const Folder home;
+    for (const char *slashes : {"", "/", "//"}) {
+        Output_Folder folder(home.path("out") + slashes, true);
+        EXPECT_EQ(folder.name(), home.path("out"));
+        folder.finish();
+    }
+    for (const char *root : {"/", "//"})
+        EXPECT_THAT(refusal_of_folder(root, false), testing::StartsWith("/ exists already"));
+}
+
+TEST(output_place, is_complete_or_absent)
+{
+    const Folder home;
+    {
+        Output_File file(home.path("file"), false);
+        file.out().put("text");
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(home.path("")));
+    {
+        Output_File file(home.path("file"), false);
+        file.out().put("text");
+        file.finish();
+    }
+    EXPECT_EQ(home.contents("file"), "text");
+    {
+        const Output_Folder folder(home.path("folder"), false);
+        folder.stream(12)->close();
+    }
+    EXPECT_FALSE(std::filesystem::exists(home.path("folder")));
 }

@@ -718,38 +718,66 @@ TEST(check_after_losses, everything_else_is)
 namespace
 {
 
-// The rules that are broken where each item is checked by a checker of its own, and then put together.
-std::vector<std::string> broken_in_pieces(const Trace &trace)
+// The rules that are broken where every `size` items are checked by a checker of their own, and then put together.
+std::vector<std::string> broken_in_pieces(const std::string &file, size_t size)
 {
-    const Folder folder;
     std::vector<std::string> broken;
     const auto report = [&](const qtrace_tool::Violation &v) { broken.push_back(v.rule.name); };
-    qtrace_tool::Trace_Checker whole(report);
-    QTRACE_Reader *reader = qtrace_open(folder.write("trace0", trace).c_str(), nullptr);
-    const QTRACE_FILE_HDR *context = nullptr;
-    QTRACE_FILE_HDR last{};
-    for (const QTRACE_Item *item; qtrace_next(reader, &item) != QTRACE_ITEM_END;) {
-        std::vector<qtrace_tool::Deferred_Item> deferred;
-        qtrace_tool::Trace_Checker piece(
-            report, [&](qtrace_tool::Deferred_Item &&later) { deferred.push_back(std::move(later)); });
-        if (item->kind != QTRACE_ITEM_HEADER && item->kind != QTRACE_ITEM_RECORD)
-            continue;
-        piece.begin(context);
-        item->kind == QTRACE_ITEM_HEADER ? piece.header(*item) : piece.record(*item);
+    std::vector<qtrace_tool::Deferred_Item> deferred;
+    const auto defer = [&](qtrace_tool::Deferred_Item &&later) { deferred.push_back(std::move(later)); };
+    qtrace_tool::Trace_Checker whole(report), piece(report, defer);
+    const auto put_together = [&] {
         for (const qtrace_tool::Deferred_Item &later : deferred)
             whole.judge(later);
+        deferred.clear();
         whole.append(piece);
+    };
+    QTRACE_Reader *reader = qtrace_open(file.c_str(), nullptr);
+    const QTRACE_FILE_HDR *context = nullptr;
+    QTRACE_FILE_HDR last{};
+    size_t items = 0;
+    for (const QTRACE_Item *item; qtrace_next(reader, &item) != QTRACE_ITEM_END;) {
+        if (item->kind != QTRACE_ITEM_HEADER && item->kind != QTRACE_ITEM_RECORD)
+            continue;
+        if (items++ % size == 0) {
+            put_together();
+            piece.begin(context);
+        }
+        item->kind == QTRACE_ITEM_HEADER ? piece.header(*item) : piece.record(*item);
         if (item->kind == QTRACE_ITEM_HEADER) {
             last = item->header;
             context = &last;
         }
     }
+    put_together();
     qtrace_close(reader);
     whole.end();
     return broken;
 }
 
+std::vector<std::string> broken_in_pieces(const Trace &trace)
+{
+    const Folder folder;
+    return broken_in_pieces(folder.write("trace0", trace), 1);
+}
+
 } // namespace
+
+TEST(check_in_pieces, the_same_is_found_as_in_the_whole)
+{
+    const Folder folder;
+    for (const std::string &name : planted_rules()) {
+        if (name == "partition-before-header") // then its header is in force in the next piece
+            continue;
+        Trace trace = good_trace();
+        change_for (*std::ranges::find(check_rules(), name, &Check_Rule::name))(trace);
+        const std::string file = folder.write("trace0", trace);
+        const std::vector<std::string> whole = broken_in_pieces(file, trace.size() + 1);
+        EXPECT_THAT(whole, testing::Contains(name));
+        for (const size_t size : {1, 2, 3, 5})
+            EXPECT_EQ(broken_in_pieces(file, size), whole) << name << size;
+    }
+}
 
 TEST(check_in_pieces, items_are_judged_by_those_of_earlier_pieces)
 {
@@ -819,4 +847,281 @@ TEST(check, passes_over_rules_that_are_ignored)
     Trace trace = good_trace();
     trace[TAKEN_BRANCH].record.termination_code = 3;
     EXPECT_EQ(qtrace({"check", "--ignore", "termination-code", folder.write("trace0", trace)}).exit_code, 0);
+}
+
+// ---- What a finding shows --------------------------------------------------------------------------------
+
+namespace
+{
+
+// Findings in full: "header before record 9 at 4000: ... (values) [rule]" without the file's name.
+std::vector<std::string> findings(const std::function<void(Trace &)> &change)
+{
+    const Folder folder;
+    Trace trace = good_trace();
+    change(trace);
+    const std::string file = folder.write("trace0", trace);
+    std::istringstream lines(qtrace({"check", file}).out);
+    std::vector<std::string> found;
+    for (std::string line; std::getline(lines, line);)
+        if (line.ends_with("]"))
+            found.push_back(line.substr(file.size() + 2));
+    return found;
+}
+
+} // namespace
+
+TEST(check_findings, tell_the_header_or_record_its_address_and_the_values)
+{
+    EXPECT_THAT(findings([](Trace &t) { t.push_back(t[SECOND_HEADER]); }),
+                ElementsAre("header before record 11 at 0000000000004000: no record follows a file header "
+                            "[header-without-record]"));
+    EXPECT_THAT(findings([](Trace &t) { t.push_back(t[PARTITION]); }),
+                ElementsAre("header before record 11 at 0000000000004008: no record follows a file header "
+                            "[header-without-record]"));
+    EXPECT_THAT(findings([](Trace &t) { t.resize(UNTAKEN_BRANCH + 1); }),
+                ElementsAre("record 4 at 0000000000002004: the last record of a trace segment tells its successor "
+                            "[segment-continued]"));
+    EXPECT_THAT(
+        findings([](Trace &t) { t[PARTITION].header.sec_ext_controlword.instruction = 7; }),
+        ElementsAre("header before record 5 at 0000000000002008: a member of a file header is filled that no "
+                    "producer fills [header-unused-members]"));
+    EXPECT_THAT(
+        findings([](Trace &t) { t[SECOND_HEADER].header.iar[0] = 2; }),
+        ElementsAre("header before record 9 at 0000000000004002: the instruction address of a file header is "
+                    "not a multiple of 4 (iar 0000000000004002) [header-alignment]"));
+}
+
+TEST(check_findings, show_the_flags_or_members_that_explain_them)
+{
+    const auto values = [](const std::function<void(Trace &)> &change) {
+        const std::vector<std::string> found = findings(change);
+        EXPECT_EQ(found.size(), 1u);
+        const std::string &line = found.at(0);
+        const size_t begin = line.rfind(" (");
+        return begin == std::string::npos ? "" : line.substr(begin + 2, line.rfind(") [") - begin - 2);
+    };
+    EXPECT_EQ(values([](Trace &t) { flags(t, PLAIN)._reserved_13 = flags(t, PLAIN)._reserved_14 = 1; }),
+              "_reserved_14 _reserved_13");
+    EXPECT_EQ(values([](Trace &t) { t[SECOND_HEADER].header.control._reserved_12 = 1; }), "_reserved_12");
+    EXPECT_EQ(values([](Trace &t) { t[TAKEN_BRANCH].record.termination_node = 1; }), "node 0, termination_node 1");
+    EXPECT_EQ(values([](Trace &t) { t[STRING].record.length = 0xFFFF; }), "length 65535");
+    EXPECT_EQ(values([](Trace &t) { t[PLAIN].record.secondary_data_page_size = 3; }), "secondary_data_page_size 3");
+    EXPECT_EQ(values([](Trace &t) {
+                  t[PLAIN].record.secondary_data_page_size = 3;
+                  t[PLAIN].record.is_speculative = 2;
+              }),
+              "is_speculative 2, secondary_data_page_size 3");
+}
+
+// ---- Both sides of every condition -----------------------------------------------------------------------
+
+TEST(check, a_next_sequential_address_within_a_run_has_a_reason)
+{
+    const auto name_next = [](Trace &t, uint8_t low) {
+        flags(t, LOAD).next_instruction_EA_present = flags(t, LOAD).node_present = 1;
+        t[LOAD].record.next_instruction_ea[0] = low;
+        t[LOAD].record.next_instruction_ea[1] = 0x10;
+    };
+    EXPECT_THAT(broken_by([&](Trace &t) { name_next(t, 8); }), IsEmpty());
+    EXPECT_THAT(broken_by([&](Trace &t) {
+                    name_next(t, 8);
+                    flags(t, LOAD).termination_present = 1;
+                    t[LOAD].record.termination_code = 64;
+                }),
+                ElementsAre("address-without-reason"));
+    EXPECT_THAT(broken_by([](Trace &t) { set_modes(t[LOAD], Side::next, 0, 2); }), ElementsAre("next-mode-pair"));
+}
+
+TEST(check, registers_beyond_the_count_are_found_in_every_class)
+{
+    const auto last_filled = [](auto member) {
+        return broken_by([member](Trace &t) { std::end(t[STRING].record.regs.*member)[-1].index = 1; });
+    };
+    const testing::Matcher<const std::set<std::string> &> beyond = ElementsAre("registers-beyond-count");
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::gpr_in), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::gpr_out), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::fpr_in), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::fpr_out), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::spr_in), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::spr_out), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::vmxr_in), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::vmxr_out), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::vsxr_in), beyond);
+    EXPECT_THAT(last_filled(&QTRACE_REGISTERS::vsxr_out), beyond);
+    EXPECT_THAT(broken_by([](Trace &t) { t[STRING].record.regs.gpr_in[2].index = 1; }), beyond);
+    // a full list leaves no room
+    EXPECT_THAT(broken_by([](Trace &t) {
+                    t[STRING].record.regs.num_fprs_in = 3;
+                    t[STRING].record.regs.fpr_in[2].index = 1;
+                }),
+                IsEmpty());
+}
+
+TEST(check, a_register_is_written_once_and_may_be_read_twice)
+{
+    const auto written = [](std::vector<uint16_t> indexes) {
+        return broken_by([&](Trace &t) {
+            for (const uint16_t index : indexes)
+                t[STRING].record.regs.fpr_out[t[STRING].record.regs.num_fprs_out++].index = index;
+        });
+    };
+    for (const std::vector<uint16_t> &twice :
+         std::vector<std::vector<uint16_t>>{{1, 1}, {1, 1, 2}, {1, 2, 1}, {2, 1, 1}})
+        EXPECT_THAT(written(twice), ElementsAre("register-written-twice"));
+    EXPECT_THAT(written({1, 2, 3}), IsEmpty());
+    EXPECT_THAT(broken_by([](Trace &t) { t[STRING].record.regs.gpr_in[1] = t[STRING].record.regs.gpr_in[0]; }),
+                IsEmpty());
+}
+
+TEST(check, announced_registers_are_listed_whatever_entries_hold)
+{
+    EXPECT_THAT(broken_by([](Trace &t) {
+                    flags(t, PLAIN).register_trace_present = 1;
+                    t[PLAIN].record.regs.spr_out[0].index = 0x101;
+                }),
+                ElementsAre("registers-beyond-count", "registers-empty"));
+    for (const auto count : {&QTRACE_REGISTERS::num_sprs_out, &QTRACE_REGISTERS::num_gprs_in})
+        EXPECT_THAT(broken_by([&](Trace &t) {
+                        flags(t, PLAIN).register_trace_present = 1;
+                        t[PLAIN].record.regs.*count = 1;
+                    }),
+                    IsEmpty());
+}
+
+TEST(check, flags_of_a_header_are_looked_at_in_both_words)
+{
+    EXPECT_THAT(broken_by([](Trace &t) { header_flags(t, SECOND_HEADER)._reserved_13 = 1; }),
+                ElementsAre("header-reserved-flags"));
+    EXPECT_THAT(broken_by([](Trace &t) { header_flags(t, SECOND_HEADER).length_present = 1; }),
+                ElementsAre("header-unused-flags"));
+    EXPECT_THAT(broken_by([](Trace &t) { header_flags(t, PARTITION)._reserved_13 = 1; }),
+                ElementsAre("partition-flags"));
+    EXPECT_THAT(broken_by([](Trace &t) { t[PARTITION].header.sec_ext_controlword.instruction = 1; }),
+                ElementsAre("header-unused-members"));
+    for (const auto missing : {+[](Trace &t) { header_flags(t, SECOND_HEADER).lpid_is_present = 0; },
+                               +[](Trace &t) { header_flags(t, SECOND_HEADER).pid_is_present = 0; }})
+        EXPECT_THAT(broken_by(missing), ElementsAre("header-registers"));
+    EXPECT_THAT(broken_by([](Trace &t) {
+                    t[SECOND_HEADER].header.control.sdr1_is_present = 1;
+                    t[SECOND_HEADER].header.sdr1[3] = 1;
+                }),
+                IsEmpty());
+}
+
+TEST(check, the_machine_of_a_header_is_its_version_and_its_memory)
+{
+    const auto with_comment = [](const std::string &from, const std::string &to) {
+        return broken_by([&](Trace &t) {
+            std::string &comment = t[SECOND_HEADER].comment;
+            comment.replace(comment.find(from), from.size(), to);
+        });
+    };
+    EXPECT_THAT(with_comment("MemUsed:1", "MemUsed:2"), ElementsAre("header-machine"));
+    EXPECT_THAT(with_comment("KelvoVer:3", "KelvoVer:5"), ElementsAre("header-machine"));
+    EXPECT_THAT(with_comment("HostPagesUsed:4K 64K ", "HostPagesUsed:4K "), IsEmpty());
+    EXPECT_THAT(with_comment("KelvoVer:3", "Version:5"), ElementsAre("header-comment"));
+}
+
+TEST(check, directories_of_nested_walks_are_as_many_as_their_depth)
+{
+    const auto broken_with = [](uint8_t depth, unsigned levels) {
+        return broken_by([&](Trace &t) {
+            t[NESTED_LOAD].record.data_hRTW_num_level = depth;
+            for (QTRACE_RTW &walk : t[NESTED_LOAD].record.data_hRTW) {
+                if (levels < 3)
+                    std::fill_n(walk.RTPDE_ra_l3, 8, uint8_t{0});
+                if (levels < 2)
+                    std::fill_n(walk.RTPDE_ra_l2, 8, uint8_t{0});
+                if (levels < 1)
+                    std::fill_n(walk.RTPDE_ra_l1, 8, uint8_t{0});
+            }
+        });
+    };
+    for (const uint8_t depth : std::vector<uint8_t>{0, 1, 2, 3, 4})
+        for (const unsigned levels : {0u, 1u, 2u, 3u})
+            EXPECT_EQ(broken_with(depth, levels).count("data-nested-directories"),
+                      levels > (depth == 0 ? 0 : depth - 1u))
+                << int{depth} << " " << levels;
+    EXPECT_THAT(broken_with(5, 3), ElementsAre("data-host-depth"));
+}
+
+TEST(check, directories_of_a_guest_are_as_many_as_its_depth)
+{
+    const auto broken_with = [](uint8_t depth, unsigned level) {
+        return broken_by([&](Trace &t) {
+            QTRACE_RTW_GUEST &guest = t[NESTED_LOAD].record.data_gRTW;
+            t[NESTED_LOAD].record.data_hRTW_depth = depth;
+            for (auto *entry : {guest.RTPDE_GUEST_ra_l1, guest.RTPDE_GUEST_ra_l2, guest.RTPDE_GUEST_ra_l3,
+                                guest.RTPDE_GUEST_ra_l4})
+                std::fill_n(entry, 8, uint8_t{0});
+            QTRACE_UINT8 *const entries[] = {guest.RTPDE_GUEST_ra_l1, guest.RTPDE_GUEST_ra_l2,
+                                             guest.RTPDE_GUEST_ra_l3, guest.RTPDE_GUEST_ra_l4};
+            entries[level - 1][7] = 1;
+        });
+    };
+    for (const uint8_t depth : std::vector<uint8_t>{1, 2, 3, 4, 5})
+        for (const unsigned level : {1u, 2u, 3u, 4u})
+            EXPECT_EQ(broken_with(depth, level).count("data-guest-directories"), level == 4 || level >= depth)
+                << int{depth} << " " << level;
+}
+
+TEST(check, nested_walks_and_addresses_end_with_the_depth_of_the_guest)
+{
+    const auto broken_with = [](uint8_t depth) {
+        return broken_by([depth](Trace &t) { t[NESTED_LOAD].record.data_hRTW_depth = depth; });
+    };
+    for (const uint8_t depth : std::vector<uint8_t>{1, 2}) // three walks, two addresses
+        EXPECT_THAT(broken_with(depth), testing::IsSupersetOf({"data-nested-walks", "data-nested-addresses"}));
+    for (const uint8_t depth : std::vector<uint8_t>{3, 4, 5})
+        EXPECT_THAT(broken_with(depth), IsEmpty()) << int{depth};
+    EXPECT_THAT(broken_by([](Trace &t) {
+                    t[NESTED_LOAD].record.data_hRTW_depth = 5;
+                    t[NESTED_LOAD].record.data_hRTW[4].RTPTE_ra[7] = 1;
+                    t[NESTED_LOAD].record.data_hRTW_host_RA[3].ra[7] = 1;
+                }),
+                IsEmpty());
+}
+
+// ---- Addresses that are not known ------------------------------------------------------------------------
+
+namespace
+{
+
+// Rules that are broken by these items, of which those in `unknown` are at no known address.
+std::vector<std::string> broken_at_unknown_places(const Trace &trace, const std::set<size_t> &unknown)
+{
+    const Folder folder;
+    std::vector<std::string> broken;
+    qtrace_tool::Trace_Checker checker([&](const qtrace_tool::Violation &v) { broken.push_back(v.rule.name); });
+    QTRACE_Reader *reader = qtrace_open(folder.write("trace0", trace).c_str(), nullptr);
+    for (const QTRACE_Item *item; qtrace_next(reader, &item) != QTRACE_ITEM_END;) {
+        QTRACE_Item changed = *item;
+        if (item->kind == QTRACE_ITEM_HEADER)
+            checker.header(changed);
+        if (item->kind == QTRACE_ITEM_RECORD && unknown.contains(item->record_number)) {
+            changed.address_known = 0;
+            changed.address = 0;
+        }
+        if (item->kind == QTRACE_ITEM_RECORD)
+            checker.record(changed);
+    }
+    checker.end();
+    qtrace_close(reader);
+    return broken;
+}
+
+} // namespace
+
+TEST(check, nothing_is_expected_of_addresses_that_are_not_known)
+{
+    const Trace good = good_trace();
+    for (size_t record = 0; record < 11; record++)
+        EXPECT_THAT(broken_at_unknown_places(good, {record}), IsEmpty()) << record;
+    for (const char *rule : {"change-to-next", "jump-without-change"}) {
+        Trace trace = good;
+        RECORD_CHANGES.at(rule)(trace);
+        EXPECT_THAT(broken_at_unknown_places(trace, {}), ElementsAre(rule));
+        EXPECT_THAT(broken_at_unknown_places(trace, {2}), IsEmpty()) << rule;
+    }
 }

@@ -541,6 +541,11 @@ TEST(code_unchanged, holds_in_real_mode_at_every_address)
         deep.run(ADD + 1, address);
     }
     EXPECT_EQ(deep.news().size(), 2u);
+    for (const uint32_t word : {ADD, ADD + 1}) {
+        deep.run(word, 0x103C);
+        deep.give(real_mode_store(0x1040), 0x1100); // the line after
+    }
+    EXPECT_EQ(deep.news().size(), 1u);
     deep.give(real_mode_store(0x1070), 0x1100);
     for (const uint32_t word : {ADD + 2, ADD + 3})
         deep.run(word, 0x1040);
@@ -642,6 +647,23 @@ TEST(same_page_same_walk, depends_on_every_entry_of_a_walk_and_not_on_the_place_
     }));
     EXPECT_TRUE(finds([](QTRACE_RECORD &r) { put(r.data_gRTW.GUEST_ra, 0x70010010); }));
     EXPECT_TRUE(finds([](QTRACE_RECORD &r) { r.data_rpn[1] ^= 1; }));
+}
+
+TEST(same_page_same_walk, a_longer_walk_leaves_nothing_behind)
+{
+    Item longer = nested_load();
+    put(longer.record.data_ea, 0x8000010);
+    longer.record.data_hRTW_depth = 5;
+    for (const size_t step : {3, 4})
+        put(longer.record.data_hRTW[step].RTPTE_ra, 0x77770);
+    put(longer.record.data_gRTW.RTPDE_GUEST_ra_l3, 0x77770);
+    put(longer.record.data_hRTW_host_RA[3].ra, 0x77770);
+    Deep deep;
+    for (const Item &load :
+         {access(LOAD_WORD, DATA), nested_load(), longer, nested_load(), access(LOAD_WORD, DATA)})
+        deep.give(load);
+    EXPECT_THAT(deep.news(), IsEmpty());
+    EXPECT_EQ(deep.checker.checks(qtrace_tool::SAME_PAGE_SAME_WALK), 2u);
 }
 
 TEST(same_page_same_walk, is_another_tree_with_other_first_entries)
@@ -856,6 +878,22 @@ TEST(deep_rules, after_a_loss_nothing_is_known_but_the_partition_that_is_told)
     EXPECT_EQ(news(nullptr), 0u); // still pid 7
     QTRACE_FILE_HDR context = good_trace()[PARTITION].header;
     EXPECT_EQ(news(&context), 1u); // the same process before and after
+}
+
+TEST(deep_rules, another_thread_that_stores_to_one_entry_of_a_walk_silences_its_page)
+{
+    const Folder folder;
+    Trace changed = loop(), other = loop();
+    alter_walk(changed);
+    const std::string file = folder.write("trace0", changed);
+    for (const uint64_t entry : {uint64_t{0x8000000}, uint64_t{0x8010000}, entry_of(DATA)}) {
+        store_to(other, 1, entry);
+        folder.write("trace1", other);
+        EXPECT_THAT(summary(file)["violations"], IsEmpty()) << std::hex << entry;
+    }
+    store_to(other, 1, entry_of(DATA) + 0x40);
+    folder.write("trace1", other);
+    EXPECT_EQ(summary(file)["violations"].size(), 1u);
 }
 
 TEST(deep_rules, stores_of_a_damaged_file_beside_are_not_known)
