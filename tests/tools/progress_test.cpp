@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <functional>
+#include <optional>
 #include <poll.h>
 #include <pty.h>
 #include <thread>
@@ -20,7 +23,11 @@ namespace
 class Terminal
 {
 public:
-    Terminal() { EXPECT_EQ(openpty(&master_, &own, nullptr, nullptr, nullptr), 0); }
+    Terminal()
+    {
+        const winsize size{50, 80, 0, 0};
+        EXPECT_EQ(openpty(&master_, &own, nullptr, nullptr, &size), 0);
+    }
     ~Terminal()
     {
         close(master_);
@@ -79,6 +86,118 @@ TEST(progress, line_is_erased_before_data_and_messages_and_at_the_end)
     run.out.put("after\n");
     run.out.flush();
     EXPECT_EQ(terminal.shown(), "after\r\n");
+}
+
+TEST(progress, tells_percent_and_time_left_where_the_end_is_known)
+{
+    const Terminal terminal;
+    Tool_Run run(terminal.own, terminal.own);
+    Progress progress(run, "trace0", 4 * MANY);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    progress.step(MANY);
+    EXPECT_EQ(terminal.shown(), ""); // the first second is not over
+    std::this_thread::sleep_for(std::chrono::milliseconds(750));
+    progress.step(MANY - 1);
+    EXPECT_EQ(terminal.shown(), ""); // the time is not looked at for so few
+    progress.step(1);
+    // 131072 records in somewhat more than a second: as many are left.
+    EXPECT_THAT(terminal.shown(),
+                testing::MatchesRegex("\r.\\[Ktrace0: 131072 records, 50 %, 0\\.1 M/s, [1-5] s left"));
+    progress.step(MANY);
+    EXPECT_EQ(terminal.shown(), ""); // it was shown just now
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    progress.step(MANY);
+    EXPECT_THAT(terminal.shown(), testing::MatchesRegex("\r.\\[Ktrace0: 262144 records, 0\\.[0-2] M/s"));
+}
+
+namespace
+{
+
+// A variable of the environment, or null for none, until the end of the block.
+class Variable
+{
+public:
+    Variable(const char *name, const char *value) : name_(name)
+    {
+        if (const char *before = std::getenv(name))
+            before_ = before;
+        set(value);
+    }
+    ~Variable() { set(before_ ? before_->c_str() : nullptr); }
+    Variable(const Variable &) = delete;
+    Variable &operator=(const Variable &) = delete;
+
+private:
+    void set(const char *value) const
+    {
+        if (value != nullptr)
+            setenv(name_, value, 1);
+        else
+            unsetenv(name_);
+    }
+    const char *name_;
+    std::optional<std::string> before_;
+};
+
+struct Pipe {
+    int ends[2];
+    Pipe() { EXPECT_EQ(pipe(ends), 0); }
+    ~Pipe()
+    {
+        close(ends[0]);
+        close(ends[1]);
+    }
+};
+
+} // namespace
+
+TEST(tool_run, has_colours_on_a_terminal_that_knows_them_unless_the_user_wants_none)
+{
+    const Terminal terminal;
+    const Pipe no_terminal;
+    const struct {
+        const char *term, *no_color;
+        bool coloured;
+    } rows[] = {{"vt100", nullptr, true},
+                {"dumb", nullptr, false},
+                {nullptr, nullptr, false},
+                {"vt100", "", false},
+                {"vt100", "1", false}};
+    for (const auto &[term, no_color, coloured] : rows) {
+        const Variable first("TERM", term), second("NO_COLOR", no_color);
+        EXPECT_EQ(Tool_Run(terminal.own, no_terminal.ends[1]).out.coloured(), coloured);
+        EXPECT_EQ(Tool_Run(no_terminal.ends[1], terminal.own).err.coloured(), coloured);
+        EXPECT_FALSE(Tool_Run(no_terminal.ends[1], terminal.own).out.coloured());
+    }
+}
+
+TEST(tool_run, has_the_columns_that_the_user_or_the_terminal_says)
+{
+    const Terminal terminal;
+    const Pipe no_terminal;
+    for (const auto &[wanted, columns] :
+         {std::pair<const char *, size_t>(nullptr, 80), {"100", 100}, {"1", 1}, {"0", 80}, {"x", 80}, {"", 80}}) {
+        const Variable variable("COLUMNS", wanted);
+        EXPECT_EQ(Tool_Run(terminal.own, no_terminal.ends[1]).columns, columns);
+        EXPECT_EQ(Tool_Run(no_terminal.ends[1], terminal.own).columns, 0u);
+    }
+    EXPECT_TRUE(Tool_Run(no_terminal.ends[1], terminal.own).progress);
+    EXPECT_FALSE(Tool_Run(terminal.own, no_terminal.ends[1]).progress);
+}
+
+TEST(tool_run, ends_with_the_worst_of_what_happened)
+{
+    const Pipe messages;
+    const auto code = [&](const std::function<void(Tool_Run &)> &happens) {
+        Tool_Run run(messages.ends[1], messages.ends[1]);
+        happens(run);
+        return run.exit_code();
+    };
+    EXPECT_EQ(code([](Tool_Run &) {}), 0);
+    EXPECT_EQ(code([](Tool_Run &run) { run.found(); }), 3);
+    EXPECT_EQ(code([](Tool_Run &run) { run.warn("w"); }), 3);
+    EXPECT_EQ(code([](Tool_Run &run) { run.fail("f"); }), 1);
+    EXPECT_EQ(code([](Tool_Run &run) { run.fail("f"), run.warn("w"), run.found(); }), 1);
 }
 
 TEST(progress, shows_nothing_before_a_second_has_passed_or_without_a_terminal)

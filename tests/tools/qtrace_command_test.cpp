@@ -2,6 +2,7 @@
 #include "instruction_kinds.h"
 #include "planted_trace.h"
 #include "record_schema.h"
+#include "trace_files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -188,6 +189,90 @@ TEST(command_line, files_of_sessions_on_different_machines_are_told_apart)
     const Outcome outcome = qtrace({"stats", folder.path("trace")});
     EXPECT_EQ(outcome.exit_code, 3);
     EXPECT_THAT(outcome.err, HasSubstr(folder.path("trace2") + ": its first header tells of another machine"));
+}
+
+TEST(command_line, what_differs_between_the_first_headers_is_told_of_each_file)
+{
+    const auto with = [](const std::string &version, const std::string &memory) {
+        Trace trace = good_trace();
+        trace[FIRST_HEADER].comment = "KelvoVer:" + version + ",64bitMode:True,LEMode:True,MemUsed:" + memory +
+                                      ",HostPagesUsed:4K 64K ,GuestPagesUsed:";
+        return trace;
+    };
+    Trace silent = good_trace();
+    silent[FIRST_HEADER].comment.clear();
+    silent[FIRST_HEADER].header.control.comment_present = 0;
+    const Folder folder;
+    folder.write("trace0", silent);
+    folder.write("trace1", with("3", "4096"));
+    folder.write("trace2", with("4", "4096"));
+    folder.write("trace3", with("3", "4096"));
+    folder.write("trace4", with("3", "8192"));
+    folder.write("trace5", {{false, {}, "", plain_record(0x60000000)}});
+    const auto told = [&](const char *file, const char *version, const char *memory) {
+        return "qtrace: " + folder.path(file) +
+               ": its first header tells of another machine than those before: version " + version + " and " +
+               memory + " bytes of memory instead of 3 and 4096; files of several sessions?\n";
+    };
+    EXPECT_EQ(qtrace({"info", folder.path("trace")}).err,
+              told("trace2", "4", "4096") + told("trace4", "3", "8192"));
+    EXPECT_EQ(qtrace({"info", folder.path("trace2"), folder.path("trace1")}).err, ""); // named one by one
+}
+
+TEST(command_line, page_bits_are_from_12_to_63)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    for (const char *bits : {"12", "63", "12,16,21,30,24,63"})
+        EXPECT_EQ(qtrace({"stats", "--page-bits", bits, file}).exit_code, 0) << bits;
+    for (const char *bits : {"11", "64", "12,11", "x", ""})
+        EXPECT_EQ(qtrace({"stats", "--page-bits", bits, file}).exit_code, 2) << bits;
+    EXPECT_THAT(qtrace({"stats", "--help"}).out, HasSubstr("(default 12,16,21,30,24: 4K, 64K, 2M, 1G, 16M)"));
+}
+
+TEST(command_line, threads_that_read_are_1_to_1024)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", good_trace());
+    for (const char *jobs : {"1", "1024"})
+        EXPECT_EQ(qtrace({"stats", "--jobs", jobs, file}).exit_code, 0) << jobs;
+    for (const char *jobs : {"0", "1025", "x", "0x1"})
+        EXPECT_THAT(
+            qtrace({"stats", "--jobs", jobs, file}).err,
+            StartsWith("qtrace: `" + std::string(jobs) + "` is not a number for --jobs: 1 to 1024 expected\n"));
+}
+
+TEST(command_line, version_and_wrong_words_are_told)
+{
+    EXPECT_EQ(qtrace({"--version"}).out, "qtrace 1.0.0\n");
+    EXPECT_THAT(qtrace({"--help"}).out, StartsWith("Examples:\n  qtrace "));
+    EXPECT_EQ(qtrace({"--help"}).exit_code, 0);
+    EXPECT_EQ(qtrace({"--jsno"}).exit_code, 2);
+    const Outcome extra = qtrace({"diff", "a", "b", "c"});
+    EXPECT_EQ(extra.err, "qtrace: one argument too many: c\nSee `qtrace diff --help`.\n");
+    EXPECT_EQ(qtrace({"dump", "--pte"}).exit_code, 2);
+    const Outcome none = qtrace({});
+    EXPECT_EQ(none.exit_code, 2);
+    EXPECT_THAT(none.err, testing::EndsWith("\nSee `qtrace --help`.\n"));
+    EXPECT_EQ(qtrace({"dump"}).err, "qtrace: FILE is required\nSee `qtrace dump --help`.\n");
+}
+
+TEST(trace_files, of_a_sessions_threads_are_found_from_one_of_them)
+{
+    const Folder folder;
+    for (const char *name : {"t0", "t10", "t2", "t02", "tx1", "u"})
+        folder.text(name, "");
+    using testing::ElementsAre;
+    const auto path = [&](const char *name) { return folder.path(name); };
+    EXPECT_THAT(qtrace_tool::threads_of(path("t2")), ElementsAre(path("t0"), path("t2"), path("t10")));
+    EXPECT_THAT(qtrace_tool::threads_of(path("t10")), ElementsAre(path("t0"), path("t2"), path("t10")));
+    EXPECT_THAT(qtrace_tool::threads_of(path("t02")), ElementsAre(path("t02")));
+    EXPECT_THAT(qtrace_tool::threads_of(path("u")), ElementsAre(path("u")));
+    EXPECT_THAT(qtrace_tool::threads_of(path("none7")), ElementsAre(path("none7")));
+    std::filesystem::create_directories(path("d"));
+    folder.text("d/0", "");
+    folder.text("d/1", "");
+    EXPECT_THAT(qtrace_tool::threads_of(path("d/1")), ElementsAre(path("d/0"), path("d/1")));
 }
 
 TEST(command_line, prints_no_colour_and_no_progress_when_not_on_a_terminal)
