@@ -350,6 +350,20 @@ class Values(In_Folder):
                     image[offset + 8 + 8 * word] |= 0x80
                 self.assertEqual(record.image(), image, name)
 
+    def test_every_register_has_a_value_of_its_own(self):
+        written, read = Trace_Maker(), []
+        for i, (name, count, _, room, words) in enumerate(make_corpus.LISTS[:5]):
+            for first in range(0, 64, room):
+                numbers = range(first, min(first + room, 64))
+                entries = tuple((n, *[i << 32 | n << 16 | word for word in range(1, words + 1)]) for n in numbers)
+                written.record(**{count: len(entries), name: entries})
+                shape = varint(1 << i + 5) + bytes([len(entries)]) + bytes(numbers)
+                given = {count.replace("out", "in"): len(entries), name.replace("out", "in"): entries}
+                read.append((shape, given))
+        for shape, given in read:
+            written.coded(b"\x05", {WORD: b"\1\0\0\0", SHAPE: shape}, instruction=1, **given)
+        self.assertEqual(self.lines(self.read(*written.end(LAST).blocks)), [json.loads(line) for line in written.lines()])
+
     def test_control_words_are_numbered_in_their_order(self):
         word = struct.pack("<Q", 1 << 16)
         for shape, control in ((b"\0" + word, 1 << 16), (b"\1" + word, None), (b"\xff" + word, None)):
