@@ -117,6 +117,15 @@ class Pieces(unittest.TestCase):
         for word, guest in ((1, 1), (0x800, 0x800), (0xFFF, 0xFFF), (0x1000, 0x1321), (0x1FFF, 0x1CDE), (1 << 63, 1 << 63 | 0x321)):
             self.assertEqual(members([0] * 31 + [word]), {"data_gRTW": (0, 0, 0, 0, 0, guest)})
 
+    def test_lists_of_registers_are_shown_in_their_order(self):
+        record, files = plain.Record(), ("gpr", "fpr", "spr", "vmxr", "vsxr")
+        for name, count, *_, words in make_corpus.LISTS:
+            setattr(record, count, 1)
+            setattr(record, name, ((7, *[5] * words),))
+        shown = record.for_json()
+        self.assertEqual(list(shown), ["record", *(f"{file}_{way}" for way in ("in", "out") for file in files)])
+        self.assertEqual((shown["spr_out"], shown["vsxr_in"]), ([[7, "0x5"]], [[7, "0x5", "0x5"]]))
+
     def test_losses_are_told_in_words(self):
         lost = plain.Discontinuity(plain.DAMAGE, 16, "missing blocks", 7, 2, True, 1)
         self.assertEqual(str(lost), "byte 16: missing blocks (7 bytes, 2 records lost)")
