@@ -1,5 +1,6 @@
 // `qtrace check --text` on a trace and its text written by hand: each thing that can differ is changed in the text, and
 // the rule about it alone must be violated.
+#include "check_text.h"
 #include "planted_trace.h"
 
 #include <gmock/gmock.h>
@@ -383,6 +384,276 @@ TEST(check_text, accepts_a_fourth_vector_register_that_the_record_cannot_hold)
     EXPECT_EQ(violations_with_vectors(folder, three + vector_output(3, 34, 4)), json({{"text-registers", 1}}));
     EXPECT_EQ(violations_with_vectors(folder, three + vector_output(3, 3, 4) + vector_output(4, 4, 4)),
               json({{"text-registers", 1}}));
+}
+
+namespace
+{
+
+// Of a record with these vector and vector-scalar registers, and a text that lists those; every value is 1.
+json violations_with_lists(const Folder &folder, unsigned vectors, const std::vector<uint16_t> &scalars,
+                           const std::vector<unsigned> &listed)
+{
+    Item item{false, {}, "", plain_record(0x10000000)};
+    item.record.header.control.fld.register_trace_present = 1;
+    QTRACE_REGISTERS &registers = item.record.regs;
+    for (uint16_t i = 0; i < vectors; i++)
+        registers.vmxr_out[registers.num_vmxrs_out++] = {i, {1, 0}};
+    for (const uint16_t index : scalars)
+        registers.vsxr_out[registers.num_vsxrs_out++] = {index, {1, 0}};
+    const std::string file = folder.write("trace0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], item});
+    std::string text = "*** FILE HEADER INSERTED *** \n" + COMMENT +
+                       line(RADIX, FIRST, "0x38600001", "(I:0) (N:0) (T:0) (PC:0x1000) (nextPC:0x1004) (done) \n") +
+                       line(RADIX, FIRST, "0x10000000", "(I:0) (N:0) (T:0) (PC:0x1004) (nextPC:0x1008) (done) ");
+    for (unsigned i = 0; i < listed.size(); i++)
+        text += vector_output(i, listed[i], 1);
+    const Outcome outcome = qtrace({"check", "--json", "--text", folder.text("text0", text + "\n"), file});
+    const json summary = json::parse(outcome.out.substr(outcome.out.rfind("{\"file\"")));
+    return summary.contains("violations") ? summary["violations"] : json::object();
+}
+
+} // namespace
+
+TEST(check_text, tells_vector_registers_from_vector_scalar_ones_of_the_same_letter)
+{
+    const Folder folder;
+    const json none = json::object();
+    const auto wrong = [](int count) { return json({{"text-registers", count}}); };
+    EXPECT_EQ(violations_with_lists(folder, 2, {34}, {0, 1, 34}), none);
+    EXPECT_EQ(violations_with_lists(folder, 2, {34}, {0, 1, 2, 34}), wrong(2)); // another number, and one too many
+    EXPECT_EQ(violations_with_lists(folder, 3, {34}, {0, 1, 2, 34}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {34}, {0, 1, 2, 3, 34}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {}, {0, 1, 2, 31}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {}, {0, 1, 2, 32}), wrong(1));
+    EXPECT_EQ(violations_with_lists(folder, 3, {}, {0, 1, 2, 3, 4}), wrong(1));
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35}, {0, 1, 2, 34, 35}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35}, {0, 1, 2, 34, 35, 36}),
+              wrong(2)); // it is taken for a vector
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35, 36}, {0, 1, 2, 34, 35, 36}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35, 36}, {0, 1, 2, 3, 34, 35, 36}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35, 36}, {0, 1, 2, 34, 35, 36, 37}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35, 36}, {0, 1, 2, 3, 34, 35, 36, 37}), none);
+    EXPECT_EQ(violations_with_lists(folder, 3, {34, 35, 36}, {0, 1, 2, 34, 35}), wrong(1));
+    EXPECT_EQ(violations_with_lists(folder, 0, {34}, {34}), none);
+    EXPECT_EQ(violations_with_lists(folder, 0, {34}, {}), wrong(1));
+}
+
+// ---- A line taken apart ----------------------------------------------------------------------------------
+
+namespace
+{
+
+qtrace_tool::Text_Line parsed(const std::string &end)
+{
+    qtrace_tool::Text_Line line;
+    EXPECT_TRUE(
+        qtrace_tool::parse_text_line("(seq:1,tid:2) (xlatetype_I:AA) (xlatetype_D:BB) "
+                                     "(pid:-2,lpid:-3,ptcr:0x1F) (instbody:0xFEDCBA98) {name:PC:7 (I:5)} (I:1) " +
+                                         end,
+                                     line));
+    return line;
+}
+
+std::vector<std::string> entries(const qtrace_tool::Text_Translation &translation)
+{
+    std::vector<std::string> list;
+    for (const auto &entry : translation.entries)
+        list.push_back(fmt::format("{} {} {:x}", entry.host_walk, entry.label, entry.address));
+    return list;
+}
+
+} // namespace
+
+TEST(parse_text_line, takes_every_item)
+{
+    const qtrace_tool::Text_Line line =
+        parsed("(N:0) (T:2) (PC:0xFFFFFFFFFFFFFFFC) (nextPC:0x12) (nn:-1) (done) (branch taken) (len:16) "
+               "(VSID:0xABCDEF12, RPN:0x34, HostPageSize:3, GuestPageSize:4) (DEA:0x6010)");
+    EXPECT_EQ(line.instruction_mode, "AA");
+    EXPECT_EQ(line.data_mode, "BB");
+    EXPECT_EQ(line.pid, 0xFFFFFFFEu);
+    EXPECT_EQ(line.lpid, 0xFFFFFFFFFFFFFFFDu);
+    EXPECT_EQ(line.ptcr, 0x1Fu);
+    EXPECT_EQ(line.word, 0xFEDCBA98u);
+    EXPECT_TRUE(line.change);
+    EXPECT_FALSE(line.node);
+    EXPECT_TRUE(line.termination);
+    EXPECT_EQ(line.address, 0xFFFFFFFFFFFFFFFCu);
+    EXPECT_EQ(line.next, 0x12u);
+    EXPECT_EQ(line.nn, 0xFFFFFFFFFFFFFFFFu);
+    EXPECT_EQ(line.branch, "taken");
+    EXPECT_EQ(line.length, 16u);
+    EXPECT_EQ(line.data, 0x6010u);
+    EXPECT_EQ(line.fetch_translation.vsid, 0xABCDEFu);
+    EXPECT_EQ(line.fetch_translation.page_number, 0x34u);
+    EXPECT_EQ(line.fetch_translation.page_size, 3u);
+    EXPECT_EQ(line.fetch_translation.guest_page_size, 4u);
+    EXPECT_FALSE(line.data_translation.vsid || line.data_translation.page_number ||
+                 line.data_translation.page_size);
+}
+
+TEST(parse_text_line, leaves_absent_what_the_line_does_not_say)
+{
+    const qtrace_tool::Text_Line line = parsed("(done)");
+    EXPECT_FALSE(line.nn || line.branch || line.data || line.length);
+    EXPECT_FALSE(line.node || line.termination);
+    EXPECT_EQ(line.address, 0u);
+    EXPECT_EQ(line.next, 0u);
+    EXPECT_TRUE(line.registers.empty());
+    qtrace_tool::Text_Line empty;
+    for (const char *other : {"(sec:1) {name:x} (I:0)", "(seq:1) (name:x} (I:0)", "(seq:1) {name:x} (N:0)", ""})
+        EXPECT_FALSE(qtrace_tool::parse_text_line(other, empty)) << other;
+    EXPECT_TRUE(qtrace_tool::parse_text_line("(seq:1) {name:x} (I:0)", empty));
+    EXPECT_EQ(empty.pid, 0u);
+    EXPECT_EQ(empty.lpid, 0u);
+    EXPECT_EQ(empty.ptcr, 0u);
+    EXPECT_EQ(empty.word, 0u);
+    EXPECT_FALSE(empty.change);
+}
+
+TEST(parse_text_line, takes_branches_that_are_not_decided)
+{
+    EXPECT_EQ(parsed("(branch untaken) (done)").branch, "untaken");
+    EXPECT_EQ(parsed("(unknown) (done)").branch, "unknown");
+    EXPECT_FALSE(parsed("(taken) (branch:1) (done)").branch.has_value());
+}
+
+TEST(parse_text_line, takes_registers_of_one_or_two_words)
+{
+    const qtrace_tool::Text_Line line =
+        parsed("(r9):0x5 (Input Reg 0(r4):0x0000000000002000) (Input Reg 1(r5):0x) (Input Reg 2(r6):0) (Output Reg "
+               "0(r4):0x7) "
+               "(Output Reg 1(v12):0x000000000000000A000000000000000B) (Output Reg 2(v3):0x10000000000000002)");
+    ASSERT_EQ(line.registers.size(), 3u);
+    const auto shown = [&](char letter, bool output) {
+        std::string text;
+        for (const qtrace_tool::Text_Register &entry : line.registers.at({letter, output}))
+            text += fmt::format("{}={:x}:{:x} ", entry.index, entry.value[0], entry.value[1]);
+        return text;
+    };
+    EXPECT_EQ(shown('r', false), "4=2000:0 5=0:0 ");
+    EXPECT_EQ(shown('r', true), "4=7:0 ");
+    EXPECT_EQ(shown('v', true), "12=b:a 3=2:1000000000000000 ");
+}
+
+TEST(parse_text_line, takes_the_entries_of_walks_by_host_walk_and_side)
+{
+    const qtrace_tool::Text_Line line = parsed(
+        "(gRA:0x1) (iar_gRTPDE_L1_RA:0x2 gRA:0x3) (iar_Host_RTWs_Block:0 (hRTPTE_RA:0x4)) (Host_RTWs_Block:1 "
+        "(hRTPTE_RA:0x5)) "
+        "(Host_RTWs_Block:3 (vhRTPTE_RA:0x6)) (iar_Host_RTW_Depth:3 (iar_hRTPTE_RA:0x7)) (data_hRTPTE_RA:0x8) "
+        "(data_VSID:0x900) (DEA:0x1) (Host_RTWs_Block:2 (hRTPTE_RA:0x9)) (iar_hRTPTE_RA:0xa) (RPN:0xb)");
+    EXPECT_THAT(entries(line.fetch_translation),
+                testing::ElementsAre("0 gRTPDE_L1_RA 2", "0 gRA 3", "0 hRTPTE_RA 4", "0 hRTPTE_RA 5",
+                                     "2 hRTPTE_RA 6", "0 hRTPTE_RA 7"));
+    EXPECT_THAT(entries(line.data_translation),
+                testing::ElementsAre("0 hRTPTE_RA 8", "1 hRTPTE_RA 9", "1 hRTPTE_RA a"));
+    EXPECT_EQ(line.data_translation.vsid, 9u);
+    EXPECT_EQ(line.data_translation.page_number, 0xbu);
+}
+
+// ---- Other lines -----------------------------------------------------------------------------------------
+
+namespace
+{
+
+const std::string BEGINNING =
+    "*** FILE HEADER INSERTED *** \n" + COMMENT +
+    line(RADIX, FIRST, "0x38600001", "(I:0) (N:0) (T:0) (PC:0x1000) (nextPC:0x1004) (done) \n");
+
+json violations_of(const Folder &folder, const Trace &trace, const std::string &text)
+{
+    const std::string file = folder.write("trace0", trace);
+    const Outcome outcome = qtrace({"check", "--json", "--text", folder.text("text0", text), file});
+    const json summary = json::parse(outcome.out.substr(outcome.out.rfind("{\"file\"")));
+    return summary.contains("violations") ? summary["violations"] : json::object();
+}
+
+} // namespace
+
+TEST(check_text, takes_lines_of_up_to_131071_bytes_and_cuts_longer_ones)
+{
+    const Folder folder;
+    const Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], good_trace()[PLAIN],
+                         good_trace()[PLAIN]};
+    const auto with_length = [&](size_t length) {
+        std::string middle = line(RADIX, FIRST, "0x60000000", "(I:0) (N:0) (T:0) (nextPC:0x1008) (PC:0x1004)");
+        middle.insert(middle.find("any"), std::string(length - middle.size(), 'x'));
+        return violations_of(
+            folder, trace,
+            BEGINNING + middle + "\n" +
+                line(RADIX, FIRST, "0x60000000", "(I:0) (N:0) (T:0) (PC:0x1008) (nextPC:0x100c)\n"));
+    };
+    for (const size_t length : {131070, 131071, 131072}) // the last byte says nothing
+        EXPECT_EQ(with_length(length), json::object()) << length;
+    for (const size_t length : {131073, 400000})
+        EXPECT_EQ(with_length(length), json({{length == 131073 ? "text-address" : "text-line", 1}})) << length;
+}
+
+TEST(check_text, takes_negative_partitions)
+{
+    const Folder folder;
+    Item partition = good_trace()[PARTITION];
+    std::memset(partition.header.pid, 0xFF, sizeof partition.header.pid);
+    std::memset(partition.header.lpid, 0xFF, sizeof partition.header.lpid);
+    const Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], partition, good_trace()[PLAIN]};
+    EXPECT_EQ(violations_of(folder, trace,
+                            BEGINNING + "Partition Change: pid:-1,lpid:-1)\n" +
+                                line(RADIX, "pid:-1,lpid:-1", "0x60000000",
+                                     "(I:0) (N:0) (T:0) (PC:0x1004) (nextPC:0x1008) (done) \n")),
+              json::object());
+}
+
+TEST(check_text, compares_branches_that_the_record_decides)
+{
+    const Folder folder;
+    const auto with_branch = [&](const Item &item, uint64_t next, const std::string &outcome) {
+        const auto &flags = item.record.header.control.fld;
+        return violations_of(
+            folder, {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], item},
+            BEGINNING + line(RADIX, FIRST, "0x41820010",
+                             fmt::format("(I:{}) (N:{}) (T:{}) (PC:0x1004) (nextPC:0x{:x}) (nn:1) (branch {}) \n",
+                                         unsigned{flags.iar_change_present}, unsigned{flags.node_present},
+                                         unsigned{flags.termination_present}, next, outcome)
+                                 .c_str()));
+    };
+    Item away = jump(0x2000, Case::single, 1); // goes on elsewhere
+    away.record.header.instruction = 0x41820010;
+    Item stays = good_trace()[UNTAKEN_BRANCH];
+    stays.record.node = stays.record.termination_node = 1;
+    Item open = good_trace()[PLAIN];
+    open.record.header.instruction = 0x41820010;
+    const json none = json({{"segment-continued", 1}}),
+               wrong = json({{"segment-continued", 1}, {"text-branch", 1}});
+    EXPECT_EQ(with_branch(away, 0x2000, "taken"), none);
+    EXPECT_EQ(with_branch(away, 0x2000, "untaken"), none); // an interrupt after it
+    EXPECT_EQ(with_branch(stays, 0x1008, "untaken"), none);
+    EXPECT_EQ(with_branch(stays, 0x1008, "taken"), wrong);
+    EXPECT_EQ(with_branch(stays, 0x2000, "taken"), wrong);
+    EXPECT_EQ(with_branch(open, 0x1008, "taken"), json::object()); // the record does not tell
+    EXPECT_EQ(with_branch(open, 0x1008, "untaken"), json::object());
+    away.record.next_instruction_ea[0] = 8;
+    away.record.next_instruction_ea[1] = 0x10;
+    EXPECT_EQ(with_branch(away, 0x1008, "untaken"),
+              json({{"change-to-next", 1}, {"segment-continued", 1}, {"text-branch", 1}}));
+}
+
+TEST(check_text, compares_every_host_walk_that_a_record_has_and_no_other)
+{
+    const Folder folder;
+    const auto with = [&](const std::string &entry) {
+        std::string text = described_text();
+        const std::string end = "(data_Host_RTWs_Block:3 (data_hRTPDE_L2_RA:0x20010)";
+        text.insert(text.find(end), entry + " ");
+        return violations(folder, text);
+    };
+    for (const char *none :
+         {"(data_hRTW_host_Block0_RA:0x1)", "(data_hRTW_host_Block5_RA:0x1)", "(data_hRTW_host_Block4_RA:0x0)",
+          "(data_Host_RTWs_Block:6 (data_hRTPDE_L1_RA:0x1))", "(data_Host_RTWs_Block:5 (data_hRTPDE_L1_RA:0x0))",
+          "(data_gRTPDE_L4_RA:0x1)", "(data_hOther_RA:0x1)", "(data_gRTPDE_L3_RA:0x0)"})
+        EXPECT_EQ(with(none), json::object()) << none;
+    for (const char *wrong : {"(data_hRTW_host_Block1_RA:0x1)", "(data_hRTW_host_Block4_RA:0x1)",
+                              "(data_Host_RTWs_Block:5 (data_hRTPDE_L1_RA:0x1))", "(data_gRTPDE_L3_RA:0x1)"})
+        EXPECT_EQ(with(wrong), json({{"text-data-walk", 1}})) << wrong;
 }
 
 // ---- Any bytes beside a trace --------------------------------------------------------------------------
