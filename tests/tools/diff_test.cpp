@@ -529,6 +529,17 @@ TEST(alignment, records_in_a_row_at_the_end_belong_together)
               (Steps{{0, 3, 5}, {8, 0, 0}}));
 }
 
+TEST(alignment, records_whose_keys_differ_in_one_bit_are_others)
+{
+    for (const uint64_t bit : {uint64_t{1}, uint64_t{1} << 63}) {
+        std::vector<uint64_t> other = row(0, 8);
+        other.back() ^= bit;
+        const auto a = records(joined({row(100, 3), row(0, 8), row(300, 2)}));
+        const auto b = records(joined({row(200, 5), row(0, 8), row(400, 4), other}));
+        EXPECT_EQ(begun(a, b), (Steps{{0, 3, 5}, {8, 0, 0}}));
+    }
+}
+
 // The same instructions with other registers.
 TEST(alignment, thirty_two_places_in_a_row_belong_together_and_31_may_not)
 {
