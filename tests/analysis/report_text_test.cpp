@@ -412,3 +412,28 @@ TEST_F(report_text, data_of_the_pictures_has_every_figure)
     EXPECT_EQ(busy["tlb"]["advice"].size(), 10u);
     EXPECT_EQ(busy["tlb"]["per"], Json::object());
 }
+
+TEST_F(report_text, data_of_the_pictures_ends_no_element_and_is_one_line)
+{
+    auto named = thread("caf\xC3\xA9<<");
+    named->finish();
+    const std::string page = page_of_one(std::move(named));
+    const std::string data = between(page, R"(id="data">)", "</script>");
+    EXPECT_THAT(data, HasSubstr("\"name\":\"caf\\u00e9\\u003c\\u003c\""));
+    EXPECT_EQ(data.find('<'), std::string::npos);
+    EXPECT_EQ(data.find('\n'), std::string::npos);
+    EXPECT_EQ(data_of(page)["bins"], 1);
+}
+
+TEST_F(report_text, of_some_records_names_the_first_and_the_last)
+{
+    for (const uint64_t end : {0, 1, 2, 1001}) {
+        auto data = thread("t", 0, end);
+        data->is_part = true;
+        data->finish();
+        EXPECT_THAT(page_of_one(std::move(data)), HasSubstr(fmt::format("shows the records from 0 up to {} alone",
+                                                                        end == 0      ? "0"
+                                                                        : end == 1001 ? "1,000"
+                                                                                      : std::to_string(end - 1))));
+    }
+}
