@@ -85,6 +85,120 @@ TEST(check_pte, a_file_that_cannot_hold_accesses_is_an_error)
     EXPECT_EQ(qtrace({"check", "--text", "/dev/zero", file}).exit_code, 1);
 }
 
+namespace
+{
+
+// A trace whose only walk is that of its header: the entries 100, none, none, 200.
+std::string file_with_a_walk(const Folder &folder)
+{
+    return folder.write("trace0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], good_trace()[PLAIN]});
+}
+
+std::string words_of(const std::vector<uint64_t> &words)
+{
+    std::string bytes;
+    for (const uint64_t word : words)
+        bytes += big_endian({word});
+    return bytes;
+}
+
+} // namespace
+
+TEST(check_pte, a_file_consists_of_accesses_of_five_addresses_or_of_an_address_and_two_words)
+{
+    const Folder folder;
+    const std::string file = file_with_a_walk(folder);
+    const uint64_t any = 1ull << 60; // no address
+    const auto is_read = [&](const std::vector<uint64_t> &words) {
+        return qtrace({"check", "--pte", folder.text("pte0", words_of(words)), file}).exit_code != 1;
+    };
+    for (const size_t length : {0, 3, 5, 6, 8, 9, 10, 11, 13})
+        EXPECT_TRUE(is_read(std::vector<uint64_t>(length, 7))) << length;
+    for (const size_t length : {1, 2, 4, 7})
+        EXPECT_FALSE(is_read(std::vector<uint64_t>(length, 7))) << length;
+    EXPECT_TRUE(is_read({7, any, any}));
+    EXPECT_FALSE(is_read({any, 7, 7}));
+    EXPECT_TRUE(is_read({7, any, any, 7, any, any}));
+    EXPECT_FALSE(is_read({7, any, any, any, 7, 7}));
+    for (size_t place = 0; place < 5; place++) {
+        std::vector<uint64_t> words(5, 7);
+        words[place] = any;
+        EXPECT_FALSE(is_read(words)) << place;
+    }
+    for (size_t place = 0; place < 8; place++) { // three and five, or five and three
+        std::vector<uint64_t> words(8, 7);
+        words[place] = any;
+        EXPECT_EQ(is_read(words), place == 1 || place == 2 || place == 6 || place == 7) << place;
+    }
+    for (size_t place = 0; place < 10; place++) {
+        std::vector<uint64_t> words(10, 7);
+        words[place] = any;
+        EXPECT_FALSE(is_read(words)) << place;
+    }
+}
+
+TEST(check_pte, finds_a_walk_wherever_it_stands)
+{
+    const Folder folder;
+    const std::string file = file_with_a_walk(folder);
+    const auto exit_code = [&](const std::vector<uint64_t> &words) {
+        return qtrace({"check", "--pte", folder.text("pte0", words_of(words)), file}).exit_code;
+    };
+    EXPECT_EQ(exit_code({0x100, 0, 0, 0x200, 0x12000}), 0);
+    EXPECT_EQ(exit_code({0x100, 8, 9, 0x200, 0x12000}), 0); // levels that the trace does not tell
+    EXPECT_EQ(exit_code({1, 2, 3, 4, 5, 0x100, 0, 0, 0x200, 0x12000}), 0);
+    EXPECT_EQ(exit_code({0x100, 0, 0, 0x200, 0x12000, 1, 2, 3, 4, 5}), 0);
+    EXPECT_EQ(exit_code({1, 2, 3, 0x100, 0, 0, 0x200, 0x12000, 1, 2, 3}), 0);
+    for (const std::vector<uint64_t> &other : std::vector<std::vector<uint64_t>>{{0x108, 0, 0, 0x200, 0x12000},
+                                                                                 {0x100, 0, 0, 0x208, 0x12000},
+                                                                                 {0, 0x100, 0, 0x200, 0x12000},
+                                                                                 {0x100, 0, 0, 0, 0x200},
+                                                                                 {}})
+        EXPECT_EQ(exit_code(other), 3) << other.size();
+}
+
+TEST(check_pte, compares_every_directory_that_a_walk_has_and_tells_whose_walk_is_missing)
+{
+    const Folder folder;
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], good_trace()[LOAD], good_trace()[LOAD],
+                   good_trace()[PLAIN]};
+    const auto set = [](QTRACE_RTW &walk, uint8_t l1, uint8_t l2, uint8_t l3) {
+        walk.RTPDE_ra_l1[0] = l1;
+        walk.RTPDE_ra_l2[0] = l2;
+        walk.RTPDE_ra_l3[0] = l3;
+    };
+    set(trace[2].record.data_hRTW[0], 0x10, 0x20, 0x30);
+    set(trace[3].record.data_hRTW[0], 0x10, 0x20, 0x38);
+    const std::string file = folder.write("trace0", trace);
+    const auto found = [&](const std::vector<uint64_t> &words) {
+        std::istringstream lines(qtrace({"check", "--pte", folder.text("pte0", words_of(words)), file}).out);
+        std::vector<std::string> list;
+        for (std::string line; std::getline(lines, line);)
+            if (line.ends_with("[pte-walk]"))
+                list.push_back(line.substr(file.size() + 2));
+        return list;
+    };
+    const std::string
+        in_header = "header before record 0 at 0000000000001000: the walk of the first address by 100, 0, 0 to "
+                    "the entry 200 is not in the file [pte-walk]",
+        first = "record 1 at 0000000000001004: the walk of the data address by 110, 20, 30 to the entry 200 "
+                "is not in the file [pte-walk]",
+        second = "record 2 at 0000000000001008: the walk of the data address by 110, 20, 38 to the entry 200 "
+                 "is not in the file [pte-walk]";
+    EXPECT_THAT(found({}), testing::ElementsAre(in_header, first, second));
+    EXPECT_THAT(found({0x100, 0, 0, 0x200, 0x12000}), testing::ElementsAre(first, second));
+    // 0x1xx: the byte above the lowest is 1 in the first directory
+    EXPECT_THAT(found({0x110, 0x20, 0x30, 0x200, 0x12000}), testing::ElementsAre(in_header, second));
+    EXPECT_THAT(found({0x110, 0x20, 0x38, 0x200, 0x12000}), testing::ElementsAre(in_header, first));
+    for (const std::vector<uint64_t> &other : std::vector<std::vector<uint64_t>>{
+             {0x118, 0x20, 0x30, 0x200, 0}, {0x110, 0x28, 0x30, 0x200, 0}, {0x110, 0x20, 0x30, 0x208, 0}})
+        EXPECT_THAT(found(other), testing::ElementsAre(in_header, first, second));
+    const json told = json_lines(qtrace({"check", "--json", "--pte", folder.text("pte0", ""), file}).out).back();
+    EXPECT_EQ(told["walks_compared"], 3);
+    EXPECT_EQ(told["violations"], json({{"pte-walk", 3}}));
+    EXPECT_FALSE(told.contains("hashed_translations") && told["hashed_translations"] != 0);
+}
+
 TEST(dump_pte, shows_radix_walks_with_their_names)
 {
     const Folder folder;

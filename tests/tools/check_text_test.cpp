@@ -637,6 +637,26 @@ TEST(check_text, compares_branches_that_the_record_decides)
               json({{"change-to-next", 1}, {"segment-continued", 1}, {"text-branch", 1}}));
 }
 
+TEST(check_text, tells_which_outcome_of_a_branch_differs)
+{
+    const Folder folder;
+    const auto told = [&](Item item, uint16_t next, const std::string &rest) {
+        item.record.header.instruction = 0x41820010;
+        std::memcpy(item.record.next_instruction_ea, &next, sizeof next);
+        const std::string file =
+            folder.write("trace0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], item});
+        return qtrace({"check", "--text",
+                       folder.text("text0", BEGINNING + line(RADIX, FIRST, "0x41820010", rest.c_str())), file})
+            .out;
+    };
+    EXPECT_THAT(
+        told(good_trace()[UNTAKEN_BRANCH], 0, "(I:0) (N:1) (T:1) (PC:0x1004) (nextPC:0x1008) (branch taken)\n"),
+        HasSubstr("the control-flow change after a taken branch is 0x1 in the text, 0x0 in the trace"));
+    EXPECT_THAT(told(jump(0x2000, Case::single, 1), 0x1008,
+                     "(I:1) (N:1) (T:0) (PC:0x1004) (nextPC:0x1008) (branch untaken)\n"),
+                HasSubstr("the control-flow change after an untaken branch is 0x0 in the text, 0x1 in the trace"));
+}
+
 TEST(check_text, compares_every_host_walk_that_a_record_has_and_no_other)
 {
     const Folder folder;
