@@ -461,6 +461,7 @@ TEST_F(recover_figures, of_a_damaged_block)
     EXPECT_EQ(verified("broken0")["damaged_places"], 1);
     EXPECT_EQ(verified("broken0")["clean_end"], true);
     EXPECT_EQ(verified("broken0")["left_out"], 0);
+    EXPECT_EQ(qtrace({"info", "--verify", "broken0"}).exit_code, 3);
     EXPECT_EQ(verified("saved0")["left_out"], 1);
 }
 

@@ -289,3 +289,67 @@ TEST(a_range, means_numbers_of_records_where_some_are_missing)
     }
     EXPECT_EQ(sum, all);
 }
+
+namespace
+{
+
+// long_parts() with an access to one of 40 pages in each record.
+Trace long_parts_with_accesses()
+{
+    Trace trace = long_parts();
+    uint64_t number = 0;
+    for (Item &item : trace) {
+        if (item.is_header)
+            continue;
+        const uint64_t address = 0x100000 + (number * number % 40 << 16) + number % 64;
+        item.record.header.control.fld.data_address_present = 1;
+        std::memcpy(item.record.data_ea, &address, sizeof address);
+        set_case(item, Side::data, number % 3 == 0 ? Case::real : Case::single);
+        if (number % 3 != 0)
+            item.record.data_rpn[0] = static_cast<uint8_t>(number % 40);
+        number++;
+    }
+    return trace;
+}
+
+} // namespace
+
+// The other way to the same records: a file that has them alone.
+TEST(a_range, gives_what_a_file_of_its_records_gives)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_parts_with_accesses()), part = folder.path("part0");
+    for (const auto &[from, count] : {std::pair("0", "1"),
+                                      {"1", "9000"},
+                                      {"4999", "1"},
+                                      {"24990", "20"},
+                                      {"25000", "9000"},
+                                      {"49999", "9000"},
+                                      {"70000", "9000"}}) {
+        const std::vector<std::string> range = {"--from", from, "--count", count};
+        std::vector<std::string> cut = {"cut", "--force", "-o", part, file};
+        cut.insert(cut.end(), range.begin(), range.end());
+        ASSERT_EQ(qtrace(cut).exit_code, 0);
+        const auto figures = [](std::vector<std::string> command, const std::string &of) {
+            command.push_back(of);
+            const std::string out = qtrace(command).out; // findings come before the summary
+            json object = json::parse(out.substr(out.rfind('\n', out.size() - 2) + 1));
+            // The file has a header of its own, with what was in force.
+            for (const char *own : {"file", "size", "bytes_in_file", "total_bytes", "headers", "full_headers",
+                                    "fetch_pages_64K", "hot_fetch_pages", "switches"})
+                object.erase(own);
+            json partitions = json::array(); // in which something ran
+            for (const json &one : object.value("partitions", json::array()))
+                if (one["instructions"] != 0)
+                    partitions.push_back(one);
+            object["partitions"] = partitions;
+            return object;
+        };
+        for (const char *name : {"tlb", "stats", "check"}) {
+            std::vector<std::string> whole = {name, "--json"}, ranged = whole;
+            ranged.insert(ranged.end(), range.begin(), range.end());
+            const json expected = figures(whole, part), found = figures(ranged, file);
+            EXPECT_EQ(found, expected) << name << " from " << from << ": " << json::diff(found, expected);
+        }
+    }
+}
