@@ -230,6 +230,15 @@ def _sum_of_partitions(lists: Sequence[List[Dict[str, Any]]]) -> List[Dict[str, 
     return [{"lpid": f"0x{lpid:x}", "pid": pid, "instructions": n} for (lpid, pid), n in sorted(instructions.items())]
 
 
+def _numbers_of_pages(total: Dict[str, Any]) -> Dict[str, int]:
+    """Pages of several files are one page."""
+    numbers = {}
+    for side in ("fetch", "data"):
+        sizes = Counter(page["size"] for page in total[f"hot_{side}_pages"])
+        numbers.update({f"{side}_pages_{size}": number for size, number in sizes.items()})
+    return numbers
+
+
 def _total(files: Sequence[Dict[str, Any]]) -> Dict[str, Any]:
     total: Dict[str, Any] = {"file": "total"}
     for name in dict.fromkeys(name for figures in files for name in figures):
@@ -238,11 +247,12 @@ def _total(files: Sequence[Dict[str, Any]]) -> Dict[str, Any]:
             total[name] = _sum_of_pages(values)
         elif name == "partitions":
             total[name] = _sum_of_partitions(values)
+        elif isinstance(values[0], bool):
+            total[name] = any(values)
         elif isinstance(values[0], (int, float)):
             total[name] = sum(values)
-    for side in ("fetch", "data"):  # pages of several files are one page
-        sizes = Counter(page["size"] for page in total[f"hot_{side}_pages"])
-        total.update({f"{side}_pages_{size}": number for size, number in sizes.items()})
+    if not total.get("pages_estimated"):
+        total.update(_numbers_of_pages(total))
     targets = _Targets()
     for figures in files:
         for target in figures["hot_targets"]:
@@ -271,7 +281,8 @@ def stats(name: Union[Name, Sequence[Name]], top: int = 10, on_damage: str = "ra
     on_damage  "raise": DamageError when something is lost; "skip": the figures of what is there
 
     Each file is a task of its own, in which the command qtrace runs. Where the files have more than 8192 branch
-    targets together, their counts may be lower than those of one run, within "target_shortfall".
+    targets together, their counts may be lower than those of one run, within "target_shortfall". Where the pages of a
+    file are estimated ("pages_estimated"), the total adds up the numbers of pages: one in several files counts in each.
     """
     if on_damage not in ("raise", "skip"):
         raise ValueError(f'on_damage is "raise" or "skip", not {on_damage!r}')

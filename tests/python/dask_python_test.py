@@ -120,6 +120,22 @@ class Cluster(InFolder):
                          (f"{base}1", "damage", blocks["first_record"][1], blocks["records"][1]))  # fmt: skip
         self.assertEqual(len(qtrace.dask.losses(self.base)), 0)
 
+    def test_totals_of_estimated_pages_are_sums_that_say_so(self):
+        page = {"address": "0x1000", "size": "4K", "times": 5}
+        figures = {"file": "a", "instructions": 10, "fetch_pages_4K": 1, "data_pages_4K": 1, "hot_fetch_pages": [page],
+                   "hot_data_pages": [page], "hot_targets": [], "target_shortfall": 0, "partitions": [],
+                   "total_bytes": {"in_file": 1}}  # fmt: skip
+        estimated = figures | {"data_pages_4K": 2_000_000, "pages_estimated": True, "page_shortfall": 3}
+        exact = qtrace.dask._total([figures, figures])  # pylint: disable=protected-access
+        self.assertEqual((exact["fetch_pages_4K"], exact["data_pages_4K"]), (1, 1))
+        self.assertNotIn("pages_estimated", exact)
+        for both in ([figures, estimated], [estimated, figures]):
+            total = qtrace.dask._total(both)  # pylint: disable=protected-access
+            self.assertEqual((total["fetch_pages_4K"], total["data_pages_4K"]), (2, 2_000_001))
+            self.assertIs(total["pages_estimated"], True)
+            self.assertEqual(total["page_shortfall"], 3)
+            self.assertEqual(total["hot_data_pages"], [page | {"times": 10}])
+
     def test_statistics_are_those_of_the_command(self):
         for name, top in ((self.base, 10), (f"{self.guest}0", 3), (self.guest, 100000)):
             expected, status = tool_stats(name, top)

@@ -15,6 +15,8 @@ MOST = 64 << 10  # KiB, and so much for each thread that reads:
 MOST_OF_A_JOB = 8 << 10
 JOBS = 2
 EVERYTHING = "1000000000"
+MOST_PAGES = 1 << 20  # that are counted exactly, and may take so many bytes each:
+BYTES_OF_A_PAGE = 64
 # Blocks of each kind of file: enough to see what grows with them, and for 20 KB.
 SIZES = {"partitions": (30, 190), "segments": (12, 190), "comments": (60, 180), "outside-comments": (60, 115),
          "records": (2, 240), "wide": (1, 140), "pages": (7, 7), "singles": (180, 180), "damaged": (180, 180),
@@ -41,6 +43,8 @@ COMMANDS = {
 } | {f"export {form}": ["export", "--force", "--format", form, "-o", f"out.{form}", "F"]
      for form in ("csv", "callgrind", "champsim", "sqlite", "ctf")}  # fmt: skip
 WITHOUT_JOBS = ("plan",)
+WITH_PAGES = ("stats", "report")
+PAGES_OF_A_BLOCK = 2975  # of kind "pages", on each side
 
 
 def make(kind, blocks, name):
@@ -56,6 +60,13 @@ def measure(command):
     memory, time, code = map(int, done.stdout.split())
     assert code in (0, 3) or (code == 1 and words[0] in ("cut", "recover")), (command, code)  # nothing to keep
     return memory, time
+
+
+def output_of(jobs):
+    """Text and figures of stats."""
+    words = [PROGRAMS / "qtrace", "stats", "--jobs", jobs, "F"]
+    text, line = (subprocess.check_output(words + more, text=True) for more in ([], ["--json"]))
+    return text, json.loads(line)
 
 
 class Bounds(unittest.TestCase):
@@ -77,6 +88,33 @@ class Bounds(unittest.TestCase):
                 most[command] = max(most.get(command, (0, "", 0)), (memory, kind, time))
         for command, (memory, kind, time) in most.items() if TABLE else ():
             print(f"| `{command}` | {kind} | {memory / 1024:.1f} MiB | {time} ms |")
+
+    def test_pages_take_64_bytes_each_up_to_a_million(self):
+        for blocks in (34, 170, 360):
+            make("pages", blocks, "F")
+            pages = 2 * PAGES_OF_A_BLOCK * blocks
+            bound = MOST + JOBS * MOST_OF_A_JOB + BYTES_OF_A_PAGE * min(pages, MOST_PAGES) // 1024
+            for command in WITH_PAGES:
+                self.assertLess(measure(command)[0], bound, (command, blocks))
+
+    def test_more_than_a_million_pages_are_an_estimate_that_says_so(self):
+        make("pages", 360, "F")
+        texts, figures = zip(*(output_of(jobs) for jobs in ("1", "2")))
+        self.assertEqual(texts[0], texts[1])
+        self.assertEqual(figures[0], figures[1])
+        for side, label in (("fetch", "fetched"), ("data", "data")):
+            number = figures[0][f"{side}_pages_4K"]
+            self.assertRegex(texts[0], rf"\n  {label} pages of 4K +about {number}\n")
+            self.assertAlmostEqual(number / (360 * PAGES_OF_A_BLOCK), 1, delta=0.01)
+        self.assertIs(figures[0]["pages_estimated"], True)
+        self.assertIn(f"(counts may be too low, by at most {figures[0]['page_shortfall']})", texts[0])
+
+    def test_a_million_pages_are_exact_and_do_not_say_otherwise(self):
+        make("pages", 170, "F")
+        text, figures = output_of("2")
+        self.assertEqual((figures["fetch_pages_4K"], figures["data_pages_4K"]), 2 * (170 * PAGES_OF_A_BLOCK,))
+        self.assertFalse({"pages_estimated", "page_shortfall"} & set(figures))
+        self.assertNotIn("about", text)
 
     def test_time_is_linear_in_the_size_of_the_file(self):
         for kind, few in (("singles", 1500), ("block-headers", 600), ("pages", 6)):

@@ -133,8 +133,9 @@ static std::vector<Tlb_Model *> pointers_to(std::deque<Tlb_Model> &models)
 }
 
 Thread_Data::Thread_Data(std::string thread_name, const Page_Sizes &sizes, uint64_t first, uint64_t end)
-    : name(std::move(thread_name)), counts(sizes), models_(make_models()), feed_(pointers_to(models_)),
-      first_(first), end_(end), bin_records_(std::max<uint64_t>(1, (end - first + REPORT_BINS - 1) / REPORT_BINS))
+    : name(std::move(thread_name)), counts(sizes, Trace_Counts::Pages::left_out), models_(make_models()),
+      feed_(pointers_to(models_)), first_(first), end_(end),
+      bin_records_(std::max<uint64_t>(1, (end - first + REPORT_BINS - 1) / REPORT_BINS))
 {
     for (Distinct_Keys &keys : distinct_)
         keys.start();

@@ -66,7 +66,7 @@ struct Branch_Counts {
 
 // What a group of blocks has for a report; made by any thread.
 struct Report_Part {
-    explicit Report_Part(const Page_Sizes &sizes) : counts(sizes), accesses(sizes) {}
+    explicit Report_Part(const Page_Sizes &sizes) : counts(sizes, Trace_Counts::Pages::left_out), accesses(sizes) {}
     void start(const QTRACE_FILE_HDR *context); // reading begins here
     void begin(const QTRACE_FILE_HDR *context); // it goes on here
     void header(const QTRACE_Item &item);

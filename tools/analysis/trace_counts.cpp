@@ -7,6 +7,8 @@
 #include <bit>
 #include <fmt/format.h>
 #include <functional>
+#include <optional>
+#include <ranges>
 #include <type_traits>
 
 namespace qtrace_tool
@@ -92,13 +94,94 @@ Page Trace_Counts::page_of(const Translated_Address &address) const
     return {real >> bits << bits, nested ? partition_.lpid + 1 : 0, address.page_size};
 }
 
+Page_Use &Page_Use::operator+=(const Page_Use &other)
+{
+    fetches += other.fetches;
+    fetched |= other.fetched;
+    accesses += other.accesses;
+    return *this;
+}
+
+static Page_Use fetches_of(uint64_t times)
+{
+    Page_Use use;
+    use.fetches = times & UINT64_MAX >> 1;
+    use.fetched = 1;
+    return use;
+}
+
+static Page_Use accesses_of(uint64_t times)
+{
+    Page_Use use;
+    use.accesses = times;
+    return use;
+}
+
+void Trace_Counts::use_page(const Page &page, const Page_Use &use)
+{
+    if (!with_pages_)
+        return;
+    (use.fetched ? fetched_codes_ : data_codes_).set(page.size_code);
+    pages_.add(page, use);
+}
+
+void Trace_Counts::add_current_pages(const Trace_Counts &from)
+{
+    if (from.fetch_.named)
+        use_page(from.fetch_.page, fetches_of(from.fetches_));
+    if (from.data_accesses_ > 0)
+        use_page(from.last_data_page_, accesses_of(from.data_accesses_));
+}
+
+// `times` of a use is how often the side used the page; nothing when it did not.
+template <class Times>
+static Side_Pages side_of(const Page_Uses &pages, const Size_Codes &codes, size_t top, Times times)
+{
+    const auto used = [=](const auto &entry) { return times(entry.second).has_value(); };
+    Side_Pages side;
+    for (const auto &[page, use] : pages.sample())
+        if (times(use))
+            side.counts[page.size_code]++;
+    for (size_t code = 0; code < codes.size(); code++)
+        if (codes[code]) {
+            uint64_t &count = side.counts[static_cast<uint8_t>(code)];
+            count = std::max<uint64_t>(1, count << pages.shift()); // the sample may have none of a few pages
+        }
+    side.hottest.resize(std::min(top, static_cast<size_t>(std::ranges::count_if(pages.heaviest(), used))));
+    std::ranges::partial_sort_copy(
+        pages.heaviest() | std::views::filter(used) |
+            std::views::transform([=](const auto &entry) { return std::pair(entry.first, *times(entry.second)); }),
+        side.hottest, [](const auto &a, const auto &b) {
+            return a.second != b.second ? a.second > b.second : a.first < b.first;
+        });
+    return side;
+}
+
+void Trace_Counts::finish_pages(size_t top)
+{
+    using Times = std::optional<uint64_t>;
+    add_current_pages(*this);
+    fetch_ = {};
+    data_accesses_ = 0;
+    touched.fetched = side_of(pages_, fetched_codes_, top,
+                              [](const Page_Use &use) { return use.fetched ? Times(use.fetches) : Times(); });
+    touched.data = side_of(pages_, data_codes_, top,
+                           [](const Page_Use &use) { return use.accesses > 0 ? Times(use.accesses) : Times(); });
+    touched.estimated = pages_.is_estimate();
+    touched.shortfall = pages_.shortfall();
+    pages_ = Page_Uses();
+}
+
 // ---- Where instructions are fetched from ---------------------------------------------------------------
 
 void Trace_Counts::enter(const Fetch &fetch)
 {
     fetch_told_ = true;
+    if (fetch_.named && !(fetch.named && fetch.page == fetch_.page)) {
+        use_page(fetch_.page, fetches_of(fetches_));
+        fetches_ = 0;
+    }
     fetch_ = fetch;
-    fetch_count_ = fetch.named ? &fetch_pages[fetch.page] : nullptr;
 }
 
 void Trace_Counts::enter(const Translated_Address &address, uint64_t effective)
@@ -148,8 +231,8 @@ void Trace_Counts::count_fetch(uint64_t address)
         return;
     }
     fetch_cases[fetch_.mode_case]++;
-    if (fetch_count_ != nullptr && (address & fetch_.mask) == fetch_.first)
-        (*fetch_count_)++;
+    if (fetch_.named && (address & fetch_.mask) == fetch_.first)
+        fetches_++;
     else
         unnamed_fetches++;
 }
@@ -207,11 +290,12 @@ void Trace_Counts::count_data(const QTRACE_RECORD &record)
     if ((address.pieces & PIECE_RPN) == 0)
         return;
     const Page page = page_of(address);
-    if (last_data_count_ == nullptr || !(page == last_data_page_)) {
-        last_data_count_ = &data_pages[page];
-        last_data_page_ = page;
+    if (data_accesses_ > 0 && !(page == last_data_page_)) {
+        use_page(last_data_page_, accesses_of(data_accesses_));
+        data_accesses_ = 0;
     }
-    (*last_data_count_)++;
+    last_data_page_ = page;
+    data_accesses_++;
 }
 
 static uint64_t filled_words(const uint8_t *bytes, size_t size)
@@ -292,10 +376,10 @@ void Trace_Counts::add(const Trace_Counts &other)
     Trace_Sums::add(other);
     for (const auto &[key, count] : other.partitions)
         partitions[key] += count;
-    for (const auto &[page, count] : other.fetch_pages)
-        fetch_pages[page] += count;
-    for (const auto &[page, count] : other.data_pages)
-        data_pages[page] += count;
+    fetched_codes_ |= other.fetched_codes_;
+    data_codes_ |= other.data_codes_;
+    pages_.add(other.pages_);
+    add_current_pages(other);
     targets.add(other.targets);
 }
 

@@ -2,10 +2,12 @@
 #pragma once
 
 #include "address_view.h"
+#include "bounded_counts.h"
 #include "qtrace_reader.h"
 #include "record_schema.h"
 
 #include <array>
+#include <bitset>
 #include <compare>
 #include <map>
 #include <memory>
@@ -48,7 +50,31 @@ struct Page {
 struct Page_Hash {
     size_t operator()(const Page &page) const noexcept; // then a table does not keep it for each page
 };
-using Page_Counts = std::unordered_map<Page, uint64_t, Page_Hash>;
+// How often a page was used.
+struct Page_Use {
+    uint64_t fetches : 63 = 0; // instructions
+    uint64_t fetched : 1 = 0;  // also where none of its instructions was traced
+    uint64_t accesses = 0;     // of data
+    uint64_t total() const { return fetches + accesses; }
+    Page_Use &operator+=(const Page_Use &other);
+};
+struct Page_Use_Weight {
+    uint64_t operator()(const Page_Use &use) const { return use.total(); }
+};
+using Page_Uses = Bounded_Counts<Page, Page_Use, Page_Hash, Page_Use_Weight>;
+
+using Size_Codes = std::bitset<256>;
+
+// The pages of one side, fetches or data, as they are shown.
+struct Side_Pages {
+    std::map<uint8_t, uint64_t> counts;             // of pages, by size code
+    std::vector<std::pair<Page, uint64_t>> hottest; // with their uses, most first
+};
+struct Touched_Pages {
+    Side_Pages fetched, data;
+    bool estimated = false; // the counts of pages
+    uint64_t shortfall = 0; // uses of the hottest pages may be too low, by at most so much
+};
 
 // Sizes that page-size codes stand for, as powers of two; the codes are the simulator's.
 class Page_Sizes
@@ -96,7 +122,14 @@ struct Trace_Sums {
 class Trace_Counts : public Trace_Sums
 {
 public:
-    explicit Trace_Counts(const Page_Sizes &sizes) : sizes_(sizes) {}
+    enum class Pages : uint8_t { counted, left_out };
+
+    // Beyond `most_pages` different pages counts of pages are estimates.
+    explicit Trace_Counts(const Page_Sizes &sizes, Pages pages = Pages::counted,
+                          size_t most_pages = Page_Uses::MOST)
+        : sizes_(sizes), with_pages_(pages == Pages::counted), pages_(most_pages)
+    {
+    }
 
     // Counting begins in the middle of a trace, with this header in force (null: none). What instructions were
     // fetched from is told by what was counted before, or else is not known.
@@ -111,8 +144,12 @@ public:
     void add(const Trace_Counts &other);
 
     std::map<Partition, uint64_t> partitions; // instructions
-    Page_Counts fetch_pages, data_pages;
-    Frequent_Keys targets; // of taken and unconditional branches
+    Frequent_Keys targets;                    // of taken and unconditional branches
+
+    Touched_Pages touched; // filled by:
+    // Sums the pages up, with `top` of the hottest ones of each side, and releases their memory. To be called once, at
+    // the end.
+    void finish_pages(size_t top);
 
 private:
     // From where instructions are fetched.
@@ -132,6 +169,8 @@ private:
     void set_partition(const QTRACE_FILE_HDR *header);
     void count_fetch(uint64_t address);
     void count_fetches(const Run &run);
+    void use_page(const Page &page, const Page_Use &use);
+    void add_current_pages(const Trace_Counts &from);
     void count_branch(const QTRACE_Item &item);
     void count_members(const QTRACE_RECORD &record, const trace::Flag_Words &flags);
     void count_data(const QTRACE_RECORD &record);
@@ -141,9 +180,13 @@ private:
     bool fetch_told_ = true; // by this part of the trace
     std::vector<Run> before_told_;
     Fetch fetch_;
-    uint64_t *fetch_count_ = nullptr; // of fetch_.page; in fetch_pages
+    bool with_pages_;
+    Page_Uses pages_;
+    Size_Codes fetched_codes_, data_codes_;
+    // Uses of the current pages that are not in pages_ yet.
+    uint64_t fetches_ = 0; // of fetch_.page
     Page last_data_page_;
-    uint64_t *last_data_count_ = nullptr;
+    uint64_t data_accesses_ = 0; // of last_data_page_
     Partition partition_{0, 0};
     uint64_t *partition_count_ = nullptr;
 };

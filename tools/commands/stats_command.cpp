@@ -26,6 +26,7 @@ struct Metric {
     std::string label; // in text; an empty one is a heading's blank line
     std::function<double(const Trace_Counts &)> value;
     int decimals = 0;
+    bool of_pages = false; // they may be estimates
 };
 
 template <class Getter> Metric count(const char *key, const char *label, Getter getter)
@@ -75,31 +76,26 @@ void add_bytes(std::vector<Metric> &metrics, const Trace_Counts &total)
                        [](const Trace_Counts &c) { return per_instruction(c, c.file_bytes); }, 2});
 }
 
-uint64_t pages_of(const Page_Counts &pages, uint8_t code)
+Metric page_metric(const std::string &side, const std::string &label, uint8_t code, const std::string &name,
+                   Side_Pages Touched_Pages::*pages)
 {
-    return static_cast<uint64_t>(
-        std::ranges::count_if(pages, [code](const auto &page) { return page.first.size_code == code; }));
+    const auto value = [code, pages](const Trace_Counts &c) {
+        const auto &counts = (c.touched.*pages).counts;
+        const auto found = counts.find(code);
+        return found == counts.end() ? 0.0 : static_cast<double>(found->second);
+    };
+    return {side + "_pages_" + name, fmt::format("  {} pages of {}", label, name), value, 0, true};
 }
 
-std::set<uint8_t> page_size_codes(const Trace_Counts &counts)
+void add_pages(std::vector<Metric> &metrics, const Touched_Pages &total, const Page_Sizes &sizes)
 {
     std::set<uint8_t> codes;
-    for (const Page_Counts *pages : {&counts.fetch_pages, &counts.data_pages})
-        for (const auto &[page, times] : *pages)
-            codes.insert(page.size_code);
-    return codes;
-}
-
-void add_pages(std::vector<Metric> &metrics, const Trace_Counts &total, const Page_Sizes &sizes)
-{
-    for (const uint8_t code : page_size_codes(total)) {
-        const std::string name = sizes.name(code);
-        metrics.push_back({"fetch_pages_" + name, "  fetched pages of " + name, [code](const Trace_Counts &c) {
-                               return static_cast<double>(pages_of(c.fetch_pages, code));
-                           }});
-        metrics.push_back({"data_pages_" + name, "  data pages of " + name, [code](const Trace_Counts &c) {
-                               return static_cast<double>(pages_of(c.data_pages, code));
-                           }});
+    for (const Side_Pages *side : {&total.fetched, &total.data})
+        for (const auto &[code, count] : side->counts)
+            codes.insert(code);
+    for (const uint8_t code : codes) {
+        metrics.push_back(page_metric("fetch", "fetched", code, sizes.name(code), &Touched_Pages::fetched));
+        metrics.push_back(page_metric("data", "data", code, sizes.name(code), &Touched_Pages::data));
     }
 }
 
@@ -135,20 +131,10 @@ std::vector<Metric> metrics_of(const Trace_Counts &total, const Page_Sizes &size
     metrics.push_back(heading("translation (guest/host mode)"));
     add_cases(metrics, total);
     metrics.push_back(heading("pages touched"));
-    add_pages(metrics, total, sizes);
+    add_pages(metrics, total.touched, sizes);
     metrics.push_back(heading("bytes a record"));
     add_bytes(metrics, total);
     return metrics;
-}
-
-// Page counts, most first.
-std::vector<std::pair<Page, uint64_t>> hottest(const Page_Counts &pages, size_t count)
-{
-    std::vector<std::pair<Page, uint64_t>> sorted(std::min(count, pages.size()));
-    std::ranges::partial_sort_copy(pages, sorted, [](const auto &a, const auto &b) {
-        return a.second != b.second ? a.second > b.second : a.first < b.first;
-    });
-    return sorted;
 }
 
 class Stats_Command : public Command
@@ -184,13 +170,14 @@ private:
     // False: the run has been told why the file cannot be read to its end.
     bool count_file(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
     bool count_chosen(Tool_Run &run, Trace_File &file, const Symbol_Names &names, Column &to) const;
-    Column total_of(const std::vector<Column> &columns, const Symbol_Names &names) const;
+    void print(Tool_Run &run, const std::vector<Column> &columns) const;
+    static std::string cell(const Metric &metric, const Trace_Counts &counts);
     static Table table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics);
     void print_lists(Output &out, const Column &total) const;
     void print_functions(Output &out, const Column &total) const;
-    void print_pages(Output &out, const char *title, const Page_Counts &pages) const;
+    void print_pages(Output &out, const char *title, const Side_Pages &pages) const;
     void print_json(Output &out, const Column &column, const std::vector<Metric> &metrics) const;
-    void list_pages(Json_Writer &json, const char *key, const Page_Counts &pages) const;
+    void list_pages(Json_Writer &json, const char *key, const Side_Pages &pages) const;
     void list_functions(Json_Writer &json, const Function_Counts &functions) const;
     void list_targets(Json_Writer &json, const Column &column) const;
 
@@ -310,32 +297,37 @@ bool Stats_Command::count_chosen(Tool_Run &run, Trace_File &file, const Symbol_N
     return readable;
 }
 
-Stats_Command::Column Stats_Command::total_of(const std::vector<Column> &columns, const Symbol_Names &names) const
-{
-    Column total("total", sizes_, names);
-    for (const Column &column : columns) {
-        total.counts->add(*column.counts);
-        total.functions->add(*column.functions);
-    }
-    return total;
-}
-
+// The pages of one file at a time are in memory, and those of all files together.
 void Stats_Command::run(Tool_Run &run)
 {
     sizes_ = page_sizes(bits_);
     const Symbol_Names names(run, symbols_);
+    const std::vector<std::string> files = traces_of(run, files_);
     std::vector<Column> columns;
-    for (const std::string &name : traces_of(run, files_))
-        if (const std::unique_ptr<Trace_File> file = Trace_File::open(run, name)) {
-            if (!count_file(run, *file, names, columns.emplace_back(name, sizes_, names))) {
-                columns.pop_back();
-                continue;
-            }
+    Column total("total", sizes_, names);
+    for (const std::string &name : files) {
+        const std::unique_ptr<Trace_File> file = Trace_File::open(run, name);
+        Column column(name, sizes_, names);
+        if (!file || !count_file(run, *file, names, column))
+            continue;
+        if (files.size() > 1) {
+            total.counts->add(*column.counts);
+            total.functions->add(*column.functions);
         }
+        column.counts->finish_pages(top_);
+        columns.push_back(std::move(column));
+    }
     if (columns.empty())
         return;
-    if (columns.size() > 1)
-        columns.push_back(total_of(columns, names));
+    if (columns.size() > 1) {
+        total.counts->finish_pages(top_);
+        columns.push_back(std::move(total));
+    }
+    print(run, columns);
+}
+
+void Stats_Command::print(Tool_Run &run, const std::vector<Column> &columns) const
+{
     const std::vector<Metric> metrics = metrics_of(*columns.back().counts, sizes_);
     run.show(
         [&] {
@@ -348,6 +340,12 @@ void Stats_Command::run(Tool_Run &run)
         });
 }
 
+std::string Stats_Command::cell(const Metric &metric, const Trace_Counts &counts)
+{
+    const bool about = metric.of_pages && counts.touched.estimated;
+    return fmt::format("{}{:.{}f}", about ? "about " : "", metric.value(counts), metric.decimals);
+}
+
 Table Stats_Command::table_of(const std::vector<Column> &columns, const std::vector<Metric> &metrics)
 {
     Table table;
@@ -357,16 +355,15 @@ Table Stats_Command::table_of(const std::vector<Column> &columns, const std::vec
         table.rows.push_back({metric.label, {}});
         if (metric.value)
             for (const Column &column : columns)
-                table.rows.back().cells.push_back(
-                    fmt::format("{:.{}f}", metric.value(*column.counts), metric.decimals));
+                table.rows.back().cells.push_back(cell(metric, *column.counts));
     }
     return table;
 }
 
-void Stats_Command::print_pages(Output &out, const char *title, const Page_Counts &pages) const
+void Stats_Command::print_pages(Output &out, const char *title, const Side_Pages &pages) const
 {
     out.print("{}\n", title);
-    for (const auto &[page, times] : hottest(pages, top_))
+    for (const auto &[page, times] : pages.hottest)
         out.print("  {:016x}  {:<8} {:>12}{}\n", page.first, sizes_.name(page.size_code), times,
                   page.guest == 0 ? "" : fmt::format("  in partition {}", page.guest - 1));
 }
@@ -383,6 +380,12 @@ void Stats_Command::print_functions(Output &out, const Column &total) const
     }
 }
 
+static void print_shortfall(Output &out, uint64_t shortfall)
+{
+    if (shortfall > 0)
+        out.print("  (counts may be too low, by at most {})\n", shortfall);
+}
+
 void Stats_Command::print_lists(Output &out, const Column &column) const
 {
     const Trace_Counts &total = *column.counts;
@@ -391,24 +394,25 @@ void Stats_Command::print_lists(Output &out, const Column &column) const
         out.print("  lpid 0x{:<6x} pid {:<10} {:>12}  {:5.1f} %\n", partition.lpid, partition.pid, times,
                   100.0 * per_instruction(total, times));
     print_functions(out, column);
-    print_pages(out, "hot pages, fetched (real address, size, instructions)", total.fetch_pages);
+    print_pages(out, "hot pages, fetched (real address, size, instructions)", total.touched.fetched);
     if (total.unnamed_fetches > 0)
         out.print("  on pages entered in sequence, which records do not name: {}\n", total.unnamed_fetches);
-    print_pages(out, "hot pages, data (real address, size, accesses)", total.data_pages);
+    print_shortfall(out, total.touched.shortfall);
+    print_pages(out, "hot pages, data (real address, size, accesses)", total.touched.data);
+    print_shortfall(out, total.touched.shortfall);
     out.put("hot branch targets (address, times)\n");
     for (const auto &[target, times] : total.targets.top(top_)) {
         out.print("  {:016x}  {:>21}", target, times);
         print_name(out, column.notes(), target);
         out.put('\n');
     }
-    if (total.targets.shortfall() > 0)
-        out.print("  (counts may be too low, by at most {})\n", total.targets.shortfall());
+    print_shortfall(out, total.targets.shortfall());
 }
 
-void Stats_Command::list_pages(Json_Writer &json, const char *key, const Page_Counts &pages) const
+void Stats_Command::list_pages(Json_Writer &json, const char *key, const Side_Pages &pages) const
 {
     json.array(key, [&] {
-        for (const auto &[page, times] : hottest(pages, top_))
+        for (const auto &[page, times] : pages.hottest)
             json.object([&] {
                 json.member("address", Json_Hex{page.first});
                 json.member("size", sizes_.name(page.size_code));
@@ -486,8 +490,12 @@ void Stats_Command::print_json(Output &out, const Column &column, const std::vec
         list_bytes(json, counts);
         json.member("unnamed_fetches", counts.unnamed_fetches);
         list_functions(json, *column.functions);
-        list_pages(json, "hot_fetch_pages", counts.fetch_pages);
-        list_pages(json, "hot_data_pages", counts.data_pages);
+        list_pages(json, "hot_fetch_pages", counts.touched.fetched);
+        list_pages(json, "hot_data_pages", counts.touched.data);
+        if (counts.touched.estimated) {
+            json.member("pages_estimated", true);
+            json.member("page_shortfall", counts.touched.shortfall);
+        }
         list_targets(json, column);
     });
 }

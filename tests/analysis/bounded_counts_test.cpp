@@ -1,0 +1,410 @@
+// Counts of many keys in bounded memory, with limits small enough to be exceeded at once.
+#include "bounded_counts.h"
+#include "trace_counts.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <numeric>
+
+using namespace qtrace_tool;
+
+namespace
+{
+
+struct Number_Hash {
+    size_t operator()(uint64_t key) const { return key * 0x9E3779B97F4A7C15u >> 7; }
+};
+struct Number_Weight {
+    uint64_t operator()(uint64_t value) const { return value; }
+};
+using Heavy = Heavy_Keys<uint64_t, uint64_t, Number_Hash, Number_Weight>;
+using Counts = Bounded_Counts<uint64_t, uint64_t, Number_Hash, Number_Weight>;
+using Values = std::map<uint64_t, uint64_t>;
+
+template <class Table> Values values_of(const Table &table)
+{
+    Values values;
+    for (const auto &[key, value] : table)
+        values[key] = value;
+    return values;
+}
+
+// Keys first, first + 1, ..., each with its own number as value.
+Counts counts_of(uint64_t first, uint64_t end, size_t most)
+{
+    Counts counts(most);
+    for (uint64_t key = first; key < end; key++)
+        counts.add(key, key);
+    return counts;
+}
+
+} // namespace
+
+// ---- The table -----------------------------------------------------------------------------------------
+
+TEST(flat_table, numbers_keys_in_the_order_in_which_they_came)
+{
+    Flat_Table<uint64_t, uint64_t, Number_Hash> table;
+    for (uint64_t key = 0; key < 5000; key++)
+        EXPECT_EQ(table.number(key * 7), key);
+    for (uint64_t key = 0; key < 5000; key++) {
+        EXPECT_EQ(table.number(key * 7), key);
+        EXPECT_EQ(table.key(static_cast<uint32_t>(key)), key * 7);
+    }
+    EXPECT_EQ(table.size(), 5000u);
+}
+
+TEST(flat_table, keeps_entries_in_order_and_takes_more_afterwards)
+{
+    for (const uint64_t keep : {3, 1024, 2048, 2500, 0}) {
+        Flat_Table<uint64_t, uint64_t, Number_Hash> table;
+        for (uint64_t key = 0; key < 5000; key++)
+            table[key] = key + 1;
+        table.keep_if(
+            [&](uint64_t key, uint32_t number) { return key == number && key % 2 == 1 && key / 2 < keep; });
+        ASSERT_EQ(table.size(), keep);
+        for (uint64_t key = 10000; key < 13000; key++)
+            EXPECT_EQ(table.number(key), keep + key - 10000);
+        for (uint32_t i = 0; i < keep; i++) {
+            EXPECT_EQ(table.key(i), 2 * i + 1);
+            EXPECT_EQ(table.value(i), 2 * i + 2);
+            EXPECT_EQ(table.number(2 * i + 1), i);
+        }
+        EXPECT_EQ(std::accumulate(table.begin(), table.end(), uint64_t{0},
+                                  [](uint64_t sum, const auto &entry) { return sum + entry.second; }),
+                  keep * (keep + 1));
+    }
+}
+
+// ---- The heaviest keys ---------------------------------------------------------------------------------
+
+TEST(heavy_keys, are_exact_up_to_their_limit)
+{
+    Heavy heavy(4);
+    for (const uint64_t key : {1, 2, 3, 4, 1, 2, 1})
+        heavy[key]++;
+    EXPECT_EQ(values_of(heavy.table()), (Values{{1, 3}, {2, 2}, {3, 1}, {4, 1}}));
+    EXPECT_EQ(heavy.shortfall(), 0u);
+}
+
+TEST(heavy_keys, forget_the_lighter_half_for_the_next_key)
+{
+    Heavy heavy(4);
+    heavy[1] = 2;
+    heavy[2] = 10;
+    heavy[3] = 1;
+    heavy[4] = 9;
+    heavy[5]++;
+    EXPECT_EQ(values_of(heavy.table()), (Values{{2, 10}, {4, 9}, {5, 1}}));
+    EXPECT_EQ(heavy.shortfall(), 2u);
+    heavy[6]++;
+    heavy[7]++;
+    EXPECT_EQ(values_of(heavy.table()), (Values{{2, 10}, {4, 9}, {7, 1}}));
+    EXPECT_EQ(heavy.shortfall(), 3u);
+}
+
+TEST(heavy_keys, forget_half_of_those_of_one_weight)
+{
+    Heavy heavy(6);
+    for (const uint64_t key : {1, 2, 3, 4, 5, 6})
+        heavy[key] = key == 6 ? 9 : 5;
+    heavy[7] = 1;
+    EXPECT_EQ(values_of(heavy.table()), (Values{{1, 5}, {2, 5}, {6, 9}, {7, 1}}));
+    EXPECT_EQ(heavy.shortfall(), 5u);
+}
+
+TEST(heavy_keys, add_up_with_their_shortfalls)
+{
+    Heavy one(2), other(2);
+    for (const uint64_t key : {1, 1, 2, 3, 1})
+        one[key]++; // forgets 2
+    for (const uint64_t key : {3, 3, 4, 4, 4, 5})
+        other[key]++; // forgets 3
+    one.add(other);
+    EXPECT_GE(one.table().size(), 1u);
+    EXPECT_EQ(one.shortfall(), 1u + 2 + 1 + 3); // forgets 3, for 4; then 4, for 5
+    EXPECT_EQ(values_of(one.table()), (Values{{1, 3}, {5, 1}}));
+}
+
+// ---- The sample ----------------------------------------------------------------------------------------
+
+TEST(bounded_counts, are_exact_up_to_their_limit)
+{
+    Counts counts = counts_of(0, 1000, 1000);
+    counts.add(7, 100);
+    EXPECT_FALSE(counts.is_estimate());
+    EXPECT_EQ(counts.sample().size(), 1000u);
+    EXPECT_EQ(values_of(counts.heaviest())[7], 107u);
+    EXPECT_EQ(counts.shortfall(), 0u);
+    counts.add(1000, 1);
+    EXPECT_TRUE(counts.is_estimate());
+    EXPECT_EQ(counts.shift(), 1u);
+    EXPECT_LT(counts.sample().size(), 600u);
+}
+
+// 64 estimates of 50,000 keys of which some 800 are kept: their error is 3.5 % on average when keys are chosen at random.
+TEST(bounded_counts, estimates_are_close_and_not_biased)
+{
+    double sum = 0;
+    for (uint64_t round = 0; round < 64; round++) {
+        const Counts counts = counts_of(round << 32, (round << 32) + 50000, 1000);
+        EXPECT_LE(counts.sample().size(), 1000u);
+        const double estimate = static_cast<double>(counts.sample().size() << counts.shift()) / 50000;
+        EXPECT_NEAR(estimate, 1, 0.15) << round;
+        sum += estimate;
+    }
+    EXPECT_NEAR(sum / 64, 1, 0.02);
+}
+
+// Pages are multiples of a large power of two.
+TEST(bounded_counts, estimates_of_keys_far_apart_are_close)
+{
+    for (const unsigned bits : {12, 16, 21, 30, 40}) {
+        Counts counts(1000);
+        for (uint64_t i = 0; i < 50000; i++)
+            counts.add(i << bits, 1);
+        EXPECT_NEAR(static_cast<double>(counts.sample().size() << counts.shift()), 50000, 7500) << bits;
+    }
+}
+
+TEST(bounded_counts, values_in_the_sample_are_exact)
+{
+    Counts counts(100);
+    for (int round = 0; round < 3; round++)
+        for (uint64_t key = 0; key < 5000; key++)
+            counts.add(key, key);
+    ASSERT_GT(counts.sample().size(), 0u);
+    for (const auto &[key, value] : counts.sample()) {
+        EXPECT_EQ(value, 3 * key);
+        EXPECT_TRUE(counts.is_sampled(key));
+    }
+}
+
+TEST(bounded_counts, merged_in_every_order_are_the_same)
+{
+    const uint64_t ends[] = {0, 90, 1500, 1600, 9000};
+    const Counts whole = counts_of(0, 9000, 100);
+    std::vector<size_t> order = {1, 2, 3, 4};
+    do {
+        Counts merged(100), pairs[] = {Counts(100), Counts(100)};
+        for (size_t i = 0; i < 4; i++) {
+            const Counts part = counts_of(ends[order[i] - 1], ends[order[i]], 100);
+            merged.add(part);
+            pairs[i / 2].add(part);
+        }
+        pairs[0].add(pairs[1]);
+        for (const Counts &counts : {merged, pairs[0]}) {
+            EXPECT_EQ(counts.shift(), whole.shift());
+            EXPECT_EQ(values_of(counts.sample()), values_of(whole.sample()));
+        }
+    } while (std::ranges::next_permutation(order).found);
+}
+
+TEST(bounded_counts, an_exact_count_takes_the_sample_of_an_estimate)
+{
+    const Counts many = counts_of(0, 9000, 100);
+    Counts few = counts_of(0, 50, 100);
+    few.add(many);
+    EXPECT_EQ(few.shift(), many.shift());
+    for (const auto &[key, value] : few.sample())
+        EXPECT_EQ(value, key < 50 ? 2 * key : key);
+    EXPECT_EQ(few.sample().size(), many.sample().size());
+}
+
+// Whether its hash is in the sample or not, before and after the sample is taken.
+TEST(bounded_counts, know_the_heaviest_keys_beside_the_sample)
+{
+    for (const bool early : {true, false}) {
+        Counts counts(200);
+        for (uint64_t key = 0; key < 6000; key++) {
+            counts.add(100000 + key, 1);
+            if ((key < 100) == early)
+                for (uint64_t heavy = 1; heavy <= 10; heavy++)
+                    counts.add(heavy, 1000 * heavy);
+        }
+        const uint64_t times = early ? 100 : 5900;
+        Values heaviest = values_of(counts.heaviest());
+        EXPECT_LE(heaviest.size(), 200u);
+        EXPECT_LT(counts.shortfall(), 200u);
+        for (uint64_t heavy = 1; heavy <= 10; heavy++)
+            EXPECT_EQ(heaviest[heavy], 1000 * heavy * times);
+    }
+}
+
+TEST(bounded_counts, merged_know_the_heaviest_keys_of_both)
+{
+    for (const uint64_t first_end : {150, 5000})
+        for (const uint64_t second_end : {150, 5000}) {
+            Counts counts(200), other(200);
+            for (uint64_t key = 0; key < first_end; key++)
+                counts.add(10000 + key, 1);
+            for (uint64_t key = 0; key < second_end; key++)
+                other.add(20000 + key, 1);
+            for (uint64_t key = 1; key <= 10; key++) {
+                counts.add(key, 1000);
+                other.add(key, 500);
+            }
+            counts.add(other);
+            EXPECT_TRUE(counts.is_estimate());
+            Values heaviest = values_of(counts.heaviest());
+            for (uint64_t key = 1; key <= 10; key++)
+                EXPECT_EQ(heaviest[key], 1500u) << first_end << " " << second_end;
+        }
+}
+
+TEST(bounded_counts, tell_what_stays_in_the_sample_by_number)
+{
+    Counts counts(100);
+    std::vector<uint64_t> beside; // as a caller keeps something for each number
+    for (uint64_t key = 0; key < 3000; key++) {
+        if (!counts.is_sampled(key))
+            continue;
+        const uint32_t number = counts.number(key);
+        ASSERT_EQ(number, beside.size());
+        beside.push_back(key * 3);
+        counts.add_to(number, key);
+        if (!counts.is_full())
+            continue;
+        std::vector<uint64_t> kept;
+        counts.thin([&](uint32_t stays) { kept.push_back(beside[stays]); });
+        beside = kept;
+    }
+    ASSERT_EQ(counts.sample().size(), beside.size());
+    ASSERT_GE(counts.shift(), 4u);
+    for (uint32_t i = 0; i < beside.size(); i++)
+        EXPECT_EQ(beside[i], counts.sample().key(i) * 3);
+    EXPECT_EQ(values_of(counts.sample()), values_of(counts_of(0, 3000, 100).sample()));
+    uint64_t sum = 0;
+    for (const auto &[key, value] : counts.heaviest())
+        sum += value;
+    EXPECT_GT(sum, 0u);
+}
+
+// ---- The pages of a trace ------------------------------------------------------------------------------
+
+namespace
+{
+
+QTRACE_Item plain_item()
+{
+    QTRACE_Item item{};
+    auto &flags = item.record.header.control.fld;
+    flags.secondary_extender_present = 1;
+    flags.guest_xlate_mode_instruction = flags.guest_xlate_mode_data = 3;
+    return item;
+}
+
+// Goes on at a host page of 4 KiB.
+QTRACE_Item entering(uint32_t page)
+{
+    QTRACE_Item item = plain_item();
+    auto &flags = item.record.header.control.fld;
+    flags.next_instruction_EA_present = 1;
+    flags.next_instruction_RPN_present = flags.next_instruction_page_size_present = 1;
+    std::memcpy(item.record.next_instruction_rpn, &page, sizeof(page));
+    return item;
+}
+
+QTRACE_Item accessing(uint32_t page)
+{
+    QTRACE_Item item = plain_item();
+    auto &flags = item.record.header.control.fld;
+    flags.data_address_present = 1;
+    flags.data_RPN_present = flags.data_page_size_present = 1;
+    std::memcpy(item.record.data_rpn, &page, sizeof(page));
+    return item;
+}
+
+using Hottest = std::vector<std::pair<Page, uint64_t>>;
+
+} // namespace
+
+TEST(touched_pages, are_those_that_instructions_run_on_and_that_are_accessed)
+{
+    Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::counted, 4);
+    counts.loss(nullptr);
+    counts.record(entering(1));
+    for (int i = 0; i < 3; i++)
+        counts.record(accessing(2));
+    counts.record(accessing(1));
+    counts.record(entering(3)); // where nothing runs
+    counts.finish_pages(10);
+    EXPECT_FALSE(counts.touched.estimated);
+    EXPECT_EQ(counts.touched.fetched.counts, (std::map<uint8_t, uint64_t>{{0, 2}}));
+    EXPECT_EQ(counts.touched.data.counts, (std::map<uint8_t, uint64_t>{{0, 2}}));
+    EXPECT_EQ(counts.touched.fetched.hottest, (Hottest{{{0x1000, 0, 0}, 5}, {{0x3000, 0, 0}, 0}}));
+    EXPECT_EQ(counts.touched.data.hottest, (Hottest{{{0x2000, 0, 0}, 3}, {{0x1000, 0, 0}, 1}}));
+}
+
+TEST(touched_pages, beyond_the_limit_are_an_estimate_that_says_so)
+{
+    Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::counted, 500);
+    counts.loss(nullptr);
+    for (uint32_t page = 1; page <= 5000; page++) {
+        counts.record(accessing(page));
+        counts.record(accessing(9999));
+    }
+    counts.finish_pages(1);
+    EXPECT_TRUE(counts.touched.estimated);
+    EXPECT_NEAR(static_cast<double>(counts.touched.data.counts[0]), 5001, 700);
+    EXPECT_TRUE(counts.touched.fetched.counts.empty());
+    EXPECT_EQ(counts.touched.data.hottest, (Hottest{{{0x270f000, 0, 0}, 5000}}));
+    EXPECT_GT(counts.touched.shortfall, 0u);
+    EXPECT_LT(counts.touched.shortfall, 100u);
+}
+
+TEST(touched_pages, of_a_size_that_the_sample_misses_are_one_at_least)
+{
+    Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::counted, 8);
+    counts.loss(nullptr);
+    for (uint8_t code = 1; code <= 5; code++) {
+        QTRACE_Item item = accessing(1);
+        item.record.data_page_size = code;
+        counts.record(item);
+    }
+    for (uint32_t page = 1; page <= 4000; page++)
+        counts.record(accessing(page));
+    Trace_Counts total(Page_Sizes{}, Trace_Counts::Pages::counted, 8);
+    total.add(counts);
+    total.finish_pages(1);
+    EXPECT_EQ(total.touched.data.counts.size(), 6u);
+    for (uint8_t code = 1; code <= 5; code++)
+        EXPECT_GE(total.touched.data.counts[code], 1u);
+}
+
+TEST(touched_pages, are_not_kept_where_they_are_left_out)
+{
+    Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::left_out);
+    counts.loss(nullptr);
+    counts.record(entering(1));
+    counts.record(accessing(2));
+    counts.finish_pages(10);
+    EXPECT_EQ(counts.unnamed_fetches, 1u); // the first
+    EXPECT_TRUE(counts.touched.data.counts.empty());
+    EXPECT_TRUE(counts.touched.fetched.hottest.empty());
+}
+
+// Parts that are added in their order, as threads read them.
+TEST(touched_pages, do_not_depend_on_the_parts_in_which_a_trace_is_read)
+{
+    const auto item = [](uint32_t i) { return i % 3 == 0 ? entering(i * 7 % 400) : accessing(i * 11 % 900); };
+    std::vector<Touched_Pages> found;
+    for (const uint32_t part : {6000, 1000, 7}) {
+        Trace_Counts whole(Page_Sizes{}, Trace_Counts::Pages::counted, 100);
+        for (uint32_t first = 0; first < 6000; first += part) {
+            Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::counted, 100);
+            first == 0 ? counts.loss(nullptr) : counts.begin(nullptr);
+            for (uint32_t i = first; i < std::min(first + part, 6000u); i++)
+                counts.record(item(i));
+            whole.append(counts);
+        }
+        whole.finish_pages(5);
+        found.push_back(whole.touched);
+        EXPECT_TRUE(whole.touched.estimated);
+        EXPECT_EQ(whole.touched.data.counts, found[0].data.counts);
+        EXPECT_EQ(whole.touched.fetched.counts, found[0].fetched.counts);
+    }
+}
