@@ -3,7 +3,9 @@
 #include "tlb_feed.h"
 #include "tlb_model.h"
 
+#include <array>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 
 using namespace qtrace_tool;
@@ -220,8 +222,8 @@ TEST(tlb_model, a_region_of_small_pages_is_worth_one_large_page)
     Accesses accesses(sized({{2, 2}}));
     accesses.data({0, 1, 2, 0, 1, 2});
     const Tlb_Figures &figures = accesses.model.finish();
-    ASSERT_EQ(figures.regions.size(), 1u);
-    const Tlb_Region &region = figures.regions.begin()->second;
+    ASSERT_EQ(figures.regions.table().size(), 1u);
+    const Tlb_Region &region = figures.regions.table().begin()->second;
     EXPECT_EQ(region.pages, 3u);
     EXPECT_EQ(region.walks, 6u);
     EXPECT_EQ(region.walks_if_one, 1u);
@@ -248,6 +250,185 @@ TEST(tlb_model, the_series_has_its_last_part)
     EXPECT_EQ(series[1].cost.walks, 2u);
     EXPECT_EQ(series[2].instructions, 1u);
     EXPECT_EQ(series[2].cost.walks, 0u);
+}
+
+// ---- More pages than are kept --------------------------------------------------------------------------
+
+namespace
+{
+
+// Half of 60,000 accesses go to 100 pages, the others to 3000.
+uint64_t some_page(uint64_t &place, int i)
+{
+    place = place * 6364136223846793005u + 1442695040888963407u;
+    return (place >> 40) % (i % 2 == 0 ? 3000 : 100);
+}
+
+// The same accesses with all pages kept, and with at most `most`. `real` makes the real page.
+template <class Real> std::array<Tlb_Figures, 2> with_limit(Tlb_Options options, size_t most, Real real)
+{
+    options.limits.pages = 1 << 20;
+    Accesses all(options);
+    options.limits.pages = most;
+    Accesses few(options);
+    uint64_t place = 7;
+    for (int i = 0; i < 60000; i++) {
+        const uint64_t number = some_page(place, i);
+        for (Accesses *accesses : {&all, &few})
+            accesses->data(number, real(number, i));
+    }
+    return {all.model.take(), few.model.take()};
+}
+
+} // namespace
+
+TEST(tlb_limits, what_a_tlb_misses_is_exact_beyond_the_limit_of_pages)
+{
+    const auto real = [](uint64_t number, int i) { return number % 5 == 0 ? uint64_t(i) / 999 : 0; };
+    for (const bool split : {false, true}) {
+        Tlb_Options options = sized({{16, 4}, {256, 8}});
+        options.walk_cache = options.nested_cache = 16;
+        options.split = split;
+        const auto [all, few] = with_limit(options, 500, real);
+        EXPECT_FALSE(all.is_estimate());
+        EXPECT_TRUE(few.is_estimate());
+        EXPECT_LE(few.pages.sample().size(), 500u);
+        EXPECT_EQ(few.walks(), all.walks());
+        EXPECT_EQ(few.read_entries, all.read_entries);
+        EXPECT_EQ(few.levels[0].misses, all.levels[0].misses);
+        EXPECT_EQ(few.levels[1].most_reach, all.levels[1].most_reach);
+        EXPECT_EQ(few.page_sizes.at(12).walks, all.page_sizes.at(12).walks);
+        EXPECT_EQ(few.instructions_at.table().begin()->second.walks, all.walks());
+        EXPECT_NEAR(static_cast<double>(few.remapped), static_cast<double>(all.remapped),
+                    0.25 * static_cast<double>(all.remapped));
+    }
+}
+
+TEST(tlb_limits, the_curve_is_estimated_from_a_sample_of_the_pages)
+{
+    const auto [all, few] = with_limit(sized({{16, 4}}), 1000, [](uint64_t, int) { return 0; });
+    const Distance_Counts &exact = all.distances[0], &estimate = few.distances.at(0);
+    EXPECT_FALSE(exact.is_estimate());
+    EXPECT_TRUE(estimate.is_estimate());
+    EXPECT_EQ(exact.accesses(), 60000u);
+    EXPECT_EQ(estimate.accesses(), 60000u);
+    EXPECT_EQ(exact.first_uses(), 3000u);
+    EXPECT_NEAR(static_cast<double>(estimate.first_uses()), 3000, 300);
+    for (const uint64_t size : {1, 8, 64, 512, 1024, 2048}) {
+        const auto misses = static_cast<double>(exact.misses(size));
+        EXPECT_NEAR(static_cast<double>(estimate.misses(size)), misses, 0.2 * misses) << size;
+    }
+}
+
+TEST(tlb_limits, the_pages_with_most_walks_are_known_beyond_the_limit)
+{
+    Tlb_Options options = sized({{1, 1}});
+    options.limits.pages = 100;
+    Accesses accesses(options);
+    for (uint64_t i = 0; i < 5000; i++)
+        accesses.data({100 + i, i % 10}); // each misses
+    const Tlb_Figures &figures = accesses.model.finish();
+    EXPECT_LT(figures.pages.shortfall(), 150u);
+    EXPECT_GT(figures.pages.shortfall(), 0u);
+    std::map<uint64_t, Tlb_Cost> costs;
+    for (const auto &[page, cost] : figures.pages.heaviest())
+        costs[page.first >> 12] = cost;
+    EXPECT_LE(costs.size(), 100u);
+    for (uint64_t number = 0; number < 10; number++) {
+        EXPECT_EQ(costs[number].walks, 500u) << number;
+        EXPECT_EQ(costs[number].accesses, 500u) << number;
+    }
+}
+
+TEST(tlb_limits, ranges_and_instructions_with_most_walks_are_known_beyond_theirs)
+{
+    Tlb_Options options = sized({{1, 1}});
+    options.limits.others = 20;
+    Tlb_Model model(options);
+    for (uint64_t i = 0; i < 300; i++)
+        for (const uint64_t number : {i % 2, 512 * (i + 1)}) { // one range with two pages, and new ones
+            model.instruction(number < 2 ? 0x4000 : 4 * i);
+            model.access(Access_Side::data, number << 12, host_page(number));
+        }
+    const Tlb_Figures &figures = model.finish();
+    EXPECT_LE(figures.regions.table().size(), 20u);
+    EXPECT_LE(figures.instructions_at.table().size(), 20u);
+    EXPECT_GT(figures.regions.shortfall(), 0u);
+    EXPECT_GT(figures.instructions_at.shortfall(), 0u);
+    const auto [page, range] = *std::ranges::max_element(figures.regions.table(), {},
+                                                         [](const auto &entry) { return entry.second.walks; });
+    EXPECT_EQ(page.first, 0u);
+    EXPECT_EQ(range.pages, 2u);
+    EXPECT_EQ(range.walks, 300u);
+    EXPECT_EQ(range.walks_if_one, 300u);
+    const auto instruction = *std::ranges::max_element(figures.instructions_at.table(), {},
+                                                       [](const auto &entry) { return entry.second.walks; });
+    EXPECT_EQ(instruction.first, 0x4000u);
+    EXPECT_EQ(instruction.second.walks, 300u);
+}
+
+TEST(tlb_limits, add_up_over_threads)
+{
+    const auto [all, few] = with_limit(sized({{16, 4}}), 500, [](uint64_t, int) { return 0; });
+    Tlb_Figures total;
+    total.add(all);
+    EXPECT_FALSE(total.is_estimate());
+    total.add(few);
+    EXPECT_TRUE(total.is_estimate());
+    EXPECT_EQ(total.distances[0].accesses(), 120000u);
+    EXPECT_EQ(total.distances[0].first_uses(), all.distances[0].first_uses() + few.distances[0].first_uses());
+    EXPECT_EQ(total.distances[0].misses(100), all.distances[0].misses(100) + few.distances[0].misses(100));
+    EXPECT_EQ(total.pages.shift(), few.pages.shift());
+}
+
+TEST(tlb_limits, a_flush_forgets_pages_whether_they_are_sampled_or_not)
+{
+    Tlb_Options options = sized({{16, 4}});
+    options.flush_on_switch = true;
+    options.limits.pages = 200;
+    Accesses accesses(options);
+    for (uint32_t pid = 0; pid < 4; pid++) {
+        accesses.model.switch_to({1, pid});
+        for (uint64_t number = 0; number < 2000; number++)
+            accesses.data(number);
+    }
+    const Tlb_Figures &figures = accesses.model.finish();
+    EXPECT_EQ(figures.walks(), 8000u);
+    EXPECT_EQ(figures.distances[0].misses(1 << 20), figures.distances[0].first_uses());
+    EXPECT_NEAR(static_cast<double>(figures.distances[0].first_uses()), 8000, 1600);
+}
+
+TEST(distances, far_ones_are_counted_for_the_sizes_that_are_listed)
+{
+    Distance_Counts distances;
+    distances.count(Distance_Counts::NEVER);
+    for (const size_t distance : {0, 65535, 65536, 98303, 98304, 131071, 131072, 1 << 20})
+        distances.count(distance);
+    EXPECT_EQ(distances.misses(65535), 8u);
+    EXPECT_EQ(distances.misses(65536), 7u);
+    EXPECT_EQ(distances.misses(98304), 5u);
+    EXPECT_EQ(distances.misses(131072), 3u);
+    EXPECT_EQ(distances.misses(196608), 2u);
+    EXPECT_EQ(distances.misses(1 << 20), 2u);
+    EXPECT_EQ(distances.misses(3 << 19), 1u);
+    EXPECT_EQ(distances.sizes().back(), uint64_t{3} << 19);
+}
+
+TEST(distances, of_a_sample_stand_for_all_pages)
+{
+    Distance_Counts distances;
+    for (int i = 0; i < 3; i++)
+        distances.count_unsampled();
+    distances.count(Distance_Counts::NEVER, 1);
+    distances.count(3, 1); // 6 of all pages, twice
+    EXPECT_TRUE(distances.is_estimate());
+    EXPECT_EQ(distances.accesses(), 5u);
+    EXPECT_EQ(distances.first_uses(), 2u);
+    EXPECT_EQ(distances.misses(6), 4u);
+    EXPECT_EQ(distances.misses(7), 2u);
+    distances.count(Distance_Counts::NEVER, 5); // never more than there were accesses
+    EXPECT_EQ(distances.first_uses(), 6u);
+    EXPECT_EQ(distances.misses(1), 6u);
 }
 
 // ---- Which page an instruction was fetched from --------------------------------------------------------

@@ -43,8 +43,7 @@ COMMANDS = {
 } | {f"export {form}": ["export", "--force", "--format", form, "-o", f"out.{form}", "F"]
      for form in ("csv", "callgrind", "champsim", "sqlite", "ctf")}  # fmt: skip
 WITHOUT_JOBS = ("plan",)
-WITH_PAGES = ("stats", "report")
-PAGES_OF_A_BLOCK = 2975  # of kind "pages", on each side
+PAGES_OF_A_BLOCK = 2975  # of kind "pages": so many fetched ones, whose effective addresses come again, and so many of data
 
 
 def make(kind, blocks, name):
@@ -62,9 +61,9 @@ def measure(command):
     return memory, time
 
 
-def output_of(jobs):
-    """Text and figures of stats."""
-    words = [PROGRAMS / "qtrace", "stats", "--jobs", jobs, "F"]
+def output_of(command, jobs):
+    """Text and figures."""
+    words = [PROGRAMS / "qtrace", command, "--jobs", jobs, "F"]
     text, line = (subprocess.check_output(words + more, text=True) for more in ([], ["--json"]))
     return text, json.loads(line)
 
@@ -90,16 +89,16 @@ class Bounds(unittest.TestCase):
             print(f"| `{command}` | {kind} | {memory / 1024:.1f} MiB | {time} ms |")
 
     def test_pages_take_64_bytes_each_up_to_a_million(self):
-        for blocks in (34, 170, 360):
-            make("pages", blocks, "F")
-            pages = 2 * PAGES_OF_A_BLOCK * blocks
-            bound = MOST + JOBS * MOST_OF_A_JOB + BYTES_OF_A_PAGE * min(pages, MOST_PAGES) // 1024
-            for command in WITH_PAGES:
+        for command, of_a_block, most in (("stats", 2, 360), ("tlb", 1, 720), ("report", 2, 360)):
+            for blocks in (170, most):
+                make("pages", blocks, "F")
+                pages = of_a_block * PAGES_OF_A_BLOCK * blocks
+                bound = MOST + JOBS * MOST_OF_A_JOB + BYTES_OF_A_PAGE * min(pages, MOST_PAGES) // 1024
                 self.assertLess(measure(command)[0], bound, (command, blocks))
 
     def test_more_than_a_million_pages_are_an_estimate_that_says_so(self):
         make("pages", 360, "F")
-        texts, figures = zip(*(output_of(jobs) for jobs in ("1", "2")))
+        texts, figures = zip(*(output_of("stats", jobs) for jobs in ("1", "2")))
         self.assertEqual(texts[0], texts[1])
         self.assertEqual(figures[0], figures[1])
         for side, label in (("fetch", "fetched"), ("data", "data")):
@@ -111,10 +110,26 @@ class Bounds(unittest.TestCase):
 
     def test_a_million_pages_are_exact_and_do_not_say_otherwise(self):
         make("pages", 170, "F")
-        text, figures = output_of("2")
+        text, figures = output_of("stats", "2")
         self.assertEqual((figures["fetch_pages_4K"], figures["data_pages_4K"]), 2 * (170 * PAGES_OF_A_BLOCK,))
         self.assertFalse({"pages_estimated", "page_shortfall"} & set(figures))
         self.assertNotIn("about", text)
+        text, figures = output_of("tlb", "2")
+        self.assertFalse({"pages_estimated", "page_shortfall", "instruction_shortfall", "advice_shortfall"} & set(figures))
+        self.assertEqual([word for word in ("about", "estimated", "too low") if word in text], [])
+
+    def test_a_curve_of_more_than_a_million_pages_is_an_estimate_that_says_so(self):
+        make("pages", 400, "F")
+        (text, figures), other = (output_of("tlb", jobs) for jobs in ("2", "1"))
+        self.assertEqual(other, (text, figures))
+        self.assertIs(figures["pages_estimated"], True)
+        self.assertIn("\n  misses by size, fully associative; estimated from a sample of the pages\n", text)
+        self.assertIn(f"which miss: about {figures['remapped']}\n", text)
+        self.assertRegex(text, r"one page of 2M at 0x[0-9a-f]+ \(host, lpid 0x0\): about \d+ entries become 1")
+        self.assertIn(f"(counts may be too low, of walks by at most {figures['page_shortfall']})", text)
+        self.assertNotIn("instruction_shortfall", figures)
+        [curve] = figures["curves"]
+        self.assertEqual(curve["accesses"], figures["walks"])  # no page comes again before many others
 
     def test_time_is_linear_in_the_size_of_the_file(self):
         for kind, few in (("singles", 1500), ("block-headers", 600), ("pages", 6)):

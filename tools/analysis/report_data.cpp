@@ -203,8 +203,8 @@ void Thread_Data::start_bin(size_t bin)
 bool Thread_Data::models_full() const
 {
     const Tlb_Figures &figures = models_.front().figures();
-    return figures.pages.size() + figures.instructions_at.size() > MOST_MODEL_ENTRIES ||
-           models_[1].figures().pages.size() > MOST_MODEL_ENTRIES;
+    return figures.pages.sample().size() + figures.instructions_at.table().size() > MOST_MODEL_ENTRIES ||
+           models_[1].figures().pages.sample().size() > MOST_MODEL_ENTRIES;
 }
 
 void Thread_Data::record(const Access_Entry &entry)

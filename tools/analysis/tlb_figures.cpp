@@ -1,6 +1,7 @@
 #include "tlb_figures.h"
 
 #include <algorithm>
+#include <bit>
 #include <numeric>
 
 namespace qtrace_tool
@@ -22,42 +23,68 @@ Tlb_Cost &Tlb_Cost::operator+=(const Tlb_Cost &other)
     return *this;
 }
 
-// ---- Distances -----------------------------------------------------------------------------------------
-
-void Distance_Counts::count(size_t distance)
+Tlb_Region &Tlb_Region::operator+=(const Tlb_Region &other)
 {
-    if (distance == SIZE_MAX) {
-        first_uses++;
-        return;
-    }
-    if (distance >= times.size())
-        times.resize(std::max(distance + 1, times.size() * 2));
-    times[distance]++;
+    pages += other.pages;
+    walks += other.walks;
+    walks_if_one += other.walks_if_one;
+    return *this;
 }
 
-uint64_t Distance_Counts::accesses() const
+// ---- Distances -----------------------------------------------------------------------------------------
+
+// The half of a power of two that the distance is in.
+size_t Distance_Counts::far_place(uint64_t distance)
 {
-    return std::accumulate(times.begin(), times.end(), first_uses);
+    const auto power = static_cast<unsigned>(std::bit_width(distance)) - 1;
+    return 2 * size_t{power - NEAR_BITS} + (distance >> (power - 1) & 1);
+}
+
+void Distance_Counts::count(size_t distance, unsigned shift)
+{
+    const uint64_t uses = uint64_t{1} << shift;
+    accesses_++;
+    estimate_ |= shift > 0;
+    if (distance == NEVER) {
+        first_uses_ += uses;
+        return;
+    }
+    distance <<= shift;
+    if (distance >= NEAR) {
+        far_[far_place(distance)] += uses;
+        return;
+    }
+    if (distance >= times_.size())
+        times_.resize(std::min(NEAR, std::max(distance + 1, times_.size() * 2)));
+    times_[distance] += uses;
 }
 
 uint64_t Distance_Counts::misses(uint64_t entries) const
 {
-    const size_t from = std::min<uint64_t>(entries, times.size());
-    return std::accumulate(times.begin() + static_cast<std::ptrdiff_t>(from), times.end(), first_uses);
+    const size_t near = std::min<uint64_t>(entries, times_.size());
+    const size_t far = entries <= NEAR ? 0 : far_place(entries);
+    uint64_t sum = std::accumulate(times_.begin() + static_cast<std::ptrdiff_t>(near), times_.end(), first_uses_);
+    sum = std::accumulate(far_.begin() + static_cast<std::ptrdiff_t>(far), far_.end(), sum);
+    return std::min(sum, accesses_);
 }
 
 std::vector<uint64_t> Distance_Counts::sizes() const
 {
     std::vector<uint64_t> sizes{1};
-    for (uint64_t power = 2; misses(sizes.back()) > first_uses; power *= 2) {
+    for (uint64_t power = 2; misses(sizes.back()) > first_uses(); power *= 2) {
         sizes.push_back(power);
-        if (misses(power) > first_uses)
+        if (misses(power) > first_uses())
             sizes.push_back(power + power / 2);
     }
     return sizes;
 }
 
 // ---- Sums ----------------------------------------------------------------------------------------------
+
+bool Tlb_Figures::is_estimate() const
+{
+    return std::ranges::any_of(distances, &Distance_Counts::is_estimate);
+}
 
 uint64_t Tlb_Figures::walks() const
 {
@@ -91,13 +118,6 @@ static void add_to(Tlb_Interval &to, const Tlb_Interval &from)
     to.cost += from.cost;
 }
 
-static void add_to(Tlb_Region &to, const Tlb_Region &from)
-{
-    to.pages += from.pages;
-    to.walks += from.walks;
-    to.walks_if_one += from.walks_if_one;
-}
-
 static void add_to(Level_Figures &to, const Level_Figures &from)
 {
     to.lookups += from.lookups;
@@ -115,12 +135,9 @@ static void add_to(Walk_Figures &to, const Walk_Figures &from)
             to.reads[stage][level] += from.reads[stage][level];
 }
 
-template <class List> static void add_list(List &to, const List &from);
-
 static void add_to(Distance_Counts &to, const Distance_Counts &from)
 {
-    to.first_uses += from.first_uses;
-    add_list(to.times, from.times);
+    to.add(from);
 }
 
 template <class List> static void add_list(List &to, const List &from)
@@ -135,6 +152,15 @@ template <class Table> static void add_table(Table &to, const Table &from)
 {
     for (const auto &[key, value] : from)
         add_to(to[key], value);
+}
+
+void Distance_Counts::add(const Distance_Counts &other)
+{
+    accesses_ += other.accesses_;
+    first_uses_ += other.first_uses_;
+    estimate_ |= other.estimate_;
+    add_list(times_, other.times_);
+    add_list(far_, other.far_);
 }
 
 void Tlb_Figures::add(const Tlb_Figures &other)
@@ -159,9 +185,9 @@ void Tlb_Figures::add(const Tlb_Figures &other)
     add_table(partitions, other.partitions);
     add_table(processes, other.processes);
     add_table(page_sizes, other.page_sizes);
-    add_table(instructions_at, other.instructions_at);
-    add_table(pages, other.pages);
-    add_table(regions, other.regions);
+    instructions_at.add(other.instructions_at);
+    pages.add(other.pages);
+    regions.add(other.regions);
 }
 
 } // namespace qtrace_tool

@@ -1,12 +1,14 @@
 // What a run of the TLB model counted. Everything is a count, so that threads add up.
 #pragma once
 
-#include "flat_table.h"
+#include "bounded_counts.h"
 
+#include <algorithm>
 #include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <vector>
 
@@ -81,19 +83,47 @@ struct Tlb_Region {
     uint64_t pages = 0;        // smaller ones that were used in it
     uint64_t walks = 0;        // for them
     uint64_t walks_if_one = 0; // in the same model with pages of 2 MiB at least
+    Tlb_Region &operator+=(const Tlb_Region &other);
 };
 inline constexpr uint8_t REGION_BITS = 21;
 
-// Stack distances of accesses: how many other pages were used since the last use of the page.
-struct Distance_Counts {
-    std::vector<uint64_t> times; // by distance
-    uint64_t first_uses = 0;
-    void count(size_t distance);
-    uint64_t accesses() const;
-    // Misses of a fully associative TLB of so many entries.
+struct Weight_Of_Walks {
+    template <class Value> uint64_t operator()(const Value &value) const { return value.walks; }
+};
+using Page_Costs = Bounded_Counts<Tlb_Page, Tlb_Cost, Tlb_Page_Hash, Weight_Of_Walks>;
+using Instruction_Costs = Heavy_Keys<uint64_t, Tlb_Cost, Address_Hash, Weight_Of_Walks>;
+using Region_Costs = Heavy_Keys<Tlb_Page, Tlb_Region, Tlb_Page_Hash, Weight_Of_Walks>;
+
+// Stack distances of accesses: how many other pages were used since the last use of the page. Of a sample of the pages,
+// 1 in 2^shift, each access stands for 2^shift, and so does each page between.
+class Distance_Counts
+{
+public:
+    static constexpr size_t NEVER = std::numeric_limits<size_t>::max();
+
+    // `distance` within the sample; NEVER for a first use.
+    void count(size_t distance, unsigned shift = 0);
+    // An access to a page that is not in the sample.
+    void count_unsampled() { accesses_++; }
+    void add(const Distance_Counts &other);
+
+    uint64_t accesses() const { return accesses_; }
+    uint64_t first_uses() const { return std::min(first_uses_, accesses_); }
+    bool is_estimate() const { return estimate_; } // all but accesses()
+    // Misses of a fully associative TLB of so many entries: of up to NEAR, or of a number in sizes().
     uint64_t misses(uint64_t entries) const;
     // 1, 2, 3, 4, 6, 8, 12, ... up to the first size that only first uses miss.
     std::vector<uint64_t> sizes() const;
+
+private:
+    static constexpr unsigned NEAR_BITS = 16;
+    static constexpr size_t NEAR = size_t{1} << NEAR_BITS;
+    static size_t far_place(uint64_t distance);
+
+    uint64_t accesses_ = 0, first_uses_ = 0;
+    bool estimate_ = false;
+    std::vector<uint64_t> times_;                            // by distance, below NEAR
+    std::array<uint64_t, 2 * size_t{64 - NEAR_BITS}> far_{}; // by powers of two from NEAR on, in halves
 };
 
 struct Partition_Key {
@@ -102,7 +132,17 @@ struct Partition_Key {
     auto operator<=>(const Partition_Key &) const = default; // NOLINT(modernize-use-nullptr): there is no 0
 };
 
+// What is kept of pages, and of instructions and of ranges that have walks, is exact up to so many.
+struct Tlb_Limits {
+    size_t pages = Page_Costs::MOST;
+    size_t others = 1 << 16;
+};
+
 struct Tlb_Figures {
+    explicit Tlb_Figures(const Tlb_Limits &limits = {})
+        : instructions_at(limits.others), pages(limits.pages), regions(limits.others)
+    {
+    }
     uint64_t instructions = 0;
     // Accesses of the two sides, fetches first: looked up; with relocation off; that the trace does not tell.
     std::array<uint64_t, 2> translated{}, untranslated{}, not_known{};
@@ -119,11 +159,13 @@ struct Tlb_Figures {
     std::vector<Distance_Counts> distances; // one, or fetch and data
     std::map<uint64_t, Tlb_Cost> partitions;
     std::map<Partition_Key, Tlb_Cost> processes;
-    std::map<uint8_t, Tlb_Cost> page_sizes;                       // by power of two
-    Flat_Table<uint64_t, Tlb_Cost, Address_Hash> instructions_at; // that caused walks; without their other accesses
-    Flat_Table<Tlb_Page, Tlb_Cost, Tlb_Page_Hash> pages;
-    Flat_Table<Tlb_Page, Tlb_Region, Tlb_Page_Hash> regions; // and pages that are as large
+    std::map<uint8_t, Tlb_Cost> page_sizes; // by power of two
+    Instruction_Costs instructions_at;      // that caused walks; without their other accesses
+    Page_Costs pages;
+    Region_Costs regions; // and pages that are as large
 
+    // Whether the curves, the remapped accesses and the numbers of pages in ranges are from a sample of the pages.
+    bool is_estimate() const;
     uint64_t accesses() const { return translated[0] + translated[1]; }
     uint64_t walks() const;
     uint64_t entries() const;

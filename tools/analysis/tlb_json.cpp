@@ -43,6 +43,7 @@ Json page_json(const Tlb_Page &page)
 template <class Table, class Key_Json> std::vector<Tlb_Row> top_rows(const Table &table, size_t top, Key_Json key)
 {
     std::vector<typename Table::const_pointer> sorted;
+    sorted.reserve(table.size());
     for (const auto &row : table)
         sorted.push_back(&row);
     const size_t count = std::min(top, sorted.size());
@@ -135,7 +136,7 @@ Json curves_json(const Tlb_Figures &figures)
             sizes.push_back({{"entries", size}, {"misses", distances.misses(size)}});
         curves.push_back({{"side", side},
                           {"accesses", distances.accesses()},
-                          {"first_uses", distances.first_uses},
+                          {"first_uses", distances.first_uses()},
                           {"sizes", sizes}});
     }
     return curves;
@@ -153,6 +154,22 @@ Json advice_json(const Tlb_Figures &figures, size_t top)
         list.push_back(json);
     }
     return list;
+}
+
+// Nothing where all figures are exact.
+Json limits_json(const Tlb_Figures &figures)
+{
+    Json limits = Json::object();
+    if (figures.is_estimate())
+        limits["pages_estimated"] = true;
+    const std::pair<const char *, uint64_t> shortfalls[] = {
+        {"page_shortfall", figures.pages.shortfall()},
+        {"instruction_shortfall", figures.instructions_at.shortfall()},
+        {"advice_shortfall", figures.regions.shortfall()}};
+    for (const auto &[name, shortfall] : shortfalls)
+        if (shortfall > 0)
+            limits[name] = shortfall;
+    return limits;
 }
 
 Json tables_json(const Tlb_Figures &figures, const Tlb_Lists &lists)
@@ -207,18 +224,18 @@ std::vector<Tlb_Row> tlb_rows(const Tlb_Figures &figures, Tlb_Table table, size_
             return Json{{"size", size_name(uint64_t{1} << bits)}};
         });
     case Tlb_Table::instruction:
-        return top_rows(figures.instructions_at, top, [](uint64_t address) {
+        return top_rows(figures.instructions_at.table(), top, [](uint64_t address) {
             return Json{{"address", hex(address)}};
         });
     default:
-        return top_rows(figures.pages, top, page_json);
+        return top_rows(figures.pages.heaviest(), top, page_json);
     }
 }
 
 std::vector<Tlb_Advice> tlb_advice(const Tlb_Figures &figures, size_t top)
 {
     std::vector<Tlb_Advice> list;
-    for (const auto &[page, region] : figures.regions)
+    for (const auto &[page, region] : figures.regions.table())
         if (region.pages > 1 && region.walks > region.walks_if_one)
             list.push_back({page, region});
     std::ranges::sort(list, [](const Tlb_Advice &a, const Tlb_Advice &b) {
@@ -249,6 +266,7 @@ Json tlb_json(const Tlb_Figures &figures, const Tlb_Options &options, const Tlb_
         {"curves", curves_json(figures)},
         {"per", tables_json(figures, lists)},
         {"advice", advice_json(figures, lists.top)}};
+    json.update(limits_json(figures));
     if (options.interval != 0) {
         Json series = Json::array();
         for (const Tlb_Interval &interval : figures.series)

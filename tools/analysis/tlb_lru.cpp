@@ -1,13 +1,15 @@
 #include "tlb_lru.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace qtrace_tool
 {
 
 // ---- A level of a TLB ----------------------------------------------------------------------------------
 
-Tlb_Level::Tlb_Level(uint32_t entries, uint32_t ways) : slots_(entries)
+Tlb_Level::Tlb_Level(uint32_t entries, uint32_t ways)
+    : slots_(entries), places_(std::bit_ceil(2 * static_cast<size_t>(entries)), NONE)
 {
     for (uint32_t set = 0; set < entries / ways; set++) {
         sets_.push_back({NONE, NONE});
@@ -44,21 +46,45 @@ void Tlb_Level::link_oldest(uint32_t slot)
     set.oldest = slot;
 }
 
+// Of the page, or the free place that it would take.
+size_t Tlb_Level::place_of(const Hashed_Page &page) const
+{
+    const size_t mask = places_.size() - 1;
+    size_t place = page.hash & mask;
+    while (places_[place] != NONE && !(slots_[places_[place]].name.page == page.page))
+        place = (place + 1) & mask;
+    return place;
+}
+
+// Moves those that follow without a free place between, so that they are found again.
+void Tlb_Level::take_out(size_t place)
+{
+    const size_t mask = places_.size() - 1;
+    for (size_t next = (place + 1) & mask; places_[next] != NONE; next = (next + 1) & mask) {
+        const size_t wanted = slots_[places_[next]].name.hash & mask;
+        if (((next - wanted) & mask) < ((next - place) & mask))
+            continue;
+        places_[place] = places_[next];
+        place = next;
+    }
+    places_[place] = NONE;
+}
+
 void Tlb_Level::release(uint32_t slot)
 {
     Slot &freed = slots_[slot];
-    if (freed.page != NONE)
-        slot_of_[freed.page] = NONE;
-    reach_ -= freed.bytes;
-    freed.page = NONE;
-    freed.bytes = 0;
+    if (!freed.held)
+        return;
+    take_out(place_of(freed.name));
+    reach_ -= freed.bytes();
+    freed.held = false;
 }
 
-bool Tlb_Level::touch(uint32_t page)
+bool Tlb_Level::touch(const Hashed_Page &page)
 {
-    if (page >= slot_of_.size() || slot_of_[page] == NONE)
+    const uint32_t slot = places_[place_of(page)];
+    if (slot == NONE)
         return false;
-    const uint32_t slot = slot_of_[page];
     if (slots_[slot].newer != NONE) {
         unlink(slot);
         link_newest(slot);
@@ -66,29 +92,41 @@ bool Tlb_Level::touch(uint32_t page)
     return true;
 }
 
-void Tlb_Level::insert(uint32_t page, uint64_t index, uint64_t bytes)
+void Tlb_Level::insert(const Hashed_Page &page, uint64_t real)
 {
-    if (page >= slot_of_.size())
-        slot_of_.resize(std::max<size_t>(page + 1, slot_of_.size() * 2), NONE);
-    const uint32_t slot = sets_[index % sets_.size()].oldest;
+    const uint32_t slot = sets_[(page.page.first >> page.page.bits) % sets_.size()].oldest;
     release(slot);
-    slots_[slot].page = page;
-    slots_[slot].bytes = bytes;
-    slot_of_[page] = slot;
-    reach_ += bytes;
+    slots_[slot].name = page;
+    slots_[slot].real = real;
+    slots_[slot].held = true;
+    places_[place_of(page)] = slot;
+    reach_ += slots_[slot].bytes();
     most_reach_ = std::max(most_reach_, reach_);
     unlink(slot);
     link_newest(slot);
 }
 
-void Tlb_Level::drop(uint32_t page)
+void Tlb_Level::drop_slot(uint32_t slot)
 {
-    if (page >= slot_of_.size() || slot_of_[page] == NONE)
-        return;
-    const uint32_t slot = slot_of_[page];
     release(slot);
     unlink(slot);
     link_oldest(slot);
+}
+
+void Tlb_Level::drop(const Hashed_Page &page)
+{
+    const uint32_t slot = places_[place_of(page)];
+    if (slot != NONE)
+        drop_slot(slot);
+}
+
+bool Tlb_Level::drop_other(const Hashed_Page &page, uint64_t real)
+{
+    const uint32_t slot = places_[place_of(page)];
+    const bool other = slot != NONE && slots_[slot].real != real;
+    if (other)
+        drop_slot(slot);
+    return other;
 }
 
 void Tlb_Level::clear()
@@ -133,7 +171,7 @@ size_t Lru_Distances::use(uint32_t page)
         std::rotate(recent_.begin(), place, place + 1);
         return distance;
     }
-    const size_t distance = take_from_tree(page);
+    const size_t distance = is_old(page) ? take_old(page) : NEVER;
     if (recent_.size() == RECENT) {
         age(recent_.back());
         recent_.pop_back();
@@ -142,73 +180,86 @@ size_t Lru_Distances::use(uint32_t page)
     return distance;
 }
 
-size_t Lru_Distances::take_from_tree(uint32_t page)
+size_t Lru_Distances::take_old(uint32_t page)
 {
-    if (page >= time_of_.size() || time_of_[page] == 0)
-        return NEVER;
     const uint32_t time = time_of_[page];
-    const size_t newer = in_tree_ - count_up_to(time);
+    const size_t newer = bits_ - count_up_to(time);
     add(time, -1);
-    in_tree_--;
     time_of_[page] = 0;
     return recent_.size() + newer;
 }
 
 void Lru_Distances::age(uint32_t page)
 {
-    if (last_time_ + 1 >= tree_.size())
+    if (last_time_ + 1 >= held_.size() * WORD)
         make_room();
     if (page >= time_of_.size())
-        time_of_.resize(std::max<size_t>(page + 1, time_of_.size() * 2), 0);
+        time_of_.resize(page + 1, 0);
     time_of_[page] = ++last_time_;
-    page_at_[last_time_] = page;
     add(last_time_, 1);
-    in_tree_++;
 }
 
-// Gives the pages in the tree new times without holes, and the tree room for three times as many.
+// Gives the old pages new times without holes, and room for three times as many.
 void Lru_Distances::make_room()
 {
-    std::vector<uint32_t> pages;
-    pages.reserve(in_tree_);
-    for (uint32_t time = 1; time <= last_time_; time++)
-        if (time_of_[page_at_[time]] == time)
-            pages.push_back(page_at_[time]);
-    const size_t size = std::max<size_t>(1024, 4 * pages.size());
-    tree_.assign(size, 0);
-    page_at_.assign(size, 0);
-    last_time_ = in_tree_ = 0;
-    for (const uint32_t page : pages)
-        age(page);
+    const uint32_t forgotten = count_up_to(cleared_), pages = bits_ - forgotten;
+    for (uint32_t &time : time_of_)
+        time = time > cleared_ ? count_up_to(time) - forgotten : 0;
+    const size_t words = std::max<size_t>(16, 4 * static_cast<size_t>(pages) / WORD + 1);
+    held_.assign(words, 0);
+    tree_.assign(words + 1, 0);
+    last_time_ = cleared_ = bits_ = 0;
+    while (last_time_ < pages)
+        add(++last_time_, 1);
 }
 
 void Lru_Distances::add(uint32_t time, int32_t amount)
 {
-    for (size_t i = time; i < tree_.size(); i += i & -i)
+    held_[time / WORD] ^= uint64_t{1} << time % WORD;
+    bits_ += amount;
+    for (size_t i = time / WORD + 1; i < tree_.size(); i += i & -i)
         tree_[i] += amount;
 }
 
 uint32_t Lru_Distances::count_up_to(uint32_t time) const
 {
-    int32_t count = 0;
-    for (uint32_t i = time; i > 0; i &= i - 1)
+    if (held_.empty())
+        return 0;
+    auto count = static_cast<uint32_t>(std::popcount(held_[time / WORD] << (WORD - 1 - time % WORD)));
+    for (size_t i = time / WORD; i > 0; i &= i - 1)
         count += tree_[i];
-    return static_cast<uint32_t>(count);
+    return count;
 }
 
 void Lru_Distances::forget(uint32_t page)
 {
-    if (std::erase(recent_, page) == 0)
-        take_from_tree(page);
+    if (std::erase(recent_, page) == 0 && is_old(page))
+        take_old(page);
 }
 
 void Lru_Distances::clear()
 {
     recent_.clear();
-    for (uint32_t time = 1; time <= last_time_; time++)
-        time_of_[page_at_[time]] = 0;
-    tree_.clear();
-    last_time_ = in_tree_ = 0;
+    cleared_ = last_time_;
+}
+
+void Lru_Distances::age_all()
+{
+    for (; !recent_.empty(); recent_.pop_back())
+        age(recent_.back());
+}
+
+void Lru_Distances::keep(const std::vector<uint32_t> &pages)
+{
+    age_all();
+    size_t kept = 0;
+    for (uint32_t page = 0; page < time_of_.size(); page++) {
+        if (kept < pages.size() && pages[kept] == page)
+            time_of_[kept++] = time_of_[page];
+        else
+            forget(page);
+    }
+    time_of_.resize(std::min(kept, time_of_.size()));
 }
 
 } // namespace qtrace_tool

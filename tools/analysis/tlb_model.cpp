@@ -16,8 +16,9 @@ Tlb_Model::Hierarchy::Hierarchy(const std::vector<Tlb_Size> &sizes, bool split_f
 }
 
 Tlb_Model::Tlb_Model(const Tlb_Options &options)
-    : options_(options), tlb_(options.levels, options.split), large_tlb_(options.levels, options.split),
-      distances_(options.split ? 2 : 1), walk_cache_(options.walk_cache), nested_cache_(options.nested_cache)
+    : options_(options), figures_(options.limits), tlb_(options.levels, options.split),
+      large_tlb_(options.levels, options.split), distances_(options.split ? 2 : 1), walk_cache_(options.walk_cache),
+      nested_cache_(options.nested_cache)
 {
     figures_.levels.resize(options.levels.size());
     figures_.distances.resize(distances_.size());
@@ -81,69 +82,104 @@ const Tlb_Figures &Tlb_Model::finish()
 
 // ---- Pages ---------------------------------------------------------------------------------------------
 
-uint32_t Tlb_Model::page_number(Access_Side side, const Tlb_Page &page, uint64_t real)
+const Tlb_Model::Used_Page &Tlb_Model::use_page(Access_Side side, const Tlb_Page &page, uint64_t real)
 {
-    auto &[last_page, last_number] = last_[index(side)];
-    if (has_last_[index(side)] && last_page == page)
-        return last_number;
-    last_page = page;
-    last_number = figures_.pages.number(page);
-    has_last_[index(side)] = true;
-    if (last_number == pages_.size())
-        new_page(page, real);
-    return last_number;
+    const std::optional<Used_Page> &last = last_[index(side)];
+    if (last && last->name.page == page)
+        return *last;
+    Used_Page used{Hashed_Page(page), Hashed_Page(page), UNSAMPLED};
+    if (used.is_small())
+        used.large = Hashed_Page(resized(page, page.first, REGION_BITS));
+    if (size_costs_[page.bits] == nullptr)
+        size_costs_[page.bits] = &figures_.page_sizes[page.bits];
+    used.number = number_of(used, real);
+    return last_[index(side)].emplace(used);
 }
 
-void Tlb_Model::new_page(const Tlb_Page &page, uint64_t real)
+uint32_t Tlb_Model::number_of(const Used_Page &page, uint64_t real)
 {
-    Page_State state{real, 0, page.bits < REGION_BITS};
-    size_costs_[page.bits] = &figures_.page_sizes[page.bits];
-    if (!options_.page_bits) {
-        state.large = figures_.regions.number(state.is_small ? resized(page, page.first, REGION_BITS) : page);
-        figures_.regions.value(state.large).pages += state.is_small;
+    if (!figures_.pages.is_sampled(page.name.page))
+        return UNSAMPLED;
+    const uint32_t number = figures_.pages.number(page.name.page);
+    if (number < reals_.size())
+        return number;
+    reals_.push_back(real);
+    if (!options_.page_bits)
+        figures_.regions[page.large.page].pages += page.is_small() ? uint64_t{1} << figures_.pages.shift() : 0;
+    if (!figures_.pages.is_full())
+        return number;
+    thin_pages();
+    return number_of(page, real);
+}
+
+// Beyond the limit only a sample of the pages is gone on with.
+void Tlb_Model::thin_pages()
+{
+    std::vector<uint32_t> kept;
+    figures_.pages.thin([&](uint32_t number) {
+        reals_[kept.size()] = reals_[number];
+        kept.push_back(number);
+    });
+    reals_.resize(kept.size());
+    for (Lru_Distances &distances : distances_)
+        distances.keep(kept);
+    last_ = {}; // which have other numbers now
+}
+
+// Pages beside the sample are known only while a TLB has them; others miss anyway.
+bool Tlb_Model::drop_other(const Used_Page &page, uint64_t real)
+{
+    if (page.number == UNSAMPLED) {
+        for (Tlb_Level &level : tlb_.levels)
+            level.drop_other(page.name, real);
+        return false;
     }
-    pages_.push_back(state);
+    if (reals_[page.number] == real)
+        return false;
+    reals_[page.number] = real;
+    for (Tlb_Level &level : tlb_.levels)
+        level.drop(page.name);
+    return true;
 }
 
 // A page that has another real page than before: its entry was invalidated in between.
-void Tlb_Model::drop_remapped(uint32_t page, uint64_t real)
+void Tlb_Model::drop_remapped(const Used_Page &page, uint64_t real)
 {
-    if (options_.page_bits || pages_[page].real == real)
+    if (options_.page_bits || !drop_other(page, real))
         return;
-    pages_[page].real = real;
-    figures_.remapped++;
-    for (Tlb_Level &level : tlb_.levels)
-        level.drop(page);
+    figures_.remapped += uint64_t{1} << figures_.pages.shift();
     for (Lru_Distances &distances : distances_)
-        distances.forget(page);
+        distances.forget(page.number);
 }
 
 // ---- Look-ups ------------------------------------------------------------------------------------------
 
 void Tlb_Model::access(Access_Side side, uint64_t address, const Translation &translation)
 {
-    const Tlb_Page page =
-        options_.page_bits ? resized(translation.page, address, *options_.page_bits) : translation.page;
-    const uint32_t number = page_number(side, page, translation.real);
-    drop_remapped(number, translation.real);
+    const Used_Page &page = use_page(
+        side, options_.page_bits ? resized(translation.page, address, *options_.page_bits) : translation.page,
+        translation.real);
+    drop_remapped(page, translation.real);
     figures_.translated[index(side)]++;
-    count_distance(side, number);
+    count_distance(side, page.number);
     const uint64_t read_before = figures_.read_entries;
-    const bool missed = !look_up(side, number, page);
-    const Page_State &state = pages_[number];
+    const bool missed = !look_up(side, page, translation.real);
     if (missed) {
         figures_.walks_of[index(side)]++;
-        walk(translation, state);
+        walk(translation, page);
     }
     if (!options_.page_bits)
-        look_up_large(side, state, page);
-    charge(number, {1, missed, figures_.read_entries - read_before});
+        look_up_large(side, page);
+    charge(page, {1, missed, figures_.read_entries - read_before});
 }
 
-void Tlb_Model::charge(uint32_t number, const Tlb_Cost &cost)
+void Tlb_Model::charge(const Used_Page &page, const Tlb_Cost &cost)
 {
-    figures_.pages.value(number) += cost;
-    *size_costs_[figures_.pages.key(number).bits] += cost;
+    if (page.number == UNSAMPLED)
+        figures_.pages.add(page.name.page, cost);
+    else
+        figures_.pages.add_to(page.number, cost);
+    *size_costs_[page.name.page.bits] += cost;
     interval_.cost += cost;
     if (after_switch_)
         figures_.after_switch.cost += cost;
@@ -158,35 +194,37 @@ void Tlb_Model::charge(uint32_t number, const Tlb_Cost &cost)
 void Tlb_Model::count_distance(Access_Side side, uint32_t page)
 {
     const size_t which = options_.split ? index(side) : 0;
-    figures_.distances[which].count(distances_[which].use(page));
+    if (page == UNSAMPLED)
+        figures_.distances[which].count_unsampled();
+    else
+        figures_.distances[which].count(distances_[which].use(page), figures_.pages.shift());
 }
 
-bool Tlb_Model::look_up(Access_Side side, uint32_t number, const Tlb_Page &page)
+bool Tlb_Model::look_up(Access_Side side, const Used_Page &page, uint64_t real)
 {
     size_t level = 0;
     for (; level < tlb_.depth(); level++) {
         figures_.levels[level].lookups++;
-        if (tlb_.level(level, side).touch(number))
+        if (tlb_.level(level, side).touch(page.name))
             break;
         figures_.levels[level].misses++;
     }
     const bool hit = level < tlb_.depth();
     while (level-- > 0)
-        tlb_.level(level, side).insert(number, page.first >> page.bits, uint64_t{1} << page.bits);
+        tlb_.level(level, side).insert(page.name, real);
     return hit;
 }
 
 // The same accesses where every small page is one of the size of a region.
-void Tlb_Model::look_up_large(Access_Side side, const Page_State &state, const Tlb_Page &page)
+void Tlb_Model::look_up_large(Access_Side side, const Used_Page &page)
 {
-    const uint8_t bits = state.is_small ? REGION_BITS : page.bits;
     size_t level = 0;
-    while (level < large_tlb_.depth() && !large_tlb_.level(level, side).touch(state.large))
+    while (level < large_tlb_.depth() && !large_tlb_.level(level, side).touch(page.large))
         level++;
-    if (level == large_tlb_.depth() && state.is_small)
-        figures_.regions.value(state.large).walks_if_one++;
+    if (level == large_tlb_.depth() && page.is_small())
+        figures_.regions[page.large.page].walks_if_one++;
     while (level-- > 0)
-        large_tlb_.level(level, side).insert(state.large, page.first >> bits, uint64_t{1} << bits);
+        large_tlb_.level(level, side).insert(page.large, 0); // real pages are not compared
 }
 
 // ---- Walks ---------------------------------------------------------------------------------------------
@@ -200,14 +238,14 @@ static uint64_t entries_of(const Table_Walk &walk)
     return entries;
 }
 
-void Tlb_Model::walk(const Translation &translation, const Page_State &state)
+void Tlb_Model::walk(const Translation &translation, const Used_Page &page)
 {
     const Table_Walk &walk = translation.walk;
     Walk_Figures &kind = figures_.kinds[static_cast<size_t>(translation.page.kind)];
     kind.walks++;
     kind.entries += entries_of(walk);
-    if (state.is_small && !options_.page_bits)
-        figures_.regions.value(state.large).walks++;
+    if (page.is_small() && !options_.page_bits)
+        figures_.regions[page.large.page].walks++;
     for (size_t step = 0; step < walk.steps; step++) {
         const bool cached = translation.page.kind != Xlate_Kind::host &&
                             nested_cache_.use({translation.page.lpid, walk.guest_real[step] >> 12});

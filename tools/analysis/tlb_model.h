@@ -6,6 +6,8 @@
 #include "tlb_lru.h"
 #include "translation.h"
 
+#include <deque>
+#include <limits>
 #include <optional>
 
 namespace qtrace_tool
@@ -24,6 +26,7 @@ struct Tlb_Options {
     std::optional<uint8_t> page_bits;          // every page has this size; without: as the trace says
     bool flush_on_switch = false;
     uint64_t interval = 0; // instructions; 0: no series
+    Tlb_Limits limits;
 };
 
 enum class Access_Side : uint8_t { fetch, data };
@@ -65,21 +68,25 @@ private:
         }
         size_t depth() const { return levels.size() - split; }
     };
-    struct Page_State {
-        uint64_t real;
-        uint32_t large; // number in figures_.regions of its region, or of itself when it is as large
-        bool is_small;
+    static constexpr uint32_t UNSAMPLED = std::numeric_limits<uint32_t>::max();
+    // A page and the region that it is in, or itself when it is as large.
+    struct Used_Page {
+        Hashed_Page name, large;
+        uint32_t number; // in figures_.pages; or UNSAMPLED
+        bool is_small() const { return name.page.bits < REGION_BITS; }
     };
     static size_t index(Access_Side side) { return static_cast<size_t>(side); }
 
-    uint32_t page_number(Access_Side side, const Tlb_Page &page, uint64_t real);
-    void new_page(const Tlb_Page &page, uint64_t real);
-    void drop_remapped(uint32_t page, uint64_t real);
-    void charge(uint32_t number, const Tlb_Cost &cost);
+    const Used_Page &use_page(Access_Side side, const Tlb_Page &page, uint64_t real);
+    uint32_t number_of(const Used_Page &page, uint64_t real);
+    void thin_pages();
+    void drop_remapped(const Used_Page &page, uint64_t real);
+    bool drop_other(const Used_Page &page, uint64_t real);
+    void charge(const Used_Page &page, const Tlb_Cost &cost);
     void count_distance(Access_Side side, uint32_t page);
-    bool look_up(Access_Side side, uint32_t number, const Tlb_Page &page);
-    void look_up_large(Access_Side side, const Page_State &state, const Tlb_Page &page);
-    void walk(const Translation &translation, const Page_State &state);
+    bool look_up(Access_Side side, const Used_Page &page, uint64_t real);
+    void look_up_large(Access_Side side, const Used_Page &page);
+    void walk(const Translation &translation, const Used_Page &page);
     void read_host_walk(Walk_Figures &kind, const Table_Walk &walk, size_t step);
     void read_entry(Walk_Figures &kind, uint64_t address, Walk_Stage stage, size_t level, bool last);
     void flush();
@@ -87,10 +94,9 @@ private:
     Tlb_Options options_;
     Tlb_Figures figures_;
     Hierarchy tlb_, large_tlb_;
-    std::vector<Page_State> pages_;                     // by their numbers in figures_.pages
-    std::array<Tlb_Cost *, 64> size_costs_{};           // by power of two, in figures_.page_sizes
-    std::array<std::pair<Tlb_Page, uint32_t>, 2> last_; // page of the last access of each side
-    std::array<bool, 2> has_last_{};
+    std::deque<uint64_t> reals_;                   // real pages, by number in figures_.pages
+    std::array<Tlb_Cost *, 64> size_costs_{};      // by power of two, in figures_.page_sizes
+    std::array<std::optional<Used_Page>, 2> last_; // page of the last access of each side
     std::vector<Lru_Distances> distances_;
     Lru_Keys walk_cache_, nested_cache_;
     std::optional<Partition_Key> partition_;

@@ -78,6 +78,7 @@ private:
     void curves();
     void curve(const Distance_Counts &distances, const char *title);
     void table(Tlb_Table table);
+    void shortfall(uint64_t walks);
     void advice();
     double rate(uint64_t count) const { return per_thousand(count, figures_.instructions); }
 
@@ -116,7 +117,8 @@ void Tlb_Text::accesses()
     if (figures_.suspect > 0)
         out_.print("    data accesses whose translation failed, which are left out: {}\n", figures_.suspect);
     if (figures_.remapped > 0)
-        out_.print("    accesses to a page that was mapped anew, which miss: {}\n", figures_.remapped);
+        out_.print("    accesses to a page that was mapped anew, which miss: {}{}\n",
+                   figures_.is_estimate() ? "about " : "", figures_.remapped);
 }
 
 void Tlb_Text::levels()
@@ -209,7 +211,7 @@ void Tlb_Text::curves()
 
 void Tlb_Text::curve(const Distance_Counts &distances, const char *title)
 {
-    out_.print("  {}\n", title);
+    out_.print("  {}{}\n", title, distances.is_estimate() ? "; estimated from a sample of the pages" : "");
     for (const uint64_t size : distances.sizes())
         out_.print("    {:<10}  {:>12} {:>12.3f} per 1000\n", size, distances.misses(size),
                    rate(distances.misses(size)));
@@ -234,15 +236,27 @@ void Tlb_Text::table(Tlb_Table table)
     for (const Tlb_Row &row : tlb_rows(figures_, table, lists_.top))
         out_.print("    {:<50} {:>12} {:>10} {:>12}\n", key_text(row.key), row.cost.accesses, row.cost.walks,
                    row.cost.read);
+    if (table == Tlb_Table::instruction)
+        shortfall(figures_.instructions_at.shortfall());
+    if (table == Tlb_Table::page)
+        shortfall(figures_.pages.shortfall());
+}
+
+void Tlb_Text::shortfall(uint64_t walks)
+{
+    if (walks > 0)
+        out_.print("    (counts may be too low, of walks by at most {})\n", walks);
 }
 
 void Tlb_Text::advice()
 {
     for (const Tlb_Advice &advice : tlb_advice(figures_, lists_.top))
         out_.print(
-            "  one page of 2M at 0x{:x} ({}, lpid 0x{:x}): {} entries become 1, {:.0f} % of the walks saved\n",
-            advice.page.first, kind_name(advice.page.kind), advice.page.lpid, advice.region.pages,
+            "  one page of 2M at 0x{:x} ({}, lpid 0x{:x}): {}{} entries become 1, {:.0f} % of the walks saved\n",
+            advice.page.first, kind_name(advice.page.kind), advice.page.lpid,
+            figures_.is_estimate() ? "about " : "", advice.region.pages,
             100.0 * static_cast<double>(advice.saved()) / static_cast<double>(figures_.walks()));
+    shortfall(figures_.regions.shortfall());
 }
 
 constexpr const char *NOT_MODELLED =
