@@ -327,12 +327,12 @@ class Values(In_Folder):
         maker = Trace_Maker().header(file_control=0x2000, iar=0x1000)
         maker.record(instruction=7, vsxr_out=((9, *first),), **vector)
         maker.record(instruction=7, vsxr_out=((9, *second),), **vector | {"data_ea": 0x6000})
-        for kind, value, ea in ((2, first, 0x5000), (0, first, 0x7000), (2, second, 0x6000), (2, (0, 0), 0x8000)):
-            # Kind 18: one more byte, relative to the value that the register had.
+        for kind, value, ea in ((2, first, 0x5000), (0, first, 0x7000), (2, (0, 0), 0x8000), (2, second, 0x6000)):
             maker.coded(bytes([2 | 32]), {SHAPE: b"\0", DATAS: b"\2" + zigzag(ea), KIND: bytes([kind, kind])}, instruction=7,
                         vsxr_out=((9, *value),), **vector | {"data_ea": ea})  # fmt: skip
+        # Kind 18: one byte, relative to the value that the register had.
         maker.coded(bytes([2 | 32]), {SHAPE: b"\0", DATAS: b"\2" + zigzag(0x9000), KIND: bytes([18, 18]), VALUE: b"\1\xff"},
-                    instruction=7, vsxr_out=((9, 1, MASK64),), **vector | {"data_ea": 0x9000})  # fmt: skip
+                    instruction=7, vsxr_out=((9, 0x3334, 0x4443),), **vector | {"data_ea": 0x9000})  # fmt: skip
         maker.end(LAST)
         self.assertEqual(self.lines(self.read(*maker.blocks)), [json.loads(line) for line in maker.lines()])
 
