@@ -14,10 +14,11 @@ namespace
 {
 
 const Page_Sizes SIZES;
+const Trace GOOD = good_trace();
 
 Item header_of(uint8_t pid)
 {
-    Item header = good_trace()[SECOND_HEADER]; // in real mode: fetches are not translated
+    Item header = GOOD[SECOND_HEADER]; // in real mode: fetches are not translated
     header.header.pid[0] = pid;
     return header;
 }
@@ -35,17 +36,14 @@ public:
     }
     void record(const Item &item, uint64_t address, bool known = true)
     {
-        read_.kind = QTRACE_ITEM_RECORD;
         read_.record = item.record;
-        read_.address = address;
-        read_.address_known = known;
-        part_.record(read_);
-        read_.record_number++;
+        put(address, known);
     }
-    void access(uint64_t address, uint64_t pc, Item item = good_trace()[LOAD])
+    void access(uint64_t address, uint64_t pc, const Item &item = GOOD[LOAD])
     {
-        std::memcpy(item.record.data_ea, &address, sizeof(address));
-        record(item, pc);
+        read_.record = item.record;
+        std::memcpy(read_.record.data_ea, &address, sizeof(address));
+        put(pc, true);
     }
     void go_to(uint64_t number) { read_.record_number = number; }
     void loss(uint64_t next, const std::string &text, const QTRACE_FILE_HDR *context)
@@ -62,13 +60,22 @@ public:
     Thread_Data data;
 
 private:
+    void put(uint64_t address, bool known)
+    {
+        read_.kind = QTRACE_ITEM_RECORD;
+        read_.address = address;
+        read_.address_known = known;
+        part_.record(read_);
+        read_.record_number++;
+    }
+
     Report_Part part_{SIZES};
     QTRACE_Item read_{};
 };
 
 Item plain()
 {
-    return good_trace()[PLAIN];
+    return GOOD[PLAIN];
 }
 
 } // namespace
@@ -232,7 +239,7 @@ TEST(report_thread, tells_stores_from_other_accesses)
 {
     Fed_Thread thread(0, 3);
     thread.access(0x51234, 0x4000);
-    thread.access(0x61234, 0x4004, good_trace()[SUSPECT_STORE]);
+    thread.access(0x61234, 0x4004, GOOD[SUSPECT_STORE]);
     thread.access(0x51238, 0x4008);
     const Thread_Data &data = thread.finished();
     EXPECT_EQ(data.reads.rows().size(), 1u);
@@ -271,9 +278,9 @@ TEST(report_thread, lists_256_processes_and_counts_the_instructions_of_others)
 TEST(report_thread, partition_headers_are_no_gaps)
 {
     Fed_Thread thread(0, 3);
-    thread.header(good_trace()[PARTITION]);
+    thread.header(GOOD[PARTITION]);
     thread.header(header_of(7));
-    thread.header(good_trace()[PARTITION]);
+    thread.header(GOOD[PARTITION]);
     thread.record(plain(), 0x4000);
     const Thread_Data &data = thread.finished();
     EXPECT_EQ(data.gap_count, 0u);
@@ -283,7 +290,7 @@ TEST(report_thread, partition_headers_are_no_gaps)
 TEST(report_thread, losses_with_a_text_are_gaps_and_tell_the_process_when_it_is_known)
 {
     Fed_Thread thread(0, 240);
-    const QTRACE_FILE_HDR after = good_trace()[PARTITION].header;
+    const QTRACE_FILE_HDR after = GOOD[PARTITION].header;
     thread.header(header_of(7));
     thread.record(plain(), 0x4000);
     thread.loss(5, "lost", nullptr);
@@ -305,7 +312,7 @@ TEST(report_thread, losses_with_a_text_are_gaps_and_tell_the_process_when_it_is_
 
 TEST(report_thread, a_part_that_begins_in_a_header_has_its_process)
 {
-    const QTRACE_FILE_HDR context = good_trace()[PARTITION].header;
+    const QTRACE_FILE_HDR context = GOOD[PARTITION].header;
     Report_Part part(SIZES);
     part.start(&context);
     QTRACE_Item read{};
@@ -323,11 +330,11 @@ TEST(report_thread, a_part_that_begins_in_a_header_has_its_process)
 TEST(report_thread, counts_how_often_conditional_branches_are_taken)
 {
     Fed_Thread thread(0, 5);
-    thread.record(good_trace()[UNTAKEN_BRANCH], 0x2004);
-    thread.record(good_trace()[UNTAKEN_BRANCH], 0x2004);
-    Item back = good_trace()[TAKEN_BRANCH];
+    thread.record(GOOD[UNTAKEN_BRANCH], 0x2004);
+    thread.record(GOOD[UNTAKEN_BRANCH], 0x2004);
+    Item back = GOOD[TAKEN_BRANCH];
     thread.record(back, 0x1008);
-    thread.record(good_trace()[CALL], 0x2008);
+    thread.record(GOOD[CALL], 0x2008);
     thread.record(plain(), 0x200c);
     const Thread_Data &data = thread.finished();
     ASSERT_EQ(data.branches.size(), 2u);
@@ -341,7 +348,7 @@ TEST(report_thread, counts_how_often_conditional_branches_are_taken)
 TEST(report_thread, lists_32768_branches_and_the_first_records_of_65536_ranges_of_data)
 {
     Fed_Thread thread(0, 65540);
-    Item branch = good_trace()[UNTAKEN_BRANCH];
+    Item branch = GOOD[UNTAKEN_BRANCH];
     branch.record.header.control.fld.data_address_present = 1;
     for (uint64_t i = 0; i < 65537; i++)
         thread.access(i << 16, i << 2, branch);
