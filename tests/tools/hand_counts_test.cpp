@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
@@ -726,4 +727,86 @@ TEST_F(info_of_a_range, has_the_headers_before_its_records)
     EXPECT_THAT(of(0, 1), HasSubstr("\n  headers      1: 1 full, 0 for partition changes\n"));
     EXPECT_THAT(of(0, 20000), HasSubstr("\n  records      20000, from number 0 on\n"));
     EXPECT_THAT(of(1, 1), HasSubstr("\n  headers      0: 0 full, 0 for partition changes\n"));
+}
+
+// ---- diff ----------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// Lines of `dump`, without what it prints of headers and pauses.
+std::vector<std::string> record_lines(const char *file)
+{
+    std::istringstream from(qtrace({"dump", file}).out);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(from, line);)
+        if (line.size() > 9 && std::isdigit(line[9]) != 0 && line.starts_with(" ")) // the end of a record's number
+            lines.push_back(line + '\n');
+    return lines;
+}
+
+} // namespace
+
+TEST_F(hand_counts, diff_shows_a_changed_record_between_its_neighbours)
+{
+    Trace other = good_trace();
+    other[CALL].record.header.instruction ^= 2; // from `bl` to `bla`
+    folder.write("old0", good_trace());
+    folder.write("new0", other);
+    const std::vector<std::string> a = record_lines("old0"), b = record_lines("new0");
+    ASSERT_EQ(a.size(), 11u);
+    const std::string head = "old0 | new0\n"
+                             "at record 6 | 6 (000000000000200c): instruction\n"
+                             "    instruction: 0x48000ff5 | 0x48000ff7\n";
+    const std::string changed = "-" + a[6] + "+" + b[6];
+    const std::string summary = "11 | 11 records: they differ\n"
+                                "  records differ             1\n"
+                                "    instruction              1\n";
+    EXPECT_EQ(qtrace({"diff", "--context", "1", "old0", "new0"}).out,
+              head + "          - partition lpid 0x2 pid 8\n " + a[5] + changed + " " + a[7] + summary);
+    EXPECT_EQ(qtrace({"diff", "--context", "0", "old0", "new0"}).out, head + changed + summary);
+    EXPECT_EQ(qtrace({"diff", "--limit", "0", "old0", "new0"}).out, "old0 | new0\n" + summary);
+    EXPECT_EQ(qtrace({"diff", "--ignore", "instruction", "old0", "new0"}).out,
+              "old0 | new0\n11 | 11 records: no difference but those ignored\n");
+    EXPECT_EQ(qtrace({"diff", "old0", "old0"}).out, "old0 | old0\n11 | 11 records: no difference\n");
+    EXPECT_EQ(
+        qtrace({"diff", "--json", "old0", "new0"}).out,
+        R"({"a":"old0","b":"new0","differences":[{"record_a":6,"record_b":6,"address":"0x200c",)"
+        R"("kinds":["instruction"],"only_a":0,"only_b":0,"members":{"instruction":["0x48000ff5","0x48000ff7"]}}],)"
+        R"("records_a":11,"records_b":11,"differing":1,"only_a":0,"only_b":0,"kinds":{"instruction":1}})"
+        "\n");
+}
+
+TEST_F(hand_counts, options_that_name_no_format_or_address_are_refused)
+{
+    const auto refusal = [](std::vector<std::string> words) {
+        words.insert(words.end(), {"-o", "out", "trace0"});
+        words.insert(words.begin(), "export");
+        const Outcome outcome = qtrace(words);
+        EXPECT_EQ(outcome.exit_code, 2);
+        return outcome.err.substr(0, outcome.err.find('\n'));
+    };
+    EXPECT_EQ(refusal({"--format", "cvs"}), "qtrace: unknown format `cvs`; did you mean `csv`?");
+    EXPECT_EQ(refusal({"--format", "csv", "--address", "reel"}),
+              "qtrace: unknown kind of address `reel`; did you mean `real`?");
+    EXPECT_FALSE(std::filesystem::exists("out"));
+    EXPECT_EQ(qtrace({"dump", "--format", "jso", "trace0"}).err.substr(0, 60),
+              "qtrace: unknown output format `jso`; did you mean `json`?\nSe");
+}
+
+TEST_F(hand_counts, export_says_how_many_records_it_wrote)
+{
+    EXPECT_EQ(qtrace({"export", "--format", "csv", "-o", "out", "trace0"}).out, "out: 25 records\n");
+    EXPECT_EQ(qtrace({"export", "--format", "csv", "-o", "out", "trace0"}).exit_code, 1); // it exists
+    EXPECT_EQ(qtrace({"export", "--force", "--format", "csv", "-o", "out", "--count", "1", "trace0"}).out,
+              "out: 1 record\n");
+    EXPECT_EQ(qtrace({"export", "--force", "--json", "--format", "csv", "-o", "out", "trace0", "trace0"}).out,
+              "{\"output\":\"out\",\"records\":50}\n");
+    EXPECT_EQ(qtrace({"export", "--force", "--json", "--format", "csv", "-o", "out", "--kind", "store", "--count",
+                      "2", "trace0"})
+                  .out,
+              "{\"output\":\"out\",\"records\":2}\n");
+    const Outcome beyond = qtrace({"export", "--force", "--format", "csv", "-o", "out", "--from", "25", "trace0"});
+    EXPECT_EQ(beyond.exit_code, 1);
+    EXPECT_EQ(beyond.err, "qtrace: trace0: no record 25: the file has 25\n");
 }
