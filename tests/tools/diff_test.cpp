@@ -363,6 +363,38 @@ TEST(diff_output, text_has_each_figure)
                                 "  missing in 1 run: 1 record only on the left, 0 only on the right\n"));
 }
 
+TEST(diff_output, json_has_each_figure)
+{
+    const Folder folder;
+    Trace other = good_trace();
+    other[LOAD].record.data_ea[0]++;
+    other[PARTITION].header.pid[0] = 9;
+    other.pop_back();
+    other.push_back(good_trace()[PARTITION]);
+    const std::string a = folder.write("old0", good_trace()), b = folder.write("new0", other);
+    json found = difference(a, b, {"--limit", "4"});
+    EXPECT_EQ(found["a"], a);
+    EXPECT_EQ(found["b"], b);
+    found.erase("a");
+    found.erase("b");
+    EXPECT_EQ(found, json::parse(R"({"differences":[
+        {"record_a":1,"record_b":1,"address":"0x1004","kinds":["data-address"],"only_a":0,"only_b":0,
+         "members":{"data_ea":["0000000000005008","0000000000005009"]}},
+        {"record_a":5,"record_b":5,"address":"0x2008","kinds":["header"],"only_a":0,"only_b":0,
+         "members":{"pid":["8","9"]}},
+        {"record_a":10,"record_b":10,"address":"0x4004","kinds":["missing"],"only_a":1,"only_b":0,"members":{}},
+        {"record_a":11,"record_b":10,"address":"0x0","kinds":["header"],"only_a":0,"only_b":0,
+         "members":{"headers":["0","1"]}}],
+        "records_a":11,"records_b":10,"differing":1,"only_a":1,"only_b":0,
+        "kinds":{"data-address":1,"header":2,"missing":1}})"));
+    EXPECT_EQ(difference(a, b)["differences"].size(), 1u);
+    EXPECT_EQ(difference(a, b, {"--limit", "2"})["differences"].size(), 2u);
+    EXPECT_EQ(difference(a, b, {"--limit", "0"})["kinds"], found["kinds"]);
+    EXPECT_EQ(difference(a, b, {"--ignore", "missing"})["only_a"], 0);
+    EXPECT_EQ(difference(a, b, {"--ignore", "missing"})["kinds"], json({{"data-address", 1}, {"header", 2}}));
+    EXPECT_EQ(difference(a, b, {"--ignore", "header"})["kinds"], json({{"data-address", 1}, {"missing", 1}}));
+}
+
 // The first characters of the lines before the summary, without context, where the instruction word of one record differs.
 std::string marks_of_changed(size_t place)
 {

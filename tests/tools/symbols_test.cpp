@@ -1,4 +1,5 @@
 // Names of addresses: which symbol an address belongs to, and how files of symbols are read.
+#include "function_counts.h"
 #include "planted_trace.h"
 #include "symbol_file.h"
 #include "symbol_names.h"
@@ -663,6 +664,41 @@ TEST(symbol_names, a_file_whose_name_begins_like_a_scope_needs_a_folder)
     EXPECT_FALSE(options.files[1].pid);
     for (const char *wrong : {"pid=x:FILE", "pid=:FILE", "lpid=1", "lpid=1,cpu=2:FILE", "lpid=1 :FILE"})
         EXPECT_THROW(options.add(wrong), std::invalid_argument) << wrong;
+}
+
+// ---- Counts of functions --------------------------------------------------------------------------------
+
+TEST(function_counts, most_instructions_come_first_then_lower_addresses)
+{
+    const Folder folder;
+    Symbol_Options options;
+    options.add(folder.text("map", "1000 10 T f\n2000 10 T g\n3000 10 T h\n"));
+    Silent_Run silent;
+    const Symbol_Names names(silent.run, options);
+    qtrace_tool::Function_Counts counts(names), more(names);
+    EXPECT_TRUE(counts.any());
+    QTRACE_Item item{};
+    const auto add = [&](qtrace_tool::Function_Counts &to, uint64_t address, bool known = true) {
+        item.address = address;
+        item.address_known = known;
+        to.add(item, nullptr);
+    };
+    const auto top = [&](size_t count) {
+        std::string text;
+        for (const auto &[symbol, times] : counts.top(count))
+            text += fmt::format("{} {}, ", symbol != nullptr ? symbol->name : "none", times);
+        return text;
+    };
+    for (const uint64_t address : {0x3004, 0x2000, 0x1004, 0x1008, 0x2008, 0x5000, 0x3008})
+        add(counts, address);
+    add(counts, 0x1000, false);
+    EXPECT_EQ(top(9), "none 2, f 2, g 2, h 2, ");
+    EXPECT_EQ(top(3), "none 2, f 2, g 2, ");
+    add(more, 0x2000);
+    add(more, 0x2000);
+    add(more, 0x3000);
+    counts.add(more);
+    EXPECT_EQ(top(9), "g 4, h 3, none 2, f 2, ");
 }
 
 // ---- What commands show --------------------------------------------------------------------------------
