@@ -970,6 +970,7 @@ TEST(check, a_register_is_written_once_and_may_be_read_twice)
          std::vector<std::vector<uint16_t>>{{1, 1}, {1, 1, 2}, {1, 2, 1}, {2, 1, 1}})
         EXPECT_THAT(written(twice), ElementsAre("register-written-twice"));
     EXPECT_THAT(written({1, 2, 3}), IsEmpty());
+    EXPECT_THAT(written({0, 1}), IsEmpty()); // the entry that is not counted is 0 too
     EXPECT_THAT(broken_by([](Trace &t) { t[STRING].record.regs.gpr_in[1] = t[STRING].record.regs.gpr_in[0]; }),
                 IsEmpty());
 }
@@ -1007,6 +1008,69 @@ TEST(check, flags_of_a_header_are_looked_at_in_both_words)
                     t[SECOND_HEADER].header.sdr1[3] = 1;
                 }),
                 IsEmpty());
+}
+
+namespace
+{
+
+// Rules about flags that an item breaks when one more bit of a word is set.
+std::string flag_rules(const Item &planted, const std::function<void(Item &)> &set)
+{
+    Item changed = planted;
+    set(changed);
+    std::string rules;
+    qtrace_tool::Trace_Checker checker([&](const qtrace_tool::Violation &v) {
+        if (v.rule.name.ends_with("-flags") || v.rule.name.starts_with("header-flags"))
+            rules += v.rule.name + " ";
+    });
+    QTRACE_Item item{};
+    item.header = changed.header;
+    item.record = changed.record;
+    changed.is_header ? checker.header(item) : checker.record(item);
+    return rules;
+}
+
+template <class Word> void set_bit(Word &word, unsigned bit)
+{
+    uint64_t bits = 0;
+    std::memcpy(&bits, &word, sizeof word);
+    bits |= uint64_t{1} << bit;
+    std::memcpy(&word, &bits, sizeof word);
+}
+
+bool is_in(unsigned bit, const std::vector<std::pair<unsigned, unsigned>> &ranges)
+{
+    return std::ranges::any_of(ranges,
+                               [&](const auto &range) { return bit >= range.first && bit <= range.second; });
+}
+
+} // namespace
+
+TEST(check, every_flag_is_for_use_or_reserved_or_never_set)
+{
+    const Item plain = good_trace()[PLAIN], header = good_trace()[SECOND_HEADER];
+    const std::vector<std::pair<unsigned, unsigned>> reserved = {{0, 4}, {33, 34}, {48, 63}};
+    for (unsigned bit = 0; bit < 64; bit++) {
+        const std::string in_record = flag_rules(plain, [bit](Item &i) { set_bit(i.record.header.control, bit); });
+        EXPECT_EQ(in_record, is_in(bit, reserved)   ? "reserved-flags "
+                             : is_in(bit, {{5, 7}}) ? "header-flags-in-record "
+                             : is_in(bit, {{17, 17}, {20, 23}, {26, 27}, {29, 32}, {39, 39}}) ? "unused-flags "
+                                                                                              : "")
+            << bit;
+        const std::string in_header =
+            flag_rules(header, [bit](Item &i) { set_bit(i.header.sec_ext_controlword.control, bit); });
+        EXPECT_EQ(in_header, is_in(bit, reserved)                         ? "header-reserved-flags "
+                             : is_in(bit, {{12, 15}, {17, 32}, {35, 47}}) ? "header-unused-flags "
+                                                                          : "")
+            << bit;
+    }
+    for (unsigned bit = 0; bit < 32; bit++) {
+        const std::string in_header = flag_rules(header, [bit](Item &i) { set_bit(i.header.control, bit); });
+        EXPECT_EQ(in_header, is_in(bit, {{3, 3}, {16, 31}})                           ? "header-reserved-flags "
+                             : is_in(bit, {{0, 0}, {2, 2}, {5, 5}, {7, 9}, {15, 15}}) ? "header-unused-flags "
+                                                                                      : "")
+            << bit;
+    }
 }
 
 TEST(check, the_machine_of_a_header_is_its_version_and_its_memory)
