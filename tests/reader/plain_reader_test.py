@@ -41,6 +41,7 @@ class Pieces(unittest.TestCase):
 
     def test_slots_are_the_upper_bits_of_a_product(self):
         self.assertEqual([plain.slot(1, bits) for bits in (7, 10, 11)], [0x4F, 0x278, 0x4F1])
+        self.assertEqual([plain.slot(1 << 63, bits) for bits in (7, 10, 11)], [0x40, 0x200, 0x400])  # the factor is odd
         self.assertEqual([plain.slot(2, bits) for bits in (7, 10, 11)], [0x1E, 0xF1, 0x1E3])
 
     def column(self, data, more=b""):
