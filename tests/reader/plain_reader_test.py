@@ -338,6 +338,14 @@ class Values(In_Folder):
         self.assertEqual(self.lines(self.read(*maker.blocks)), [json.loads(line) for line in maker.lines()])
 
 
+    def test_the_value_of_the_last_coded_list_of_inputs_is_remembered_where_nothing_is_written(self):
+        again = {"control": NEXT, "next_instruction_ea": 0x1000}
+        maker = Trace_Maker().header(file_control=0x2000, iar=0x1000)
+        maker.record(num_gprs_in=1, gpr_in=((3, 0x33),), num_fprs_in=1, fpr_in=((4, 0x44),), num_sprs_in=2,
+                     spr_in=((8, 0x88), (9, 0x99)), **again)  # fmt: skip
+        maker.coded(bytes([4]), {SHAPE: list_bytes([], [5]), KIND: b"\2"}, num_gprs_out=1, gpr_out=((5, 0x88),), **again)
+        self.assertEqual(self.lines(self.read(*maker.end(LAST).blocks)), [json.loads(line) for line in maker.lines()])
+
     def test_rare_members_of_registers_are_those_of_the_image(self):
         for i, (name, count, offset, room, words) in enumerate(make_corpus.LISTS):
             for places in (range(room), [room - 1], [0], []):
