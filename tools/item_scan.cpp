@@ -89,7 +89,7 @@ bool Range_Items::select(uint64_t first_block, uint64_t blocks, bool rises)
 {
     rises_ = rises;
     const bool selected = reader_ != nullptr && qtrace_select_blocks(reader_.get(), first_block, blocks) == 0;
-    error_ = selected ? "" : "out of memory";
+    error_ = selected ? "" : reader_ != nullptr ? qtrace_error(reader_.get()) : "out of memory";
     return selected;
 }
 

@@ -29,7 +29,7 @@ class Range_Items
 public:
     Range_Items(Reader reader, const Record_Range &range) : reader_(std::move(reader)), range_(range) {}
 
-    // Goes to the first of so many blocks. False: memory is short, as error() says. `rises`: record numbers do, so that the
+    // Goes to the first of so many blocks. False: it cannot, and error() says why. `rises`: record numbers do, so that the
     // first one after the range ends it.
     bool select(uint64_t first_block, uint64_t blocks, bool rises = true);
     // Goes to what directly precedes that record, and no longer ends with the blocks. False: there is no such record.

@@ -188,7 +188,8 @@ QTRACE_Reader *qtrace_open_with_index(const QTRACE_Index *index);
 /* Restricts the reader to `count` blocks from number `first` on: it delivers what it would deliver of them when it
  * read the whole file, discontinuities before each included, then QTRACE_ITEM_END. The end of the file belongs to its
  * last block; a file without blocks has one empty range, (0, 0). So readers of adjacent ranges deliver every item
- * exactly once. qtrace_seek ends the restriction. Returns 0, or -1 when there are no such blocks. */
+ * exactly once. qtrace_seek ends the restriction. Returns 0, or -1 when there are no such blocks or the file
+ * cannot be read: see qtrace_error. */
 int qtrace_select_blocks(QTRACE_Reader *reader, uint64_t first, uint64_t count);
 
 /* Blocks in a row, as the index keeps them: one in each step, or 2, 4, 8, ... where the file has more blocks than 65,536

@@ -488,8 +488,10 @@ int QTRACE_Reader::select(uint64_t first, uint64_t count)
     if (index() == nullptr)
         return -1;
     const uint64_t blocks = index_->blocks();
-    if (first > blocks || count > blocks - first)
+    if (first > blocks || count > blocks - first) {
+        text = source_.name + ": there are no such blocks";
         return -1;
+    }
     if (blocks == 0) {
         place_at(source_.begin, {});
         return 0;
@@ -505,6 +507,10 @@ int QTRACE_Reader::select(uint64_t first, uint64_t count)
         return -1;
     place_at(*start);
     pass_damage_of_range_before(*start);
+    if (file_.error != 0) {
+        fail(file_, start->offset);
+        return -1;
+    }
     limit_ = end ? end->offset : NO_LIMIT;
     return 0;
 }
