@@ -1,8 +1,10 @@
-"""The generator of random mutants finds each token that can be changed, and none in comments, strings and types."""
+"""The generator of random mutants finds each token that can be changed, and none in comments, strings and types; changes
+that are listed as without effect are among those that it draws."""
 
 import unittest
 
 import mutant_generator
+import random_mutants
 
 
 def changed(source, file="a.cpp"):
@@ -50,6 +52,16 @@ class python(unittest.TestCase):
 
     def test_comments_strings_and_definitions_are_left_alone(self):
         self.assertEqual(changed('# 1 < 2\n"""3 and 4"""\ndef f(a=1):\n    pass\n', "a.py"), [])
+
+
+class changes_without_effect(unittest.TestCase):
+    def test_listed_ones_can_be_drawn(self):
+        listed = random_mutants.read_equivalent()
+        self.assertGreater(len(listed), 5)
+        for file in {file for file, _, _ in listed}:
+            source = (random_mutants.ROOT / file).read_text()
+            drawn = {change.key(source) for change in mutant_generator.changes(file, source)}
+            self.assertEqual([key for key in listed if key[0] == file and key not in drawn], [])
 
 
 if __name__ == "__main__":
