@@ -29,13 +29,14 @@ constexpr uint32_t NO_CLASS = PROCESSOR_MAJOR_UNKNOWN;
 
 std::string format_text(const char *format, va_list arguments)
 {
+    // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the callers have started it
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
     std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers have started it
     std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    // NOLINTEND(clang-analyzer-valist.Uninitialized)
     return text;
 }
 

@@ -128,6 +128,7 @@ void Plugin_Module::signal(const std::string &typed, const std::vector<std::stri
     std::vector<std::string> all{typed};
     all.insert(all.end(), words.begin(), words.end());
     std::vector<char *> argv;
+    argv.reserve(all.size() + 1);
     for (std::string &word : all)
         argv.push_back(word.data());
     argv.push_back(nullptr);

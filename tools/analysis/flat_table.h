@@ -35,6 +35,7 @@ public:
             number_++;
             return *this;
         }
+        // NOLINTNEXTLINE(cert-dcl21-cpp): a forward iterator returns one that can be moved
         Iterator operator++(int) { return {*table_, number_++}; }
         bool operator==(const Iterator &) const = default;
 

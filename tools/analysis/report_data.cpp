@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <iterator>
-#include <ranges>
 
 namespace qtrace_tool
 {
@@ -127,6 +126,7 @@ static std::deque<Tlb_Model> make_models()
 static std::vector<Tlb_Model *> pointers_to(std::deque<Tlb_Model> &models)
 {
     std::vector<Tlb_Model *> pointers;
+    pointers.reserve(models.size());
     for (Tlb_Model &model : models)
         pointers.push_back(&model);
     return pointers;
@@ -147,8 +147,8 @@ void Thread_Data::add(const Report_Part &part)
 {
     counts.append(part.counts);
     damaged_places += part.damage.size();
-    const size_t room = DAMAGE_LISTED - damage.size();
-    std::ranges::copy(part.damage | std::views::take(room), std::back_inserter(damage));
+    const size_t taken = std::min(part.damage.size(), DAMAGE_LISTED - damage.size());
+    damage.insert(damage.end(), part.damage.begin(), part.damage.begin() + taken);
     for (auto text = part.losses.begin(); const Access_Entry &entry : part.accesses.entries()) {
         if (modelling_)
             feed_.take(entry, part.accesses);

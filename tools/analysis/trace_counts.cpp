@@ -8,7 +8,6 @@
 #include <fmt/format.h>
 #include <functional>
 #include <optional>
-#include <ranges>
 #include <type_traits>
 
 namespace qtrace_tool
@@ -137,7 +136,6 @@ void Trace_Counts::add_current_pages(const Trace_Counts &from)
 template <class Times>
 static Side_Pages side_of(const Page_Uses &pages, const Size_Codes &codes, size_t top, Times times)
 {
-    const auto used = [=](const auto &entry) { return times(entry.second).has_value(); };
     Side_Pages side;
     for (const auto &[page, use] : pages.sample())
         if (times(use))
@@ -147,13 +145,19 @@ static Side_Pages side_of(const Page_Uses &pages, const Size_Codes &codes, size_
             uint64_t &count = side.counts[static_cast<uint8_t>(code)];
             count = std::max<uint64_t>(1, count << pages.shift()); // the sample may have none of a few pages
         }
-    side.hottest.resize(std::min(top, static_cast<size_t>(std::ranges::count_if(pages.heaviest(), used))));
-    std::ranges::partial_sort_copy(
-        pages.heaviest() | std::views::filter(used) |
-            std::views::transform([=](const auto &entry) { return std::pair(entry.first, *times(entry.second)); }),
-        side.hottest, [](const auto &a, const auto &b) {
-            return a.second != b.second ? a.second > b.second : a.first < b.first;
-        });
+    const auto hotter = [](const auto &a, const auto &b) {
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
+    };
+    for (const auto &[page, use] : pages.heaviest())
+        if (const auto uses = times(use)) {
+            side.hottest.emplace_back(page, *uses);
+            std::ranges::push_heap(side.hottest, hotter);
+            if (side.hottest.size() > top) {
+                std::ranges::pop_heap(side.hottest, hotter); // the coldest of them stands first
+                side.hottest.pop_back();
+            }
+        }
+    std::ranges::sort_heap(side.hottest, hotter);
     return side;
 }
 

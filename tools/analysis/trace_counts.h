@@ -45,7 +45,7 @@ struct Page {
     uint64_t first = 0; // its real address (nested: guest real address)
     uint64_t guest = 0; // partition + 1; 0: a page of the host
     uint8_t size_code = 0;
-    auto operator<=>(const Page &) const = default;
+    auto operator<=>(const Page &) const = default; // NOLINT(modernize-use-nullptr): compared with 0, not a pointer
 };
 struct Page_Hash {
     size_t operator()(const Page &page) const noexcept; // then a table does not keep it for each page

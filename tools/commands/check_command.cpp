@@ -475,7 +475,8 @@ public:
     Trace_Checker checker{
         [this](const Violation &violation) { findings.add(finding_of(violation, space), limit_); },
         [this](Deferred_Item &&item) {
-            findings.entries.push_back({std::nullopt, std::make_unique<Deferred_Item>(std::move(item)), space});
+            auto deferred = std::make_unique<Deferred_Item>(std::move(item));
+            findings.entries.push_back({std::nullopt, std::move(deferred), space});
         }};
 
 private:

@@ -412,8 +412,9 @@ void Stats_Command::print_lists(Output &out, const Column &column) const
 void Stats_Command::list_pages(Json_Writer &json, const char *key, const Side_Pages &pages) const
 {
     json.array(key, [&] {
-        for (const auto &[page, times] : pages.hottest)
+        for (const auto &hot : pages.hottest)
             json.object([&] {
+                const auto &[page, times] = hot;
                 json.member("address", Json_Hex{page.first});
                 json.member("size", sizes_.name(page.size_code));
                 json.member("times", times);
@@ -428,8 +429,9 @@ void Stats_Command::list_functions(Json_Writer &json, const Function_Counts &fun
     if (!functions.any())
         return;
     json.array("hot_functions", [&] {
-        for (const auto &[symbol, times] : functions.top(top_))
+        for (const auto &hot : functions.top(top_))
             json.object([&] {
+                const auto &[symbol, times] = hot;
                 if (symbol == nullptr) {
                     json.member("symbol", nullptr);
                 } else {
@@ -445,8 +447,9 @@ void Stats_Command::list_targets(Json_Writer &json, const Column &column) const
 {
     const auto &targets = column.counts->targets;
     json.array("hot_targets", [&] {
-        for (const auto &[target, times] : targets.top(top_))
+        for (const auto &hot : targets.top(top_))
             json.object([&] {
+                const auto &[target, times] = hot;
                 json.member("address", Json_Hex{target});
                 name_member(json, "symbol", column.notes(), target);
                 json.member("times", times);
@@ -458,8 +461,9 @@ void Stats_Command::list_targets(Json_Writer &json, const Column &column) const
 static void list_partitions(Json_Writer &json, const Trace_Counts &counts)
 {
     json.array("partitions", [&] {
-        for (const auto &[partition, times] : counts.partitions)
+        for (const auto &counted : counts.partitions)
             json.object([&] {
+                const auto &[partition, times] = counted;
                 json.member("lpid", Json_Hex{partition.lpid});
                 json.member("pid", partition.pid);
                 json.member("instructions", times);
