@@ -205,8 +205,8 @@ void run_pte(benchmark::State &state)
     PTE_Event_Info hashed{0x1000, {0x2000, 0x3000}};
     RTPTE_Event_Info radix{0x1000, 0x2000, 0x3000, 0x4000, 0x5000};
     for ([[maybe_unused]] auto iteration : state) {
-        the_plugin().pte_access(&stream.instructions[0], &hashed);
-        the_plugin().rtpte_access(&stream.instructions[0], &radix);
+        the_plugin().pte_access(stream.instructions.data(), &hashed);
+        the_plugin().rtpte_access(stream.instructions.data(), &radix);
     }
     set_commits(state, 2);
 }
@@ -242,8 +242,9 @@ Memory memory_of_session(int64_t threads)
 {
     const std::string command =
         "/proc/" + std::to_string(getpid()) + "/exe --start-stop-memory " + std::to_string(threads);
-    const std::unique_ptr<FILE, int (*)(FILE *)> child(popen(command.c_str(), "r"), pclose);
+    const std::unique_ptr<FILE, int (*)(FILE *)> child(popen(command.c_str(), "r"), pclose); // NOLINT(cert-env33-c)
     Memory memory{};
+    // NOLINTNEXTLINE(cert-err34-c): two numbers that this program has printed
     if (!child || std::fscanf(child.get(), "%ld %ld", &memory.resident, &memory.virtual_size) != 2)
         throw std::runtime_error("no answer from " + command);
     return memory;

@@ -135,6 +135,10 @@ void insert_all(sqlite3 *database, const std::vector<Table> &tables)
         records = table.name == "record" ? &table : records;
         registers = table.name == "register" ? &table : registers;
     }
+    if (records == nullptr || registers == nullptr) {
+        std::fputs("no table of records or of registers\n", stderr);
+        std::exit(1);
+    }
     for (const Table &table : tables)
         for (Insertion rows(database, table); &table != records && &table != registers && !rows.ended();)
             rows.insert();

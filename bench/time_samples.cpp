@@ -34,6 +34,7 @@ void take_sample(int, siginfo_t *, void *context)
     const size_t number = sample_count.load(std::memory_order_relaxed);
     if (number == samples.size())
         return;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address of code, which is never followed
     samples[number] = reinterpret_cast<const void *>(counter);
     sample_count.store(number + 1, std::memory_order_relaxed);
 }

@@ -61,6 +61,7 @@ void Plugin::signal(std::vector<std::string> words)
 {
     words.insert(words.begin(), "plugin");
     std::vector<char *> argv;
+    argv.reserve(words.size());
     for (std::string &word : words)
         argv.push_back(word.data());
     signal_(static_cast<int>(argv.size()), argv.data());
