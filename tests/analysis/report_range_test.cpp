@@ -106,3 +106,15 @@ TEST(report_range, that_begins_after_the_last_record_is_refused)
     EXPECT_EQ(done.err, "qtrace: " + whole + ": no record 2000: the file has 2000\n");
     EXPECT_EQ(folder.contents("page.html"), "");
 }
+
+// It is damage; the pictures have a gap where records follow.
+TEST(report_range, of_a_trace_that_is_cut_off_has_no_gap_at_its_end)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", varied_trace());
+    const std::string bytes = folder.contents("whole0");
+    const std::string cut = folder.text("cut0", bytes.substr(0, bytes.size() - 1));
+    EXPECT_EQ(pictured(folder, {whole})["gaps"], json::array());
+    EXPECT_EQ(pictured(folder, {cut})["gaps"], json::array());
+    EXPECT_NE(folder.contents("page.html").find("cut off"), std::string::npos);
+}
