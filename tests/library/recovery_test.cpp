@@ -1,5 +1,6 @@
 // Recovery under bad conditions: the output is complete or as it was before, whatever the input and the disk do. Reads
 // are intercepted at link time.
+#include "block_format.h"
 #include "trace_file_fixture.h"
 
 #include <cerrno>
@@ -182,8 +183,16 @@ TEST_F(recovery, of_a_file_that_changes_copies_whole_blocks_or_nothing)
     std::string other = damaged_;
     for (const uint64_t block : block_offsets())
         other[block + 80] ^= 4;
+    std::string renumbered = damaged_; // whole blocks of another trace
+    for (const uint64_t block : block_offsets()) {
+        auto *const at = reinterpret_cast<uint8_t *>(&renumbered[block]);
+        if (std::optional<trace::Block_Header> header = trace::load_block_header(at)) {
+            header->first_record += 1'000;
+            trace::store_block_header(*header, at);
+        }
+    }
     const std::string none(damaged_.size(), 0);
-    for (const std::string &later : {longer, other, none, damaged_.substr(0, damaged_.size() / 2)}) {
+    for (const std::string &later : {longer, other, renumbered, none, damaged_.substr(0, damaged_.size() / 2)}) {
         bool reached = true;
         for (unsigned change = 0; reached; ++change) {
             put_bytes(damaged_);

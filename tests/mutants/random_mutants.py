@@ -1,5 +1,5 @@
 """Draws random single-token mutants of library, tools, replay host and Python, and runs on each the tests that reach the
-changed line, the quickest first, until one fails. Everything happens in copies of the tree below a work folder."""
+changed line, the cheapest first, until one fails. Everything happens in copies of the tree below a work folder."""
 
 import concurrent.futures
 import hashlib
@@ -110,6 +110,11 @@ class Group:
         self.seconds = 0.0  # without any mutant
         self.lines = {}  # file -> numbers of the lines that it reaches
         self.passes = True
+
+    def cost(self, file):
+        """What it takes for a mutant of the file to be noticed: more where the group reaches much besides the file."""
+        reached = sum(map(len, self.lines.values()))
+        return (self.seconds + 1) * (reached / len(self.lines[file]) if file in self.lines else 1)
 
     def fails(self, place, origin, limit, **settings):
         """Whether it fails in the place; the command is written for the place `origin`."""
@@ -278,11 +283,11 @@ def unit_tests(folder, jobs):
 
 
 def reaching(groups, change):
-    """The groups that reach the line, the quickest first. What nobody counts (tables, constants, expressions of the
+    """The groups that reach the line, the cheapest first. What nobody counts (tables, constants, expressions of the
     compiler, processes that are killed) is left to all that reach the file; and a file without counts to all."""
     found = [group for group in groups if change.line in group.lines.get(change.file, ())]
     found = found or [group for group in groups if change.file in group.lines] or groups
-    return sorted(found, key=lambda group: group.seconds)
+    return sorted(found, key=lambda group: group.cost(change.file))
 
 
 def test_groups_after_building(place, jobs):
@@ -327,7 +332,7 @@ class Round:
                 return
             if by:
                 self.noticed += 1
-                verdict = f"noticed by {by}" + (", although it is listed as without effect" if key in self.reasons else "")
+                verdict = f"noticed by {by}"
             elif key in self.reasons:
                 self.without_effect.append(key)
                 verdict = f"without effect: {self.reasons[key]}"
@@ -358,7 +363,7 @@ def try_change(change, source, place, origin, groups):
         for group in reaching(groups, change):
             if not change.file.endswith(".py") and place.make(group.targets, once=True).returncode != 0:
                 return "build"
-            if group.fails(place, origin, 10 + 5 * group.seconds):
+            if group.fails(place, origin, 5 + 3 * group.seconds):
                 return group.name
         return None
     finally:
@@ -368,7 +373,9 @@ def try_change(change, source, place, origin, groups):
 def work(drawing, place, origin, groups):
     while change := drawing.next():
         began = time.monotonic()
-        by = try_change(change, drawing.sources[change.file], place, origin, groups)
+        source = drawing.sources[change.file]
+        listed = change.key(source) in drawing.reasons
+        by = None if listed else try_change(change, source, place, origin, groups)
         if by != "build":
             drawing.record(change, by, time.monotonic() - began)
 
@@ -384,8 +391,17 @@ def try_group(group, place, origin):
             return
 
 
-def healthy(groups, places, origin):
-    """The groups that pass without any mutant: a half of them is tried in each place."""
+def healthy(groups, places, origin, file):
+    """The groups that pass without any mutant: a half of them is tried in each place. How long they take is kept in the
+    file until something that they depend on changes."""
+    stored = json.loads(file.read_text()) if file.exists() else {}
+    digest = digests()
+    states = {group.name: [digest[""], digest.get(group.part)] for group in groups}
+    untried = []
+    for group in groups:
+        state, group.seconds = stored.get(group.name, (None, 0.0))
+        if state != states[group.name]:
+            untried.append(group)
     with concurrent.futures.ThreadPoolExecutor(len(places)) as pool:
         free = queue.SimpleQueue()
         for place in places:
@@ -396,12 +412,14 @@ def healthy(groups, places, origin):
             try_group(group, place, origin)
             free.put(place)
 
-        for done in [pool.submit(try_in_a_free_place, group) for group in groups]:
+        for done in [pool.submit(try_in_a_free_place, group) for group in untried]:
             done.result()
     for group in groups:
         if not group.passes:
             print(f"left out, fails without any mutant: {group.name}", flush=True)
-    return [group for group in groups if group.passes]
+    passing = [group for group in groups if group.passes]
+    file.write_text(json.dumps(stored | {group.name: (states[group.name], group.seconds) for group in passing}))
+    return passing
 
 
 def main(seed, wanted, jobs, folder, quick=False, words=()):
@@ -412,7 +430,7 @@ def main(seed, wanted, jobs, folder, quick=False, words=()):
     for place in places:
         place.prepare()
         place.make_or_exit(sorted({target for group in groups for target in group.targets}), jobs)
-    groups = healthy(groups, places, origin)
+    groups = healthy(groups, places, origin, folder / "times.json")
     print(f"{len(groups)} groups of tests, ready after {time.monotonic() - began:.0f} s", flush=True)
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for done in [pool.submit(work, drawing, place, origin, groups) for place in places]:

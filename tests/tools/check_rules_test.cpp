@@ -905,6 +905,7 @@ TEST(check_findings, show_the_flags_or_members_that_explain_them)
               "_reserved_14 _reserved_13");
     EXPECT_EQ(values([](Trace &t) { t[SECOND_HEADER].header.control._reserved_12 = 1; }), "_reserved_12");
     EXPECT_EQ(values([](Trace &t) { t[TAKEN_BRANCH].record.termination_node = 1; }), "node 0, termination_node 1");
+    EXPECT_EQ(values([](Trace &t) { t[TAKEN_BRANCH].record.termination_code = 0; }), "termination_code 0");
     EXPECT_EQ(values([](Trace &t) { t[STRING].record.length = 0xFFFF; }), "length 65535");
     EXPECT_EQ(values([](Trace &t) { t[PLAIN].record.secondary_data_page_size = 3; }), "secondary_data_page_size 3");
     EXPECT_EQ(values([](Trace &t) {
