@@ -57,7 +57,7 @@ Access_Entry &Access_List::record(const QTRACE_Item &item)
 {
     const QTRACE_RECORD &record = item.record;
     const auto &flags = record.header.control.fld;
-    Access_Entry &entry = entries_.emplace_back(item.record_number, item.address);
+    Access_Entry &entry = entries_.emplace_back(Access_Entry{item.record_number, item.address});
     entry.known = item.address_known;
     if (flags.data_address_present) {
         entry.data_address = number(record.data_ea);
@@ -72,7 +72,7 @@ Access_Entry &Access_List::record(const QTRACE_Item &item)
 void Access_List::header(const QTRACE_Item &item)
 {
     const QTRACE_FILE_HDR &header = item.header;
-    Access_Entry &entry = entries_.emplace_back(item.record_number, number(header.lpid), number(header.pid));
+    Access_Entry &entry = entries_.emplace_back(Access_Entry{item.record_number, number(header.lpid), number(header.pid)});
     entry.kind = Access_Entry::Kind::header;
     entry.known = true;
     if (header.control.iar_is_present)
@@ -88,7 +88,7 @@ void Access_List::clear()
 
 void Access_List::loss(uint64_t next, const QTRACE_FILE_HDR *context)
 {
-    Access_Entry &entry = entries_.emplace_back(next);
+    Access_Entry &entry = entries_.emplace_back(Access_Entry{next});
     entry.kind = Access_Entry::Kind::loss;
     entry.known = context != nullptr;
     if (context == nullptr)
