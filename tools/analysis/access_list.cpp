@@ -72,7 +72,8 @@ Access_Entry &Access_List::record(const QTRACE_Item &item)
 void Access_List::header(const QTRACE_Item &item)
 {
     const QTRACE_FILE_HDR &header = item.header;
-    Access_Entry &entry = entries_.emplace_back(Access_Entry{item.record_number, number(header.lpid), number(header.pid)});
+    Access_Entry &entry =
+        entries_.emplace_back(Access_Entry{item.record_number, number(header.lpid), number(header.pid)});
     entry.kind = Access_Entry::Kind::header;
     entry.known = true;
     if (header.control.iar_is_present)
