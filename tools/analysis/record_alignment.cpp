@@ -136,8 +136,14 @@ private:
     {
         return diagonal == -edits || (diagonal != edits && below(reach, diagonal) < above(reach, diagonal));
     }
-    int below(const Reach &reach, int diagonal) const { return reach[static_cast<size_t>(diagonal + limit_)]; }
-    int above(const Reach &reach, int diagonal) const { return reach[static_cast<size_t>(diagonal + limit_ + 2)]; }
+    int below(const Reach &reach, int diagonal) const { return reach[place_of(diagonal - 1)]; }
+    int above(const Reach &reach, int diagonal) const { return reach[place_of(diagonal + 1)]; }
+    // There is a place on either side of those that are used.
+    size_t place_of(int diagonal) const
+    {
+        const int place = diagonal + limit_ + 1;
+        return static_cast<size_t>(place);
+    }
     int begin_of(const Reach &reach, int edits, int diagonal) const;
     int follow(int x, int diagonal) const;
 
@@ -167,7 +173,7 @@ bool Edit_Search::find()
         reached_.push_back(reach);
         for (int diagonal = -edits; diagonal <= edits; diagonal += 2) {
             const int x = follow(begin_of(reach, edits, diagonal), diagonal);
-            reach[static_cast<size_t>(diagonal + limit_ + 1)] = x;
+            reach[place_of(diagonal)] = x;
             if (x >= size_a() && x - diagonal >= size_b())
                 return true;
         }
