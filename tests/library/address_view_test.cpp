@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 using namespace trace;
@@ -71,6 +72,14 @@ TEST(address_view, names_every_mode_and_its_pair_as_the_producer_does)
         const Xlate_Mode_Info &producer = mode_info(static_cast<RDX_XLATE_MODE>(mode));
         EXPECT_EQ(producer.name, EXPECTED[mode].name) << mode;
         EXPECT_EQ((Mode_Pair{producer.guest, producer.host}), pair) << mode;
+    }
+}
+
+TEST(address_view, knows_the_pairs_that_modes_have_and_no_others)
+{
+    for (unsigned index = 0; index < PAIRS.size(); index++) {
+        const auto has_pair = [&](const Expected &mode) { return 4 * mode.guest + mode.host == index; };
+        EXPECT_EQ(PAIRS[index].exists, std::ranges::any_of(EXPECTED, has_pair)) << index / 4 << " on " << index % 4;
     }
 }
 

@@ -45,6 +45,29 @@ struct Host_Services : testing::Test {
 
 } // namespace
 
+// Each class by itself: what was there goes, what is new comes.
+TEST(Instruction_Registers, are_assigned_whatever_classes_they_have)
+{
+    const auto held = [](const Plugin_Inst_Registers &registers) {
+        return std::vector<int>{registers.gpr_num, registers.fpr_num, registers.spr_num, registers.vsx_num,
+                                registers.vmx_num};
+    };
+    Instruction_Registers before;
+    before.gpr_num = before.vmx_num = 1;
+    for (int32_t Plugin_Inst_Registers::*const number :
+         {&Plugin_Inst_Registers::gpr_num, &Plugin_Inst_Registers::fpr_num, &Plugin_Inst_Registers::spr_num,
+          &Plugin_Inst_Registers::vsx_num, &Plugin_Inst_Registers::vmx_num}) {
+        Instruction_Registers one, to = before;
+        one.*number = 1;
+        EXPECT_TRUE(one.any());
+        to = one;
+        EXPECT_EQ(held(to), held(one));
+        EXPECT_EQ(to.*number, 1);
+        to = Instruction_Registers();
+        EXPECT_EQ(held(to), std::vector<int>(5, 0));
+    }
+}
+
 TEST_F(Host_Services, finds_the_processors_by_the_class_of_their_name)
 {
     Machine *machine = select_machine(host().client_data());

@@ -67,6 +67,10 @@ TEST(check_pte, says_what_was_compared_and_what_cannot_be)
     const json summary = json_lines(qtrace({"check", "--json", "--pte", empty, file}).out).back();
     EXPECT_EQ(summary["walks_compared"], 4);
     EXPECT_EQ(summary["hashed_translations"], 2);
+    Trace one_hashed = good_trace();
+    one_hashed[SUSPECT_STORE] = {false, {}, "", plain_record(0x60000000)};
+    EXPECT_THAT(qtrace({"check", "--ignore", "pte-walk", "--pte", empty, folder.write("other0", one_hashed)}).out,
+                HasSubstr("page-table entries; 1 translation by a hashed page table cannot be compared\n"));
 }
 
 TEST(check_pte, a_file_that_cannot_hold_accesses_is_an_error)
