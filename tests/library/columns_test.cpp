@@ -451,6 +451,26 @@ TEST_F(columns, of_registers_have_a_row_for_each)
     EXPECT_EQ(found, expected);
 }
 
+// Another record is read as long as there is room for as many registers as a record can have.
+TEST_F(columns, of_registers_end_where_the_next_record_might_not_fit)
+{
+    write(5000, 11);
+    std::vector<size_t> held; // registers of each record
+    for_records([&](const QTRACE_Item &item, uint64_t) {
+        std::vector<Register> rows;
+        add_registers(rows, item.record_number, item.record.regs);
+        held.push_back(rows.size());
+    });
+    const size_t first = held.at(0) + held.at(1);
+    ASSERT_GT(first, 0u);
+    for (const uint64_t less : {0, 1}) {
+        Registers registers(QTRACE_MAX_REGISTERS + first - less);
+        const Reader reader = open();
+        qtrace_read_registers(reader.get(), 3, &registers.columns, nullptr);
+        EXPECT_EQ(registers.columns.records, 3u - less);
+    }
+}
+
 TEST_F(columns, of_registers_have_the_chosen_classes_only)
 {
     write(5000, 12);
