@@ -408,3 +408,35 @@ TEST(touched_pages, do_not_depend_on_the_parts_in_which_a_trace_is_read)
         EXPECT_EQ(whole.touched.fetched.counts, found[0].fetched.counts);
     }
 }
+
+// ---- The most frequent keys ----------------------------------------------------------------------------
+
+// One key is met 20 times, three 10 times, as many as there is room for all but one twice, the others once.
+TEST(frequent_keys, of_two_parts_together_give_up_what_the_first_one_without_room_has)
+{
+    constexpr uint64_t CAPACITY = Frequent_Keys::CAPACITY;
+    Frequent_Keys counts, more;
+    for (uint64_t key = 0; key < CAPACITY; key++) {
+        counts.add(key, key < 3 ? 10 : 1);
+        more.add(CAPACITY + key, key == 0 ? 20 : 2);
+    }
+    counts.add(more);
+    EXPECT_EQ(counts.shortfall(), 2u);
+    std::vector<std::pair<uint64_t, uint64_t>> top = counts.top(10);
+    std::ranges::sort(top);
+    EXPECT_EQ(top, (std::vector<std::pair<uint64_t, uint64_t>>{{0, 8}, {1, 8}, {2, 8}, {CAPACITY, 18}}));
+}
+
+TEST(frequent_keys, that_have_room_together_give_up_nothing)
+{
+    Frequent_Keys counts, more;
+    for (uint64_t key = 0; key < Frequent_Keys::CAPACITY / 2; key++) {
+        counts.add(key);
+        more.add(Frequent_Keys::CAPACITY + key, 2);
+    }
+    counts.add(more);
+    EXPECT_EQ(counts.shortfall(), 0u);
+    EXPECT_EQ(counts.top(Frequent_Keys::CAPACITY + 1).size(), Frequent_Keys::CAPACITY);
+    counts.add(0, 4);
+    EXPECT_EQ(counts.top(1), (std::vector<std::pair<uint64_t, uint64_t>>{{0, 5}}));
+}

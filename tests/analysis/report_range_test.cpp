@@ -128,3 +128,12 @@ TEST(report_range, of_a_cut_of_one_record_begins_at_its_number)
     EXPECT_EQ(pictures["first"], 731);
     EXPECT_EQ(pictures["end"], 732);
 }
+
+TEST(report_json, names_the_page_and_its_size)
+{
+    const Folder folder;
+    const std::string page = folder.path("page.html");
+    const Outcome done = qtrace({"report", "--json", "-o", page, folder.write("whole0", varied_trace())});
+    EXPECT_EQ(done.exit_code, 0);
+    EXPECT_EQ(json::parse(done.out), json({{"file", page}, {"bytes", folder.contents("page.html").size()}}));
+}

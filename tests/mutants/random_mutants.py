@@ -30,6 +30,7 @@ COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DI
 PLAIN = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1"]
 COUNTED = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1 --coverage -fprofile-update=atomic",
            "-DCMAKE_C_FLAGS_DEBUG=-O1 --coverage"]  # fmt: skip
+SURVIVAL = 90  # seconds of tests after which a mutant counts as a survivor; the cheapest tests notice nearly all sooner
 COUNTING_LIMIT = 120  # seconds of a test in the build that counts; what it reached by then is taken
 # Tests that do the same with one stream after the other: the first is measured, the others reach the same lines.
 BY_STREAM = ("check_recorded_stream", "cut_streams", "diff_streams", "dump_text", "export_streams")
@@ -359,11 +360,14 @@ def try_change(change, source, place, origin, groups):
     """The name of the first group that fails, None, or "build"."""
     file = place.tree / change.file
     file.write_text(change.apply(source))
+    end = time.monotonic() + SURVIVAL
     try:
         for group in reaching(groups, change):
+            if time.monotonic() > end:
+                return None
             if not change.file.endswith(".py") and place.make(group.targets, once=True).returncode != 0:
                 return "build"
-            if group.fails(place, origin, 5 + 3 * group.seconds):
+            if group.fails(place, origin, 3 + 2 * group.seconds):
                 return group.name
         return None
     finally:

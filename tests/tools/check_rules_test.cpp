@@ -429,6 +429,15 @@ TEST(check, has_148_rules_with_a_sentence_each)
         EXPECT_TRUE(listed.starts_with(name + " ")) << listed;
     }
     EXPECT_FALSE(std::getline(lines, listed)) << listed;
+    std::vector<std::string> as_objects;
+    std::istringstream objects(qtrace({"check", "--rules", "--json"}).out);
+    while (std::getline(objects, listed)) {
+        const auto rule = nlohmann::json::parse(listed);
+        as_objects.push_back(rule["rule"]);
+        EXPECT_GT(rule["sentence"].get<std::string>().size(), 15u) << listed;
+        EXPECT_EQ(rule.size(), 2u);
+    }
+    EXPECT_EQ(as_objects, RULE_NAMES);
 }
 
 TEST_P(planted_rule, is_broken_alone)

@@ -380,6 +380,9 @@ TEST(deep_rules, what_a_paused_thread_stored_is_not_known)
     const json told = summary(file);
     EXPECT_THAT(told["violations"], IsEmpty());
     EXPECT_EQ(told["other_threads_unknown"], true);
+    EXPECT_THAT(qtrace({"check", "--deep", file}).out,
+                testing::HasSubstr(
+                    "\n  walks and code are not checked: not all stores of the trace's other threads are known\n"));
     EXPECT_EQ(told["checks"]["code-unchanged"], 0);
     EXPECT_GT(told["checks"]["register-flow"], 10);
 }

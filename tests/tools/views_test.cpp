@@ -9,6 +9,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <functional>
@@ -463,6 +464,19 @@ TEST(header_line, has_every_member_that_is_filled)
     item.header.control.version_number_present = 1;
     item.header.iar[0] = 0x40;
     EXPECT_EQ(line(), "         - partition address 0000000000000040 radix/radix lpid 0x2 pid 0 version 0x3\n");
+}
+
+TEST(header_line, in_json_has_the_embedded_instruction_where_there_is_one)
+{
+    const planted::Folder folder;
+    planted::Trace trace = planted::good_trace();
+    trace[planted::PARTITION].header.sec_ext_controlword.instruction = 0x60000000;
+    std::istringstream lines(planted::qtrace({"dump", "--json", folder.write("trace0", trace)}).out);
+    std::vector<std::string> instructions;
+    for (std::string line; std::getline(lines, line);)
+        if (const auto item = nlohmann::json::parse(line); item["type"] == "header" && item.contains("instruction"))
+            instructions.push_back(item["instruction"]);
+    EXPECT_EQ(instructions, std::vector<std::string>{"0x60000000"});
 }
 
 // ---- Fields --------------------------------------------------------------------------------------------
