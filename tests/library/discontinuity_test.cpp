@@ -269,6 +269,30 @@ TEST_F(discontinuity, refused_items_are_counted_and_stay_so_when_a_recovery_copi
     }
 }
 
+TEST_F(discontinuity, refused_record_is_missing_before_the_header_that_follows)
+{
+    Random_Trace chance(34);
+    const QTRACE_FDESCR file = open();
+    write(file, full_header(0x10));
+    uint64_t accepted = 0;
+    {
+        const Small_Disk disk(50'000);
+        for (bool refused = false; !refused; accepted += !refused) {
+            QTRACE_RECORD record = chance.wild_record();
+            refused = QTRACE_FwriteRecord(file, &record) != 0;
+        }
+    }
+    write(file, partition_header(4));
+    write_plain(file, 10);
+    QTRACE_Fclose(file);
+    const std::vector<Seen> items = seen();
+    ASSERT_EQ(items.size(), 3u); // the headers on either side
+    EXPECT_EQ(items[1].what.cause, QTRACE_CAUSE_REFUSED);
+    EXPECT_EQ(items[1].record_number, accepted);
+    EXPECT_EQ(items[1].what.records, 1u);
+    EXPECT_EQ(items[1].what.headers, 0u);
+}
+
 TEST_F(discontinuity, left_out_by_a_recovery_is_told_from_refused_by_the_writer)
 {
     write_blocks();
