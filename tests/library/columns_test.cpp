@@ -251,6 +251,54 @@ TEST_F(columns, have_no_translation_twice)
     EXPECT_GT(rows.size(), 600u); // the table has grown
 }
 
+// The same page, with and without each of the flags that belong to its translation.
+TEST_F(columns, tell_translations_apart_that_differ_in_one_flag)
+{
+    using Change = void (*)(QTRACE_RECORD &);
+    const Change changes[] = {
+        [](QTRACE_RECORD &r) { r.header.control.fld.data_VSID_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.data_RPN_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.data_page_size_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.data_gpage_size_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.guest_xlate_mode_data = 1; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.host_xlate_mode_data = 1; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.next_instruction_VSID_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.next_instruction_RPN_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.next_instruction_page_size_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.instruction_gpage_size_present = 0; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.guest_xlate_mode_instruction = 1; },
+        [](QTRACE_RECORD &r) { r.header.control.fld.host_xlate_mode_instruction = 1; },
+    };
+    QTRACE_RECORD plain{};
+    auto &flags = plain.header.control.fld;
+    flags.data_address_present = flags.data_VSID_present = flags.data_RPN_present = 1;
+    flags.data_page_size_present = flags.data_gpage_size_present = 1;
+    flags.next_instruction_EA_present = flags.next_instruction_VSID_present = 1;
+    flags.next_instruction_RPN_present = flags.next_instruction_page_size_present = 1;
+    flags.instruction_gpage_size_present = 1;
+    plain.data_ea[1] = 0x10;
+    plain.next_instruction_ea[1] = 0x20;
+    const QTRACE_FDESCR file = QTRACE_Fopen(name().c_str(), QTRACE_WRITE);
+    QTRACE_FILE_HDR header = Random_Trace(1).plausible_header();
+    ASSERT_EQ(QTRACE_FwriteFileHeader(file, &header), 0);
+    for (const Change change : changes) {
+        QTRACE_RECORD changed = plain;
+        change(changed);
+        ASSERT_EQ(QTRACE_FwriteRecord(file, &plain), 0);
+        ASSERT_EQ(QTRACE_FwriteRecord(file, &changed), 0);
+    }
+    QTRACE_Fclose(file);
+    constexpr uint64_t ALL = 2 * std::size(changes);
+    Frame frame(ALL);
+    frame.read_all(open().get(), 0, ALL);
+    const std::vector<QTRACE_Translation> rows = rows_of(frame.table.get());
+    EXPECT_EQ(rows.size(), 2 + std::size(changes) / 2) << "none, the page's, and those changed on either side";
+    for_records([&](const QTRACE_Item &item, uint64_t row) {
+        expect_data_translation(item.record, rows.at(frame.data_translation[row]));
+        expect_next_translation(item.record, rows.at(frame.next_translation[row]));
+    });
+}
+
 TEST_F(columns, are_the_same_in_pieces_and_from_any_record_on)
 {
     write(RECORDS, 4);
