@@ -217,8 +217,8 @@ Option *declare_number(Options &app, const std::string &name, uint64_t &number, 
 void declare_page_bits(Options &app, std::vector<uint32_t> &bits)
 {
     std::vector<std::string> names;
-    for (uint8_t code = 0; code < Page_Sizes::USUAL.size(); code++)
-        names.push_back(Page_Sizes().name(code));
+    for (size_t code = 0; code < Page_Sizes::USUAL.size(); code++)
+        names.push_back(Page_Sizes().name(static_cast<uint8_t>(code)));
     app.add_numbers(
            "--page-bits", bits, 12, 63,
            fmt::format("address bits of the pages that page-size codes 0, 1, 2, ... stand for (default {}: {})",

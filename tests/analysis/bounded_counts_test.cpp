@@ -427,6 +427,18 @@ TEST(frequent_keys, of_two_parts_together_give_up_what_the_first_one_without_roo
     EXPECT_EQ(top, (std::vector<std::pair<uint64_t, uint64_t>>{{0, 8}, {1, 8}, {2, 8}, {CAPACITY, 18}}));
 }
 
+// All lose the smallest count, 2: those that had no more make room.
+TEST(frequent_keys, give_up_what_the_smallest_has_for_a_new_one)
+{
+    Frequent_Keys counts;
+    for (uint64_t key = 0; key < Frequent_Keys::CAPACITY; key++)
+        counts.add(key, key < 3 ? 10 + key : 2);
+    EXPECT_EQ(counts.shortfall(), 0u);
+    counts.add(99'999);
+    EXPECT_EQ(counts.shortfall(), 2u);
+    EXPECT_EQ(counts.top(10), (std::vector<std::pair<uint64_t, uint64_t>>{{2, 10}, {1, 9}, {0, 8}, {99'999, 1}}));
+}
+
 TEST(frequent_keys, that_have_room_together_give_up_nothing)
 {
     Frequent_Keys counts, more;

@@ -605,12 +605,13 @@ TEST_F(trace_file, on_a_full_device_is_not_opened)
     EXPECT_THAT(qtrace_writer_error(), HasSubstr("/dev/full: write: No space left"));
 }
 
-// Which is what it gets where standard input is closed.
-TEST_F(trace_file, gives_every_descriptor_back_that_it_was_read_by)
+// The lowest is what a file gets where standard input is closed.
+TEST_F(trace_file, is_written_and_read_by_any_descriptor_and_gives_it_back)
 {
-    write_plausible(10);
     const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
     ::close(STDIN_FILENO);
+    write_plausible(10);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
     EXPECT_EQ(read().records(), 10u);
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
     ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);

@@ -37,7 +37,7 @@ void remove_unfinished_folder()
 {
     static char path[PATH_MAX + 32];
     char *const name = stpcpy(path, unfinished_name);
-    std::strcpy(name, "/metadata");
+    stpcpy(name, "/metadata");
     unlink(path);
     char *const number = stpcpy(name, "/stream");
     for (unsigned i = 0; put_number(number, i), unlink(path) == 0; i++)
