@@ -134,6 +134,22 @@ TEST_F(recovery, finds_whole_blocks_after_a_destroyed_first_mebibyte)
     EXPECT_TRUE(read(saved_.string()).damages.empty());
 }
 
+// The first file ends inside a block and another follows, whose numbers begin anew: nobody knows how much was in it.
+TEST_F(recovery, of_a_loss_of_unknown_size_and_a_known_one_is_of_unknown_size)
+{
+    write_damaged();
+    const std::vector<uint64_t> at = block_offsets();
+    const std::string whole = bytes();
+    std::string broken = whole;
+    broken[at[2] + 100] ^= 1;
+    put_bytes(broken);
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_EQ(result_.lost_records_known, 1);
+    put_bytes(whole.substr(0, whole.size() - 100) + broken.substr(16));
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_EQ(result_.lost_records_known, 0);
+}
+
 TEST_F(recovery, marks_where_one_file_follows_another)
 {
     write_plausible(100);
