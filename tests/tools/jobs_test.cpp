@@ -127,6 +127,25 @@ TEST(jobs, any_number_gives_the_same_comparison_of_whole_traces)
     expect_equal_comparison(whole, folder.write("begun0", {trace.begin(), trace.begin() + 50000}));
 }
 
+// So many that no blocks are passed over any longer; then there are none.
+TEST(jobs, any_number_gives_the_same_comparison_of_traces_that_differ_everywhere)
+{
+    const Folder folder;
+    Trace trace = mixed_trace(150'000, 3);
+    const std::string whole = folder.write("trace0", trace);
+    size_t changes = 0;
+    for (size_t i = 1'000; i < 140'000; i += 2'000) {
+        changes += !trace[i].is_header;
+        trace[i].record.header.instruction ^= 1;
+    }
+    const std::string changed = folder.write("changed0", trace);
+    const auto compared = [&](const char *jobs) {
+        return qtrace({"diff", "--json", "--limit", "100", "--jobs", jobs, whole, changed}).out;
+    };
+    EXPECT_EQ(json::parse(compared("1"))["differences"].size(), changes);
+    EXPECT_TRUE(compared("2") == compared("1"));
+}
+
 TEST(jobs, any_number_gives_the_same_comparison_of_damaged_traces)
 {
     const Folder folder;
