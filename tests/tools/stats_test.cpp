@@ -138,6 +138,20 @@ TEST_F(Stats_On_Terminal, long_names_lose_their_beginning)
 }
 
 // The block in which the process changes is lost: those after it say which process runs.
+TEST(stats, string_instructions_are_those_that_can_be_and_those_with_a_length)
+{
+    const Folder folder;
+    const Item string{false, {}, "", plain_record(0x7c0004aa)}; // lswi, which moved nothing
+    Item other{false, {}, "", plain_record(0x60000000)};
+    other.record.header.control.fld.length_present = 1;
+    other.record.length = 5;
+    const std::string file =
+        folder.write("trace0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], string, other, string});
+    const json counts = columns({file}).at(0);
+    EXPECT_EQ(counts["strings"], 3);
+    EXPECT_EQ(counts["string_bytes"], 5);
+}
+
 TEST(stats_after_losses, instructions_belong_to_the_process_that_runs)
 {
     const Folder folder;
