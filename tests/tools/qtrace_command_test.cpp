@@ -787,3 +787,13 @@ TEST(instruction_kind, agrees_with_what_a_recorded_stream_says_of_its_instructio
     }
     EXPECT_EQ(commits, 2000u);
 }
+
+TEST(files_of_a_base_name, that_are_missing_are_named_by_their_first_and_last)
+{
+    const Folder folder;
+    for (const char *name : {"trace0", "trace2", "trace5", "trace9"})
+        folder.write(name, good_trace());
+    const std::string base = folder.path("trace");
+    EXPECT_THAT(qtrace({"info", base}).err, HasSubstr("missing in the row of numbers: " + base + "1, " + base +
+                                                      "3 to " + base + "4, " + base + "6 to " + base + "8\n"));
+}

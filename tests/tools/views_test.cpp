@@ -412,6 +412,23 @@ TEST(record_line, counts_registers_beyond_those_that_a_record_can_hold)
     EXPECT_EQ(json(0), "{\"a\":1,\"record\":0}\n");
 }
 
+TEST(record_line, has_a_member_of_value_0_where_its_flag_says_that_it_is_there)
+{
+    const Folder folder;
+    planted::Item item{false, {}, "", planted::plain_record(0x60000000)};
+    const auto line = [&] {
+        std::istringstream lines(
+            qtrace({"dump", folder.write("trace0", {planted::good_trace()[planted::FIRST_HEADER], item})}).out);
+        std::string last;
+        for (std::string next; std::getline(lines, next);)
+            last = next;
+        return last;
+    };
+    EXPECT_THAT(line(), testing::Not(testing::HasSubstr("length")));
+    item.record.header.control.fld.length_present = 1;
+    EXPECT_THAT(line(), testing::HasSubstr(" length 0"));
+}
+
 TEST(record_line, registers_alone_are_listed_in_words)
 {
     QTRACE_REGISTERS registers{};
