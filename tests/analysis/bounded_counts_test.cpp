@@ -411,7 +411,7 @@ TEST(touched_pages, do_not_depend_on_the_parts_in_which_a_trace_is_read)
 
 // ---- The most frequent keys ----------------------------------------------------------------------------
 
-// One key is met 20 times, three 10 times, as many as there is room for all but one twice, the others once.
+// One key is met 20 times, three 10 times, one fewer than there is room for twice, and the others once.
 TEST(frequent_keys, of_two_parts_together_give_up_what_the_first_one_without_room_has)
 {
     constexpr uint64_t CAPACITY = Frequent_Keys::CAPACITY;
