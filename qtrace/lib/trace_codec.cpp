@@ -332,7 +332,6 @@ template <class Item> void Encoder::pass_over(const Item &item)
     continuation_.follow(item);
     passed_over_ = true;
     sure_room_ = 0;
-    surely_common_ = false;
 }
 
 void Encoder::leave_out(const QTRACE_RECORD &record)
@@ -352,7 +351,6 @@ void Encoder::continue_at(const Position &place, const Open_Header &open)
     open_ = open;
     passed_over_ = true;
     sure_room_ = 0;
-    surely_common_ = false;
 }
 
 bool Encoder::has_room_for(const QTRACE_FILE_HDR &header) const

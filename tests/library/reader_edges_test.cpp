@@ -205,4 +205,38 @@ TEST_F(reader_edge, pointers_and_bookkeeping_in_a_file_do_not_reach_the_user)
     qtrace_close(reader);
 }
 
+TEST_F(reader_edge, inputs_are_expected_from_nothing_but_the_address)
+{
+    // Seven general registers that are read, by each kind of expectation but that of the register and the memory.
+    put_bytes(start() + block(payload_of({"", "\x44", "", "\x80\x04\x07\x01\x02\x03\x04\x05\x06\x07", "", "", "",
+                                          "\x01\x03\x04\x05\x06\x07\x08"}),
+                              [](auto &header) { header.records = 1; }));
+    const Contents contents = read();
+    EXPECT_TRUE(contents.damages.empty());
+    QTRACE_RECORD expected{};
+    expected.regs.num_gprs_in = 7;
+    for (uint16_t i = 0; i < 7; ++i)
+        expected.regs.gpr_in[i].index = static_cast<uint16_t>(i + 1);
+    ASSERT_EQ(contents.items.size(), 1u);
+    EXPECT_TRUE(contents.items[0].image == image_of(expected));
+}
+
+TEST_F(reader_edge, image_whose_later_runs_reach_beyond_the_record_is_damage)
+{
+    // A run of 100 bytes, then one byte at the last place of the record, or after it.
+    const std::string first = std::string("\0\x64", 2) + std::string(100, '\x01');
+    for (const bool fits : {true, false}) {
+        const std::string gap = fits ? "\x93\x16" : "\x94\x16"; // 2835 or 2836 of 2936 - 100
+        put_bytes(start() + block(payload_of({"", "\x80\x02", "", "", "", "", "", "", "",
+                                              first + gap + std::string("\1\1\0\0", 4)}),
+                                  [](auto &header) { header.records = 1; }));
+        EXPECT_EQ(read().damages.empty(), fits);
+    }
+    const std::string long_run = std::string("\0\x95\x16", 3) + std::string(2837, '\1'); // after 100 bytes
+    put_bytes(start() + block(payload_of({"", "\x80\x02", "", "", "", "", "", "", "",
+                                          first + long_run + std::string(2, '\0')}),
+                              [](auto &header) { header.records = 1; }));
+    EXPECT_FALSE(read().damages.empty());
+}
+
 } // namespace

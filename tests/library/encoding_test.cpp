@@ -1,0 +1,561 @@
+// What the writer makes of items, byte by byte: columns written by hand from docs/trace-format.md.
+#include "trace_file_fixture.h"
+
+#include <array>
+#include <initializer_list>
+#include <utility>
+
+namespace
+{
+
+using namespace std::string_literals;
+
+enum Column { OPEN, OP, WORD, SHAPE, NEXT, DATA, TRANSLATION, KIND, VALUE, EXTRA };
+using Columns = std::array<std::string, 10>;
+using Entries = std::vector<std::pair<uint16_t, uint64_t>>; // register numbers and values
+
+constexpr size_t FILE_START = 16, BLOCK_HEADER = 56;
+
+struct Made : QTRACE_RECORD {
+    explicit Made(uint32_t word) : QTRACE_RECORD{} { header.instruction = word; }
+    Made &in(const Entries &entries)
+    {
+        regs.num_gprs_in = put(regs.gpr_in, entries);
+        return *this;
+    }
+    Made &out(const Entries &entries)
+    {
+        regs.num_gprs_out = put(regs.gpr_out, entries);
+        return *this;
+    }
+    Made &data(uint64_t address)
+    {
+        header.control.fld.data_address_present = 1;
+        std::memcpy(data_ea, &address, sizeof address);
+        return *this;
+    }
+    Made &next(uint64_t address)
+    {
+        header.control.fld.next_instruction_EA_present = 1;
+        std::memcpy(next_instruction_ea, &address, sizeof address);
+        return *this;
+    }
+
+private:
+    static uint8_t put(QTRACE_REGISTER_INFO *to, const Entries &entries)
+    {
+        for (const auto &[number, value] : entries)
+            to->index = number, (to++)->value = value;
+        return static_cast<uint8_t>(entries.size());
+    }
+};
+
+// A 128-bit register that is written.
+Made vector_out(uint32_t word, uint16_t number, uint64_t first, uint64_t second)
+{
+    Made record(word);
+    record.regs.num_vsxrs_out = 1;
+    record.regs.vsxr_out[0] = {number, {first, second}};
+    return record;
+}
+
+class encoding : public trace_file
+{
+protected:
+    encoding() { setenv("QTRACE_COMPRESSION", "none", 1); }
+
+    Columns columns_of(const std::vector<Made> &records)
+    {
+        const QTRACE_FDESCR file = open();
+        for (const Made &record : records)
+            write(file, record);
+        QTRACE_Fclose(file);
+        return columns_at(FILE_START);
+    }
+    Columns columns_of(const QTRACE_FILE_HDR &header, const std::vector<Made> &records)
+    {
+        const QTRACE_FDESCR file = open();
+        write(file, header);
+        for (const Made &record : records)
+            write(file, record);
+        QTRACE_Fclose(file);
+        return columns_at(FILE_START);
+    }
+    // Of the block there.
+    Columns columns_at(uint64_t block) const
+    {
+        const std::string all = bytes();
+        Columns columns;
+        size_t size_at = block + BLOCK_HEADER, at = size_at + 4 * columns.size();
+        for (std::string &column : columns) {
+            const size_t size = number_at(all, size_at);
+            column = all.substr(at, size);
+            size_at += 4;
+            at += size;
+        }
+        return columns;
+    }
+    static uint32_t number_at(const std::string &all, size_t offset)
+    {
+        uint32_t number;
+        std::memcpy(&number, &all.at(offset), sizeof number);
+        return number;
+    }
+    // Raw size, records and headers of each block.
+    std::vector<std::array<uint32_t, 3>> blocks() const
+    {
+        const std::string all = bytes();
+        std::vector<std::array<uint32_t, 3>> blocks;
+        for (size_t at = FILE_START; at < all.size(); at += BLOCK_HEADER + number_at(all, at + 8))
+            blocks.push_back({number_at(all, at + 12), number_at(all, at + 16), number_at(all, at + 20)});
+        return blocks;
+    }
+};
+
+TEST_F(encoding, of_the_example_of_the_format_is_the_one_shown_there)
+{
+    QTRACE_FILE_HDR header{};
+    header.control.iar_is_present = header.control.comment_present = 1;
+    header.iar[1] = 0x10;
+    Made add(0x38630001), branch(0x4bfffffc), again(0x38630001);
+    add.header.control.fld.secondary_extender_present = add.header.control.fld.register_trace_present = 1;
+    add.header.control.fld.processor_present = 1;
+    add.in({{3, 5}}).out({{3, 6}});
+    auto &flags = branch.header.control.fld;
+    flags.secondary_extender_present = flags.next_instruction_RPN_present = flags.termination_present = 1;
+    flags.node_present = flags.iar_change_present = 1;
+    branch.next(0x1000);
+    branch.next_instruction_rpn[0] = 0x12;
+    branch.next_instruction_hRTW_num_level = 4;
+    branch.termination_code = QTRACE_UnconditionalBranchNode;
+    again.header.control.fld.secondary_extender_present = again.header.control.fld.register_trace_present = 1;
+    again.in({{3, 6}}).out({{3, 7}});
+    again.exception_code = 16;
+    const QTRACE_FDESCR file = open();
+    write(file, header, "LEMode:True");
+    for (const Made &record : {add, branch, again})
+        write(file, record);
+    QTRACE_Fclose(file);
+    const std::string expected =
+        "\x8aQTRACE\n\x01\0\0\0\xd0\x18\x20\xc7"
+        "\x8bQB\n\x01\x01\0\0\x89\0\0\0\x89\0\0\0\x03\0\0\0\x01\0\0\0"
+        "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\x57\x9b\xc2\x86\x55\xd1\x6e\xfb"
+        "\0\0\0\0\x07\0\0\0\x08\0\0\0\x23\0\0\0\x01\0\0\0\0\0\0\0\x0a\0\0\0\x03\0\0\0\x02\0\0\0\x1f\0\0\0"
+        "\x80\x01\x47\x9b\x08\x82\x02"
+        "\x01\0\x63\x38\xfc\xff\xff\x4b"
+        "\0\0\0\x01\0\x08\x10\0\0\x90\x04\x01\x01\x03\x03\x01\0\0\x01\0\x50\xe0\0\0\x04\x08\x02\0\0\x01\0\x08\0\0\0"
+        "\x07\x02\0\0\0\xa4\x80\x80\x80\x80\x01\x0a\x0a\x01\x05\x06"
+        "\0\x02\x02\x20\x17\x01\x10\xb6\x02\x01\x0b\0\0\x01LEMode:True\xab\x0a\x01\x10\0\0"s;
+    EXPECT_EQ(testing::PrintToString(bytes()), testing::PrintToString(expected));
+}
+
+// ---- Values -----------------------------------------------------------------------------------------------------
+
+// How the last output of some records is coded.
+struct Value_Row {
+    std::vector<Made> records;
+    char kind;
+    std::string bytes;
+};
+
+TEST_F(encoding, of_an_output_names_the_first_expectation_that_holds)
+{
+    constexpr uint64_t AT = 0x20000010; // of the data
+    const std::vector<Value_Row> rows = {
+        {{Made(7).out({{6, 0x77}}), Made(7).out({{6, 0x77}})}, 0, ""},
+        {{Made(7).in({{5, 0x1000}}).out({{6, 0x1005}}), Made(7).in({{5, 0x2000}}).out({{6, 0x2005}})}, 1, ""},
+        {{Made(7).out({{6, 0x77}}).data(AT), Made(8).out({{7, 0x77}}).data(AT)}, 2, ""},
+        {{Made(7).out({{6, 0x77}}), Made(7).in({{5, 9}}).out({{7, 0x77}})}, 3, ""},
+        {{Made(7).in({{4, 0x30}, {5, 0x50}}).out({{6, 0x80}})}, 4, ""},
+        {{Made(7).in({{4, 0x30}, {5, 0x50}}).out({{6, 0x20}})}, 5, ""},
+        {{Made(7).in({{4, 0x30}, {5, 0x50}}).out({{6, 0x10}})}, 6, ""},
+        {{Made(7).in({{4, 0x30}, {5, 0x50}}).out({{6, 0x70}})}, 7, ""},
+        {{Made(7).in({{4, 0x30}, {5, 0x50}}).out({{6, 0x60}})}, 8, ""},
+        // Zero, where nothing of the above is.
+        {{Made(7).in({{4, 3}, {5, 5}}).out({{6, 0x77}}).data(AT),
+          Made(7).in({{4, 3}, {5, 5}}).out({{6, 0}}).data(AT)},
+         9,
+         ""},
+        // The last two inputs of several; one input is the last one, and the one before it is zero.
+        {{Made(7).in({{3, 0x1000}, {4, 0x30}, {5, 0x50}}).out({{6, 0x10}})}, 6, ""},
+        {{Made(8).in({{5, 0x50}}).out({{6, 0x51}}), Made(8).in({{5, 0x60}}).out({{7, 0x60}})}, 4, ""},
+        {{Made(8).in({{5, 0x50}}).out({{6, 0x51}}).data(AT), Made(8).in({{5, 0x60}}).out({{6, 0}}).data(AT)},
+         6,
+         ""},
+        // A record without outputs leaves what the word's outputs are expected to be.
+        {{Made(7).out({{6, 0x77}}), Made(7), Made(7).in({{5, 9}}).out({{7, 0x77}})}, 3, ""},
+        // Without outputs the first entry of the last list that is read stays at the address.
+        {{Made(7).in({{4, 0x11}, {5, 0x22}}).data(AT), Made(8).out({{9, 0x11}}).data(AT)}, 2, ""},
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Columns columns = columns_of(rows[i].records);
+        EXPECT_EQ(columns[KIND].back(), rows[i].kind) << i;
+    }
+}
+
+TEST_F(encoding, of_an_output_without_expectation_has_as_few_bytes_as_can_be)
+{
+    constexpr uint64_t FAR = 0x1234567890;
+    const std::vector<Value_Row> rows = {
+        // By itself: kind 9 and the number of bytes.
+        {{Made(7).out({{6, 0x12}})}, 10, "\x12"},
+        {{Made(7).out({{6, 0xff}})}, 10, "\xff"},
+        {{Made(7).out({{6, 0x100}})}, 11, "\0\x01"s},
+        {{Made(7).out({{6, 0xffff}})}, 11, "\xff\xff"},
+        {{Made(7).out({{6, 0x10000}})}, 12, "\0\0\x01"s},
+        {{Made(7).out({{6, 0x1000000}})}, 13, "\0\0\0\x01"s},
+        {{Made(7).out({{6, 0x0807060504}})}, 14, "\x04\x05\x06\x07\x08"},
+        {{Made(7).out({{6, 0x800000000000}})}, 15, "\0\0\0\0\0\x80"s},
+        {{Made(7).out({{6, 0x80000000000000}})}, 16, "\0\0\0\0\0\0\x80"s},
+        {{Made(7).out({{6, uint64_t{1} << 63}})}, 17, "\0\0\0\0\0\0\0\x80"s},
+        // From the register's last value: 17 and the number of bytes.
+        {{Made(7).out({{6, ~uint64_t{0}}})}, 18, "\xff"},
+        {{Made(7).out({{6, FAR}}), Made(8).out({{6, FAR + 127}})}, 18, "\x7f"},
+        {{Made(7).out({{6, FAR}}), Made(8).out({{6, FAR + 128}})}, 19, "\x80\0"s},
+        {{Made(7).out({{6, FAR}}), Made(8).out({{6, FAR - 128}})}, 18, "\x80"},
+        {{Made(7).out({{6, FAR}}), Made(8).out({{6, FAR - 129}})}, 19, "\x7f\xff"},
+        {{Made(7).out({{6, FAR}}), Made(8).out({{6, FAR + 0x800000}})}, 21, "\0\0\x80\0"s},
+        // From the last input: 25 and the number of bytes.
+        {{Made(7).in({{5, FAR}}).out({{6, FAR + 5}})}, 26, "\x05"},
+        {{Made(7).in({{5, FAR}}).out({{6, FAR - 0x200}})}, 27, "\0\xfe"s},
+        {{Made(7).out({{6, 0x77}}), Made(7).in({{4, 0x3000000}, {5, 0x5000000}}).out({{7, 0x5000000}})}, 26, "\0"s},
+        // From the data address: 33 and the number of bytes.
+        {{Made(7).out({{6, FAR + 5}}).data(FAR)}, 34, "\x05"},
+        {{Made(7).out({{6, FAR + 0x8000}}).data(FAR)}, 36, "\0\x80\0"s},
+        // Of equally many bytes the earlier kind; fewer bytes before that.
+        {{Made(9).out({{6, 0x70}}), Made(7).out({{6, 0x7f}})}, 10, "\x7f"},
+        {{Made(9).out({{6, FAR}}), Made(7).in({{5, FAR + 1}}).out({{6, FAR + 5}}).data(FAR + 2)}, 18, "\x05"},
+        {{Made(9).out({{6, 1}}), Made(7).in({{5, FAR + 1}}).out({{6, FAR + 5}}).data(FAR + 2)}, 26, "\x04"},
+        {{Made(9).out({{6, FAR - 999}}), Made(7).in({{5, FAR + 999}}).out({{6, FAR}}).data(FAR + 2)}, 34, "\xfe"},
+        {{Made(9).out({{6, FAR - 999}}), Made(7).in({{5, FAR + 9}}).out({{6, FAR}}).data(FAR + 999)}, 26, "\xf7"},
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Columns columns = columns_of(rows[i].records);
+        EXPECT_EQ(columns[KIND].back(), rows[i].kind) << i;
+        EXPECT_TRUE(columns[VALUE].ends_with(rows[i].bytes)) << i << testing::PrintToString(columns[VALUE]);
+    }
+}
+
+TEST_F(encoding, of_inputs_begins_from_the_register_or_the_address_of_the_instruction)
+{
+    QTRACE_FILE_HDR header{};
+    header.control.iar_is_present = 1;
+    header.iar[1] = 0x10;
+    const Columns columns = columns_of(header, {Made(7).in({{3, 0x1010}, {4, 0x20}, {5, 0}}).data(0x5000),
+                                                Made(7).in({{3, 0x1010}, {4, 0x20}, {5, 0}}).data(0x5000),
+                                                Made(7).in({{3, 0x1010}, {4, 0x5001}, {5, 0x100}}).data(0x5000)});
+    // Zero is the value that the third register had; then none of the three changes; then two do.
+    EXPECT_EQ(columns[KIND], "\x22\x0a\0\0\x0b\x0b"s);
+    EXPECT_EQ(columns[VALUE], "\x10\x20\x01\x50\0\x01"s);
+    EXPECT_EQ(columns[OP], "\x80\x01\x67\x01\x61"s);
+}
+
+TEST_F(encoding, of_both_halves_of_a_vector_expects_what_was_at_either_place)
+{
+    constexpr uint64_t AT = 0x5000;
+    Made first = vector_out(7, 9, 0x1111, 0x2222), second = vector_out(8, 10, 0x1111, 0x2222),
+         third = vector_out(8, 10, 0x1111, 0x2223);
+    first.data(AT), second.data(AT), third.data(AT + 8);
+    const Columns columns = columns_of({first, second, third});
+    // The second half of the first stands at AT + 8, and is no expectation of the second half of the third.
+    EXPECT_EQ(columns[KIND], "\x0b\x0b\x02\x02\x00\x12"s);
+    EXPECT_EQ(columns[VALUE], "\x11\x11\x22\x22\x01");
+}
+
+TEST_F(encoding, of_a_vector_that_is_read_is_needed_when_either_half_changes)
+{
+    const auto read = [](uint64_t first, uint64_t second) {
+        Made record(7);
+        record.regs.num_vmxrs_in = 1;
+        record.regs.vmxr_in[0] = {4, {first, second}};
+        return record;
+    };
+    const Columns columns = columns_of({read(1, 2), read(1, 2), read(1, 3), read(4, 3)});
+    EXPECT_EQ(columns[OP], "\x45\x01\x41\x41");
+    EXPECT_EQ(columns[KIND], "\x0a\x0a\0\x0a\x0a\0"s);
+    EXPECT_EQ(columns[VALUE], "\x01\x02\x03\x04");
+}
+
+// ---- Addresses --------------------------------------------------------------------------------------------------
+
+TEST_F(encoding, of_a_data_address_begins_from_the_nearest_base_the_earlier_of_two)
+{
+    struct Row {
+        Entries in;
+        uint64_t address;
+        std::string bytes;
+    };
+    const std::vector<Row> rows = {
+        {{{4, 0x100}, {5, 0x5000}}, 0x5008, "\x00\x10"s}, // the last input
+        {{{4, 0x100}, {5, 0x5000}}, 0x4fff, "\x00\x01"s},
+        {{{4, 0x100}, {5, 0x5000}}, 0x5108, "\x01\x10"}, // the sum
+        {{{4, 0x100}, {5, 0x5000}}, 0x0008, "\x02\x10"}, // none
+        {{{4, 0x100}, {5, 0x5000}}, ~uint64_t{0}, "\x02\x01"},
+        {{{4, 0x010}, {5, 0x5000}}, 0x5008, "\x01\x0f"}, // as far on either side: the negative distance is shorter
+        {{{4, 0x010}, {5, 0x5000}}, 0x5007, "\x00\x0e"s},
+        {{{4, 0}, {5, 0x5000}}, 0x5008, "\x00\x10"s},
+        {{{5, 0x5000}}, 0x5040, "\x00\x80\x01"s},
+        {{}, 0x40, "\x00\x80\x01"s},
+        {{{4, 0x100}, {5, ~uint64_t{0xff}}}, 0x8, "\x01\x10"}, // the sum is zero
+        {{}, 0, ""},
+        {{{5, 0x5000}}, 0x5000, ""},
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Columns columns = columns_of({Made(7).in(rows[i].in).data(rows[i].address)});
+        EXPECT_EQ(columns[DATA], rows[i].bytes) << i;
+        EXPECT_EQ((columns[OP][0] & 0x20) != 0, !rows[i].bytes.empty()) << i;
+    }
+}
+
+TEST_F(encoding, of_a_data_address_expects_the_distance_that_the_word_had_last)
+{
+    const Columns columns = columns_of({Made(7).in({{4, 0x100}, {5, 0x5000}}).data(0x5108),
+                                        Made(7).in({{4, 0x200}, {5, 0x6000}}).data(0x6208),
+                                        Made(8).in({{4, 0x200}, {5, 0x6000}}).data(0x6208)});
+    EXPECT_EQ(columns[DATA], "\x01\x10\x01\x10");
+    EXPECT_EQ(columns[OP], "\x67\x41\x27");
+}
+
+TEST_F(encoding, of_a_next_address_is_the_distance_and_is_expected_where_it_was_before)
+{
+    const Columns columns =
+        columns_of({Made(7).next(0x40), Made(8).next(0), Made(7).next(0x40), Made(8).next(0x3c)});
+    EXPECT_EQ(columns[NEXT], "\x80\x01\x07");
+    EXPECT_EQ(columns[OP], "\x13\x03\x00\x10"s);
+}
+
+// Every word that differs from the last translation, unless the page had this one.
+TEST_F(encoding, of_a_translation_is_what_differs_from_the_last_one_of_the_same_side)
+{
+    const auto access = [](uint64_t address, uint8_t page, uint8_t depth) {
+        Made record(7);
+        record.data(address);
+        record.data_rpn[0] = page;
+        record.data_hRTW_depth = depth;
+        return record;
+    };
+    const auto jump = [](uint64_t address, uint8_t page, uint8_t depth) {
+        Made record(8);
+        record.next(address);
+        record.next_instruction_rpn[0] = page;
+        record.next_instruction_hRTW_depth = depth;
+        return record;
+    };
+    const Columns columns =
+        columns_of({access(0x5000, 9, 0), access(0x5ff8, 9, 0), access(0x6000, 8, 0), access(0x5000, 9, 0),
+                    jump(0x5000, 9, 0), jump(0x7000, 3, 0), jump(0x6000, 3, 0), access(0x6000, 3, 1)});
+    EXPECT_EQ(columns[TRANSLATION],
+              "\x02\0\0\0\x12"                                        // 9
+              "\x02\0\0\0\x01"                                        // 8
+              "\x02\0\0\0\x0b"                                        // 3, from the page's own on the other side
+              "\0\0\0\0"                                              // 3 again
+              "\x03\0\0\0\x80\x80\x80\x80\x80\x80\x80\x80\x02\x0b"s); // 3, from 9, and depth 1
+}
+
+// ---- Shapes -----------------------------------------------------------------------------------------------------
+
+TEST_F(encoding, of_control_words_numbers_them_in_the_order_of_their_first_use)
+{
+    const auto flagged = [](uint32_t word, unsigned bit) {
+        Made record(word);
+        const uint64_t control = uint64_t{1} << bit;
+        std::memcpy(&record.header.control, &control, sizeof control);
+        return record;
+    };
+    const Columns columns = columns_of(
+        {flagged(1, 16), flagged(2, 17), flagged(3, 16), flagged(4, 17), flagged(4, 17), flagged(5, 18)});
+    EXPECT_EQ(columns[SHAPE], "\0\0\0\x01\0\0\0\0\0"
+                              "\x01\0\0\x02\0\0\0\0\0"
+                              "\0\x01"
+                              "\x02\0\0\x04\0\0\0\0\0"s);
+    EXPECT_EQ(columns[OP], "\x03\x03\x03\x03\x01\x03");
+}
+
+TEST_F(encoding, of_more_than_255_control_words_repeats_those_beyond)
+{
+    const auto flagged = [](uint16_t number) {
+        Made record(1);
+        std::memcpy(&record.header.control.half_word[1], &number, sizeof number);
+        return record;
+    };
+    std::vector<Made> records;
+    std::string expected;
+    const auto add = [&](uint16_t number, uint8_t coded, bool with_word) {
+        records.push_back(flagged(number));
+        expected += static_cast<char>(coded);
+        if (with_word)
+            expected += {0, 0, static_cast<char>(number), static_cast<char>(number >> 8), 0, 0, 0, 0};
+    };
+    for (uint16_t number = 1; number <= 255; ++number)
+        add(number, static_cast<uint8_t>(number - 1), true);
+    add(256, 255, true);
+    add(257, 255, true);
+    add(256, 255, true);
+    add(255, 254, false);
+    add(1, 0, false);
+    const Columns columns = columns_of(records);
+    EXPECT_TRUE(columns[SHAPE] == expected) << columns[SHAPE].size() << " bytes, not " << expected.size();
+    EXPECT_TRUE(read().items == written_);
+}
+
+TEST_F(encoding, of_small_members_is_a_mask_and_those_that_are_not_zero)
+{
+    Made all(1), some(2);
+    all.node = 1, all.termination_node = 2, all.termination_code = 3, all.processor = 4, all.error_code = 5;
+    all.length = 0x607;
+    some.processor = 9;
+    EXPECT_EQ(columns_of({all})[SHAPE], "\x3f\x01\x02\x03\x04\x05\x07\x06");
+    const Columns columns = columns_of({some, some, Made(2)});
+    EXPECT_EQ(columns[SHAPE], "\x08\x09\0"s);
+    EXPECT_EQ(columns[OP], "\x09\x01\x09");
+}
+
+TEST_F(encoding, of_a_register_list_is_a_mask_the_counts_and_the_numbers)
+{
+    Made record(1);
+    QTRACE_REGISTERS &regs = record.regs;
+    regs.num_sprs_out = regs.num_vsxrs_out = regs.num_vmxrs_out = regs.num_fprs_out = regs.num_gprs_out = 1;
+    regs.num_sprs_in = regs.num_vsxrs_in = regs.num_vmxrs_in = regs.num_fprs_in = regs.num_gprs_in = 1;
+    regs.gpr_in[0].index = 1, regs.fpr_in[0].index = 2, regs.vmxr_in[0].index = 3, regs.vsxr_in[0].index = 4;
+    regs.spr_in[0].index = 0x80, regs.gpr_out[0].index = 6, regs.fpr_out[0].index = 7, regs.vmxr_out[0].index = 8;
+    regs.vsxr_out[0].index = 9, regs.spr_out[0].index = 0x3fff;
+    EXPECT_EQ(columns_of({record})[SHAPE],
+              "\xff\x07\1\1\1\1\1\1\1\1\1\1\x01\x02\x03\x04\x80\x01\x06\x07\x08\x09\xff\x7f");
+    Made two(1);
+    two.regs.num_fprs_in = 2;
+    EXPECT_EQ(columns_of({two})[SHAPE], "\x80\x02\x02\0\0"s);
+    Made out(1);
+    out.regs.num_fprs_out = 1;
+    EXPECT_EQ(columns_of({out})[SHAPE], "\x08\x01\0"s);
+}
+
+TEST_F(encoding, of_a_register_list_of_up_to_12_is_expected_again)
+{
+    for (const uint16_t count : std::initializer_list<uint16_t>{1, 2, 3, 11, 12, 13}) {
+        Entries entries;
+        for (uint16_t number = 0; number < count; ++number)
+            entries.emplace_back(number, 0);
+        const Columns columns = columns_of({Made(1).in(entries), Made(1).in(entries)});
+        EXPECT_EQ(columns[OP], count <= 12 ? "\x05\x01" : "\x05\x05") << count;
+        if (count == 1)
+            continue;
+        Entries other = entries;
+        other.back().first++;
+        EXPECT_EQ(columns_of({Made(1).in(entries), Made(1).in(other)})[OP], "\x05\x05") << count;
+    }
+    const Columns columns = columns_of({Made(1).in({{3, 0}}).out({{4, 0}}), Made(1).in({{3, 0}}).out({{5, 0}})});
+    EXPECT_EQ(columns[OP], "\x05\x05");
+}
+
+// ---- Images -----------------------------------------------------------------------------------------------------
+
+TEST_F(encoding, of_an_image_joins_runs_that_are_up_to_three_bytes_apart)
+{
+    Made near(0), far(0);
+    near.iar[0] = near.iar[4] = far.iar[0] = far.iar[5] = 1; // from byte 12 of the record on
+    EXPECT_EQ(columns_of({near})[EXTRA], "\x0c\x05\x01\0\0\0\x01\0\0"s);
+    EXPECT_EQ(columns_of({far})[EXTRA], "\x0c\x01\x01\x04\x01\x01\0\0"s);
+    EXPECT_EQ(columns_of({far})[OP], "\x80\x02");
+}
+
+TEST_F(encoding, of_a_header_is_its_image_and_its_comment)
+{
+    QTRACE_FILE_HDR header{};
+    header.magic = 0x01020304; // at byte 16
+    for (const auto &[comment, bytes] :
+         std::vector<std::pair<std::optional<std::string>, std::string>>{{std::nullopt, "\0"s},
+                                                                         {"", "\x01"},
+                                                                         {"ab", "\x01"
+                                                                                "ab"}}) {
+        const QTRACE_FDESCR file = open();
+        write(file, header, comment);
+        QTRACE_Fclose(file);
+        const std::string length = comment == "ab" ? "\xbc\x02\x01\x02" : ""; // at byte 336
+        EXPECT_EQ(columns_at(FILE_START)[EXTRA], "\x10\x04\x04\x03\x02\x01" + length + "\0\0"s + bytes);
+    }
+}
+
+// ---- Room -------------------------------------------------------------------------------------------------------
+
+// What a header with a comment takes besides that: the operation, the length after 336 zeros, the image's end, the
+// place of the comment.
+constexpr size_t HEADER_BYTES = 2 + 5 + 2 + 1;
+
+TEST_F(encoding, of_a_header_goes_into_a_block_that_has_512_bytes_more_than_its_comment)
+{
+    // What is left of 64 KiB after four headers, for one with a comment of 1000 bytes.
+    for (const size_t room : {1512, 1511}) {
+        const QTRACE_FDESCR file = open();
+        const size_t used = 65536 - 40 - room, comments = used - 5 * HEADER_BYTES;
+        for (const size_t size :
+             {size_t{15'000}, size_t{15'000}, size_t{15'000}, size_t{15'000}, comments - 60'000})
+            write(file, QTRACE_FILE_HDR{}, std::string(size, 'c'));
+        write(file, QTRACE_FILE_HDR{}, std::string(1000, 'c'));
+        QTRACE_Fclose(file);
+        ASSERT_EQ(blocks()[0][0] - (room == 1512 ? 1000 + HEADER_BYTES : 0), 65536 - room);
+        EXPECT_EQ(blocks().size(), room == 1512 ? 1u : 2u);
+    }
+}
+
+TEST_F(encoding, of_a_header_without_comment_needs_512_bytes)
+{
+    for (const size_t room : {512, 511}) {
+        const QTRACE_FDESCR file = open();
+        const size_t used = 65536 - 40 - room, comments = used - 5 * HEADER_BYTES;
+        for (const size_t size :
+             {size_t{15'000}, size_t{15'000}, size_t{15'000}, size_t{15'000}, comments - 60'000})
+            write(file, QTRACE_FILE_HDR{}, std::string(size, 'c'));
+        QTRACE_FILE_HDR silent{};
+        silent.comment_length = 3;
+        write(file, silent);
+        QTRACE_Fclose(file);
+        EXPECT_EQ(blocks().size(), room == 512 ? 1u : 2u);
+    }
+}
+
+TEST_F(encoding, of_a_record_goes_into_a_block_with_5120_bytes_left_or_2048_without_rare_members)
+{
+    Made rare(0);
+    rare.exception_code = 1;
+    for (const auto &[record, needed] : {std::pair{Made(0), size_t{2048}}, std::pair{rare, size_t{5120}}})
+        for (const size_t room : {needed, needed - 1}) {
+            const QTRACE_FDESCR file = open();
+            const size_t used = 65536 - 40 - room, comments = used - 5 * HEADER_BYTES;
+            for (const size_t size :
+                 {size_t{14'000}, size_t{14'000}, size_t{14'000}, size_t{14'000}, comments - 56'000})
+                write(file, QTRACE_FILE_HDR{}, std::string(size, 'c'));
+            write(file, record);
+            QTRACE_Fclose(file);
+            EXPECT_EQ(blocks().size(), room == needed ? 1u : 2u) << room;
+            EXPECT_EQ(blocks()[0][1], room == needed ? 1u : 0u) << room;
+        }
+}
+
+// ---- From block to block ----------------------------------------------------------------------------------------
+
+// Nothing that was remembered in a block is expected in the next one, by the writer or by the reader.
+TEST_F(encoding, begins_anew_in_every_block)
+{
+    const auto access = [](uint64_t address, uint8_t page) {
+        Made record(7);
+        record.data(address);
+        record.data_rpn[0] = page;
+        return record;
+    };
+    const QTRACE_FDESCR file = open();
+    const auto begin_block = [&] { write(file, QTRACE_FILE_HDR{}, std::string(16'385, 'c')); };
+    for (const std::vector<Made> &records : {std::vector<Made>{access(0x5000, 9), Made(7)},
+                                             {access(0x5000, 8), Made(7)},
+                                             {access(0x5000, 9), access(0x6000, 8), access(0x5000, 9)},
+                                             {access(0x5000, 0), Made(7)},
+                                             {access(0x6000, 8), Made(7), access(0x6000, 8)}}) {
+        begin_block();
+        for (const Made &record : records)
+            write(file, record);
+    }
+    QTRACE_Fclose(file);
+    EXPECT_TRUE(read().items == written_);
+    EXPECT_EQ(blocks().size(), 10u) << "each with its comment";
+}
+
+} // namespace
