@@ -4,7 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
-#if defined(__x86_64__)
+#if defined(QT_AVX2)
 #include <immintrin.h>
 #endif
 
@@ -20,7 +20,7 @@ bool compare_anywhere(const QTRACE_RECORD &a, const QTRACE_RECORD &b)
     return std::memcmp(&a, &b, COMPARED) == 0;
 }
 
-#if defined(__x86_64__)
+#if defined(QT_AVX2)
 constexpr size_t WIDE = sizeof(__m256i);
 
 [[gnu::target("avx2")]] inline __m256i difference_at(const uint8_t *a, const uint8_t *b, size_t offset)

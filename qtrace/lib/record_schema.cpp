@@ -2,7 +2,7 @@
 #include "record_rows.h"
 
 #include <type_traits>
-#if defined(__x86_64__)
+#if defined(QT_AVX2)
 #include <immintrin.h>
 #endif
 
@@ -205,7 +205,7 @@ static Member_Set search_anywhere(const QTRACE_RECORD &record)
     return members;
 }
 
-#if defined(__x86_64__)
+#if defined(QT_AVX2)
 [[gnu::target("avx2")]] static inline __m256i wide_at(const uint8_t *bytes)
 {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(bytes));

@@ -4,7 +4,7 @@
 
 #include <bit>
 #include <utility>
-#if defined(__x86_64__)
+#if defined(QT_AVX2)
 #include <immintrin.h>
 #endif
 
@@ -318,7 +318,7 @@ bool search_anywhere(const QTRACE_RECORD &record)
     return any_of(search(record)) != 0;
 }
 
-#if defined(__x86_64__)
+#if defined(QT_AVX2)
 [[gnu::target("avx2")]] bool search_with_avx2(const QTRACE_RECORD &record)
 {
     const Sums sums = search(record);

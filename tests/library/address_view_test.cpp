@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
+#include <utility>
 
 using namespace trace;
 
@@ -80,6 +82,26 @@ TEST(address_view, knows_the_pairs_that_modes_have_and_no_others)
     for (unsigned index = 0; index < PAIRS.size(); index++) {
         const auto has_pair = [&](const Expected &mode) { return 4 * mode.guest + mode.host == index; };
         EXPECT_EQ(PAIRS[index].exists, std::ranges::any_of(EXPECTED, has_pair)) << index / 4 << " on " << index % 4;
+    }
+}
+
+TEST(address_view, knows_what_the_translations_of_a_pair_carry)
+{
+    // V: VSID, R: page number, P: page size, G: guest's page size; then the walk.
+    const char *const carried[] = {
+        "RPG nested", "none",      "none", "none", // guest radix, on radix, hpt, real, none
+        "none",       "VRPG none", "none", "none", // guest hpt
+        "none",       "VRP none",  "none", "none", // guest real
+        "RP single",  "VRP none",  "none", "none"};
+    const char *const walks[] = {"none", "single", "nested"};
+    for (unsigned index = 0; index < 16; index++) {
+        std::string shown;
+        for (const auto &[bit, letter] : {std::pair{1, 'V'}, {2, 'R'}, {4, 'P'}, {8, 'G'}})
+            if ((PAIRS[index].pieces & bit) != 0)
+                shown += letter;
+        shown += shown.empty() ? "" : " ";
+        EXPECT_EQ(shown + walks[static_cast<unsigned>(PAIRS[index].walk)], carried[index]) << index;
+        EXPECT_LT(PAIRS[index].pieces, 16) << index;
     }
 }
 

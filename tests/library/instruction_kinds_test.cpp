@@ -1,4 +1,5 @@
 // The kinds of records, by instruction words of recorded programs; what each does was told by its mnemonic.
+#include "instruction_word.h"
 #include "qtrace_reader.h"
 
 #include <gtest/gtest.h>
@@ -194,6 +195,35 @@ TEST(instruction_kinds, compare_the_next_address_with_the_target_in_the_word)
         EXPECT_EQ(qtrace_kinds(&taken), B | TAKEN) << std::hex << word;
         EXPECT_EQ(qtrace_kinds(&other), B) << std::hex << word;
     }
+}
+
+TEST(instruction_kinds, tell_where_a_direct_branch_goes)
+{
+    const std::pair<uint32_t, uint64_t> targets[] = {
+        {0x4bfffffc, 0x0ffc},             // b .-4
+        {0x48000009, 0x1008},             // bl .+8
+        {0x49fffffc, 0x2000ffc},          // b .+33554428
+        {0x4a000000, 0xfffffffffe001000}, // b .-33554432
+        {0x48000102, 0x0100},             // ba 0x100
+        {0x4bffffff, 0xfffffffffffffffc}, // bla -4
+        {0x4182fffd, 0x0ffc},             // beql .-4
+        {0x4182fffe, 0xfffffffffffffffc}, // beqa -4
+    };
+    for (const auto &[word, target] : targets)
+        EXPECT_EQ(trace::direct_target(word, 0x1000), target) << std::hex << word;
+}
+
+TEST(instruction_kinds, tell_direct_branches_and_returns_from_others)
+{
+    for (uint32_t opcode = 0; opcode < 64; opcode++)
+        EXPECT_EQ(trace::is_direct_branch(opcode << 26 | 0x3ffffff), opcode == 16 || opcode == 18) << opcode;
+    const uint32_t returns[] = {18, 82, 146, 274, 306};
+    for (uint32_t extended = 0; extended < 1024; extended++) {
+        const bool listed = std::ranges::find(returns, extended) != std::end(returns);
+        EXPECT_EQ(trace::is_interrupt_return(extended), listed) << extended;
+    }
+    EXPECT_EQ(trace::extended_opcode(0xffffffff), 0x3ffu);
+    EXPECT_EQ(trace::extended_opcode(0xfffff801), 0u);
 }
 
 TEST(instruction_kinds, take_a_branch_whose_condition_says_always_for_taken_wherever_it_went)
