@@ -61,9 +61,10 @@ Session_Files::~Session_Files()
 
 void Session_Files::protect(const std::string &file, const std::string &role)
 {
+    const std::string name = file == "-" ? "/dev/stdin" : file;
     struct stat info;
-    if (file == "-" ? fstat(STDIN_FILENO, &info) == 0 && S_ISREG(info.st_mode) : stat(file.c_str(), &info) == 0)
-        protected_[identity_of(file == "-" ? "/dev/stdin" : file)] = role;
+    if (stat(name.c_str(), &info) == 0)
+        protected_[identity_of(name)] = role;
 }
 
 // Devices and pipes are no place where something could be lost, and have no identity.

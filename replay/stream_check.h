@@ -18,8 +18,8 @@ namespace replay
 std::vector<std::string_view> keys_of_mode(uint32_t mode, bool two_level);
 
 struct Check_Result {
-    uint64_t findings = 0;
-    bool complete = false; // the stream was read to its end
+    uint64_t findings;
+    bool complete; // the stream was read to its end
 };
 
 // Reads `events` to the end. Every finding is a line "NAME: line N: thread T: ..." on `out`, at most ten of a kind, then

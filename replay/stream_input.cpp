@@ -35,7 +35,6 @@ struct Byte_Source::Decompressor {
     std::vector<char> stored = std::vector<char>(STORED_AT_ONCE);
     ZSTD_inBuffer in{stored.data(), 0, 0};
     size_t expected = 0; // 0: between frames
-    bool at_end = false;
 
     Decompressor() = default;
     Decompressor(const Decompressor &) = delete;

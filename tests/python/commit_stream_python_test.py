@@ -2,11 +2,14 @@
 import contextlib
 import io
 import json
+import os
 import re
+from unittest import mock
 
 import traced_streams
 from traced_streams import ROOT, InFolder
 
+import zstandard
 from qtrace import commit_stream
 
 HEADER = (ROOT / "include/commit_stream_writer.h").read_text()
@@ -143,6 +146,14 @@ class Commit_Stream(InFolder):
             for value in wrong:
                 self.assert_refused(key, commit(key, value))
 
+    def test_words_are_written_as_they_are_and_unknown_ones_refused(self):
+        [line] = self.write(lambda out: out.commit(0, **PLAIN, flags=["taken", "branch"]))
+        self.assertEqual(json.loads(line)["is"], ["taken", "branch"])
+        [line] = self.write(lambda out: out.context(0, pages=["16G", "4K"], guest_pages=["undefined"]))
+        self.assertEqual((json.loads(line)["pages"], json.loads(line)["guest_pages"]), (["16G", "4K"], ["undefined"]))
+        self.assert_refused("^flags: no such word: loads$", lambda out: out.commit(0, **PLAIN, flags=["load", "loads"]))
+        self.assert_refused("^pages: no such word: 3K$", lambda out: out.context(0, pages=["3K", "4K"]))
+
     def test_registers_have_their_most_and_their_words(self):
         classes = {name: (int(most), int(words)) for name, _, most, words in rows("COMMIT_STREAM_REGISTER_CLASSES")}
         self.assertEqual(list(classes), ["gpr", "fpr", "spr", "vmx", "vsx"])
@@ -154,6 +165,21 @@ class Commit_Stream(InFolder):
                 self.assert_refused(f"^{name}: ", lambda out: out.commit(0, **PLAIN, outputs={name: wrong}))
 
     # ---- Where it goes ----
+
+    def test_compressed_streams_are_whole_or_an_error(self):
+        path = self.folder / "stream.jsonl.zst"
+        with commit_stream.Writer(str(path), processors=1, threads=1) as out:
+            out.pre(0)
+        with zstandard.ZstdDecompressor().stream_reader(path.read_bytes()) as lines:
+            self.assertEqual(lines.read().splitlines()[1:], [b'{"t":"pre","tid":0}'])
+        failing = self.folder / "programs/zstd"
+        failing.parent.mkdir()
+        failing.write_text("#!/bin/sh\ncat > /dev/null\nexit 1\n")
+        failing.chmod(0o755)
+        with mock.patch.dict(os.environ, PATH=f"{failing.parent}:{os.environ['PATH']}"):
+            out = commit_stream.Writer(str(path), processors=1, threads=1)
+        with self.assertRaisesRegex(OSError, "^zstd failed$"):
+            out.close()
 
     def test_standard_output_stays_open(self):
         class Output:

@@ -115,6 +115,24 @@ TEST_F(With_A_Plugin, status_names_it_and_has_no_tables_of_a_plugin_without_them
     EXPECT_THAT(out.str(), EndsWith("\nplugin    " + copy + ", session closed\n"));
 }
 
+TEST_F(With_A_Plugin, status_lists_paused_threads_of_the_machine_alone)
+{
+    ASSERT_TRUE(execute("plugin load " + copy));
+    ASSERT_TRUE(execute("plugin signal copy.so pause"));
+    EXPECT_TRUE(execute("status"));
+    EXPECT_THAT(out.str(), EndsWith(", session closed\npaused    threads 0\n"));
+}
+
+TEST_F(With_A_Plugin, unloading_leaves_no_session)
+{
+    EXPECT_FALSE(player->session_open());
+    ASSERT_TRUE(execute("plugin load " + copy));
+    Kelvo_QTrace_Plugin_Start();
+    EXPECT_TRUE(player->session_open());
+    EXPECT_TRUE(execute("plugin unload"));
+    EXPECT_FALSE(player->session_open());
+}
+
 TEST_F(With_A_Plugin, completion_offers_its_name_where_the_typed_word_may_become_that)
 {
     bool wants_file = false;

@@ -371,8 +371,9 @@ TEST_F(Commands, completion_of_whole_words_and_of_what_is_no_command)
     EXPECT_THAT(complete("plugin load"), ElementsAre("load"));
     EXPECT_THAT(complete("pluginx "), IsEmpty());
     EXPECT_FALSE(wants_file);
-    for (const char *line : {"run x", "plugin unload ", "status ", "quit ", "plugin load x ", "pluginx load ",
-                             "pluginx signal p.so st", "plugin load p.so st", "#", "  # plugin signal p.so "}) {
+    for (const char *line :
+         {"run x", "plugin unload ", "status ", "quit ", "plugin load x ", "pluginx load ", "help help ",
+          "pluginx signal p.so st", "plugin load p.so st", "#", "  # plugin signal p.so "}) {
         EXPECT_THAT(complete(line), IsEmpty()) << line;
         EXPECT_FALSE(wants_file) << line;
     }

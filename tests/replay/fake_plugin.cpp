@@ -12,6 +12,10 @@ const char *EventNames[] = {"Event_Instruction_PreExecution", "Event_Instruction
                             nullptr};
 #endif
 
+// As the trace plugin has it: null, or a flag for each thread. There are more than a test's machine has threads.
+boolean every_thread[] = {1, 1, 1, 1};
+boolean *paused = nullptr;
+
 void *plugin_init(int argc, char **argv, void *client_data)
 {
     SIM_PRINT("init %d %s %u\n", argc, argv[0], select_machine(client_data)->threads_per_processor);
@@ -28,6 +32,8 @@ void plugin_signal(int argc, char **argv)
     for (int i = 0; i < argc; ++i)
         SIM_PRINT(" [%s]", argv[i]);
     SIM_PRINT("\n");
+    if (argc > 1 && StrCaseEqual(argv[1], "pause"))
+        paused = every_thread;
     for (int i = 1; i < argc && StrCaseEqual(argv[1], "warn"); ++i) // once for each word
         sim_do_warning(2, "as you wish");
 }

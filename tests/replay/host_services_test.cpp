@@ -117,6 +117,13 @@ TEST_F(Host_Services, machine_has_one_thread_and_nothing_else_unless_it_is_given
     EXPECT_EQ(shape.memory, 0u);
 }
 
+TEST(New_Host, has_no_threads_and_no_time)
+{
+    const Host fresh;
+    EXPECT_EQ(fresh.thread_count(), 0);
+    EXPECT_EQ(fresh.raw_time(), 0u);
+}
+
 TEST_F(Host_Services, reset_forgets_threads_and_time)
 {
     host().set_context(7, with_ids(5, 6));

@@ -217,8 +217,14 @@ TEST_F(Loading, warm_file_that_cannot_be_written_is_an_error_of_the_host)
 TEST_F(Loading, warm_file_on_a_full_disk_is_an_error_of_the_host)
 {
     Player player(write_stream("{\"t\":\"machine\",\"processors\":64,\"threads\":64}\n"));
+    int level = -1;
+    host().set_console([&](const Console_Message &message) {
+        said += description_of(message);
+        level = message.level;
+    });
     warm_dump("/dev/full", currentMachine);
-    EXPECT_EQ(said, "/dev/full: No space left on device");
+    EXPECT_EQ(said, "error (replay:0): /dev/full: No space left on device\n");
+    EXPECT_EQ(level, 0);
 }
 
 TEST_F(Loading, warm_file_has_machine_and_contexts_byte_for_byte)

@@ -38,6 +38,13 @@ struct Reading_Ahead : testing::Test {
         ASSERT_EQ(write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
 
+    // Of this process.
+    static size_t threads()
+    {
+        return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                                 std::filesystem::directory_iterator()));
+    }
+
     std::thread stop_soon()
     {
         return std::thread([this] {
@@ -150,6 +157,21 @@ TEST_F(Reading_Ahead, stopped_waiting_is_continued_without_a_loss)
     close(writer);
 }
 
+TEST_F(Reading_Ahead, has_a_thread_of_its_own_as_long_as_there_is_something_to_read)
+{
+    const size_t before = threads();
+    const int writer = make_fifo();
+    put(writer, MACHINE);
+    Read_Ahead ahead(file, stop);
+    ASSERT_NE(ahead.next(), nullptr);
+    EXPECT_EQ(threads(), before + 1);
+    close(writer);
+    EXPECT_EQ(ahead.next(), nullptr);
+    for (int tries = 0; threads() > before && tries < 1000; ++tries)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(threads(), before);
+}
+
 TEST_F(Reading_Ahead, request_while_nobody_asks_is_no_end)
 {
     const int writer = make_fifo();
@@ -175,6 +197,7 @@ TEST_F(Reading_Ahead, is_left_while_it_waits)
     EXPECT_FALSE(stop.requested());
     {
         Read_Ahead never_asked(file, stop);
+        EXPECT_EQ(never_asked.line_number() + never_asked.bytes_used(), 0u);
     }
     close(writer);
 }

@@ -6,6 +6,7 @@ import json
 import os
 import pathlib
 import pty
+import re
 import resource
 import select
 import signal
@@ -96,6 +97,21 @@ class command_line(Replay_Test):
         self.assertEqual((code, err), (0, ""))
         self.assertTrue(out.startswith("stream    -\nposition  line 1\nevents    0 "), out)  # of a pipe no part is known
         self.assertEqual(self.run_replay("--check", "-", stdin=None, input=stream(commits=0))[0], 0)
+
+    def test_progress_is_shown_where_output_and_errors_are_a_terminal(self):
+        terminal, other = pty.openpty()
+        self.addCleanup(os.close, terminal)
+        script = self.script("run", load=None)
+        note = f"{script}:1: note: 20 events delivered to the end of the stream while no session was open\n"
+        for streams in ({"stdout": other, "stderr": subprocess.PIPE}, {"stdout": subprocess.PIPE, "stderr": other}):
+            code, out, err = self.run_replay(self.stream, script, capture_output=False, **streams)
+            self.assertEqual((code, out or "", err or note), (0, "", note))
+        os.close(other)
+        self.assertEqual(os.read(terminal, 65536).decode(), note.replace("\n", "\r\n"))
+
+    def test_lack_of_descriptors_is_an_error(self):
+        done = self.run_replay(self.stream, "script", preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (16, 16)))
+        self.assertEqual(done, (1, "", "replay: script: cannot be read: No such file or directory\n"))
 
     def test_script_ends_at_its_first_failure_when_asked_to(self):
         script = self.script("run x", "status", load=None)
@@ -620,6 +636,38 @@ class terminal(Replay_Test):
         console.type("\x15")
         self.quit(console)
 
+    def test_completion_rings_where_there_is_nothing_to_complete_alone(self):
+        console = self.start()
+        console.type("sta\t")
+        self.assertNotIn("\a", console.expect("tus "))
+        console.type("x\t")
+        console.expect("\a")
+        console.type("\x15")
+        self.quit(console)
+
+    def test_empty_line_does_nothing(self):
+        console = self.start()
+        console.type("\n\n")
+        self.assertRegex(console.expect("replay> "), r"^[\r\n]*replay> $")
+        console.type("status\n")
+        console.expect("0 delivered")
+        self.quit(console)
+
+    def test_commands_may_be_said_to_come_from_the_terminal(self):
+        console = Terminal([self.stream, "-"], self.folder)
+        self.quit(console)
+
+    def test_terminal_that_goes_away_ends_it(self):
+        terminal, other = pty.openpty()
+        process = subprocess.Popen([REPLAY, self.stream], cwd=self.folder, stdin=other, stdout=other, stderr=other,
+                                   start_new_session=True, env=os.environ | {"HOME": str(self.folder), "TERM": "vt100"})
+        os.close(other)
+        shown = b""
+        while b"replay> " not in shown:
+            shown += os.read(terminal, 65536)
+        os.close(terminal)
+        self.assertEqual(process.wait(timeout=SECONDS), 0)
+
     def test_letters_of_several_bytes_and_bytes_that_are_no_letter(self):
         console = self.start()
         console.type(f'plugin load "{FAKE}"\n')
@@ -651,9 +699,31 @@ class terminal(Replay_Test):
         console.type("\x03")
         console.expect("interrupted after event 20")
         console.expect("replay> ")
+        time.sleep(0.1)
+        before = self.waits_of(console.process)
+        time.sleep(0.1)
+        self.assertLess(self.waits_of(console.process) - before, 5)  # nothing interrupts the wait for a line any more
         console.type("quit\n")
         self.assertEqual(console.end(), 0)
         os.close(writer)
+
+    @staticmethod
+    def waits_of(process):
+        """How often it has given up its processor to wait."""
+        status = pathlib.Path(f"/proc/{process}/status").read_text()
+        return int(status.split("\nvoluntary_ctxt_switches:")[1].split()[0])
+
+    def test_output_of_a_plugin_is_alone_where_no_progress_is_shown(self):
+        self.stream.write_text(stream(threads=1, commits=2))
+        console = self.start()
+        console.type(f'plugin load "{FAKE}"\n')
+        console.expect("replay> ")
+        for number in (1, 2):
+            console.type("run 1\n")
+            self.assertTrue(console.expect(f"commit 0 {number} ").endswith(f"\ncommit 0 {number} "))
+            console.expect("thousand/s")
+            console.expect("replay> ")
+        self.quit(console)
 
     def test_output_of_a_plugin_clears_the_progress_line_before_it(self):
         self.stream.write_text(stream(threads=1, commits=20_000))
@@ -662,15 +732,19 @@ class terminal(Replay_Test):
         writer = os.open(self.folder / "fifo", os.O_RDWR)
         os.write(writer, lines[0].encode())
         console = self.start("fifo")
+        began = time.monotonic()
         console.type(f'plugin load "{FAKE}"\nrun\n')
         feed = threading.Thread(target=self.feed_slowly, args=(writer, lines[1:]), daemon=True)
         feed.start()
         console.expect("thousand/s\x1b[K")
         console.expect("\r\x1b[Kcommit 0 ")
+        console.expect("\ncommit 0 ")  # there is nothing more to clear
         console.expect("commit 0 20000 ")
         feed.join()
         console.type("\x03")
-        console.expect("replay> ")
+        [rate] = re.findall(r"\r20000 events, (\d+) thousand/s\x1b\[K\r\n", console.expect("replay> "))
+        self.assertLessEqual(20 / (time.monotonic() - began) - 1, int(rate))
+        self.assertLess(int(rate), 100_000)  # nothing is that fast
         console.type("quit\n")
         self.assertEqual(console.end(), 0)
         os.close(writer)

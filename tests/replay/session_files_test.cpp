@@ -4,10 +4,12 @@
 
 #include "host.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -63,6 +65,18 @@ struct Files_Of_A_Session : testing::Test {
     Session_Files files;
 };
 
+// No file or socket can be opened as long as one lives.
+struct No_More_Descriptors {
+    rlimit before{};
+    No_More_Descriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit none{0, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~No_More_Descriptors() { setrlimit(RLIMIT_NOFILE, &before); }
+};
+
 size_t open_descriptors()
 {
     return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
@@ -104,6 +118,8 @@ TEST_F(Files_Of_A_Session, later_pair_replaces_an_earlier_one)
     EXPECT_EQ(start({"/t", "/c", "word", "/d"}), ""); // no pairs
     EXPECT_EQ(start({"/t", "txt"}), "");
     EXPECT_EQ(start({"/t", "pt", "/c"}), "");
+    EXPECT_EQ(start({"/t", "tx", "/c"}), "");
+    EXPECT_EQ(start({"txt", "/c"}), ""); // the first word is the trace's name, whatever it is
     EXPECT_EQ(start({"/t", "txt", "/x", "/c", "pte"}), "");
 }
 
@@ -153,6 +169,51 @@ TEST_F(Files_Of_A_Session, one_host_at_a_time_writes_files_of_a_name)
     files.release();
     EXPECT_EQ(start({"/t", "txt", "/x"}, others), "");
     EXPECT_EQ(start({"/t"}), taken("t0"));
+}
+
+TEST_F(Files_Of_A_Session, lock_may_have_any_descriptor)
+{
+    Session_Files others;
+    const int kept = dup(STDIN_FILENO);
+    close(STDIN_FILENO); // number 0 is the next one
+    const std::string first = start({"/t"});
+    const int lock = dup2(STDIN_FILENO, STDIN_FILENO);
+    const std::string refused_to_others = start({"/t"}, others);
+    files.release();
+    const int released = dup2(STDIN_FILENO, STDIN_FILENO);
+    dup2(kept, STDIN_FILENO);
+    close(kept);
+    EXPECT_EQ(first, "");
+    EXPECT_EQ(lock, STDIN_FILENO);
+    EXPECT_EQ(refused_to_others, taken("t0"));
+    EXPECT_EQ(released, -1);
+}
+
+TEST_F(Files_Of_A_Session, refused_lock_gives_back_any_descriptor)
+{
+    Session_Files others;
+    EXPECT_EQ(start({"/t"}), "");
+    const int kept = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    const std::string refusal = start({"/t"}, others);
+    const int given_back = dup2(STDIN_FILENO, STDIN_FILENO);
+    dup2(kept, STDIN_FILENO);
+    close(kept);
+    EXPECT_EQ(refusal, taken("t0"));
+    EXPECT_EQ(given_back, -1);
+}
+
+TEST_F(Files_Of_A_Session, what_cannot_be_locked_is_left_to_the_plugin)
+{
+    const No_More_Descriptors none;
+    EXPECT_EQ(start({"/t"}), "");
+}
+
+TEST_F(Files_Of_A_Session, error_of_a_call_before_is_none_of_the_lock)
+{
+    create("t0");
+    errno = EADDRINUSE;
+    EXPECT_EQ(start({"/t"}), "");
 }
 
 TEST_F(Files_Of_A_Session, same_name_in_another_folder_is_another_file)

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using replay::shared_object_problem;
@@ -99,6 +100,18 @@ TEST_F(Shared_Objects, are_told_by_their_header_and_other_files_left_to_the_load
     header = header_of(4);
     header.e_ident[0] = 'x';
     EXPECT_EQ(problem_of(bytes_of(header)), "");
+}
+
+TEST_F(Shared_Objects, that_cannot_be_opened_are_left_to_the_loader)
+{
+    std::ofstream(file).close();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const std::string problem = shared_object_problem(file);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(problem, "");
 }
 
 TEST_F(Shared_Objects, are_regular_files)

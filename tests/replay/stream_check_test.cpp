@@ -78,6 +78,18 @@ TEST(stream_check, stream_in_order_has_no_findings_and_is_summarized)
                            "findings   0\n");
 }
 
+TEST(stream_check, loads_stores_and_cache_instructions_access_data)
+{
+    const std::string ra = R"("mode":11,"ra":8})";
+    const Report report = report_of(
+        commit(1, R"("is":["load"],"data":{"ea":8,)" + ra) + commit(2, R"("is":["store"],"data":{"ea":8,)" + ra) +
+        commit(3, R"("is":["cache"],"data":{"ea":8,)" + ra) + commit(4, R"("is":["string"],"data":{)" + ra));
+    EXPECT_EQ(report.result.findings, 0u) << report.text;
+    EXPECT_THAT(report.text, HasSubstr("data       mode 11: 3\n"));
+    EXPECT_THAT(report.text,
+                HasSubstr("s: note: data.ra is not read without a data access: 1 time, first in line 6\n"));
+}
+
 TEST(stream_check, each_rule_names_line_and_thread)
 {
     const std::string first = commit(2, "");
@@ -167,6 +179,7 @@ TEST(stream_check, right_commits_of_every_flag_have_no_findings)
              R"("is":["vmx"])",
              R"("is":["vsx"])",
              R"("fetch":{"mode":25,"host_walk":[[0,0,0,8]]})",
+             R"("fetch":{"mode":25,"host_walk":[[0,0,0,8]],"host_ra":[8,8,8,8]})",
              R"("fetch":{"mode":25,"status":1,"host_walk":[[0,0,0,4],[0,0,0,8]]})",
              R"("fetch":{"mode":19,"host_rpn":3,"status":1})",
              R"("fetch":{"mode":19,"host_rpn":3,"rpn":1})",
@@ -249,6 +262,8 @@ TEST(stream_check, interrupts_go_to_the_beginning_of_some_64_kib)
         EXPECT_EQ(findings_at(entry), 0u) << entry;
     for (const char *other : {"0xfc", "0x6000", "0x16000", "0x100fc", "0x0"})
         EXPECT_EQ(findings_at(other), 1u) << other;
+    EXPECT_EQ(findings_at("0xff"), 2u); // that it is no multiple of 4 is the other one
+    EXPECT_EQ(findings_at("0x5fff"), 1u);
     EXPECT_EQ(report_of(commit(1, "") + R"({"t":"commit","seq":2,"pc":"0x9000","is":["exception"]})" + "\n")
                   .result.findings,
               0u);

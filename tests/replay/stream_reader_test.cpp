@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -16,7 +18,10 @@
 #include <map>
 #include <sstream>
 #include <string_view>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 #include <zstd.h>
 
 using namespace replay;
@@ -191,6 +196,14 @@ TEST(stream_keys, numbers_of_one_and_two_digits_are_read)
         const One_Event event(R"({"t":"commit","string_length":)" + std::to_string(number) + "}");
         EXPECT_EQ(event->instruction.string_length, number);
     }
+}
+
+TEST(stream_keys, zero_may_have_a_sign_and_stand_for_false)
+{
+    const One_Event event(R"({"t":"context","tid":-0,"lpid":-0,"kernel":0})");
+    EXPECT_EQ(event->instruction.tid, 0);
+    EXPECT_EQ(event->context.lpid, 0u);
+    EXPECT_FALSE(event->context.kernel);
 }
 
 TEST(stream_keys, commit_keys_answer_their_queries)
@@ -416,6 +429,26 @@ TEST(stream_keys, nothing_is_left_of_the_line_before)
     EXPECT_EQ(event->time, std::nullopt);
 }
 
+TEST(stream_keys, nothing_is_left_of_the_access_before)
+{
+    const Scratch_File file(MACHINE + R"({"t":"pte","pa":1,"upper":2,"lower":3}
+{"t":"pte"}
+{"t":"rtpte","l1":1,"l2":2,"l3":3,"pte":4,"pa":5}
+{"t":"rtpte"}
+)");
+    Stream_Reader reader(file.name());
+    reader.next();
+    reader.next();
+    const Stream_Event *event = reader.next();
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->pte.pa | event->pte.pte.upper | event->pte.pte.lower, 0u);
+    reader.next();
+    event = reader.next();
+    ASSERT_NE(event, nullptr);
+    const RTPTE_Event_Info &walk = event->rtpte;
+    EXPECT_EQ(walk.RTPDE_ra_l1 | walk.RTPDE_ra_l2 | walk.RTPDE_ra_l3 | walk.RTPTE_ra | walk.pa, 0u);
+}
+
 TEST(stream_keys, hexadecimal_digits_of_every_count_are_read)
 {
     const std::string digits = "9aBcDeF018273645";
@@ -570,6 +603,7 @@ INSTANTIATE_TEST_SUITE_P(of_kinds, Refusals, testing::Values(
     Refused_Line{R"({"tid":0})", "key \"t\": expected the kind of line, found no such key"},
     Refused_Line{R"({"t":"flush"})", "key \"t\": expected \"machine\", \"context\", \"commit\", \"pre\", \"pte\" or \"rtpte\", found \"flush\""},
     Refused_Line{R"({"t":"commits"})", "key \"t\": expected \"machine\", \"context\", \"commit\", \"pre\", \"pte\" or \"rtpte\", found \"commits\""},
+    Refused_Line{R"({"t":""})", "key \"t\": expected \"machine\", \"context\", \"commit\", \"pre\", \"pte\" or \"rtpte\", found \"\""},
     Refused_Line{R"({"t":1})", "key \"t\": expected \"machine\", \"context\", \"commit\", \"pre\", \"pte\" or \"rtpte\", found 1"},
     Refused_Line{R"({"t":"machine","processors":1,"threads":1})", "key \"t\": expected \"machine\" in the first line only, found a second one"}));
 
@@ -610,6 +644,8 @@ INSTANTIATE_TEST_SUITE_P(of_numbers, Refusals, testing::Values(
     Refused_Line{R"({"t":"commit","in":{"gpr":[[2147483648,1]]}})", "key \"in.gpr\": expected -2147483648 to 2147483647, as a number or \"0x...\", found 2147483648"},
     Refused_Line{R"({"t":"commit","in":{"gpr":[[-2147483649,1]]}})", "key \"in.gpr\": expected -2147483648 to 2147483647, as a number or \"0x...\", found -2147483649"},
     Refused_Line{R"({"t":"commit","in":{"gpr":[["0x80000000",1]]}})", "key \"in.gpr\": expected -2147483648 to 2147483647, as a number or \"0x...\", found \"0x80000000\""},
+    Refused_Line{"{\"t\":\"commit\",\"pc\":1\x01}", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found 1?"},
+    Refused_Line{R"({"t":"commit","pc"::})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found :"},
     Refused_Line{R"({"t":"commit","pc":-01})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found -01"},
     Refused_Line{R"({"t":"commit","pc":""})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found \"\""},
     Refused_Line{R"({"t":"commit","pc":"0X1"})", "key \"pc\": expected 0 to 18446744073709551615, as a number or \"0x...\", found \"0X1\""},
@@ -719,6 +755,42 @@ TEST(stream_refusals, of_lines_beyond_the_longest)
 
 // ---- input ----------------------------------------------------------------------------------------------
 
+namespace
+{
+
+// Standard input is a pipe into which the pieces come one after the other, the first one at once.
+class Piecewise_Input
+{
+public:
+    explicit Piecewise_Input(const std::vector<std::string> &pieces)
+    {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        dup2(ends[0], STDIN_FILENO);
+        close(ends[0]);
+        writer_ = fork();
+        for (size_t n = 0; writer_ == 0 && n <= pieces.size(); ++n)
+            if (n == pieces.size() ||
+                write(ends[1], pieces[n].data(), pieces[n].size()) != static_cast<ssize_t>(pieces[n].size()))
+                _exit(0);
+            else
+                usleep(10000);
+        close(ends[1]);
+    }
+    ~Piecewise_Input()
+    {
+        waitpid(writer_, nullptr, 0);
+        dup2(kept_, STDIN_FILENO);
+        close(kept_);
+    }
+
+private:
+    int kept_ = dup(STDIN_FILENO);
+    pid_t writer_;
+};
+
+} // namespace
+
 TEST(stream_input, blank_lines_are_skipped_and_counted)
 {
     const Outcome outcome = outcome_of(MACHINE + "\n  \t\r\n{\"t\":\"commit\"}\n\n{}\n");
@@ -746,6 +818,16 @@ TEST(stream_input, lines_of_all_lengths_come_whole_plain_and_compressed)
     }
 }
 
+TEST(stream_input, lines_that_fill_the_buffer_to_its_last_byte_come_whole)
+{
+    const std::string begin = "{\"t\":\"machine\",\"source\":\"";
+    const std::string machine = begin + std::string((1 << 19) - begin.size() - 2, 'x') + "\"}";
+    const Outcome outcome =
+        outcome_of("   \n" + machine + "\n{\"t\":\"machine\"}\n"); // 4 bytes are looked at first
+    EXPECT_EQ(outcome.events, 1u);
+    EXPECT_THAT(outcome.error, testing::StartsWith("line 3: "));
+}
+
 TEST(stream_input, last_line_needs_no_line_end)
 {
     const Outcome outcome = outcome_of(MACHINE + "{\"t\":\"commit\"}");
@@ -758,6 +840,8 @@ TEST(stream_input, file_that_is_not_there_is_an_error_without_line)
     Stream_Reader reader("/nowhere/stream.jsonl");
     EXPECT_EQ(reader.next(), nullptr);
     EXPECT_EQ(reader.error()->text(), "No such file or directory");
+    EXPECT_EQ(reader.line_number() + reader.bytes_used(), 0u);
+    EXPECT_EQ(reader.input_size(), std::nullopt);
     Stream_Reader folder("/");
     EXPECT_EQ(folder.next(), nullptr);
     EXPECT_EQ(folder.error()->text(), "expected readable input: Is a directory");
@@ -769,6 +853,24 @@ TEST(stream_input, compressed_streams_are_told_by_their_first_bytes)
         outcome_of(compressed(MACHINE + "{\"t\":\"commit\"}\n") + compressed("{\"t\":\"pre\"}\n"));
     EXPECT_EQ(outcome.events, 3u);
     EXPECT_EQ(outcome.error, "");
+}
+
+TEST(stream_input, compressed_parts_without_contents_are_passed_over)
+{
+    const Outcome outcome = outcome_of(compressed(MACHINE) + compressed("") + compressed("{\"t\":\"pre\"}\n") +
+                                       compressed("") + compressed(""));
+    EXPECT_EQ(outcome.events, 2u);
+    EXPECT_EQ(outcome.error, "");
+}
+
+TEST(stream_input, compressed_stream_of_any_size_has_an_end)
+{
+    for (size_t size = 1 << 11; size <= 1 << 17; size *= 2)
+        for (const size_t contents : {size - 1, size, size + 1}) {
+            const Outcome outcome = outcome_of(compressed(MACHINE + std::string(contents - MACHINE.size(), '\n')));
+            EXPECT_EQ(outcome.events, 1u) << contents;
+            EXPECT_EQ(outcome.error, "") << contents;
+        }
 }
 
 TEST(stream_input, cut_compressed_stream_is_refused_wherever_it_is_cut)
@@ -800,30 +902,56 @@ TEST(stream_input, damaged_compressed_stream_is_refused)
 
 TEST(stream_input, comes_through_a_pipe_in_small_pieces)
 {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const int kept = dup(STDIN_FILENO);
-    dup2(ends[0], STDIN_FILENO);
-    const std::string first = MACHINE.substr(0, 3), rest = MACHINE.substr(3) + "{\"t\":\"commit\"}\n";
-    ASSERT_EQ(write(ends[1], first.data(), first.size()), static_cast<ssize_t>(first.size()));
-    std::string error;
-    size_t events = 0;
-    if (fork() == 0) {
-        usleep(20000);
-        _exit(write(ends[1], rest.data(), rest.size()) == static_cast<ssize_t>(rest.size()) ? 0 : 1);
+    const std::string lines = MACHINE + "{\"t\":\"commit\"}\n";
+    for (const std::string &stored : {lines, compressed(lines)})
+        for (const size_t beginning : {1, 3}) {
+            const Piecewise_Input input({stored.substr(0, beginning), stored.substr(beginning)});
+            std::string error;
+            size_t events = 0;
+            {
+                Stream_Reader reader("-");
+                while (reader.next())
+                    ++events;
+                error = reader.error() ? reader.error()->text() : "";
+                EXPECT_EQ(reader.input_size(), std::nullopt);
+            }
+            EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1); // it stays open
+            EXPECT_EQ(events, 2u);
+            EXPECT_EQ(error, "");
+        }
+}
+
+TEST(stream_input, signals_while_it_waits_cost_no_line)
+{
+    struct sigaction passing {
+    };
+    struct sigaction before {
+    };
+    passing.sa_handler = [](int) {};
+    sigaction(SIGALRM, &passing, &before);
+    const itimerval often{{0, 2000}, {0, 2000}}, never{};
+    const Piecewise_Input input({MACHINE, "{\"t\":\"commit\"}\n"});
+    setitimer(ITIMER_REAL, &often, nullptr);
+    Stream_Reader reader("-");
+    const bool first = reader.next() != nullptr, second = reader.next() != nullptr;
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_TRUE(first && second);
+    EXPECT_EQ(reader.next(), nullptr);
+    EXPECT_FALSE(reader.error());
+}
+
+TEST(stream_input, error_of_a_call_before_is_none_of_the_input)
+{
+    const Scratch_File file(MACHINE + "{\"t\":\"commit\"}\n");
+    Stream_Reader reader(file.name());
+    for (int event = 0; event < 2; ++event) {
+        errno = EINTR;
+        EXPECT_NE(reader.next(), nullptr);
     }
-    close(ends[1]);
-    {
-        Stream_Reader reader("-");
-        while (reader.next())
-            ++events;
-        error = reader.error() ? reader.error()->text() : "";
-        EXPECT_EQ(reader.input_size(), std::nullopt);
-    }
-    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1); // it stays open
-    dup2(kept, STDIN_FILENO);
-    EXPECT_EQ(events, 2u);
-    EXPECT_EQ(error, "");
+    errno = EINTR;
+    EXPECT_EQ(reader.next(), nullptr);
+    EXPECT_FALSE(reader.error());
 }
 
 TEST(stream_input, descriptor_is_closed_at_the_end_and_by_programs_that_are_started)
@@ -849,6 +977,27 @@ TEST(stream_input, progress_of_a_plain_file_ends_with_the_line)
     reader.next();
     EXPECT_EQ(reader.bytes_used(), MACHINE.size() + second.size());
     EXPECT_EQ(reader.line_number(), 2u);
+}
+
+TEST(stream_input, progress_of_a_compressed_file_never_goes_back_nor_beyond_its_end)
+{
+    std::string lines = MACHINE;
+    for (uint64_t n = 1; n <= 8000; ++n)
+        lines += "{\"t\":\"commit\",\"seq\":" + std::to_string(n * 0x9E3779B97F4A7C15) + "}\n";
+    const std::string stored = compressed(lines);
+    const Scratch_File file(stored);
+    Stream_Reader reader(file.name());
+    uint64_t before = 0;
+    size_t steps = 0;
+    while (reader.next()) {
+        ASSERT_GE(reader.bytes_used(), before);
+        ASSERT_LE(reader.bytes_used(), stored.size());
+        steps += reader.bytes_used() > before;
+        before = reader.bytes_used();
+    }
+    EXPECT_FALSE(reader.error());
+    EXPECT_GT(steps, 2u);
+    EXPECT_EQ(before, stored.size());
 }
 
 TEST(stream_input, progress_ends_at_the_size_of_the_input)
@@ -916,4 +1065,8 @@ TEST(stream_input, other_formats_are_named)
               "expected plain UTF-8 or zstd data, found a byte-order mark");
     EXPECT_EQ(outcome_of("\xff\xfe{").error, "expected plain UTF-8 or zstd data, found UTF-16");
     EXPECT_EQ(outcome_of("\xfe\xff{").error, "expected plain UTF-8 or zstd data, found UTF-16");
+    const Scratch_File file("\x1f\x8b\x08\x01 rest");
+    Stream_Reader reader(file.name());
+    EXPECT_EQ(reader.next(), nullptr);
+    EXPECT_EQ(reader.bytes_used(), 0u); // nothing of it was handed out
 }
