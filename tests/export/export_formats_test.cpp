@@ -409,10 +409,12 @@ TEST(champsim_export, says_which_branches_were_taken_and_counts_changes_without_
     const QTRACE_RECORD call = with_registers(0x48000ff5, {}, {{'s', 8}});
     QTRACE_RECORD taken = call;
     taken.header.control.fld.iar_change_present = 1;
-    EXPECT_THAT(simulated(run, {records_at(0x1000, {call, taken, interrupted}), records_at(0x2000, {interrupted})}),
-                ElementsAre("1000 branch out 26 6 in 6 26", "1004 branch taken out 26 6 in 6 26", "1008", "2000"));
+    EXPECT_THAT(
+        simulated(run,
+                  {records_at(0x1000, {call, taken, interrupted, interrupted}), records_at(0x2000, {interrupted})}),
+        ElementsAre("1000 branch out 26 6 in 6 26", "1004 branch taken out 26 6 in 6 26", "1008", "100c", "2000"));
     EXPECT_THAT(run.shortcomings, ElementsAre("registers written that have no place (2 an instruction): 2",
-                                              "control-flow changes without a branch (interrupts, exceptions): 2"));
+                                              "control-flow changes without a branch (interrupts, exceptions): 3"));
 }
 
 TEST(champsim_export, has_the_accesses_of_loads_and_stores)
@@ -482,16 +484,33 @@ TEST(champsim_export, has_real_addresses_of_accesses_on_request_alone)
         part.header(sample.first, nullptr);
         part.record(record_item(0, 0x1000, with_data(LOAD_WORD, 0x5008, Case::single).record), nullptr);
         part.record(record_item(1, 0x1004, with_data(STORE_WORD, 0x5010, Case::real).record), nullptr);
-        part.record(record_item(2, 0x1008, jump(0x48000ff5, 0x1000, 0x13)), nullptr);
-        part.record(record_item(3, 0x1000, plain_record(ADD)), nullptr);
+        part.record(record_item(2, 0x1004, with_data(STORE_WORD, 0x5018, Case::real).record), nullptr);
+        part.record(record_item(3, 0x1008, jump(0x48000ff5, 0x1000, 0x13)), nullptr);
+        part.record(record_item(4, 0x1000, plain_record(ADD)), nullptr);
     };
-    EXPECT_THAT(simulated(run, {fill}),
-                ElementsAre("1000 loads 5008", "1004 stores 5010", "1008 branch taken out 26 6 in 6 26", "1000"));
+    EXPECT_THAT(simulated(run, {fill}), ElementsAre("1000 loads 5008", "1004 stores 5010", "1004 stores 5018",
+                                                    "1008 branch taken out 26 6 in 6 26", "1000"));
     EXPECT_THAT(run.shortcomings, IsEmpty());
     run.options.real = true;
-    EXPECT_THAT(simulated(run, {fill}), ElementsAre("12000 loads 12008", "12004 stores 5010",
+    EXPECT_THAT(simulated(run, {fill}), ElementsAre("12000 loads 12008", "12004 stores 5010", "12004 stores 5018",
                                                     "12008 branch taken out 26 6 in 6 26", "13000"));
-    EXPECT_THAT(run.shortcomings, ElementsAre("addresses without a recorded real one, left effective: 1"));
+    EXPECT_THAT(run.shortcomings, ElementsAre("addresses without a recorded real one, left effective: 2"));
+}
+
+TEST(champsim_export, makes_addresses_real_to_their_last_bit_and_knows_no_page_before_a_header)
+{
+    Export_Run run;
+    run.options.real = true;
+    const Sample sample;
+    const Fill fill = [&](Export_Part &part) {
+        part.record(record_item(0, 0x804, plain_record(ADD)), nullptr); // in the first page of all
+        part.header(sample.first, nullptr);
+        part.record(record_item(1, 0x1FFF, plain_record(ADD)), nullptr);
+        part.lost(2, 1);
+        part.record(record_item(3, 0x808, plain_record(ADD)), nullptr);
+    };
+    EXPECT_THAT(simulated(run, {fill}), ElementsAre("804", "12fff", "808"));
+    EXPECT_THAT(run.shortcomings, ElementsAre("addresses without a recorded real one, left effective: 2"));
 }
 
 // ---- callgrind -------------------------------------------------------------------------------------------
@@ -844,6 +863,7 @@ TEST(ctf_export, begins_another_packet_when_one_is_large)
     }
     EXPECT_EQ(first, EVENTS);
     EXPECT_GT(packets, 3u);
+    EXPECT_LT(packets, 8u); // of a million bytes
 }
 
 // ---- Files and folders -----------------------------------------------------------------------------------

@@ -141,6 +141,16 @@ TEST(check_pte, a_file_consists_of_accesses_of_five_addresses_or_of_an_address_a
     }
 }
 
+TEST(check_pte, says_nothing_of_hashed_translations_where_there_are_none)
+{
+    const Folder folder;
+    const std::string file = file_with_a_walk(folder);
+    const std::string entries = folder.text("pte0", words_of({0x100, 0, 0, 0x200, 0x12000}));
+    EXPECT_EQ(qtrace({"check", "--pte", entries, file}).out,
+              file + ": 2 records, 1 header: all invariants hold\n"
+                     "  1 different walk compared with the page-table entries\n");
+}
+
 TEST(check_pte, finds_a_walk_wherever_it_stands)
 {
     const Folder folder;

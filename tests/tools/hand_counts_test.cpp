@@ -613,6 +613,46 @@ TEST_F(plan_lines, are_at_least_one)
     EXPECT_EQ(qtrace({"plan", "--parts", "4", "empty0"}).out, "empty0 --from 0 --count 0\n");
 }
 
+// Numbers begin anew where one file follows another: those are not cut.
+TEST_F(plan_lines, of_a_file_that_follows_itself_are_those_of_one)
+{
+    folder.text("twice0", bytes + bytes);
+    EXPECT_EQ(qtrace({"plan", "--parts", "40000", "twice0"}).out, parts_of("twice0", blocks, 1));
+}
+
+// ---- cut -----------------------------------------------------------------------------------------------
+
+TEST_F(hand_counts, cut_of_windows_as_long_as_their_distance_keeps_everything)
+{
+    EXPECT_EQ(qtrace({"cut", "--every", "5", "--window", "5", "-o", "part0", "trace0"}).out,
+              "part0: 25 records and 3 headers in 1 block\n");
+}
+
+// ---- export of what was lost -----------------------------------------------------------------------------
+
+// What the last packet of the export says that was discarded up to its end.
+struct exported_losses : recover_figures {
+    uint64_t of(const std::string &contents) const
+    {
+        folder.text("broken0", contents);
+        qtrace({"export", "--force", "--format", "ctf", "-o", "out", "broken0"});
+        const std::string stream = folder.contents("out/stream0");
+        uint64_t bits = 0, lost = 0;
+        for (size_t at = 0; at < stream.size(); at += bits / 8) {
+            std::memcpy(&bits, &stream.at(at + 56), sizeof bits);
+            std::memcpy(&lost, &stream.at(at + 72), sizeof lost);
+        }
+        return lost;
+    }
+};
+
+TEST_F(exported_losses, are_one_record_at_least_where_their_number_is_not_known)
+{
+    EXPECT_EQ(of(bytes), 0u);
+    EXPECT_EQ(of(bytes.substr(0, blocks[4].offset)), 1u);
+    EXPECT_EQ(of(bytes.substr(0, bytes.size() - 1)), blocks[4].records);
+}
+
 // ---- check ---------------------------------------------------------------------------------------------
 
 namespace
@@ -656,6 +696,10 @@ TEST_F(hand_counts, check_text_has_every_finding_up_to_the_limit_and_their_numbe
                         "\n  processor-repeated                       3 (0 shown, --limit shows more)\n");
     EXPECT_EQ(qtrace({"check", "--ignore", "header-gated-sdr1-is-present,processor-repeated", "wrong0"}).out,
               "wrong0: 14 records, 3 headers: all invariants hold\n");
+    EXPECT_EQ(
+        qtrace({"check", "--limit", "0", "--ignore", "header-gated-sdr1-is-present,processor-repeated", "wrong0"})
+            .out,
+        "wrong0: 14 records, 3 headers: all invariants hold\n");
     EXPECT_EQ(qtrace({"check", "--from", "10", "--count", "3", "--limit", "1", "wrong0"}).out,
               first + "wrong0: 3 records, 0 headers: invariants are violated\n"
                       "  processor-repeated                       2 (1 shown, --limit shows more)\n");
@@ -674,6 +718,11 @@ TEST_F(hand_counts, check_json_has_every_finding_up_to_the_limit_and_their_numbe
             R"({"file":"wrong0","rule":"processor-repeated","record":11,"address":"0x4008","sentence":")" +
             REPEATED + "\"}\n" + summary);
     EXPECT_EQ(qtrace({"check", "--json", "--limit", "0", "wrong0"}).out, summary);
+}
+
+TEST_F(recover_figures, check_adds_up_the_records_of_all_blocks)
+{
+    EXPECT_EQ(qtrace({"check", "long0"}).out, "long0: 20000 records, 1 header: all invariants hold\n");
 }
 
 TEST_F(hand_counts, check_takes_one_companion_for_each_file)
@@ -766,6 +815,9 @@ TEST_F(hand_counts, diff_shows_a_changed_record_between_its_neighbours)
               head + "          - partition lpid 0x2 pid 8\n " + a[5] + changed + " " + a[7] + summary);
     EXPECT_EQ(qtrace({"diff", "--context", "0", "old0", "new0"}).out, head + changed + summary);
     EXPECT_EQ(qtrace({"diff", "--limit", "0", "old0", "new0"}).out, "old0 | new0\n" + summary);
+    EXPECT_EQ(qtrace({"diff", "old0", "new0"}).out, qtrace({"diff", "--context", "3", "old0", "new0"}).out);
+    EXPECT_EQ(std::ranges::count(qtrace({"diff", "old0", "new0"}).out, '\n'),
+              3 + 3 + 1 + 2 + 3 + 1 + 3); // two headers
     EXPECT_EQ(qtrace({"diff", "--ignore", "instruction", "old0", "new0"}).out,
               "old0 | new0\n11 | 11 records: no difference but those ignored\n");
     EXPECT_EQ(qtrace({"diff", "old0", "old0"}).out, "old0 | old0\n11 | 11 records: no difference\n");
@@ -806,6 +858,8 @@ TEST_F(hand_counts, export_says_how_many_records_it_wrote)
                       "2", "trace0"})
                   .out,
               "{\"output\":\"out\",\"records\":2}\n");
+    EXPECT_EQ(qtrace({"export", "--force", "--format", "sqlite", "-o", "out", "trace0", "trace0"}).out,
+              "out: 50 records\n");
     const Outcome beyond = qtrace({"export", "--force", "--format", "csv", "-o", "out", "--from", "25", "trace0"});
     EXPECT_EQ(beyond.exit_code, 1);
     EXPECT_EQ(beyond.err, "qtrace: trace0: no record 25: the file has 25\n");

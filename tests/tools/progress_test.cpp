@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <optional>
@@ -51,6 +52,44 @@ private:
 constexpr uint64_t MANY = 1 << 16;
 const std::string ERASED = "\r\x1b[K";
 
+// A line of its own on a terminal of its own, and what the clocks before and after allow it to say.
+class Timed_Line
+{
+public:
+    explicit Timed_Line(uint64_t total) : progress_(run_, "t", total), begun_(Clock::now()) {}
+    std::string shown() const { return terminal_.shown(); }
+    double shortest() const { return std::chrono::duration<double>(stepped_ - begun_).count(); }
+    double longest() const { return std::chrono::duration<double>(Clock::now() - before_).count(); }
+    void step(uint64_t records)
+    {
+        stepped_ = Clock::now();
+        progress_.step(records);
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    Terminal terminal_;
+    Tool_Run run_{terminal_.own, terminal_.own};
+    Clock::time_point before_ = Clock::now();
+    Progress progress_;
+    Clock::time_point begun_, stepped_;
+};
+
+// Of a line that was begun a second ago or more. The rate has a tenth of a million.
+void expect_rate_and_rest(Timed_Line &line, uint64_t total)
+{
+    constexpr uint64_t RECORDS = 200 * MANY;
+    line.step(RECORDS);
+    const double longest = line.longest();
+    const std::string text = line.shown(), percent = total != 0 ? "91 %, " : "";
+    const std::string head = ERASED + "t: 13107200 records, " + percent;
+    ASSERT_THAT(text, StartsWith(head));
+    const double rate = std::stod(text.substr(head.size())) * 1e6;
+    EXPECT_GE(rate, RECORDS / longest - 1e5) << text;
+    EXPECT_LE(rate, RECORDS / line.shortest() + 1e5) << text;
+    EXPECT_EQ(text.ends_with(" M/s, 0 s left"), total != 0) << text; // a tenth of what has passed
+}
+
 void let_a_second_pass()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(1050));
@@ -93,6 +132,7 @@ TEST(progress, tells_percent_and_time_left_where_the_end_is_known)
     const Terminal terminal;
     Tool_Run run(terminal.own, terminal.own);
     Progress progress(run, "trace0", 4 * MANY);
+    Timed_Line with_end(220 * MANY), without_end(0);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     progress.step(MANY);
     EXPECT_EQ(terminal.shown(), ""); // the first second is not over
@@ -108,6 +148,8 @@ TEST(progress, tells_percent_and_time_left_where_the_end_is_known)
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     progress.step(MANY);
     EXPECT_THAT(terminal.shown(), testing::MatchesRegex("\r.\\[Ktrace0: 262144 records, 0\\.[0-2] M/s"));
+    expect_rate_and_rest(with_end, 220 * MANY);
+    expect_rate_and_rest(without_end, 0);
 }
 
 namespace

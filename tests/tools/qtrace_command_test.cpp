@@ -221,6 +221,18 @@ TEST(command_line, what_differs_between_the_first_headers_is_told_of_each_file)
     EXPECT_EQ(qtrace({"info", folder.path("trace2"), folder.path("trace1")}).err, ""); // named one by one
 }
 
+TEST(command_line, the_first_two_of_a_row_may_differ_and_the_first_may_be_missing)
+{
+    Trace other = good_trace();
+    other[FIRST_HEADER].comment.replace(other[FIRST_HEADER].comment.find("1073741824"), 10, "2147483648");
+    const Folder folder;
+    const std::string base = folder.path("trace");
+    folder.write("trace1", good_trace());
+    EXPECT_EQ(qtrace({"info", base}).err, "qtrace: missing in the row of numbers: " + base + "0\n");
+    folder.write("trace0", other);
+    EXPECT_THAT(qtrace({"info", base}).err, StartsWith("qtrace: " + base + "1: its first header tells of another"));
+}
+
 TEST(command_line, page_bits_are_from_12_to_63)
 {
     const Folder folder;

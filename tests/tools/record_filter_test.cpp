@@ -270,6 +270,30 @@ TEST(records_of_a_process, are_found_after_blocks_of_others)
     }
 }
 
+// The last one is many blocks after the others; what comes after it is not read.
+TEST(records_of_a_kind, end_with_the_last_that_is_asked_for)
+{
+    const Folder folder;
+    Trace trace = long_parts();
+    for (const size_t place : {2, 3, 70000})
+        trace[place].record.header.instruction = 0xe8640008; // ld
+    const std::string file = folder.write("trace0", trace);
+    std::string bytes = folder.contents("trace0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    const std::string spoilt = folder.text("spoilt0", bytes);
+    for (const auto &[count, records, lost] : {std::tuple("3", 3, true), {"2", 2, false}, {"1", 1, false}}) {
+        EXPECT_EQ(numbers(file, {"--kind", "load", "--count", count}).size(), records);
+        for (const std::string &of : {file, spoilt}) {
+            const Outcome dumped = qtrace({"dump", "--kind", "load", "--count", count, of});
+            const Outcome exported = qtrace({"export", "--json", "--force", "--format", "csv", "-o",
+                                             folder.path("csv"), "--kind", "load", "--count", count, of});
+            EXPECT_EQ(json::parse(exported.out)["records"], records) << count;
+            for (const Outcome &outcome : {dumped, exported})
+                EXPECT_EQ(outcome.exit_code, lost && of == spoilt ? 3 : 0) << count;
+        }
+    }
+}
+
 // What `plan` prints are numbers, too.
 TEST(a_range, means_numbers_of_records_where_some_are_missing)
 {

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -348,6 +349,17 @@ TEST(symbol_map, a_symbol_with_a_size_hides_labels_up_to_its_last_address)
     EXPECT_EQ(map.symbols.size(), 3u);
 }
 
+TEST(symbol_map, a_symbol_may_have_a_single_address)
+{
+    const Symbol_File map = read_symbol_map("map", "0 1 T zero\n1 t one\n1000 1 T sized\n1fff t last\n");
+    EXPECT_EQ(name_at(map, 0), "zero");
+    EXPECT_EQ(name_at(map, 1), "one");
+    EXPECT_EQ(name_at(map, 0x1000), "sized");
+    EXPECT_EQ(name_at(map, 0x1001), "-");
+    EXPECT_EQ(name_at(map, 0x1fff), "last");
+    EXPECT_EQ(name_at(map, 0x2000), "-");
+}
+
 TEST(symbol_map, a_symbol_reaches_the_last_address_of_all_and_not_beyond)
 {
     const Symbol_File map = read_symbol_map("map", "fffffffffffffff0 10 T top\nffffffffffffffe0 21 T too_long\n");
@@ -422,6 +434,18 @@ TEST(symbol_map, may_come_through_a_pipe)
     close(ends[0]);
 }
 
+// As a process has it that was started without a standard input.
+TEST(symbol_map, may_be_the_first_file_that_is_open)
+{
+    const Folder folder;
+    const std::string map = folder.text("map", "1000 T first\n");
+    const int input = dup(0);
+    close(0);
+    EXPECT_EQ(name_at(read_symbol_file(map, {}), 0x1000), "first");
+    EXPECT_EQ(dup2(input, 0), 0);
+    close(input);
+}
+
 // ---- ELF files -----------------------------------------------------------------------------------------
 
 TEST(symbol_elf, is_read_in_either_byte_order_and_word_length)
@@ -465,14 +489,24 @@ TEST(symbol_elf, a_symbol_without_a_size_reaches_to_the_next_one_or_the_end_of_i
                                            {"main", 0x10100, 0x40},
                                            {"label", 0x10120, 0, NO_TYPE, LOCAL_BIND},
                                            {"last", 0x10ff0, 0},
+                                           {"last_byte", 0x10fff, 0},
                                            {"end_of_code", 0x11000, 0, NO_TYPE}});
     EXPECT_EQ(name_at(file, 0x100ff), "start");
     EXPECT_EQ(name_at(file, 0x10130), "main");
     EXPECT_EQ(name_at(file, 0x10140), "-");
-    EXPECT_EQ(name_at(file, 0x10fff), "last");
+    EXPECT_EQ(name_at(file, 0x10ffe), "last");
+    EXPECT_EQ(name_at(file, 0x10fff), "last_byte");
     EXPECT_EQ(name_at(file, 0x11000), "-");
     EXPECT_THAT(file.remarks,
-                ElementsAre(HasSubstr("program: 3 of 4 symbols have no size; they reach to the next one")));
+                ElementsAre(HasSubstr("program: 4 of 5 symbols have no size; they reach to the next one")));
+}
+
+TEST(symbol_elf, a_symbol_without_a_size_names_nothing_in_an_empty_section)
+{
+    const Symbol_File file =
+        read_elf({}, {{"main", 0x10100, 0x40}, {"data_start", 0x1000, 0, NO_TYPE, GLOBAL_BIND, 2}});
+    ASSERT_EQ(file.symbols.size(), 1u);
+    EXPECT_EQ(file.symbols[0].name, "main");
 }
 
 TEST(symbol_elf, says_how_many_symbols_overlap)
@@ -535,6 +569,23 @@ TEST(symbol_elf, descriptors_are_read_up_to_the_last_whole_one)
         EXPECT_EQ(read_elf(shape, {at(nowhere), other}).symbols.size(), 1u) << nowhere;
     EXPECT_EQ(read_elf({.second = ".opd", .words = {}}, {at(0), other}).symbols.size(), 1u);
     EXPECT_EQ(name_at(read_elf({.second = ".opx", .words = {0x12304, 0, 0}}, {at(8)}), SECOND_AT + 8), "it");
+}
+
+TEST(symbol_elf, descriptors_have_addresses_of_eight_bytes)
+{
+    const Elf_Symbol function = {"it", SECOND_AT, 0x10, FUNCTION, GLOBAL_BIND, DESCRIPTORS},
+                     other = {"other", 0x18000, 0x10};
+    for (const bool big_endian : {false, true}) {
+        const Elf_Shape shape = {.big_endian = big_endian, .second = ".opd", .words = {0xC100000000012304}};
+        EXPECT_EQ(name_at(read_elf(shape, {function, other}), 0xC100000000012304), "it");
+    }
+    std::string cut = elf({.second = ".opd", .words = {0xC100000000012304}}, {function, other});
+    uint64_t sections;
+    std::memcpy(&sections, &cut[40], sizeof sections);
+    ASSERT_EQ(cut.at(sections + 2 * 64 + 32), 8); // bytes in the section
+    cut[sections + 2 * 64 + 32] = 7;
+    const Folder folder;
+    EXPECT_EQ(read_symbol_file(folder.text("cut", cut), {}).symbols.size(), 1u);
 }
 
 TEST(symbol_elf, a_load_address_needs_a_segment_that_is_loaded)
@@ -653,6 +704,28 @@ TEST(symbol_names, belong_to_partitions_and_processes_the_most_specific_first)
     EXPECT_EQ(finder.text(0x1010), "");
 }
 
+TEST(symbol_names, of_the_first_addresses_are_found_first)
+{
+    const Folder folder;
+    Symbol_Options options;
+    options.add(folder.text("all", "0 4 T zero\n4 10 T four\n"));
+    options.add("lpid=0,pid=0:" + folder.text("first", "8 4 T eight\n"));
+    Silent_Run silent;
+    const Symbol_Names names(silent.run, options);
+    for (const auto &[address, name] :
+         {std::pair<uint64_t, const char *>(0, "zero+0x0"), {1, "zero+0x1"}, {2, "zero+0x2"}}) {
+        Name_Finder finder(names);
+        finder.enter(nullptr);
+        EXPECT_EQ(finder.text(address), name);
+    }
+    Name_Finder finder(names);
+    finder.enter(Address_Space{});
+    EXPECT_EQ(finder.text(8), "four+0x4"); // nobody's address
+    const QTRACE_FILE_HDR header = under(0, 0);
+    finder.enter(&header);
+    EXPECT_EQ(finder.text(8), "eight+0x0");
+}
+
 TEST(symbol_names, a_file_whose_name_begins_like_a_scope_needs_a_folder)
 {
     Symbol_Options options;
@@ -662,6 +735,8 @@ TEST(symbol_names, a_file_whose_name_begins_like_a_scope_needs_a_folder)
     EXPECT_EQ(options.files[1].name, "a:b");
     EXPECT_EQ(options.files[1].lpid, 0x10u);
     EXPECT_FALSE(options.files[1].pid);
+    options.add("pid=19:c");
+    EXPECT_EQ(options.files[2].pid, 19u);
     for (const char *wrong : {"pid=x:FILE", "pid=:FILE", "lpid=1", "lpid=1,cpu=2:FILE", "lpid=1 :FILE"})
         EXPECT_THROW(options.add(wrong), std::invalid_argument) << wrong;
 }
