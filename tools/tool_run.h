@@ -31,8 +31,8 @@ public:
 
     Output out;
     Output err;
-    size_t columns;        // of the terminal that data goes to; 0: it goes to none
-    bool progress = false; // a progress line is wanted: messages go to a terminal
+    size_t columns; // of the terminal that data goes to; 0: it goes to none
+    bool progress;  // a progress line is wanted: messages go to a terminal
 
     std::function<void()> before_message; // called before each
 
@@ -66,7 +66,7 @@ public:
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
 
-    void step(uint64_t items = 1)
+    void step(uint64_t items)
     {
         const uint64_t before = done_;
         done_ += items;

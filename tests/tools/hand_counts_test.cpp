@@ -9,9 +9,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <sstream>
+#include <unistd.h>
 
 using namespace planted;
 using nlohmann::json;
@@ -844,6 +846,21 @@ TEST_F(hand_counts, options_that_name_no_format_or_address_are_refused)
     EXPECT_FALSE(std::filesystem::exists("out"));
     EXPECT_EQ(qtrace({"dump", "--format", "jso", "trace0"}).err.substr(0, 60),
               "qtrace: unknown output format `jso`; did you mean `json`?\nSe");
+}
+
+TEST_F(hand_counts, nothing_is_written_to_the_standard_input)
+{
+    folder.text("input", "");
+    const int input = dup(0), file = open("input", O_RDWR | O_CLOEXEC);
+    dup2(file, 0);
+    close(file);
+    qtrace({"export", "--format", "csv", "-o", "table", "trace0"});
+    qtrace({"export", "--format", "ctf", "-o", "folder", "trace0"});
+    qtrace({"dump", "trace0"});
+    qtrace({"dump", "--kind", "load", "--count", "1", "trace0"});
+    dup2(input, 0);
+    close(input);
+    EXPECT_EQ(folder.contents("input"), "");
 }
 
 TEST_F(hand_counts, export_says_how_many_records_it_wrote)
