@@ -331,7 +331,7 @@ TEST(check_text, shows_both_values_and_the_line)
                 HasSubstr("the length is 0x11 in the text, 0x10 in the trace"));
     EXPECT_THAT(
         qtrace({"check", "--text", folder.text("text0", described_text() + std::string(70, 'x')), file}).out,
-        testing::StartsWith(file + ": record 0: text line 19: the text goes on after the trace: `" +
+        testing::StartsWith(file + ": record 0: text line 20: the text goes on after the trace: `" +
                             std::string(60, 'x') + "` [text-end]\n"));
     EXPECT_THAT(
         qtrace({"check", "--text", folder.text("text0", "*** FILE HEADER INSERTED *** \n" + COMMENT + "y"), file})

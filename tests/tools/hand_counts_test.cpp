@@ -229,7 +229,7 @@ TEST_F(hand_counts, info_text_has_every_figure)
 
 TEST_F(hand_counts, stats_json_has_every_figure)
 {
-    const json expected = json::parse(R"({
+    json expected = json::parse(R"({
         "file": "trace0", "instructions": 25, "full_headers": 2, "partition_headers": 1,
         "branches": 6, "taken": 3, "not_taken": 1, "unconditional": 1, "undecided": 1, "other_jumps": 1,
         "loads": 3, "stores": 5, "cache": 3, "strings": 3, "string_bytes": 28, "data_addresses": 6, "data_errors": 1,
@@ -253,12 +253,35 @@ TEST_F(hand_counts, stats_json_has_every_figure)
         "hot_targets": [{"address": "0x900", "times": 2}, {"address": "0x2000", "times": 1},
                         {"address": "0x3000", "times": 1}],
         "target_shortfall": 0})");
-    json counts = json::parse(qtrace({"stats", "--json", "trace0"}).out);
-    EXPECT_EQ(counts["total_bytes"]["in_file"], size);
-    EXPECT_NEAR(counts["bytes_in_file"].get<double>(), static_cast<double>(size) / 25, 0.0001);
-    counts["total_bytes"].erase("in_file");
-    counts.erase("bytes_in_file");
-    EXPECT_EQ(counts, expected) << json::diff(counts, expected);
+    const auto counted = [&](const std::vector<std::string> &words) {
+        json counts = json::parse(qtrace(words).out);
+        EXPECT_EQ(counts["total_bytes"]["in_file"], size);
+        EXPECT_NEAR(counts["bytes_in_file"].get<double>(), static_cast<double>(size) / 25, 0.0001);
+        counts["total_bytes"].erase("in_file");
+        counts.erase("bytes_in_file");
+        return counts;
+    };
+    const json all = counted({"stats", "--json", "trace0"});
+    EXPECT_EQ(all, expected) << json::diff(all, expected);
+    // The same records when every process is chosen; headers are not counted then.
+    expected["full_headers"] = expected["partition_headers"] = 0;
+    const json chosen = counted({"stats", "--json", "--pid", "7,8", "trace0"});
+    EXPECT_EQ(chosen, expected) << json::diff(chosen, expected);
+}
+
+TEST_F(hand_counts, lists_have_ten_rows_when_no_number_is_given)
+{
+    Trace trace = {good_trace()[FIRST_HEADER]};
+    for (uint64_t i = 1; i <= 12; i++)
+        trace.push_back(jump(0x48000010, i * 0x1000, Case::single));
+    folder.write("jumps0", trace);
+    EXPECT_EQ(json::parse(qtrace({"stats", "--json", "jumps0"}).out)["hot_targets"].size(), 10u);
+    trace.clear();
+    for (uint64_t i = 1; i <= 12; i++)
+        trace.push_back(good_trace()[FIRST_HEADER]);
+    folder.write("headers0", trace);
+    EXPECT_THAT(qtrace({"info", "headers0"}).out,
+                testing::EndsWith("  ... and 2 more full headers (--headers N lists N)\n"));
 }
 
 TEST_F(hand_counts, stats_lists_as_many_places_as_asked_for_with_the_most_frequent_first)
