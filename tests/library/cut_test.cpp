@@ -329,6 +329,109 @@ TEST_F(cut, does_not_look_at_what_is_ruled_out)
     EXPECT_EQ(result_.damaged_places, 1u);
 }
 
+TEST_F(cut, keeps_ranges_that_begin_or_end_at_the_borders_of_blocks)
+{
+    const QTRACE_FDESCR file = open();
+    for (int i = 1; i <= 160; ++i) { // each takes some 1500 bytes
+        QTRACE_RECORD record{};
+        std::memset(record.iar_hRTW, i, sizeof record.iar_hRTW);
+        std::memset(record.secondary_data_hRTW, i, sizeof record.secondary_data_hRTW);
+        std::memset(record.regs.spr_out, i,
+                    offsetof(QTRACE_REGISTERS, gpr_in) - offsetof(QTRACE_REGISTERS, spr_out));
+        write(file, record);
+    }
+    QTRACE_Fclose(file);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    std::vector<QTRACE_Block> blocks(qtrace_blocks(reader, nullptr, 0));
+    qtrace_blocks(reader, blocks.data(), blocks.size());
+    qtrace_close(reader);
+    ASSERT_GE(blocks.size(), 4u);
+    const uint64_t first = blocks[1].first_record, size = blocks[1].records, both = size + blocks[2].records;
+    for (const uint64_t from : {first - 1, first, first + 1})
+        for (const uint64_t end :
+             {first + size - 1, first + size, first + size + 1, first + both - 1, first + both}) {
+            expect_range(bytes(), from, end - from);
+            if (end > first + size + 1)
+                continue;
+            QTRACE_Cut choice = all();
+            choice.from = from;
+            choice.every = 1'000'000;
+            choice.window = end - from;
+            expect_cut(bytes(), choice,
+                       [=](const Numbered_Item &item) { return item.record >= from && item.record < end; });
+        }
+}
+
+TEST_F(cut, of_a_partition_leaves_out_records_before_any_header)
+{
+    const QTRACE_FDESCR file = open();
+    for (int i = 0; i < 3; ++i)
+        write(file, QTRACE_RECORD{});
+    QTRACE_Fclose(file);
+    const uint64_t zero = 0;
+    QTRACE_Cut choice = all();
+    choice.lpids = &zero;
+    choice.lpid_count = 1;
+    EXPECT_TRUE(list(cut_of(bytes(), choice)).items.empty());
+    choice.lpid_count = 0;
+    choice.pids = &zero;
+    choice.pid_count = 1;
+    EXPECT_TRUE(list(cut_of(bytes(), choice)).items.empty());
+}
+
+TEST_F(cut, goes_by_the_numbers_of_each_file_where_one_follows_another)
+{
+    write_plausible(300);
+    const std::string both = bytes() + bytes().substr(16);
+    EXPECT_EQ(expect_range(both, 100, ALL).items.size(), 2u + 2 * 200);
+    QTRACE_Cut choice = all();
+    choice.from = 10;
+    choice.every = 100;
+    choice.window = 7;
+    const Listing sample = expect_cut(
+        both, choice, [](const Numbered_Item &item) { return item.record >= 10 && (item.record - 10) % 100 < 7; });
+    EXPECT_EQ(sample.items.size(), 2u + 2 * 3 * 7);
+}
+
+// Each of the small traces, whatever is wrong with it. A cut takes bytes after the last block for something that it left out,
+// and damage before the first block, too.
+TEST_F(cut, of_everything_of_a_small_trace_is_its_recovery_by_one_thread_or_several)
+{
+    size_t recovered = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(QT_SMALL_TRACES)) {
+        if (entry.path().extension() != ".trace")
+            continue;
+        std::string saved[2];
+        QTRACE_Recovery results[2];
+        int failed[2];
+        for (const unsigned several : {0, 1}) {
+            const std::string to = (folder_ / ("saved" + std::to_string(several))).string();
+            std::filesystem::remove(to);
+            failed[several] =
+                qtrace_recover_by(entry.path().c_str(), to.c_str(), several ? 3 : 1, &results[several], nullptr);
+            std::ifstream in(to, std::ios::binary);
+            saved[several].assign(std::istreambuf_iterator<char>(in), {});
+        }
+        EXPECT_EQ(failed[0], failed[1]) << entry.path();
+        EXPECT_TRUE(saved[0] == saved[1]) << entry.path();
+        if (failed[0] != 0)
+            continue;
+        ++recovered;
+        EXPECT_EQ(image_of(results[0]), image_of(results[1])) << entry.path();
+        std::ifstream in(entry.path(), std::ios::binary);
+        const std::string source{std::istreambuf_iterator<char>(in), {}};
+        const bool same = cut_of(source, all()) == saved[0];
+        const std::string trace = entry.path().stem();
+        EXPECT_EQ(same, trace != "garbage-after-last-block" && trace != "gap-block-0-after-damage") << trace;
+        EXPECT_EQ(result_.damaged_places, results[0].damaged_places) << entry.path();
+        if (results[0].damaged_places == 0) {
+            SCOPED_TRACE(entry.path());
+            expect_range(source, 1, ALL);
+        }
+    }
+    EXPECT_GE(recovered, 200u);
+}
+
 TEST_F(cut, fails_with_the_reason)
 {
     write_plausible(10);

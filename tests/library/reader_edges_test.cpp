@@ -221,6 +221,17 @@ TEST_F(reader_edge, inputs_are_expected_from_nothing_but_the_address)
     EXPECT_TRUE(contents.items[0].image == image_of(expected));
 }
 
+TEST_F(reader_edge, header_item_has_no_other_bits)
+{
+    const std::pair<std::string, bool> operations[] = {
+        {"\x80\x01", true}, {"\x81\x01", false}, {"\xc0\x01", false}, {"\x80\x03", false}, {"\x80\x09", false}};
+    for (const auto &[operation, right] : operations) {
+        put_bytes(start() + block(payload_of({"", operation, "", "", "", "", "", "", "", std::string(3, '\0')}),
+                                  [](auto &header) { header.headers = 1; }));
+        EXPECT_EQ(read().damages.empty(), right) << testing::PrintToString(operation);
+    }
+}
+
 TEST_F(reader_edge, image_whose_later_runs_reach_beyond_the_record_is_damage)
 {
     // A run of 100 bytes, then one byte at the last place of the record, or after it.
