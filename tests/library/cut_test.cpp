@@ -156,6 +156,10 @@ TEST_F(cut, of_everything_is_the_file_itself)
     }
     QTRACE_Fclose(open());
     EXPECT_TRUE(cut_of(bytes(), all()) == bytes());
+    const Listing without_blocks = list(cut_of(bytes().substr(0, 16), all()));
+    EXPECT_EQ(without_blocks.info.open_end, 1);
+    EXPECT_EQ(without_blocks.left_out.size(), 0u);
+    EXPECT_EQ(result_.damaged_places, 1u);
 }
 
 TEST_F(cut, keeps_a_range_with_its_numbers_addresses_and_context)

@@ -101,6 +101,15 @@ protected:
         std::memcpy(&number, &all.at(offset), sizeof number);
         return number;
     }
+    // Of each block.
+    std::vector<int> flags() const
+    {
+        const std::string all = bytes();
+        std::vector<int> flags;
+        for (size_t at = FILE_START; at < all.size(); at += BLOCK_HEADER + number_at(all, at + 8))
+            flags.push_back(static_cast<uint8_t>(all[at + 5]));
+        return flags;
+    }
     // Raw size, records and headers of each block.
     std::vector<std::array<uint32_t, 3>> blocks() const
     {
@@ -533,6 +542,46 @@ TEST_F(encoding, of_a_record_goes_into_a_block_with_5120_bytes_left_or_2048_with
 
 // ---- From block to block ----------------------------------------------------------------------------------------
 
+TEST_F(encoding, of_blocks_has_flags_for_comments_of_their_own_and_addresses)
+{
+    QTRACE_FILE_HDR header{};
+    header.control.iar_is_present = 1;
+    for (const size_t size : {16'384, 16'385}) {
+        const QTRACE_FDESCR file = open();
+        write(file, header);
+        write(file, QTRACE_FILE_HDR{}, std::string(60'000, 'c'));
+        write(file, Made(1));
+        write(file, QTRACE_FILE_HDR{}, std::string(16'384, 'c'));
+        write(file, QTRACE_FILE_HDR{}, std::string(16'384, 'c'));
+        write(file, QTRACE_FILE_HDR{}, std::string(16'384, 'c'));
+        write(file, QTRACE_FILE_HDR{}, std::string(size, 'c'));
+        QTRACE_Fclose(file);
+        // 1: the last one, 2: the address is known, 4: a comment, 8: the comment is before it.
+        const std::vector<int> same = {0, 2 | 4, 2 | 8},
+                               one_more = size == 16'384 ? std::vector{2 | 1} : std::vector{2 | 4, 2 | 8 | 1};
+        std::vector<int> expected = same;
+        expected.insert(expected.end(), one_more.begin(), one_more.end());
+        EXPECT_EQ(flags(), expected);
+    }
+    EXPECT_EQ(qtrace_writer_failures(), 0u) << "of any test here";
+}
+
+TEST_F(encoding, is_pressed_by_level_minus_5_unless_another_is_wanted)
+{
+    setenv("QTRACE_COMPRESSION", "zstd:-5", 1);
+    write_plausible(3'000);
+    const std::string level = bytes();
+    setenv("QTRACE_COMPRESSION", "zstd:-4", 1);
+    write_plausible(3'000);
+    EXPECT_FALSE(bytes() == level);
+    setenv("QTRACE_COMPRESSION", "zstd", 1);
+    write_plausible(3'000);
+    EXPECT_TRUE(bytes() == level);
+    unsetenv("QTRACE_COMPRESSION");
+    write_plausible(3'000);
+    EXPECT_TRUE(bytes() == level);
+}
+
 // Nothing that was remembered in a block is expected in the next one, by the writer or by the reader.
 TEST_F(encoding, begins_anew_in_every_block)
 {
@@ -556,6 +605,28 @@ TEST_F(encoding, begins_anew_in_every_block)
     QTRACE_Fclose(file);
     EXPECT_TRUE(read().items == written_);
     EXPECT_EQ(blocks().size(), 10u) << "each with its comment";
+}
+
+TEST_F(encoding, expects_next_addresses_and_control_words_of_the_same_block_alone)
+{
+    const QTRACE_FDESCR file = open();
+    for (int block = 0; block < 2; ++block) {
+        write(file, QTRACE_FILE_HDR{}, std::string(16'385, 'c'));
+        write(file, Made(7).next(0x40));
+        write(file, Made(7));
+        write(file, Made(8).next(0));
+    }
+    QTRACE_Fclose(file);
+    EXPECT_TRUE(read().items == written_);
+    // Each block with its comment before it.
+    std::vector<uint64_t> at;
+    const std::string all = bytes();
+    for (size_t block = FILE_START; block < all.size(); block += BLOCK_HEADER + number_at(all, block + 8))
+        at.push_back(block);
+    ASSERT_EQ(at.size(), 4u);
+    const Columns columns = columns_at(at[1]);
+    EXPECT_EQ(columns[NEXT], "\x80\x01");
+    EXPECT_EQ(columns_at(at[3]), columns);
 }
 
 } // namespace

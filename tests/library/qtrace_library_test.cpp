@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -147,11 +148,28 @@ TEST_F(trace_file, is_no_larger_than_its_payload_when_compression_is_off)
 
 TEST_F(trace_file, is_refused_with_an_unknown_compression)
 {
-    for (const char *wish : {"", "gzip", "zstd:", "zstd:x", "zstd:3x", "zstd:99"}) {
+    for (const char *wish : {"", "gzip", "zstd:", "zstd:x", "zstd:3x", "zstd:99", "zstd:23", "zstd:-131073"}) {
         setenv("QTRACE_COMPRESSION", wish, 1);
         EXPECT_EQ(open(), -1) << wish;
         EXPECT_THAT(qtrace_writer_error(), HasSubstr("QTRACE_COMPRESSION"));
     }
+}
+
+TEST_F(trace_file, is_compressed_by_every_level_that_there_is)
+{
+    for (const char *wish : {"zstd:-131072", "zstd:22"}) {
+        setenv("QTRACE_COMPRESSION", wish, 1);
+        write_plausible(10);
+        EXPECT_EQ(read().records(), 10u) << wish;
+    }
+}
+
+TEST_F(trace_file, has_the_permissions_that_the_process_gives)
+{
+    const mode_t before = umask(0027);
+    QTRACE_Fclose(open());
+    umask(before);
+    EXPECT_EQ(std::filesystem::status(name_).permissions(), std::filesystem::perms{0640});
 }
 
 TEST_F(trace_file, blocks_hold_at_most_64_KiB_of_encoded_data)
@@ -174,7 +192,7 @@ TEST_F(trace_file, blocks_hold_at_most_64_KiB_of_encoded_data)
 TEST_F(trace_file, many_files_at_once_do_not_mix)
 {
     std::vector<QTRACE_FDESCR> files;
-    for (int i = 0; i < 200; ++i)
+    for (int i = 0; i < 300; ++i)
         files.push_back(QTRACE_Fopen((name_ + std::to_string(i)).c_str(), QTRACE_WRITE));
     for (uint32_t word = 0; word < 50; ++word)
         for (size_t i = 0; i < files.size(); ++i) {
@@ -563,6 +581,8 @@ TEST_F(trace_file, of_another_kind_or_version_is_refused_with_its_offset)
     EXPECT_THAT(read().open_error, HasSubstr("byte 0: the file is empty"));
     put_bytes(std::string(5'000, 'a'));
     EXPECT_THAT(read().open_error, HasSubstr("byte 0: not a trace file"));
+    put_bytes("hello");
+    EXPECT_THAT(read().open_error, HasSubstr("byte 0: not a trace file"));
     // A start of version 2, its checksum right.
     put_bytes(std::string("\x8aQTRACE\n\x02\x00\x00\x00\xe9"
                           "\x91"
@@ -580,7 +600,7 @@ TEST_F(trace_file, descriptors_that_are_not_open_are_errors)
     QTRACE_FILE_HDR header{};
     const QTRACE_FDESCR file = open();
     QTRACE_Fclose(file);
-    for (const QTRACE_FDESCR bad : {-1, -1000, file, 12345, 0x7fffffff}) {
+    for (const QTRACE_FDESCR bad : {-1, -1000, file, 12345, 256 * 1024 - 1, 256 * 1024, 0x7fffffff}) {
         const uint64_t failures = qtrace_writer_failures();
         EXPECT_NE(QTRACE_FwriteRecord(bad, &record), 0);
         EXPECT_NE(QTRACE_FwriteFileHeader(bad, &header), 0);
@@ -603,6 +623,23 @@ TEST_F(trace_file, on_a_full_device_is_not_opened)
 {
     EXPECT_EQ(QTRACE_Fopen("/dev/full", QTRACE_WRITE), -1);
     EXPECT_THAT(qtrace_writer_error(), HasSubstr("/dev/full: write: No space left"));
+}
+
+TEST_F(trace_file, that_cannot_be_opened_is_named_however_long_its_name_is)
+{
+    const std::string name = name_ + std::string(4000, '/') + "none/trace";
+    EXPECT_EQ(QTRACE_Fopen(name.c_str(), QTRACE_WRITE), -1);
+    EXPECT_EQ(qtrace_writer_error(), name + ": open: No such file or directory");
+}
+
+TEST_F(trace_file, whose_beginning_cannot_be_written_gives_back_its_descriptor)
+{
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    ::close(STDIN_FILENO);
+    EXPECT_EQ(QTRACE_Fopen("/dev/full", QTRACE_WRITE), -1);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
 }
 
 // The lowest is what a file gets where standard input is closed.
@@ -753,6 +790,37 @@ TEST_F(trace_file, tells_what_was_refused_and_goes_on_at_the_right_address)
     EXPECT_TRUE(last.address_known);
     EXPECT_EQ(last.address, 0x2004u);
     EXPECT_EQ(qtrace_open_header(reader)->iar[1], 0x20);
+    qtrace_close(reader);
+}
+
+TEST_F(trace_file, misses_as_many_records_as_headers_and_says_so)
+{
+    Random_Trace chance(14);
+    const QTRACE_FDESCR file = open();
+    {
+        const Small_Disk disk(100'000);
+        for (QTRACE_RECORD record = chance.wild_record(); QTRACE_FwriteRecord(file, &record) == 0;)
+            record = chance.wild_record();
+        QTRACE_FILE_HDR header{};
+        ASSERT_NE(QTRACE_FwriteFileHeader(file, &header), 0);
+    }
+    QTRACE_RECORD record{};
+    ASSERT_EQ(QTRACE_FwriteRecord(file, &record), 0);
+    QTRACE_Fclose(file);
+    const Contents contents = read();
+    ASSERT_EQ(contents.wanted.size(), 1u);
+    EXPECT_EQ(contents.wanted[0].records, 1u);
+    EXPECT_EQ(contents.wanted[0].headers, 1u);
+}
+
+TEST_F(trace_file, of_headers_alone_has_no_record_to_go_to)
+{
+    const QTRACE_FDESCR file = open();
+    write(file, QTRACE_FILE_HDR{});
+    QTRACE_Fclose(file);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    EXPECT_EQ(qtrace_seek(reader, 0), -1);
+    EXPECT_EQ(qtrace_next(reader, nullptr), QTRACE_ITEM_END);
     qtrace_close(reader);
 }
 

@@ -221,6 +221,16 @@ TEST_F(reader_edge, inputs_are_expected_from_nothing_but_the_address)
     EXPECT_TRUE(contents.items[0].image == image_of(expected));
 }
 
+TEST_F(reader_edge, data_address_has_one_of_three_bases)
+{
+    for (const char base : {'\x02', '\x03', '\x04', '\x7f'}) {
+        const std::string shape = std::string("\0\0\0\0\0\0\x08\0\0", 9); // control word 0, new: a data address
+        put_bytes(start() + block(payload_of({"", "\x22", "", shape, "", {base, 0}}),
+                                  [](auto &header) { header.records = 1; }));
+        EXPECT_EQ(read().damages.empty(), base == '\x02') << int{base};
+    }
+}
+
 TEST_F(reader_edge, header_item_has_no_other_bits)
 {
     const std::pair<std::string, bool> operations[] = {

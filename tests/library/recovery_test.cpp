@@ -150,6 +150,39 @@ TEST_F(recovery, of_a_loss_of_unknown_size_and_a_known_one_is_of_unknown_size)
     EXPECT_EQ(result_.lost_records_known, 0);
 }
 
+TEST_F(recovery, adds_up_what_was_kept_and_what_was_lost)
+{
+    write_damaged();
+    const Contents damaged = read();
+    ASSERT_EQ(damaged.damages.size(), 2u);
+    const QTRACE_Discontinuity &first = damaged.damages[0], &second = damaged.damages[1];
+    const mode_t before = umask(0027);
+    ASSERT_EQ(recover(), 0) << error_;
+    umask(before);
+    EXPECT_EQ(result_.damaged_places, 2u);
+    EXPECT_EQ(result_.lost_bytes, first.bytes + second.bytes);
+    EXPECT_EQ(result_.lost_records, first.records + second.records);
+    EXPECT_EQ(result_.lost_records_known, 1);
+    EXPECT_EQ(result_.open_end, 0);
+    std::filesystem::rename(saved_, name_);
+    EXPECT_EQ(result_.blocks, verified().blocks);
+    EXPECT_EQ(result_.records, read().records());
+    EXPECT_EQ(result_.headers, 1u);
+    EXPECT_EQ(std::filesystem::status(name_).permissions(), std::filesystem::perms{0640});
+}
+
+TEST_F(recovery, of_bytes_after_the_last_block_loses_no_record)
+{
+    write_plausible(100);
+    put_bytes(bytes() + "garbage");
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_EQ(result_.damaged_places, 1u);
+    EXPECT_EQ(result_.lost_bytes, 7u);
+    EXPECT_EQ(result_.lost_records, 0u);
+    EXPECT_EQ(result_.lost_records_known, 1);
+    EXPECT_EQ(result_.open_end, 0);
+}
+
 TEST_F(recovery, marks_where_one_file_follows_another)
 {
     write_plausible(100);

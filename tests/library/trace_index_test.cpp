@@ -310,6 +310,22 @@ TEST_F(trace_index, covers_more_blocks_with_each_step_where_there_are_more_than_
     qtrace_index_close(index);
 }
 
+TEST_F(trace_index, tells_that_files_follow_each_other_whatever_comes_after)
+{
+    write_small_blocks();
+    const std::vector<uint64_t> at = block_offsets();
+    const auto clean_and_damaged = [&](const std::string &file) {
+        put_bytes(file);
+        return std::pair{verified().clean_end, verified().damaged_places};
+    };
+    EXPECT_EQ(clean_and_damaged(whole_), (std::pair{1, uint64_t{0}}));
+    EXPECT_EQ(clean_and_damaged(whole_ + whole_.substr(16)), (std::pair{0, uint64_t{1}}));
+    EXPECT_EQ(clean_and_damaged(whole_ + spoilt({at[5] + 60}).substr(16)), (std::pair{0, uint64_t{2}}));
+    EXPECT_EQ(clean_and_damaged(whole_.substr(0, at[5])), (std::pair{0, uint64_t{1}})); // cut between blocks
+    EXPECT_EQ(clean_and_damaged(whole_.substr(0, at[5] + 60)), (std::pair{0, uint64_t{1}}));
+    EXPECT_EQ(clean_and_damaged(spoilt({at[2] + 60}).substr(0, at[5])), (std::pair{0, uint64_t{2}}));
+}
+
 TEST_F(trace_index, tells_the_blocks_of_a_step)
 {
     write_small_blocks();
