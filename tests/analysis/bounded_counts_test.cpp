@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstring>
 #include <map>
 #include <numeric>
@@ -59,12 +61,16 @@ TEST(flat_table, numbers_keys_in_the_order_in_which_they_came)
 
 TEST(flat_table, keeps_entries_in_order_and_takes_more_afterwards)
 {
-    for (const uint64_t keep : {3, 1024, 2048, 2500, 0}) {
+    for (const uint64_t keep : {3, 1, 1023, 1024, 1025, 2048, 2500, 0}) {
         Flat_Table<uint64_t, uint64_t, Number_Hash> table;
         for (uint64_t key = 0; key < 5000; key++)
             table[key] = key + 1;
-        table.keep_if(
-            [&](uint64_t key, uint32_t number) { return key == number && key % 2 == 1 && key / 2 < keep; });
+        size_t asked = 0;
+        table.keep_if([&](uint64_t key, uint32_t number) {
+            asked++;
+            return key == number && key % 2 == 1 && key / 2 < keep;
+        });
+        EXPECT_EQ(asked, 5000u);
         ASSERT_EQ(table.size(), keep);
         for (uint64_t key = 10000; key < 13000; key++)
             EXPECT_EQ(table.number(key), keep + key - 10000);
@@ -77,6 +83,33 @@ TEST(flat_table, keeps_entries_in_order_and_takes_more_afterwards)
                                   [](uint64_t sum, const auto &entry) { return sum + entry.second; }),
                   keep * (keep + 1));
     }
+}
+
+TEST(flat_table, tells_keys_of_one_hash_apart)
+{
+    struct One_Hash {
+        size_t operator()(uint64_t) const { return 63; }
+    };
+    Flat_Table<uint64_t, uint64_t, One_Hash> table;
+    for (uint64_t key = 0; key < 100; key++)
+        EXPECT_EQ(table.number(key + 5), key);
+    for (uint64_t key = 0; key < 100; key++)
+        EXPECT_EQ(table.number(key + 5), key);
+}
+
+TEST(flat_table, iterators_go_from_entry_to_entry)
+{
+    Flat_Table<uint64_t, uint64_t, Number_Hash> table;
+    table[7] = 70, table[3] = 30;
+    auto entry = table.begin();
+    EXPECT_EQ((entry++)->first, 7u);
+    EXPECT_EQ(*entry, (std::pair<uint64_t, uint64_t>{3, 30}));
+    EXPECT_EQ(++entry, table.end());
+}
+
+TEST(mixed_hash, is_never_0)
+{
+    EXPECT_NE(mixed(0, 0), 0u);
 }
 
 // ---- The heaviest keys ---------------------------------------------------------------------------------
@@ -143,6 +176,23 @@ TEST(bounded_counts, are_exact_up_to_their_limit)
     EXPECT_TRUE(counts.is_estimate());
     EXPECT_EQ(counts.shift(), 1u);
     EXPECT_LT(counts.sample().size(), 600u);
+}
+
+TEST(bounded_counts, are_exact_up_to_a_million_keys_with_the_heaviest_of_16384_beyond)
+{
+    EXPECT_EQ(Counts::MOST, 1048576u);
+    EXPECT_EQ(Counts::MOST_HEAVY, 16384u);
+}
+
+// As many as are kept with one limit are kept with a limit of just so many.
+TEST(bounded_counts, sample_one_key_in_the_least_power_of_two_that_fits)
+{
+    for (const size_t most : {10, 100, 150, 200}) {
+        const Counts counts = counts_of(0, 3000, most);
+        const Counts as_many = counts_of(0, 3000, counts.sample().size());
+        EXPECT_EQ(as_many.shift(), counts.shift());
+        EXPECT_EQ(values_of(as_many.sample()), values_of(counts.sample()));
+    }
 }
 
 // 64 estimates of 50,000 keys of which some 800 are kept: their error is 3.5 % on average when keys are chosen at random.
@@ -283,6 +333,44 @@ TEST(bounded_counts, tell_what_stays_in_the_sample_by_number)
     EXPECT_GT(sum, 0u);
 }
 
+// ---- Sums ----------------------------------------------------------------------------------------------
+
+namespace
+{
+
+using Numbers = std::array<uint64_t, sizeof(Trace_Sums) / sizeof(uint64_t)>;
+
+} // namespace
+
+TEST(trace_sums, begin_at_0)
+{
+    EXPECT_EQ(std::bit_cast<Numbers>(Trace_Sums()), Numbers{});
+}
+
+TEST(trace_sums, are_added_up_number_by_number)
+{
+    Numbers one, other;
+    std::iota(one.begin(), one.end(), 1u);
+    std::iota(other.begin(), other.end(), 1000u);
+    auto sums = std::bit_cast<Trace_Sums>(one);
+    sums.add(std::bit_cast<Trace_Sums>(other));
+    const auto added = std::bit_cast<Numbers>(sums);
+    for (size_t i = 0; i < added.size(); i++)
+        EXPECT_EQ(added[i], 1001 + 2 * i) << i;
+}
+
+TEST(page_sizes, are_those_of_the_simulator_unless_told_otherwise)
+{
+    const Page_Sizes sizes;
+    const char *const names[] = {"4K", "64K", "2M", "1G", "16M", "code 5"};
+    const unsigned bits[] = {12, 16, 21, 30, 24, 12};
+    for (uint8_t code = 0; code < std::size(names); code++) {
+        EXPECT_EQ(sizes.name(code), names[code]);
+        EXPECT_EQ(sizes.bits(code), bits[code]);
+        EXPECT_EQ(sizes.knows(code), code < 5);
+    }
+}
+
 // ---- The pages of a trace ------------------------------------------------------------------------------
 
 namespace
@@ -339,6 +427,47 @@ TEST(touched_pages, are_those_that_instructions_run_on_and_that_are_accessed)
     EXPECT_EQ(counts.touched.data.hottest, (Hottest{{{0x2000, 0, 0}, 3}, {{0x1000, 0, 0}, 1}}));
 }
 
+TEST(touched_pages, of_a_trace_without_a_header_are_those_of_partition_0)
+{
+    Trace_Counts counts{Page_Sizes()};
+    EXPECT_FALSE(counts.touched.estimated);
+    EXPECT_EQ(counts.touched.shortfall, 0u);
+    QTRACE_Item nested = accessing(2);
+    nested.record.header.control.fld.guest_xlate_mode_data = 0;
+    nested.record.header.control.fld.host_xlate_mode_data = 0;
+    counts.record(nested);
+    counts.finish_pages(10);
+    EXPECT_EQ(counts.unnamed_fetches, 1u);
+    EXPECT_EQ(counts.fetch_cases[UNKNOWN_CASE], 1u);
+    EXPECT_TRUE(counts.touched.fetched.counts.empty());
+    EXPECT_EQ(counts.touched.data.hottest, (Hottest{{{0x2000, 1, 0}, 1}}));
+}
+
+// 8 instructions on a page of 4 KiB that a branch named, then as many on the next one; in parts of which the second
+// and third do not know where they run.
+TEST(touched_pages, of_fetches_end_where_the_named_page_ends)
+{
+    QTRACE_Item branch = entering(2), plain = plain_item();
+    const uint64_t first = 0x2fe0;
+    std::memcpy(branch.record.next_instruction_ea, &first, sizeof(first));
+    for (const size_t parts : {1, 2, 3}) {
+        std::vector<Trace_Counts> counts(parts, Trace_Counts{Page_Sizes()});
+        counts[0].loss(nullptr);
+        counts[0].record(branch);
+        for (size_t part = 1; part < parts; part++)
+            counts[part].begin(nullptr);
+        for (uint64_t i = 0; i < 16; i++) {
+            plain.address = first + 4 * i;
+            counts[i < 3 ? 0 : std::min<size_t>(i / 6 + 1, parts - 1)].record(plain);
+        }
+        for (size_t part = parts - 1; part > 0; part--)
+            counts[part - 1].append(counts[part]);
+        counts[0].finish_pages(10);
+        EXPECT_EQ(counts[0].unnamed_fetches, 9u) << parts; // the branch, and those on the next page
+        EXPECT_EQ(counts[0].touched.fetched.hottest, (Hottest{{{0x2000, 0, 0}, 8}})) << parts;
+    }
+}
+
 TEST(touched_pages, beyond_the_limit_are_an_estimate_that_says_so)
 {
     Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::counted, 500);
@@ -373,6 +502,28 @@ TEST(touched_pages, of_a_size_that_the_sample_misses_are_one_at_least)
     EXPECT_EQ(total.touched.data.counts.size(), 6u);
     for (uint8_t code = 1; code <= 5; code++)
         EXPECT_GE(total.touched.data.counts[code], 1u);
+}
+
+TEST(touched_pages, of_several_traces_have_the_sizes_of_each_one)
+{
+    Trace_Counts total(Page_Sizes{}, Trace_Counts::Pages::counted, 8);
+    for (uint8_t code = 0; code < 5; code++) {
+        Trace_Counts counts(Page_Sizes{}, Trace_Counts::Pages::counted, 8);
+        counts.loss(nullptr);
+        for (uint32_t page = 1; page <= (code == 4 ? 4000 : 1); page++) {
+            QTRACE_Item access = accessing(page << 12), entry = entering(page << 12);
+            access.record.data_page_size = code;
+            entry.record.next_instruction_page_size = code;
+            counts.record(access);
+            counts.record(entry);
+        }
+        total.add(counts);
+    }
+    total.finish_pages(1);
+    EXPECT_TRUE(total.touched.estimated);
+    for (const Side_Pages *side : {&total.touched.fetched, &total.touched.data})
+        for (uint8_t code = 0; code < 4; code++)
+            EXPECT_EQ(side->counts.at(code), 1u) << int{code};
 }
 
 TEST(touched_pages, are_not_kept_where_they_are_left_out)
@@ -425,6 +576,26 @@ TEST(frequent_keys, of_two_parts_together_give_up_what_the_first_one_without_roo
     std::vector<std::pair<uint64_t, uint64_t>> top = counts.top(10);
     std::ranges::sort(top);
     EXPECT_EQ(top, (std::vector<std::pair<uint64_t, uint64_t>>{{0, 8}, {1, 8}, {2, 8}, {CAPACITY, 18}}));
+}
+
+TEST(frequent_keys, are_exact_up_to_8192)
+{
+    EXPECT_EQ(Frequent_Keys::CAPACITY, 8192u);
+}
+
+TEST(frequent_keys, of_two_parts_add_up_with_their_shortfalls)
+{
+    Frequent_Keys counts, more;
+    for (uint64_t key = 0; key < Frequent_Keys::CAPACITY; key++) {
+        counts.add(key, 2);
+        more.add(key, 3);
+    }
+    counts.add(10'000, 7); // for which the others give up 2
+    more.add(20'000, 5);   // for which the others give up 3
+    more.add(10'000, 4);
+    counts.add(more);
+    EXPECT_EQ(counts.shortfall(), 5u);
+    EXPECT_EQ(counts.top(10), (std::vector<std::pair<uint64_t, uint64_t>>{{10'000, 11}, {20'000, 5}}));
 }
 
 // All lose the smallest count, 2: those that had no more make room.

@@ -1,7 +1,9 @@
 // `qtrace diff` on traces made by hand: every kind of difference, headers, pieces that are missing, damage.
+#include "equal_blocks.h"
 #include "planted_trace.h"
 #include "record_alignment.h"
 #include "record_difference.h"
+#include "trace_diff.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -335,6 +337,173 @@ TEST(diff_range, beyond_both_traces_is_refused)
     EXPECT_THAT(outcome.err, HasSubstr("old0: no record 20: the file has 20\n"));
 }
 
+// ---- Equal groups of blocks ----------------------------------------------------------------------------
+
+namespace
+{
+
+using qtrace_tool::Block_Group;
+using qtrace_tool::Equal_Blocks;
+using qtrace_tool::Record_Range;
+using qtrace_tool::Trace_File;
+
+// Two open files, and the groups that threads compare of them.
+struct Two_Files {
+    Two_Files(const std::string &one, const std::string &other)
+        : a(Trace_File::open(run, one)), b(Trace_File::open(run, other))
+    {
+    }
+    std::vector<Block_Group> groups(const Record_Range &range = {}, unsigned jobs = 2) const
+    {
+        return Equal_Blocks(*a, *b, range, jobs).groups();
+    }
+    std::vector<bool> verdicts() const
+    {
+        Equal_Blocks blocks(*a, *b, {}, 2);
+        std::vector<bool> equal;
+        for (size_t group = 0; group < blocks.groups().size(); group++)
+            equal.push_back(blocks.is_equal(group));
+        return equal;
+    }
+
+    qtrace_tool::Tool_Run run{1, 2};
+    std::unique_ptr<Trace_File> a, b;
+};
+
+// Checks that the groups follow each other from the beginning on; returns how many blocks and records they have.
+std::pair<uint64_t, uint64_t> extent_of(const std::vector<Block_Group> &groups)
+{
+    uint64_t blocks = 0, records = 0;
+    for (const Block_Group &group : groups) {
+        EXPECT_EQ(group.first_block, blocks);
+        EXPECT_EQ(group.first_record, records);
+        EXPECT_EQ(group.first_header, blocks == 0 ? 0u : 1u);
+        blocks += group.blocks;
+        records += group.records;
+    }
+    return {blocks, records};
+}
+
+} // namespace
+
+TEST(equal_blocks, are_compared_in_pairs_by_several_threads)
+{
+    const Folder folder;
+    Trace trace = numbered_trace(30000);
+    const std::string old = folder.write("old0", trace);
+    trace[1 + 15000].record.regs.gpr_out[0].value++;
+    const Two_Files files(old, folder.write("new0", trace));
+    const std::vector<Block_Group> groups = files.groups();
+    const uint64_t blocks = files.a->info().blocks;
+    ASSERT_GT(blocks, 6u);
+    EXPECT_EQ(groups.size(), (blocks + 1) / 2);
+    EXPECT_EQ(extent_of(groups), std::pair(blocks, uint64_t{30000}));
+    const std::vector<bool> equal = files.verdicts();
+    for (size_t i = 0; i < groups.size(); i++)
+        EXPECT_EQ(equal[i], 15000 < groups[i].first_record || 15000 >= groups[i].first_record + groups[i].records);
+    EXPECT_TRUE(files.groups({}, 1).empty());
+}
+
+TEST(equal_blocks, are_those_whose_records_all_belong_to_the_range)
+{
+    const Folder folder;
+    const std::string trace = folder.write("old0", numbered_trace(30000));
+    const Two_Files files(trace, trace);
+    const Block_Group first = files.groups()[0], second = files.groups()[1];
+    const auto count_in = [&](uint64_t begin, uint64_t records) { return files.groups({begin, records}).size(); };
+    EXPECT_EQ(count_in(0, first.records), 1u);
+    EXPECT_EQ(count_in(0, first.records - 1), 0u);
+    EXPECT_EQ(count_in(0, first.records + 1), 1u);
+    EXPECT_EQ(count_in(1, first.records + second.records - 1), 1u);
+    EXPECT_EQ(count_in(first.records, second.records), 1u);
+    EXPECT_EQ(count_in(first.records + 1, second.records), 0u);
+}
+
+TEST(equal_blocks, end_where_the_numbers_of_items_differ)
+{
+    const Folder folder;
+    const std::string whole = folder.write("old0", numbered_trace(30000));
+    const std::string begun = folder.write("new0", numbered_trace(20000));
+    const Two_Files files(whole, begun);
+    EXPECT_EQ(extent_of(files.groups()).first, files.b->info().blocks - 1) << "all but the last block";
+    Trace trace = good_trace();
+    const std::string one = folder.write("one0", trace);
+    EXPECT_EQ(Two_Files(one, one).verdicts(), (std::vector{true}));
+    trace.push_back(trace[PARTITION]);
+    EXPECT_TRUE(Two_Files(one, folder.write("more0", trace)).groups().empty());
+}
+
+TEST(equal_blocks, end_where_records_are_missing_in_both_files)
+{
+    const Folder folder;
+    folder.write("whole0", numbered_trace(40000));
+    std::string bytes = folder.contents("whole0");
+    bytes[bytes.size() / 2] ^= 0x55;
+    const std::string damaged = folder.text("damaged0", bytes), saved = folder.path("saved0");
+    const uint64_t lost = json::parse(qtrace({"recover", "--json", damaged, saved}).out)["lost_records"];
+    ASSERT_GT(lost, 1000u);
+    const Two_Files files(saved, saved);
+    EXPECT_LT(extent_of(files.groups()).second, 40000 - lost);
+    EXPECT_GT(files.groups().size(), 1u);
+    for (const bool equal : files.verdicts())
+        EXPECT_TRUE(equal);
+    bytes = folder.contents("whole0");
+    bytes[1000] ^= 0x55; // in the first block
+    const std::string begun = folder.path("begun0");
+    qtrace({"recover", folder.text("damaged0", bytes), begun});
+    EXPECT_TRUE(Two_Files(begun, begun).groups().empty()) << "the first records are missing";
+}
+
+TEST(equal_blocks, whose_last_item_is_a_header_are_not_passed_over)
+{
+    const Folder folder;
+    const std::string header = folder.write("header0", {good_trace()[FIRST_HEADER]});
+    EXPECT_EQ(Two_Files(header, header).verdicts(), (std::vector{false}));
+    Trace trace = good_trace();
+    trace.push_back(trace[PARTITION]);
+    const std::string last = folder.write("last0", trace);
+    EXPECT_EQ(Two_Files(last, last).verdicts(), (std::vector{false}));
+}
+
+TEST(equal_blocks, with_another_header_or_address_differ)
+{
+    const Folder folder;
+    const std::string one = folder.write("one0", good_trace());
+    for (const Place place : {PARTITION, SECOND_HEADER}) {
+        Trace trace = good_trace();
+        trace[place].header.pid[0]++;
+        EXPECT_EQ(Two_Files(one, folder.write("other0", trace)).verdicts(), (std::vector{false}));
+    }
+    Trace trace = good_trace();
+    trace[FIRST_HEADER].comment[3] = '!';
+    EXPECT_EQ(Two_Files(one, folder.write("other0", trace)).verdicts(), (std::vector{false}));
+}
+
+TEST(diff_jobs, records_of_equal_groups_are_passed_over_at_once)
+{
+    const Folder folder;
+    Trace trace = numbered_trace(60000);
+    trace.insert(trace.begin() + 1 + 30000, good_trace()[PARTITION]);
+    const std::string old = folder.write("old0", trace);
+    trace[1 + 30000].header.pid[0] ^= 1;
+    const std::string other = folder.write("new0", trace);
+    for (const unsigned jobs : {1u, 2u}) {
+        Two_Files read(old, other);
+        qtrace_tool::Trace_Diff diff(read.run, {*read.a, *read.b, {}}, {}, 10, [](const auto &place) {
+            EXPECT_EQ(place.record_a, 30000u);
+            EXPECT_EQ(place.record_b, 30000u);
+        });
+        std::vector<uint64_t> steps;
+        const auto counts = diff.run(jobs, [&](uint64_t records) { steps.push_back(records); });
+        EXPECT_EQ(counts.differing, 0u);
+        EXPECT_EQ(counts.by_kind[static_cast<size_t>(trace::Difference::header)], 1u);
+        EXPECT_EQ(counts.records_a, 60000u);
+        EXPECT_EQ(counts.records_b, 60000u);
+        EXPECT_EQ(std::accumulate(steps.begin(), steps.end(), uint64_t{0}), 60000u);
+        EXPECT_EQ(std::ranges::count_if(steps, [](uint64_t step) { return step > 4096; }), jobs == 1 ? 0 : 2);
+    }
+}
+
 // ---- Output --------------------------------------------------------------------------------------------
 
 TEST(diff_output, shows_nothing_that_a_terminal_executes)
@@ -492,6 +661,16 @@ TEST(alignment, the_fewest_edits_are_found_between_equal_ends)
                                      Alignment_Step{1, 0, 0}));
 }
 
+TEST(alignment, records_of_an_equal_end_belong_to_it_alone)
+{
+    for (const auto &[longer, shorter] : {std::pair{"aac", "cc"}, {"aba", "ca"}}) {
+        EXPECT_THAT(aligned(longer, shorter),
+                    testing::ElementsAre(Alignment_Step{0, 2, 1}, Alignment_Step{1, 0, 0}));
+        EXPECT_THAT(aligned(shorter, longer),
+                    testing::ElementsAre(Alignment_Step{0, 1, 2}, Alignment_Step{1, 0, 0}));
+    }
+}
+
 // The letters h to o occur twice on the left; the records around them tell which of both is meant.
 TEST(alignment, what_occurs_twice_does_not_tell_the_place)
 {
@@ -561,6 +740,49 @@ TEST(alignment, records_in_a_row_at_the_end_belong_together)
               (Steps{{0, 3, 5}, {8, 0, 0}}));
 }
 
+TEST(alignment, records_in_a_row_at_the_beginning_belong_together)
+{
+    const auto a = records(joined({row(0, 8), row(300, 2)}));
+    const auto b = records(joined({row(200, 5), row(0, 8), row(400, 4)}));
+    EXPECT_EQ(begun(a, b), (Steps{{0, 0, 5}, {8, 0, 0}}));
+    EXPECT_EQ(begun(b, a), (Steps{{0, 5, 0}, {8, 0, 0}}));
+}
+
+TEST(alignment, records_are_missing_on_one_side_between_two_rows_that_belong_together)
+{
+    const auto a = records(joined({row(0, 10), row(20, 8)}));
+    const auto b = records(joined({row(0, 10), row(100, 3), row(20, 8)}));
+    EXPECT_EQ(begun(a, b), (Steps{{10, 0, 3}, {8, 0, 0}}));
+    EXPECT_EQ(begun(b, a), (Steps{{10, 3, 0}, {8, 0, 0}}));
+}
+
+TEST(alignment, rows_that_overlap_in_another_way_on_the_other_side_are_not_paired_twice)
+{
+    // The row of 20 to 27 begins within that of 13 to 20 on one side, and two records after it on the other.
+    const auto a = records(row(13, 15)), b = records(joined({row(13, 8), {90, 91}, row(20, 8)}));
+    EXPECT_EQ(begun(a, b), (Steps{{8, 0, 0}}));
+    EXPECT_EQ(begun(b, a), (Steps{{8, 0, 0}}));
+}
+
+TEST(alignment, what_occurs_twice_on_one_side_alone_does_not_tell_the_place)
+{
+    EXPECT_EQ(begun(loop(0, 1, 9), loop(0, 1, 8)), (Steps{{8, 0, 0}}));
+    const std::vector<uint64_t> twice = joined({row(0, 8), {50, 51}, row(0, 8)});
+    const auto a = records(joined({{40}, twice, {60, 61}})), b = records(joined({{41, 42, 43}, row(0, 8), {70}}));
+    EXPECT_EQ(begun(a, b), (Steps{{12, 0, 0}}));
+    EXPECT_EQ(begun(b, a), (Steps{{12, 0, 0}}));
+}
+
+TEST(alignment, most_rows_in_the_same_order_belong_together)
+{
+    EXPECT_EQ(begun(records(joined({row(0, 8), row(50, 9)})), records(joined({row(50, 9), row(0, 8)}))),
+              (Steps{{0, 8, 0}, {9, 0, 0}}));
+    const auto a = joined({row(0, 8), {101}, row(20, 8), {102}, row(40, 8), {103}, row(60, 8)});
+    const auto b = joined({row(0, 8), {201}, row(40, 8), {202}, row(60, 8), {203}, row(20, 8)});
+    EXPECT_EQ(begun(records(a), records(b)), (Steps{{8, 10, 1}, {17, 0, 0}}));
+    EXPECT_EQ(begun(records(b), records(a)), (Steps{{8, 1, 10}, {17, 0, 0}}));
+}
+
 TEST(alignment, records_whose_keys_differ_in_one_bit_are_others)
 {
     for (const uint64_t bit : {uint64_t{1}, uint64_t{1} << 63}) {
@@ -610,6 +832,42 @@ TEST(alignment, up_to_400_records_are_left_out_between_records_that_agree_one_by
         for (Alignment_Step &step : expected)
             std::swap(step.only_a, step.only_b);
         EXPECT_EQ(qtrace_tool::align_records(records(b), records(a), true), expected);
+    }
+}
+
+TEST(alignment, equal_ends_belong_together_however_much_differs_between_them)
+{
+    const auto a = records(joined({row(700, 5), row(0, 300), row(900, 5)}));
+    const auto b = records(joined({row(700, 5), row(400, 250), row(900, 5)}));
+    EXPECT_EQ(qtrace_tool::align_records(a, b, true), (Steps{{5, 300, 250}, {5, 0, 0}}));
+}
+
+namespace
+{
+
+// Around `core` so many layers: in each a row that occurs once in it, then the row of the layer within once more, so that
+// nothing else does. The records between are only on one side.
+std::vector<uint64_t> layered(std::vector<uint64_t> core, uint64_t layers, uint64_t side)
+{
+    const auto own = [&] { return std::vector{side++}; };
+    for (uint64_t layer = 1; layer <= layers; layer++)
+        core = joined({own(), core, own(), row(10 * layer, 8), own(), row(10 * (layer - 1), 8), own()});
+    return core;
+}
+
+} // namespace
+
+TEST(alignment, rows_are_looked_for_between_rows_32_times)
+{
+    const std::vector<uint64_t> core_a = joined({row(20'000, 300), row(0, 8), row(30'000, 5)});
+    const std::vector<uint64_t> core_b = joined({row(40'000, 150), row(0, 8), row(50'000, 200)});
+    for (const uint64_t layers : {31, 32}) {
+        Steps expected{{0, layers + 300, layers + 150}, {8, 5 + 1, 200 + 1}, {19 * layers - 1, 0, 0}};
+        if (layers == 32)
+            expected = {{0, layers + 300 + 8 + 5 + 1, layers + 150 + 8 + 200 + 1}, {19 * layers - 1, 0, 0}};
+        EXPECT_EQ(qtrace_tool::align_records(records(layered(core_a, layers, 60'000)),
+                                             records(layered(core_b, layers, 70'000)), true),
+                  expected);
     }
 }
 

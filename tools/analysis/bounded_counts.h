@@ -39,10 +39,8 @@ public:
     uint64_t shortfall() const { return shortfall_; }
 
 private:
-    // The key that came last stays.
     void forget_light_ones()
     {
-        const uint32_t last = static_cast<uint32_t>(table_.size() - 1);
         std::vector<uint64_t> weights;
         for (const auto &[key, value] : table_)
             weights.push_back(Weigh()(value));
@@ -53,7 +51,7 @@ private:
                                         weights.begin(), middle, [=](uint64_t weight) { return weight > limit; }));
         table_.keep_if([&](const Key &, uint32_t number) {
             const uint64_t weight = Weigh()(table_.value(number));
-            return number == last || weight > limit || (weight == limit && at_limit > 0 && at_limit-- > 0);
+            return weight > limit || (weight == limit && at_limit > 0 && at_limit-- > 0);
         });
         shortfall_ += limit;
     }
@@ -149,7 +147,7 @@ private:
             return;
         if (shift_ == 0)
             for (const auto &[key, value] : sample_)
-                heavy_[key] += value;
+                heavy_[key] = value; // which it has not yet
         shift_ = shift;
         sample_.keep_if([&](const Key &key, uint32_t number) {
             const bool stays = is_sampled(key);

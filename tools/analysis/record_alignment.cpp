@@ -42,10 +42,12 @@ std::vector<Run> unique_runs(Keys keys, View view, size_t length)
     }
     std::ranges::sort(runs, {}, &Run::hash);
     std::vector<Run> unique;
-    for (size_t i = 0; i < runs.size(); i++)
-        if ((i == 0 || runs[i - 1].hash != runs[i].hash) &&
-            (i + 1 == runs.size() || runs[i + 1].hash != runs[i].hash))
-            unique.push_back(runs[i]);
+    for (auto run = runs.begin(); run != runs.end();) {
+        const auto next = std::find_if(run, runs.end(), [&](const Run &other) { return other.hash != run->hash; });
+        if (next - run == 1)
+            unique.push_back(*run);
+        run = next;
+    }
     return unique;
 }
 
@@ -72,12 +74,9 @@ std::vector<Anchor> find_anchors(Keys a, Keys b, View view, size_t length)
 {
     const std::vector<Run> in_a = unique_runs(a, view, length), in_b = unique_runs(b, view, length);
     std::vector<Anchor> anchors;
-    for (auto i = in_a.begin(), k = in_b.begin(); i != in_a.end() && k != in_b.end();) {
+    for (auto i = in_a.begin(), k = in_b.begin(); i != in_a.end() && k != in_b.end(); ++(i->hash < k->hash ? i : k))
         if (i->hash == k->hash)
-            anchors.push_back({(i++)->at, (k++)->at});
-        else
-            ++(i->hash < k->hash ? i : k);
-    }
+            anchors.push_back({i->at, k->at});
     std::ranges::sort(anchors, {}, &Anchor::a);
     return longest_chain(anchors);
 }
@@ -112,8 +111,8 @@ size_t common_suffix(Keys a, Keys b, Same same)
     return length;
 }
 
-// The fewest records to leave out on both sides so that the others agree in place. By number of edits it keeps how
-// far each diagonal was followed.
+// The fewest records to leave out on both sides so that the others agree in place; the first ones do not agree. By
+// number of edits it keeps how far each diagonal was followed.
 class Edit_Search
 {
 public:
@@ -161,7 +160,7 @@ int Edit_Search::begin_of(const Reach &reach, int edits, int diagonal) const
 
 int Edit_Search::follow(int x, int diagonal) const
 {
-    while (x < size_a() && x - diagonal < size_b() && x - diagonal >= 0 && same_place(a_[x], b_[x - diagonal]))
+    while (x < size_a() && x - diagonal < size_b() && same_place(a_[x], b_[x - diagonal]))
         x++;
     return x;
 }
@@ -185,13 +184,11 @@ std::vector<Anchor> Edit_Search::pairs() const
 {
     std::vector<Anchor> pairs;
     int x = size_a(), y = size_b();
-    for (int edits = static_cast<int>(reached_.size()) - 1; edits >= 0; edits--) {
+    for (int edits = static_cast<int>(reached_.size()) - 1; edits > 0; edits--) {
         const Reach &reach = reached_[static_cast<size_t>(edits)];
         const int diagonal = x - y, begin = begin_of(reach, edits, diagonal);
         for (; x > begin; x--, y--)
             pairs.push_back({static_cast<size_t>(x) - 1, static_cast<size_t>(y) - 1});
-        if (edits == 0)
-            break;
         const bool only_b = leaves_out_b(reach, edits, diagonal);
         x = only_b ? begin : begin - 1;
         y = x - (only_b ? diagonal + 1 : diagonal - 1);
@@ -281,7 +278,7 @@ template <class Between> bool Aligner::follow(View view, size_t run, size_t end_
         const size_t a = from_a + anchor.a, b = from_b + anchor.b;
         if (a >= x_ && b >= y_)
             between(a, b);
-        if (a + run - x_ == b + run - y_ && a + run > x_)
+        if (a - x_ == b - y_) // also where the one before reaches into it
             pair(a + run - x_);
     }
     return !anchors.empty();

@@ -165,8 +165,6 @@ void Trace_Counts::finish_pages(size_t top)
 {
     using Times = std::optional<uint64_t>;
     add_current_pages(*this);
-    fetch_ = {};
-    data_accesses_ = 0;
     touched.fetched = side_of(pages_, fetched_codes_, top,
                               [](const Page_Use &use) { return use.fetched ? Times(use.fetches) : Times(); });
     touched.data = side_of(pages_, data_codes_, top,
