@@ -503,6 +503,55 @@ TEST_F(recover_figures, info_tells_of_damage_in_a_block_with_headers_once)
     EXPECT_THAT(outcome.out, HasSubstr("; 1 damaged place ("));
 }
 
+TEST_F(recover_figures, what_is_lost_directly_before_a_range_is_told_with_it)
+{
+    bytes[blocks[1].offset + 100] ^= 0x20;
+    folder.text("broken0", bytes);
+    const uint32_t resumed = blocks[0].records + blocks[1].records;
+    for (const auto &[from, code] : {std::pair(resumed, 3), {resumed + 1, 0}}) {
+        const Outcome outcome = qtrace({"dump", "--from", std::to_string(from), "--count", "1", "broken0"});
+        EXPECT_EQ(outcome.exit_code, code);
+        EXPECT_EQ(outcome.err.empty(), code == 0) << outcome.err;
+        EXPECT_THAT(outcome.out, HasSubstr(fmt::format("{:>10} ", from)));
+    }
+}
+
+// In whichever block that header is.
+TEST_F(hand_counts, a_range_has_the_header_before_its_first_record)
+{
+    Trace trace;
+    for (const Item &item : long_trace(12000)) {
+        if (!item.is_header)
+            trace.push_back(good_trace()[trace.empty() ? FIRST_HEADER : PARTITION]);
+        if (!item.is_header)
+            trace.push_back(item);
+    }
+    folder.write("headers0", trace);
+    const std::string bytes = folder.contents("headers0");
+    uint64_t first = 0;
+    for (const size_t offset : markers(bytes)) {
+        const json range = json::parse(
+            qtrace({"info", "--verify", "--json", "--from", std::to_string(first), "--count", "1", "headers0"})
+                .out);
+        EXPECT_EQ(range["headers"], 1) << first;
+        EXPECT_EQ(range["records"], 1) << first;
+        first += number_at(bytes, offset + 16);
+    }
+    EXPECT_EQ(first, 12000u);
+}
+
+// They are read once more to be shown.
+TEST_F(hand_counts, info_shows_headers_that_are_too_many_to_be_kept)
+{
+    const Trace trace(2000, good_trace()[FIRST_HEADER]);
+    folder.write("headers0", trace);
+    const std::string text = qtrace({"info", "--headers", "1990", "headers0"}).out;
+    for (const auto &[number, shown] : {std::pair(0, true), {1989, true}, {1990, false}})
+        EXPECT_EQ(text.find(fmt::format("\n  header {:<4} before record 0: ", number)) != std::string::npos, shown);
+    EXPECT_THAT(text, testing::EndsWith("  ... and 10 more full headers (--headers N lists N)\n"));
+    EXPECT_EQ(json::parse(qtrace({"info", "--json", "headers0"}).out)["header_list"].size(), 2000u);
+}
+
 TEST_F(recover_figures, of_a_cut_block)
 {
     const uint32_t lost = blocks[4].records;
@@ -557,6 +606,11 @@ TEST_F(recover_figures, of_several_places_are_added_up)
                        "broken0: lost at 3 places: {} bytes, {} records\n",
                        20000 - lost, lost_bytes + 2, lost));
     EXPECT_EQ(verified("saved0")["left_out"], 2);
+    const auto verified_range = [](const char *file) {
+        return json::parse(qtrace({"info", "--verify", "--json", "--from", "0", file}).out);
+    };
+    EXPECT_EQ(verified_range("saved0")["left_out"], 2);
+    EXPECT_EQ(verified_range("broken0")["damaged_places"], verified("broken0")["damaged_places"]);
     EXPECT_THAT(qtrace({"info", "saved0"}).out, HasSubstr("\n  missing      records or headers at 2 places\n"));
 }
 

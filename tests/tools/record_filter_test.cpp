@@ -114,6 +114,9 @@ TEST_F(record_filter, limits_what_statistics_count)
     EXPECT_EQ(process["instructions"], 4);
     EXPECT_EQ(process["partitions"], json::parse(R"([{"lpid":"0x2","pid":8,"instructions":4}])"));
     EXPECT_EQ(counted({"--from", "2", "--count", "3"})["instructions"], 3);
+    const json first = counted({"--pc", "1000"}); // on the page of the header before it
+    EXPECT_EQ(first["hot_fetch_pages"], json::parse(R"([{"address":"0x10000","size":"64K","times":1}])"));
+    EXPECT_EQ(first["unnamed_fetches"], 0);
 }
 
 TEST_F(record_filter, takes_both_ends_of_a_range_and_the_largest_numbers)
@@ -312,6 +315,24 @@ TEST(a_range, means_numbers_of_records_where_some_are_missing)
         sum += json::parse(done.out)["records"].get<uint64_t>();
     }
     EXPECT_EQ(sum, all);
+}
+
+// Their numbers begin anew, so that the range is in each of them.
+TEST(a_range, is_found_in_every_file_of_those_that_stand_one_after_another)
+{
+    const Folder folder;
+    constexpr uint64_t RECORDS = 20000; // of several blocks
+    const Trace trace = long_parts();
+    folder.write("trace0", {trace.begin(), trace.begin() + 2 + RECORDS});
+    const std::string bytes = folder.contents("trace0"), file = folder.text("twice0", bytes + bytes);
+    const auto counted = [&](uint64_t from, uint64_t count) {
+        const Outcome done =
+            qtrace({"stats", "--json", "--from", std::to_string(from), "--count", std::to_string(count), file});
+        return json::parse(done.out)["instructions"].get<uint64_t>();
+    };
+    for (const uint64_t from : {uint64_t{0}, uint64_t{9000}, RECORDS - 2})
+        EXPECT_EQ(counted(from, 2), 4u) << from;
+    EXPECT_EQ(counted(1, RECORDS), 2 * (RECORDS - 1));
 }
 
 namespace
