@@ -1,6 +1,8 @@
 // Writers on several threads, and readers on several threads over one index. Also built with ThreadSanitizer.
+#include "thread_team.h"
 #include "trace_file_fixture.h"
 
+#include <atomic>
 #include <random>
 #include <thread>
 
@@ -152,6 +154,24 @@ TEST_F(threads, read_ranges_of_one_file_by_one_index)
     for (const std::vector<Item> &part : parts)
         all.insert(all.end(), part.begin(), part.end());
     EXPECT_TRUE(all == written_);
+}
+
+TEST_F(threads, take_parts_of_a_work_one_each_and_are_no_more_than_wanted)
+{
+    struct Row {
+        unsigned threads;
+        size_t parts, tools; // one for each thread
+    };
+    for (const auto &[workers, parts, tools] :
+         {Row{1, 5, 1}, Row{2, 5, 2}, Row{3, 5, 3}, Row{5, 5, 5}, Row{6, 5, 5}, Row{3, 1, 1}, Row{3, 0, 1}}) {
+        std::atomic<size_t> made = 0;
+        std::vector<std::atomic<int>> done(parts);
+        trace::work_together(
+            workers, parts, [&] { return made.fetch_add(1); }, [&](size_t, size_t part) { ++done.at(part); });
+        EXPECT_EQ(made, tools) << workers << " threads, " << parts << " parts";
+        for (size_t part = 0; part < parts; ++part)
+            EXPECT_EQ(done[part], 1) << part << " of " << parts;
+    }
 }
 
 } // namespace
