@@ -1,9 +1,11 @@
 // Recovery under bad conditions: the output is complete or as it was before, whatever the input and the disk do. Reads
 // are intercepted at link time.
 #include "block_format.h"
+#include "replacement_file.h"
 #include "trace_file_fixture.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
 
@@ -181,6 +183,44 @@ TEST_F(recovery, of_bytes_after_the_last_block_loses_no_record)
     EXPECT_EQ(result_.lost_records, 0u);
     EXPECT_EQ(result_.lost_records_known, 1);
     EXPECT_EQ(result_.open_end, 0);
+}
+
+// The lowest descriptor is what a file gets where standard input is closed.
+TEST_F(recovery, replaces_a_file_by_any_descriptor_and_gives_it_back)
+{
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    ::close(STDIN_FILENO);
+    for (const bool complete : {false, true}) {
+        trace::Replacement_File file(saved_.c_str());
+        EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+        file.write("new", 3);
+        if (complete)
+            file.commit();
+    }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    {
+        trace::Replacement_File device("/dev/null");
+        EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+    }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
+    EXPECT_EQ(contents(saved_), "new");
+    EXPECT_EQ(files(), 1u);
+}
+
+TEST_F(recovery, leaves_files_alone_whose_names_it_would_have_used)
+{
+    const std::string taken = saved_.string() + ".new" + std::to_string(getpid()) + "-0";
+    std::ofstream(taken) << "mine";
+    {
+        trace::Replacement_File file(saved_.c_str());
+        file.write("new", 3);
+        file.commit();
+    }
+    EXPECT_EQ(contents(saved_), "new");
+    EXPECT_EQ(contents(taken), "mine");
+    EXPECT_EQ(files(), 2u);
 }
 
 TEST_F(recovery, marks_where_one_file_follows_another)
