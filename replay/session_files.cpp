@@ -83,10 +83,10 @@ std::vector<Session_Files::Family> Session_Files::families_of(const std::vector<
     std::vector<Family> families{{"the trace", words[1]}};
     std::string text, entries;
     for (size_t n = 2; n < words.size(); ++n) {
-        const bool is_pte = StrNCaseEqual(words[n].c_str(), "pte", 3) != 0;
-        const bool is_txt = StrNCaseEqual(words[n].c_str(), "txt", 3) != 0;
+        const bool is_pte = StrNCaseEqual(words.at(n).c_str(), "pte", 3) != 0;
+        const bool is_txt = StrNCaseEqual(words.at(n).c_str(), "txt", 3) != 0;
         if ((is_pte || is_txt) && n + 1 < words.size())
-            (is_pte ? entries : text) = words[++n];
+            (is_pte ? entries : text) = words.at(++n);
     }
     if (!text.empty())
         families.push_back({"the text trace", text});
