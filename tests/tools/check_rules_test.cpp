@@ -489,7 +489,7 @@ TEST(check, node_numbers_begin_anew_at_0_or_1_and_count_on)
         EXPECT_EQ(broken.contains("node-order"), node > 1) << int{node};
     }
     trace[UNTAKEN_BRANCH].record.node = trace[UNTAKEN_BRANCH].record.termination_node = 1;
-    for (const uint8_t node : std::vector<uint8_t>{2, 3}) {
+    for (const uint8_t node : std::vector<uint8_t>{0, 1, 2, 3}) {
         trace[CALL].record.node = trace[CALL].record.termination_node = node; // the one before it is 1
         const std::set<std::string> broken = broken_rules(folder.write("trace0", trace));
         EXPECT_EQ(broken.contains("node-order"), node == 3) << int{node};
@@ -514,6 +514,40 @@ TEST(check, walks_are_looked_at_to_the_last_one)
         EXPECT_THAT(broken_by([&](Trace &t) { t[LOAD].record.data_hRTW_host_RA[address].ra[7] = 1; }),
                     ElementsAre("data-single-walk"))
             << address;
+}
+
+TEST(check, walks_without_a_translation_that_has_them_are_found_in_each_of_their_members)
+{
+    using Fill = void (*)(QTRACE_RECORD &);
+    const Fill fills[] = {
+        [](QTRACE_RECORD &r) { r.data_hRTW[4].RTPTE_ra[7] = 1; },
+        [](QTRACE_RECORD &r) { r.data_hRTW_host_RA[0].ra[7] = 1; },
+        [](QTRACE_RECORD &r) { r.data_hRTW_host_RA[3].ra[7] = 1; },
+        [](QTRACE_RECORD &r) { r.data_gRTW.RTPDE_GUEST_ra_l1[7] = 1; },
+        [](QTRACE_RECORD &r) { r.data_gRTW.GUEST_ra[7] = 1; },
+    };
+    for (const Fill fill : fills) {
+        EXPECT_THAT(broken_by([fill](Trace &t) { fill(t[SUSPECT_STORE].record); }), // in a hashed page
+                    ElementsAre("data-walk-without-radix"));
+        EXPECT_THAT(broken_by([fill](Trace &t) { // translated by one walk, of which nothing else is told
+                        set_piece(t[LOAD], Side::data, PAGE_NUMBER, false);
+                        set_piece(t[LOAD], Side::data, PAGE_SIZE, false);
+                        fill(t[LOAD].record);
+                    }),
+                    ElementsAre("data-walk-without-radix"));
+    }
+    for (const auto entry : {&QTRACE_RTW_GUEST::RTPDE_GUEST_ra_l1, &QTRACE_RTW_GUEST::RTPDE_GUEST_ra_l4})
+        EXPECT_THAT(broken_by([entry](Trace &t) { (t[LOAD].record.data_gRTW.*entry)[7] = 1; }),
+                    ElementsAre("data-single-walk"));
+}
+
+TEST(check, an_address_that_is_missing_needs_no_right_pieces)
+{
+    EXPECT_THAT(broken_by([](Trace &t) {
+                    set_modes(t[PLAIN], Side::data, 3, 0);
+                    set_piece(t[PLAIN], Side::data, VSID, true);
+                }),
+                ElementsAre("data-translation-without-address"));
 }
 
 TEST(check, directories_below_the_depth_of_their_walk_are_found_in_every_walk)
@@ -631,6 +665,61 @@ TEST(check, the_last_record_tells_no_successor)
 {
     EXPECT_THAT(broken_by([](Trace &t) { t.resize(UNTAKEN_BRANCH + 1); }), ElementsAre("segment-continued"));
     EXPECT_THAT(broken_by([](Trace &t) { t.resize(TAKEN_BRANCH + 1); }), ElementsAre("segment-continued"));
+}
+
+namespace
+{
+
+// What a checker tells, whole.
+std::vector<std::string> told_by(const std::function<void(qtrace_tool::Trace_Checker &)> &use)
+{
+    std::vector<std::string> told;
+    qtrace_tool::Trace_Checker checker([&](const qtrace_tool::Violation &v) {
+        std::ostringstream text;
+        text << v.rule.name << (v.in_header ? " header " : " record ") << v.record << " at " << std::hex
+             << v.address << (v.address_known ? " known " : " unknown ") << v.values;
+        told.push_back(text.str());
+    });
+    use(checker);
+    return told;
+}
+
+} // namespace
+
+TEST(check, of_nothing_finds_nothing)
+{
+    EXPECT_THAT(told_by([](qtrace_tool::Trace_Checker &checker) { checker.end(); }), IsEmpty());
+}
+
+TEST(check, a_partition_alone_is_at_no_known_address)
+{
+    EXPECT_THAT(told_by([](qtrace_tool::Trace_Checker &checker) {
+                    QTRACE_Item item{};
+                    item.kind = QTRACE_ITEM_HEADER;
+                    item.header = good_trace()[PARTITION].header;
+                    checker.header(item);
+                    checker.end();
+                }),
+                ElementsAre("partition-before-header header 0 at 0 unknown lpid 0x2, pid 8",
+                            "header-without-record header 0 at 0 unknown "));
+}
+
+TEST(check, damage_is_at_the_record_after_it_and_at_no_known_address)
+{
+    EXPECT_THAT(told_by([](qtrace_tool::Trace_Checker &checker) {
+                    checker.damage(7, "reason");
+                    checker.end();
+                }),
+                ElementsAre("file-whole record 7 at 0 unknown reason"));
+}
+
+TEST(check, each_flag_that_tells_a_successor_is_missing_at_the_end)
+{
+    using Set = void (*)(decltype(control_word::fld) &flags);
+    for (const Set set :
+         {Set{[](auto &f) { f.iar_change_present = 1; }}, Set{[](auto &f) { f.node_present = 1; }},
+          Set{[](auto &f) { f.termination_present = 1; }}, Set{[](auto &f) { f.next_instruction_EA_present = 1; }}})
+        EXPECT_THAT(broken_by([set](Trace &t) { set(flags(t, PLAIN)); }), testing::Contains("segment-continued"));
 }
 
 // ---- After losses --------------------------------------------------------------------------------------
@@ -922,6 +1011,8 @@ TEST(check_findings, show_the_flags_or_members_that_explain_them)
                   t[PLAIN].record.is_speculative = 2;
               }),
               "is_speculative 2, secondary_data_page_size 3");
+    EXPECT_EQ(values([](Trace &t) { t[LOAD].record.data_hRTW_num_level = 5; }), "data_hRTW_num_level 5");
+    EXPECT_EQ(values([](Trace &t) { t[FIRST_HEADER].header.iar_hRTW_num_level = 5; }), "iar_hRTW_num_level 5");
 }
 
 // ---- Both sides of every condition -----------------------------------------------------------------------

@@ -191,9 +191,11 @@ const Text_Change TEXT_CHANGES[] = {
     {"(DEA:0x6010", "(DEA:0x6014", {{"text-data-address", 1}}},
     {"(DEA:0x7000", "(DEA:0x17000", {{"text-data-address", 1}}},
     {"(PC:0x1000) ", "(PC:0x1000) (DEA:0x0) ", {{"text-data-address", 1}}},
+    {"(PC:0x1000) ", "(PC:0x1000) (DEA:0x4) ", {{"text-data-address", 1}}},
     {"(len:16)", "(len:17)", {{"text-length", 1}}},
     {"(len:16) ", "", {{"text-length", 1}}},
     {"(PC:0x1000) ", "(PC:0x1000) (len:0) ", {{"text-length", 1}}},
+    {"(PC:0x1000) ", "(PC:0x1000) (len:4) ", {{"text-length", 1}}},
     {"(r4):0x0000000000002000", "(r4):0x0000000000002001", {{"text-registers", 1}}},
     {"(r4):0x00", "(r4):0x10", {{"text-registers", 1}}},
     {"(r5)", "(r6)", {{"text-registers", 1}}},
@@ -330,9 +332,9 @@ TEST(check_text, shows_both_values_and_the_line)
     EXPECT_THAT(qtrace({"check", "--text", folder.text("text0", text), file}).out,
                 HasSubstr("the length is 0x11 in the text, 0x10 in the trace"));
     EXPECT_THAT(
-        qtrace({"check", "--text", folder.text("text0", described_text() + std::string(70, 'x')), file}).out,
-        testing::StartsWith(file + ": record 0: text line 20: the text goes on after the trace: `" +
-                            std::string(60, 'x') + "` [text-end]\n"));
+        qtrace({"check", "--text", folder.text("text0", described_text() + "y" + std::string(70, 'x')), file}).out,
+        testing::StartsWith(file + ": record 0: text line 20: the text goes on after the trace: `y" +
+                            std::string(59, 'x') + "` [text-end]\n"));
     EXPECT_THAT(
         qtrace({"check", "--text", folder.text("text0", "*** FILE HEADER INSERTED *** \n" + COMMENT + "y"), file})
             .out,

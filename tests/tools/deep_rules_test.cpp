@@ -369,6 +369,19 @@ TEST(deep_rules, stores_of_another_thread_let_pages_and_code_change)
     EXPECT_THAT(summary(file)["violations"], IsEmpty());
 }
 
+TEST(deep_rules, a_page_whose_entry_another_thread_stores_to_is_not_known)
+{
+    const Folder folder;
+    Trace changed = loop(), other = loop();
+    alter_word(changed);
+    const std::string file = folder.write("trace0", changed);
+    store_to(other, 1, entry_of(CODE));
+    folder.write("trace1", other);
+    const json told = summary(file);
+    EXPECT_THAT(told["violations"], IsEmpty());
+    EXPECT_EQ(told["checks"]["code-unchanged"], 0); // the page is known on its first way through the loop alone
+}
+
 TEST(deep_rules, what_a_paused_thread_stored_is_not_known)
 {
     const Folder folder;
@@ -691,6 +704,31 @@ TEST(same_page_same_walk, is_another_tree_with_other_first_entries)
     EXPECT_TRUE(finds(0, 0, 0x300, false));
     EXPECT_FALSE(finds(0, 0, 0, false)); // then the page-table entry is the first
     EXPECT_TRUE(finds(0, 0, 0, true));
+}
+
+TEST(same_page_same_walk, is_the_same_tree_with_other_entries_of_the_second_walk)
+{
+    Deep deep;
+    for (const uint64_t entry : {0x10008, 0x99990}) {
+        Item load = nested_load();
+        load.record.data_hRTW[0] = {};
+        put(load.record.data_hRTW[1].RTPDE_ra_l1, entry);
+        deep.give(load);
+    }
+    EXPECT_EQ(deep.news().size(), 1u);
+}
+
+TEST(same_page_same_walk, is_the_same_tree_wherever_in_a_guest_real_page_the_access_is)
+{
+    Deep deep;
+    for (const uint64_t entry : {TABLE, TABLE + 8}) {
+        Item load = access(LOAD_WORD, 0x6000010 + (entry - TABLE));
+        load.record.data_hRTW_depth = 1;
+        put(load.record.data_gRTW.GUEST_ra, 0x70000010 + (entry - TABLE));
+        put(load.record.data_hRTW[0].RTPTE_ra, entry);
+        deep.give(load);
+    }
+    EXPECT_EQ(deep.news().size(), 1u);
 }
 
 TEST(same_page_same_walk, pages_of_different_sizes_and_kinds_are_different_pages)

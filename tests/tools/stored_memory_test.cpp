@@ -116,6 +116,7 @@ TEST(store, reaches_every_step_that_it_touches)
 {
     EXPECT_THAT(visited(store_at(HOST.at(0x1008), 8), 8), ElementsAre("host:0:1008"));
     EXPECT_THAT(visited(store_at(HOST.at(0x100c), 4), 8), ElementsAre("host:0:1008"));
+    EXPECT_THAT(visited(store_at(HOST.at(0x1009), 7), 8), ElementsAre("host:0:1008"));
     EXPECT_THAT(visited(store_at(HOST.at(0x100c), 5), 8), ElementsAre("host:0:1008", "host:0:1010"));
     EXPECT_THAT(visited(store_at(GUEST.at(0x1008), 17), 8),
                 ElementsAre("guest:5:1008", "guest:5:1010", "guest:5:1018"));
@@ -334,6 +335,17 @@ TEST(stored_memory, a_store_anywhere_may_have_hit_everything)
         EXPECT_EQ(memory.doubtful_time(asked.at(0x18)), 2u);
 }
 
+TEST(stored_memory, every_byte_of_an_entry_or_a_line_is_a_place_in_it)
+{
+    Stored_Memory memory;
+    memory.watch_entry(HOST.at(0x1009));
+    memory.watch_line(HOST.at(0x1041));
+    memory.store(store_at(HOST.at(0x1008)));
+    memory.store(store_at(HOST.at(0x1078)));
+    EXPECT_EQ(memory.entry_time(HOST.at(0x100F)), 1u);
+    EXPECT_EQ(memory.line_time(HOST.at(0x107F)), 2u);
+}
+
 TEST(stored_memory, forgets_everything)
 {
     Stored_Memory memory;
@@ -463,6 +475,20 @@ TEST(thread_stores, stores_in_real_mode_may_have_hit_that_line_of_every_page)
     EXPECT_FALSE(threads.others_hit(1, HOST.at(0x3457C0)));
 }
 
+TEST(thread_stores, every_store_of_the_first_thread_may_have_hit_places_of_the_second)
+{
+    Thread_Stores threads;
+    threads.add_thread();
+    store_in(threads, record_of(STORE_DOUBLEWORD, 0, 0x40));
+    store_in(threads, record_of(STORE_DOUBLEWORD, 0, 0x7C0));
+    threads.add_thread();
+    EXPECT_TRUE(threads.others_hit(1, HOST.at(0x345040)));
+    EXPECT_TRUE(threads.others_hit(1, HOST.at(0x3457C0)));
+    EXPECT_FALSE(threads.others_hit(1, HOST.at(0x345080)));
+    for (uint64_t line = 0; line < 64; line++)
+        EXPECT_TRUE(threads.others_hit(1, REAL_MODE.at(line * 64))) << line;
+}
+
 TEST(thread_stores, stores_of_the_host_may_have_hit_a_guest_and_not_the_other_way_round)
 {
     Thread_Stores threads;
@@ -584,6 +610,24 @@ TEST(bounded_table, keys_that_meet_in_one_slot_keep_values_of_their_own)
     for (const uint64_t key : {1023, 2, 512}) {
         EXPECT_EQ(table.find(key), nullptr);
         EXPECT_EQ(constant.find(key), nullptr);
+    }
+}
+
+TEST(bounded_table, any_number_of_keys_may_meet_in_one_slot)
+{
+    Bounded_Table<uint64_t> table(1024);
+    for (uint64_t key = 1; key <= 150; key++)
+        table.insert(key << 16) = key;
+    for (uint64_t key = 1; key <= 150; key++)
+        ASSERT_EQ(*table.find(key << 16), key);
+}
+
+TEST(bounded_table, stays_full_with_every_key_more)
+{
+    Bounded_Table<uint64_t> table(1024);
+    for (uint64_t count = 0; count < 710; count++) {
+        EXPECT_EQ(table.is_full(), count >= 704) << count;
+        table.insert(mixed(3, count));
     }
 }
 

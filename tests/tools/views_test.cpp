@@ -11,10 +11,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <csignal>
 #include <fcntl.h>
 #include <functional>
 #include <set>
 #include <stdexcept>
+#include <sys/time.h>
 #include <unistd.h>
 
 using namespace qtrace_tool;
@@ -63,6 +65,7 @@ TEST(table, labels_take_46_characters_and_cells_14)
                              spaces(40) + spaces(11) + "333\n";
     EXPECT_EQ(printed(TWO_COLUMNS, 0), text);
     EXPECT_EQ(printed(TWO_COLUMNS, 74), text) << "exactly as wide as the table";
+    EXPECT_EQ(printed(TWO_COLUMNS, 75), text);
 }
 
 TEST(table, columns_are_as_wide_as_the_longest_name_with_2_characters_before_it)
@@ -183,6 +186,7 @@ TEST(output, colours_have_their_escape_sequences)
     EXPECT_EQ(painted(Colour::removed), "\x1b[31m");
     EXPECT_EQ(painted(Colour::faint), "\x1b[2m");
     EXPECT_EQ(put([](Output &out) { out.paint(Colour::bad); }), "");
+    EXPECT_FALSE(Output().coloured());
 }
 
 TEST(output, keeps_the_first_failure_and_writes_nothing_more)
@@ -225,10 +229,70 @@ TEST(output, hands_on_what_is_left_when_it_goes)
 
 TEST(output, of_no_descriptor_keeps_everything)
 {
-    Output out(-1);
+    Output out;
     out.put_lines(std::string(300000, 'x'));
     out.settle();
     EXPECT_EQ(out.size(), 300000u);
+}
+
+TEST(output, may_go_to_the_lowest_descriptor)
+{
+    const Folder folder;
+    const std::string name = folder.text("out", "");
+    const int kept = dup(0);
+    close(0);
+    const int file = open(name.c_str(), O_WRONLY);
+    {
+        Output out(file);
+        out.put(std::string(300000, 'x'));
+        out.settle();
+        EXPECT_EQ(out.size(), 0u);
+        out.put_lines(std::string(300000, 'y'));
+        EXPECT_EQ(out.size(), 0u);
+        out.put("end");
+    }
+    dup2(kept, 0);
+    close(kept);
+    EXPECT_EQ(file, 0);
+    EXPECT_EQ(folder.contents("out"), std::string(300000, 'x') + std::string(300000, 'y') + "end");
+}
+
+namespace
+{
+
+int emptied = -1, ticks = 0; // the reading end of a full pipe; signals so far
+
+void empty_pipe_later(int)
+{
+    char bytes[65536];
+    if (++ticks > 2)
+        while (read(emptied, bytes, sizeof bytes) > 0) {
+        }
+}
+
+} // namespace
+
+TEST(output, goes_on_after_a_signal)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    emptied = ends[0];
+    struct sigaction action {
+    }, before{};
+    action.sa_handler = empty_pipe_later; // without SA_RESTART: a write that waits fails
+    sigaction(SIGALRM, &action, &before);
+    const itimerval often{{0, 2000}, {0, 2000}}, never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    Output out(ends[1]);
+    out.put(std::string(200000, 'x')); // more than a pipe holds
+    out.flush();
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_EQ(out.error(), 0);
+    EXPECT_GT(ticks, 2);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 // ---- Text of unknown origin ----------------------------------------------------------------------------
@@ -267,6 +331,8 @@ TEST(visible_text, bytes_that_are_no_character_become_numbers)
     EXPECT_EQ(visible("\xE0\x9F\xBF"), "\\xe0\\x9f\\xbf");
     EXPECT_EQ(visible("\xED\xA0\x80"), "\\xed\\xa0\\x80");
     EXPECT_EQ(visible("\xEF\xBF"), "\\xef\\xbf");
+    EXPECT_EQ(visible(std::string_view("\xE1\x80\x80", 2)), "\\xe1\\x80")
+        << "what follows the text is not part of it";
     EXPECT_EQ(visible("\xE1\x80z"), "\\xe1\\x80z");
     EXPECT_EQ(visible("\xF0\x8F\xBF\xBF"), "\\xf0\\x8f\\xbf\\xbf");
     EXPECT_EQ(visible("\xF4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
@@ -394,6 +460,22 @@ TEST(record_line, of_a_record_without_a_known_address_has_none_in_json)
     EXPECT_EQ(line(), "{\"a\":1,\"record\":7,\"mnemonic\":\"a\\\"b\"}\n");
     item.address_known = 1;
     EXPECT_EQ(line(), "{\"a\":1,\"record\":7,\"address\":\"0x1000\",\"mnemonic\":\"a\\\"b\"}\n");
+}
+
+TEST(record_line, in_json_has_the_flags_of_the_lowest_bits)
+{
+    QTRACE_Item item{};
+    item.record = planted::plain_record(0x38600001);
+    item.record.header.control.fld._secondary_extended_reserved_11_15 = 1;
+    std::string unknown;
+    const Field_Selection fields = *Field_Selection::parse({"flags"}, unknown);
+    EXPECT_EQ(put([&](Output &out) { print_record_json(out, item, "{\"a\":1", fields); }),
+              "{\"a\":1,\"record\":0,\"_secondary_extended_reserved_11_15\":1,\"guest_xlate_mode_instruction\":3,"
+              "\"host_xlate_mode_instruction\":3,\"guest_xlate_mode_data\":3,\"host_xlate_mode_data\":3,"
+              "\"secondary_extender_present\":1}\n");
+    item.header.control.app_spec_data_present = 1;
+    EXPECT_EQ(put([&](Output &out) { print_header_json(out, item, "{\"a\":1"); }),
+              "{\"a\":1,\"header\":0,\"before_record\":0,\"app_spec_data_present\":1}\n");
 }
 
 TEST(record_line, counts_registers_beyond_those_that_a_record_can_hold)
@@ -643,6 +725,15 @@ TEST(mnemonics, of_another_trace_are_refused_with_the_line)
     EXPECT_EQ(failure(numbered(1, 0, 0)), file + ": line 3: not a record line" + end);
     EXPECT_EQ(failure(numbered(3, 1, 2)), file + ": it ends after 3 records, before record 3" + end);
     EXPECT_EQ(failure(numbered(2, 1, 2)), "none");
+    const auto failure_in = [&](const std::string &line) {
+        return failure_of([&] { Text_Mnemonics(folder.text("line0", line)).of(numbered(0, 1, 1)); });
+    };
+    const std::string other = folder.path("line0") + ": line 1: ";
+    EXPECT_EQ(failure_in("(seq:1) (instbody:0x1) {name:a (I:0) (PC:0x1)\n"), other + "not a record line" + end);
+    EXPECT_EQ(failure_in("(seq:1) {name:a} (I:0) (PC:0x1)\n"),
+              other + "the instruction is 00000000, that of record 0 00000001" + end);
+    EXPECT_EQ(failure_in("(seq:1) (instbody:0x1) {name:a} (I:0)\n"),
+              other + "the address is 0000000000000000, that of record 0 0000000000000001" + end);
 }
 
 TEST(mnemonics, lines_may_be_of_any_length)
@@ -657,6 +748,17 @@ TEST(mnemonics, lines_may_be_of_any_length)
         EXPECT_EQ(mnemonics.of(numbered(0, 1, 0x10)), "a") << length;
         EXPECT_EQ(mnemonics.of(numbered(1, 2, 0x14)), "b") << length;
         EXPECT_THROW(mnemonics.of(numbered(2, 2, 0x14)), std::runtime_error);
+    }
+}
+
+TEST(mnemonics, lines_are_read_up_to_131071_bytes)
+{
+    const Folder folder;
+    for (const size_t length : {131071, 131072}) {
+        std::string line = "(seq:1) (instbody:0x1) {name:a} (I:0) (PC:0x12)";
+        line.insert(line.find("(PC"), std::string(length + 1 - line.size(), ' ')); // the bracket may be missing
+        Text_Mnemonics mnemonics(folder.text("text0", line + "\n"));
+        EXPECT_EQ(mnemonics.of(numbered(0, 1, length == 131071 ? 0x12 : 0x1)), "a") << length;
     }
 }
 

@@ -88,7 +88,7 @@ void Line_Parser::register_value(std::string_view digits)
 {
     if (register_.size() < 2)
         return;
-    Text_Register entry{static_cast<uint16_t>(parse_number(register_.substr(1))), {0, 0}};
+    Text_Register entry{static_cast<uint16_t>(parse_number(register_.substr(1))), {}};
     const auto word = [&](size_t from) { return parse_number("0x" + std::string(digits.substr(from, 16))); };
     entry.value[0] = word(digits.size() > 16 ? 16 : 0);
     entry.value[1] = digits.size() > 16 ? word(0) : 0; // the second word is printed first
@@ -198,7 +198,7 @@ bool parse_text_line(std::string_view line, Text_Line &parsed)
     parsed = {};
     const size_t name = line.find("{name:");
     const size_t end = line.find("} (I:", name); // a name may hold anything, but hardly this
-    if (!line.starts_with("(seq:") || name == std::string_view::npos || end == std::string_view::npos)
+    if (!line.starts_with("(seq:") || end == std::string_view::npos)
         return false;
     Line_Parser parser(parsed);
     parser.words(line.substr(0, name));

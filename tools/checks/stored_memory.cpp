@@ -211,7 +211,7 @@ void Thread_Stores::add(const Memory_Place &place)
     offsets_[thread].lines[static_cast<size_t>(place.space)] |= line_bit(place);
     Page_Lines *page = pages_.find(key_of(place));
     if (page == nullptr) {
-        full_ |= pages_.is_full();
+        full_ = pages_.is_full();
         if (full_)
             return;
         page = &pages_.insert(key_of(place));

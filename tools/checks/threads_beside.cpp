@@ -5,11 +5,6 @@
 namespace qtrace_tool
 {
 
-static bool is_pause(const QTRACE_Item &item)
-{
-    return item.header.control.iar_is_present && item.header_number > 0;
-}
-
 static void read_stores(const std::string &file, const Page_Sizes &sizes, Thread_Stores &stores)
 {
     const Reader reader(qtrace_open(file.c_str(), nullptr));
@@ -17,14 +12,12 @@ static void read_stores(const std::string &file, const Page_Sizes &sizes, Thread
     for (;;)
         switch (reader ? qtrace_next(reader.get(), &item) : QTRACE_ITEM_ERROR) {
         case QTRACE_ITEM_HEADER:
-            if (is_pause(*item))
-                stores.lose();
             stores.header(item->header);
             break;
         case QTRACE_ITEM_RECORD:
             stores.record(item->record, sizes);
             break;
-        case QTRACE_ITEM_DISCONTINUITY:
+        case QTRACE_ITEM_DISCONTINUITY: // a pause is one too
             stores.lose();
             break;
         case QTRACE_ITEM_ERROR:

@@ -468,7 +468,7 @@ void print_value(Output &out, const Trace_Member &member, const uint8_t *bytes)
 
 std::string registers_text(const QTRACE_REGISTERS &registers)
 {
-    Output text(-1);
+    Output text;
     print_registers(text, registers, Field_Selection::all());
     const std::string words = text.take();
     return words.empty() ? "none" : words.substr(1);
@@ -610,7 +610,7 @@ void print_discontinuity_json(Output &out, const QTRACE_Item &item, std::string_
     json.member("lost_bytes", what.bytes);
     if (what.context != nullptr)
         json.object("context", [&] {
-            Output members(-1);
+            Output members;
             print_header_members_json(members, *what.context, {});
             out.put(members.text().substr(1)); // an address is one of them
         });

@@ -73,7 +73,7 @@ void print_value(Output &out, const trace::Trace_Member &member, const Structure
 // The same as text.
 template <class Structure> std::string value_text(const trace::Trace_Member &member, const Structure &structure)
 {
-    Output text(-1);
+    Output text;
     print_value(text, member, structure);
     return text.take();
 }

@@ -49,11 +49,11 @@ size_t sum(const Widths &widths)
     return all;
 }
 
-// The end of a name tells threads apart.
+// The end of a name tells threads apart. A column has room for a usual cell at least.
 std::string shortened(const std::string &name, size_t width)
 {
     constexpr std::string_view MARK = "...";
-    if (name.size() + SPACE <= width || width < MARK.size() + SPACE)
+    if (name.size() + SPACE <= width)
         return name;
     return fmt::format("{}{}", MARK, name.substr(name.size() + MARK.size() + SPACE - width));
 }

@@ -74,7 +74,7 @@ std::string_view Text_Mnemonics::of(const QTRACE_Item &record)
     find_line_of(record.record_number);
     const std::string_view line = line_;
     const size_t name = line.find("{name:"), end = line.find("} (I:", name);
-    if (name == std::string_view::npos || end == std::string_view::npos)
+    if (end == std::string_view::npos)
         fail(fmt::format("line {}: not a record line", number_));
     const uint64_t word = number_after(line.substr(0, name), "(instbody:0x");
     if (word != record.record.header.instruction)

@@ -23,7 +23,7 @@ class Output
 public:
     // Writes to `descriptor`, which stays the caller's (-1: none, for take()). With `colour`, escape sequences are
     // put around paint()ed text.
-    explicit Output(int descriptor, bool colour = false) : descriptor_(descriptor), colour_(colour) {}
+    explicit Output(int descriptor = -1, bool colour = false) : descriptor_(descriptor), colour_(colour) {}
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
     ~Output()

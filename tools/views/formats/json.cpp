@@ -8,7 +8,7 @@ namespace
 // Every line begins with the file.
 std::string beginning(const std::string &file)
 {
-    Output text(-1);
+    Output text;
     Json_Writer json(text);
     json.begin_object();
     json.member("file", file);
