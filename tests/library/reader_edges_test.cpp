@@ -231,6 +231,40 @@ TEST_F(reader_edge, data_address_has_one_of_three_bases)
     }
 }
 
+TEST_F(reader_edge, headers_are_as_many_as_the_block_counts)
+{
+    const std::string payload =
+        payload_of({"", "\x80\x01\x80\x01", "", "", "", "", "", "", "", std::string(6, '\0')});
+    for (const uint32_t counted : {1, 2, 3}) {
+        put_bytes(start() + block(payload, [&](auto &header) { header.headers = counted; }));
+        const Contents contents = read();
+        EXPECT_EQ(contents.items.size(), std::min(counted, 2u)) << counted;
+        EXPECT_EQ(contents.damages.empty(), counted == 2) << counted;
+        if (counted != 2) {
+            EXPECT_EQ(contents.damages.at(0).headers, counted == 3 ? 1u : 0u);
+        }
+        QTRACE_Cut all{};
+        all.most = ~uint64_t{0};
+        all.write = [](void *, const void *, size_t) { return 0; };
+        QTRACE_Cut_Result result;
+        ASSERT_EQ(qtrace_cut(name_.c_str(), &all, &result, nullptr), 0);
+        EXPECT_EQ(result.headers, counted == 2 ? 2u : 0u) << counted;
+        EXPECT_EQ(result.damaged_places, counted == 2 ? 0u : 1u) << counted;
+    }
+}
+
+TEST_F(reader_edge, block_that_is_but_a_header_is_found_at_the_end_of_the_file)
+{
+    for (const size_t junk : {1, 57, 65'479, 65'480, 65'481, 65'536}) {
+        put_bytes(start() + std::string(junk, 'x') +
+                  block("", [](auto &header) { header.flags = trace::COMMENT_BLOCK | trace::LAST_BLOCK; }));
+        const Contents contents = read();
+        ASSERT_EQ(contents.damages.size(), 1u) << junk;
+        EXPECT_EQ(contents.damages[0].cause, QTRACE_CAUSE_DAMAGE) << junk;
+        EXPECT_EQ(contents.damages[0].bytes, junk);
+    }
+}
+
 TEST_F(reader_edge, header_item_has_no_other_bits)
 {
     const std::pair<std::string, bool> operations[] = {
