@@ -162,6 +162,11 @@ TEST(report_thread, divides_its_records_into_240_bins_at_most)
     EXPECT_EQ(bin_records(100, 581), 3u);
 }
 
+TEST(report_thread, without_records_has_one_bin)
+{
+    EXPECT_EQ(Thread_Data("thread", SIZES, 0, 1000).bins(), 1u);
+}
+
 TEST(report_thread, counts_records_in_the_bin_of_their_number)
 {
     Fed_Thread thread(100, 580);

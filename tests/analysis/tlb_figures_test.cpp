@@ -212,6 +212,72 @@ TEST(tlb_figures, sizes_have_the_largest_unit_that_fits)
     EXPECT_EQ(size_name(~uint64_t{0}), "16E");
 }
 
+TEST(tlb_figures, name_each_limit_that_was_exceeded)
+{
+    Tlb_Figures figures(Tlb_Limits{2, 2});
+    EXPECT_FALSE(tlb_json(figures, {}, {}).contains("page_shortfall"));
+    figures.distances.resize(1);
+    figures.distances[0].count(SIZE_MAX, 1);
+    for (uint64_t i = 1; i <= 3; i++) { // the second heaviest of two has one walk
+        const Tlb_Page page{i << 21, 0, 0, Xlate_Kind::host, 21};
+        figures.instructions_at[4 * i].walks++;
+        figures.pages.add(page, {1, 1, 1});
+        figures.regions[page].walks++;
+    }
+    const Json json = tlb_json(figures, {}, {});
+    EXPECT_EQ(json["pages_estimated"], true);
+    EXPECT_EQ(json["page_shortfall"], 1);
+    EXPECT_EQ(json["instruction_shortfall"], 1);
+    EXPECT_EQ(json["advice_shortfall"], 1);
+}
+
+TEST(tlb_figures, are_exact_up_to_a_million_pages_and_65536_instructions_and_ranges)
+{
+    EXPECT_EQ(Tlb_Limits().pages, 1048576u);
+    EXPECT_EQ(Tlb_Limits().others, 65536u);
+}
+
+TEST(tlb_options, are_those_of_the_command_without_options)
+{
+    const Tlb_Options options;
+    ASSERT_EQ(options.levels.size(), 2u);
+    EXPECT_EQ(std::pair(options.levels[0].entries, options.levels[0].ways), std::pair(64u, 4u));
+    EXPECT_EQ(std::pair(options.levels[1].entries, options.levels[1].ways), std::pair(1536u, 12u));
+    EXPECT_EQ(options.walk_cache, 16u);
+    EXPECT_EQ(options.nested_cache, 16u);
+    EXPECT_EQ(options.interval, 0u);
+    EXPECT_FALSE(options.split || options.page_bits || options.flush_on_switch);
+    EXPECT_EQ(Tlb_Lists().top, 10u);
+}
+
+// A sample of 4000 pages that differ in one thing alone.
+TEST(page_costs, sample_the_pages_of_all_address_spaces_alike)
+{
+    const std::function<Tlb_Page(uint64_t)> pages[] = {
+        [](uint64_t i) {
+            return Tlb_Page{i << 12, 0, 0, Xlate_Kind::host, 12};
+        },
+        [](uint64_t i) {
+            return Tlb_Page{i << 21, 7, 0, Xlate_Kind::host, 21};
+        },
+        [](uint64_t i) {
+            return Tlb_Page{i << 16, 0, 3, Xlate_Kind::guest_real, 16};
+        },
+        [](uint64_t i) {
+            return Tlb_Page{0x10000, i, 0, Xlate_Kind::hash, 16};
+        },
+        [](uint64_t i) {
+            return Tlb_Page{0x10000, 7, i, Xlate_Kind::nested, 16};
+        },
+    };
+    for (const auto &page : pages) {
+        Page_Costs costs(300);
+        for (uint64_t i = 1; i <= 4000; i++)
+            costs.add(page(i), {1, 1, 1});
+        EXPECT_NEAR(static_cast<double>(costs.sample().size() << costs.shift()), 4000, 1000);
+    }
+}
+
 // ---- Distances -----------------------------------------------------------------------------------------
 
 TEST(distance_counts, tell_the_misses_of_every_size)
@@ -304,6 +370,53 @@ TEST(access_list, what_is_beyond_the_steps_of_a_walk_means_nothing)
     EXPECT_EQ(list.record(read_record(nested)).data, 0u);
 }
 
+TEST(access_list, a_hashed_page_has_no_walk_that_could_differ)
+{
+    Access_List list(SIZES);
+    Item hashed = GOOD[LOAD], nested = GOOD[NESTED_LOAD];
+    set_case(hashed, Side::data, Case::hpt);
+    nested.record.data_ea[2] ^= 1; // another page
+    EXPECT_EQ(list.record(read_record(hashed)).data, 0u);
+    EXPECT_EQ(list.record(read_record(nested)).data, 1u);
+    EXPECT_EQ(list.record(read_record(hashed)).data, 0u);
+    EXPECT_EQ(list.translation(0).translation.walk.steps, 0u);
+}
+
+TEST(access_list, a_nested_walk_has_one_to_five_walks_of_the_host)
+{
+    Access_List list(SIZES);
+    Item nested = GOOD[NESTED_LOAD];
+    for (const auto &[depth, steps] : {std::pair(0, 1), {1, 1}, {2, 2}, {5, 5}, {6, 5}, {255, 5}}) {
+        nested.record.data_hRTW_depth = static_cast<uint8_t>(depth);
+        const uint32_t number = list.record(read_record(nested)).data;
+        EXPECT_EQ(list.translation(number).translation.walk.steps, steps) << depth;
+    }
+}
+
+TEST(access_list, mode_pairs_without_a_page_number_tell_nothing)
+{
+    Access_List list(SIZES);
+    Item load = GOOD[LOAD];
+    const auto data_of = [&](unsigned guest, unsigned host) {
+        set_modes(load, Side::data, guest, host);
+        return list.record(read_record(load)).data;
+    };
+    for (const auto &[guest, host] :
+         {std::pair(0u, 1u), {0u, 2u}, {0u, 3u}, {1u, 0u}, {1u, 2u}, {2u, 0u}, {3u, 3u}})
+        EXPECT_EQ(data_of(guest, host), NOT_TOLD) << guest << "/" << host;
+    EXPECT_EQ(data_of(2, 2), UNTRANSLATED);
+    EXPECT_EQ(data_of(3, 2), UNTRANSLATED);
+    EXPECT_EQ(data_of(2, 1), 0u);
+}
+
+TEST(translation, kernel_addresses_have_the_two_highest_bits_set)
+{
+    for (const uint64_t address : {uint64_t{0xc000000000000000}, ~uint64_t{0}})
+        EXPECT_TRUE(is_in_kernel(address));
+    for (const uint64_t address : {uint64_t{0}, uint64_t{1} << 62, uint64_t{1} << 63, (uint64_t{3} << 62) - 1})
+        EXPECT_FALSE(is_in_kernel(address));
+}
+
 TEST(access_list, many_translations_have_numbers_in_their_order)
 {
     Access_List list(SIZES);
@@ -316,7 +429,11 @@ TEST(access_list, many_translations_have_numbers_in_their_order)
     }
     list.clear();
     EXPECT_TRUE(list.entries().empty());
-    EXPECT_EQ(list.record(read_record(load)).data, 0u);
+    for (uint64_t page = 3000; page-- > 0;) {
+        const uint64_t address = page << 16;
+        std::memcpy(load.record.data_ea, &address, sizeof(address));
+        ASSERT_EQ(list.record(read_record(load)).data, 2999 - page);
+    }
 }
 
 TEST(access_list, tells_how_far_a_translation_is_known)
@@ -413,5 +530,20 @@ TEST(tlb_feed, keeps_the_translations_of_65536_fetched_pages)
         fetches.fall_through(); // from the last instruction of page 5
         fetches.fall_through(); // to the first one of page 6
         EXPECT_EQ(model.figures().not_known[0], one_more ? 2u : 1u);
+    }
+}
+
+TEST(tlb_feed, without_a_header_accesses_are_those_of_process_0)
+{
+    for (const Item &item : {GOOD[LOAD], GOOD[NESTED_LOAD]}) {
+        Tlb_Model model({});
+        Tlb_Feed feed({&model});
+        Access_List list(SIZES);
+        feed.take(list.record(read_record(item)), list);
+        ASSERT_EQ(model.figures().pages.sample().size(), 1u);
+        const Tlb_Page &page = model.figures().pages.sample().begin()->first;
+        EXPECT_EQ(page.space, 0u);
+        EXPECT_EQ(page.lpid, 0u);
+        EXPECT_EQ(model.figures().not_known[0], 1u);
     }
 }

@@ -414,6 +414,14 @@ TEST(distances, far_ones_are_counted_for_the_sizes_that_are_listed)
     EXPECT_EQ(distances.sizes().back(), uint64_t{3} << 19);
 }
 
+TEST(distances, are_exact_up_to_65536_entries)
+{
+    Distance_Counts distances;
+    distances.count(50000);
+    EXPECT_EQ(distances.misses(50000), 1u);
+    EXPECT_EQ(distances.misses(50001), 0u);
+}
+
 TEST(distances, of_a_sample_stand_for_all_pages)
 {
     Distance_Counts distances;
@@ -426,9 +434,69 @@ TEST(distances, of_a_sample_stand_for_all_pages)
     EXPECT_EQ(distances.first_uses(), 2u);
     EXPECT_EQ(distances.misses(6), 4u);
     EXPECT_EQ(distances.misses(7), 2u);
+    EXPECT_TRUE(distances.is_estimate());
+    Distance_Counts exact;
+    exact.count(3);
+    EXPECT_FALSE(exact.is_estimate());
+    Distance_Counts both = distances;
+    both.add(exact);
+    EXPECT_TRUE(both.is_estimate());
     distances.count(Distance_Counts::NEVER, 5); // never more than there were accesses
     EXPECT_EQ(distances.first_uses(), 6u);
     EXPECT_EQ(distances.misses(1), 6u);
+}
+
+// ---- Stack distances of numbered pages -----------------------------------------------------------------
+
+namespace
+{
+
+// Uses pages first, first + 1, ... up to `end`; returns the last one's distance.
+size_t use_all(Lru_Distances &distances, uint32_t first, uint32_t end)
+{
+    size_t distance = 0;
+    for (uint32_t page = first; page < end; page++)
+        distance = distances.use(page);
+    return distance;
+}
+
+} // namespace
+
+TEST(lru_distances, of_pages_that_were_forgotten_are_those_of_first_uses)
+{
+    Lru_Distances distances;
+    EXPECT_EQ(use_all(distances, 0, 40), Lru_Distances::NEVER);
+    EXPECT_EQ(distances.use(0), 39u);
+    distances.forget(0); // one of the last 16
+    distances.forget(5); // an older one
+    for (int round = 0; round < 60; round++)
+        EXPECT_EQ(use_all(distances, 100, 150), round == 0 ? Lru_Distances::NEVER : 49u);
+    EXPECT_EQ(distances.use(0), Lru_Distances::NEVER);
+    EXPECT_EQ(distances.use(5), Lru_Distances::NEVER);
+    EXPECT_EQ(distances.use(1), 50u + 2 + 37) << "all but itself, of 40 pages and 50";
+}
+
+TEST(lru_distances, begin_anew_when_all_pages_are_forgotten)
+{
+    Lru_Distances distances;
+    use_all(distances, 0, 100);
+    distances.clear();
+    for (int round = 0; round < 60; round++)
+        EXPECT_EQ(use_all(distances, 50, 100), round == 0 ? Lru_Distances::NEVER : 49u);
+    EXPECT_EQ(distances.use(3), Lru_Distances::NEVER);
+    EXPECT_EQ(distances.use(50), 50u);
+}
+
+TEST(lru_distances, go_on_with_the_pages_that_are_kept)
+{
+    Lru_Distances distances;
+    use_all(distances, 0, 40);
+    std::vector<uint32_t> kept{1, 3, 4};
+    kept.pop_back();
+    distances.keep(kept);
+    EXPECT_EQ(distances.use(2), Lru_Distances::NEVER);
+    EXPECT_EQ(distances.use(0), 2u); // was 1: after it 3 and the new one
+    EXPECT_EQ(distances.use(1), 2u); // was 3
 }
 
 // ---- Which page an instruction was fetched from --------------------------------------------------------

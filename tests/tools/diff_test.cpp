@@ -871,6 +871,24 @@ TEST(alignment, rows_are_looked_for_between_rows_32_times)
     }
 }
 
+// A row between each two of the 20 that occur once; all of them come once more at the end.
+TEST(alignment, rows_are_looked_for_between_any_number_of_rows)
+{
+    std::vector<uint64_t> a, b, again;
+    Steps expected;
+    for (uint64_t i = 0; i < 20; i++) {
+        const std::vector<uint64_t> inner = row(20 * i, 8), outer = row(20 * i + 10, 8);
+        a = joined({a, row(10'000 + 1000 * i, 300), inner, row(10'500 + 1000 * i, 5), outer});
+        b = joined({b, row(50'000 + 1000 * i, 150), inner, row(50'500 + 1000 * i, 200), outer});
+        again = joined({again, inner, {5'000 + i}});
+        expected.push_back({i == 0 ? 0u : 8u, 300, 150});
+        expected.push_back({8, 5, 200});
+    }
+    expected.push_back({8 + 1 + 20 * 9 + 1, 0, 0});
+    a = joined({a, {90'000}, again, {90'002}}), b = joined({b, {90'001}, again, {90'003}});
+    EXPECT_EQ(qtrace_tool::align_records(records(a), records(b), true), expected);
+}
+
 TEST(alignment, loops_are_shifted_by_the_fewest_records_on_either_side)
 {
     EXPECT_EQ(begun(loop(0, 5, 200), loop(2, 5, 200)), (Steps{{0, 2, 0}, {198, 0, 0}}));
