@@ -1,5 +1,5 @@
-// Recovery under bad conditions: the output is complete or as it was before, whatever the input and the disk do. Reads
-// are intercepted at link time.
+// Recovery under bad conditions: the output is complete or as it was before, whatever the input and the disk do. Opening,
+// reading and writing are intercepted at link time.
 #include "block_format.h"
 #include "replacement_file.h"
 #include "trace_file_fixture.h"
@@ -27,6 +27,34 @@ extern "C" ssize_t __wrap_pread(int file, void *to, size_t size, off_t offset)
     return -1;
 }
 
+// The same of every write, and of every file that is opened.
+namespace
+{
+
+std::function<int()> before_write, before_open;
+
+} // namespace
+
+extern "C" ssize_t __real_write(int file, const void *from, size_t size);
+extern "C" ssize_t __wrap_write(int file, const void *from, size_t size)
+{
+    const int error = before_write ? before_write() : 0;
+    if (error == 0)
+        return __real_write(file, from, size);
+    errno = error;
+    return -1;
+}
+
+extern "C" int __real_open(const char *name, int flags, mode_t mode);
+extern "C" int __wrap_open(const char *name, int flags, mode_t mode)
+{
+    const int error = before_open ? before_open() : 0;
+    if (error == 0)
+        return __real_open(name, flags, mode);
+    errno = error;
+    return -1;
+}
+
 namespace
 {
 
@@ -34,7 +62,7 @@ class recovery : public trace_file
 {
 protected:
     recovery() : saved_(folder_ / "saved") {}
-    ~recovery() override { before_read = nullptr; }
+    ~recovery() override { before_read = before_write = before_open = nullptr; }
 
     // Three damaged places in a file of some blocks.
     void write_damaged()
@@ -243,6 +271,66 @@ TEST_F(recovery, is_not_stopped_by_interrupted_reads)
     ASSERT_EQ(recover(), 0) << error_;
     EXPECT_GT(reads, 10u);
     EXPECT_TRUE(read(saved_.string()).damages.empty());
+}
+
+TEST_F(recovery, is_not_stopped_by_interrupted_writes_and_openings)
+{
+    write_damaged();
+    unsigned writes = 0, opened = 0;
+    before_write = [&writes] { return ++writes % 3 == 0 ? 0 : EINTR; };
+    before_open = [&opened] { return ++opened % 3 == 0 ? 0 : EINTR; };
+    ASSERT_EQ(recover(), 0) << error_;
+    EXPECT_EQ(opened, 6u) << "of both files";
+    EXPECT_GT(writes, 10u);
+    before_write = before_open = nullptr;
+    EXPECT_TRUE(read(saved_.string()).damages.empty());
+}
+
+TEST_F(recovery, is_stopped_by_any_other_error_at_once)
+{
+    write_damaged();
+    unsigned calls = 0;
+    before_write = [&calls] { return ++calls, EIO; };
+    EXPECT_EQ(recover(), -1);
+    EXPECT_EQ(error_, saved_.string() + ": write: Input/output error");
+    EXPECT_EQ(calls, 1u);
+    before_write = nullptr;
+    for (const unsigned failing : {1, 2}) {
+        calls = 0;
+        before_open = [&] { return ++calls == failing ? EMFILE : 0; };
+        EXPECT_EQ(recover(), -1);
+        EXPECT_EQ(error_, (failing == 1 ? name_ : saved_.string() + ": open") + ": Too many open files");
+        EXPECT_EQ(calls, failing);
+    }
+}
+
+class interrupted_writer : public recovery
+{
+};
+
+TEST_F(interrupted_writer, makes_a_whole_trace)
+{
+    unsigned writes = 0, opened = 0;
+    before_write = [&writes] { return ++writes % 20 == 0 ? 0 : EINTR; };
+    before_open = [&opened] { return ++opened % 20 == 0 ? 0 : EINTR; };
+    write_plausible(9'000);
+    EXPECT_EQ(opened, 20u);
+    before_write = before_open = nullptr;
+    EXPECT_TRUE(read().items == written_);
+    EXPECT_TRUE(verified().clean_end);
+}
+
+TEST_F(interrupted_writer, gives_up_when_it_is_interrupted_for_ever_and_after_any_other_error)
+{
+    for (const bool opening : {true, false})
+        for (const auto &[error, most] : {std::pair{EINTR, 1'000u}, {EIO, 1u}}) {
+            unsigned calls = 0;
+            (opening ? before_open : before_write) = [&] { return ++calls, error; };
+            EXPECT_EQ(open(), -1);
+            EXPECT_EQ(qtrace_writer_error(), name_ + (opening ? ": open: " : ": write: ") + std::strerror(error));
+            EXPECT_LE(calls, most);
+            before_open = before_write = nullptr;
+        }
 }
 
 TEST_F(recovery, with_a_failing_read_fails_and_leaves_what_was_there)
