@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <zstd.h>
 
 namespace
 {
@@ -107,6 +108,7 @@ protected:
         EXPECT_TRUE(listing.items == expected) << listing.items.size() << " items, not " << expected.size();
         EXPECT_EQ(listing.info.damaged_places, 0u);
         EXPECT_EQ(listing.info.clean_end, 1);
+        EXPECT_EQ(listing.info.blocks, result.blocks);
         EXPECT_EQ(listing.info.records, result.records);
         EXPECT_EQ(listing.info.headers, result.headers);
         EXPECT_EQ(listing.info.open_end, result.open_end);
@@ -434,6 +436,76 @@ TEST_F(cut, of_everything_of_a_small_trace_is_its_recovery_by_one_thread_or_seve
         }
     }
     EXPECT_GE(recovered, 200u);
+}
+
+TEST_F(cut, says_who_left_out_what_belongs_before_a_block_of_which_a_part_is_kept)
+{
+    for (const auto &[name, cause] :
+         {std::pair{"gap-block-1", QTRACE_CAUSE_REFUSED}, {"left-out-block-1", QTRACE_CAUSE_LEFT_OUT}}) {
+        std::ifstream in(std::string(QT_SMALL_TRACES) + "/" + name + ".trace", std::ios::binary);
+        const std::string source{std::istreambuf_iterator<char>(in), {}};
+        QTRACE_Cut choice = all();
+        choice.every = 1'000;
+        choice.window = 5; // two records before those that are missing, one after
+        const Listing listing =
+            expect_cut(source, choice, [](const Numbered_Item &item) { return item.record < 5; });
+        EXPECT_EQ(listing.left_out, (std::vector<Place>{{cause, 2, 2}})) << name;
+        EXPECT_EQ(listing.info.open_end, 1);
+    }
+}
+
+TEST_F(cut, puts_comments_where_the_writer_puts_them)
+{
+    for (const size_t size : {16'384, 16'385}) {
+        const QTRACE_FDESCR file = open();
+        write(file, QTRACE_FILE_HDR{}, std::string(size, 'c'));
+        for (int i = 0; i < 3; ++i)
+            write(file, QTRACE_RECORD{});
+        QTRACE_Fclose(file);
+        EXPECT_EQ(expect_range(bytes(), 0, 2).info.blocks, size == 16'384 ? 1u : 2u);
+        written_.clear();
+    }
+}
+
+TEST_F(cut, compresses_parts_by_level_6)
+{
+    write_plausible(3'000);
+    QTRACE_Cut choice = all();
+    choice.from = 100;
+    const std::string part = cut_of(bytes(), choice);
+    constexpr size_t HEADER = 56;
+    size_t last = 16;
+    uint32_t sizes[2]; // stored and raw
+    for (size_t at = last; at < part.size(); at += HEADER + sizes[0]) {
+        last = at;
+        std::memcpy(sizes, &part.at(at + 8), sizeof sizes);
+    }
+    std::string raw(sizes[1], 0), pressed(ZSTD_compressBound(sizes[1]), 0);
+    ASSERT_EQ(ZSTD_decompress(raw.data(), raw.size(), &part.at(last + HEADER), sizes[0]), raw.size());
+    pressed.resize(ZSTD_compress(pressed.data(), pressed.size(), raw.data(), raw.size(), 6));
+    EXPECT_TRUE(part.substr(last + HEADER) == pressed);
+}
+
+TEST_F(cut, tells_how_many_records_it_has_passed)
+{
+    setenv("QTRACE_COMPRESSION", "none", 1);
+    write_plausible(9'000);
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    std::vector<QTRACE_Block> blocks(qtrace_blocks(reader, nullptr, 0));
+    qtrace_blocks(reader, blocks.data(), blocks.size());
+    qtrace_close(reader);
+    ASSERT_GT(blocks.size(), 1u);
+    std::vector<uint64_t> expected, told;
+    for (const QTRACE_Block &block : blocks)
+        expected.push_back(block.first_record + block.records);
+    QTRACE_Cut choice = all();
+    choice.write = [](void *, const void *, size_t) { return 0; };
+    choice.progress = [](void *user, uint64_t records) {
+        static_cast<std::vector<uint64_t> *>(user)->push_back(records);
+    };
+    choice.user = &told;
+    ASSERT_EQ(qtrace_cut(name_.c_str(), &choice, &result_, nullptr), 0);
+    EXPECT_EQ(told, expected);
 }
 
 TEST_F(cut, fails_with_the_reason)
