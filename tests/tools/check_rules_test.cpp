@@ -789,6 +789,19 @@ TEST(check_after_losses, what_the_lost_records_would_explain_is_not_reported)
     EXPECT_THAT(broken_in("HL", items), IsEmpty());
 }
 
+TEST(check_after_losses, nothing_is_lost_before_the_first_item_or_at_a_header)
+{
+    const Trace trace = good_trace();
+    Item node = trace[PLAIN];
+    node.record.header.control.fld.node_present = node.record.header.control.fld.termination_present = 1;
+    node.record.node = node.record.termination_node = 2;
+    node.record.termination_code = 64;
+    const std::map<char, Item> items = {{'H', trace[FIRST_HEADER]}, {'p', trace[PLAIN]}, {'n', node}};
+    EXPECT_THAT(broken_in("np", items), ElementsAre("node-order", "record-before-header", "record-before-header"));
+    EXPECT_THAT(broken_in("Hnp", items), ElementsAre("node-order", "processor-missing"));
+    EXPECT_THAT(broken_in("LHnp", items), ElementsAre("node-order", "processor-missing"));
+}
+
 TEST(check_after_losses, everything_else_is)
 {
     Trace trace = good_trace();
@@ -884,6 +897,14 @@ TEST(check_in_pieces, items_are_judged_by_those_of_earlier_pieces)
     trace[RESUMED].record.processor = 3;
     EXPECT_THAT(broken_in_pieces(trace), ElementsAre("processor-changed"));
     EXPECT_THAT(broken_in_pieces({trace[PLAIN]}), ElementsAre("record-before-header"));
+}
+
+TEST(check_in_pieces, node_numbers_count_on_from_earlier_pieces)
+{
+    Trace trace = good_trace();
+    trace[TAKEN_BRANCH].record.node = trace[TAKEN_BRANCH].record.termination_node = 1;
+    trace[UNTAKEN_BRANCH].record.node = trace[UNTAKEN_BRANCH].record.termination_node = 2;
+    EXPECT_THAT(broken_in_pieces(trace), IsEmpty());
 }
 
 TEST(check_in_pieces, a_header_may_lack_the_comment_that_its_length_announces)
@@ -1012,6 +1033,8 @@ TEST(check_findings, show_the_flags_or_members_that_explain_them)
               }),
               "is_speculative 2, secondary_data_page_size 3");
     EXPECT_EQ(values([](Trace &t) { t[LOAD].record.data_hRTW_num_level = 5; }), "data_hRTW_num_level 5");
+    EXPECT_EQ(values([](Trace &t) { t[LOAD].record.data_hRTW_host_RA[0].ra[7] = 1; }),
+              "data_hRTW 100,0,0,200, data_hRTW_host_RA 100000000000000,0,0,0");
     EXPECT_EQ(values([](Trace &t) { t[FIRST_HEADER].header.iar_hRTW_num_level = 5; }), "iar_hRTW_num_level 5");
 }
 

@@ -1,5 +1,6 @@
 // `qtrace check --text` on a trace and its text written by hand: each thing that can differ is changed in the text, and
 // the rule about it alone must be violated.
+#include "check_pte.h"
 #include "check_text.h"
 #include "planted_trace.h"
 
@@ -215,6 +216,7 @@ const Text_Change TEXT_CHANGES[] = {
      {{"text-registers", 3}}}, // both words, and the number
     {"(Output Reg 0(s8)", "(Output Reg 0(r9):0x0000000000000001) (Output Reg 0(s8)", {{"text-registers", 1}}},
     {"(PC:0x1000) ", "(PC:0x1000) (Input Reg 0(f0):0x0000000000000000) ", {{"text-registers", 1}}},
+    {"(Output Reg 1(v2)", "(Output Reg 1(s9):0x0000000000000001) (Output Reg 1(v2)", {{"text-registers", 1}}},
     // the address of the data
     {"(xlatetype_D:Z7_HostHptSTEGroup)", "(xlatetype_D:Z7_HostRadixProcessScoped)", {{"text-data-mode", 1}}},
     {"(xlatetype_D:Z7_GuestRadixOnHostRadix)", "(xlatetype_D:VirtualRealMode)", {{"text-data-mode", 1}}},
@@ -237,6 +239,8 @@ const Text_Change TEXT_CHANGES[] = {
     {"data_hRTPDE_L2_RA:0x0,", "data_hRTPDE_L2_RA:0x1,", {{"text-data-walk", 1}}},
     {"data_hRTPDE_L3_RA:0x0,", "data_hRTPDE_L3_RA:0x1,", {{"text-data-walk", 1}}},
     {"data_hRTPTE_RA:0x200", "data_hRTPTE_RA:0x201", {{"text-data-walk", 1}}},
+    // what the trace does not tell
+    {"(DEA:0x5008(HostPageSize:1)", "(DEA:0x5008(HostPageSize:1, VSID:0x0000000000000100)", json::object()},
     {"data_gRTPDE_L1_RA:0x60000", "data_gRTPDE_L1_RA:0x60001", {{"text-data-walk", 1}}},
     {"data_gRTPTE_RA:0x60010", "data_gRTPTE_RA:0x60011", {{"text-data-walk", 1}}},
     {"data_gRA:0x70000", "data_gRA:0x70001", {{"text-data-walk", 1}}},
@@ -339,6 +343,15 @@ TEST(check_text, shows_both_values_and_the_line)
         qtrace({"check", "--text", folder.text("text0", "*** FILE HEADER INSERTED *** \n" + COMMENT + "y"), file})
             .out,
         HasSubstr("not a record line: `y`"));
+    const std::string end = "y" + std::string(70, 'x');
+    EXPECT_THAT(
+        qtrace({"check", "--text", folder.text("text0", "*** FILE HEADER INSERTED *** \n" + COMMENT + end), file})
+            .out,
+        HasSubstr("not a record line: `y" + std::string(59, 'x') + "`"));
+    text = described_text();
+    text.insert(text.find("(Output Reg 2(v34)"), "(Output Reg 2(v34):0x00000000000000000000000000000000) ");
+    EXPECT_THAT(qtrace({"check", "--text", folder.text("text0", text), file}).out,
+                HasSubstr("the number of vsxr_out is 0x2 in the text, 0x1 in the trace"));
 }
 
 // ---- Registers that a record cannot hold ---------------------------------------------------------------
@@ -538,6 +551,11 @@ TEST(parse_text_line, takes_registers_of_one_or_two_words)
     EXPECT_EQ(shown('v', true), "12=b:a 3=2:1000000000000000 ");
 }
 
+TEST(parse_text_line, takes_registers_that_have_a_number)
+{
+    EXPECT_TRUE(parsed("(Input Reg 0(r):0x0000000000002000)").registers.empty());
+}
+
 TEST(parse_text_line, takes_the_entries_of_walks_by_host_walk_and_side)
 {
     const qtrace_tool::Text_Line line = parsed(
@@ -606,6 +624,29 @@ TEST(check_text, takes_negative_partitions)
               json::object());
 }
 
+TEST(check_text, compares_with_a_header_only_where_there_is_one)
+{
+    const Folder folder;
+    EXPECT_EQ(violations_of(folder, {good_trace()[PLAIN]},
+                            line(RADIX, FIRST, "0x60000000", "(I:0) (N:0) (T:0) (PC:0x0) (nextPC:0x4) (done) \n")),
+              json({{"record-before-header", 1}}));
+}
+
+TEST(check_text, compares_walks_of_translations_that_the_record_tells)
+{
+    const Folder folder;
+    Item load = with_data(0xe8640008, 0x5008, Case::single);
+    set_piece(load, Side::data, PAGE_NUMBER, false);
+    set_piece(load, Side::data, PAGE_SIZE, false);
+    EXPECT_EQ(violations_of(folder, {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], load},
+                            BEGINNING + line("(xlatetype_I:Z7_HostRadixProcessScoped) "
+                                             "(xlatetype_D:Z7_HostRadixProcessScoped)",
+                                             FIRST, "0xe8640008",
+                                             "(I:0) (N:0) (T:0) (PC:0x1004) (nextPC:0x1008) (DEA:0x5008 "
+                                             "(data_Host_RTW_Depth:3 (data_hRTPTE_RA:0x201) )) \n")),
+              json({{"data-walk-without-radix", 1}}));
+}
+
 TEST(check_text, compares_branches_that_the_record_decides)
 {
     const Folder folder;
@@ -672,7 +713,8 @@ TEST(check_text, compares_every_host_walk_that_a_record_has_and_no_other)
     for (const char *none :
          {"(data_hRTW_host_Block0_RA:0x1)", "(data_hRTW_host_Block5_RA:0x1)", "(data_hRTW_host_Block4_RA:0x0)",
           "(data_Host_RTWs_Block:6 (data_hRTPDE_L1_RA:0x1))", "(data_Host_RTWs_Block:5 (data_hRTPDE_L1_RA:0x0))",
-          "(data_gRTPDE_L4_RA:0x1)", "(data_hOther_RA:0x1)", "(data_gRTPDE_L3_RA:0x0)"})
+          "(data_Host_RTWs_Block:99 (data_hRTPDE_L1_RA:0x1))", "(data_gRTPDE_L4_RA:0x1)", "(data_hOther_RA:0x1)",
+          "(data_gRTPDE_L3_RA:0x0)"})
         EXPECT_EQ(with(none), json::object()) << none;
     for (const char *wrong : {"(data_hRTW_host_Block1_RA:0x1)", "(data_hRTW_host_Block4_RA:0x1)",
                               "(data_Host_RTWs_Block:5 (data_hRTPDE_L1_RA:0x1))", "(data_gRTPDE_L3_RA:0x1)"})
@@ -729,6 +771,72 @@ TEST(check_text, ends_in_order_on_any_text)
         with_findings += outcome.exit_code != 0;
     }
     EXPECT_GT(with_findings, 120u);
+}
+
+namespace
+{
+
+// Walks of a file of these words that none of them is.
+size_t missing_in(const Folder &folder, const QTRACE_RTW &walk, const std::vector<uint64_t> &words)
+{
+    std::string bytes;
+    for (const uint64_t word : words)
+        for (int shift = 56; shift >= 0; shift -= 8)
+            bytes += static_cast<char>(word >> shift);
+    Item item = with_data(0x80640010, 0x6010, Case::single);
+    item.record.data_hRTW[0] = walk;
+    QTRACE_Item traced{};
+    traced.record = item.record;
+    qtrace_tool::Pte_Checker checker;
+    checker.add(trace::data_address_of(item.record), "data address", traced);
+    std::string error;
+    EXPECT_TRUE(checker.search(folder.text("pte0", bytes), error)) << error;
+    EXPECT_EQ(checker.compared(), 1u);
+    return checker.missing().size();
+}
+
+QTRACE_RTW walk_of(uint8_t first, uint8_t second, uint8_t third, uint8_t entry)
+{
+    QTRACE_RTW walk{};
+    walk.RTPDE_ra_l1[0] = first;
+    walk.RTPDE_ra_l2[0] = second;
+    walk.RTPDE_ra_l3[0] = third;
+    walk.RTPTE_ra[0] = entry;
+    return walk;
+}
+
+} // namespace
+
+TEST(check_pte, finds_a_walk_in_any_five_words_of_the_file)
+{
+    const Folder folder;
+    EXPECT_EQ(missing_in(folder, walk_of(1, 2, 3, 4), {1, 2, 3, 4, 5}), 0u);
+    EXPECT_EQ(missing_in(folder, walk_of(1, 2, 3, 4), {1, 2, 3, 4, 5, 8, 9, 10, 4, 11}), 0u);
+    EXPECT_EQ(missing_in(folder, walk_of(3, 4, 5, 6), {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}), 0u);
+    EXPECT_EQ(missing_in(folder, walk_of(1, 2, 3, 4), {1, 2, 7, 4, 5}), 1u);
+    EXPECT_EQ(missing_in(folder, walk_of(0, 1, 2, 3), {1, 2, 3, 4, 5}), 1u); // from before the file's first word
+}
+
+TEST(check_pte, compares_the_five_walks_of_a_guest_of_five_levels)
+{
+    Item item = with_data(0x80640010, 0x6010, Case::nested);
+    item.record.data_hRTW_depth = 5;
+    for (const size_t walk : {3, 4})
+        item.record.data_hRTW[walk].RTPTE_ra[0] = 7;
+    item.record.data_hRTW[4].RTPTE_ra[0] = 8;
+    item.record.data_hRTW_host_RA[3].ra[0] = 9;
+    QTRACE_Item traced{};
+    traced.record = item.record;
+    qtrace_tool::Pte_Checker checker;
+    checker.add(trace::data_address_of(item.record), "data address", traced);
+    EXPECT_EQ(checker.compared(), 5u);
+}
+
+TEST(check_pte, of_a_file_that_is_not_there_says_why)
+{
+    std::string error;
+    EXPECT_FALSE(qtrace_tool::Pte_Checker().search("/nowhere/pte0", error));
+    EXPECT_THAT(error, HasSubstr("No such file or directory"));
 }
 
 TEST(check_pte, ends_in_order_on_any_entries)

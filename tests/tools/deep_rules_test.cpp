@@ -538,6 +538,32 @@ TEST(code_unchanged, is_not_known_outside_the_page_until_the_trace_says_where_it
     EXPECT_THAT(deep.news(), ElementsAre("code-unchanged 4 10000: 38630002, it was 38630001"));
 }
 
+TEST(code_unchanged, is_not_known_before_the_trace_says_where_it_is)
+{
+    Deep deep;
+    for (const uint32_t word : {ADD, ADD + 1})
+        deep.run(word, 0);
+    deep.start(CODE, entry_of(CODE));
+    deep.checker.loss(nullptr);
+    for (const uint32_t word : {ADD, ADD + 1})
+        deep.run(word, CODE);
+    EXPECT_THAT(deep.news(), IsEmpty());
+    EXPECT_EQ(deep.checker.checks(qtrace_tool::CODE_UNCHANGED), 0u);
+}
+
+TEST(code_unchanged, is_silent_after_a_store_of_a_single_byte)
+{
+    Deep deep;
+    deep.start(CODE, entry_of(CODE));
+    deep.run(ADD, CODE);
+    Item store = access(31u << 26 | 725u << 1, CODE); // a string
+    store.record.header.control.fld.length_present = 1;
+    store.record.length = 1;
+    deep.give(store, CODE + 0x100);
+    deep.run(ADD + 1, CODE);
+    EXPECT_THAT(deep.news(), IsEmpty());
+}
+
 TEST(code_unchanged, holds_in_real_mode_at_every_address)
 {
     Item header = good_trace()[FIRST_HEADER];
@@ -716,6 +742,18 @@ TEST(same_page_same_walk, is_the_same_tree_with_other_entries_of_the_second_walk
         deep.give(load);
     }
     EXPECT_EQ(deep.news().size(), 1u);
+}
+
+TEST(same_page_same_walk, is_another_tree_with_another_entry_of_the_guest_s_only_level)
+{
+    Deep deep;
+    for (const uint64_t entry : {0x60010, 0x99990}) {
+        Item load = nested_load();
+        load.record.data_hRTW_depth = 2;
+        put(load.record.data_gRTW.RTPTE_GUEST_ra, entry);
+        deep.give(load);
+    }
+    EXPECT_THAT(deep.news(), IsEmpty());
 }
 
 TEST(same_page_same_walk, is_the_same_tree_wherever_in_a_guest_real_page_the_access_is)

@@ -344,6 +344,10 @@ TEST(stored_memory, every_byte_of_an_entry_or_a_line_is_a_place_in_it)
     memory.store(store_at(HOST.at(0x1078)));
     EXPECT_EQ(memory.entry_time(HOST.at(0x100F)), 1u);
     EXPECT_EQ(memory.line_time(HOST.at(0x107F)), 2u);
+    memory.store(store_at(UNKNOWN.at(0x3010)));
+    EXPECT_EQ(memory.doubtful_time(HOST.at(0x5010)), 3u);
+    for (const uint64_t other : {0x5008, 0x5018})
+        EXPECT_EQ(memory.doubtful_time(HOST.at(other)), 0u) << std::hex << other;
 }
 
 TEST(stored_memory, forgets_everything)

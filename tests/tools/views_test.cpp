@@ -87,6 +87,13 @@ TEST(table, that_is_too_wide_becomes_as_narrow_as_its_contents)
                                                                   "x"
                                                                   "  12345"
                                                                   "  6\n");
+    EXPECT_EQ(printed({{"a", "b"}, {{"x", {"1", "12345"}}}}, 60), " "
+                                                                  "  a"
+                                                                  "      b\n"
+                                                                  "x"
+                                                                  "  1"
+                                                                  "  12345\n");
+    EXPECT_EQ(printed({{"a"}, {}}, 2), "  a\n");
 }
 
 TEST(table, that_is_still_too_wide_is_continued_below_with_its_labels)
@@ -221,10 +228,14 @@ TEST(output, hands_on_what_is_left_when_it_goes)
         EXPECT_EQ(folder.contents("out"), "");
         out.put_lines(std::string(300000, 'x') + "\n");
         EXPECT_EQ(out.size(), 0u);
+        out.put(std::string(300000, 'y'));
+        out.settle();
+        EXPECT_EQ(out.size(), 0u);
         out.put("end");
     }
     close(file);
-    EXPECT_EQ(folder.contents("out"), "kept short\n" + std::string(300000, 'x') + "\nend");
+    EXPECT_EQ(folder.contents("out"),
+              "kept short\n" + std::string(300000, 'x') + "\n" + std::string(300000, 'y') + "end");
 }
 
 TEST(output, of_no_descriptor_keeps_everything)
@@ -511,6 +522,27 @@ TEST(record_line, has_a_member_of_value_0_where_its_flag_says_that_it_is_there)
     EXPECT_THAT(line(), testing::HasSubstr(" length 0"));
 }
 
+TEST(record_line, has_members_that_no_flag_announces_where_they_are_filled)
+{
+    QTRACE_Item item{};
+    item.record = planted::plain_record(0x60000000);
+    item.record.secondary_data_page_size = 3;
+    EXPECT_EQ(put([&](Output &out) { print_record(out, item, Field_Selection::all()); }),
+              "         0 ???????????????? 60000000 --- secondary-page 3\n");
+}
+
+TEST(record_line, in_json_has_names_of_addresses_alone)
+{
+    const Folder folder;
+    Trace trace = planted::good_trace();
+    trace[planted::STRING].record.length = 0x1000; // where a symbol is
+    const std::string map = folder.text("map", "1000 10 T start\n");
+    const std::string out = qtrace({"dump", "--json", "--fields", "length", "--symbols", map, "--from", "5",
+                                    "--count", "1", folder.write("trace0", trace)})
+                                .out;
+    EXPECT_THAT(out, HasSubstr("\"length\":4096}\n"));
+}
+
 TEST(record_line, registers_alone_are_listed_in_words)
 {
     QTRACE_REGISTERS registers{};
@@ -628,6 +660,7 @@ TEST(fields, usual_ones_are_all_but_walks_and_unused_members)
     const std::vector<std::string> usual = members_of(Field_Selection::usual());
     EXPECT_TRUE(Field_Selection::usual().shows_flags());
     EXPECT_EQ(registers_of(Field_Selection::usual()), 10u);
+    EXPECT_THAT(usual, testing::Contains("instruction"));
     EXPECT_THAT(usual, testing::Contains("data_rpn"));
     EXPECT_THAT(usual, testing::Contains("next_instruction_ea"));
     for (const char *name : {"next_instruction_hRTW", "data_hRTW", "data_gRTW", "itype"}) {
@@ -815,5 +848,10 @@ TEST(pte_line, what_is_wrong_is_said_once_and_the_rest_of_the_file_is_told)
     EXPECT_EQ(qtrace({"dump", "--kind", "radix", "--from", "1", "--count", "1", "--pte", file}).exit_code, 3);
     EXPECT_EQ(qtrace({"dump", "--kind", "radix", "--from", "2", "--pte", file}).err,
               "qtrace: " + file + ": no access 2: the file has 2\n");
+    EXPECT_EQ(qtrace({"dump", "--kind", "radix", "--from", "3", "--pte", file}).err,
+              "qtrace: " + file + ": no access 3: the file has 2\n");
+    const std::string one = folder.text("one0", std::string(40, '\0'));
+    EXPECT_EQ(qtrace({"dump", "--kind", "radix", "--from", "1", "--pte", one}).err,
+              "qtrace: " + one + ": no access 1: the file has 1\n");
     EXPECT_EQ(qtrace({"dump", "--pte", folder.text("empty0", "")}).exit_code, 0);
 }
