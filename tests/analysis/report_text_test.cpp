@@ -228,6 +228,28 @@ TEST_F(report_text, of_one_thread_has_no_heading_for_it)
     EXPECT_THAT(page, HasSubstr("<th scope=\"col\" class=\"shown\">Shown by</th>"));
 }
 
+TEST_F(report_text, of_some_records_names_the_first_and_the_last_one)
+{
+    for (const auto &[end, last] : {std::pair(0u, 0u), {1u, 0u}, {2u, 1u}}) {
+        auto data = thread("part", 0, end);
+        data->is_part = true;
+        data->finish();
+        EXPECT_THAT(page_of_one(std::move(data)),
+                    HasSubstr(fmt::format("shows the records from 0 up to {} alone", last)));
+    }
+}
+
+TEST_F(report_text, data_of_the_pictures_has_no_character_that_could_end_it)
+{
+    auto data = thread("x<<y");
+    data->finish();
+    const std::string page = page_of_one(std::move(data));
+    EXPECT_THAT(page, HasSubstr(R"("name":"x\u003c\u003cy")"));
+    EXPECT_EQ(data_of(page)["threads"][0]["name"], "x<<y");
+    EXPECT_EQ(data_of(page)["bins"], 1u);
+    EXPECT_EQ(data_of(page_of_one(busy_thread()))["threads"][0]["tlb"]["advice"].size(), 10u);
+}
+
 TEST_F(report_text, of_two_equal_traces_has_no_difference)
 {
     std::vector<Report_Trace> traces(2);

@@ -83,6 +83,9 @@ TEST(tlb_model, pages_of_one_set_replace_each_other_only)
     Accesses accesses(sized({{4, 1}})); // sets 0 to 3
     accesses.data({0, 4, 0, 1, 1});     // 0 and 4 share a set, 1 is alone
     EXPECT_EQ(accesses.model.finish().walks(), 4u);
+    Accesses apart(sized({{4, 1}}));
+    apart.data({0, 1, 2, 3, 0, 1, 2, 3});
+    EXPECT_EQ(apart.model.finish().walks(), 4u);
 }
 
 TEST(tlb_model, a_second_level_answers_what_the_first_has_lost)

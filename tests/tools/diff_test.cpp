@@ -404,6 +404,19 @@ TEST(equal_blocks, are_compared_in_pairs_by_several_threads)
     EXPECT_TRUE(files.groups({}, 1).empty());
 }
 
+TEST(equal_blocks, of_an_odd_number_have_a_group_of_one)
+{
+    const Folder folder;
+    uint64_t blocks = 0;
+    for (size_t records = 12000; blocks % 2 == 0 || blocks == 1; records += 1500) {
+        ASSERT_LT(records, 40000u);
+        const std::string trace = folder.write("odd0", numbered_trace(records));
+        const Two_Files files(trace, trace);
+        blocks = files.a->info().blocks;
+        EXPECT_EQ(extent_of(files.groups()), std::pair(blocks, uint64_t{records}));
+    }
+}
+
 TEST(equal_blocks, are_those_whose_records_all_belong_to_the_range)
 {
     const Folder folder;
@@ -475,6 +488,9 @@ TEST(equal_blocks, with_another_header_or_address_differ)
         EXPECT_EQ(Two_Files(one, folder.write("other0", trace)).verdicts(), (std::vector{false}));
     }
     Trace trace = good_trace();
+    std::swap(trace[PARTITION], trace[PARTITION + 1]); // the header after the record
+    EXPECT_EQ(Two_Files(one, folder.write("other0", trace)).verdicts(), (std::vector{false}));
+    trace = good_trace();
     trace[FIRST_HEADER].comment[3] = '!';
     EXPECT_EQ(Two_Files(one, folder.write("other0", trace)).verdicts(), (std::vector{false}));
 }
