@@ -93,6 +93,10 @@ TEST(report_range, says_in_its_page_which_records_it_shows)
     const std::string whole = folder.write("whole0", varied_trace());
     pictured(folder, {"--from", "100", "--count", "50", whole});
     EXPECT_NE(folder.contents("page.html").find("shows the records from 100 up to 149 alone"), std::string::npos);
+    pictured(folder, {"--from", "100", whole});
+    EXPECT_NE(folder.contents("page.html").find("shows the records from 100 up to 1,999 alone"), std::string::npos);
+    pictured(folder, {"--from", "1", "--count", "1900", whole});
+    EXPECT_NE(folder.contents("page.html").find("shows the records from 1 up to 1,900 alone"), std::string::npos);
     pictured(folder, {"--from", "0", "--count", "100000", whole});
     EXPECT_EQ(folder.contents("page.html").find("this page shows"), std::string::npos);
 }
@@ -117,6 +121,16 @@ TEST(report_range, of_a_trace_that_is_cut_off_has_no_gap_at_its_end)
     const std::string what = "byte 16: the file ends inside a block (at least 2000 records are lost)";
     EXPECT_EQ(pictured(folder, {cut}, "qtrace: " + cut + ": " + what + "\n")["gaps"], json::array());
     EXPECT_NE(folder.contents("page.html").find(what), std::string::npos);
+}
+
+TEST(report_range, of_a_cut_without_the_first_record_has_a_gap_before_the_second)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", varied_trace()), cut = folder.path("cut0");
+    ASSERT_EQ(qtrace({"cut", whole, "-o", cut, "--from", "1"}).exit_code, 0);
+    const json gaps = pictured(folder, {cut})["gaps"];
+    ASSERT_EQ(gaps.size(), 1u);
+    EXPECT_EQ(gaps[0]["record"], 1) << gaps;
 }
 
 TEST(report_range, of_a_cut_of_one_record_begins_at_its_number)

@@ -701,6 +701,30 @@ TEST_F(plan_lines, of_a_file_that_follows_itself_are_those_of_one)
 
 // ---- cut -----------------------------------------------------------------------------------------------
 
+TEST_F(hand_counts, cut_says_in_json_whether_the_end_of_the_trace_is_missing)
+{
+    const auto told = [](std::vector<std::string> words) {
+        words.insert(words.end(), {"--json", "-o", "part0", "--force", "trace0"});
+        words.insert(words.begin(), "cut");
+        return qtrace(words).out;
+    };
+    EXPECT_EQ(told({}), R"({"from":"trace0","to":"part0","blocks":1,"records":25,"headers":3,"damaged_places":0,)"
+                        R"("open_end":false})"
+                        "\n");
+    EXPECT_EQ(told({"--count", "5"}), R"({"from":"trace0","to":"part0","blocks":1,"records":5,"headers":1,)"
+                                      R"("damaged_places":0,"open_end":true})"
+                                      "\n");
+}
+
+TEST_F(hand_counts, damage_tells_of_a_single_record_that_is_lost)
+{
+    folder.write("one0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]});
+    const std::string bytes = folder.contents("one0");
+    folder.text("broken0", bytes.substr(0, bytes.size() - 1));
+    EXPECT_EQ(qtrace({"dump", "broken0"}).err,
+              "qtrace: broken0: byte 16: the file ends inside a block (at least 1 record is lost)\n");
+}
+
 TEST_F(hand_counts, cut_of_windows_as_long_as_their_distance_keeps_everything)
 {
     EXPECT_EQ(qtrace({"cut", "--every", "5", "--window", "5", "-o", "part0", "trace0"}).out,

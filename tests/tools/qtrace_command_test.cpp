@@ -211,6 +211,9 @@ TEST(command_line, what_differs_between_the_first_headers_is_told_of_each_file)
     folder.write("trace3", with("3", "4096"));
     folder.write("trace4", with("3", "8192"));
     folder.write("trace5", {{false, {}, "", plain_record(0x60000000)}});
+    silent[FIRST_HEADER].comment = "of another kind";
+    silent[FIRST_HEADER].header.control.comment_present = 1;
+    folder.write("trace6", silent);
     const auto told = [&](const char *file, const char *version, const char *memory) {
         return "qtrace: " + folder.path(file) +
                ": its first header tells of another machine than those before: version " + version + " and " +
