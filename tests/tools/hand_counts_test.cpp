@@ -543,13 +543,17 @@ TEST_F(hand_counts, a_range_has_the_header_before_its_first_record)
 // They are read once more to be shown.
 TEST_F(hand_counts, info_shows_headers_that_are_too_many_to_be_kept)
 {
-    const Trace trace(2000, good_trace()[FIRST_HEADER]);
+    const Trace trace(6000, good_trace()[FIRST_HEADER]);
     folder.write("headers0", trace);
-    const std::string text = qtrace({"info", "--headers", "1990", "headers0"}).out;
-    for (const auto &[number, shown] : {std::pair(0, true), {1989, true}, {1990, false}})
+    const std::string text = qtrace({"info", "--headers", "5990", "headers0"}).out;
+    for (const auto &[number, shown] : {std::pair(0, true), {5989, true}, {5990, false}})
         EXPECT_EQ(text.find(fmt::format("\n  header {:<4} before record 0: ", number)) != std::string::npos, shown);
     EXPECT_THAT(text, testing::EndsWith("  ... and 10 more full headers (--headers N lists N)\n"));
-    EXPECT_EQ(json::parse(qtrace({"info", "--json", "headers0"}).out)["header_list"].size(), 2000u);
+    EXPECT_EQ(json::parse(qtrace({"info", "--json", "headers0"}).out)["header_list"].size(), 6000u);
+    const json range = json::parse(qtrace({"info", "--verify", "--json", "--from", "0", "headers0"}).out);
+    EXPECT_EQ(range["headers"], 6000);
+    for (const char *none : {"records", "damaged_places", "left_out"})
+        EXPECT_EQ(range[none], 0) << none;
 }
 
 TEST_F(recover_figures, of_a_cut_block)
@@ -666,6 +670,9 @@ TEST_F(plan_lines, share_the_records_of_all_files)
               parts_of("long0", blocks, each) + parts_of("rest0", blocks_of("rest0"), each));
     EXPECT_THAT(qtrace({"plan", "--parts", "5", "long0", "rest0"}).out,
                 testing::StartsWith(fmt::format("long0 --from 0 --count {}\n", each)));
+    folder.write("rest0", long_trace(5 * each + 1 - 20000)); // one record too many for that
+    EXPECT_THAT(qtrace({"plan", "--parts", "5", "long0", "rest0"}).out,
+                testing::StartsWith(fmt::format("long0 --from 0 --count {}\n", each + blocks[1].records)));
 }
 
 TEST_F(plan_lines, are_words_of_a_shell_or_json)
@@ -930,6 +937,57 @@ TEST_F(hand_counts, diff_shows_a_changed_record_between_its_neighbours)
         R"("kinds":["instruction"],"only_a":0,"only_b":0,"members":{"instruction":["0x48000ff5","0x48000ff7"]}}],)"
         R"("records_a":11,"records_b":11,"differing":1,"only_a":0,"only_b":0,"kinds":{"instruction":1}})"
         "\n");
+}
+
+TEST_F(hand_counts, diff_compares_one_thread_with_a_file_whatever_their_names)
+{
+    folder.write("old0", good_trace());
+    folder.write("new0", good_trace());
+    const std::string same = "11 | 11 records: no difference\n";
+    EXPECT_EQ(qtrace({"diff", "old", "new0"}).out, "old0 | new0\n" + same);
+    EXPECT_EQ(qtrace({"diff", "old0", "new"}).out, "old0 | new0\n" + same);
+    folder.write("old1", good_trace());
+    const std::string missing = "qtrace: old0: there is no such thread in new0\n"
+                                "qtrace: old1: there is no such thread in new0\n"
+                                "qtrace: new0: there is no such thread in old\n";
+    EXPECT_EQ(qtrace({"diff", "old", "new0"}).err, missing);
+    EXPECT_THAT(qtrace({"diff", "new0", "old"}).err, HasSubstr("qtrace: old1: there is no such thread in new0\n"));
+}
+
+TEST_F(recover_figures, diff_tells_damage_once_and_a_single_record_on_one_side)
+{
+    Trace right = long_trace(20000);
+    right.erase(right.begin() + 5001);
+    folder.write("right0", right);
+    EXPECT_THAT(qtrace({"diff", "long0", "right0"}).out,
+                HasSubstr(": missing: 1 record only in long0, 0 only in right0\n"));
+    bytes[blocks[1].offset + 100] ^= 0x20;
+    folder.text("broken0", bytes);
+    const Outcome outcome = qtrace({"diff", "--limit", "9", "broken0", "long0"});
+    EXPECT_EQ(std::ranges::count(outcome.err, '\n'), 1) << outcome.err;
+}
+
+TEST_F(hand_counts, files_after_one_that_cannot_be_read_are_read)
+{
+    folder.write("short0", good_trace());
+    for (const char *command : {"stats", "tlb", "check", "info"})
+        EXPECT_THAT(qtrace({command, "none0", "trace0"}).out, HasSubstr("trace0")) << command;
+    for (const char *command : {"stats", "tlb"})
+        EXPECT_THAT(qtrace({command, "--from", "15", "short0", "trace0"}).out, HasSubstr("trace0")) << command;
+    EXPECT_THAT(qtrace({"stats", "--kind", "store", "--from", "15", "short0", "trace0"}).out, HasSubstr("trace0"));
+}
+
+TEST_F(hand_counts, tlb_gives_file_names_in_their_own_letters)
+{
+    folder.write("\xC3\xA4_0", good_trace());
+    EXPECT_THAT(qtrace({"tlb", "--json", "\xC3\xA4_0"}).out, testing::StartsWith("{\"file\":\"\xC3\xA4_0\","));
+}
+
+TEST_F(hand_counts, dump_says_which_file_lines_are_of_where_there_are_two)
+{
+    folder.write("short0", good_trace());
+    const std::string one = qtrace({"dump", "--count", "1", "short0"}).out;
+    EXPECT_EQ(qtrace({"dump", "--count", "1", "short0", "short0"}).out, "# short0\n" + one + "# short0\n" + one);
 }
 
 TEST_F(hand_counts, options_that_name_no_format_or_address_are_refused)

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstring>
+#include <fmt/format.h>
 #include <sstream>
 
 using namespace planted;
@@ -294,6 +295,21 @@ TEST(records_of_a_kind, end_with_the_last_that_is_asked_for)
             for (const Outcome &outcome : {dumped, exported})
                 EXPECT_EQ(outcome.exit_code, lost && of == spoilt ? 3 : 0) << count;
         }
+    }
+}
+
+// More lines than a block's sink keeps at once.
+TEST(records_of_a_kind, are_printed_in_order_whole_and_as_many_as_asked_for)
+{
+    const Folder folder;
+    const Trace trace = long_parts();
+    const std::string file = folder.write("trace0", {trace.begin(), trace.begin() + 20000});
+    for (const uint64_t count : {uint64_t{5999}, uint64_t{15000}}) {
+        std::istringstream lines(qtrace({"dump", "--not", "load", "--count", std::to_string(count), file}).out);
+        uint64_t number = 0;
+        for (std::string line; std::getline(lines, line); number++)
+            ASSERT_EQ(line.substr(0, 11), fmt::format("{:>10} ", number));
+        EXPECT_EQ(number, count);
     }
 }
 
