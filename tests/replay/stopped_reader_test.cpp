@@ -48,6 +48,14 @@ TEST_F(Stopped_Reader, waits_no_longer_for_the_writer_of_a_fifo)
     other.join();
 }
 
+TEST_F(Stopped_Reader, tries_no_more_to_read_what_cannot_be_read)
+{
+    Stream_Reader folder("/", &stop);
+    EXPECT_EQ(folder.next(), nullptr);
+    ASSERT_TRUE(folder.error());
+    EXPECT_EQ(folder.error()->text(), "expected readable input: Is a directory");
+}
+
 TEST_F(Stopped_Reader, waits_no_longer_for_a_line_and_loses_none)
 {
     std::thread other = stop_soon();
