@@ -444,6 +444,8 @@ TEST(distances, of_a_sample_stand_for_all_pages)
     Distance_Counts both = distances;
     both.add(exact);
     EXPECT_TRUE(both.is_estimate());
+    both.count(3);
+    EXPECT_TRUE(both.is_estimate());
     distances.count(Distance_Counts::NEVER, 5); // never more than there were accesses
     EXPECT_EQ(distances.first_uses(), 6u);
     EXPECT_EQ(distances.misses(1), 6u);
