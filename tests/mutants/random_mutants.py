@@ -1,11 +1,12 @@
 """Draws random single-token mutants of library, tools, replay host and Python, and runs on each the tests that reach the
-changed line, the cheapest first, until one fails. Everything happens in copies of the tree below a work folder."""
+change, the cheapest first, until one fails. One build has nearly all mutants of C++ in it and is told which one is in force;
+what cannot be switched so, and what no test has noticed, is written into the source and built. Everything happens in copies
+of the tree below a work folder."""
 
 import concurrent.futures
 import hashlib
 import json
 import os
-import queue
 import random
 import re
 import resource
@@ -18,25 +19,24 @@ import time
 from pathlib import Path
 
 import mutant_generator
+import switched_sources
 
 ROOT = Path(__file__).resolve().parents[2]
 EQUIVALENT = Path(__file__).with_name("equivalent.mutants")
 SOURCES = ("qtrace/lib/", "tools/", "replay/", "python/")
-LEFT_OUT = ("install", "test_names", "packages", "recipes", "mutant_generator", "byte_order", "documents", "faults.killed",
+LEFT_OUT = ("install", "test_names", "packages", "recipes", "mutant_generator", "switched_sources", "byte_order", "documents", "faults.killed",
             "faults.long_run", "faults.hardening", "model.")  # fmt: skip
 MEMORY_LIMIT = 8 << 30  # bytes that may be written; a browser reserves more than that
 COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
           "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]  # fmt: skip
 PLAIN = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1"]
-COUNTED = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1 --coverage -fprofile-update=atomic",
-           "-DCMAKE_C_FLAGS_DEBUG=-O1 --coverage"]  # fmt: skip
 SURVIVAL = 90  # seconds of tests after which a mutant counts as a survivor; the cheapest tests notice nearly all sooner
-COUNTING_LIMIT = 120  # seconds of a test in the build that counts; what it reached by then is taken
-# Tests that do the same with one stream after the other: the first is measured, the others reach the same lines.
+MEASURING_LIMIT = 300  # seconds of a test without any mutant
+# Tests that do the same with one stream after the other: those with the shortest one stand for all.
 BY_STREAM = ("check_recorded_stream", "cut_streams", "diff_streams", "dump_text", "export_streams")
 # Tests that compare times, which says nothing of a build like these.
 TIMED = ("Written_Stream.is_written_at_least_as_fast_as_it_is_read", "linear_time.*")
-# The folder of unit tests -> the sources that they are about, for a run without coverage.
+# The folder of unit tests -> the sources that they are about, for a run without measuring.
 UNIT_TESTS = {"library": "qtrace/lib/", "tools": ("tools/", "qtrace/lib/"), "analysis": "tools/analysis/",
               "replay": "replay/", "streams": ("replay/", "qtrace/lib/")}  # fmt: skip
 
@@ -50,10 +50,10 @@ def tracked_files():
     return [name for name in listed.decode().split("\0") if name and (ROOT / name).is_file()]
 
 
-def copy_tree(target):
-    """The tracked files, in which warnings are no errors; unchanged ones keep their time."""
+def copy_tree(target, edited=None):
+    """The tracked files, in which warnings are no errors; unchanged ones keep their time. `edited`: name -> other text."""
     for name in tracked_files():
-        content = (ROOT / name).read_bytes()
+        content = edited[name].encode() if edited and name in edited else (ROOT / name).read_bytes()
         if name == "CMakeLists.txt":
             content = content.replace(b" -Werror", b"")
         copy = target / name
@@ -80,21 +80,27 @@ class Place:
     def __init__(self, folder, flags):
         self.tree, self.build, self.temporary, self.flags = folder / "tree", folder / "build", folder / "tmp", flags
 
-    def prepare(self):
-        copy_tree(self.tree)
+    def prepare(self, edited=None):
+        copy_tree(self.tree, edited)
         compiler_cache = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache", "-DCMAKE_C_COMPILER_LAUNCHER=ccache"]
         configured = run(["cmake", "-S", self.tree, "-B", self.build, *COMMON, *self.flags,
                           *(compiler_cache if shutil.which("ccache") else [])])  # fmt: skip
         if configured.returncode != 0:
             sys.exit(configured.stdout.decode(errors="replace"))
 
-    def make(self, targets, jobs=1, once=False):
-        """`once`: what is compiled will not be compiled again, so that no cache need keep it."""
+    def make(self, targets, jobs=1, once=False, go_on=False):
+        """`once`: what is compiled will not be compiled again, so that no cache need keep it. `go_on`: after failures."""
         environment = dict(os.environ, CCACHE_BASEDIR=str(self.tree.parent), CCACHE_NOHASHDIR="1")
         if once:
             environment["CCACHE_DISABLE"] = "1"
-        command = ["cmake", "--build", self.build, "-j", jobs, "--target", *targets]
+        command = ["cmake", "--build", self.build, "-j", jobs, "--target", *targets, *(["--", "-k", "0"] if go_on else [])]
         return run(command, env=environment)
+
+    def beside(self, folder):
+        """The same build for who runs tests at the same time, with temporary files of its own."""
+        other = Place(folder, self.flags)
+        other.tree, other.build = self.tree, self.build
+        return other
 
     def make_or_exit(self, targets, jobs):
         built = self.make(targets, jobs)
@@ -109,7 +115,8 @@ class Group:
         self.name, self.command, self.environment, self.targets = name, command, environment, targets
         self.part = part  # of the tests, a folder
         self.seconds = 0.0  # without any mutant
-        self.lines = {}  # file -> numbers of the lines that it reaches
+        self.lines = {}  # file -> numbers of the lines where it reaches a change
+        self.decides = frozenset()  # numbers of the changes with which something in it gets another value
         self.passes = True
 
     def cost(self, file):
@@ -191,84 +198,118 @@ def is_of_the_plugin(program):
                                                            "clashing_host_test", "new_mode_test", "query_floor_test")  # fmt: skip
 
 
-def lines_reached(place, counts_folder):
-    """File -> lines with a count above 0, of the counts below the folder."""
-    counts = list(counts_folder.rglob("*.gcda"))
-    for path in counts:
-        notes = path.relative_to(counts_folder).with_suffix(".gcno")
-        (counts_folder / notes).symlink_to(place.build / notes)
-    reached = {}
-    if counts:
-        out = subprocess.run(["gcov", "--json-format", "--stdout", *map(str, counts)], cwd=place.build,
-                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout  # fmt: skip
-        for text in filter(None, out.splitlines()):
-            for file in json.loads(text)["files"]:
-                path = os.path.relpath(os.path.join(place.build, file["file"]), place.tree)
-                if not path.startswith(SOURCES):
-                    continue
-                for line in file["lines"]:
-                    if line["count"]:
-                        reached.setdefault(path, set()).add(line["line_number"])
-    return reached
+# ---- All mutants in one build ----
 
 
-def measure_coverage(place, group, folder):
-    """What the group reaches."""
-    shutil.rmtree(folder, ignore_errors=True)
-    folder.mkdir(parents=True)
-    alone = Place(folder, place.flags)
-    alone.tree, alone.build = place.tree, place.build
-    group.fails(alone, place, COUNTING_LIMIT, GCOV_PREFIX=str(folder),
-                GCOV_PREFIX_STRIP=str(len(place.build.parts) - 1))  # fmt: skip
-    reached = lines_reached(place, folder)
-    shutil.rmtree(folder)
-    if "python" in " ".join(group.command) and group.name.startswith(("reader.", "python")):
-        reached |= {name: {0} for name in tracked_files() if name.startswith("python/")}
-    return {"lines": {file: sorted(reached[file]) for file in reached}}
+class Switched_Build:
+    """A build in which every change of C++ that can be switched has a number, and what each group of tests reaches there."""
 
+    def __init__(self, folder):
+        self.folder = folder / "switched"
+        self.header, self.unswitchable = self.folder / "mutant_switch.h", self.folder / "unswitchable.json"
+        self.place = Place(self.folder, [*PLAIN, f'-DCMAKE_CXX_FLAGS=-w -include "{self.header}"'])
+        self.sources = {name: (ROOT / name).read_text() for name in tracked_files()
+                        if name.startswith(SOURCES) and name.endswith((".cpp", ".h"))}  # fmt: skip
+        self.changes = [change for name, text in sorted(self.sources.items()) for change in
+                        mutant_generator.changes(name, text)]  # fmt: skip
+        self.numbers = {change: number for number, change in enumerate(self.changes, 1)}
+        self.left_out = set(map(tuple, json.loads(self.unswitchable.read_text()))) if self.unswitchable.exists() else set()
 
-class Coverage:
-    """What the groups reach, kept in a file until something that they depend on changes."""
+    def token(self, change):
+        """What names a token wherever its line moves to."""
+        return change.file, self.sources[change.file].splitlines()[change.line - 1].strip(), change.token, change.column
 
-    def __init__(self, place, folder):
-        self.place, self.folder, self.file = place, folder, folder / "coverage.json"
-        self.stored = json.loads(self.file.read_text()) if self.file.exists() else {}
-        self.digests = digests()
-        self.lock = threading.Lock()
+    def switched(self, name):
+        text = self.sources[name]
+        if 'extern "C"' in text and name.endswith(".h"):
+            return text  # C programs include it too
+        numbers = {change: self.numbers[change] for change in mutant_generator.changes(name, text)
+                   if self.token(change) not in self.left_out}  # fmt: skip
+        return switched_sources.Source(text, numbers).switched()
 
-    def measure(self, group):
-        state = [self.digests[""], self.digests.get(group.part)]
-        if self.stored.get(group.name, {}).get("state") != state:
-            found = measure_coverage(self.place, group, self.folder / "counts" / re.sub(r"\W", "_", group.name))
-            with self.lock:
-                self.stored[group.name] = found | {"state": state}
-                self.file.write_text(json.dumps(self.stored))
-        self.give(group, self.stored[group.name])
+    def prepare(self, jobs):
+        """Builds everything; changes that the compiler refuses are left out. Returns the groups of tests."""
+        self.folder.mkdir(parents=True, exist_ok=True)
+        header = switched_sources.header()
+        if not self.header.exists() or self.header.read_text() != header:
+            self.header.write_text(header)
+        while True:
+            edited = {name: self.switched(name) for name in self.sources}
+            self.place.prepare(edited)
+            units, others = linked_targets(self.place)
+            built = self.place.make([*others, *units], jobs, go_on=True)
+            if built.returncode == 0:
+                break
+            if not self.leave_out(built.stdout.decode(errors="replace"), edited):
+                sys.exit(built.stdout.decode(errors="replace"))
+        groups = test_groups(self.place)
+        for group in groups:
+            group.targets = group.targets or others
+        return groups
 
-    @staticmethod
-    def give(group, found):
-        group.lines = {file: set(lines) for file, lines in found["lines"].items()}
+    def leave_out(self, messages, edited):
+        """The changes of the lines that the compiler names. Whether there are any."""
+        before = len(self.left_out)
+        place = r"((?:qtrace/lib|tools|replay)/[^\s:]+):(\d+):\d+: +"
+        found = re.findall(place + "(?:error|required|in .constexpr. expansion)", messages)
+        for name, line in set(found):
+            for number in switched_sources.numbers_in(edited[name].splitlines()[int(line) - 1]):
+                self.left_out.add(self.token(self.changes[number - 1]))
+        self.unswitchable.write_text(json.dumps(sorted(self.left_out)))
+        return len(self.left_out) > before
 
-    def measure_all(self, groups, jobs):
-        family = {group.name: group.name.split(".")[0] for group in groups}
+    def measure(self, groups, jobs):
+        """What the groups reach, and how long they take without any mutant; kept until something that they depend on
+        changes. Returns those that pass."""
+        file = self.folder / "groups.json"
+        stored = json.loads(file.read_text()) if file.exists() else {}
+        digest = digests()
         first = {}
         for group in sorted(groups, key=lambda one: not one.name.endswith(".sample")):
-            first.setdefault(family[group.name] if family[group.name] in BY_STREAM else group.name, group)
+            family = group.name.split(".")[0]
+            first.setdefault(family if family in BY_STREAM else group.name, group)
+        groups = list(first.values())
+        lock = threading.Lock()
+
+        def measure_one(group):
+            log = self.folder / "reached" / re.sub(r"\W", "_", group.name)
+            state = [digest[""], digest.get(group.part)]
+            if stored.get(group.name, {}).get("state") != state or not log.exists():
+                self.run_without_mutant(group, log)
+                with lock:
+                    stored[group.name] = {"state": state, "passes": group.passes, "seconds": group.seconds}
+                    file.write_text(json.dumps(stored))
+            group.passes, group.seconds = stored[group.name]["passes"], stored[group.name]["seconds"]
+            self.note_reached(group, log.read_bytes())
+
         with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
-            for done in [pool.submit(self.measure, group) for group in first.values()]:
+            for done in [pool.submit(measure_one, group) for group in groups]:
                 done.result()
         for group in groups:
-            if group not in first.values():
-                self.give(group, self.stored[first[family[group.name]].name])
+            if not group.passes:
+                print(f"left out, fails without any mutant: {group.name}", flush=True)
+        return [group for group in groups if group.passes]
 
+    def run_without_mutant(self, group, log):
+        """At the second attempt at least it has to pass."""
+        log.parent.mkdir(exist_ok=True)
+        place = self.place.beside(log.with_suffix(".work"))
+        for _ in range(2):
+            log.write_bytes(bytes(len(self.changes) + 1))
+            began = time.monotonic()
+            group.passes = not group.fails(place, self.place, MEASURING_LIMIT, QT_MUTANTS_REACHED=str(log))
+            group.seconds = time.monotonic() - began
+            if group.passes:
+                break
+        shutil.rmtree(log.with_suffix(".work"))
 
-def coverage_of(folder, jobs):
-    """The groups with what they reach."""
-    place = Place(folder / "coverage", COUNTED)
-    place.prepare()
-    groups = test_groups_after_building(place, jobs)
-    Coverage(place, folder).measure_all(groups, jobs)
-    return place, groups
+    def note_reached(self, group, log):
+        for number, change in enumerate(self.changes, 1):
+            if log[number]:
+                group.lines.setdefault(change.file, set()).add(change.line)
+        group.decides = frozenset(number for number, mark in enumerate(log) if mark & 2)
+        if "python" in " ".join(group.command) and group.name.startswith(("reader.", "python")):
+            group.lines |= {name: {0} for name in tracked_files() if name.startswith("python/")}
 
 
 def unit_tests(folder, jobs):
@@ -280,24 +321,18 @@ def unit_tests(folder, jobs):
     groups = [group for group in test_groups(place) if group.targets and group.part in UNIT_TESTS]
     for group in groups:
         group.lines = {name: {0} for name in tracked_files() if name.startswith(UNIT_TESTS[group.part])}
-    return place, groups
+        began = time.monotonic()
+        group.passes = not group.fails(place, place, MEASURING_LIMIT)
+        group.seconds = time.monotonic() - began
+    return [group for group in groups if group.passes]
 
 
 def reaching(groups, change):
-    """The groups that reach the line, the cheapest first. What nobody counts (tables, constants, expressions of the
-    compiler, processes that are killed) is left to all that reach the file; and a file without counts to all."""
+    """The groups that reach the line, the cheapest first. Where nothing can be switched (tables, constants, expressions of
+    the compiler) it is left to all that reach the file; and a file of which nothing is known to all."""
     found = [group for group in groups if change.line in group.lines.get(change.file, ())]
     found = found or [group for group in groups if change.file in group.lines] or groups
     return sorted(found, key=lambda group: group.cost(change.file))
-
-
-def test_groups_after_building(place, jobs):
-    units, others = linked_targets(place)
-    place.make_or_exit([*others, *units], jobs)
-    groups = test_groups(place)
-    for group in groups:
-        group.targets = group.targets or others
-    return groups
 
 
 # ---- Mutants ----
@@ -356,93 +391,72 @@ def read_equivalent():
     return reasons
 
 
-def try_change(change, source, place, origin, groups):
-    """The name of the first group that fails, None, or "build"."""
-    file = place.tree / change.file
-    file.write_text(change.apply(source))
-    tested = 0.0  # seconds
-    try:
-        for group in reaching(groups, change):
+class Worker:
+    """One that tries mutants: where it writes them into a source and builds, and where it only chooses them."""
+
+    def __init__(self, folder, number, switched):
+        self.place = Place(folder / f"worker{number}", PLAIN)
+        self.switched = switched
+        self.origin = switched.place if switched else Place(folder / "worker0", PLAIN)
+        self.beside = switched.place.beside(self.place.tree.parent / "switched") if switched else None
+
+    def first_to_fail(self, groups, place, build, **settings):
+        """The name of the first group that fails in the place, None, or "build" when there is nothing to run."""
+        tested = 0.0  # seconds
+        for group in groups:
             if tested > SURVIVAL:
                 return None
-            if not change.file.endswith(".py") and place.make(group.targets, once=True).returncode != 0:
+            if not build(group):
                 return "build"
             began = time.monotonic()
-            if group.fails(place, origin, 3 + 2 * group.seconds):
+            if group.fails(place, self.origin, 3 + 2 * group.seconds, **settings):
                 return group.name
             tested += time.monotonic() - began
         return None
-    finally:
-        file.write_text(source)
 
+    def try_switched(self, change, groups):
+        number = self.switched.numbers.get(change) if self.switched else None
+        deciding = sorted((group for group in groups if number in group.decides), key=lambda one: one.cost(change.file))
+        return self.first_to_fail(deciding, self.beside, lambda group: True, QT_MUTANT=str(number))
 
-def work(drawing, place, origin, groups):
-    while change := drawing.next():
-        began = time.monotonic()
-        source = drawing.sources[change.file]
-        listed = change.key(source) in drawing.reasons
-        by = None if listed else try_change(change, source, place, origin, groups)
-        if by != "build":
-            drawing.record(change, by, time.monotonic() - began)
+    def try_built(self, change, source, groups):
+        def build(group):
+            return change.file.endswith(".py") or self.place.make(group.targets, once=True).returncode == 0
 
+        file = self.place.tree / change.file
+        file.write_text(change.apply(source))
+        try:
+            return self.first_to_fail(reaching(groups, change), self.place, build)
+        finally:
+            file.write_text(source)
 
-def try_group(group, place, origin):
-    """Notes whether it passes in the place without any mutant, at the second attempt at least, and the time that it
-    takes there."""
-    for _ in range(2):
-        began = time.monotonic()
-        group.passes = not group.fails(place, origin, 900)
-        group.seconds = time.monotonic() - began
-        if group.passes:
-            return
-
-
-def healthy(groups, places, origin, file):
-    """The groups that pass without any mutant: a half of them is tried in each place. How long they take is kept in the
-    file until something that they depend on changes."""
-    stored = json.loads(file.read_text()) if file.exists() else {}
-    digest = digests()
-    states = {group.name: [digest[""], digest.get(group.part)] for group in groups}
-    untried = []
-    for group in groups:
-        state, group.seconds = stored.get(group.name, (None, 0.0))
-        if state != states[group.name]:
-            untried.append(group)
-    with concurrent.futures.ThreadPoolExecutor(len(places)) as pool:
-        free = queue.SimpleQueue()
-        for place in places:
-            free.put(place)
-
-        def try_in_a_free_place(group):
-            place = free.get()
-            try_group(group, place, origin)
-            free.put(place)
-
-        for done in [pool.submit(try_in_a_free_place, group) for group in untried]:
-            done.result()
-    for group in groups:
-        if not group.passes:
-            print(f"left out, fails without any mutant: {group.name}", flush=True)
-    passing = [group for group in groups if group.passes]
-    file.write_text(json.dumps(stored | {group.name: (states[group.name], group.seconds) for group in passing}))
-    return passing
+    def work(self, drawing, groups):
+        while change := drawing.next():
+            began = time.monotonic()
+            source = drawing.sources[change.file]
+            by = None
+            if change.key(source) not in drawing.reasons:
+                by = self.try_switched(change, groups) or self.try_built(change, source, groups)
+            if by != "build":
+                drawing.record(change, by, time.monotonic() - began)
 
 
 def main(seed, wanted, jobs, folder, quick=False, words=()):
     began = time.monotonic()
     drawing = Round(seed, wanted, words)
-    origin, groups = (unit_tests if quick else coverage_of)(folder, jobs)
-    places = [Place(folder / f"worker{number}", PLAIN) for number in range(jobs)]
-    for place in places:
-        place.prepare()
-        place.make_or_exit(sorted({target for group in groups for target in group.targets}), jobs)
-    groups = healthy(groups, places, origin, folder / "times.json")
+    switched = None if quick else Switched_Build(folder)
+    groups = unit_tests(folder, jobs) if quick else switched.measure(switched.prepare(jobs), jobs)
+    workers = [Worker(folder, number, switched) for number in range(jobs)]
+    for worker in workers:
+        worker.place.prepare()
+        worker.place.make_or_exit(sorted({target for group in groups for target in group.targets}), jobs)
     print(f"{len(groups)} groups of tests, ready after {time.monotonic() - began:.0f} s", flush=True)
+    began_drawing = time.monotonic()
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
-        for done in [pool.submit(work, drawing, place, origin, groups) for place in places]:
+        for done in [pool.submit(worker.work, drawing, groups) for worker in workers]:
             done.result()
     print(f"seed {seed}: {drawing.decided()} mutants, {drawing.noticed} noticed, {len(drawing.without_effect)} without effect, "
-          f"{len(drawing.survivors)} survive; {time.monotonic() - began:.0f} s")  # fmt: skip
+          f"{len(drawing.survivors)} survive; {time.monotonic() - began_drawing:.0f} s")  # fmt: skip
     for change, key in drawing.survivors:
         print(f"@ {change.file}\n- {key[1]}\n+ {key[2]}\n    line {change.line}")
     return 1 if drawing.survivors else 0
