@@ -101,7 +101,8 @@ class Report(unittest.TestCase):
 
     @classmethod
     def trace(cls, stream):
-        base = os.path.join(cls.folder, os.path.basename(stream).split(".")[0])
+        base = os.path.join(cls.folder, "a_folder_whose_name_is_wider_than_a_phone_" * 3, os.path.basename(stream).split(".")[0])
+        os.makedirs(os.path.dirname(base), exist_ok=True)
         with open(base + ".commands", "w", encoding="utf-8") as file:
             file.write(f'plugin load "{PLUGIN}"\nplugin signal plugin_qtbin.so start "{base}"\nrun 20000\n')
             file.write("plugin signal plugin_qtbin.so pause\nrun 10\nplugin signal plugin_qtbin.so resume\nrun 20000\n")

@@ -11,7 +11,8 @@ const char *const REPORT_STYLE = R"css(
 --accent:#7cc4f4;--good:#4fd0a6;--bad:#ff9d5c;--grid:#2b333d;--c0:#4fa8e0;--c1:#f0b43c;--c2:#2fc497;--c3:#dd94bd;
 --c4:#8fd0f5;--c5:#ff8b45;--c6:#d9cf45;--c7:#a5a5a5;--focus:#f0b43c}}
 *{box-sizing:border-box}
-body{margin:0;background:var(--paper);color:var(--ink);font:16px/1.55 system-ui,"Segoe UI",Roboto,"DejaVu Sans",sans-serif}
+body{margin:0;background:var(--paper);color:var(--ink);font:16px/1.55 system-ui,"Segoe UI",Roboto,"DejaVu Sans",sans-serif;
+overflow-wrap:break-word}
 header.top{padding:2.2rem 1.2rem 1rem;max-width:72rem;margin:auto}
 header.top p{margin:.2rem 0;color:var(--soft)}
 h1{font-size:clamp(1.6rem,4vw,2.3rem);line-height:1.2;margin:0 0 .3rem;letter-spacing:-.01em;overflow-wrap:anywhere}
