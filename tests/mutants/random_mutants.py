@@ -3,10 +3,12 @@ change, the cheapest first, until one fails. One build has nearly all mutants of
 what cannot be switched so, and what no test has noticed, is written into the source and built. Everything happens in copies
 of the tree below a work folder."""
 
+import atexit
 import concurrent.futures
 import hashlib
 import json
 import os
+import queue
 import random
 import re
 import resource
@@ -14,6 +16,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 from pathlib import Path
@@ -24,18 +27,21 @@ import switched_sources
 ROOT = Path(__file__).resolve().parents[2]
 EQUIVALENT = Path(__file__).with_name("equivalent.mutants")
 SOURCES = ("qtrace/lib/", "tools/", "replay/", "python/")
-LEFT_OUT = ("install", "test_names", "packages", "recipes", "mutant_generator", "switched_sources", "byte_order", "documents", "faults.killed",
-            "faults.long_run", "faults.hardening", "model.")  # fmt: skip
+LEFT_OUT = ("install", "test_names", "packages", "recipes", "mutant_generator", "switched_sources", "byte_order", "documents",
+            "faults.killed", "faults.long_run", "faults.hardening", "model.")  # fmt: skip
 MEMORY_LIMIT = 8 << 30  # bytes that may be written; a browser reserves more than that
 COMMON = ["-G", "Ninja", "-DQT_BENCHMARKS=OFF", "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST",
           "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]  # fmt: skip
 PLAIN = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1"]
-SURVIVAL = 90  # seconds of tests after which a mutant counts as a survivor; the cheapest tests notice nearly all sooner
+# Seconds of tests after which a mutant counts as a survivor, first chosen in the build with all and then built by itself. The
+# cheapest tests notice nearly all sooner.
+CHOSEN, BUILT = 30, 60
 MEASURING_LIMIT = 300  # seconds of a test without any mutant
 # Tests that do the same with one stream after the other: those with the shortest one stand for all.
 BY_STREAM = ("check_recorded_stream", "cut_streams", "diff_streams", "dump_text", "export_streams")
 # Tests that compare times, which says nothing of a build like these.
 TIMED = ("Written_Stream.is_written_at_least_as_fast_as_it_is_read", "linear_time.*")
+CONSTANT = re.compile(r"\s*(static |inline )*constexpr [^(]*=.*;")  # whose value the compiler has
 # The folder of unit tests -> the sources that they are about, for a run without measuring.
 UNIT_TESTS = {"library": "qtrace/lib/", "tools": ("tools/", "qtrace/lib/"), "analysis": "tools/analysis/",
               "replay": "replay/", "streams": ("replay/", "qtrace/lib/")}  # fmt: skip
@@ -78,7 +84,9 @@ class Place:
     """A copy of the tree with a build of its own."""
 
     def __init__(self, folder, flags):
-        self.tree, self.build, self.temporary, self.flags = folder / "tree", folder / "build", folder / "tmp", flags
+        self.tree, self.build, self.flags = folder / "tree", folder / "build", flags
+        self.temporary = Path(tempfile.mkdtemp(prefix="qt_mutant_"))
+        atexit.register(shutil.rmtree, self.temporary, ignore_errors=True)
 
     def prepare(self, edited=None):
         copy_tree(self.tree, edited)
@@ -96,11 +104,9 @@ class Place:
         command = ["cmake", "--build", self.build, "-j", jobs, "--target", *targets, *(["--", "-k", "0"] if go_on else [])]
         return run(command, env=environment)
 
-    def beside(self, folder):
+    def beside(self):
         """The same build for who runs tests at the same time, with temporary files of its own."""
-        other = Place(folder, self.flags)
-        other.tree, other.build = self.tree, self.build
-        return other
+        return Place(self.tree.parent, self.flags)
 
     def make_or_exit(self, targets, jobs):
         built = self.make(targets, jobs)
@@ -223,8 +229,9 @@ class Switched_Build:
         text = self.sources[name]
         if 'extern "C"' in text and name.endswith(".h"):
             return text  # C programs include it too
+        lines = text.splitlines()
         numbers = {change: self.numbers[change] for change in mutant_generator.changes(name, text)
-                   if self.token(change) not in self.left_out}  # fmt: skip
+                   if self.token(change) not in self.left_out and not CONSTANT.match(lines[change.line - 1])}  # fmt: skip
         return switched_sources.Source(text, numbers).switched()
 
     def prepare(self, jobs):
@@ -248,13 +255,14 @@ class Switched_Build:
         return groups
 
     def leave_out(self, messages, edited):
-        """The changes of the lines that the compiler names. Whether there are any."""
+        """The changes that the compiler names, and those of the lines that it names. Whether there are any."""
         before = len(self.left_out)
         place = r"((?:qtrace/lib|tools|replay)/[^\s:]+):(\d+):\d+: +"
-        found = re.findall(place + "(?:error|required|in .constexpr. expansion)", messages)
-        for name, line in set(found):
-            for number in switched_sources.numbers_in(edited[name].splitlines()[int(line) - 1]):
-                self.left_out.add(self.token(self.changes[number - 1]))
+        found = {int(number) for number in re.findall(r"int ID = (\d+)", messages)}
+        for name, line in re.findall(place + "(?:error|required|in .constexpr. expansion)", messages):
+            if name in edited:
+                found |= switched_sources.numbers_in(edited[name].splitlines()[int(line) - 1])
+        self.left_out |= {self.token(self.changes[number - 1]) for number in found}
         self.unswitchable.write_text(json.dumps(sorted(self.left_out)))
         return len(self.left_out) > before
 
@@ -269,13 +277,17 @@ class Switched_Build:
             family = group.name.split(".")[0]
             first.setdefault(family if family in BY_STREAM else group.name, group)
         groups = list(first.values())
-        lock = threading.Lock()
+        lock, free = threading.Lock(), queue.SimpleQueue()
+        for _ in range(jobs):
+            free.put(self.place.beside())
 
         def measure_one(group):
             log = self.folder / "reached" / re.sub(r"\W", "_", group.name)
             state = [digest[""], digest.get(group.part)]
             if stored.get(group.name, {}).get("state") != state or not log.exists():
-                self.run_without_mutant(group, log)
+                place = free.get()
+                self.run_without_mutant(group, log, place)
+                free.put(place)
                 with lock:
                     stored[group.name] = {"state": state, "passes": group.passes, "seconds": group.seconds}
                     file.write_text(json.dumps(stored))
@@ -290,10 +302,9 @@ class Switched_Build:
                 print(f"left out, fails without any mutant: {group.name}", flush=True)
         return [group for group in groups if group.passes]
 
-    def run_without_mutant(self, group, log):
+    def run_without_mutant(self, group, log, place):
         """At the second attempt at least it has to pass."""
         log.parent.mkdir(exist_ok=True)
-        place = self.place.beside(log.with_suffix(".work"))
         for _ in range(2):
             log.write_bytes(bytes(len(self.changes) + 1))
             began = time.monotonic()
@@ -301,7 +312,6 @@ class Switched_Build:
             group.seconds = time.monotonic() - began
             if group.passes:
                 break
-        shutil.rmtree(log.with_suffix(".work"))
 
     def note_reached(self, group, log):
         for number, change in enumerate(self.changes, 1):
@@ -398,14 +408,15 @@ class Worker:
         self.place = Place(folder / f"worker{number}", PLAIN)
         self.switched = switched
         self.origin = switched.place if switched else Place(folder / "worker0", PLAIN)
-        self.beside = switched.place.beside(self.place.tree.parent / "switched") if switched else None
+        self.beside = switched.place.beside() if switched else None
 
-    def first_to_fail(self, groups, place, build, **settings):
-        """The name of the first group that fails in the place, None, or "build" when there is nothing to run."""
+    def first_to_fail(self, groups, place, most, build, **settings):
+        """The name of the first group that fails in the place, None when no more can be run in `most` seconds, or "build" when
+        there is nothing to run."""
         tested = 0.0  # seconds
         for group in groups:
-            if tested > SURVIVAL:
-                return None
+            if tested > 0 and tested + group.seconds > most:
+                continue
             if not build(group):
                 return "build"
             began = time.monotonic()
@@ -417,7 +428,7 @@ class Worker:
     def try_switched(self, change, groups):
         number = self.switched.numbers.get(change) if self.switched else None
         deciding = sorted((group for group in groups if number in group.decides), key=lambda one: one.cost(change.file))
-        return self.first_to_fail(deciding, self.beside, lambda group: True, QT_MUTANT=str(number))
+        return self.first_to_fail(deciding, self.beside, CHOSEN, lambda group: True, QT_MUTANT=str(number))
 
     def try_built(self, change, source, groups):
         def build(group):
@@ -426,7 +437,7 @@ class Worker:
         file = self.place.tree / change.file
         file.write_text(change.apply(source))
         try:
-            return self.first_to_fail(reaching(groups, change), self.place, build)
+            return self.first_to_fail(reaching(groups, change), self.place, BUILT, build)
         finally:
             file.write_text(source)
 

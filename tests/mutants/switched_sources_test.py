@@ -67,7 +67,7 @@ class switched_source(unittest.TestCase):
             output_of(program, QT_MUTANTS_REACHED=str(reached))
             for change, number in numbers.items():
                 if change.token == "++" and number not in found:
-                    self.assertEqual(change.line, 14)  # it is not the whole operand
+                    self.assertEqual(change.line, 15)  # it is not the whole operand
                     continue
                 expected = output_of(compiled(folder, change.apply(SOURCE)))
                 with self.subTest(change):
