@@ -74,7 +74,7 @@ def digests():
     kept = {}
     for name in tracked_files():
         part = name.split("/")[1] if name.startswith("tests/") else ""
-        if name.endswith(".md") or part in ("mutants", "support") or name.startswith(("debian/", "bench/", ".ci/")):
+        if name.endswith(".md") or part in ("mutants", "support") or name.startswith(("debian/", "bench/", ".ci/", "scripts/")):
             part = "" if part == "support" else "unused"
         kept.setdefault(part, hashlib.sha256()).update(name.encode() + b"\0" + (ROOT / name).read_bytes())
     return {part: digest.hexdigest() for part, digest in kept.items()}
@@ -349,22 +349,31 @@ def reaching(groups, change):
 
 
 class Round:
-    """One drawing of mutants. The workers take changes from it until enough of them could be built."""
+    """One drawing of mutants. The workers take changes from it until enough of them could be built. `listed`: of those alone
+    that are listed as without effect, to see whether a test notices one."""
 
-    def __init__(self, seed, wanted, words=()):
+    def __init__(self, seed, wanted, words=(), listed=False):
         self.sources = {name: (ROOT / name).read_text() for name in tracked_files()
                         if name.startswith(SOURCES) and name.endswith((".cpp", ".h", ".py"))
                         and (not words or any(word in name for word in words))}  # fmt: skip
         possible = [change for name in sorted(self.sources) for change in
                     mutant_generator.changes(name, self.sources[name])]  # fmt: skip
+        self.reasons, self.listed = read_equivalent(), listed
+        if listed:
+            possible = [change for change in possible if self.has_reason(change)]
         random.Random(seed).shuffle(possible)
         self.order, self.wanted = iter(possible), wanted
         self.lock = threading.Lock()
-        self.reasons = read_equivalent()
-        self.noticed, self.without_effect, self.survivors = 0, [], []
+        self.noticed, self.without_effect, self.survivors, self.wrong = 0, 0, [], []
+
+    def has_reason(self, change):
+        return change.key(self.sources[change.file]) in self.reasons
+
+    def is_to_be_tried(self, change):
+        return self.listed or not self.has_reason(change)
 
     def decided(self):
-        return self.noticed + len(self.without_effect) + len(self.survivors)
+        return self.noticed + self.without_effect + len(self.survivors)
 
     def next(self):
         with self.lock:
@@ -379,8 +388,11 @@ class Round:
             if by:
                 self.noticed += 1
                 verdict = f"noticed by {by}"
+                if key in self.reasons:
+                    self.wrong.append((change, key))
+                    verdict += ", although it is listed as without effect"
             elif key in self.reasons:
-                self.without_effect.append(key)
+                self.without_effect += 1
                 verdict = f"without effect: {self.reasons[key]}"
             else:
                 self.survivors.append((change, key))
@@ -444,17 +456,16 @@ class Worker:
     def work(self, drawing, groups):
         while change := drawing.next():
             began = time.monotonic()
-            source = drawing.sources[change.file]
             by = None
-            if change.key(source) not in drawing.reasons:
-                by = self.try_switched(change, groups) or self.try_built(change, source, groups)
+            if drawing.is_to_be_tried(change):
+                by = self.try_switched(change, groups) or self.try_built(change, drawing.sources[change.file], groups)
             if by != "build":
                 drawing.record(change, by, time.monotonic() - began)
 
 
-def main(seed, wanted, jobs, folder, quick=False, words=()):
+def main(seed, wanted, jobs, folder, quick=False, listed=False, words=()):
     began = time.monotonic()
-    drawing = Round(seed, wanted, words)
+    drawing = Round(seed, wanted, words, listed)
     switched = None if quick else Switched_Build(folder)
     groups = unit_tests(folder, jobs) if quick else switched.measure(switched.prepare(jobs), jobs)
     workers = [Worker(folder, number, switched) for number in range(jobs)]
@@ -466,8 +477,8 @@ def main(seed, wanted, jobs, folder, quick=False, words=()):
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for done in [pool.submit(worker.work, drawing, groups) for worker in workers]:
             done.result()
-    print(f"seed {seed}: {drawing.decided()} mutants, {drawing.noticed} noticed, {len(drawing.without_effect)} without effect, "
+    print(f"seed {seed}: {drawing.decided()} mutants, {drawing.noticed} noticed, {drawing.without_effect} without effect, "
           f"{len(drawing.survivors)} survive; {time.monotonic() - began_drawing:.0f} s")  # fmt: skip
-    for change, key in drawing.survivors:
+    for change, key in drawing.survivors + drawing.wrong:
         print(f"@ {change.file}\n- {key[1]}\n+ {key[2]}\n    line {change.line}")
-    return 1 if drawing.survivors else 0
+    return 1 if drawing.survivors or drawing.wrong else 0
