@@ -610,6 +610,16 @@ TEST_F(trace_file, descriptors_that_are_not_open_are_errors)
     }
 }
 
+TEST_F(trace_file, takes_no_record_and_no_header_that_is_missing)
+{
+    const QTRACE_FDESCR file = open();
+    EXPECT_EQ(QTRACE_FwriteRecord(file, nullptr), -1);
+    EXPECT_EQ(QTRACE_FwriteFileHeader(file, nullptr), -1);
+    write(file, QTRACE_RECORD{});
+    QTRACE_Fclose(file);
+    EXPECT_EQ(read().records(), 1u);
+}
+
 TEST_F(trace_file, cannot_be_opened_for_reading_or_without_a_name_or_in_no_folder)
 {
     EXPECT_EQ(QTRACE_Fopen(name_.c_str(), QTRACE_READ), -1);

@@ -732,6 +732,13 @@ TEST_F(hand_counts, damage_tells_of_a_single_record_that_is_lost)
               "qtrace: broken0: byte 16: the file ends inside a block (at least 1 record is lost)\n");
 }
 
+TEST_F(recover_figures, are_not_told_where_damage_takes_no_record)
+{
+    const size_t second = blocks[1].offset;
+    folder.text("broken0", bytes.substr(0, second) + "garbage" + bytes.substr(second));
+    EXPECT_EQ(qtrace({"dump", "broken0"}).err, fmt::format("qtrace: broken0: byte {}: no block here\n", second));
+}
+
 TEST_F(hand_counts, cut_of_windows_as_long_as_their_distance_keeps_everything)
 {
     EXPECT_EQ(qtrace({"cut", "--every", "5", "--window", "5", "-o", "part0", "trace0"}).out,
