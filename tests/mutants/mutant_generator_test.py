@@ -1,6 +1,8 @@
 """The generator of random mutants finds each token that can be changed, and none in comments, strings and types; changes
 that are listed as without effect are among those that it draws."""
 
+import contextlib
+import io
 import unittest
 
 import mutant_generator
@@ -62,6 +64,23 @@ class changes_without_effect(unittest.TestCase):
             source = (random_mutants.ROOT / file).read_text()
             drawn = {change.key(source) for change in mutant_generator.changes(file, source)}
             self.assertEqual([key for key in listed if key[0] == file and key not in drawn], [])
+
+    def test_are_passed_over_unless_they_are_drawn_alone(self):
+        everything, alone = (random_mutants.Round(1, 2, ("trace_codec.cpp",), listed) for listed in (False, True))
+        change = alone.next()
+        self.assertIn(change.key(alone.sources[change.file]), random_mutants.read_equivalent())
+        self.assertEqual([drawing.is_to_be_tried(change) for drawing in (everything, alone)], [False, True])
+
+    def test_one_that_a_test_notices_is_wrong(self):
+        drawing = random_mutants.Round(1, 2, ("trace_codec.cpp",), True)
+        first, second = drawing.next(), drawing.next()
+        with contextlib.redirect_stdout(io.StringIO()) as out:
+            drawing.record(first, "a_test", 0)
+            drawing.record(second, None, 0)
+        self.assertIn("noticed by a_test, although it is listed as without effect", out.getvalue())
+        self.assertEqual([change for change, _ in drawing.wrong], [first])
+        self.assertEqual((drawing.noticed, drawing.without_effect, drawing.survivors), (1, 1, []))
+        self.assertIsNone(drawing.next())
 
 
 if __name__ == "__main__":

@@ -151,6 +151,12 @@ class Group:
         finally:
             end_session(process)
 
+    def try_without_mutant(self, place, origin, **settings):
+        """Notes whether it passes, and the time that it takes."""
+        began = time.monotonic()
+        self.passes = not self.fails(place, origin, MEASURING_LIMIT, **settings)
+        self.seconds = time.monotonic() - began
+
 
 def limit_resources():
     resource.setrlimit(resource.RLIMIT_DATA, (MEMORY_LIMIT, MEMORY_LIMIT))
@@ -307,9 +313,7 @@ class Switched_Build:
         log.parent.mkdir(exist_ok=True)
         for _ in range(2):
             log.write_bytes(bytes(len(self.changes) + 1))
-            began = time.monotonic()
-            group.passes = not group.fails(place, self.place, MEASURING_LIMIT, QT_MUTANTS_REACHED=str(log))
-            group.seconds = time.monotonic() - began
+            group.try_without_mutant(place, self.place, QT_MUTANTS_REACHED=str(log))
             if group.passes:
                 break
 
@@ -331,9 +335,7 @@ def unit_tests(folder, jobs):
     groups = [group for group in test_groups(place) if group.targets and group.part in UNIT_TESTS]
     for group in groups:
         group.lines = {name: {0} for name in tracked_files() if name.startswith(UNIT_TESTS[group.part])}
-        began = time.monotonic()
-        group.passes = not group.fails(place, place, MEASURING_LIMIT)
-        group.seconds = time.monotonic() - began
+        group.try_without_mutant(place, place)
     return [group for group in groups if group.passes]
 
 

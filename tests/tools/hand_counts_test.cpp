@@ -732,7 +732,7 @@ TEST_F(hand_counts, damage_tells_of_a_single_record_that_is_lost)
               "qtrace: broken0: byte 16: the file ends inside a block (at least 1 record is lost)\n");
 }
 
-TEST_F(recover_figures, are_not_told_where_damage_takes_no_record)
+TEST_F(recover_figures, of_damage_that_takes_no_record_are_not_told)
 {
     const size_t second = blocks[1].offset;
     folder.text("broken0", bytes.substr(0, second) + "garbage" + bytes.substr(second));
