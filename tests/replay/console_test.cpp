@@ -380,6 +380,15 @@ TEST_F(Commands, completion_of_whole_words_and_of_what_is_no_command)
     EXPECT_THAT(complete(" "), ElementsAre("plugin", "run", "status", "help", "quit"));
 }
 
+TEST_F(Commands, completion_offers_nothing_after_operands_of_any_length)
+{
+    for (size_t length = 0; length < 200; ++length) {
+        EXPECT_THAT(complete("run " + std::string(length, 'x') + " y z"), IsEmpty()) << length;
+        EXPECT_THAT(complete("plugin load " + std::string(length, 'x') + " y z"), IsEmpty()) << length;
+        EXPECT_FALSE(wants_file) << length;
+    }
+}
+
 TEST_F(Commands, completion_knows_the_place_of_every_word_of_a_plugin_command)
 {
     const std::vector<std::string> nothing, format{"txt", "pte"}, cpu{"cpu"}, thread{"thread"};

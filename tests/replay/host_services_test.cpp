@@ -96,6 +96,8 @@ TEST_F(Host_Services, refuses_an_option_out_of_range_and_too_many_threads)
 {
     EXPECT_THROW(host().reset({.processors = 1, .threads = 1, .version = 0, .memory = 0, .options = {452}}),
                  std::invalid_argument);
+    EXPECT_THROW(host().reset({.processors = 1, .threads = 1, .version = 0, .memory = 0, .options = {453}}),
+                 std::invalid_argument);
     EXPECT_THROW(host().reset({.processors = 0x10000, .threads = 2, .version = 0, .memory = 0, .options = {}}),
                  std::invalid_argument);
 }
@@ -353,4 +355,7 @@ TEST_F(Host_Services, walks_and_levels_out_of_range_answer_zero)
     EXPECT_EQ(Get_Inst_PC_HOST_RTPDE_L1_n_RA(iop, -1), 0u);
     EXPECT_EQ(Get_Inst_PC_RonR_HOST_RA_Ln(iop, 3), 5u);
     EXPECT_EQ(Get_Inst_PC_RonR_HOST_RA_Ln(iop, 4), 0u);
+    instruction.fetch.guest_walk = {6, 6, 6, 6, 6, 6};
+    for (const int beyond : {5, 6, 7})
+        EXPECT_EQ(Get_Inst_PC_RonR_HOST_RA_Ln(iop, beyond), 0u) << beyond;
 }

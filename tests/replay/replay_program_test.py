@@ -189,10 +189,10 @@ class plugins(Replay_Test):
         self.assertRegex(done.stdout, r"\nplugin    .*plugin_qtbin.so, session open\n")
 
     def test_status_lists_threads_and_ranges_of_them(self):
-        self.stream.write_text(stream(threads=12))
-        pauses = [f"pause cpu 0 thread {n}" for n in (0, 3, 5, 6, 7, 8, 10, 11)]
+        self.stream.write_text(stream(threads=13))
+        pauses = [f"pause cpu 0 thread {n}" for n in (0, 2, 3, 5, 6, 7, 8, 10, 11, 12)]
         done = self.replay("start t", *pauses, "run", "status", "resume", "run", "status", "stop")
-        self.assertIn("\npaused    threads 0, 3, 5 to 8, 10, 11\n", done.stdout)
+        self.assertIn("\npaused    threads 0, 2, 3, 5 to 8, 10 to 12\n", done.stdout)
 
     def test_status_says_that_no_thread_is_paused(self):
         done = self.replay("start t", "run 4", "status", "stop")
@@ -667,6 +667,21 @@ class terminal(Replay_Test):
             shown += os.read(terminal, 65536)
         os.close(terminal)
         self.assertEqual(process.wait(timeout=SECONDS), 0)
+
+    def test_terminal_that_cannot_be_read_ends_it(self):
+        terminal, other = pty.openpty()
+        name = os.ttyname(other)
+        unreadable = os.open(name, os.O_WRONLY | os.O_NOCTTY)
+        process = subprocess.Popen([REPLAY, self.stream], cwd=self.folder, stdin=unreadable, stdout=other, stderr=other,
+                                   start_new_session=True, env=os.environ | {"HOME": str(self.folder), "TERM": "vt100"})
+        os.write(terminal, b"status\n")
+        try:
+            self.assertEqual(process.wait(timeout=SECONDS), 0)
+        finally:
+            process.kill()
+            process.wait()
+        for descriptor in (terminal, other, unreadable):
+            os.close(descriptor)
 
     def test_letters_of_several_bytes_and_bytes_that_are_no_letter(self):
         console = self.start()

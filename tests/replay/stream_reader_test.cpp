@@ -707,6 +707,8 @@ TEST(stream_refusals, of_machine_values)
 {
     EXPECT_EQ(outcome_of(R"({"t":"machine","processors":1,"threads":1,"options":[452]})").error,
               "line 1: key \"options\": expected 0 to 451, found 452");
+    EXPECT_EQ(outcome_of(R"({"t":"machine","processors":1,"threads":1,"options":[453]})").error,
+              "line 1: key \"options\": expected 0 to 451, found 453");
     EXPECT_EQ(outcome_of(R"({"t":"machine","processors":"0xffffffff","threads":4294967295})").error,
               "line 1: key \"threads\": expected at most 65536 hardware threads, found 18446744065119617025");
     EXPECT_EQ(outcome_of(R"({"t":"machine","processors":65536,"threads":1,"options":[451]})").error, "");
