@@ -832,6 +832,33 @@ TEST(check_pte, compares_the_five_walks_of_a_guest_of_five_levels)
     EXPECT_EQ(checker.compared(), 5u);
 }
 
+TEST(check_pte, keeps_a_million_walks_and_counts_those_beyond_them)
+{
+    QTRACE_RTW walks[RDX_MAX_2LEVEL_DEPTH] = {};
+    trace::Translated_Address address{};
+    address.present = true;
+    address.walks = walks;
+    qtrace_tool::Pte_Checker checker;
+    uint64_t last = 0;
+    const auto add = [&](size_t count) { // as many that are all different
+        for (size_t i = 0; i < RDX_MAX_2LEVEL_DEPTH; i++) {
+            const uint64_t entry = i < count ? ++last : 0;
+            std::memcpy(walks[i].RTPTE_ra, &entry, sizeof entry);
+        }
+        checker.add(address, "data address", {});
+    };
+    for (size_t times = 0; times < 200000; times++)
+        add(5);
+    EXPECT_EQ(checker.compared(), 1000000u);
+    EXPECT_EQ(checker.beyond_limit(), 0u);
+    add(3);
+    EXPECT_EQ(checker.compared(), 1000000u);
+    EXPECT_EQ(checker.beyond_limit(), 3u);
+    last = 0; // known ones need no room
+    add(5);
+    EXPECT_EQ(checker.beyond_limit(), 3u);
+}
+
 TEST(check_pte, of_a_file_that_is_not_there_says_why)
 {
     std::string error;
