@@ -381,6 +381,28 @@ TEST_F(report_text, hot_functions_are_the_20_largest_of_all_threads)
     EXPECT_THAT(hot, Not(HasSubstr("no symbol")));
 }
 
+TEST_F(report_text, few_hot_functions_with_as_many_instructions_are_in_the_order_of_their_names)
+{
+    const Folder folder;
+    Symbol_Options options;
+    options.add(folder.text("map", "1000 10 T one\n2000 10 T another\n3000 10 T most\n"));
+    Tool_Run run(1, 2);
+    const Symbol_Names names(run, options);
+    Name_Finder finder(names);
+    finder.enter_any();
+    Report report{std::vector<Report_Trace>(1), &finder, SIZES};
+    report.traces[0].name = "trace";
+    report.traces[0].threads.push_back(cut_thread());
+    for (const auto &[address, times] : {std::pair{0x1000, 5}, {0x2000, 5}, {0x3000, 6}})
+        report.traces[0].threads.back()->addresses.add(static_cast<uint64_t>(address),
+                                                       static_cast<uint64_t>(times));
+    const std::string hot = between(report_page(report), "<caption>Hot functions</caption>", "</table>");
+    const size_t most = hot.find(">most<"), another = hot.find(">another<"), one = hot.find(">one<");
+    EXPECT_LT(most, another);
+    EXPECT_LT(another, one);
+    EXPECT_NE(one, std::string::npos);
+}
+
 TEST_F(report_text, tells_when_counts_of_addresses_may_be_too_low)
 {
     auto exact = cut_thread(), rough = cut_thread();

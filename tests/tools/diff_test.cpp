@@ -1,4 +1,5 @@
 // `qtrace diff` on traces made by hand: every kind of difference, headers, pieces that are missing, damage.
+#include "diff_side.h"
 #include "equal_blocks.h"
 #include "planted_trace.h"
 #include "record_alignment.h"
@@ -52,6 +53,22 @@ Trace numbered_trace(size_t records)
         noise = noise * 6364136223846793005u + 1442695040888963407u;
         item.record.regs.gpr_out[0] = {static_cast<uint16_t>(i % 32), noise};
         trace.push_back(item);
+    }
+    return trace;
+}
+
+// The same with more registers: blocks of some hundred records.
+Trace wide_trace(size_t records)
+{
+    Trace trace = numbered_trace(records);
+    for (size_t i = 2; i < trace.size(); i++) {
+        QTRACE_REGISTERS &registers = trace[i].record.regs;
+        registers.num_vsxrs_in = registers.num_vsxrs_out = 3;
+        for (size_t place = 0; place < 3; place++) {
+            const uint64_t value = registers.gpr_out[0].value + place;
+            registers.vsxr_in[place] = {static_cast<uint16_t>(place), {~value, value}};
+            registers.vsxr_out[place] = {static_cast<uint16_t>(place), {value << 1, ~value << 1}};
+        }
     }
     return trace;
 }
@@ -518,6 +535,69 @@ TEST(diff_jobs, records_of_equal_groups_are_passed_over_at_once)
         EXPECT_EQ(std::accumulate(steps.begin(), steps.end(), uint64_t{0}), 60000u);
         EXPECT_EQ(std::ranges::count_if(steps, [](uint64_t step) { return step > 4096; }), jobs == 1 ? 0 : 2);
     }
+}
+
+// ---- Blocks lost on either side ------------------------------------------------------------------------
+
+namespace
+{
+
+// The contents of a file, one of whose blocks is damaged.
+std::string without(const qtrace_tool::Trace_File &file, std::string bytes, uint64_t block)
+{
+    uint64_t number = 0;
+    file.each_block([&](const QTRACE_Block &place) {
+        if (number == block)
+            bytes[place.offset + place.size / 2] ^= 0x55;
+        return number++ < block;
+    });
+    return bytes;
+}
+
+} // namespace
+
+// The second block is missing in one trace, and the third in the other.
+TEST(diff_damage, blocks_lost_after_each_other_on_either_side_are_one_place)
+{
+    const Folder folder;
+    const std::string whole = folder.write("whole0", wide_trace(1500));
+    qtrace_tool::Tool_Run run{1, 2};
+    const auto file = qtrace_tool::Trace_File::open(run, whole);
+    std::vector<QTRACE_Block> blocks;
+    file->each_block([&](const QTRACE_Block &block) { return blocks.push_back(block), true; });
+    ASSERT_GT(blocks.size(), 3u);
+    const std::string bytes = folder.contents("whole0");
+    const std::string a = folder.text("a0", without(*file, bytes, 1)),
+                      b = folder.text("b0", without(*file, bytes, 2));
+    const json found = difference(a, b);
+    ASSERT_EQ(blocks[1].records, blocks[2].records) << "as many on both sides";
+    EXPECT_EQ(found["only_a"], blocks[2].records);
+    EXPECT_EQ(found["only_b"], blocks[1].records);
+    EXPECT_EQ(found["differing"], 0);
+    EXPECT_EQ(found["kinds"], json({{"missing", 1}}));
+}
+
+// ---- Looking ahead -------------------------------------------------------------------------------------
+
+TEST(diff_lookahead, has_at_most_131072_records)
+{
+    const Folder folder;
+    const std::string name = folder.path("long0");
+    const QTRACE_FDESCR out = QTRACE_Fopen(name.c_str(), QTRACE_WRITE);
+    Item header = good_trace()[PARTITION], record{false, {}, "", plain_record(0x60000000)};
+    ASSERT_EQ(QTRACE_FwriteFileHeader(out, &header.header), 0);
+    for (size_t i = 0; i < 131'074; i++)
+        QTRACE_FwriteRecord(out, &record.record);
+    QTRACE_Fclose(out);
+    qtrace_tool::Tool_Run run{1, 2};
+    const auto file = qtrace_tool::Trace_File::open(run, name);
+    qtrace_tool::Lookahead ahead(run, *file, {}, qtrace_tool::Record_Hash({}));
+    EXPECT_EQ(ahead.keys(0, 0, true).size(), 131'072u);
+    EXPECT_FALSE(ahead.at_end());
+    EXPECT_EQ(ahead.keys(1, 1, true).size(), 131'072u) << "up to the last but one";
+    EXPECT_FALSE(ahead.at_end());
+    EXPECT_EQ(ahead.keys(3, 3, true).size(), 131'071u);
+    EXPECT_TRUE(ahead.at_end());
 }
 
 // ---- Output --------------------------------------------------------------------------------------------

@@ -320,6 +320,19 @@ TEST_F(hand_counts, page_sizes_have_a_unit_from_1K_to_512T)
         EXPECT_EQ(sizes.name(code), names[code]);
 }
 
+TEST_F(hand_counts, page_sizes_beyond_512T_and_codes_beyond_those_of_the_list_have_no_unit)
+{
+    const qtrace_tool::Page_Sizes large({50, 51, 60, 255});
+    for (uint8_t code = 0; code < 4; code++)
+        EXPECT_EQ(large.name(code), "code " + std::to_string(code));
+    std::vector<uint8_t> bits(200, 12);
+    bits.resize(2);
+    const qtrace_tool::Page_Sizes two(std::move(bits));
+    EXPECT_EQ(two.name(1), "4K");
+    for (const uint8_t code : {uint8_t{2}, uint8_t{3}, uint8_t{150}})
+        EXPECT_EQ(two.name(code), "code " + std::to_string(code));
+}
+
 TEST_F(hand_counts, info_json_has_every_figure)
 {
     const std::string comment =

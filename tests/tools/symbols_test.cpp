@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <set>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -776,6 +777,59 @@ TEST(function_counts, most_instructions_come_first_then_lower_addresses)
     add(more, 0x3000);
     counts.add(more);
     EXPECT_EQ(top(9), "g 4, h 3, none 2, f 2, ");
+}
+
+TEST(function_counts, instructions_without_a_name_come_before_as_many_of_a_function_at_0)
+{
+    const Folder folder;
+    Symbol_Options options;
+    options.add(folder.text("map", "0 10 T zero\n"));
+    Silent_Run silent;
+    const Symbol_Names names(silent.run, options);
+    qtrace_tool::Function_Counts counts(names);
+    QTRACE_Item item{};
+    for (const uint64_t address : {0x5000, 0x4}) {
+        item.address = address;
+        item.address_known = true;
+        counts.add(item, nullptr);
+    }
+    const auto top = counts.top(9);
+    ASSERT_EQ(top.size(), 2u);
+    EXPECT_EQ(top[0].first, nullptr);
+    ASSERT_NE(top[1].first, nullptr);
+    EXPECT_EQ(top[1].first->name, "zero");
+    EXPECT_EQ(top[1].second, 1u);
+}
+
+// As when all of them have the same library at the same address.
+TEST(function_counts, of_functions_that_40_processes_have_at_one_address_are_kept_apart)
+{
+    const Folder folder;
+    const std::string map = folder.text("map", "1000 10 T f\n");
+    Symbol_Options options;
+    for (int pid = 1; pid <= 40; pid++)
+        options.add(fmt::format("pid={}:{}", pid, map));
+    Silent_Run silent;
+    const Symbol_Names names(silent.run, options);
+    qtrace_tool::Function_Counts counts(names);
+    QTRACE_Item item{};
+    item.address = 0x1004;
+    item.address_known = true;
+    for (uint8_t pid = 1; pid <= 40; pid++) {
+        QTRACE_FILE_HDR header = planted::good_trace()[planted::PARTITION].header;
+        header.pid[0] = pid;
+        counts.add(item, &header);
+    }
+    const auto top = counts.top(99);
+    EXPECT_EQ(top.size(), 40u);
+    std::set<const Symbol *> met;
+    for (const auto &[symbol, times] : top) {
+        EXPECT_EQ(times, 1u);
+        ASSERT_NE(symbol, nullptr);
+        EXPECT_EQ(symbol->name, "f");
+        met.insert(symbol);
+    }
+    EXPECT_EQ(met.size(), 40u);
 }
 
 // ---- What commands show --------------------------------------------------------------------------------
