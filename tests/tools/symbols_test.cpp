@@ -67,7 +67,8 @@ struct Elf_Shape {
     unsigned table = 2;                   // kind of the symbol table; 0: stripped
     std::string second = ".data";         // name of the second section
     std::vector<uint64_t> words{};        // in it
-    unsigned segment = 1;                 // kind of the segment: 1 is loaded
+    // Kinds and addresses of the segments: 1 is loaded.
+    std::vector<std::pair<unsigned, uint64_t>> segments = {{1, 0x10000}};
 };
 
 constexpr uint64_t TEXT_AT = 0x10000, TEXT_SIZE = 0x1000, SECOND_AT = 0x20000;
@@ -121,7 +122,7 @@ std::string elf(const Elf_Shape &shape, const std::vector<Elf_Symbol> &symbols)
     }
     const std::string section_names = std::string(1, '\0') + ".text" + '\0' + shape.second + '\0';
     const unsigned header = shape.wide ? 64 : 52, segment = shape.wide ? 56 : 32, section = shape.wide ? 64 : 40;
-    const uint64_t data = header + segment;
+    const uint64_t data = header + shape.segments.size() * segment;
     const uint64_t table_at = data + words.text.size(), names_at = table_at + table.text.size();
     const uint64_t section_names_at = names_at + names.size(),
                    sections_at = section_names_at + section_names.size();
@@ -131,14 +132,17 @@ std::string elf(const Elf_Shape &shape, const std::vector<Elf_Symbol> &symbols)
         out.number(0, 8);
     out.half(shape.type), out.half(21), out.word(1), out.address(TEXT_AT), out.address(header),
         out.address(sections_at);
-    out.word(0), out.half(header), out.half(segment), out.half(1), out.half(section), out.half(6), out.half(5);
-    out.word(shape.segment);
-    if (shape.wide)
-        out.word(5);
-    out.address(0), out.address(TEXT_AT), out.address(TEXT_AT), out.address(TEXT_SIZE), out.address(TEXT_SIZE);
-    if (!shape.wide)
-        out.word(5);
-    out.address(0x1000);
+    out.word(0), out.half(header), out.half(segment), out.half(shape.segments.size()), out.half(section),
+        out.half(6), out.half(5);
+    for (const auto &[kind, at] : shape.segments) {
+        out.word(kind);
+        if (shape.wide)
+            out.word(5);
+        out.address(0), out.address(at), out.address(at), out.address(TEXT_SIZE), out.address(TEXT_SIZE);
+        if (!shape.wide)
+            out.word(5);
+        out.address(0x1000);
+    }
     out.text += words.text + table.text + names + section_names;
     const uint64_t symbol_bytes = shape.wide ? 24 : 16;
     out.section(0, 0, 0, 0, 0, 0, 0, 0);
@@ -300,6 +304,30 @@ TEST(symbol_map, a_symbol_without_a_size_names_nothing_within_one_that_has_a_siz
     EXPECT_EQ(name_at(map, 0x1100), "next");
 }
 
+// First and last addresses of the symbols, in order.
+static std::vector<std::pair<uint64_t, uint64_t>> places_in(const char *map)
+{
+    std::vector<std::pair<uint64_t, uint64_t>> places;
+    for (const Symbol &one : read_symbol_map("map", map).symbols)
+        places.emplace_back(one.first, one.last);
+    return places;
+}
+
+TEST(symbol_map, a_symbol_without_a_size_ends_directly_before_the_next_address_that_has_one)
+{
+    using Places = std::vector<std::pair<uint64_t, uint64_t>>;
+    EXPECT_EQ(places_in("0 T zero\n1 1 T one\n"), (Places{{0, 0}, {1, 1}}));
+    EXPECT_EQ(places_in("1000 T first\n1100 10 T next\n"), (Places{{0x1000, 0x10ff}, {0x1100, 0x110f}}));
+    EXPECT_EQ(places_in("1000 T first\n1000 t second\n1100 10 T next\n1200 10 T other\n"),
+              (Places{{0x1000, 0x10ff}, {0x1000, 0x10ff}, {0x1100, 0x110f}, {0x1200, 0x120f}}));
+}
+
+TEST(symbol_map, of_the_same_first_address_the_symbol_with_a_size_counts)
+{
+    EXPECT_EQ(places_in("1000 t label\n1000 10 T sized\n1100 10 T next\n"),
+              (std::vector<std::pair<uint64_t, uint64_t>>{{0x1000, 0x100f}, {0x1100, 0x110f}}));
+}
+
 TEST(symbol_map, of_several_names_of_an_address_the_global_one_counts)
 {
     const Symbol_File map = read_symbol_map("map", "1000 t local\n1000 W weak\n1000 T global\n1010 T next\n");
@@ -324,6 +352,7 @@ TEST(symbol_map, types_are_single_letters_and_everything_else_is_a_name)
     EXPECT_EQ(name("1000 20 t x"), "x");
     EXPECT_EQ(name("0X1000\tt\tx y \r"), "x y");
     EXPECT_EQ(name(" \t1000 T  x"), "x");
+    EXPECT_EQ(name("  1000 T x \t\r"), "x");
     for (const char type : std::string("UAaNn"))
         EXPECT_EQ(name(std::string("1000 ") + type + " x"), "-") << type;
     for (const std::string line : {"U x", "w x", "v x"})
@@ -383,11 +412,11 @@ TEST(symbol_map, one_symbol_may_stand_at_0_and_long_maps_are_read_whole)
 TEST(symbol_map, of_a_long_line_80_characters_are_shown)
 {
     try {
-        read_symbol_map("m", std::string(200, 'z'));
+        read_symbol_map("m", "y" + std::string(200, 'z'));
         ADD_FAILURE();
     } catch (const std::runtime_error &error) {
-        EXPECT_EQ(error.what(),
-                  "m: line 1: `" + std::string(80, 'z') + "` is not a symbol: ADDRESS [SIZE] [TYPE] NAME expected");
+        EXPECT_EQ(error.what(), "m: line 1: `y" + std::string(79, 'z') +
+                                    "` is not a symbol: ADDRESS [SIZE] [TYPE] NAME expected");
     }
 }
 
@@ -470,6 +499,23 @@ TEST(symbol_elf, moves_with_its_load_address)
     EXPECT_EQ(name_at(up, 0xc000000000000100), "main");
     EXPECT_EQ(name_at(up, 0x10100), "-");
     EXPECT_EQ(name_at(read_elf({}, symbols, 0), 0x100), "main");
+}
+
+TEST(symbol_elf, is_loaded_with_the_lowest_of_its_segments_at_the_load_address)
+{
+    const std::vector<Elf_Symbol> symbols = {{"main", 0x10100, 0x40}};
+    for (const auto &segments :
+         std::vector<std::vector<std::pair<unsigned, uint64_t>>>{{{6, 0x400}, {1, TEXT_AT}},
+                                                                 {{1, SECOND_AT}, {6, 0x400}, {1, TEXT_AT}},
+                                                                 {{1, TEXT_AT}, {1, SECOND_AT}, {6, 0x400}}})
+        EXPECT_EQ(name_at(read_elf({.segments = segments}, symbols, 0x7000), 0x7100), "main");
+}
+
+TEST(symbol_elf, the_end_of_a_section_moves_with_its_load_address)
+{
+    const Symbol_File file = read_elf({}, {{"last", 0x10ff0, 0}}, 0x7000);
+    EXPECT_EQ(name_at(file, 0x7fff), "last");
+    EXPECT_EQ(name_at(file, 0x8000), "-");
 }
 
 TEST(symbol_elf, leaves_out_what_is_no_place_of_the_program)
@@ -592,7 +638,7 @@ TEST(symbol_elf, descriptors_have_addresses_of_eight_bytes)
 TEST(symbol_elf, a_load_address_needs_a_segment_that_is_loaded)
 {
     const Folder folder;
-    const std::string file = folder.text("program", elf({.segment = 6}, {{"main", 0x10100, 0x40}}));
+    const std::string file = folder.text("program", elf({.segments = {{6, TEXT_AT}}}, {{"main", 0x10100, 0x40}}));
     EXPECT_EQ(refusal(file, 0), file + ": has no segments that are loaded, so that a load address means nothing");
     EXPECT_EQ(refusal(file), "it was read");
 }
