@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cstring>
+#include <filesystem>
+
 using namespace planted;
 using nlohmann::json;
 
@@ -121,6 +124,29 @@ TEST(report_range, of_a_trace_that_is_cut_off_has_no_gap_at_its_end)
     const std::string what = "byte 16: the file ends inside a block (at least 2000 records are lost)";
     EXPECT_EQ(pictured(folder, {cut}, "qtrace: " + cut + ": " + what + "\n")["gaps"], json::array());
     EXPECT_NE(folder.contents("page.html").find(what), std::string::npos);
+}
+
+TEST(report_range, of_a_trace_that_lost_only_headers_has_a_gap)
+{
+    Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};
+    uint64_t noise = 1;
+    for (size_t i = 0; i < 20000; i++) {
+        trace.push_back(good_trace()[PARTITION]);
+        noise = noise * 6364136223846793005u + 1442695040888963407u;
+        std::memcpy(trace.back().header.pid, &noise, 4);
+        std::memcpy(trace.back().header.lpid, &noise, 8);
+    }
+    trace.push_back(good_trace()[TAKEN_BRANCH]);
+    const Folder folder;
+    std::string bytes = folder.contents(std::filesystem::path(folder.write("whole0", trace)).filename());
+    const size_t second = bytes.find("\x8BQB\n", bytes.find("\x8BQB\n") + 1);
+    ASSERT_NE(bytes.find("\x8BQB\n", second + 1), std::string::npos); // a third block
+    bytes[second + 100] ^= 0x20;
+    const std::string broken = folder.text("broken0", bytes);
+    const Outcome dumped = qtrace({"dump", broken});
+    const json gaps = pictured(folder, {broken}, dumped.err)["gaps"];
+    ASSERT_EQ(gaps.size(), 1u);
+    EXPECT_EQ(gaps[0]["record"], 1) << gaps;
 }
 
 TEST(report_range, of_a_cut_without_the_first_record_has_a_gap_before_the_second)

@@ -18,6 +18,7 @@
 #include <regex>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -513,6 +514,22 @@ TEST(champsim_export, makes_addresses_real_to_their_last_bit_and_knows_no_page_b
     EXPECT_THAT(run.shortcomings, ElementsAre("addresses without a recorded real one, left effective: 2"));
 }
 
+TEST(champsim_export, every_record_of_a_part_is_on_the_page_that_the_part_before_ended_on)
+{
+    Export_Run run;
+    run.options.real = true;
+    const Sample sample;
+    const Fill first = [&](Export_Part &part) {
+        part.header(sample.first, nullptr);
+        part.record(record_item(0, 0x1FF0, plain_record(ADD)), nullptr);
+    };
+    const Fill second = [&](Export_Part &part) {
+        for (const uint64_t address : {0x1FF4, 0x1FF8, 0x1FFC})
+            part.record(record_item(1, address, plain_record(ADD)), nullptr);
+    };
+    EXPECT_THAT(simulated(run, {first, second}), ElementsAre("12ff0", "12ff4", "12ff8", "12ffc"));
+}
+
 // ---- callgrind -------------------------------------------------------------------------------------------
 
 namespace
@@ -578,6 +595,26 @@ TEST(callgrind_export, keeps_the_same_address_of_several_processes_apart)
         run.exported(make_callgrind_exporter, {{fill}}),
         PROFILE_HEAD + "fn=page_1000\n0x1000 0 1 0 0 0\nob=" + seven + "\nfn=zeta\n0x1000 0 1 0 0 0\nob=" + eight +
             "\nfn=alpha\n0x1000 0 2 0 0 0\n0x1004 0 1 0 0 0\nfn=alpha\n0x2000 0 1 0 0 0\n\ntotals: 6 0 0 0\n");
+}
+
+TEST(callgrind_export, takes_what_one_file_names_in_two_processes_together)
+{
+    Export_Run run;
+    Symbol_Options chosen;
+    const std::string map = run.folder.text("map", "1000 10 T main\n");
+    chosen.add("pid=7:" + map);
+    chosen.add("pid=8:" + map);
+    const Symbol_Names names(run.messages, chosen);
+    run.options.names = &names;
+    const Fill fill = [](Export_Part &part) {
+        QTRACE_FILE_HDR header{};
+        for (const uint8_t pid : std::vector<uint8_t>{7, 8, 7}) {
+            header.pid[0] = pid;
+            part.record(record_item(0, 0x1000, plain_record(ADD)), &header);
+        }
+    };
+    EXPECT_EQ(run.exported(make_callgrind_exporter, {{fill}}),
+              PROFILE_HEAD + "ob=" + map + "\nfn=main\n0x1000 0 3 0 0 0\n\ntotals: 3 0 0 0\n");
 }
 
 // ---- sqlite ----------------------------------------------------------------------------------------------
@@ -961,6 +998,24 @@ TEST(output_place, is_removed_on_an_interrupt_only_while_it_is_unfinished)
         EXPECT_THROW(Output_Folder(home.path("no/such/folder"), true), std::system_error);
         EXPECT_FALSE(interrupts_are_caught(signal));
     }
+}
+
+TEST(output_place, is_removed_on_an_interrupt_with_any_number_of_files)
+{
+    const Folder home;
+    const pid_t child = fork();
+    if (child == 0) {
+        const Output_Folder folder(home.path("folder"), true);
+        folder.metadata()->close();
+        for (size_t i = 0; i < 103; i++)
+            folder.stream(i)->close();
+        std::raise(SIGINT);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+    EXPECT_TRUE(std::filesystem::is_empty(home.path("")));
 }
 
 TEST(output_place, is_not_replaced_when_the_name_came_into_being_meanwhile)

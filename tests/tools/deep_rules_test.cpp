@@ -192,6 +192,18 @@ TEST(deep_rules, hold_in_a_loop_and_say_how_much_they_compared)
     EXPECT_EQ(told["forgotten"], 0);
 }
 
+TEST(deep_rules, have_a_line_each_in_the_text)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", loop());
+    EXPECT_EQ(qtrace({"check", "--deep", file}).out, file +
+                                                         ": 16 records, 1 header: all invariants hold\n"
+                                                         "  register-flow                            14 checks\n"
+                                                         "  real-of-effective                        12 checks\n"
+                                                         "  same-page-same-walk                      9 checks\n"
+                                                         "  code-unchanged                           12 checks\n");
+}
+
 TEST(deep_rules, are_not_applied_unless_asked_for)
 {
     const Folder folder;

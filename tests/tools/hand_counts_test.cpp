@@ -1,5 +1,6 @@
 // Whole outputs of `stats`, `info`, `recover` and `check --rules` against what was counted by hand on one trace.
 #include "planted_trace.h"
+#include "tool_run.h"
 #include "trace_counts.h"
 
 #include <gmock/gmock.h>
@@ -12,7 +13,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <poll.h>
+#include <pty.h>
 #include <sstream>
+#include <termios.h>
 #include <unistd.h>
 
 using namespace planted;
@@ -206,6 +210,14 @@ hot branch targets (address, times)
   0000000000002000                      1
 )",
                         size));
+}
+
+TEST_F(hand_counts, stats_tells_of_fetches_from_pages_that_are_not_named_only_where_there_are_some)
+{
+    const std::string line = "  on pages entered in sequence, which records do not name: ";
+    EXPECT_THAT(qtrace({"stats", "--pc", "1000", "trace0"}).out, Not(HasSubstr(line)));
+    folder.write("one0", {good_trace()[SECOND_HEADER], good_trace()[RESUMED]}); // in real mode
+    EXPECT_THAT(qtrace({"stats", "one0"}).out, HasSubstr(line + "1\n"));
 }
 
 TEST_F(hand_counts, info_text_has_every_figure)
@@ -529,6 +541,41 @@ TEST_F(recover_figures, what_is_lost_directly_before_a_range_is_told_with_it)
     }
 }
 
+// Nothing after the last record that is asked for is read.
+TEST_F(recover_figures, damage_after_the_last_chosen_record_is_not_told)
+{
+    bytes[blocks[1].offset + 100] ^= 0x20;
+    folder.text("broken0", bytes);
+    for (const auto &[count, code] : {std::pair("3", 0), {"4", 3}}) {
+        const Outcome outcome = qtrace({"dump", "--pc", "1000-1008", "--count", count, "broken0"});
+        EXPECT_EQ(outcome.exit_code, code) << outcome.err;
+        EXPECT_EQ(std::ranges::count(outcome.out, '\n'), 3);
+        const Outcome exported = qtrace({"export", "--force", "--format", "csv", "-o", "out", "--pc", "1000-1008",
+                                         "--count", count, "broken0"});
+        EXPECT_EQ(exported.exit_code, code) << exported.err;
+    }
+}
+
+// A text trace is read forward, whatever number of threads is asked for.
+TEST_F(recover_figures, dump_has_the_mnemonic_of_every_record_of_a_long_trace)
+{
+    std::string lines;
+    const Trace trace = long_trace(20000);
+    for (size_t i = 0; i < 20000; i++)
+        lines += fmt::format("(seq:{0},tid:2) (instbody:0x{1:08x}) {{name:n{0}_}} (I:0) (PC:0x{2:016x})\n", i,
+                             trace[i + 1].record.header.instruction, 0x1000 + 4 * i);
+    folder.text("text0", lines);
+    for (const char *jobs : {"1", "3"}) {
+        const Outcome outcome = qtrace({"dump", "--jobs", jobs, "--fields", "length", "--text", "text0", "long0"});
+        EXPECT_EQ(outcome.err, "");
+        size_t at = 0, found = 0;
+        for (; found < 20000 && at != std::string::npos; found++)
+            at = outcome.out.find(fmt::format(" n{}_", found), at);
+        EXPECT_EQ(found, 20000u) << jobs;
+        EXPECT_NE(at, std::string::npos);
+    }
+}
+
 // In whichever block that header is.
 TEST_F(hand_counts, a_range_has_the_header_before_its_first_record)
 {
@@ -631,6 +678,67 @@ TEST_F(recover_figures, of_several_places_are_added_up)
     EXPECT_THAT(qtrace({"info", "saved0"}).out, HasSubstr("\n  missing      records or headers at 2 places\n"));
 }
 
+// ---- colours -------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// What a command that prints little shows on a terminal.
+std::string on_terminal(const std::vector<std::string> &words)
+{
+    setenv("TERM", "vt100", 1);
+    unsetenv("NO_COLOR");
+    int master, own;
+    termios as_it_is{};
+    cfmakeraw(&as_it_is);
+    if (openpty(&master, &own, nullptr, &as_it_is, nullptr) != 0)
+        return "no terminal";
+    qtrace_tool::run_qtrace(words, own, own);
+    std::string text;
+    for (pollfd ready{master, POLLIN, 0}; poll(&ready, 1, 0) > 0;) {
+        char piece[4096];
+        text.append(piece, static_cast<size_t>(std::max<ssize_t>(read(master, piece, sizeof piece), 0)));
+    }
+    close(own);
+    close(master);
+    return text;
+}
+
+const std::string GREEN = "\x1b[32m", RED = "\x1b[31m", BAD = "\x1b[1;31m", HEAD = "\x1b[1;36m", AFTER = "\x1b[0m";
+
+} // namespace
+
+TEST_F(recover_figures, a_good_end_is_green_and_any_other_red)
+{
+    EXPECT_THAT(on_terminal({"info", "trace0"}), testing::StartsWith(HEAD + "trace0" + AFTER + "\n"));
+    EXPECT_THAT(on_terminal({"info", "trace0"}), HasSubstr("  ends         " + GREEN + "cleanly" + AFTER + "\n"));
+    qtrace({"cut", "-o", "part0", "--count", "5", "trace0"});
+    EXPECT_THAT(on_terminal({"info", "part0"}), HasSubstr("  ends         " + BAD + "where a recovery or a cut"));
+    folder.text("broken0", bytes.substr(0, blocks[4].offset));
+    EXPECT_THAT(on_terminal({"info", "broken0"}), HasSubstr("  ends         " + BAD + "not cleanly"));
+    bytes[blocks[1].offset + 100] ^= 0x20;
+    folder.text("broken0", bytes);
+    EXPECT_THAT(on_terminal({"info", "--verify", "broken0"}),
+                HasSubstr("  ends         " + BAD + "cleanly; 1 damaged place (`qtrace recover` saves the rest)" +
+                          AFTER + "\n"));
+    EXPECT_THAT(on_terminal({"recover", "broken0", "saved0"}), HasSubstr(BAD + "broken0: lost at 1 place: "));
+}
+
+TEST_F(hand_counts, differences_have_the_colours_of_what_was_removed_and_added)
+{
+    Trace other = good_trace();
+    other[CALL].record.header.instruction ^= 2;
+    folder.write("old0", good_trace());
+    folder.write("new0", other);
+    const std::string text = on_terminal({"diff", "--context", "1", "old0", "new0"});
+    EXPECT_THAT(text, HasSubstr(AFTER + "          5 "));
+    EXPECT_THAT(text, HasSubstr("\n" + AFTER + RED + "-         6 "));
+    EXPECT_THAT(text, HasSubstr("\n" + AFTER + GREEN + "+         6 "));
+    EXPECT_THAT(text, HasSubstr("\n" + AFTER + AFTER + "          7 "));
+    EXPECT_THAT(text, HasSubstr("11 | 11 records: " + BAD + "they differ" + AFTER + "\n"));
+    EXPECT_THAT(on_terminal({"diff", "old0", "old0"}), HasSubstr(GREEN + "no difference" + AFTER + "\n"));
+}
+
 // ---- plan ----------------------------------------------------------------------------------------------
 
 // What `plan` prints about "long0" and a second file.
@@ -710,6 +818,16 @@ TEST_F(plan_lines, are_at_least_one)
     EXPECT_THAT(none.err, testing::StartsWith("qtrace: `0` is not a number for --parts: 1 or more expected\n"));
     folder.write("empty0", {good_trace()[FIRST_HEADER]});
     EXPECT_EQ(qtrace({"plan", "--parts", "4", "empty0"}).out, "empty0 --from 0 --count 0\n");
+    folder.write("nothing0", {});
+    EXPECT_EQ(qtrace({"plan", "--parts", "4", "nothing0"}).out, "nothing0 --from 0 --count 0\n");
+}
+
+TEST_F(plan_lines, have_one_record_each_where_blocks_have)
+{
+    qtrace({"cut", "--every", "10", "--window", "1", "-o", "samples0", "trace0"});
+    EXPECT_EQ(qtrace({"plan", "--parts", "3", "samples0"}).out, "samples0 --from 0 --count 1\n"
+                                                                "samples0 --from 1 --count 10\n"
+                                                                "samples0 --from 11 --count 10\n");
 }
 
 // Numbers begin anew where one file follows another: those are not cut.
@@ -756,6 +874,45 @@ TEST_F(hand_counts, cut_of_windows_as_long_as_their_distance_keeps_everything)
 {
     EXPECT_EQ(qtrace({"cut", "--every", "5", "--window", "5", "-o", "part0", "trace0"}).out,
               "part0: 25 records and 3 headers in 1 block\n");
+    EXPECT_EQ(qtrace({"cut", "--force", "--every", "1", "--window", "1", "-o", "part0", "trace0"}).out,
+              "part0: 25 records and 3 headers in 1 block\n");
+}
+
+TEST_F(hand_counts, files_that_cannot_be_read_or_written_are_told_with_the_reason)
+{
+    EXPECT_EQ(qtrace({"recover", "none0", "saved0"}).err, "qtrace: none0: No such file or directory\n");
+    EXPECT_EQ(qtrace({"info", "none0"}).err, "qtrace: none0: No such file or directory\n");
+    EXPECT_EQ(qtrace({"diff", "--from", "25", "trace0", "trace0"}).err,
+              "qtrace: trace0: no record 25: the file has 25\n");
+    EXPECT_EQ(qtrace({"diff", "--from", "24", "trace0", "trace0"}).exit_code, 0);
+}
+
+TEST_F(hand_counts, a_file_without_anything_in_it_is_one_of_a_row)
+{
+    folder.write("row0", {});
+    folder.write("row1", good_trace());
+    const Outcome outcome = qtrace({"info", "--json", "row"});
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(std::ranges::count(outcome.out, '\n'), 2);
+}
+
+// ---- files that stand one after another ------------------------------------------------------------------
+
+// Record numbers fall where the second file begins, however the two ranges lie.
+TEST_F(hand_counts, a_range_is_found_in_the_second_of_two_files_in_a_row)
+{
+    folder.write("whole0", good_trace()); // records 0 to 10
+    qtrace({"cut", "--from", "8", "-o", "end0", "whole0"});
+    qtrace({"cut", "--from", "5", "--count", "2", "-o", "middle0", "whole0"});
+    const auto counted = [&](const char *first, const char *second, const char *from) {
+        folder.text("joined0", folder.contents(first) + folder.contents(second));
+        const std::string counts = qtrace({"stats", "--json", "--from", from, "--count", "3", "joined0"}).out;
+        return json::parse(counts)["instructions"].get<int>();
+    };
+    EXPECT_EQ(counted("end0", "whole0", "0"), 3);
+    EXPECT_EQ(counted("end0", "whole0", "8"), 3 + 3);
+    EXPECT_EQ(counted("whole0", "middle0", "5"), 3 + 2);
+    EXPECT_EQ(counted("whole0", "middle0", "2"), 3);
 }
 
 // ---- export of what was lost -----------------------------------------------------------------------------
@@ -959,6 +1116,26 @@ TEST_F(hand_counts, diff_shows_a_changed_record_between_its_neighbours)
         "\n");
 }
 
+TEST_F(hand_counts, diff_names_every_kind_of_difference)
+{
+    Trace other = good_trace();
+    other[CALL].record.header.instruction ^= 2;
+    other[CALL].record.header.control.fld.register_trace_present = 1;
+    other[CALL].record.regs.num_gprs_out = 1;
+    other[CALL].record.regs.gpr_out[0] = {3, 0x77};
+    folder.write("old0", good_trace());
+    folder.write("new0", other);
+    const std::string text = qtrace({"diff", "--context", "0", "old0", "new0"}).out;
+    EXPECT_THAT(text, HasSubstr("at record 6 | 6 (000000000000200c): instruction, registers\n"));
+    EXPECT_THAT(text, testing::EndsWith("\n11 | 11 records: they differ\n"
+                                        "  records differ             1\n"
+                                        "    instruction              1\n"
+                                        "    registers                1\n"));
+    const json told = json::parse(qtrace({"diff", "--json", "old0", "new0"}).out);
+    EXPECT_EQ(told["differences"][0]["kinds"], json({"instruction", "registers"}));
+    EXPECT_EQ(told["kinds"], json({{"instruction", 1}, {"registers", 1}}));
+}
+
 TEST_F(hand_counts, diff_compares_one_thread_with_a_file_whatever_their_names)
 {
     folder.write("old0", good_trace());
@@ -979,8 +1156,9 @@ TEST_F(recover_figures, diff_tells_damage_once_and_a_single_record_on_one_side)
     Trace right = long_trace(20000);
     right.erase(right.begin() + 5001);
     folder.write("right0", right);
-    EXPECT_THAT(qtrace({"diff", "long0", "right0"}).out,
-                HasSubstr(": missing: 1 record only in long0, 0 only in right0\n"));
+    const std::string text = qtrace({"diff", "long0", "right0"}).out;
+    EXPECT_THAT(text, HasSubstr(": missing: 1 record only in long0, 0 only in right0\n"));
+    EXPECT_THAT(text, HasSubstr("  missing in 1 run: 1 record only on the left, 0 only on the right\n"));
     bytes[blocks[1].offset + 100] ^= 0x20;
     folder.text("broken0", bytes);
     const Outcome outcome = qtrace({"diff", "--limit", "9", "broken0", "long0"});
