@@ -361,6 +361,62 @@ TEST_F(encoding, of_a_translation_is_what_differs_from_the_last_one_of_the_same_
               "\x03\0\0\0\x80\x80\x80\x80\x80\x80\x80\x80\x02\x0b"s); // 3, from 9, and depth 1
 }
 
+// ---- Slots ------------------------------------------------------------------------------------------------------
+
+// The first two numbers above `first` of which one shares its slot in a table of 2^bits, but not in a larger one, and the
+// other one shares it in a smaller table alone.
+std::pair<uint64_t, uint64_t> neighbours(uint64_t first, unsigned bits)
+{
+    const auto slot = [](uint64_t key, unsigned wide) { return (key * 0x9E3779B97F4A7C15u) >> (64 - wide); };
+    const auto sharing = [&](unsigned wide) {
+        uint64_t key = first + 1;
+        while (slot(key, wide) != slot(first, wide) || slot(key, wide + 1) == slot(first, wide + 1))
+            ++key;
+        return key;
+    };
+    return {sharing(bits), sharing(bits - 1)};
+}
+
+TEST_F(encoding, of_a_shape_is_expected_of_the_words_of_its_slot_among_1024)
+{
+    const auto [same, other] = neighbours(1, 10);
+    std::vector<Made> records = {Made(1), Made(static_cast<uint32_t>(same)), Made(static_cast<uint32_t>(other))};
+    for (Made &record : records)
+        record.node = 1;
+    EXPECT_EQ(columns_of(records)[OP], "\x09\x01\x09"); // word and members, word, word and members
+}
+
+TEST_F(encoding, of_a_word_is_expected_at_the_addresses_of_its_slot_among_2048)
+{
+    const auto [same, other] = neighbours(0, 11);
+    EXPECT_EQ(columns_of({Made(5).next(4 * same), Made(5).next(4 * other), Made(5)})[WORD],
+              "\x05\0\0\0\x05\0\0\0"s);
+}
+
+TEST_F(encoding, of_a_value_in_memory_is_expected_at_the_addresses_of_its_slot_among_1024)
+{
+    const auto [same, other] = neighbours(0x20000000, 10);
+    const Columns columns = columns_of({Made(7).out({{6, 0x77}}).data(0x20000000),
+                                        Made(8).out({{7, 0x77}}).data(same), Made(9).out({{8, 0x77}}).data(other)});
+    EXPECT_EQ(columns[KIND], "\x0a\x02\x0a");
+}
+
+TEST_F(encoding, of_a_translation_is_expected_at_the_pages_of_its_slot_among_128)
+{
+    const auto [same, other] = neighbours(0x20000, 7);
+    std::vector<Made> records = {Made(7).data(0x20000000), Made(7).data(same << 12), Made(7).data(other << 12)};
+    for (Made &record : records)
+        record.data_rpn[0] = 9;
+    EXPECT_EQ(columns_of(records)[TRANSLATION], "\x02\0\0\0\x12\0\0\0\0"s);
+}
+
+TEST_F(encoding, of_a_value_of_a_register_is_expected_of_numbers_that_are_64_apart)
+{
+    const Columns columns = columns_of({Made(1).out({{3, 0x1234}}), Made(2).out({{67, 0x1234}}).data(0x5000),
+                                        Made(3).out({{35, 0x1234}}).data(0x6000)});
+    EXPECT_EQ(columns[KIND], "\x0b\0\x0b"s);
+}
+
 // ---- Shapes -----------------------------------------------------------------------------------------------------
 
 TEST_F(encoding, of_control_words_numbers_them_in_the_order_of_their_first_use)

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -73,4 +76,23 @@ TEST(header_comment, is_refused_when_anything_in_it_is_missing_other_or_too_much
     EXPECT_FALSE(is_comment(joined(11, "1G")));
     EXPECT_FALSE(is_comment(joined(11, "1G ,")));
     EXPECT_FALSE(is_comment(joined(3, "true")));
+}
+
+// The page after the text cannot be read.
+TEST(header_comment, is_read_to_its_end_and_no_further)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *const pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    char *const end = static_cast<char *>(pages) + page;
+    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    const std::string whole =
+        "KelvoVer:3,64bitMode:True,LEMode:False,MemUsed:4096,HostPagesUsed:4K ,GuestPagesUsed:undefined ";
+    for (size_t size = 0; size <= whole.size(); ++size) {
+        std::memcpy(end - size, whole.data(), size);
+        Header_Comment comment;
+        const bool complete = size == whole.size() || whole.substr(0, size).ends_with("GuestPagesUsed:");
+        EXPECT_EQ(parse_comment({end - size, size}, comment), complete) << whole.substr(0, size);
+    }
+    munmap(pages, 2 * page);
 }

@@ -31,6 +31,8 @@ constexpr Word WORDS[] = {
     {0x4e800421, "bctrl", B | C},
     {0x4e800020, "blr", B | R},
     {0x4e800820, "blr with the hint that it is no return", B},
+    {0x4e801020, "blr with the hint that is reserved", B},
+    {0x4e801820, "blr with the hint that its target cannot be foreseen", B},
     {0x4e800021, "blrl", B | C},
     {0x4d820020, "beqlr", B | R},
     {0x4c820021, "bnelrl", B | C},

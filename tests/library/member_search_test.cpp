@@ -132,6 +132,30 @@ TEST(member_search, finds_members_in_several_places)
     }
 }
 
+TEST(member_search, finds_members_by_whatever_bit_is_set)
+{
+    for (const uint8_t bits : {uint8_t{0x01}, uint8_t{0x80}})
+        for (const size_t byte : {0, 16, 289, 824, 1320, 1352, 2904, 2928}) {
+            QTRACE_RECORD record = record_with({});
+            reinterpret_cast<uint8_t *>(&record)[byte] = bits;
+            const auto member = std::ranges::find_if(
+                RECORD_MEMBERS, [byte](const Trace_Member &row) { return is_in(byte, row.offset, row.size); });
+            EXPECT_TRUE(holds(filled(record), member->name)) << byte;
+        }
+}
+
+TEST(member_search, finds_bookkeeping_after_a_record_of_zeros)
+{
+    const QTRACE_RECORD records[] = {record_with({}), record_with({2920})};
+    EXPECT_EQ(filled(records[1]), std::vector<std::string>{"instr_count"});
+}
+
+TEST(member_search, finds_registers_alone_where_counts_and_entries_are_set)
+{
+    EXPECT_EQ(filled(record_with({COUNTS, ENTRIES, ENTRIES + 8, ENTRIES + 16, ENTRIES + 24})),
+              std::vector<std::string>{"regs"});
+}
+
 TEST(member_search, tells_every_byte_that_is_not_among_the_common_ones)
 {
     const uint64_t data = uint64_t{1} << 43, next = uint64_t{1} << 38;
@@ -162,6 +186,22 @@ TEST(member_search, tells_register_entries_beyond_their_counts)
                             << "entry " << entry << " at " << list.entries << " of " << count << " beside "
                             << other.count;
                     }
+}
+
+TEST(member_search, tells_register_entries_beyond_their_counts_by_whatever_bit_is_set)
+{
+    QTRACE_RECORD record = record_with({});
+    auto *const bytes = reinterpret_cast<uint8_t *>(&record);
+    std::fill_n(bytes + COUNTS, std::size(LISTS), uint8_t{2});
+    for (const List &list : LISTS)
+        for (size_t byte = 0; byte < list.capacity * list.width; ++byte)
+            for (const uint8_t bits : {uint8_t{0x01}, uint8_t{0x80}}) {
+                if (is_padding(list.entries + byte))
+                    continue;
+                bytes[list.entries + byte] = bits;
+                ASSERT_EQ(has_uncommon(record), byte >= 2 * list.width) << byte << " at " << list.entries;
+                bytes[list.entries + byte] = 0;
+            }
 }
 
 TEST(member_search, copies_what_is_not_common_and_nothing_else)

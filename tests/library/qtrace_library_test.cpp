@@ -417,8 +417,11 @@ TEST_F(trace_file, takes_no_record_and_no_header_that_is_missing)
     EXPECT_EQ(QTRACE_FwriteRecord(file, nullptr), -1);
     EXPECT_EQ(QTRACE_FwriteFileHeader(file, nullptr), -1);
     write(file, QTRACE_RECORD{});
+    write(file, QTRACE_RECORD{});
+    EXPECT_EQ(QTRACE_FwriteRecord(file, nullptr), -1);
+    EXPECT_THAT(qtrace_writer_error(), HasSubstr("nothing given"));
     QTRACE_Fclose(file);
-    EXPECT_EQ(read().records(), 1u);
+    EXPECT_EQ(read().records(), 2u);
 }
 
 TEST_F(trace_file, cannot_be_opened_for_reading_or_without_a_name_or_in_no_folder)

@@ -113,6 +113,23 @@ const std::map<std::string, uint64_t> FILE_MASKS = {
     FILE_FLAG(magic_number_present),
 };
 
+struct Flag {
+    const char *name;
+    unsigned bit, width;
+    QTRACE_FLAG_ROLE role;
+};
+
+void expect_flags(std::span<const QTRACE_Flag> flags, const std::vector<Flag> &expected)
+{
+    ASSERT_EQ(flags.size(), expected.size());
+    for (size_t i = 0; i < flags.size(); i++) {
+        EXPECT_STREQ(flags[i].name, expected[i].name);
+        EXPECT_EQ(flags[i].bit, expected[i].bit) << expected[i].name;
+        EXPECT_EQ(flags[i].width, expected[i].width) << expected[i].name;
+        EXPECT_EQ(flags[i].role, expected[i].role) << expected[i].name;
+    }
+}
+
 } // namespace
 
 TEST(schema, names_the_bits_of_every_flag)
@@ -150,6 +167,68 @@ TEST(schema, tells_flags_that_gate_from_those_that_nobody_sets)
     EXPECT_EQ(row_named(qtrace_control_flags, "_unused_16_31").role, QTRACE_FLAG_RESERVED);
     EXPECT_EQ(row_named(qtrace_file_flags, "asr_is_present").role, QTRACE_FLAG_UNUSED);
     EXPECT_EQ(row_named(qtrace_file_flags, "sdr1_is_present").role, QTRACE_FLAG_GATE);
+}
+
+TEST(schema, lists_flags_in_the_order_of_their_bits_with_what_they_are_for)
+{
+    const auto GATE = QTRACE_FLAG_GATE, MARK = QTRACE_FLAG_MARK, MODE = QTRACE_FLAG_MODE,
+               HEADER_ONLY = QTRACE_FLAG_HEADER_ONLY, UNUSED = QTRACE_FLAG_UNUSED, RESERVED = QTRACE_FLAG_RESERVED;
+    const std::vector<Flag> control = {
+        {"_secondary_extended_reserved_11_15", 0, 5, RESERVED},
+        {"pid_is_present", 5, 1, HEADER_ONLY},
+        {"lpid_is_present", 6, 1, HEADER_ONLY},
+        {"ptcr_is_present", 7, 1, HEADER_ONLY},
+        {"guest_xlate_mode_instruction", 8, 2, MODE},
+        {"host_xlate_mode_instruction", 10, 2, MODE},
+        {"guest_xlate_mode_data", 12, 2, MODE},
+        {"host_xlate_mode_data", 14, 2, MODE},
+        {"secondary_extender_present", 16, 1, MARK},
+        {"file_header_present", 17, 1, UNUSED},
+        {"data_gpage_size_present", 18, 1, GATE},
+        {"instruction_gpage_size_present", 19, 1, GATE},
+        {"secondary_data_page_size_present", 20, 1, UNUSED},
+        {"sequential_instruction_page_size_present", 21, 1, UNUSED},
+        {"data_segment_size_present", 22, 1, UNUSED},
+        {"next_instruction_segment_size_present", 23, 1, UNUSED},
+        {"data_page_size_present", 24, 1, GATE},
+        {"next_instruction_page_size_present", 25, 1, GATE},
+        {"_extended_length_bit", 26, 1, UNUSED},
+        {"trace_alteration_flag_present", 27, 1, UNUSED},
+        {"trace_error_code_present", 28, 1, GATE},
+        {"exception_code_present", 29, 1, UNUSED},
+        {"sequential_instruction_RPN_present", 30, 1, UNUSED},
+        {"secondary_data_RPN_present", 31, 1, UNUSED},
+        {"_extender_present", 32, 1, UNUSED},
+        {"_reserved_14", 33, 1, RESERVED},
+        {"_reserved_13", 34, 1, RESERVED},
+        {"register_trace_present", 35, 1, GATE},
+        {"next_instruction_RPN_present", 36, 1, GATE},
+        {"next_instruction_VSID_present", 37, 1, GATE},
+        {"next_instruction_EA_present", 38, 1, GATE},
+        {"data_present", 39, 1, UNUSED},
+        {"length_present", 40, 1, GATE},
+        {"data_RPN_present", 41, 1, GATE},
+        {"data_VSID_present", 42, 1, GATE},
+        {"data_address_present", 43, 1, GATE},
+        {"processor_present", 44, 1, GATE},
+        {"termination_present", 45, 1, GATE},
+        {"node_present", 46, 1, GATE},
+        {"iar_change_present", 47, 1, MARK},
+        {"_unused_16_31", 48, 16, RESERVED},
+    };
+    const std::vector<Flag> file = {
+        {"app_spec_data_present", 0, 1, UNUSED},   {"comment_present", 1, 1, GATE},
+        {"persistent_data_present", 2, 1, UNUSED}, {"_reserved_12", 3, 1, RESERVED},
+        {"iar_gpage_size_is_present", 4, 1, GATE}, {"processor_id_is_present", 5, 1, UNUSED},
+        {"iar_page_size_is_present", 6, 1, GATE},  {"iar_segment_size_is_present", 7, 1, UNUSED},
+        {"barrier_synchronization", 8, 1, UNUSED}, {"asr_is_present", 9, 1, UNUSED},
+        {"sdr1_is_present", 10, 1, GATE},          {"iar_rpn_is_present", 11, 1, GATE},
+        {"iar_vsid_is_present", 12, 1, GATE},      {"iar_is_present", 13, 1, GATE},
+        {"version_number_present", 14, 1, MARK},   {"magic_number_present", 15, 1, UNUSED},
+        {"_unused_16_31", 16, 16, RESERVED},
+    };
+    expect_flags(rows_of(qtrace_control_flags), control);
+    expect_flags(rows_of(qtrace_file_flags), file);
 }
 
 TEST(schema, gives_every_byte_of_a_record_to_one_member_but_for_the_control_word_and_padding)

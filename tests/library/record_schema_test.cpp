@@ -94,6 +94,17 @@ TEST(record_schema, values_of_members_are_as_wide_as_they)
     }
 }
 
+TEST(record_schema, value_of_a_longer_member_is_its_first_eight_bytes)
+{
+    uint8_t bytes[160] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    std::fill(bytes + 10, std::end(bytes), uint8_t{0x11});
+    Trace_Member member{};
+    for (const uint16_t size : {uint16_t{10}, uint16_t{32}, uint16_t{160}}) {
+        member.size = size;
+        EXPECT_EQ(member_value(member, bytes), 0x807060504030201u) << size;
+    }
+}
+
 TEST(record_schema, flags_of_a_header_are_those_of_both_words)
 {
     QTRACE_FILE_HDR header{};
@@ -107,6 +118,20 @@ TEST(record_schema, flags_of_a_header_are_those_of_both_words)
     EXPECT_TRUE((Flag_Words{2, 0}.any_of({3, 0})));
     EXPECT_TRUE((Flag_Words{0, 2}.any_of({1, 2})));
     EXPECT_FALSE((Flag_Words{2, 1}.any_of({1, 2})));
+}
+
+TEST(record_schema, every_bit_leads_to_its_flag)
+{
+    EXPECT_EQ(CONTROL_FLAG_OF_BIT[4]->name, "_secondary_extended_reserved_11_15");
+    EXPECT_EQ(CONTROL_FLAG_OF_BIT[5]->name, "pid_is_present");
+    EXPECT_EQ(CONTROL_FLAG_OF_BIT[13]->name, "guest_xlate_mode_data");
+    EXPECT_EQ(CONTROL_FLAG_OF_BIT[47]->name, "iar_change_present");
+    EXPECT_EQ(CONTROL_FLAG_OF_BIT[48]->name, "_unused_16_31");
+    EXPECT_EQ(CONTROL_FLAG_OF_BIT[63]->name, "_unused_16_31");
+    EXPECT_EQ(FILE_FLAG_OF_BIT[0]->name, "app_spec_data_present");
+    EXPECT_EQ(FILE_FLAG_OF_BIT[15]->name, "magic_number_present");
+    EXPECT_EQ(FILE_FLAG_OF_BIT[31]->name, "_unused_16_31");
+    EXPECT_EQ(FILE_FLAG_OF_BIT[32], nullptr);
 }
 
 TEST(record_schema, registers_are_no_more_than_fit_and_have_one_word_or_two)
@@ -171,6 +196,7 @@ TEST(record_schema, flags_gate_the_members_that_they_fill)
     EXPECT_EQ(gated(uint64_t{1} << 24), (Names{"data_page_size"}));
     EXPECT_EQ(gated(uint64_t{1} << 19), (Names{"next_instruction_gpage_size"}));
     EXPECT_EQ(gated(uint64_t{1} << 18), (Names{"data_gpage_size"}));
+    EXPECT_EQ(gated(uint64_t{7} << 40), (Names{"data_vsid", "data_rpn", "length"}));
     EXPECT_EQ(gated(uint64_t{1} << 46 | uint64_t{1} << 28 | uint64_t{1} << 18),
               (Names{"node", "data_gpage_size", "error_code"}));
     EXPECT_TRUE(gated(0).empty());
