@@ -48,6 +48,24 @@ TEST_F(Stopped_Reader, waits_no_longer_for_the_writer_of_a_fifo)
     other.join();
 }
 
+TEST_F(Stopped_Reader, delivers_nothing_until_the_request_is_forgotten)
+{
+    const int writer = open(fifo.c_str(), O_RDWR);
+    const std::string lines = MACHINE + "{\"t\":\"pre\",\"tid\":3}\n";
+    EXPECT_EQ(write(writer, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+    Stream_Reader reader(fifo, &stop);
+    ASSERT_NE(reader.next(), nullptr);
+    stop.request();
+    EXPECT_EQ(reader.next(), nullptr);
+    EXPECT_FALSE(reader.error());
+    EXPECT_EQ(reader.line_number(), 1u);
+    stop.forget();
+    const Stream_Event *event = reader.next();
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->instruction.tid, 3);
+    close(writer);
+}
+
 TEST_F(Stopped_Reader, tries_no_more_to_read_what_cannot_be_read)
 {
     Stream_Reader folder("/", &stop);
