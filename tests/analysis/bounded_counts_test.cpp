@@ -1,5 +1,5 @@
 // Counts of many keys in bounded memory, with limits small enough to be exceeded at once.
-#include "bounded_counts.h"
+#include "counted_numbers.h"
 #include "trace_counts.h"
 
 #include <gtest/gtest.h>
@@ -12,38 +12,6 @@
 #include <numeric>
 
 using namespace qtrace_tool;
-
-namespace
-{
-
-struct Number_Hash {
-    size_t operator()(uint64_t key) const { return key * 0x9E3779B97F4A7C15u >> 7; }
-};
-struct Number_Weight {
-    uint64_t operator()(uint64_t value) const { return value; }
-};
-using Heavy = Heavy_Keys<uint64_t, uint64_t, Number_Hash, Number_Weight>;
-using Counts = Bounded_Counts<uint64_t, uint64_t, Number_Hash, Number_Weight>;
-using Values = std::map<uint64_t, uint64_t>;
-
-template <class Table> Values values_of(const Table &table)
-{
-    Values values;
-    for (const auto &[key, value] : table)
-        values[key] = value;
-    return values;
-}
-
-// Keys first, first + 1, ..., each with its own number as value.
-Counts counts_of(uint64_t first, uint64_t end, size_t most)
-{
-    Counts counts(most);
-    for (uint64_t key = first; key < end; key++)
-        counts.add(key, key);
-    return counts;
-}
-
-} // namespace
 
 // ---- The table -----------------------------------------------------------------------------------------
 
@@ -195,31 +163,6 @@ TEST(bounded_counts, sample_one_key_in_the_least_power_of_two_that_fits)
     }
 }
 
-// 64 estimates of 50,000 keys of which some 800 are kept: their error is 3.5 % on average when keys are chosen at random.
-TEST(bounded_counts, estimates_are_close_and_not_biased)
-{
-    double sum = 0;
-    for (uint64_t round = 0; round < 64; round++) {
-        const Counts counts = counts_of(round << 32, (round << 32) + 50000, 1000);
-        EXPECT_LE(counts.sample().size(), 1000u);
-        const double estimate = static_cast<double>(counts.sample().size() << counts.shift()) / 50000;
-        EXPECT_NEAR(estimate, 1, 0.15) << round;
-        sum += estimate;
-    }
-    EXPECT_NEAR(sum / 64, 1, 0.02);
-}
-
-// Pages are multiples of a large power of two.
-TEST(bounded_counts, estimates_of_keys_far_apart_are_close)
-{
-    for (const unsigned bits : {12, 16, 21, 30, 40}) {
-        Counts counts(1000);
-        for (uint64_t i = 0; i < 50000; i++)
-            counts.add(i << bits, 1);
-        EXPECT_NEAR(static_cast<double>(counts.sample().size() << counts.shift()), 50000, 7500) << bits;
-    }
-}
-
 TEST(bounded_counts, values_in_the_sample_are_exact)
 {
     Counts counts(100);
@@ -231,26 +174,6 @@ TEST(bounded_counts, values_in_the_sample_are_exact)
         EXPECT_EQ(value, 3 * key);
         EXPECT_TRUE(counts.is_sampled(key));
     }
-}
-
-TEST(bounded_counts, merged_in_every_order_are_the_same)
-{
-    const uint64_t ends[] = {0, 90, 1500, 1600, 9000};
-    const Counts whole = counts_of(0, 9000, 100);
-    std::vector<size_t> order = {1, 2, 3, 4};
-    do {
-        Counts merged(100), pairs[] = {Counts(100), Counts(100)};
-        for (size_t i = 0; i < 4; i++) {
-            const Counts part = counts_of(ends[order[i] - 1], ends[order[i]], 100);
-            merged.add(part);
-            pairs[i / 2].add(part);
-        }
-        pairs[0].add(pairs[1]);
-        for (const Counts &counts : {merged, pairs[0]}) {
-            EXPECT_EQ(counts.shift(), whole.shift());
-            EXPECT_EQ(values_of(counts.sample()), values_of(whole.sample()));
-        }
-    } while (std::ranges::next_permutation(order).found);
 }
 
 TEST(bounded_counts, an_exact_count_takes_the_sample_of_an_estimate)
