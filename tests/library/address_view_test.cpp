@@ -142,6 +142,12 @@ TEST(address_view, takes_a_record_apart)
     EXPECT_EQ(data.host_depth, 4);
     EXPECT_EQ(data.page_size, 1);
     EXPECT_EQ(data.real(), 0x3dea7998u);
+    EXPECT_EQ(data.walks, record.data_hRTW);
+    EXPECT_EQ(data.host_addresses, record.data_hRTW_host_RA);
+    EXPECT_EQ(data.guest, &record.data_gRTW);
+    EXPECT_EQ(next.walks, record.next_instruction_hRTW);
+    EXPECT_EQ(next.host_addresses, record.next_instruction_hRTW_host_RA);
+    EXPECT_EQ(next.guest, &record.next_instruction_gRTW);
     EXPECT_FALSE(next.present);
     EXPECT_EQ(next.pieces, 0);
     EXPECT_EQ(next.real(), std::nullopt);

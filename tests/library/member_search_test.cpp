@@ -171,6 +171,22 @@ TEST(member_search, tells_every_byte_that_is_not_among_the_common_ones)
         }
 }
 
+TEST(member_search, tells_members_that_are_not_common_by_whatever_bit_is_set)
+{
+    const uint64_t both = uint64_t{1} << 43 | uint64_t{1} << 38;
+    for (const uint64_t control : {uint64_t{0}, both})
+        for (size_t byte = 12; byte < SIZE; ++byte)
+            for (const uint8_t bits : {uint8_t{0x01}, uint8_t{0x80}}) {
+                if (is_padding(byte))
+                    continue;
+                QTRACE_RECORD record = record_with({});
+                std::memcpy(&record.header.control, &control, sizeof control);
+                reinterpret_cast<uint8_t *>(&record)[byte] = bits;
+                const bool common = is_never_rare(byte) || (control != 0 && (is_of_data(byte) || is_of_next(byte)));
+                ASSERT_EQ(has_uncommon(record), !common) << byte << " with " << control;
+            }
+}
+
 TEST(member_search, tells_register_entries_beyond_their_counts)
 {
     for (const List &list : LISTS)
@@ -206,14 +222,19 @@ TEST(member_search, tells_register_entries_beyond_their_counts_by_whatever_bit_i
 
 TEST(member_search, copies_what_is_not_common_and_nothing_else)
 {
-    for (size_t byte = 12; byte < SIZE; ++byte) {
-        if (is_padding(byte))
-            continue;
-        const QTRACE_RECORD record = record_with({byte});
-        QTRACE_RECORD copy = record_with({});
-        copy_uncommon(record, copy);
-        ASSERT_EQ(reinterpret_cast<const uint8_t *>(&copy)[byte], is_never_rare(byte) ? 0 : 0x40) << byte;
-    }
+    const uint64_t data = uint64_t{1} << 43, next = uint64_t{1} << 38;
+    for (const uint64_t control : {uint64_t{0}, data, next})
+        for (size_t byte = 12; byte < SIZE; ++byte) {
+            if (is_padding(byte))
+                continue;
+            QTRACE_RECORD record = record_with({byte}), copy = record_with({});
+            std::memcpy(&record.header.control, &control, sizeof control);
+            copy_uncommon(record, copy);
+            const bool common = is_never_rare(byte) || (control == data && is_of_data(byte)) ||
+                                (control == next && is_of_next(byte));
+            ASSERT_EQ(reinterpret_cast<const uint8_t *>(&copy)[byte], common ? 0 : 0x40)
+                << byte << " with " << control;
+        }
 }
 
 TEST(member_search, tells_records_apart_that_differ_in_one_byte_but_for_bookkeeping)
