@@ -96,9 +96,11 @@ protected:
     // The result has the items that are wanted and the first header, reads without damage, and stays what it is.
     Listing expect_cut(const std::string &source, const QTRACE_Cut &choice, const Wanted &wanted)
     {
+        const Listing whole = list(source);
         std::vector<Numbered_Item> expected;
-        for (const Numbered_Item &item : list(source).items)
-            if (wanted(item) || (item.item.is_header && item.header == 0))
+        bool last_wanted = true;
+        for (const Numbered_Item &item : whole.items)
+            if (last_wanted = wanted(item) || (item.item.is_header && item.header == 0); last_wanted)
                 expected.push_back(item);
         const std::string once = cut_of(source, choice);
         const QTRACE_Cut_Result result = result_;
@@ -110,6 +112,9 @@ protected:
         EXPECT_EQ(listing.info.records, result.records);
         EXPECT_EQ(listing.info.headers, result.headers);
         EXPECT_EQ(listing.info.open_end, result.open_end);
+        if (whole.info.damaged_places == 0) {
+            EXPECT_EQ(result.open_end, whole.info.open_end || !last_wanted);
+        }
         EXPECT_TRUE(cut_of(once, choice) == once);
         return listing;
     }
@@ -118,9 +123,40 @@ protected:
         QTRACE_Cut choice = all();
         choice.from = from;
         choice.most = most;
-        return expect_cut(source, choice, [=](const Numbered_Item &item) {
-            return item.record >= from && item.record - from < most;
+        uint64_t left = most;
+        return expect_cut(source, choice, [=](const Numbered_Item &item) mutable {
+            const bool is_wanted = item.record >= from && left > 0;
+            left -= is_wanted && !item.item.is_header;
+            return is_wanted;
         });
+    }
+    // Of everything, by one thread or several: that of the recovery. `same`: the new file, too. Returns whether there is one.
+    bool expect_recovery(const std::filesystem::path &source, bool same)
+    {
+        SCOPED_TRACE(source);
+        std::string saved[2];
+        QTRACE_Recovery results[2];
+        int failed[2];
+        for (const unsigned several : {0, 1}) {
+            const std::string to = (folder_ / ("saved" + std::to_string(several))).string();
+            std::filesystem::remove(to);
+            failed[several] =
+                qtrace_recover_by(source.c_str(), to.c_str(), several ? 3 : 1, &results[several], nullptr);
+            saved[several] = bytes_of(to);
+        }
+        EXPECT_EQ(failed[0], failed[1]);
+        EXPECT_TRUE(saved[0] == saved[1]);
+        if (failed[0] != 0)
+            return false;
+        EXPECT_EQ(image_of(results[0]), image_of(results[1]));
+        EXPECT_EQ(cut_of(bytes_of(source), all()) == saved[0], same);
+        EXPECT_EQ(result_.damaged_places, results[0].damaged_places);
+        return true;
+    }
+    static std::string bytes_of(const std::filesystem::path &name)
+    {
+        std::ifstream in(name, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
     }
     // Records of partitions 0 and 1 and of processes 7 and 8, some hundred at a time.
     void write_partitions(size_t changes)
