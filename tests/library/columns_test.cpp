@@ -226,6 +226,10 @@ TEST_F(columns, name_the_row_of_each_translation)
     const std::vector<QTRACE_Translation> rows = rows_of(frame.table.get());
     EXPECT_EQ(rows[0].guest_mode, 3);
     EXPECT_EQ(rows[0].host_mode, 3);
+    QTRACE_Translation part[3] = {};
+    qtrace_translations_copy(frame.table.get(), 5, 2, part);
+    EXPECT_EQ(std::memcmp(part, &rows.at(5), 2 * sizeof *part), 0);
+    EXPECT_EQ(part[2].present | part[2].guest_mode | part[2].host_mode, 0) << "no more than two are copied";
     for_records([&](const QTRACE_Item &item, uint64_t row) {
         const auto &flags = item.record.header.control.fld;
         if (flags.data_address_present)

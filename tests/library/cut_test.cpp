@@ -260,6 +260,46 @@ TEST_F(cut, tells_how_many_records_it_has_passed)
     EXPECT_EQ(told, expected);
 }
 
+TEST_F(cut, copies_blocks_of_which_all_items_turn_out_to_be_of_the_partition)
+{
+    write_plausible(3'000);
+    const uint64_t two = 2;
+    QTRACE_Cut choice = all();
+    choice.lpids = &two;
+    choice.lpid_count = 1;
+    EXPECT_TRUE(cut_of(bytes(), choice) == bytes());
+}
+
+TEST_F(few_items, after_headers_that_are_left_out_restate_the_last_of_these)
+{
+    const QTRACE_FDESCR file = open();
+    QTRACE_FILE_HDR header = Random_Trace(1).plausible_header();
+    write(file, header);
+    write(file, QTRACE_RECORD{});
+    header.control.iar_is_present = 0;
+    for (const uint8_t lpid : {uint8_t{3}, uint8_t{4}}) {
+        header.lpid[0] = lpid;
+        write(file, header);
+    }
+    write(file, QTRACE_RECORD{});
+    QTRACE_Fclose(file);
+    const uint64_t four = 4;
+    QTRACE_Cut choice = all();
+    choice.lpids = &four;
+    choice.lpid_count = 1;
+    put_bytes(cut_of(bytes(), choice));
+    QTRACE_Reader *reader = qtrace_open(name_.c_str(), nullptr);
+    const QTRACE_Item *item = nullptr;
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_HEADER);
+    EXPECT_EQ(item->header.lpid[0], 2);
+    ASSERT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_DISCONTINUITY);
+    ASSERT_NE(item->discontinuity.context, nullptr);
+    EXPECT_EQ(item->discontinuity.context->lpid[0], 3);
+    EXPECT_EQ(qtrace_next(reader, &item), QTRACE_ITEM_HEADER);
+    EXPECT_EQ(item->header.lpid[0], 4);
+    qtrace_close(reader);
+}
+
 TEST_F(few_items, are_kept_in_every_range)
 {
     for (const char *name : {"gap-block-1", "gap-block-0", "comment-block-left-out", "comment-block-300",
@@ -442,6 +482,23 @@ TEST_F(few_items, of_a_block_that_changes_during_the_cut_are_read_again)
     ASSERT_EQ(qtrace_cut_by(name_.c_str(), &choice, 3, &result_, nullptr), 0);
     EXPECT_EQ(result_.damaged_places, 1u);
     EXPECT_EQ(record_numbers(list(file.kept)), (Numbers{0, 1}));
+}
+
+// Of a block whose numbers fall nobody knows how much is missing before it; but there the trace has ended.
+TEST_F(few_items, after_the_writers_last_block_are_none_that_a_recovery_lost)
+{
+    const std::string nonsense = block_of(file_of({block_at(8, 1, "rr")}), [](auto &block) { block.records = 3; });
+    put_bytes(
+        file_of({block_at(0, 0, "hrr", trace::LAST_BLOCK), nonsense, "x", block_at(2, 1, "r", trace::LAST_BLOCK)}));
+    QTRACE_Recovery recovery;
+    ASSERT_EQ(qtrace_recover(name_.c_str(), (folder_ / "saved").c_str(), &recovery, nullptr), 0);
+    EXPECT_EQ(recovery.records, 3u);
+    EXPECT_EQ(recovery.damaged_places, 3u)
+        << "a block after the last one, which makes no sense, and bytes that are none";
+    EXPECT_EQ(recovery.lost_records_known, 1);
+    put_bytes(file_of({block_at(0, 0, "hrr"), nonsense, "x", block_at(2, 1, "r", trace::LAST_BLOCK)}));
+    ASSERT_EQ(qtrace_recover(name_.c_str(), (folder_ / "saved").c_str(), &recovery, nullptr), 0);
+    EXPECT_EQ(recovery.lost_records_known, 0);
 }
 
 // Each record takes some 1500 bytes: 43 are a block. Blocks begin in a partition that is wanted and leave it, or the other way

@@ -4,6 +4,7 @@
 #include "block_format.h"
 
 #include <functional>
+#include <zstd.h>
 
 namespace
 {
@@ -172,6 +173,52 @@ TEST_F(reader_edge, headers_with_unknown_flags_or_impossible_sizes_are_none_even
         EXPECT_EQ(contents.damages[0].offset, 16u);
         EXPECT_EQ(contents.damages[0].records, 0u);
     }
+}
+
+TEST_F(reader_edge, payloads_are_as_large_as_64_KiB)
+{
+    const std::string comment(65'536, 'c');
+    std::string pressed(ZSTD_compressBound(comment.size()), 0);
+    pressed.resize(ZSTD_compress(pressed.data(), pressed.size(), comment.data(), comment.size(), 1));
+    const auto is_comment = [](auto &header) { header.flags = trace::COMMENT_BLOCK | trace::LAST_BLOCK; };
+    put_bytes(start() + block(comment, is_comment));
+    EXPECT_TRUE(read().damages.empty());
+    put_bytes(start() + block(pressed, [&](auto &header) {
+                  is_comment(header);
+                  header.compression = trace::ZSTD;
+                  header.raw_size = 65'536;
+              }));
+    EXPECT_TRUE(read().damages.empty());
+    EXPECT_EQ(verified().blocks, 1u);
+}
+
+// The block before the one whose comment is missing has the same numbers, but is no comment; or the other way round.
+TEST_F(reader_edge, comment_is_that_of_a_comment_block_and_of_a_block_that_has_it_outside)
+{
+    const std::string items = payload_of({"", "\x80\x01", "", "", "", "", "", "", "", std::string("\0\0\2", 3)});
+    const auto header_block = [&](uint8_t flags) {
+        return block(items, [=](auto &header) {
+            header.headers = 1;
+            header.flags = flags;
+        });
+    };
+    const auto front = [](uint8_t flags) {
+        return block(payload_of({}), [=](auto &header) { header.flags = flags; });
+    };
+    const uint8_t last = trace::LAST_BLOCK, with_comment = trace::LAST_BLOCK | trace::COMMENT_BEFORE;
+    put_bytes(start() + front(trace::COMMENT_BLOCK) + header_block(with_comment));
+    EXPECT_EQ(read().texts, (std::vector<std::string>{name_ + ": byte 112: the block's contents make no sense"}))
+        << "the comment is not as long as the header says";
+    for (const std::string &before : {front(0), std::string()}) {
+        put_bytes(start() + before + header_block(with_comment));
+        const Contents contents = read();
+        ASSERT_EQ(contents.texts.size(), 1u);
+        EXPECT_EQ(contents.texts[0], name_ + ": byte " + std::to_string(16 + before.size()) +
+                                         ": the comment block before this one is missing");
+        EXPECT_EQ(contents.items.size(), 1u);
+    }
+    put_bytes(start() + front(trace::COMMENT_BLOCK) + header_block(last));
+    EXPECT_EQ(read().items.size(), 0u) << "it names a comment outside and has none";
 }
 
 TEST_F(reader_edge, pointers_and_bookkeeping_in_a_file_do_not_reach_the_user)

@@ -1,105 +1,11 @@
 // Recovery under bad conditions: the output is complete or as it was before, whatever the input and the disk do. Opening,
 // reading and writing are intercepted at link time.
-#include "block_format.h"
-#include "replacement_file.h"
-#include "trace_file_fixture.h"
+#include "recovery_fixture.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <functional>
-#include <sys/stat.h>
+#include <system_error>
 
 namespace
 {
-
-// Called before every read; what it returns becomes the read's errno, 0 lets it through.
-std::function<int()> before_read;
-
-} // namespace
-
-extern "C" ssize_t __real_pread(int file, void *to, size_t size, off_t offset);
-extern "C" ssize_t __wrap_pread(int file, void *to, size_t size, off_t offset)
-{
-    const int error = before_read ? before_read() : 0;
-    if (error == 0)
-        return __real_pread(file, to, size, offset);
-    errno = error;
-    return -1;
-}
-
-// The same of every write, and of every file that is opened.
-namespace
-{
-
-std::function<int()> before_write, before_open;
-
-} // namespace
-
-extern "C" ssize_t __real_write(int file, const void *from, size_t size);
-extern "C" ssize_t __wrap_write(int file, const void *from, size_t size)
-{
-    const int error = before_write ? before_write() : 0;
-    if (error == 0)
-        return __real_write(file, from, size);
-    errno = error;
-    return -1;
-}
-
-extern "C" int __real_open(const char *name, int flags, mode_t mode);
-extern "C" int __wrap_open(const char *name, int flags, mode_t mode)
-{
-    const int error = before_open ? before_open() : 0;
-    if (error == 0)
-        return __real_open(name, flags, mode);
-    errno = error;
-    return -1;
-}
-
-namespace
-{
-
-class recovery : public trace_file
-{
-protected:
-    recovery() : saved_(folder_ / "saved") {}
-    ~recovery() override { before_read = before_write = before_open = nullptr; }
-
-    // Three damaged places in a file of some blocks.
-    void write_damaged()
-    {
-        setenv("QTRACE_COMPRESSION", "none", 1);
-        write_plausible(36'000);
-        const std::vector<uint64_t> at = block_offsets();
-        ASSERT_GT(at.size(), 5u);
-        damaged_ = bytes();
-        damaged_[at[1]] ^= 1;
-        damaged_[at[3] + 100] ^= 1;
-        put_bytes(damaged_);
-    }
-    int recover() { return recover(name_, saved_); }
-    int recover(const std::string &from, const std::string &to)
-    {
-        char *text = nullptr;
-        const int failed = qtrace_recover(from.c_str(), to.c_str(), &result_, &text);
-        error_ = text != nullptr ? text : "";
-        free(text);
-        return failed;
-    }
-    static std::string contents(const std::filesystem::path &file)
-    {
-        std::ifstream in(file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-    size_t files() const
-    {
-        return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder_), {}));
-    }
-
-    const std::filesystem::path saved_;
-    std::string damaged_;
-    QTRACE_Recovery result_{};
-    std::string error_;
-};
 
 TEST_F(recovery, onto_a_full_disk_leaves_what_was_there)
 {
@@ -304,6 +210,52 @@ TEST_F(recovery, is_stopped_by_any_other_error_at_once)
     }
 }
 
+TEST_F(recovery, takes_what_comes_of_reads_and_writes_in_pieces)
+{
+    write_damaged();
+    ASSERT_EQ(recover(), 0) << error_;
+    const std::string expected = contents(saved_);
+    most_at_once = 33;
+    ASSERT_EQ(recover(), 0) << error_;
+    most_at_once = SIZE_MAX;
+    EXPECT_TRUE(contents(saved_) == expected);
+}
+
+TEST_F(recovery, onto_itself_is_refused_by_any_name)
+{
+    write_plausible(10);
+    const std::string before = bytes(), other = name_ + ".other";
+    std::filesystem::create_hard_link(name_, other);
+    for (const std::string &to : {name_, other}) {
+        EXPECT_EQ(recover(name_, to), -1);
+        EXPECT_EQ(error_, to + ": is the damaged file itself");
+    }
+    EXPECT_TRUE(bytes() == before);
+}
+
+// What a file with another name is left with where the old one cannot be replaced by it.
+TEST_F(recovery, whose_file_cannot_be_closed_or_renamed_fails_and_leaves_nothing)
+{
+    const auto failure_of = [&](const std::function<void()> &spoil) -> std::string {
+        trace::Replacement_File file(saved_.c_str());
+        file.write("new", 3);
+        spoil();
+        try {
+            file.commit();
+        } catch (const std::system_error &failure) {
+            return failure.what();
+        }
+        return "no failure";
+    };
+    const int next = dup(STDERR_FILENO); // what a file gets that is opened now
+    ::close(next);
+    EXPECT_EQ(failure_of([next] { ::close(next); }), saved_.string() + ": close: Bad file descriptor");
+    EXPECT_EQ(files(), 0u);
+    EXPECT_EQ(failure_of([&] { std::filesystem::create_directory(saved_); }),
+              saved_.string() + ": rename: Is a directory");
+    EXPECT_EQ(files(), 1u);
+}
+
 class interrupted_writer : public recovery
 {
 };
@@ -347,88 +299,6 @@ TEST_F(recovery, with_a_failing_read_fails_and_leaves_what_was_there)
         ASSERT_NE(error_.find("Input/output error"), std::string::npos) << error_;
         ASSERT_TRUE(contents(saved_) == "precious") << failing;
         ASSERT_EQ(files(), 2u);
-    }
-}
-
-// Something else writes to the file at any moment of the recovery.
-TEST_F(recovery, of_a_file_that_changes_copies_whole_blocks_or_nothing)
-{
-    write_damaged();
-    ASSERT_EQ(recover(), 0);
-    const std::string expected = contents(saved_);
-    const std::string longer = damaged_ + damaged_.substr(16);
-    std::string other = damaged_;
-    for (const uint64_t block : block_offsets())
-        other[block + 80] ^= 4;
-    std::string renumbered = damaged_; // whole blocks of another trace
-    for (const uint64_t block : block_offsets()) {
-        auto *const at = reinterpret_cast<uint8_t *>(&renumbered[block]);
-        if (std::optional<trace::Block_Header> header = trace::load_block_header(at)) {
-            header->first_record += 1'000;
-            trace::store_block_header(*header, at);
-        }
-    }
-    const std::string none(damaged_.size(), 0);
-    for (const std::string &later : {longer, other, renumbered, none, damaged_.substr(0, damaged_.size() / 2)}) {
-        bool reached = true;
-        for (unsigned change = 0; reached; ++change) {
-            put_bytes(damaged_);
-            std::ofstream(saved_) << "precious";
-            unsigned reads = 0;
-            before_read = [&] {
-                if (reads++ == change)
-                    put_bytes(later);
-                return 0;
-            };
-            const bool failed = recover() != 0;
-            before_read = nullptr;
-            reached = reads > change;
-            if (failed) {
-                ASSERT_TRUE(contents(saved_) == "precious") << change;
-                continue;
-            }
-            ASSERT_TRUE(read(saved_.string()).damages.empty()) << change;
-            if (later == longer) {
-                ASSERT_TRUE(contents(saved_) == expected) << change;
-            }
-        }
-    }
-}
-
-// The same for a reader: at any moment of the reading the file grows, shrinks or changes.
-TEST_F(recovery, reading_a_file_that_changes_gives_nothing_that_was_not_written)
-{
-    setenv("QTRACE_COMPRESSION", "none", 1);
-    write_plausible(9'000);
-    const std::string whole = bytes();
-    std::string other = whole;
-    for (const uint64_t block : block_offsets())
-        other[block + 80] ^= 4;
-    const std::pair<std::string, bool> changes[] = {{whole + whole.substr(16), true},           {whole + "x", true},
-                                                    {whole.substr(0, whole.size() / 2), false}, {"", false},
-                                                    {std::string(whole.size(), 0), false},      {other, false}};
-    for (const auto &[later, grows] : changes) {
-        size_t damaged = 0;
-        for (unsigned change = 1;; ++change) { // the first read is that of the file's beginning
-            put_bytes(whole);
-            unsigned reads = 0;
-            before_read = [&] {
-                if (reads++ == change)
-                    put_bytes(later);
-                return 0;
-            };
-            const Contents contents = read();
-            before_read = nullptr;
-            ASSERT_TRUE(contents.opened);
-            expect_subset(contents);
-            damaged += !contents.damages.empty();
-            if (grows || contents.damages.empty()) {
-                EXPECT_TRUE(contents.items == written_) << change;
-            }
-            if (reads <= change)
-                break;
-        }
-        EXPECT_EQ(damaged > 0, !grows);
     }
 }
 
