@@ -66,6 +66,22 @@ TEST_F(Stopped_Reader, delivers_nothing_until_the_request_is_forgotten)
     close(writer);
 }
 
+TEST_F(Stopped_Reader, knows_whether_the_next_event_is_at_hand_however_often_it_is_asked)
+{
+    const int writer = open(fifo.c_str(), O_RDWR);
+    const std::string lines = MACHINE + "{\"t\":\"pre\"}\n{\"t\":\"p";
+    EXPECT_EQ(write(writer, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+    Stream_Reader reader(fifo, &stop);
+    EXPECT_TRUE(reader.may_wait());
+    ASSERT_NE(reader.next(), nullptr);
+    EXPECT_FALSE(reader.may_wait());
+    EXPECT_FALSE(reader.may_wait());
+    ASSERT_NE(reader.next(), nullptr);
+    EXPECT_TRUE(reader.may_wait());
+    EXPECT_TRUE(reader.may_wait());
+    close(writer);
+}
+
 TEST_F(Stopped_Reader, tries_no_more_to_read_what_cannot_be_read)
 {
     Stream_Reader folder("/", &stop);
