@@ -370,6 +370,19 @@ TEST(access_list, what_is_beyond_the_steps_of_a_walk_means_nothing)
     EXPECT_EQ(list.record(read_record(nested)).data, 0u);
 }
 
+TEST(access_list, a_walk_is_the_same_again_after_a_longer_one)
+{
+    Access_List list(SIZES);
+    Item longer = GOOD[NESTED_LOAD];
+    longer.record.data_ea[2] ^= 1; // another page
+    longer.record.data_hRTW_depth++;
+    for (QTRACE_RTW_HOST_RA &address : longer.record.data_hRTW_host_RA)
+        address.ra[0] ^= 0x10;
+    EXPECT_EQ(list.record(read_record(GOOD[NESTED_LOAD])).data, 0u);
+    EXPECT_EQ(list.record(read_record(longer)).data, 1u);
+    EXPECT_EQ(list.record(read_record(GOOD[NESTED_LOAD])).data, 0u);
+}
+
 TEST(access_list, a_hashed_page_has_no_walk_that_could_differ)
 {
     Access_List list(SIZES);

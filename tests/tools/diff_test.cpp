@@ -1,5 +1,6 @@
 // `qtrace diff` on traces made by hand: every kind of difference, headers, pieces that are missing, damage.
 #include "compared_traces.h"
+#include "diff_side.h"
 #include "equal_blocks.h"
 #include "record_alignment.h"
 #include "record_difference.h"
@@ -365,6 +366,13 @@ TEST(diff_jobs, records_of_equal_groups_are_passed_over_at_once)
 namespace
 {
 
+std::vector<QTRACE_Block> blocks_of(const Trace_File &file)
+{
+    std::vector<QTRACE_Block> blocks;
+    file.each_block([&](const QTRACE_Block &block) { return blocks.push_back(block), true; });
+    return blocks;
+}
+
 // The contents of a file, one of whose blocks is damaged.
 std::string without(const qtrace_tool::Trace_File &file, std::string bytes, uint64_t block)
 {
@@ -386,8 +394,7 @@ TEST(diff_damage, blocks_lost_after_each_other_on_either_side_are_one_place)
     const std::string whole = folder.write("whole0", wide_trace(1500));
     qtrace_tool::Tool_Run run{1, 2};
     const auto file = qtrace_tool::Trace_File::open(run, whole);
-    std::vector<QTRACE_Block> blocks;
-    file->each_block([&](const QTRACE_Block &block) { return blocks.push_back(block), true; });
+    const std::vector<QTRACE_Block> blocks = blocks_of(*file);
     ASSERT_GT(blocks.size(), 3u);
     const std::string bytes = folder.contents("whole0");
     const std::string a = folder.text("a0", without(*file, bytes, 1)),
@@ -398,6 +405,45 @@ TEST(diff_damage, blocks_lost_after_each_other_on_either_side_are_one_place)
     EXPECT_EQ(found["only_b"], blocks[1].records);
     EXPECT_EQ(found["differing"], 0);
     EXPECT_EQ(found["kinds"], json({{"missing", 1}}));
+}
+
+TEST(diff_damage, is_told_once_when_records_before_it_differ)
+{
+    const Folder folder;
+    Trace trace = wide_trace(1500);
+    qtrace_tool::Tool_Run run{1, 2};
+    const auto whole = Trace_File::open(run, folder.write("whole0", trace));
+    const std::string damaged = folder.text("damaged0", without(*whole, folder.contents("whole0"), 1));
+    trace[1 + 10].record.header.instruction ^= 0x100;
+    const Outcome found = qtrace({"diff", damaged, folder.write("other0", trace)});
+    EXPECT_THAT(found.out, HasSubstr("missing in 1 run: 0 records only on the left, 478 only on the right\n"));
+    EXPECT_THAT(found.err, HasSubstr("damaged0: "));
+    EXPECT_EQ(std::ranges::count(found.err, '\n'), 1);
+}
+
+// ---- Looking ahead -------------------------------------------------------------------------------------
+
+TEST(diff_lookahead, ends_where_record_numbers_jump_and_goes_on_after_that)
+{
+    const Folder folder;
+    qtrace_tool::Tool_Run run{1, 2};
+    const auto whole = Trace_File::open(run, folder.write("whole0", wide_trace(1500)));
+    const std::vector<QTRACE_Block> blocks = blocks_of(*whole);
+    const auto file = Trace_File::open(run, folder.text("less0", without(*whole, folder.contents("whole0"), 1)));
+    const uint64_t before = blocks[0].records, next = blocks[2].first_record, after = 1500 - next;
+    qtrace_tool::Lookahead ahead(run, *file, {}, qtrace_tool::Record_Hash({}));
+    EXPECT_EQ(ahead.keys(0, 0, true).size(), before);
+    EXPECT_FALSE(ahead.at_end());
+    EXPECT_EQ(ahead.keys(before, next, true).size(), after);
+    EXPECT_TRUE(ahead.at_end());
+    EXPECT_EQ(ahead.keys(before + after, 1500, true).size(), 0u);
+    EXPECT_TRUE(ahead.at_end());
+    qtrace_tool::Lookahead later(run, *file, {}, qtrace_tool::Record_Hash({}));
+    EXPECT_EQ(later.keys(before + 10, next + 10, false).size(), after - 10);
+    EXPECT_TRUE(later.at_end());
+    qtrace_tool::Lookahead beyond(run, *file, {}, qtrace_tool::Record_Hash({}));
+    EXPECT_EQ(beyond.keys(before + after + 1, 1501, false).size(), 0u);
+    EXPECT_TRUE(later.is_readable());
 }
 
 // ---- Output --------------------------------------------------------------------------------------------
