@@ -126,6 +126,18 @@ TEST(report_range, of_a_trace_that_is_cut_off_has_no_gap_at_its_end)
     EXPECT_NE(folder.contents("page.html").find(what), std::string::npos);
 }
 
+TEST(report_range, of_a_trace_without_a_block_ends_where_it_begins)
+{
+    const Folder folder;
+    folder.write("whole0", varied_trace());
+    const std::string none = folder.text("none0", folder.contents("whole0").substr(0, 16)); // the file's head
+    const json picture =
+        pictured(folder, {none}, "qtrace: " + none + ": byte 16: the file ends without its last block\n");
+    EXPECT_EQ(picture["records"], 0);
+    EXPECT_EQ(picture["first"], 0);
+    EXPECT_EQ(picture["end"], 0);
+}
+
 TEST(report_range, of_a_trace_that_lost_only_headers_has_a_gap)
 {
     Trace trace = {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]};

@@ -597,6 +597,20 @@ TEST(callgrind_export, keeps_the_same_address_of_several_processes_apart)
             "\nfn=alpha\n0x1000 0 2 0 0 0\n0x1004 0 1 0 0 0\nfn=alpha\n0x2000 0 1 0 0 0\n\ntotals: 6 0 0 0\n");
 }
 
+TEST(callgrind_export, counts_no_walk_of_which_nothing_was_recorded)
+{
+    Export_Run run;
+    Item bare = with_data(LOAD_WORD, 0x5008, Case::single);
+    set_piece(bare, Side::data, PAGE_NUMBER, false);
+    set_piece(bare, Side::data, PAGE_SIZE, false);
+    const Fill fill = [&](Export_Part &part) {
+        part.record(record_item(0, 0x1000, bare.record), nullptr);
+        part.record(record_item(1, 0x1004, with_data(LOAD_WORD, 0x5008, Case::single).record), nullptr);
+    };
+    EXPECT_EQ(run.exported(make_callgrind_exporter, {{fill}}),
+              PROFILE_HEAD + "fn=page_1000\n0x1000 0 1 1 0 0\n0x1004 0 1 1 0 1\n\ntotals: 2 2 0 1\n");
+}
+
 TEST(callgrind_export, takes_what_one_file_names_in_two_processes_together)
 {
     Export_Run run;

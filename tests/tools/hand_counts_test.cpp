@@ -550,9 +550,32 @@ TEST_F(recover_figures, damage_after_the_last_chosen_record_is_not_told)
         const Outcome outcome = qtrace({"dump", "--pc", "1000-1008", "--count", count, "broken0"});
         EXPECT_EQ(outcome.exit_code, code) << outcome.err;
         EXPECT_EQ(std::ranges::count(outcome.out, '\n'), 3);
-        const Outcome exported = qtrace({"export", "--force", "--format", "csv", "-o", "out", "--pc", "1000-1008",
-                                         "--count", count, "broken0"});
-        EXPECT_EQ(exported.exit_code, code) << exported.err;
+        for (const char *format : {"csv", "sqlite"}) {
+            const Outcome exported = qtrace({"export", "--force", "--format", format, "-o", "out", "--pc",
+                                             "1000-1008", "--count", count, "broken0"});
+            EXPECT_EQ(exported.exit_code, code) << exported.err;
+        }
+    }
+}
+
+TEST_F(hand_counts, damage_after_the_last_chosen_record_of_several_blocks_is_not_told)
+{
+    qtrace({"cut", "--every", "10", "--window", "1", "-o", "samples0", "trace0"});
+    std::string bytes = folder.contents("samples0");
+    const std::vector<size_t> places = markers(bytes);
+    ASSERT_EQ(places.size(), 3u);
+    bytes[places[1] + 60] ^= 0x20;
+    folder.text("broken0", bytes);
+    const auto code = [](std::vector<std::string> words, const char *count) {
+        words.insert(words.end(), {"--pc", "1000", "--count", count, "broken0"});
+        return qtrace(words).exit_code;
+    };
+    for (const std::vector<std::string> &command :
+         std::vector<std::vector<std::string>>{{"dump"},
+                                               {"export", "--force", "--format", "csv", "-o", "out"},
+                                               {"export", "--force", "--format", "sqlite", "-o", "out"}}) {
+        EXPECT_EQ(code(command, "1"), 0) << command.size();
+        EXPECT_EQ(code(command, "2"), 3) << command.size();
     }
 }
 
@@ -915,6 +938,29 @@ TEST_F(hand_counts, a_range_is_found_in_the_second_of_two_files_in_a_row)
     EXPECT_EQ(counted("whole0", "middle0", "2"), 3);
 }
 
+// Of so many blocks the index keeps two as one.
+TEST_F(hand_counts, a_range_is_found_where_numbers_fall_within_a_step_of_the_index)
+{
+    folder.write("whole0", good_trace()); // records 0 to 10
+    qtrace({"cut", "--from", "8", "-o", "end0", "whole0"});
+    qtrace({"cut", "--from", "5", "--count", "2", "-o", "middle0", "whole0"});
+    folder.write("one0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]});
+    const std::string one = folder.contents("one0");
+    std::string many;
+    for (int i = 0; i < 65536; i++)
+        many += one;
+    const auto records = [&](const char *first, const char *second, const char *from, const char *count) {
+        folder.text("joined0", folder.contents(first) + folder.contents(second) + many + folder.contents("whole0"));
+        const std::string out = qtrace({"dump", "--json", "--from", from, "--count", count, "joined0"}).out;
+        size_t found = 0;
+        for (size_t at = 0; (at = out.find("\"record\":", at)) != std::string::npos; at++)
+            found++;
+        return found;
+    };
+    EXPECT_EQ(records("end0", "whole0", "2", "2"), 2u + 2);
+    EXPECT_EQ(records("whole0", "middle0", "5", "3"), 3u + 2 + 3);
+}
+
 // ---- export of what was lost -----------------------------------------------------------------------------
 
 // What the last packet of the export says that was discarded up to its end.
@@ -1010,6 +1056,25 @@ TEST_F(hand_counts, check_json_has_every_finding_up_to_the_limit_and_their_numbe
 TEST_F(recover_figures, check_adds_up_the_records_of_all_blocks)
 {
     EXPECT_EQ(qtrace({"check", "long0"}).out, "long0: 20000 records, 1 header: all invariants hold\n");
+}
+
+// In each group of blocks the first finding waits until the records before it were checked.
+TEST_F(hand_counts, check_shows_findings_of_all_blocks_in_order)
+{
+    Trace trace = long_trace(20000);
+    for (size_t i = 1; i < trace.size(); i++)
+        trace[i].record.header.control.fld.processor_present = 1,
+        trace[i].record.processor = trace[1].record.processor;
+    folder.write("wrong0", trace);
+    std::istringstream lines(qtrace({"check", "--limit", "20000", "wrong0"}).out);
+    std::string line;
+    for (uint64_t record = 1; record < 20000; record++) {
+        std::getline(lines, line);
+        ASSERT_THAT(
+            line, testing::StartsWith(fmt::format("wrong0: record {} at {:016x}: ", record, 0x1000 + 4 * record)));
+    }
+    std::getline(lines, line);
+    EXPECT_EQ(line, "wrong0: 20000 records, 1 header: invariants are violated");
 }
 
 TEST_F(hand_counts, check_takes_one_companion_for_each_file)
@@ -1173,6 +1238,17 @@ TEST_F(hand_counts, files_after_one_that_cannot_be_read_are_read)
     for (const char *command : {"stats", "tlb"})
         EXPECT_THAT(qtrace({command, "--from", "15", "short0", "trace0"}).out, HasSubstr("trace0")) << command;
     EXPECT_THAT(qtrace({"stats", "--kind", "store", "--from", "15", "short0", "trace0"}).out, HasSubstr("trace0"));
+}
+
+TEST_F(hand_counts, tlb_tells_of_accesses_to_pages_that_were_mapped_anew_only_where_there_are_some)
+{
+    Item again = with_data(0xe8640008, 0x5008, Case::single), elsewhere = again;
+    elsewhere.record.data_rpn[0] = 0x52; // of another page of 64K
+    const std::string line = "    accesses to a page that was mapped anew, which miss: ";
+    folder.write("same0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], again, again});
+    EXPECT_THAT(qtrace({"tlb", "same0"}).out, Not(HasSubstr(line)));
+    folder.write("anew0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD], again, elsewhere});
+    EXPECT_THAT(qtrace({"tlb", "anew0"}).out, HasSubstr(line + "1\n"));
 }
 
 TEST_F(hand_counts, tlb_gives_file_names_in_their_own_letters)

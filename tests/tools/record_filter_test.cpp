@@ -274,6 +274,16 @@ TEST(records_of_a_process, are_found_after_blocks_of_others)
     }
 }
 
+// In records that follow each other nothing is lost where groups of blocks meet.
+TEST(records_of_a_process, keep_their_translation_from_block_to_block)
+{
+    const Folder folder;
+    const std::string file = folder.write("trace0", long_parts()), count = std::to_string(PART);
+    const json counts = json::parse(qtrace({"stats", "--json", "--pid", "7", "--count", count, file}).out);
+    EXPECT_EQ(counts["fetch_none/radix"], PART);
+    EXPECT_FALSE(counts.contains("fetch_unknown"));
+}
+
 // The last one is many blocks after the others; what comes after it is not read.
 TEST(records_of_a_kind, end_with_the_last_that_is_asked_for)
 {

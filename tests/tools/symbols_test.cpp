@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <unistd.h>
@@ -683,6 +684,37 @@ TEST(symbol_elf, without_symbols_of_use_is_refused)
     const std::string cut = refusal(folder.text("cut", elf({}, {{"main", 0x10100, 0x40}}).substr(0, 100)));
     EXPECT_NE(cut, "it was read");
     EXPECT_THAT(cut, testing::Not(HasSubstr("unknown error")));
+}
+
+// Whatever lies in memory after the last section that there is.
+TEST(symbol_elf, sections_that_do_not_exist_hold_no_symbols)
+{
+    const Folder folder;
+    const std::string file =
+        folder.text("program", elf({}, {{"it", 0x10100, 0x10, FUNCTION, GLOBAL_BIND, 6}, {"main", 0x10200, 0x10}}));
+    {
+        std::vector<std::unique_ptr<char[]>> filled;
+        for (size_t size = 16; size <= 1024; size += 16)
+            for (int i = 0; i < 4; i++) {
+                filled.push_back(std::make_unique_for_overwrite<char[]>(size));
+                std::memset(filled.back().get(), 0xFF, size);
+            }
+    }
+    EXPECT_EQ(name_at(read_symbol_file(file, {}), 0x10100), "-");
+}
+
+TEST(symbol_elf, that_cannot_be_read_is_refused_with_the_reason)
+{
+    const Folder folder;
+    std::string header = elf({}, {{"main", 0x10100, 0x40}}).substr(0, 100);
+    const std::string cut = folder.text("cut", header.substr(0, 40));
+    header[62] = header[63] =
+        '\xFF'; // the number of the section with their names is in a section that is not there
+    const std::string nameless = folder.text("nameless", header);
+    for (const std::string &file : {cut, nameless}) {
+        EXPECT_THAT(refusal(file), testing::StartsWith(file + ": invalid "));
+        EXPECT_THAT(refusal(file), testing::Not(HasSubstr("unknown error")));
+    }
 }
 
 TEST(symbol_elf, any_damaged_byte_is_survived)
