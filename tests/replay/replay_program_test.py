@@ -668,6 +668,24 @@ class terminal(Replay_Test):
         os.close(terminal)
         self.assertEqual(process.wait(timeout=SECONDS), 0)
 
+    def test_terminal_that_goes_away_after_an_interruption_ends_it(self):
+        terminal, other = pty.openpty()
+        process = subprocess.Popen([REPLAY, self.stream], cwd=self.folder, stdin=other, stdout=other, stderr=other,
+                                   start_new_session=True, env=os.environ | {"HOME": str(self.folder), "TERM": "vt100"})
+        os.close(other)
+        shown = b""
+        for prompts in (1, 2):
+            while shown.count(b"replay> ") < prompts:
+                shown += os.read(terminal, 65536)
+            if prompts == 1:
+                process.send_signal(signal.SIGINT)
+        os.close(terminal)
+        try:
+            self.assertEqual(process.wait(timeout=SECONDS), 0)
+        finally:
+            process.kill()
+            process.wait()
+
     def test_terminal_that_cannot_be_read_ends_it(self):
         terminal, other = pty.openpty()
         name = os.ttyname(other)
