@@ -112,6 +112,18 @@ TEST(heat_map, merges_pairs_of_ranges_when_there_are_more_than_512)
     EXPECT_EQ(map.rows().at(0x20000)[239], 2u);
 }
 
+TEST(heat_map, merged_ranges_have_the_sums_of_each_bin)
+{
+    Heat_Map map;
+    for (const size_t bin : {size_t{0}, size_t{1}, REPORT_BINS - 1}) {
+        map.count(0x10000, bin);
+        map.count(0x0, bin);
+    }
+    map.shrink(1);
+    for (const size_t bin : {size_t{0}, size_t{1}, REPORT_BINS - 1})
+        EXPECT_EQ(map.rows().at(0)[bin], 2u) << bin;
+}
+
 TEST(heat_map, shrinks_to_at_most_as_many_ranges_as_asked_for)
 {
     Heat_Map map;
@@ -238,6 +250,25 @@ TEST(report_thread, working_set_has_the_page_at_4K_in_each_bin)
         EXPECT_EQ(set[bin][0], 1u) << bin;
 }
 
+// Addresses and the numbers of their pages, shifted by more or fewer bits, are each other's.
+TEST(report_thread, working_set_has_both_of_two_pages_used_after_each_other)
+{
+    const std::pair<uint64_t, uint64_t> pairs[] = {{0x1000, 0x2000}, {0x2000, 0x1000}, {0x2000, 0x4000},
+                                                   {0x4000, 0x2000}, {0x1000000, 1},   {1, 0x1000000}};
+    Fed_Thread thread(0, 480); // two records a bin
+    for (const auto &[one, other] : pairs) {
+        thread.record(plain(), one);
+        thread.record(plain(), other);
+        thread.access(one, 0x7000000);
+        thread.access(other, 0x7000000);
+    }
+    const auto &set = thread.finished().working_set;
+    for (size_t bin = 0; bin < 2 * std::size(pairs); bin += 2) {
+        EXPECT_EQ(set[bin][0], 2u) << bin;
+        EXPECT_EQ(set[bin + 1][0], 3u) << bin << ": the page of the instructions too";
+    }
+}
+
 // ---- Data ----------------------------------------------------------------------------------------------
 
 TEST(report_thread, tells_stores_from_other_accesses)
@@ -290,6 +321,20 @@ TEST(report_thread, partition_headers_are_no_gaps)
     const Thread_Data &data = thread.finished();
     EXPECT_EQ(data.gap_count, 0u);
     EXPECT_EQ(data.processes.at({2, 8})[0], 1u);
+}
+
+TEST(report_thread, a_full_header_resumes_tracing_also_after_another_process)
+{
+    Fed_Thread thread(0, 3);
+    thread.header(header_of(7));
+    thread.header(GOOD[PARTITION]);
+    thread.record(plain(), 0x4000);
+    thread.header(header_of(7));
+    thread.record(plain(), 0x4000);
+    const Thread_Data &data = thread.finished();
+    EXPECT_EQ(data.gap_count, 1u);
+    ASSERT_EQ(data.gaps.size(), 1u);
+    EXPECT_EQ(data.gaps[0].record, 1u);
 }
 
 TEST(report_thread, losses_with_a_text_are_gaps_and_tell_the_process_when_it_is_known)
@@ -348,6 +393,16 @@ TEST(report_thread, counts_how_often_conditional_branches_are_taken)
     EXPECT_EQ(data.branches.at(0x1008).times, 1u);
     EXPECT_EQ(data.branches.at(0x1008).taken, 1u);
     EXPECT_EQ(data.unlisted_branches, 0u);
+}
+
+TEST(report_thread, counts_each_time_that_a_branch_is_taken)
+{
+    Fed_Thread thread(0, 3);
+    for (int i = 0; i < 3; i++)
+        thread.record(GOOD[TAKEN_BRANCH], 0x1008);
+    const Thread_Data &data = thread.finished();
+    EXPECT_EQ(data.branches.at(0x1008).times, 3u);
+    EXPECT_EQ(data.branches.at(0x1008).taken, 3u);
 }
 
 TEST(report_thread, lists_32768_branches_and_the_first_records_of_65536_ranges_of_data)

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <array>
 #include <functional>
 #include <numeric>
 #include <set>
@@ -94,6 +95,18 @@ TEST(diff_headers, of_traces_without_records_are_compared)
 {
     const Trace trace = {good_trace()[FIRST_HEADER]};
     EXPECT_EQ(kinds_after([](Trace &t) { t[0].header.iar[1]++; }, trace), json({{"header", 1}}));
+}
+
+// Addresses are not compared from the record that is missing up to the full header, which another header follows.
+TEST(diff_headers, tell_addresses_again_also_when_another_one_follows)
+{
+    Trace trace = numbered_trace(60);
+    trace.insert(trace.begin() + 1 + 40, {good_trace()[SECOND_HEADER], good_trace()[PARTITION]});
+    const auto change = [](Trace &t) {
+        t[1 + 40].header.iar[1]++;
+        t.erase(t.begin() + 1 + 20);
+    };
+    EXPECT_EQ(kinds_after(change, trace), json({{"missing", 1}, {"header", 1}, {"address", 20}}));
 }
 
 TEST(diff_headers, a_long_row_of_them_is_compared_to_its_end)
@@ -359,6 +372,24 @@ TEST(diff_jobs, records_of_equal_groups_are_passed_over_at_once)
         EXPECT_EQ(std::accumulate(steps.begin(), steps.end(), uint64_t{0}), 10000u);
         EXPECT_EQ(std::ranges::count_if(steps, [](uint64_t step) { return step > 4096; }), jobs == 1 ? 0 : 2);
     }
+}
+
+TEST(diff_jobs, what_is_missing_after_equal_groups_begins_at_its_record_number)
+{
+    const Folder folder;
+    Trace trace = wide_trace(10 * 478 + 50); // a block has 478 records
+    trace[1 + 1500].record.regs.gpr_out[0].value++;
+    const std::string longer = folder.write("new0", trace);
+    trace.resize(1 + 10 * 478);
+    trace[1 + 1500].record.regs.gpr_out[0].value--;
+    Two_Files read(folder.write("old0", trace), longer);
+    EXPECT_EQ(read.groups().size(), 5u);
+    std::vector<std::array<uint64_t, 4>> places;
+    qtrace_tool::Trace_Diff diff(read.run, {*read.a, *read.b, {}}, {}, 10, [&](const auto &place) {
+        places.push_back({place.record_a, place.record_b, place.only_a, place.only_b});
+    });
+    diff.run(2, [](uint64_t) {});
+    EXPECT_EQ(places, (std::vector<std::array<uint64_t, 4>>{{1500, 1500, 0, 0}, {4780, 4780, 0, 50}}));
 }
 
 // ---- Blocks lost on either side ------------------------------------------------------------------------
