@@ -938,29 +938,6 @@ TEST_F(hand_counts, a_range_is_found_in_the_second_of_two_files_in_a_row)
     EXPECT_EQ(counted("whole0", "middle0", "2"), 3);
 }
 
-// Of so many blocks the index keeps two as one.
-TEST_F(hand_counts, a_range_is_found_where_numbers_fall_within_a_step_of_the_index)
-{
-    folder.write("whole0", good_trace()); // records 0 to 10
-    qtrace({"cut", "--from", "8", "-o", "end0", "whole0"});
-    qtrace({"cut", "--from", "5", "--count", "2", "-o", "middle0", "whole0"});
-    folder.write("one0", {good_trace()[FIRST_HEADER], good_trace()[FIRST_RECORD]});
-    const std::string one = folder.contents("one0");
-    std::string many;
-    for (int i = 0; i < 65536; i++)
-        many += one;
-    const auto records = [&](const char *first, const char *second, const char *from, const char *count) {
-        folder.text("joined0", folder.contents(first) + folder.contents(second) + many + folder.contents("whole0"));
-        const std::string out = qtrace({"dump", "--json", "--from", from, "--count", count, "joined0"}).out;
-        size_t found = 0;
-        for (size_t at = 0; (at = out.find("\"record\":", at)) != std::string::npos; at++)
-            found++;
-        return found;
-    };
-    EXPECT_EQ(records("end0", "whole0", "2", "2"), 2u + 2);
-    EXPECT_EQ(records("whole0", "middle0", "5", "3"), 3u + 2 + 3);
-}
-
 // ---- export of what was lost -----------------------------------------------------------------------------
 
 // What the last packet of the export says that was discarded up to its end.

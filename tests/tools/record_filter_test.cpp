@@ -278,9 +278,9 @@ TEST(records_of_a_process, are_found_after_blocks_of_others)
 TEST(records_of_a_process, keep_their_translation_from_block_to_block)
 {
     const Folder folder;
-    const std::string file = folder.write("trace0", long_parts()), count = std::to_string(PART);
-    const json counts = json::parse(qtrace({"stats", "--json", "--pid", "7", "--count", count, file}).out);
-    EXPECT_EQ(counts["fetch_none/radix"], PART);
+    const std::string file = folder.write("trace0", long_parts());
+    const json counts = json::parse(qtrace({"stats", "--json", "--pid", "7,8", file}).out);
+    EXPECT_EQ(counts["fetch_none/radix"], 3 * PART);
     EXPECT_FALSE(counts.contains("fetch_unknown"));
 }
 
