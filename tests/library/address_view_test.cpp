@@ -131,6 +131,8 @@ TEST(address_view, takes_a_record_apart)
     std::memcpy(record.data_ea, &address, sizeof address);
     std::memcpy(record.data_rpn, &page_number, sizeof page_number);
     record.data_page_size = 1;
+    record.data_gpage_size = 3;
+    std::memcpy(record.data_vsid, "\1\2\3\4\5\6\7", 7);
     record.data_hRTW_depth = 2;
     record.data_hRTW_num_level = 4;
     const Translated_Address data = data_address_of(record), next = next_address_of(record);
@@ -141,6 +143,8 @@ TEST(address_view, takes_a_record_apart)
     EXPECT_EQ(data.guest_depth, 2);
     EXPECT_EQ(data.host_depth, 4);
     EXPECT_EQ(data.page_size, 1);
+    EXPECT_EQ(data.guest_page_size, 3);
+    EXPECT_EQ(data.vsid, 0x07060504030201u);
     EXPECT_EQ(data.real(), 0x3dea7998u);
     EXPECT_EQ(data.walks, record.data_hRTW);
     EXPECT_EQ(data.host_addresses, record.data_hRTW_host_RA);

@@ -64,21 +64,20 @@ class encoding : public trace_file
 protected:
     encoding() { setenv("QTRACE_COMPRESSION", "none", 1); }
 
-    Columns columns_of(const std::vector<Made> &records)
+    // The items also come back as they were written.
+    Columns columns_of(const std::vector<Made> &records) { return columns_of({}, records); }
+    Columns columns_of(const std::optional<QTRACE_FILE_HDR> &header, const std::vector<Made> &records)
     {
+        written_.clear();
+        address_ = 0;
+        known_ = false;
         const QTRACE_FDESCR file = open();
+        if (header)
+            write(file, *header);
         for (const Made &record : records)
             write(file, record);
         QTRACE_Fclose(file);
-        return columns_at(FILE_START);
-    }
-    Columns columns_of(const QTRACE_FILE_HDR &header, const std::vector<Made> &records)
-    {
-        const QTRACE_FDESCR file = open();
-        write(file, header);
-        for (const Made &record : records)
-            write(file, record);
-        QTRACE_Fclose(file);
+        EXPECT_TRUE(read().items == written_);
         return columns_at(FILE_START);
     }
     // Of the block there.
@@ -539,6 +538,8 @@ TEST_F(encoding, of_a_register_list_of_up_to_12_is_expected_again)
     const Made out = Made(1).out({{4, 0}}), both = Made(1).in({{3, 0}}).out({{4, 0}});
     EXPECT_EQ(columns_of({out, out})[OP], "\x05\x01");
     EXPECT_EQ(columns_of({both, both})[OP], "\x05\x01");
+    const Made two = Made(1).in({{3, 0}, {5, 0}}).out({{4, 0}});
+    EXPECT_EQ(columns_of({two, two})[OP], "\x05\x01");
 }
 
 // ---- Images -----------------------------------------------------------------------------------------------------
@@ -668,6 +669,56 @@ TEST_F(encoding, is_pressed_by_level_minus_5_unless_another_is_wanted)
 }
 
 // Nothing that was remembered in a block is expected in the next one, by the writer or by the reader.
+TEST_F(encoding, of_translations_that_differ_in_one_byte_differs)
+{
+    std::vector<Made> records;
+    for (size_t byte = 0; byte < 253; ++byte) {
+        Made record(7);
+        record.data(0x5000);
+        reinterpret_cast<uint8_t *>(&record)[offsetof(QTRACE_RECORD, data_vsid) + byte] =
+            1; // up to the page number
+        records.push_back(record);
+    }
+    std::string ops = "\xa3\x04"; // word, control word, data address and its translation
+    for (size_t i = 1; i < records.size(); ++i)
+        ops += "\x81\x04"; // word and translation
+    EXPECT_EQ(columns_of(records)[OP], ops);
+}
+
+TEST_F(encoding, of_rare_members_keeps_common_ones_between_them_and_entries_beyond_a_count)
+{
+    Made codes(7), entry(8);
+    codes.exception_code = 1, codes.error_code = 2, codes.trace_alteration_code = 3;
+    entry.out({{6, 0x1005}});
+    entry.regs.gpr_in[0] = entry.regs.gpr_in[1] = {5, 0x1000};
+    Made one = entry;
+    one.regs.num_gprs_in = 1;
+    columns_of({codes, Made(7), entry, Made(8), one, Made(8)});
+}
+
+TEST_F(encoding, of_pages_beside_each_other_is_kept_apart)
+{
+    std::vector<Made> records;
+    for (const uint8_t page : {uint8_t{4}, uint8_t{5}, uint8_t{4}, uint8_t{5}}) {
+        records.push_back(Made(7).data(page * uint64_t{0x1000}));
+        records.back().data_rpn[0] = page;
+    }
+    EXPECT_EQ(columns_of(records)[TRANSLATION], "\x02\0\0\0\x08\x02\0\0\0\x02"s);
+}
+
+TEST_F(encoding, of_a_control_word_has_no_number_of_an_earlier_block)
+{
+    const QTRACE_FDESCR file = open();
+    for (const std::vector<Made> &records :
+         {std::vector<Made>{Made(7).data(8), Made(7).next(4), Made(7)}, {Made(7).next(4), Made(7)}}) {
+        write(file, QTRACE_FILE_HDR{}, std::string(16'385, 'c'));
+        for (const Made &record : records)
+            write(file, record);
+    }
+    QTRACE_Fclose(file);
+    EXPECT_TRUE(read().items == written_);
+}
+
 TEST_F(encoding, of_a_record_leaves_nothing_in_the_one_after)
 {
     Made both(1), all(2);

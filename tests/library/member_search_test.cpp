@@ -206,18 +206,29 @@ TEST(member_search, tells_register_entries_beyond_their_counts)
 
 TEST(member_search, tells_register_entries_beyond_their_counts_by_whatever_bit_is_set)
 {
-    QTRACE_RECORD record = record_with({});
-    auto *const bytes = reinterpret_cast<uint8_t *>(&record);
-    std::fill_n(bytes + COUNTS, std::size(LISTS), uint8_t{2});
-    for (const List &list : LISTS)
-        for (size_t byte = 0; byte < list.capacity * list.width; ++byte)
-            for (const uint8_t bits : {uint8_t{0x01}, uint8_t{0x80}}) {
-                if (is_padding(list.entries + byte))
-                    continue;
-                bytes[list.entries + byte] = bits;
-                ASSERT_EQ(has_uncommon(record), byte >= 2 * list.width) << byte << " at " << list.entries;
-                bytes[list.entries + byte] = 0;
-            }
+    for (const size_t count : {size_t{2}, size_t{5}}) {
+        QTRACE_RECORD record = record_with({});
+        auto *const bytes = reinterpret_cast<uint8_t *>(&record);
+        std::fill_n(bytes + COUNTS, std::size(LISTS), static_cast<uint8_t>(count));
+        for (const List &list : LISTS)
+            for (size_t byte = 0; byte < list.capacity * list.width; ++byte)
+                for (const uint8_t bits : {uint8_t{0x01}, uint8_t{0x80}}) {
+                    if (is_padding(list.entries + byte))
+                        continue;
+                    bytes[list.entries + byte] = bits;
+                    ASSERT_EQ(has_uncommon(record), byte >= count * list.width) << byte << " at " << list.entries;
+                    bytes[list.entries + byte] = 0;
+                }
+    }
+}
+
+TEST(member_search, tells_rare_members_beside_many_registers)
+{
+    for (const size_t byte : {12, 554, 1077, 1323, 1325, 1330, 1335}) {
+        QTRACE_RECORD record = record_with({byte});
+        std::fill_n(reinterpret_cast<uint8_t *>(&record) + COUNTS, std::size(LISTS), uint8_t{5});
+        EXPECT_TRUE(has_uncommon(record)) << byte;
+    }
 }
 
 TEST(member_search, copies_what_is_not_common_and_nothing_else)

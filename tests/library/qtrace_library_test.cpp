@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -422,6 +423,24 @@ TEST_F(trace_file, takes_no_record_and_no_header_that_is_missing)
     EXPECT_THAT(qtrace_writer_error(), HasSubstr("nothing given"));
     QTRACE_Fclose(file);
     EXPECT_EQ(read().records(), 2u);
+}
+
+TEST_F(trace_file, more_than_a_thousand_may_be_open_at_once)
+{
+    constexpr rlim_t FILES = 1'030;
+    rlimit limit{}, before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    limit = before;
+    limit.rlim_cur = std::max(before.rlim_cur, std::min(before.rlim_max, FILES + 100));
+    if (limit.rlim_cur < FILES + 100 || setrlimit(RLIMIT_NOFILE, &limit) != 0)
+        GTEST_SKIP() << "no process may open as many";
+    std::vector<QTRACE_FDESCR> files;
+    while (files.size() < FILES && (files.empty() || files.back() >= 0))
+        files.push_back(QTRACE_Fopen("/dev/null", QTRACE_WRITE));
+    EXPECT_GE(files.back(), 0) << qtrace_writer_error();
+    for (const QTRACE_FDESCR file : files)
+        QTRACE_Fclose(file);
+    setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(trace_file, cannot_be_opened_for_reading_or_without_a_name_or_in_no_folder)

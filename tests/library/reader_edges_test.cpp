@@ -252,6 +252,31 @@ TEST_F(reader_edge, pointers_and_bookkeeping_in_a_file_do_not_reach_the_user)
     qtrace_close(reader);
 }
 
+TEST_F(reader_edge, images_reach_to_the_end_of_a_header_and_no_further)
+{
+    // Zero bytes before a run and the size of the run, which is of ones; what a byte cannot hold takes two.
+    using Runs = std::vector<std::pair<size_t, size_t>>;
+    const auto number = [](size_t value) {
+        const char low = static_cast<char>(value | 0x80), high = static_cast<char>(value >> 7);
+        return std::string{low, high};
+    };
+    const std::pair<Runs, bool> images[] = {
+        {{{360, 8}}, true},           {{{360, 9}}, false},           {{{369, 1}}, false},
+        {{{368, 1}}, false},          {{{0, 200}, {100, 68}}, true}, {{{0, 200}, {100, 69}}, false},
+        {{{0, 200}, {169, 1}}, false}};
+    for (const auto &[runs, fits] : images) {
+        std::string image;
+        for (const auto &[gap, size] : runs)
+            image += number(gap) + number(size) + std::string(size, '\1');
+        const std::string extra = image + std::string(3, '\0'); // ends, and no comment
+        put_bytes(start() + block(payload_of({"", "\x80\x01", "", "", "", "", "", "", "", extra}),
+                                  [](auto &header) { header.headers = 1; }));
+        const Contents contents = read();
+        EXPECT_EQ(contents.items.size(), fits ? 1u : 0u) << runs[0].first << " " << runs[0].second;
+        EXPECT_EQ(contents.damages.empty(), fits) << runs[0].first << " " << runs[0].second;
+    }
+}
+
 TEST_F(reader_edge, inputs_are_expected_from_nothing_but_the_address)
 {
     // Seven general registers that are read, by each kind of expectation but that of the register and the memory.
