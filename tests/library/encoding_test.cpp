@@ -359,6 +359,11 @@ TEST_F(encoding, of_a_translation_is_what_differs_from_the_last_one_of_the_same_
               "\x02\0\0\0\x0b"                                        // 3, from the page's own on the other side
               "\0\0\0\0"                                              // 3 again
               "\x03\0\0\0\x80\x80\x80\x80\x80\x80\x80\x80\x02\x0b"s); // 3, from 9, and depth 1
+    // The last one of either side stays what it was when the other side changes the page.
+    EXPECT_EQ(columns_of({access(0x5000, 9, 0), jump(0x5000, 3, 0), access(0x6000, 8, 0)})[TRANSLATION],
+              "\x02\0\0\0\x12"
+              "\x02\0\0\0\x06"
+              "\x02\0\0\0\x01"s);
 }
 
 // The guest's address moves with the address inside a page, above the first page.
