@@ -361,6 +361,15 @@ TEST_F(few_items, of_a_block_that_counts_none_are_damage)
     EXPECT_EQ(kept.items.size(), 4u);
 }
 
+// Its numbers are those of the block after it, which names no comment.
+TEST_F(few_items, are_kept_after_a_comment_that_is_not_theirs)
+{
+    const std::string source =
+        file_of({block_without_items(0, 0, trace::COMMENT_BLOCK), block_at(0, 0, "hrr", trace::LAST_BLOCK)});
+    EXPECT_EQ(record_numbers(list(cut_of(source, range(0, 1)))), (Numbers{0}));
+    EXPECT_EQ(result_.blocks, 2u) << "the comment stays where nothing was left out before it";
+}
+
 TEST_F(few_items, of_the_next_file_are_not_kept_when_there_are_enough)
 {
     for (const char *second : {"hr", "h", "hrr"}) {

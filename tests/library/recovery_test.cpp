@@ -34,6 +34,18 @@ TEST_F(recovery, replaces_the_file_that_a_link_names_and_keeps_its_permissions)
     EXPECT_EQ(files(), 3u);
 }
 
+TEST_F(recovery, makes_a_new_file_with_the_permissions_that_the_process_gives)
+{
+    write_plausible(10);
+    const mode_t previous = umask(0027);
+    EXPECT_EQ(recover(), 0) << error_;
+    umask(0);
+    EXPECT_EQ(recover(name_, saved_.string() + ".2"), 0) << error_;
+    umask(previous);
+    EXPECT_EQ(std::filesystem::status(saved_).permissions(), std::filesystem::perms{0640});
+    EXPECT_EQ(std::filesystem::status(saved_.string() + ".2").permissions(), std::filesystem::perms{0666});
+}
+
 TEST_F(recovery, writes_to_a_device_without_replacing_it)
 {
     write_damaged();
