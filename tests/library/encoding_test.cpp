@@ -55,7 +55,8 @@ Made vector_out(uint32_t word, uint16_t number, uint64_t first, uint64_t second)
 {
     Made record(word);
     record.regs.num_vsxrs_out = 1;
-    record.regs.vsxr_out[0] = {number, {first, second}};
+    QTRACE_VSX_REGISTER_INFO &entry = record.regs.vsxr_out[0]; // member by member: padding stays zero
+    entry.index = number, entry.value[0] = first, entry.value[1] = second;
     return record;
 }
 
@@ -516,7 +517,7 @@ TEST_F(encoding, of_a_register_list_is_a_mask_the_counts_and_the_numbers)
     EXPECT_EQ(columns_of({out})[SHAPE], "\x08\x01\0"s);
     Made special(1);
     special.regs.num_sprs_out = 1;
-    special.regs.spr_out[0] = {5, 0x77};
+    special.regs.spr_out[0].index = 5, special.regs.spr_out[0].value = 0x77;
     const Columns columns = columns_of({special});
     EXPECT_EQ(columns[SHAPE] + columns[VALUE], "\x01\x01\x05\x77");
 }
@@ -695,7 +696,8 @@ TEST_F(encoding, of_rare_members_keeps_common_ones_between_them_and_entries_beyo
     Made codes(7), entry(8);
     codes.exception_code = 1, codes.error_code = 2, codes.trace_alteration_code = 3;
     entry.out({{6, 0x1005}});
-    entry.regs.gpr_in[0] = entry.regs.gpr_in[1] = {5, 0x1000};
+    for (QTRACE_REGISTER_INFO *input : {&entry.regs.gpr_in[0], &entry.regs.gpr_in[1]})
+        input->index = 5, input->value = 0x1000;
     Made one = entry;
     one.regs.num_gprs_in = 1;
     columns_of({codes, Made(7), entry, Made(8), one, Made(8)});
@@ -738,9 +740,12 @@ TEST_F(encoding, of_a_record_leaves_nothing_in_the_one_after)
     data.next_instruction_page_size = data.next_instruction_gpage_size = 0;
     all.regs.num_gprs_in = all.regs.num_gprs_out = all.regs.num_vsxrs_in = all.regs.num_vmxrs_out = 3;
     for (uint16_t i = 0; i < 3; ++i) {
-        all.regs.gpr_in[i] = all.regs.gpr_out[i] = {static_cast<uint16_t>(i + 1), 0x1111};
-        all.regs.vsxr_in[i] = {static_cast<uint16_t>(i + 1), {0x2222, 0x3333}};
-        all.regs.vmxr_out[i] = {static_cast<uint16_t>(i + 1), {0x4444, 0x5555}};
+        const auto number = static_cast<uint16_t>(i + 1);
+        all.regs.gpr_in[i].index = all.regs.gpr_out[i].index = number;
+        all.regs.vsxr_in[i].index = all.regs.vmxr_out[i].index = number;
+        all.regs.gpr_in[i].value = all.regs.gpr_out[i].value = 0x1111;
+        all.regs.vsxr_in[i].value[0] = 0x2222, all.regs.vsxr_in[i].value[1] = 0x3333;
+        all.regs.vmxr_out[i].value[0] = 0x4444, all.regs.vmxr_out[i].value[1] = 0x5555;
     }
     one.in({{1, 0x1111}});
     next.regs = one.regs;
