@@ -45,6 +45,10 @@ class Change(NamedTuple):
         """What names the change wherever the line moves to: the file, the line and what becomes of it."""
         return self.file, source.splitlines()[self.line - 1].strip(), self.apply(source).splitlines()[self.line - 1].strip()
 
+    def key_in_place(self, source):
+        """The key and the line before, which tells equal lines of a file apart."""
+        return *self.key(source), source.splitlines()[self.line - 2].strip() if self.line > 1 else ""
+
 
 def other_numbers(token):
     """One more and one less than a whole number, in its notation."""

@@ -368,8 +368,13 @@ class Round:
         self.lock = threading.Lock()
         self.noticed, self.without_effect, self.survivors, self.wrong = 0, 0, [], []
 
+    def reason(self, change):
+        """Why no test can notice it, None where that is not listed."""
+        source = self.sources[change.file]
+        return self.reasons.get(change.key(source)) or self.reasons.get(change.key_in_place(source))
+
     def has_reason(self, change):
-        return change.key(self.sources[change.file]) in self.reasons
+        return self.reason(change) is not None
 
     def is_to_be_tried(self, change):
         return self.listed or not self.has_reason(change)
@@ -390,12 +395,12 @@ class Round:
             if by:
                 self.noticed += 1
                 verdict = f"noticed by {by}"
-                if key in self.reasons:
+                if self.has_reason(change):
                     self.wrong.append((change, key))
                     verdict += ", although it is listed as without effect"
-            elif key in self.reasons:
+            elif self.has_reason(change):
                 self.without_effect += 1
-                verdict = f"without effect: {self.reasons[key]}"
+                verdict = f"without effect: {self.reason(change)}"
             else:
                 self.survivors.append((change, key))
                 verdict = "SURVIVES"
@@ -404,14 +409,15 @@ class Round:
 
 
 def read_equivalent():
-    """(file, line, line of the mutant) -> why no test can notice it."""
+    """(file, line, line of the mutant) or (file, line, line of the mutant, line before) -> why no test can notice it."""
     reasons, entry = {}, {}
     for line in EQUIVALENT.read_text().splitlines():
         if not line or line.startswith("#"):
             continue
         entry[line[0]] = line[2:]
         if line[0] == "=":
-            reasons[entry["@"], entry["-"], entry["+"]] = entry["="]
+            place = (entry.pop("<"),) if "<" in entry else ()
+            reasons[(entry["@"], entry["-"], entry["+"], *place)] = entry["="]
     return reasons
 
 
