@@ -33,7 +33,7 @@ void Press::append_block(std::vector<uint8_t> &to, Block_Header header, const Co
     to.resize(begin + BLOCK_HEADER_SIZE + ZSTD_compressBound(size));
     uint8_t *stored = to.data() + begin + BLOCK_HEADER_SIZE;
     Compression used;
-    header.stored_size = static_cast<uint32_t>(press(context, compression, from, size, stored, used));
+    header.stored_size = static_cast<uint32_t>(press(context.get(), compression, from, size, stored, used));
     header.compression = used;
     header.raw_size = static_cast<uint32_t>(size);
     header.payload_crc = crc32c(stored, header.stored_size);

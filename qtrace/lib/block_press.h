@@ -3,6 +3,7 @@
 
 #include "block_format.h"
 
+#include <memory>
 #include <vector>
 #include <zstd.h>
 
@@ -20,11 +21,8 @@ struct Compression_Choice {
 
 // What it takes to seal a block.
 struct Press {
-    ZSTD_CCtx *context = ZSTD_createCCtx();
+    std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context{ZSTD_createCCtx(), ZSTD_freeCCtx};
     std::vector<uint8_t> payload = std::vector<uint8_t>(MAX_PAYLOAD); // room to put one together
-    Press() = default;
-    Press(const Press &) = delete;
-    ~Press() { ZSTD_freeCCtx(context); }
 
     // Appends the block of that header, whose sizes, compression and checksum are found here. A payload that would not
     // become smaller is stored as it is.
