@@ -3,7 +3,10 @@ that are listed as without effect are among those that it draws."""
 
 import contextlib
 import io
+import tempfile
+import time
 import unittest
+from pathlib import Path
 
 import mutant_generator
 import random_mutants
@@ -90,6 +93,28 @@ class changes_without_effect(unittest.TestCase):
         self.assertEqual([change for change, _ in drawing.wrong], [first])
         self.assertEqual((drawing.noticed, drawing.without_effect, drawing.survivors), (1, 1, []))
         self.assertIsNone(drawing.next())
+
+
+class tests_of_a_mutant(unittest.TestCase):
+    def test_leave_no_process_with_a_session_of_its_own(self):
+        with tempfile.TemporaryDirectory() as folder:
+            place = random_mutants.Place(Path(folder), [])
+            place.build.mkdir()
+            number = Path(folder) / "number"
+            group = random_mutants.Group("g", ["sh", "-c", f"setsid sleep 1000 & echo $! > {number}; sleep 0.3; exit 1"], [], [], "")
+            self.assertTrue(group.fails(place, place, 5))
+            left = Path("/proc") / number.read_text().strip() / "stat"
+            deadline = time.monotonic() + 5
+            while self.runs(left) and time.monotonic() < deadline:
+                time.sleep(0.01)
+            self.assertFalse(self.runs(left))
+
+    @staticmethod
+    def runs(stat):
+        try:
+            return stat.read_text().rsplit(")", 1)[1].split()[0] != "Z"
+        except OSError:
+            return False
 
 
 if __name__ == "__main__":

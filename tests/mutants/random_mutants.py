@@ -150,6 +150,7 @@ class Group:
             return True
         finally:
             end_session(process)
+            end_those_with(f"TMPDIR={place.temporary}")
 
     def try_without_mutant(self, place, origin, **settings):
         """Notes whether it passes, and the time that it takes."""
@@ -170,6 +171,16 @@ def end_session(process):
     except ProcessLookupError:
         pass
     process.wait()
+
+
+def end_those_with(setting):
+    """Ends what has the setting in its environment: a host on a terminal of its own has a session of its own, too."""
+    for process in Path("/proc").glob("[0-9]*"):
+        try:
+            if setting.encode() in (process / "environ").read_bytes().split(b"\0"):
+                os.kill(int(process.name), signal.SIGKILL)
+        except OSError:  # it has ended, or is another's
+            pass
 
 
 # ---- Which tests there are, and what they reach ----
