@@ -549,7 +549,8 @@ void Page_Builder::hot_functions()
             function.second = address;
         }
     std::vector<std::pair<std::string, std::pair<uint64_t, uint64_t>>> sorted(functions.begin(), functions.end());
-    std::ranges::sort(sorted, [](const auto &a, const auto &b) { return a.second.first > b.second.first; });
+    // stable: those with as many instructions stay in the order of their names
+    std::ranges::stable_sort(sorted, [](const auto &a, const auto &b) { return a.second.first > b.second.first; });
     std::vector<std::vector<Cell>> rows;
     for (size_t i = 0; i < std::min(TOP, sorted.size()); i++)
         rows.push_back({{sorted[i].first.empty() ? "(no symbol)" : sorted[i].first, ""},
