@@ -493,19 +493,15 @@ TEST(access_list, is_long_when_it_has_more_than_2_MiB)
 namespace
 {
 
-// Fetches in pages of 64K that each branch names, and those that are entered in sequence.
+// Fetches in pages that each branch names, and those that are entered in sequence.
 class Fetches
 {
 public:
     explicit Fetches(Tlb_Model &model) : feed_({&model}) {}
     // A branch from where the fetches are to the last instruction of a page.
-    void branch_to_end_of(uint64_t page)
-    {
-        const uint64_t target = (page << 16) + 0xfffc;
-        std::memcpy(branch_.record.next_instruction_ea, &target, sizeof(target));
-        take(branch_);
-        address_ = target;
-    }
+    void branch_to_end_of(uint64_t page) { branch_to((page << 16) + 0xfffc, CODE_64K); }
+    // The same of a page of 4K.
+    void branch_to_end_of_small(uint64_t page) { branch_to((page << 12) + 0xffc, CODE_4K); }
     void fall_through()
     {
         take(plain_);
@@ -513,6 +509,15 @@ public:
     }
 
 private:
+    static constexpr uint8_t CODE_4K = 0, CODE_64K = 1;
+
+    void branch_to(uint64_t target, uint8_t size_code)
+    {
+        std::memcpy(branch_.record.next_instruction_ea, &target, sizeof(target));
+        branch_.record.next_instruction_page_size = size_code;
+        take(branch_);
+        address_ = target;
+    }
     void take(QTRACE_Item &item)
     {
         item.address = address_;
@@ -544,6 +549,18 @@ TEST(tlb_feed, keeps_the_translations_of_65536_fetched_pages)
         fetches.fall_through(); // to the first one of page 6
         EXPECT_EQ(model.figures().not_known[0], one_more ? 2u : 1u);
     }
+}
+
+TEST(tlb_feed, knows_pages_of_every_size_that_was_named)
+{
+    Tlb_Model model({});
+    Fetches fetches(model);
+    fetches.branch_to_end_of(6);
+    fetches.branch_to_end_of_small(0x5f); // 4K before it
+    EXPECT_EQ(model.figures().not_known[0], 1u) << "the first fetch of all";
+    fetches.fall_through(); // from the last instruction of the small page
+    fetches.fall_through(); // to the first one of page 6
+    EXPECT_EQ(model.figures().not_known[0], 1u);
 }
 
 TEST(tlb_feed, without_a_header_accesses_are_those_of_process_0)

@@ -2,6 +2,7 @@
 
 #include "pte_file.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -92,7 +93,7 @@ bool Pte_Checker::search(const std::string &name, std::string &error)
     std::array<uint64_t, WALK_WORDS> last{}; // a walk and the address that it was made for
     uint64_t word, words = 0;
     while (file.next(word)) {
-        std::memmove(last.data(), last.data() + 1, sizeof(last) - sizeof(word));
+        std::shift_left(last.begin(), last.end(), 1);
         last.back() = word;
         plausible.take(word);
         if (++words >= WALK_WORDS)
