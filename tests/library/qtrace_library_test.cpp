@@ -488,6 +488,20 @@ TEST_F(trace_file, is_written_and_read_by_any_descriptor_and_gives_it_back)
     ::close(input);
 }
 
+TEST_F(trace_file, is_closed_in_programs_that_are_started_meanwhile)
+{
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+    ::close(STDIN_FILENO);
+    const QTRACE_FDESCR file = open();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), FD_CLOEXEC) << "of the writer";
+    QTRACE_Fclose(file);
+    QTRACE_Reader *const reader = qtrace_open(name_.c_str(), nullptr);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), FD_CLOEXEC) << "of the reader";
+    qtrace_close(reader);
+    ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
+}
+
 TEST_F(trace_file, that_no_longer_fits_keeps_its_sealed_blocks_and_refuses_records)
 {
     Random_Trace chance(8);
