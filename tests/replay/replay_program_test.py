@@ -109,7 +109,7 @@ class command_line(Replay_Test):
         os.close(other)
         self.assertEqual(os.read(terminal, 65536).decode(), note.replace("\n", "\r\n"))
 
-    def test_lack_of_descriptors_is_an_error(self):
+    def test_missing_script_is_told_when_few_descriptors_are_allowed(self):
         done = self.run_replay(self.stream, "script", preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (16, 16)))
         self.assertEqual(done, (1, "", "replay: script: cannot be read: No such file or directory\n"))
 
