@@ -374,6 +374,19 @@ TEST(diff_jobs, records_of_equal_groups_are_passed_over_at_once)
     }
 }
 
+// Record numbers and what is missing on either side, place by place.
+using Places = std::vector<std::array<uint64_t, 4>>;
+
+static Places places_in(Two_Files &files)
+{
+    Places places;
+    qtrace_tool::Trace_Diff diff(files.run, {*files.a, *files.b, {}}, {}, 10, [&](const auto &place) {
+        places.push_back({place.record_a, place.record_b, place.only_a, place.only_b});
+    });
+    diff.run(2, [](uint64_t) {});
+    return places;
+}
+
 TEST(diff_jobs, what_is_missing_after_equal_groups_begins_at_its_record_number)
 {
     const Folder folder;
@@ -384,12 +397,7 @@ TEST(diff_jobs, what_is_missing_after_equal_groups_begins_at_its_record_number)
     trace[1 + 1500].record.regs.gpr_out[0].value--;
     Two_Files read(folder.write("old0", trace), longer);
     EXPECT_EQ(read.groups().size(), 5u);
-    std::vector<std::array<uint64_t, 4>> places;
-    qtrace_tool::Trace_Diff diff(read.run, {*read.a, *read.b, {}}, {}, 10, [&](const auto &place) {
-        places.push_back({place.record_a, place.record_b, place.only_a, place.only_b});
-    });
-    diff.run(2, [](uint64_t) {});
-    EXPECT_EQ(places, (std::vector<std::array<uint64_t, 4>>{{1500, 1500, 0, 0}, {4780, 4780, 0, 50}}));
+    EXPECT_EQ(places_in(read), (Places{{1500, 1500, 0, 0}, {4780, 4780, 0, 50}}));
 }
 
 TEST(diff_jobs, what_is_missing_after_groups_that_were_passed_later_begins_at_its_record_number)
@@ -397,18 +405,13 @@ TEST(diff_jobs, what_is_missing_after_groups_that_were_passed_later_begins_at_it
     const Folder folder;
     constexpr uint64_t ENDS = 10 * 478 - 2; // with a block: it has 478 items, and there are two headers
     Trace trace = wide_trace(ENDS + 50);
-    trace.insert(trace.begin() + 1 + 1500,
-                 good_trace()[PARTITION]); // a difference after which groups are passed again
+    // a difference after which groups are passed again
+    trace.insert(trace.begin() + 1 + 1500, good_trace()[PARTITION]);
     const std::string longer = folder.write("new0", trace);
     trace.resize(2 + ENDS);
     trace[1 + 1500].header.pid[0] ^= 1;
     Two_Files read(folder.write("old0", trace), longer);
-    std::vector<std::array<uint64_t, 4>> places;
-    qtrace_tool::Trace_Diff diff(read.run, {*read.a, *read.b, {}}, {}, 10, [&](const auto &place) {
-        places.push_back({place.record_a, place.record_b, place.only_a, place.only_b});
-    });
-    diff.run(2, [](uint64_t) {});
-    EXPECT_EQ(places, (std::vector<std::array<uint64_t, 4>>{{1500, 1500, 0, 0}, {ENDS, ENDS, 0, 50}}));
+    EXPECT_EQ(places_in(read), (Places{{1500, 1500, 0, 0}, {ENDS, ENDS, 0, 50}}));
 }
 
 // ---- Blocks lost on either side ------------------------------------------------------------------------
